@@ -1,0 +1,180 @@
+// Add, hit, miss and fetch of the cache beside hash tables that a user would take instead.
+//
+// Each benchmark does one pass over its keys per repetition and times that pass itself; run it with
+// repetitions and random interleaving (scripts/bench does), so that drift of the machine meets all
+// tables alike. Each table is built, and gone through once, before its first timed pass.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bench/bench_tables.h"
+
+namespace bench {
+namespace {
+
+/// Passes over small tables are repeated up to this many operations.
+constexpr size_t kOperations = 2'000'000;
+
+struct Keys {
+    std::vector<Digest> known;
+    std::vector<Digest> shuffled;  ///< the known ones in another order, as asked for
+    std::vector<Digest> absent;
+};
+
+std::vector<Digest> randomDigests(size_t count, uint64_t seed) {
+    std::mt19937_64 random(seed);
+    std::vector<Digest> digests(count);
+    for (Digest& digest : digests) {
+        for (size_t at = 0; at < digest.size(); at += sizeof(uint64_t)) {
+            const uint64_t word = random();
+            memcpy(digest.data() + at, &word, sizeof word);
+        }
+    }
+    return digests;
+}
+
+const Keys& keysFor(size_t count) {
+    static std::map<size_t, Keys> made;
+    Keys& keys = made[count];
+    if (keys.known.empty()) {
+        keys = {randomDigests(count, count), {}, randomDigests(count, count + 1)};
+        keys.shuffled = keys.known;
+        std::shuffle(keys.shuffled.begin(), keys.shuffled.end(), std::mt19937_64(7));
+    }
+    return keys;
+}
+
+template <typename Work>
+double secondsOf(Work work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+template <typename Table>
+void fill(Table& table, const std::vector<Digest>& keys) {
+    for (size_t i = 0; i < keys.size(); ++i) {
+        if (!table.add(keys[i], i)) abort();
+    }
+}
+
+/// A filled table of a kind and size, made once and kept.
+template <typename Table>
+Table& filledTable(size_t count) {
+    static std::map<size_t, std::unique_ptr<Table>> made;
+    std::unique_ptr<Table>& table = made[count];
+    if (table == nullptr) {
+        table = std::make_unique<Table>(count);
+        fill(*table, keysFor(count).known);
+    }
+    return *table;
+}
+
+template <typename Table>
+void benchAdd(benchmark::State& state, size_t count) {
+    const std::vector<Digest>& keys = keysFor(count).known;
+    const size_t rounds = std::max<size_t>(1, kOperations / count);
+    for (auto _ : state) {
+        double seconds = 0;
+        for (size_t round = 0; round < rounds; ++round) {
+            std::unique_ptr<Table> table;
+            seconds += secondsOf([&] {
+                table = std::make_unique<Table>(count);
+                fill(*table, keys);
+            });
+        }
+        state.SetIterationTime(seconds);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(rounds * count));
+}
+
+/// Looks up all keys, and fails the run if one is answered wrongly.
+template <typename Lookup>
+void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, bool expected,
+                 Lookup lookup) {
+    const auto pass = [&] {
+        size_t found = 0;
+        uint64_t values = 0;
+        for (const Digest& key : keys) {
+            uint64_t value = 0;
+            if (lookup(key, value)) ++found;
+            values += value;
+        }
+        benchmark::DoNotOptimize(values);
+        if (found != (expected ? keys.size() : 0)) abort();
+    };
+    const size_t rounds = std::max<size_t>(1, kOperations / keys.size());
+    pass();
+    for (auto _ : state) {
+        state.SetIterationTime(secondsOf([&] {
+            for (size_t round = 0; round < rounds; ++round)
+                pass();
+        }));
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(rounds * keys.size()));
+}
+
+template <typename Table>
+void registerTable(const std::string& name, size_t count) {
+    using benchmark::State;
+    const auto add = [&](const std::string& work, auto run) {
+        const std::string title = work + "/" + name + "/" + std::to_string(count);
+        benchmark::RegisterBenchmark(title.c_str(), run)
+            ->Iterations(1)
+            ->UseManualTime()
+            ->Unit(benchmark::kMillisecond);
+    };
+    const auto lookup = [&](const std::string& work, auto keys, bool expected, auto call) {
+        add(work, [=](State& state) {
+            Table& table = filledTable<Table>(count);
+            benchLookup(
+                state, keysFor(count).*keys, expected,
+                [&](const Digest& key, uint64_t& value) { return (table.*call)(key, value); });
+        });
+    };
+    add("add", [=](State& state) { benchAdd<Table>(state, count); });
+    lookup("hit", &Keys::shuffled, true, &Table::exists);
+    lookup("miss", &Keys::absent, false, &Table::exists);
+    lookup("fetch", &Keys::shuffled, true, &Table::fetch);
+}
+
+/// Makes the machine hand over the memory that the run needs, so that no table pays for being the
+/// first to touch it.
+void warmMemory(size_t bytes) {
+    std::unique_ptr<char[]> memory(new char[bytes]);
+    memset(memory.get(), 1, bytes);
+    benchmark::DoNotOptimize(memory.get());
+}
+
+void registerAll(const std::vector<size_t>& counts) {
+    for (const size_t count : counts) {
+        registerTable<CacheTable>("kspool", count);
+        registerTable<AbseilTable>("abseil", count);
+        registerTable<StdTable>("std", count);
+        registerTable<BoostTable>("boost", count);
+        registerTable<DenseTable>("dense", count);
+        registerTable<SparseTable>("sparse", count);
+    }
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    std::vector<size_t> counts;
+    for (int i = 1; i < argc; ++i)
+        counts.push_back(std::stoul(argv[i]));
+    if (counts.empty()) counts = {100'000, 1'000'000, 10'000'000};
+    constexpr size_t kBytesPerEntry = 1000;
+    bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * kBytesPerEntry);
+    bench::registerAll(counts);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}

@@ -1,0 +1,14 @@
+# Warnings of our own code, as errors, and the sanitizers. Everything of ours links kspool_compiler.
+add_library(kspool_compiler INTERFACE)
+target_compile_options(kspool_compiler INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+  # Calls between our own exported functions need not go through the linker's table.
+  $<$<C_COMPILER_ID:GNU>:-fno-semantic-interposition>)
+target_include_directories(kspool_compiler INTERFACE ${PROJECT_SOURCE_DIR}
+                                                     ${PROJECT_SOURCE_DIR}/include)
+if(KSPOOL_SANITIZE)
+  target_compile_options(kspool_compiler INTERFACE
+    -fsanitize=${KSPOOL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kspool_compiler INTERFACE -fsanitize=${KSPOOL_SANITIZE})
+endif()

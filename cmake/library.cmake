@@ -1,0 +1,36 @@
+# kspool_module(NAME SOURCES...): the object files of one folder.
+function(kspool_module name)
+  add_library(${name} OBJECT ${ARGN})
+  target_link_libraries(${name} PRIVATE kspool_compiler)
+endfunction()
+
+# kspool_library(NAME MODULES...): lib<NAME>.so.1 and lib<NAME>.a (target <NAME>_static) from
+# modules. The shared library exports what cmake/exports.list names for it, and nothing else.
+function(kspool_library name)
+  set(list ${PROJECT_SOURCE_DIR}/cmake/exports.list)
+  set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
+  file(STRINGS ${list} rows REGEX "^${name}[ \t]")
+  set(script "KSPOOL_1 {\n  global:\n")
+  foreach(row IN LISTS rows)
+    string(REGEX REPLACE "^${name}[ \t]+" "" symbol ${row})
+    string(APPEND script "    ${symbol};\n")
+  endforeach()
+  string(APPEND script "  local: *;\n};\n")
+  set(map ${PROJECT_BINARY_DIR}/${name}.map)
+  file(CONFIGURE OUTPUT ${map} CONTENT "${script}" @ONLY)
+
+  set(objects "")
+  foreach(module IN LISTS ARGN)
+    list(APPEND objects $<TARGET_OBJECTS:${module}>)
+  endforeach()
+  add_library(${name} SHARED ${objects})
+  add_library(${name}_static STATIC ${objects})
+  set_target_properties(${name} PROPERTIES SOVERSION 1 LINKER_LANGUAGE CXX LINK_DEPENDS ${map})
+  set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} LINKER_LANGUAGE CXX)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${map} -Wl,--no-undefined)
+  target_link_libraries(${name} PRIVATE kspool_compiler)
+  foreach(target ${name} ${name}_static)
+    target_include_directories(${target} INTERFACE ${PROJECT_SOURCE_DIR}
+                                                   ${PROJECT_SOURCE_DIR}/include)
+  endforeach()
+endfunction()

@@ -1,0 +1,76 @@
+// The option-code space as one table: what each consumer does with each code.
+#ifndef COMMON_OPTION_TABLE_H
+#define COMMON_OPTION_TABLE_H
+
+#include <cstdint>
+
+#include "ks_option.h"
+
+namespace kspool {
+
+/// A variadic option list: how the value that follows a code is read.
+enum class VaValue : uint8_t {
+    EndsList,  ///< no value follows; the list is over
+    Refused,   ///< the list is not accepted
+    Word64,    ///< 64 bits, integer or text
+    Word32,    ///< a 32-bit integer, stored zero-extended
+};
+
+/// Options of a session.
+enum class SessionUse : uint8_t {
+    CrOnly,     ///< another component's: ignored with a trace
+    SpOnly,     ///< another component's: ignored with a trace
+    Ignored,    ///< ignored without a trace
+    Forwarded,  ///< passed on to the agent configuration
+    Recorded,   ///< the value is kept in the session
+    Transport,  ///< passed on to the transport under `transportCode`
+    Rejected,   ///< ends the call
+};
+
+/// Options of an agent configuration: the field that the value goes to.
+enum class ConfigField : uint8_t {
+    None,  ///< ignored
+    Login,
+    Password,
+    ApplicationName,
+    RouteTableDir,
+    SpaUrl,
+    MbsUrl,
+    FingerprintType,
+    DoType,
+};
+
+/// Which texts an agent configuration accepts besides full ones.
+enum class ConfigText : uint8_t {
+    NotText,
+    NonEmpty,      ///< neither NULL nor empty
+    MayBeEmpty,    ///< empty, but not NULL
+    ClearsIfNone,  ///< NULL or empty clears the field
+};
+
+/// One run of codes that are treated alike.
+struct OptionRow {
+    uint32_t first;
+    uint32_t last;
+    VaValue vaValue;
+    SessionUse session;
+    bool refreshesTransport;  ///< login, password, URL and key go to the transport again
+    uint32_t transportCode;   ///< WS_OPT_... of a SessionUse::Transport row
+    ConfigField field;
+    ConfigText text;
+    uint32_t capacity;  ///< texts must be shorter than this
+};
+
+/// How many records of a kind one call takes.
+enum OptionLimit : uint32_t {
+    kMaxVaOptions = 32,
+    kMaxForwardedOptions = 31,
+    kMaxTransportOptions = 7,
+};
+
+/// The row of a code. Every code has one.
+const OptionRow& optionRow(uint32_t code) noexcept;
+
+}  // namespace kspool
+
+#endif

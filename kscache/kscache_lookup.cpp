@@ -1,0 +1,71 @@
+// Insert, fetch and presence test: three ways of looking at what one search found.
+#include "kscache/kscache_int.h"
+#include "kscache/kscache_tree.h"
+
+using namespace kspool;
+
+namespace {
+
+uint32_t checkRequest(const KSCache* cache, const void* fingerprint) {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    return fingerprint != nullptr ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
+}
+
+void countReference(KSCacheNode& node) {
+    if (node.refCount < kMaximumRefCount) ++node.refCount;
+}
+
+void fillNode(KSCacheNode& node, const Key& key, uint64_t value) {
+    memcpy(node.fingerprint, key.bytes, digestLength(key.type));
+    node.higher = nullptr;
+    node.lower = nullptr;
+    node.value = value;
+    node.refCount = 1;
+    node.type = key.type;
+}
+
+}  // namespace
+
+uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type, uint64_t value,
+                    void* addArg) noexcept {
+    if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
+    const Key key = makeKey(fingerprint, type);
+    KSCacheNode** link = findLink(cache, key);
+    if (KSCacheNode* known = *link) {
+        ++cache->hits;
+        countReference(*known);
+        if (cache->callback != nullptr && addArg != nullptr) {
+            cache->callback(addArg, cache->callbackArg);
+        }
+        return CR_STATUS_EXISTS;
+    }
+    KSCacheNode* node = newnode(cache);
+    if (node == nullptr) return statusSlot();
+    ++cache->cachedItems;
+    fillNode(*node, key, value);
+    *link = node;
+    return CR_STATUS_OK;
+}
+
+uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, uint32_t type,
+                      uint64_t* valueOut) noexcept {
+    if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
+    const KSCacheNode* node = *findLink(cache, makeKey(fingerprint, type));
+    if (node == nullptr) return CR_STATUS_NOT_FOUND;
+    if (valueOut != nullptr) *valueOut = node->value;
+    return CR_STATUS_OK;
+}
+
+uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint32_t type,
+                       uint64_t* valueOut) noexcept {
+    if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
+    KSCacheNode* node = *findLink(cache, makeKey(fingerprint, type));
+    if (node == nullptr) {
+        ++cache->misses;
+        return CR_STATUS_NOT_FOUND;
+    }
+    countReference(*node);
+    if (valueOut != nullptr) *valueOut = node->value;
+    ++cache->hits;
+    return CR_STATUS_OK;
+}

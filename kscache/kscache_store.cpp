@@ -1,0 +1,143 @@
+// The life of a cache: create, reset, destroy, statistics.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+#include "kscache/kscache_int.h"
+
+namespace kspool {
+namespace {
+
+/// Pages stay below 4 GiB.
+constexpr uint64_t kMaximumAreaSize = UINT32_MAX / kNodeSize;
+
+void freeRoots(KSCache* cache) {
+    if (cache->roots != &cache->inlineRoot) free(static_cast<void*>(cache->roots));
+    cache->roots = nullptr;
+}
+
+/// Forgets all but the settings.
+void keepSettings(KSCache* cache) {
+    KSCache fresh{};
+    fresh.magic = kCacheMagic;
+    fresh.lockPages = cache->lockPages;
+    fresh.areaSize = cache->areaSize;
+    fresh.bits = cache->bits;
+    fresh.callback = cache->callback;
+    fresh.callbackArg = cache->callbackArg;
+    *cache = fresh;
+}
+
+void settleBits(KSCache* cache) {
+    if (cache->bits < 1 || cache->bits > kMaximumBits) cache->bits = kDefaultBits;
+    KS_TRACE("KSCacheInit: bits = %i", static_cast<int>(cache->bits));
+}
+
+/// Rounds the area size up to whole system pages and holds it between its limits.
+void settleAreaSize(KSCache* cache) {
+    const int asked = static_cast<int>(cache->areaSize);
+    const uint64_t slots = roundUp(cache->areaSize * kNodeSize, systemPageSize()) / kNodeSize;
+    if (slots < kMinimumAreaSize) {
+        KS_TRACE(
+            "KSCacheInit: specified area size %i smaller than minimum allowed. Resetting to "
+            "minimum value of %i",
+            asked, static_cast<int>(kMinimumAreaSize));
+    }
+    cache->areaSize =
+        static_cast<uint32_t>(std::clamp<uint64_t>(slots, kMinimumAreaSize, kMaximumAreaSize));
+    KS_TRACE("KSCacheInit: configured area size: %i. Actual area size: %i", asked,
+             static_cast<int>(cache->areaSize));
+}
+
+uint32_t printedSize(uint64_t bytes) {
+    return static_cast<uint32_t>(std::min<uint64_t>(bytes, UINT32_MAX));
+}
+
+/// Makes the root table: as large as wanted, else halved until it can be had, at last the root in
+/// the handle itself.
+void makeRoots(KSCache* cache) {
+    for (;;) {
+        const uint64_t bytes = sizeof(KSCacheNode*) << cache->bits;
+        cache->roots = static_cast<KSCacheNode**>(calloc(1, bytes));
+        if (cache->roots != nullptr) {
+            adviseHugePages(static_cast<void*>(cache->roots), bytes);
+            break;
+        }
+        if (cache->bits == 0) {
+            cache->roots = &cache->inlineRoot;
+            break;
+        }
+        KS_WARNING(ENOMEM,
+                   "KSCacheInit: Failed to allocate %u bytes for root entries. Trying to allocate "
+                   "%u bytes.",
+                   printedSize(bytes), printedSize(bytes / 2));
+        --cache->bits;
+    }
+    const uint32_t count = uint32_t{1} << cache->bits;
+    cache->mask = count - 1;
+    KS_TRACE("KSCacheInit: initialized using %i bits (mask %u, %i root nodes)",
+             static_cast<int>(cache->bits), cache->mask, static_cast<int>(count));
+}
+
+}  // namespace
+
+void cacheInit(KSCache* cache) noexcept {
+    if (cache == nullptr) return;
+    freeRoots(cache);
+    keepSettings(cache);
+    settleBits(cache);
+    settleAreaSize(cache);
+    makeRoots(cache);
+}
+
+}  // namespace kspool
+
+using namespace kspool;
+
+KSCache* KSCacheCreate(uint32_t areaSize, uint32_t bits, uint32_t lockPages,
+                       KSCacheAddCallback callback, void* callbackArg) noexcept {
+    auto* cache = static_cast<KSCache*>(calloc(1, sizeof(KSCache)));
+    if (cache == nullptr) {
+        storeSystemError("KSCacheCreate", kSourceFile);
+        return nullptr;
+    }
+    cache->areaSize = areaSize;
+    cache->bits = bits;
+    cache->lockPages = lockPages;
+    cache->callback = callback;
+    cache->callbackArg = callbackArg;
+    cacheInit(cache);
+    return cache;
+}
+
+void KSCacheDestroy(KSCache* cache) noexcept {
+    if (cache == nullptr) return;
+    cacheRelease(cache->firstPage);
+    freeRoots(cache);
+    free(cache);
+}
+
+void KSCacheReset(KSCache* cache) noexcept {
+    if (cache == nullptr) return;
+    cacheRelease(cache->firstPage);
+    cacheInit(cache);
+}
+
+uint32_t KSCacheStats(const KSCache* cache, KSCacheStatsRecord* stats) noexcept {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    if (stats == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    *stats = {
+        .cacheSize = cache->cacheSize,
+        .cachedItems = cache->cachedItems,
+        .hits = cache->hits,
+        .misses = cache->misses,
+        .freeListCount = cache->freeListCount,
+        .pageCount = cache->pageCount,
+        .nodesAvailable = cache->nodesAvailable,
+        .lockPages = cache->lockPages,
+        .areaSize = cache->areaSize,
+        .bits = cache->bits,
+        .nodeSize = kNodeSize,
+    };
+    return CR_STATUS_OK;
+}

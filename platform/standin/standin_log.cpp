@@ -1,0 +1,155 @@
+// The support library's stand-in: trace switch, messages, their sink and the fatal-error record.
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <memory>
+#include <mutex>
+
+#include "platform/support.h"
+
+namespace {
+
+int traceSwitch = 0;
+
+struct LevelName {
+    uint32_t level;
+    const char* name;
+};
+
+constexpr LevelName kLevelNames[] = {
+    {QLX_LEVEL_TRACE, "trace"},   {QLX_LEVEL_NOTE, "note"},       {QLX_LEVEL_INFO, "info"},
+    {QLX_LEVEL_NOTICE, "notice"}, {QLX_LEVEL_WARNING, "warning"}, {QLX_LEVEL_ERROR, "error"},
+};
+
+struct FreeText {
+    void operator()(char* text) const { free(text); }
+};
+
+/// A formatted text of any length. Short ones, and what can be kept when memory is out, stay in
+/// the object itself.
+class Message {
+  public:
+    QLX_PRINTF(2, 0) Message(const char* format, va_list arguments) {
+        va_list again;
+        va_copy(again, arguments);
+        short_[0] = '\0';
+        const int length = vsnprintf(short_, sizeof short_, format, arguments);
+        if (length >= static_cast<int>(sizeof short_)) {
+            const size_t size = static_cast<size_t>(length) + 1;
+            long_.reset(static_cast<char*>(malloc(size)));
+            if (long_ != nullptr) vsnprintf(long_.get(), size, format, again);
+        }
+        va_end(again);
+    }
+    const char* text() const { return long_ != nullptr ? long_.get() : short_; }
+
+  private:
+    char short_[1024];
+    std::unique_ptr<char, FreeText> long_;
+};
+
+/// One line per message, in one write, so that messages of several processes do not mix.
+void writeToStderr(uint32_t level, uint32_t status, const char* text) {
+    const auto* row = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
+                                   [=](const LevelName& l) { return l.level == level; });
+    char head[64];
+    if (row == std::end(kLevelNames)) {
+        snprintf(head, sizeof head, "level %u %u", level, status);
+    } else if (level == QLX_LEVEL_TRACE) {
+        snprintf(head, sizeof head, "%s", row->name);
+    } else {
+        snprintf(head, sizeof head, "%s %u", row->name, status);
+    }
+    dprintf(STDERR_FILENO, "%s[%d] %s: %s\n", OSGetProcName(0), getpid(), head, text);
+}
+
+std::mutex sinkLock;
+QLXSink currentSink = nullptr;
+void* currentSinkArg = nullptr;
+
+QLX_PRINTF(3, 0)
+void emit(uint32_t level, uint32_t status, const char* format, va_list arguments) {
+    const int savedErrno = errno;
+    const Message message(format, arguments);
+    {
+        const std::lock_guard<std::mutex> hold(sinkLock);
+        if (currentSink != nullptr) {
+            currentSink(level, status, message.text(), currentSinkArg);
+        } else {
+            writeToStderr(level, status, message.text());
+        }
+    }
+    errno = savedErrno;
+}
+
+std::mutex fatalLock;
+uint32_t fatalId = 0;
+char fatalFunction[128];
+char fatalMessage[4096];
+
+}  // namespace
+
+int* __qlxlog_trace_location() noexcept {
+    return &traceSwitch;
+}
+
+void qlxSetSink(QLXSink sink, void* arg) noexcept {
+    const std::lock_guard<std::mutex> hold(sinkLock);
+    currentSink = sink;
+    currentSinkArg = arg;
+}
+
+// A variadic function can hand on its arguments only as a va_list, so each entry has this body.
+#define EMIT(level, status)                     \
+    do {                                        \
+        va_list arguments;                      \
+        va_start(arguments, format);            \
+        emit(level, status, format, arguments); \
+        va_end(arguments);                      \
+    } while (false)
+
+void __TraceA(const char* format, ...) noexcept {
+    EMIT(QLX_LEVEL_TRACE, 0);
+}
+void ErrorA(uint32_t status, const char* format, ...) noexcept {
+    EMIT(QLX_LEVEL_ERROR, status);
+}
+void WarningA(uint32_t status, const char* format, ...) noexcept {
+    EMIT(QLX_LEVEL_WARNING, status);
+}
+void NoticeA(uint32_t status, const char* format, ...) noexcept {
+    EMIT(QLX_LEVEL_NOTICE, status);
+}
+void InfoA(uint32_t status, const char* format, ...) noexcept {
+    EMIT(QLX_LEVEL_INFO, status);
+}
+void qlxLogA(uint32_t status, uint32_t level, const char* format, ...) noexcept {
+    EMIT(level, status);
+}
+
+#undef EMIT
+
+void qlxSetFatalError(const char* function, uint32_t id, const char* format, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, format);
+    const Message message(format, arguments);
+    va_end(arguments);
+    const std::lock_guard<std::mutex> hold(fatalLock);
+    fatalId = id;
+    qlxstrcpy(fatalFunction, function, sizeof fatalFunction);
+    qlxstrcpy(fatalMessage, message.text(), sizeof fatalMessage);
+}
+
+uint32_t qlxGetFatalError(char* function, size_t functionSize, char* message,
+                          size_t messageSize) noexcept {
+    const std::lock_guard<std::mutex> hold(fatalLock);
+    qlxstrcpy(function, fatalFunction, functionSize);
+    qlxstrcpy(message, fatalMessage, messageSize);
+    return fatalId;
+}

@@ -1,0 +1,89 @@
+// The support library's stand-in: texts, files, magic headers and process facts.
+#include <endian.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "platform/support.h"
+
+namespace {
+
+// The first byte is no text character, and a transfer that rewrites line ends breaks the rest.
+constexpr char kSignature[8] = {'\x8b', 'K', 'S', 'P', '\r', '\n', '\x1a', '\n'};
+
+struct MagicOnDisk {
+    char signature[8];
+    uint32_t type;
+    uint32_t zero;
+    uint64_t value;
+};
+static_assert(sizeof(MagicOnDisk) == QLX_MAGIC_LENGTH);
+
+/// Moves all of `size` bytes with read() or write(), however short each call falls.
+template <typename Call, typename Byte>
+bool transferAll(Call call, int fd, Byte* bytes, size_t size) {
+    while (size > 0) {
+        const ssize_t moved = call(fd, bytes, size);
+        if (moved < 0 && errno == EINTR) continue;
+        if (moved <= 0) return false;
+        bytes += moved;
+        size -= static_cast<size_t>(moved);
+    }
+    return true;
+}
+
+}  // namespace
+
+char* qlxstrcpy(char* destination, const char* source, size_t size) noexcept {
+    if (size == 0) return destination;
+    const size_t length = strnlen(source, size - 1);
+    memcpy(destination, source, length);
+    destination[length] = '\0';
+    return destination;
+}
+
+char* qlxstrpbrk(const char* text, const char* set) noexcept {
+    return const_cast<char*>(strpbrk(text, set));
+}
+
+int qlx_access(const char* path, int mode) noexcept {
+    return access(path, mode);
+}
+
+int qlx_unlink(const char* path) noexcept {
+    return unlink(path);
+}
+
+int qlxMagicWrite(uint32_t type, int fd, uint64_t value) noexcept {
+    MagicOnDisk magic = {{}, htole32(type), 0, htole64(value)};
+    memcpy(magic.signature, kSignature, sizeof kSignature);
+    return transferAll(write, fd, reinterpret_cast<const char*>(&magic), sizeof magic) ? 0 : -1;
+}
+
+uint32_t qlxMagicRead(int fd, QLXMagic* header) noexcept {
+    *header = {};
+    MagicOnDisk magic;
+    if (!transferAll(read, fd, reinterpret_cast<char*>(&magic), sizeof magic)) return 0;
+    if (memcmp(magic.signature, kSignature, sizeof kSignature) != 0) return 0;
+    *header = {le64toh(magic.value), le32toh(magic.type), 0};
+    return header->type;
+}
+
+const char* OSGetProcName(int) noexcept {
+    const char* name = program_invocation_short_name;
+    return name != nullptr && *name != '\0' ? name : "unknown";
+}
+
+uint64_t OSGetRSS() noexcept {
+    struct CloseFile {
+        void operator()(FILE* file) const { fclose(file); }
+    };
+    const std::unique_ptr<FILE, CloseFile> file(fopen("/proc/self/statm", "re"));
+    unsigned long long pages = 0;
+    if (file == nullptr || fscanf(file.get(), "%*u %llu", &pages) != 1) return 0;
+    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}

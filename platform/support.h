@@ -1,0 +1,118 @@
+/*
+ * The support library: messages, small file and text helpers, process facts.
+ *
+ * This header is a contract without code. The first part is what the library calls; the second is
+ * for programs that want to see or steer the messages.
+ *
+ * Messages are printf-style, of any length, and may be written from any thread. No call here
+ * touches the status slot; the message calls leave errno alone too.
+ */
+#ifndef PLATFORM_SUPPORT_H
+#define PLATFORM_SUPPORT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kspool_api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define QLX_PRINTF(text, first) __attribute__((format(printf, text, first)))
+
+enum QLXLevel {
+    QLX_LEVEL_TRACE = 0,
+    QLX_LEVEL_NOTE = 16,
+    QLX_LEVEL_INFO = 24,
+    QLX_LEVEL_NOTICE = 32,
+    QLX_LEVEL_WARNING = 64,
+    QLX_LEVEL_ERROR = 128
+};
+
+/* ---- What the library calls ---- */
+
+/* The trace switch of the process, never NULL: tracing is on while it is not 0. */
+KSPOOL_API int* __qlxlog_trace_location(void) KSPOOL_NOEXCEPT;
+
+/* Writes one trace message. The caller looks at the switch; this call does not. */
+KSPOOL_API void __TraceA(const char* format, ...) KSPOOL_NOEXCEPT QLX_PRINTF(1, 2);
+
+/* Log one message about a status (or event code, or 0xFFFFFFFF where none applies). */
+KSPOOL_API void ErrorA(uint32_t status, const char* format, ...) KSPOOL_NOEXCEPT QLX_PRINTF(2, 3);
+KSPOOL_API void WarningA(uint32_t status, const char* format, ...) KSPOOL_NOEXCEPT QLX_PRINTF(2, 3);
+KSPOOL_API void NoticeA(uint32_t status, const char* format, ...) KSPOOL_NOEXCEPT QLX_PRINTF(2, 3);
+KSPOOL_API void InfoA(uint32_t status, const char* format, ...) KSPOOL_NOEXCEPT QLX_PRINTF(2, 3);
+
+/* The same at a level of the caller's choice. */
+KSPOOL_API void qlxLogA(uint32_t status, uint32_t level, const char* format, ...) KSPOOL_NOEXCEPT
+    QLX_PRINTF(3, 4);
+
+/* Records a fatal error for the process, in place of the one recorded before. */
+KSPOOL_API void qlxSetFatalError(const char* function, uint32_t id, const char* format,
+                                 ...) KSPOOL_NOEXCEPT QLX_PRINTF(3, 4);
+
+/* Copies at most size - 1 characters and terminates; nothing for size 0. Returns `destination`. */
+KSPOOL_API char* qlxstrcpy(char* destination, const char* source, size_t size) KSPOOL_NOEXCEPT;
+
+/* The first character of `text` that is in `set`, or NULL. */
+KSPOOL_API char* qlxstrpbrk(const char* text, const char* set) KSPOOL_NOEXCEPT;
+
+/* 0 when the file may be used so (4: read), otherwise -1 with errno set. */
+KSPOOL_API int qlx_access(const char* path, int mode) KSPOOL_NOEXCEPT;
+
+/* Removes a file: 0, or -1 with errno set. */
+KSPOOL_API int qlx_unlink(const char* path) KSPOOL_NOEXCEPT;
+
+/* What qlxMagicRead() fills. */
+typedef struct QLXMagic {
+    uint64_t value;
+    uint32_t type;
+    uint32_t reserved; /* 0 */
+} QLXMagic;
+
+enum { QLX_MAGIC_LENGTH = 24 }; /* bytes of a magic header in a file, whatever type and value */
+
+/*
+ * Writes a magic header at the descriptor's position. On the disk, little-endian: 8 bytes of
+ * signature, type (32 bits), 0 (32 bits), value (64 bits). 0, or -1 with errno set.
+ */
+KSPOOL_API int qlxMagicWrite(uint32_t type, int fd, uint64_t value) KSPOOL_NOEXCEPT;
+
+/*
+ * Reads a magic header from the descriptor's position and leaves the position just past it.
+ * Returns its type, which is never 0; returns 0 with `header` cleared when there is no whole header
+ * (the position is then undefined).
+ */
+KSPOOL_API uint32_t qlxMagicRead(int fd, QLXMagic* header) KSPOOL_NOEXCEPT;
+
+/* The name of the running process, never NULL or empty. The argument is 0. */
+KSPOOL_API const char* OSGetProcName(int unused) KSPOOL_NOEXCEPT;
+
+/* The process's resident memory in bytes; 0 when it cannot be told. */
+KSPOOL_API uint64_t OSGetRSS(void) KSPOOL_NOEXCEPT;
+
+/* ---- For programs ---- */
+
+/* Receives each message: level (QLX_LEVEL_...), status (0 for traces), text without line end. */
+typedef void (*QLXSink)(uint32_t level, uint32_t status, const char* text, void* arg);
+
+/*
+ * Sends all messages to `sink` (NULL: back to stderr). Messages are handed over one at a time, from
+ * the thread that writes them; the sink must not write messages itself. When the call returns, no
+ * thread is inside the old sink any more.
+ */
+KSPOOL_API void qlxSetSink(QLXSink sink, void* arg) KSPOOL_NOEXCEPT;
+
+/*
+ * Copies the fatal-error record: returns its identifier, 0 when nothing was recorded. Texts are cut
+ * to their sizes and terminated; NULL with size 0 is allowed.
+ */
+KSPOOL_API uint32_t qlxGetFatalError(char* function, size_t functionSize, char* message,
+                                     size_t messageSize) KSPOOL_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
