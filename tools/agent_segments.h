@@ -1,0 +1,58 @@
+// Cutting files into segments and fingerprinting them.
+#ifndef TOOLS_AGENT_SEGMENTS_H
+#define TOOLS_AGENT_SEGMENTS_H
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace agent {
+
+using Digest = std::array<uint8_t, 32>;
+
+/// A digest algorithm by its command-line name, with the fingerprint type it makes.
+struct DigestKind {
+    const char* name;      ///< "sha256"
+    const char* provided;  ///< the name that the crypto library knows it by
+    uint32_t fingerprintType;
+};
+
+/// NULL when there is none of that name.
+const DigestKind* digestKind(const std::string& name);
+
+/// The names, for help and checks.
+std::vector<std::string> digestNames();
+
+/// Fingerprints the segments of files, one file after the other.
+class Segmenter {
+  public:
+    /// Segments are `segmentSize` bytes long, the last of a file may be shorter.
+    Segmenter(const DigestKind& kind, size_t segmentSize);
+    ~Segmenter();
+    Segmenter(const Segmenter&) = delete;
+    Segmenter& operator=(const Segmenter&) = delete;
+
+    /// Empty when the algorithm can be used, else why not.
+    const std::string& problem() const { return problem_; }
+
+    /// Hands the digest and length of each segment over, in order. Returns empty, or what went
+    /// wrong: the segments before that point have then been handed over.
+    std::string cutFile(const std::string& path,
+                        const std::function<void(const Digest& digest, size_t length)>& segment);
+
+  private:
+    struct Crypto;
+
+    bool digestOf(size_t length, Digest& digest);
+
+    std::unique_ptr<Crypto> crypto_;
+    std::vector<unsigned char> buffer_;
+    std::string problem_;
+};
+
+}  // namespace agent
+
+#endif

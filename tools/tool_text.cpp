@@ -1,0 +1,62 @@
+#include "tools/tool_text.h"
+
+#include <array>
+#include <cstdio>
+
+namespace tool {
+namespace {
+
+std::string formatted(const char* format, double number, const char* unit) {
+    std::array<char, 64> text{};
+    snprintf(text.data(), text.size(), format, number, unit);
+    return text.data();
+}
+
+}  // namespace
+
+void complain(const std::string& program, const std::string& text) {
+    fprintf(stderr, "%s: %s\n", program.c_str(), text.c_str());
+}
+
+std::string humanBytes(double bytes) {
+    constexpr std::array kUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    size_t unit = 0;
+    while (bytes >= 1024 && unit + 1 < kUnits.size()) {
+        bytes /= 1024;
+        ++unit;
+    }
+    return formatted(unit == 0 ? "%.0f %s" : "%.2f %s", bytes, kUnits[unit]);
+}
+
+std::string humanCount(uint64_t count) {
+    std::string text = std::to_string(count);
+    for (size_t at = text.size(); at > 3;) {
+        at -= 3;
+        text.insert(at, ",");
+    }
+    return text;
+}
+
+std::string humanSeconds(double seconds) {
+    if (seconds < 1e-6) return formatted("%.0f %s", seconds * 1e9, "ns");
+    if (seconds < 1e-3) return formatted("%.1f %s", seconds * 1e6, "us");
+    if (seconds < 1) return formatted("%.1f %s", seconds * 1e3, "ms");
+    return formatted("%.2f %s", seconds, "s");
+}
+
+std::string printable(const std::string& name) {
+    std::string text;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            text += c;
+            continue;
+        }
+        std::array<char, 8> code{};
+        snprintf(code.data(), code.size(), "\\x%02x", byte);
+        text += code.data();
+    }
+    return text;
+}
+
+}  // namespace tool
