@@ -50,7 +50,9 @@ Survey survey(const ScanOptions& options) {
 CachePointer makeCache(const ScanOptions& options, uint64_t segments) {
     constexpr uint64_t kSmallestArea = 1024;
     constexpr uint64_t kLargestArea = 1 << 20;
-    const auto bits = static_cast<uint32_t>(std::clamp(std::bit_width(segments), 4, 29));
+    const auto log2RoundedUp =
+        static_cast<uint32_t>(std::bit_width(std::max<uint64_t>(segments, 1) - 1));
+    const uint32_t bits = std::clamp(log2RoundedUp, 4U, 29U);
     const auto area =
         static_cast<uint32_t>(std::clamp(segments / 200, kSmallestArea, kLargestArea));
     return CachePointer(KSCacheCreate(options.areaSize != 0 ? options.areaSize : area,
