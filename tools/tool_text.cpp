@@ -29,10 +29,11 @@ std::string humanBytes(double bytes) {
 }
 
 std::string humanCount(uint64_t count) {
-    std::string text = std::to_string(count);
-    for (size_t at = text.size(); at > 3;) {
-        at -= 3;
-        text.insert(at, ",");
+    const std::string digits = std::to_string(count);
+    std::string text;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) text += ',';
+        text += digits[i];
     }
     return text;
 }
