@@ -72,8 +72,8 @@ std::vector<std::string> digestNames() {
 
 struct Segmenter::Crypto {
     struct Free {
-        void operator()(EVP_MD* algorithm) const { EVP_MD_free(algorithm); }
-        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+        void operator()(EVP_MD* md) const { EVP_MD_free(md); }
+        void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
     };
     std::unique_ptr<EVP_MD, Free> algorithm;
     std::unique_ptr<EVP_MD_CTX, Free> context;

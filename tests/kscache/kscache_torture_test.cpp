@@ -1,0 +1,117 @@
+// Each scenario is run again and again with its n-th fallible call failing, for every n, once and
+// from then on, until a run has no such call. Linked statically, so that every call is caught.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <map>
+
+#include "cr_status.h"
+#include "kscache.h"
+#include "platform/status.h"
+#include "tests/support/cache_invariants.h"
+#include "tests/support/scripted_platform.h"
+#include "tests/support/system_calls.h"
+
+namespace {
+
+constexpr uint32_t kNoMemory = 1012;
+
+struct Scenario {
+    const char* name;
+    uint32_t areaSize, bits, lockPages, entries;
+    bool resets;
+};
+
+std::ostream& operator<<(std::ostream& out, const Scenario& scenario) {
+    return out << scenario.name;
+}
+
+/// What a caller sees of a run must be right: a status for each call, and what was taken is there.
+class Life {
+  public:
+    explicit Life(const Scenario& scenario) : s_(scenario) {}
+
+    void go() {
+        cache_ = KSCacheCreate(s_.areaSize, s_.bits, s_.lockPages, nullptr, nullptr);
+        if (cache_ == nullptr) {
+            EXPECT_EQ(*__cr_errno_location(), kNoMemory);
+        } else {
+            fill();
+            if (s_.resets) {
+                KSCacheReset(cache_);
+                taken_.clear();
+                fill();
+            }
+        }
+        KSCacheDestroy(cache_);
+        EXPECT_EQ(calls::live(), 0U);
+    }
+
+  private:
+    struct Words {
+        uint32_t w[8];
+    };
+    static Words key(uint32_t i) { return {{i, 0, 0, i * 2654435761U}}; }
+
+    void fill() {
+        for (uint32_t i = 0; i < s_.entries; ++i) {
+            const Words k = key(i);
+            *__cr_errno_location() = 7;
+            const uint32_t status = KSCacheAdd(cache_, k.w, 3, i, nullptr);
+            EXPECT_TRUE(status == CR_STATUS_OK || status == kNoMemory) << status;
+            EXPECT_EQ(*__cr_errno_location(), status == CR_STATUS_OK ? 7 : status);
+            taken_[i] = status == CR_STATUS_OK;
+        }
+        ASSERT_EQ(brokenInvariant(cache_), "");
+        for (const auto& [i, taken] : taken_) {
+            uint64_t value = 0;
+            const Words k = key(i);
+            ASSERT_EQ(KSCacheFetch(cache_, k.w, 3, &value),
+                      taken ? CR_STATUS_OK : CR_STATUS_NOT_FOUND);
+            EXPECT_EQ(value, taken ? i : 0);
+        }
+    }
+
+    const Scenario& s_;
+    KSCache* cache_ = nullptr;
+    std::map<uint32_t, bool> taken_;
+};
+
+class Torture : public testing::TestWithParam<Scenario> {
+  public:
+    static void TearDownTestSuite() {
+        printf("torture: %zu runs with a failing call\n", runs);
+        for (int call = 0; call < calls::kCalls; ++call) {
+            EXPECT_GT(calls::made(static_cast<calls::Call>(call)), 0U) << "call " << call;
+        }
+    }
+    static size_t runs;
+};
+size_t Torture::runs = 0;
+
+TEST_P(Torture, EveryCallFailsInTurn) {
+    for (const bool fromThenOn : {false, true}) {
+        for (size_t nth = 1;; ++nth) {
+            SCOPED_TRACE("call " + std::to_string(nth) + (fromThenOn ? " and all after it" : ""));
+            scripted::reset();
+            calls::watch();
+            calls::fail({.nth = nth, .fromThenOn = fromThenOn});
+            Life(GetParam()).go();
+            const size_t failed = calls::failures();
+            calls::leaveAlone();
+            if (failed == 0 || HasFailure()) break;
+            ++runs;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, Torture,
+                         testing::Values(Scenario{"create", 0, 20, 0, 0, false},
+                                         Scenario{"growth", 0, 6, 0, 5000, false},
+                                         Scenario{"lockedGrowth", 0, 6, 1, 3000, false},
+                                         Scenario{"reset", 1080, 4, 0, 2500, true},
+                                         Scenario{"lockedReset", 2000, 1, 1, 2100, true},
+                                         Scenario{"hugePages", 40000, 19, 0, 40100, false}),
+                         [](const auto& given) { return given.param.name; });
+
+}  // namespace

@@ -1,0 +1,207 @@
+// The platform's contracts, against whatever platform library is linked.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "cr_status.h"
+#include "platform/status.h"
+#include "platform/support.h"
+
+namespace {
+
+struct Heard {
+    uint32_t level, status;
+    std::string text;
+};
+
+/// Collects messages while it lives.
+class Ear {
+  public:
+    Ear() { qlxSetSink(hear, this); }
+    ~Ear() { qlxSetSink(nullptr, nullptr); }
+    Ear(const Ear&) = delete;
+    Ear& operator=(const Ear&) = delete;
+    std::vector<Heard> heard;
+
+  private:
+    static void hear(uint32_t level, uint32_t status, const char* text, void* ear) {
+        static_cast<Ear*>(ear)->heard.push_back({level, status, text});
+        errno = EDOM;
+    }
+};
+
+/// A folder that goes with the test.
+struct Folder {
+    Folder() {
+        char name[] = "/tmp/kspool-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~Folder() { std::filesystem::remove_all(path); }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    std::string path;
+};
+
+TEST(PlatformStatus, EveryStatusHasATextOfItsOwn) {
+    std::vector<std::string> texts;
+    for (const uint32_t status : {0U,  1U,  2U,  4U,  9U,  10U,  11U,  14U,   22U,   23U,
+                                  25U, 32U, 44U, 82U, 85U, 106U, 108U, 1002U, 1012U, 77777U}) {
+        texts.emplace_back(CRStatusToStringA(status));
+        EXPECT_NE(texts.back(), "");
+    }
+    EXPECT_EQ(std::string(CRStatusToStringA(1012)), strerror(ENOMEM));
+    EXPECT_EQ(std::string(CRStatusToStringA(1999)), texts.back());
+    std::sort(texts.begin(), texts.end());
+    EXPECT_EQ(std::adjacent_find(texts.begin(), texts.end()), texts.end());
+}
+
+TEST(PlatformStatus, SystemErrorsAreMappedAndNothingIsDisturbed) {
+    Ear ear;
+    for (const auto& [error, status] : {std::pair{ENOMEM, 1012U}, {EACCES, 1013U}, {0, 1005U}}) {
+        for (const int trace : {0, 1}) {
+            *__qlxlog_trace_location() = trace;
+            *__cr_errno_location() = 7;
+            errno = error;
+            EXPECT_EQ(_crMapError("function", "../file", 12), status);
+            EXPECT_EQ(errno, error);
+            EXPECT_EQ(*__cr_errno_location(), 7U);
+        }
+    }
+    *__qlxlog_trace_location() = 0;
+    ASSERT_EQ(ear.heard.size(), 3U);
+    EXPECT_NE(ear.heard[0].text.find("function (../file:12)"), std::string::npos);
+}
+
+TEST(PlatformStatus, TheSlotIsTheThreads) {
+    *__cr_errno_location() = 7;
+    std::thread([] {
+        EXPECT_EQ(*__cr_errno_location(), 0U);
+        *__cr_errno_location() = 8;
+    }).join();
+    EXPECT_EQ(*__cr_errno_location(), 7U);
+}
+
+TEST(PlatformStatus, TypesAndDigestTexts) {
+    for (const uint32_t type : {0U, 1U, 3U, 4U, 255U, 256U + 1}) {
+        EXPECT_EQ(CRFPTypeIsValid(type) != 0, type >= 1 && type <= 3) << type;
+    }
+    for (const int type : {0, 3, 4, 255}) {
+        EXPECT_EQ(CRDOTypeIsValid(static_cast<uint8_t>(type)) != 0, type <= 3) << type;
+    }
+    const uint8_t digest[32] = {0x01, 0xab, 0xff};
+    char buffer[65];
+    EXPECT_EQ(std::string(CRFPDigestToString_r(digest, 3, buffer, 65)),
+              "01abff" + std::string(58, '0'));
+    EXPECT_EQ(std::string(CRFPDigestToString_r(digest, 1, buffer, 65)),
+              "01abff" + std::string(26, '0'));
+    EXPECT_STREQ(CRFPDigestToString_r(digest, 3, buffer, 5), "01ab");
+    EXPECT_STREQ(CRFPDigestToString_r(digest, 3, buffer, 0), "");
+}
+
+TEST(PlatformStatus, TheConfigurationFileIsLocated) {
+    const Folder folder;
+    const std::string path = folder.path + "/kspool/agent.cfg";
+    char buffer[4096];
+    unsetenv("KSPOOL_AGENT_CONFIG");
+    setenv("XDG_CONFIG_HOME", folder.path.c_str(), 1);
+    const bool systemWide = access("/etc/kspool/agent.cfg", F_OK) == 0;
+    if (!systemWide) {
+        *__cr_errno_location() = 0;
+        EXPECT_EQ(CRConfigLocate("Agent", buffer, sizeof buffer), nullptr);
+        EXPECT_EQ(*__cr_errno_location(), 2U);
+    }
+    std::filesystem::create_directory(folder.path + "/kspool");
+    std::ofstream(path) << "x";
+    EXPECT_STREQ(CRConfigLocate("Agent", buffer, sizeof buffer), path.c_str());
+    EXPECT_EQ(CRConfigLocate("Agent", buffer, path.size()), nullptr);
+    EXPECT_EQ(*__cr_errno_location(), 10U);
+    EXPECT_EQ(CRConfigLocate("Other", buffer, sizeof buffer), nullptr);
+    setenv("KSPOOL_AGENT_CONFIG", "/nowhere/at all", 1);
+    EXPECT_STREQ(CRConfigLocate("Agent", buffer, sizeof buffer), "/nowhere/at all");
+    unsetenv("KSPOOL_AGENT_CONFIG");
+}
+
+TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
+    Ear ear;
+    *__cr_errno_location() = 7;
+    errno = ENOENT;
+    __TraceA("trace %d", 1);
+    InfoA(1, "info");
+    NoticeA(2, "notice");
+    WarningA(3, "warning");
+    ErrorA(4, "error %s", std::string(100000, 'x').c_str());
+    qlxLogA(5, 16, "note");
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(*__cr_errno_location(), 7U);
+    const std::vector<Heard> expected = {{0, 0, "trace 1"},
+                                         {QLX_LEVEL_INFO, 1, "info"},
+                                         {QLX_LEVEL_NOTICE, 2, "notice"},
+                                         {QLX_LEVEL_WARNING, 3, "warning"},
+                                         {128, 4, "error " + std::string(100000, 'x')},
+                                         {16, 5, "note"}};
+    ASSERT_EQ(ear.heard.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(ear.heard[i].level, expected[i].level);
+        EXPECT_EQ(ear.heard[i].status, expected[i].status);
+        EXPECT_EQ(ear.heard[i].text, expected[i].text);
+    }
+}
+
+TEST(PlatformSupport, TheLastFatalErrorIsReadable) {
+    char function[16], message[16];
+    qlxSetFatalError("first", 1, "one");
+    qlxSetFatalError("MBSomething", 4711, "it was %s", "longer than that");
+    EXPECT_EQ(qlxGetFatalError(function, sizeof function, message, sizeof message), 4711U);
+    EXPECT_STREQ(function, "MBSomething");
+    EXPECT_STREQ(message, "it was longer t");
+    EXPECT_EQ(qlxGetFatalError(nullptr, 0, nullptr, 0), 4711U);
+}
+
+TEST(PlatformSupport, MagicHeaders) {
+    const Folder folder;
+    const std::string path = folder.path + "/file";
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_EQ(write(fd, "before", 6), 6);
+    ASSERT_EQ(qlxMagicWrite(64, fd, 0x1122334455667788), 0);
+    uint8_t bytes[QLX_MAGIC_LENGTH] = {};
+    ASSERT_EQ(pread(fd, bytes, sizeof bytes, 6), 24);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(bytes) + 8, 16),
+              std::string("\x40\0\0\0\0\0\0\0\x88\x77\x66\x55\x44\x33\x22\x11", 16));
+    QLXMagic magic{};
+    lseek(fd, 6, SEEK_SET);
+    EXPECT_EQ(qlxMagicRead(fd, &magic), 64U);
+    EXPECT_EQ(magic.value, 0x1122334455667788U);
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 30);
+    for (const off_t from : {0, 7, 30}) {  // other bytes, a header cut short, nothing at all
+        lseek(fd, from, SEEK_SET);
+        EXPECT_EQ(qlxMagicRead(fd, &magic), 0U);
+        EXPECT_EQ(magic.value, 0U);
+    }
+    close(fd);
+    EXPECT_EQ(qlxMagicWrite(64, fd, 0), -1);
+    EXPECT_EQ(qlx_access(path.c_str(), 4), 0);
+    EXPECT_EQ(qlx_unlink(path.c_str()), 0);
+    EXPECT_EQ(qlx_access(path.c_str(), 4), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(PlatformSupport, TextsAndProcessFacts) {
+    char buffer[4] = "...";
+    EXPECT_STREQ(qlxstrcpy(buffer, "abcdef", sizeof buffer), "abc");
+    EXPECT_STREQ(qlxstrcpy(buffer, "x", 0), "abc");
+    const char text[] = "line\rnext\n";
+    EXPECT_EQ(qlxstrpbrk(text, "\r\n"), text + 4);
+    EXPECT_EQ(qlxstrpbrk(text, "#"), nullptr);
+    EXPECT_STREQ(OSGetProcName(0), program_invocation_short_name);
+    EXPECT_GT(OSGetRSS(), 1U << 20);
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+#include "tests/support/scripted_platform.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "platform/status.h"
+#include "platform/support.h"
+
+namespace scripted {
+namespace {
+
+std::string lines;
+std::map<const void*, size_t> names;
+uint32_t slot = 0;
+int traceSwitch = 0;
+
+std::string quoted(const char* text) {
+    if (text == nullptr) return "NULL";
+    std::string out = "\"";
+    for (; *text != '\0'; ++text)
+        out += *text == '\n' ? "\\n" : std::string(1, *text);
+    return out + '"';
+}
+
+/// Takes the next argument as its conversion says ("lu", "i", "zu", "s", "p").
+std::string argumentText(const std::string& conversion, va_list& arguments) {
+    const bool wide = conversion.size() > 1;
+    switch (conversion.back()) {
+        case 's':
+            return quoted(va_arg(arguments, const char*));
+        case 'p':
+            return pointerName(va_arg(arguments, const void*));
+        case 'd':
+        case 'i':
+            return std::to_string(wide ? va_arg(arguments, long) : va_arg(arguments, int));
+        case 'u':
+            return std::to_string(wide ? va_arg(arguments, unsigned long)
+                                       : va_arg(arguments, unsigned));
+        case 'f':
+            return std::to_string(va_arg(arguments, double));
+        default:
+            return "?" + conversion;
+    }
+}
+
+/// Records "CALL(HEAD"FORMAT", ARGUMENTS...)".
+void recordMessage(const char* call, const std::string& head, const char* format,
+                   va_list arguments) {
+    va_list rest;
+    va_copy(rest, arguments);
+    std::string line = std::string(call) + "(" + head + quoted(format);
+    for (const char* at = strchr(format, '%'); at != nullptr; at = strchr(at, '%')) {
+        ++at;
+        if (*at == '%') {
+            ++at;
+            continue;
+        }
+        at += strspn(at, "-+ #0123456789.");
+        const size_t length = strspn(at, "hlzjt") + 1;
+        line += ", " + argumentText(std::string(at, length), rest);
+    }
+    va_end(rest);
+    record(line + ")");
+    errno = EDOM;
+    slot = 0xBAD;
+}
+
+}  // namespace
+
+void record(const std::string& line) {
+    lines += line + "\n";
+}
+
+std::string takeRecord() {
+    return std::exchange(lines, {});
+}
+
+std::string pointerName(const void* pointer) {
+    if (pointer == nullptr) return "NULL";
+    return "#" + std::to_string(names.try_emplace(pointer, names.size() + 1).first->second);
+}
+
+void forgetPointers() {
+    names.clear();
+}
+
+void reset() {
+    lines.clear();
+    forgetPointers();
+    slot = 0;
+    traceSwitch = 0;
+}
+
+}  // namespace scripted
+
+using namespace scripted;
+
+uint32_t* __cr_errno_location() noexcept {
+    return &slot;
+}
+const char* CRStatusToStringA(uint32_t) noexcept {
+    return "status text";
+}
+int* __qlxlog_trace_location() noexcept {
+    return &traceSwitch;
+}
+
+uint32_t _crMapError(const char* function, const char* sourceFile, int line) noexcept {
+    const int error = errno;
+    record("_crMapError(" + quoted(function) + ", " + quoted(sourceFile) +
+           (line > 0 ? ", line)" : ", no line)") + " errno " + std::to_string(error));
+    errno = EDOM;
+    slot = 0xBAD;
+    return 1000U + static_cast<uint32_t>(error);
+}
+
+#define RECORD(call, head)                            \
+    do {                                              \
+        va_list arguments;                            \
+        va_start(arguments, format);                  \
+        recordMessage(call, head, format, arguments); \
+        va_end(arguments);                            \
+    } while (false)
+
+void __TraceA(const char* format, ...) noexcept {
+    RECORD("__TraceA", "");
+}
+void ErrorA(uint32_t status, const char* format, ...) noexcept {
+    RECORD("ErrorA", std::to_string(status) + ", ");
+}
+void WarningA(uint32_t status, const char* format, ...) noexcept {
+    RECORD("WarningA", std::to_string(status) + ", ");
+}

@@ -1,0 +1,65 @@
+// The system calls that the library makes, wrapped at link time: counted, failed on demand, placed
+// where a test wants them, and watched for leaks.
+#ifndef TESTS_SYSTEM_CALLS_H
+#define TESTS_SYSTEM_CALLS_H
+
+#include <cstddef>
+#include <string>
+
+namespace calls {
+
+/// The wrapped calls. Those up to the last fallible one can be made to fail.
+enum Call {
+    kCalloc,
+    kMmap,
+    kMlock,
+    kMunlock,
+    kFallible,
+    kFree = kFallible,
+    kMunmap,
+    kMunlockall,
+    kMadvise,
+    kCalls
+};
+
+/// The call of a name ("mmap"), or kCalls.
+Call callNamed(const std::string& name);
+
+inline constexpr int kAny = kCalls;
+
+/// From now on, the n-th matching call fails, once or with all after it. Page mappings alone count
+/// as mmap when `pagesOnly`, not the reservations by which addresses are chosen.
+struct Failure {
+    int call = kAny;
+    size_t nth = 0;  ///< 0: never
+    bool fromThenOn = false;
+    bool pagesOnly = false;
+    int error = 12;
+};
+void fail(const Failure& failure);
+
+/// How many calls failed on demand since fail().
+size_t failures();
+
+/// How often a call was made while watched.
+size_t made(Call call);
+
+/// Where page mappings go.
+enum class Placement { AsAsked, Descending, Scattered, AtZero };
+void place(Placement placement);
+
+/// Allocations and mappings that are not released.
+size_t live();
+
+/// Records lock and unlock calls with the scripted platform.
+void recordLocks(bool on);
+
+/// Calls are counted and watched from now on; nothing fails, nothing is placed, nothing recorded.
+void watch();
+
+/// Calls are what they are without this file.
+void leaveAlone();
+
+}  // namespace calls
+
+#endif

@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""kspool-agent scan on a tree whose contents are known. Usage: agent_scan_test.py AGENT"""
+import json
+import os
+import random
+import subprocess
+import sys
+import tempfile
+
+AGENT = sys.argv[1]
+K = 1024
+
+
+def run(*arguments, code=0, **options):
+    done = subprocess.run([AGENT, *arguments], capture_output=True, text=True, **options)
+    assert done.returncode == code, (arguments, done.returncode, done.stderr)
+    return done
+
+
+def scan(*arguments, **options):
+    return json.loads(run("scan", "--json", *arguments, **options).stdout)
+
+
+def build(top):
+    blocks = [random.Random(i).randbytes(4 * K) for i in range(6)]
+    files = {
+        "a": blocks[0] + blocks[1] + blocks[0],  # repeats itself once
+        "sub/b": blocks[1] + blocks[2][:100],    # one block of a, and a short last segment
+        "sub/c": b"",
+        "sub/d": blocks[2][:100],                # the same short segment
+        "odd\nname": blocks[3],
+    }
+    os.mkdir(top + "/sub")
+    for name, data in files.items():
+        with open(f"{top}/{name}", "wb") as file:
+            file.write(data)
+    os.symlink("a", top + "/link")
+    os.mkfifo(top + "/pipe")
+    return sum(len(data) for data in files.values())
+
+
+with tempfile.TemporaryDirectory() as top:
+    os.chmod(top, 0o755)
+    size = build(top)
+    for digest, area in (("sha256", "1"), ("md5", "5000")):
+        found = scan("--segment", "4KiB", "--digest", digest, "--area", area, "--bits", "3", top)
+        assert (found["files"], found["skipped"], found["all"]["bytes"]) == (5, 0, size), found
+        assert found["unique"] == {"segments": 4, "bytes": 12 * K + 100}, found
+        assert found["repeatedSameFile"] == {"segments": 1, "bytes": 4 * K}, found
+        assert found["repeatedOtherFile"] == {"segments": 2, "bytes": 4 * K + 100}, found
+        cache = found["cache"]
+        assert (cache["entries"], cache["hits"], cache["misses"], cache["bits"]) == (4, 3, 4, 3)
+
+    people = run("scan", "--trace", "--lock", top)
+    assert "Dedup ratio" in people.stdout and "KSCacheInit: bits = 4" in people.stderr
+
+    for bad in ((top + "/none",), (top + "/link",), (top + "/pipe",), ("--bits", "30", top),
+                ("--segment", "1", top), ("--digest", "crc32", top), ("--nonsense", top), ()):
+        stderr = run("scan", *bad, code=2).stderr
+        assert stderr.count("\n") == 1 and stderr.startswith("kspool-agent: "), stderr
+
+    # An unreadable file, as somebody whom permissions bind.
+    os.chmod(top + "/odd\nname", 0)
+    nobody = {"user": 65534, "group": 65534, "extra_groups": []} if os.geteuid() == 0 else {}
+    partial = run("scan", "--json", top, code=3, **nobody)
+    assert json.loads(partial.stdout)["skipped"] == 1, partial.stdout
+    assert "odd\\x0aname: Permission denied" in partial.stderr, partial.stderr
+
+with open("/dev/full", "w") as full:
+    assert subprocess.run([AGENT, "scan", __file__], stdout=full, stderr=subprocess.PIPE).returncode == 1
+print("kspool-agent scan: as expected")
