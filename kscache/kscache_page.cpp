@@ -26,6 +26,12 @@ void* mapMemory(void* hint, uint64_t length, int protection, int extraFlags) {
     return memory;
 }
 
+/// The first multiple of a power of two from an address on.
+char* firstBoundary(void* address, uint64_t multiple) {
+    const auto number = reinterpret_cast<uintptr_t>(address);
+    return static_cast<char*>(address) + (roundUp(number, multiple) - number);
+}
+
 /// The base of a large free span of addresses: reserved, and given back at once.
 void* freeSpan(uint64_t atLeast) {
     const ErrorsKept kept;
@@ -43,8 +49,7 @@ void* freeSpan(uint64_t atLeast) {
 /// works. A page's end is no system page boundary for most area sizes, so it is rounded up.
 void* pageHint(const KSCache* cache, uint64_t length) {
     if (cache->lastPage == nullptr) return freeSpan(length);
-    const auto end = reinterpret_cast<uintptr_t>(cache->lastPage->end);
-    return reinterpret_cast<void*>(roundUp(end, systemPageSize()));
+    return firstBoundary(cache->lastPage->end, systemPageSize());
 }
 
 /// Maps a page and fills its header. NULL with errno set when there is no memory.
@@ -142,12 +147,11 @@ uint64_t systemPageSize() noexcept {
 }
 
 void adviseHugePages(void* memory, uint64_t length) noexcept {
-    const auto begin = reinterpret_cast<uintptr_t>(memory);
-    const uintptr_t first = roundUp(begin, kHugePageSize);
-    if (first + kHugePageSize > begin + length) return;
+    const char* end = static_cast<char*>(memory) + length;
+    if (firstBoundary(memory, kHugePageSize) + kHugePageSize > end) return;
+    char* begin = firstBoundary(memory, systemPageSize());
     const ErrorsKept kept;
-    const uintptr_t aligned = roundUp(begin, systemPageSize());
-    madvise(reinterpret_cast<void*>(aligned), begin + length - aligned, MADV_HUGEPAGE);
+    madvise(begin, static_cast<size_t>(end - begin), MADV_HUGEPAGE);
 }
 
 KSCacheNode* newnode(KSCache* cache) noexcept {

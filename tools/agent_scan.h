@@ -13,7 +13,7 @@ namespace agent {
 
 struct ScanOptions {
     std::vector<std::string> paths;
-    uint64_t segmentSize = 128 * 1024;
+    uint64_t segmentSize = uint64_t{128} << 10;
     std::string digest = "sha256";
     uint32_t bits = 0;      ///< 0: chosen from the number of segments
     uint32_t areaSize = 0;  ///< 0: chosen from the number of segments

@@ -1,12 +1,12 @@
 // The support library's stand-in: texts, files, magic headers and process facts.
 #include <endian.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <memory>
 
 #include "platform/support.h"
 
@@ -79,11 +79,13 @@ const char* OSGetProcName(int) noexcept {
 }
 
 uint64_t OSGetRSS() noexcept {
-    struct CloseFile {
-        void operator()(FILE* file) const { fclose(file); }
-    };
-    const std::unique_ptr<FILE, CloseFile> file(fopen("/proc/self/statm", "re"));
-    unsigned long long pages = 0;
-    if (file == nullptr || fscanf(file.get(), "%*u %llu", &pages) != 1) return 0;
-    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    const int fd = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    char text[128] = {};
+    const ssize_t length = read(fd, text, sizeof text - 1);
+    close(fd);
+    // The second number: resident pages.
+    const char* second = length > 0 ? strchr(text, ' ') : nullptr;
+    if (second == nullptr) return 0;
+    return strtoull(second, nullptr, 10) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }

@@ -23,6 +23,7 @@ struct Entry {
 };
 
 struct Setup {
+    const char* name;
     uint32_t bits;
     calls::Placement placement;
 };
@@ -157,9 +158,10 @@ TEST_P(CacheModel, AgreesAfterEachStep) {
 
 using calls::Placement;
 INSTANTIATE_TEST_SUITE_P(Shapes, CacheModel,
-                         testing::Values(Setup{1, Placement::AsAsked},
-                                         Setup{2, Placement::Descending},
-                                         Setup{4, Placement::Scattered},
-                                         Setup{12, Placement::AsAsked}));
+                         testing::Values(Setup{"deep", 1, Placement::AsAsked},
+                                         Setup{"descending", 2, Placement::Descending},
+                                         Setup{"scattered", 4, Placement::Scattered},
+                                         Setup{"shallow", 12, Placement::AsAsked}),
+                         [](const auto& given) { return given.param.name; });
 
 }  // namespace
