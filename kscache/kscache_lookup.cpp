@@ -16,7 +16,7 @@ void countReference(KSCacheNode& node) {
 }
 
 void fillNode(KSCacheNode& node, const Key& key, uint64_t value) {
-    memcpy(node.fingerprint, key.bytes, digestLength(key.type));
+    memcpy(node.fingerprint, key.digest, digestLength(key.type));
     node.higher = nullptr;
     node.lower = nullptr;
     node.value = value;

@@ -15,6 +15,10 @@ constexpr uint64_t kHugePageSize = uint64_t{2} << 20;
 /// cache that outgrows it goes on above it or wherever the system wants.
 constexpr uint64_t kAddressSpan = uint64_t{64} << 30;
 
+/// Larger pages are populated as they are used. With a page for a 200th of the entries, that is
+/// from 90 million entries on.
+constexpr uint64_t kPopulatedAtOnce = uint64_t{32} << 20;
+
 /// NULL with errno set when it fails.
 void* mapMemory(void* hint, uint64_t length, int protection, int extraFlags) {
     void* memory = mmap(hint, length, protection, MAP_PRIVATE | MAP_ANONYMOUS | extraFlags, -1, 0);
@@ -46,10 +50,21 @@ void* freeSpan(uint64_t atLeast) {
 
 /// Where the next page should lie: above all others, because compaction moves nodes to lower
 /// addresses only and the system by itself hands out descending ones. It is a wish; any address
-/// works. A page's end is no system page boundary for most area sizes, so it is rounded up.
+/// works. A page's end is no boundary of the system's for most area sizes, so it is rounded up, and
+/// for a page that can hold huge pages to the boundary of one.
 void* pageHint(const KSCache* cache, uint64_t length) {
-    if (cache->lastPage == nullptr) return freeSpan(length);
-    return firstBoundary(cache->lastPage->end, systemPageSize());
+    void* above = cache->lastPage != nullptr ? cache->lastPage->end : freeSpan(length);
+    return firstBoundary(above, length >= kHugePageSize ? kHugePageSize : systemPageSize());
+}
+
+/// Has a page's memory made at once, with huge pages where they fit, instead of at the first touch
+/// of each piece: that is where most of the time of an add goes otherwise. Very large pages grow as
+/// they are used.
+void populate(void* memory, uint64_t length) {
+    adviseHugePages(memory, length);
+    if (length > kPopulatedAtOnce) return;
+    const ErrorsKept kept;
+    madvise(memory, length, MADV_POPULATE_WRITE);
 }
 
 /// Maps a page and fills its header. NULL with errno set when there is no memory.
@@ -57,7 +72,7 @@ KSCachePage* mapPage(const KSCache* cache) {
     const uint64_t length = cache->areaSize * kNodeSize;
     void* memory = mapMemory(pageHint(cache, length), length, PROT_READ | PROT_WRITE, 0);
     if (memory == nullptr) return nullptr;
-    adviseHugePages(memory, length);
+    populate(memory, length);
     auto* page = static_cast<KSCachePage*>(memory);
     page->size = length;
     page->freeCount = cache->areaSize - 1;

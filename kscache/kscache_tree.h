@@ -22,44 +22,55 @@ constexpr size_t digestLength(uint8_t type) noexcept {
     return type == kLongType ? kLongDigest : kShortDigest;
 }
 
-/// Eight digest bytes as the number that compares as they do.
-inline uint64_t digestWord(const uint8_t* bytes) noexcept {
+/// Eight bytes of a digest, as they lie in memory: for telling whether two are the same.
+inline uint64_t digestWord(const uint8_t* digest, size_t at) noexcept {
     uint64_t word = 0;
-    memcpy(&word, bytes, sizeof word);
-    return __builtin_bswap64(word);
+    memcpy(&word, digest + at, sizeof word);
+    return word;
+}
+
+/// The same as a number that compares as the bytes do.
+inline uint64_t orderedWord(const uint8_t* digest, size_t at) noexcept {
+    return __builtin_bswap64(digestWord(digest, at));
 }
 
 struct Key {
-    const uint8_t* bytes;
-    uint64_t head;  ///< the first eight bytes, in a register for the whole search
+    const uint8_t* digest;
+    uint64_t head;  ///< the first word, in a register for the whole search
     uint8_t type;
 };
 
 inline Key makeKey(const void* fingerprint, uint32_t type) noexcept {
-    const auto* bytes = static_cast<const uint8_t*>(fingerprint);
-    return {bytes, digestWord(bytes), static_cast<uint8_t>(type)};
+    const auto* digest = static_cast<const uint8_t*>(fingerprint);
+    return {digest, digestWord(digest, 0), static_cast<uint8_t>(type)};
 }
 
-/// The order of nodes whose first eight bytes are the key's.
-inline int compareTails(const KSCacheNode& node, const Key& key) noexcept {
-    const bool sameType = node.type == key.type;
-    const size_t length = sameType ? digestLength(key.type) : kShortDigest;
-    for (size_t at = sizeof key.head; at < length; at += sizeof key.head) {
-        const uint64_t ours = digestWord(node.fingerprint + at);
-        const uint64_t theirs = digestWord(key.bytes + at);
-        if (ours != theirs) return ours < theirs ? -1 : 1;
+/// Whether a node holds the key. Nearly always the first word tells, and no other part of the node
+/// is touched; the rest is compared at once, since then it is nearly always the same.
+inline bool holdsKey(const KSCacheNode& node, const Key& key) noexcept {
+    if (digestWord(node.fingerprint, 0) != key.head) return false;
+    const auto differs = [&](size_t at) {
+        return digestWord(node.fingerprint, at) ^ digestWord(key.digest, at);
+    };
+    uint64_t difference = differs(8) | (node.type ^ key.type);
+    if (key.type == kLongType) difference |= differs(16) | differs(24);
+    return difference == 0;
+}
+
+/// Whether a node that does not hold the key sorts before it, which is then to be looked for at
+/// `higher`, otherwise at `lower`.
+inline bool sortsBefore(const KSCacheNode& node, const Key& key) noexcept {
+    const uint64_t head = orderedWord(node.fingerprint, 0);
+    const uint64_t keyHead = __builtin_bswap64(key.head);
+    if (head != keyHead) [[likely]]
+        return head < keyHead;
+    const size_t length = node.type == key.type ? digestLength(key.type) : kShortDigest;
+    for (size_t at = sizeof head; at < length; at += sizeof head) {
+        const uint64_t ours = orderedWord(node.fingerprint, at);
+        const uint64_t theirs = orderedWord(key.digest, at);
+        if (ours != theirs) return ours < theirs;
     }
-    if (sameType) return 0;
-    return node.type == kLongType ? 1 : -1;
-}
-
-/// Negative: the node sorts before the key, which is to be looked for at `higher`. Positive: at
-/// `lower`. The first eight bytes nearly always decide, and whatever the types, they decide first;
-/// only an equal head makes the search touch the rest of the node.
-inline int compareNode(const KSCacheNode& node, const Key& key) noexcept {
-    const uint64_t head = digestWord(node.fingerprint);
-    if (head != key.head) return head < key.head ? -1 : 1;
-    return compareTails(node, key);
+    return node.type != kLongType;
 }
 
 inline KSCacheNode** rootLink(const KSCache* cache, const uint8_t* fingerprint) noexcept {
@@ -70,11 +81,10 @@ inline KSCacheNode** rootLink(const KSCache* cache, const uint8_t* fingerprint) 
 
 /// The link that holds the key's node, or the empty link where it belongs.
 inline KSCacheNode** findLink(const KSCache* cache, const Key& key) noexcept {
-    KSCacheNode** link = rootLink(cache, key.bytes);
+    KSCacheNode** link = rootLink(cache, key.digest);
     while (KSCacheNode* node = *link) {
-        const int order = compareNode(*node, key);
-        if (order == 0) break;
-        link = order < 0 ? &node->higher : &node->lower;
+        if (holdsKey(*node, key)) break;
+        link = sortsBefore(*node, key) ? &node->higher : &node->lower;
     }
     return link;
 }
