@@ -6,11 +6,17 @@ endfunction()
 
 # kspool_library(NAME MODULES...): lib<NAME>.so.1 and lib<NAME>.a (target <NAME>_static) from
 # modules. The shared library exports what cmake/exports.list names for it, and nothing else.
+# Symbols of libkspool carry a version; those of the platform do not, so that another implementation
+# needs no more than the names.
 function(kspool_library name)
   set(list ${PROJECT_SOURCE_DIR}/cmake/exports.list)
   set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
   file(STRINGS ${list} rows REGEX "^${name}[ \t]")
-  set(script "KSPOOL_1 {\n  global:\n")
+  set(version "")
+  if(name STREQUAL "kspool")
+    set(version "KSPOOL_1 ")
+  endif()
+  set(script "${version}{\n  global:\n")
   foreach(row IN LISTS rows)
     string(REGEX REPLACE "^${name}[ \t]+" "" symbol ${row})
     string(APPEND script "    ${symbol};\n")

@@ -22,8 +22,9 @@ inline uint32_t storeStatus(uint32_t status) noexcept {
     return status;
 }
 
+/// Another thread may turn tracing on or off at any time.
 inline bool tracing() noexcept {
-    return *__qlxlog_trace_location() != 0;
+    return __atomic_load_n(__qlxlog_trace_location(), __ATOMIC_RELAXED) != 0;
 }
 
 /// Puts errno and the slot back at its end: for calls that may disturb them but must not be seen

@@ -18,7 +18,8 @@
  * 4. Ownership. The caller owns a cache from KSCacheCreate() to KSCacheDestroy(). The cache copies
  *    keys and values and keeps no pointer to the caller's memory but the callback's argument.
  * 5. Threads. The library takes no lock. One cache is used by one thread at a time, lookups
- *    included, since they count. Different caches are independent.
+ *    included, since they count. Different caches are independent, with one exception: when a page
+ *    of a cache with `lockPages` cannot be unlocked, all memory of the process is unlocked.
  * 6. Memory. An entry takes one slot of 72 bytes in a page of `areaSize` slots (one memory mapping
  *    each), the root table 8 bytes for each of its 2^bits roots. Nothing is allocated per entry.
  */

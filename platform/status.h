@@ -49,7 +49,8 @@ KSPOOL_API uint32_t _crMapError(const char* function, const char* sourceFile,
 /*
  * Finds the configuration file of a kind ("Agent"). Writes its path, NUL-terminated, into `buffer`
  * of `size` bytes and returns `buffer`; returns NULL with the reason in the status slot (2 when
- * there is none, 10 when the path does not fit). The file need not be readable.
+ * there is none, 10 when the path does not fit). The file need not be readable. No argument may be
+ * NULL; errno is undefined afterwards.
  */
 KSPOOL_API char* CRConfigLocate(const char* kind, char* buffer, size_t size) KSPOOL_NOEXCEPT;
 

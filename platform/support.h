@@ -32,7 +32,10 @@ enum QLXLevel {
 
 /* ---- What the library calls ---- */
 
-/* The trace switch of the process, never NULL: tracing is on while it is not 0. */
+/*
+ * The trace switch of the process, never NULL: tracing is on while it is not 0. Once threads run,
+ * it is to be stored atomically, as the library reads it.
+ */
 KSPOOL_API int* __qlxlog_trace_location(void) KSPOOL_NOEXCEPT;
 
 /* Writes one trace message. The caller looks at the switch; this call does not. */
@@ -48,11 +51,17 @@ KSPOOL_API void InfoA(uint32_t status, const char* format, ...) KSPOOL_NOEXCEPT 
 KSPOOL_API void qlxLogA(uint32_t status, uint32_t level, const char* format, ...) KSPOOL_NOEXCEPT
     QLX_PRINTF(3, 4);
 
-/* Records a fatal error for the process, in place of the one recorded before. */
+/*
+ * Records a fatal error for the process, in place of the one recorded before. The record may cut
+ * long texts.
+ */
 KSPOOL_API void qlxSetFatalError(const char* function, uint32_t id, const char* format,
                                  ...) KSPOOL_NOEXCEPT QLX_PRINTF(3, 4);
 
-/* Copies at most size - 1 characters and terminates; nothing for size 0. Returns `destination`. */
+/*
+ * Copies at most size - 1 characters and terminates; nothing for size 0. Neither text may be NULL
+ * unless the size is 0. Returns `destination`.
+ */
 KSPOOL_API char* qlxstrcpy(char* destination, const char* source, size_t size) KSPOOL_NOEXCEPT;
 
 /* The first character of `text` that is in `set`, or NULL. */
@@ -99,8 +108,8 @@ typedef void (*QLXSink)(uint32_t level, uint32_t status, const char* text, void*
 
 /*
  * Sends all messages to `sink` (NULL: back to stderr). Messages are handed over one at a time, from
- * the thread that writes them; the sink must not write messages itself. When the call returns, no
- * thread is inside the old sink any more.
+ * the thread that writes them. The sink must not throw, must not write messages and must not call
+ * this function. When the call returns, no thread is inside the old sink any more.
  */
 KSPOOL_API void qlxSetSink(QLXSink sink, void* arg) KSPOOL_NOEXCEPT;
 

@@ -1,7 +1,9 @@
 #include "tools/agent_files.h"
 
 #include <fts.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 #include <cstring>
@@ -18,8 +20,23 @@ int byName(const FTSENT** left, const FTSENT** right) {
     return strcmp((*left)->fts_name, (*right)->fts_name);
 }
 
-void visitEntry(const FTSENT& entry, const FileVisitor& visitor) {
+/// Files of the kernel's own file systems look regular, but some of them never end.
+bool belongsToKernel(const char* path) {
+    struct statfs system {};
+    if (statfs(path, &system) != 0) return false;
+    return system.f_type == PROC_SUPER_MAGIC || system.f_type == SYSFS_MAGIC;
+}
+
+void visitEntry(FTS* tree, FTSENT& entry, const FileVisitor& visitor) {
+    const bool otherSystem = entry.fts_level == FTS_ROOTLEVEL ||
+                             entry.fts_statp->st_dev != entry.fts_parent->fts_statp->st_dev;
     switch (entry.fts_info) {
+        case FTS_D:
+            if (otherSystem && belongsToKernel(entry.fts_path)) {
+                visitor.problem(entry.fts_path, "is the kernel's, not scanned");
+                fts_set(tree, &entry, FTS_SKIP);
+            }
+            break;
         case FTS_F:
             visitor.file(entry.fts_path, static_cast<uint64_t>(entry.fts_statp->st_size));
             break;
@@ -31,7 +48,7 @@ void visitEntry(const FTSENT& entry, const FileVisitor& visitor) {
         case FTS_DC:
             visitor.problem(entry.fts_path, "folder contains itself");
             break;
-        default:  // folders on the way in and out, symbolic links, devices, pipes, sockets
+        default:  // folders on the way out, symbolic links, devices, pipes, sockets
             break;
     }
 }
@@ -51,9 +68,9 @@ void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
         }
         for (;;) {
             errno = 0;
-            const FTSENT* entry = fts_read(tree.get());
+            FTSENT* entry = fts_read(tree.get());
             if (entry == nullptr) break;
-            visitEntry(*entry, visitor);
+            visitEntry(tree.get(), *entry, visitor);
         }
         if (errno != 0) visitor.problem(path, strerror(errno));
     }

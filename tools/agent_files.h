@@ -17,7 +17,7 @@ struct FileVisitor {
 
 /// Visits every regular file below the paths, in the order of names within each folder. Symbolic
 /// links are not followed; they are passed over like any other file that is not regular. A file
-/// that is reached by two paths is visited twice.
+/// that is reached by two paths is visited twice. The kernel's own file systems are a problem.
 void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
                const FileVisitor& visitor);
 

@@ -1,6 +1,8 @@
 // kspool-agent: the command line.
 #include <CLI/CLI.hpp>
+#include <clocale>
 #include <cstdio>
+#include <new>
 
 #include "tools/agent_scan.h"
 #include "tools/agent_segments.h"
@@ -13,7 +15,8 @@ constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
 constexpr uint32_t kLargestArea = 59'652'323;
 
 constexpr char kScanFooter[] =
-    "Symbolic links are not followed. Sizes take B, KiB, MiB, GiB (KB is KiB too).\n"
+    "Symbolic links are not followed; a file with two links or paths is read twice. Sizes take\n"
+    "B, KiB, MiB, GiB (KB is KiB too).\n"
     "Exit code: 0 all scanned; 1 failed; 2 bad options or paths; 3 scanned, but some files\n"
     "or folders could not be read, or some fingerprints found no memory.";
 
@@ -59,10 +62,13 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    setlocale(LC_CTYPE, "");
     try {
         const int code = run(argc, argv);
-        if (fflush(stdout) == 0) return code;
+        if (fflush(stdout) == 0 && ferror(stdout) == 0) return code;
         tool::complain("kspool-agent", "the report could not be written");
+    } catch (const std::bad_alloc&) {
+        tool::complain("kspool-agent", "not enough memory");
     } catch (const std::exception& error) {
         tool::complain("kspool-agent", error.what());
     }

@@ -44,9 +44,13 @@ void Progress::message(const std::string& line) {
 }
 
 void Progress::receive(uint32_t level, uint32_t status, const char* text, void* progress) {
-    std::string line = OSGetProcName(0);
-    line += level == QLX_LEVEL_TRACE ? ": " : ": status " + std::to_string(status) + ": ";
-    static_cast<Progress*>(progress)->message(line + text);
+    // No allocation: the library may be reporting that memory has run out.
+    static_cast<Progress*>(progress)->clear();
+    if (level == QLX_LEVEL_TRACE) {
+        fprintf(stderr, "%s: %s\n", OSGetProcName(0), text);
+    } else {
+        fprintf(stderr, "%s: status %u: %s\n", OSGetProcName(0), status, text);
+    }
 }
 
 void Progress::draw(Clock::time_point now) {

@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstdio>
+#include <cwchar>
+#include <cwctype>
 
 namespace tool {
 namespace {
@@ -47,15 +49,21 @@ std::string humanSeconds(double seconds) {
 
 std::string printable(const std::string& name) {
     std::string text;
-    for (const char c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
-            text += c;
+    std::mbstate_t state{};
+    for (size_t at = 0; at < name.size();) {
+        wchar_t wide = 0;
+        const size_t length = std::mbrtowc(&wide, name.data() + at, name.size() - at, &state);
+        const bool whole = length != 0 && length <= name.size() - at;
+        if (whole && name[at] != '\\' && std::iswprint(static_cast<std::wint_t>(wide)) != 0) {
+            text.append(name, at, length);
+            at += length;
             continue;
         }
         std::array<char, 8> code{};
-        snprintf(code.data(), code.size(), "\\x%02x", byte);
+        snprintf(code.data(), code.size(), "\\x%02x", static_cast<unsigned char>(name[at]));
         text += code.data();
+        state = {};
+        ++at;
     }
     return text;
 }

@@ -27,7 +27,7 @@ std::string humanCount(uint64_t count);
 /// "850 ns", "12.3 ms", "4.5 s".
 std::string humanSeconds(double seconds);
 
-/// A name as a terminal may show it: control characters as \xHH.
+/// A name as a terminal may show it: bytes that the locale cannot print, and backslashes, as \xHH.
 std::string printable(const std::string& name);
 
 }  // namespace tool

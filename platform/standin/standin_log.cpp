@@ -1,5 +1,5 @@
 // The support library's stand-in: trace switch, messages, their sink and the fatal-error record.
-#include <pthread.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -54,7 +55,7 @@ class Message {
     std::unique_ptr<char, FreeText> long_;
 };
 
-/// One line per message, in one write, so that messages of several processes do not mix.
+/// One line per message, in one write.
 void writeToStderr(uint32_t level, uint32_t status, const char* text) {
     const auto* row = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
                                    [=](const LevelName& l) { return l.level == level; });
@@ -66,7 +67,13 @@ void writeToStderr(uint32_t level, uint32_t status, const char* text) {
     } else {
         snprintf(head, sizeof head, "%s %u", row->name, status);
     }
-    dprintf(STDERR_FILENO, "%s[%d] %s: %s\n", OSGetProcName(0), getpid(), head, text);
+    char start[160];
+    snprintf(start, sizeof start, "%.80s[%d] %s: ", OSGetProcName(0), getpid(), head);
+    const iovec parts[] = {{start, strlen(start)},
+                           {const_cast<char*>(text), strlen(text)},
+                           {const_cast<char*>("\n"), 1}};
+    // Nobody is left to tell when stderr cannot be written.
+    [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, parts, std::size(parts));
 }
 
 std::mutex sinkLock;
@@ -136,10 +143,12 @@ void qlxLogA(uint32_t status, uint32_t level, const char* format, ...) noexcept 
 #undef EMIT
 
 void qlxSetFatalError(const char* function, uint32_t id, const char* format, ...) noexcept {
+    const int savedErrno = errno;
     va_list arguments;
     va_start(arguments, format);
     const Message message(format, arguments);
     va_end(arguments);
+    errno = savedErrno;
     const std::lock_guard<std::mutex> hold(fatalLock);
     fatalId = id;
     qlxstrcpy(fatalFunction, function, sizeof fatalFunction);

@@ -77,7 +77,7 @@ const char* CRStatusToStringA(uint32_t status) noexcept {
 uint32_t _crMapError(const char* function, const char* sourceFile, int line) noexcept {
     const int error = errno == 0 ? EIO : errno;
     const uint32_t status = CR_STATUS_SYSTEM_BASE + static_cast<uint32_t>(error);
-    if (*__qlxlog_trace_location() != 0) {
+    if (__atomic_load_n(__qlxlog_trace_location(), __ATOMIC_RELAXED) != 0) {
         __TraceA("%s (%s:%d): system error %d: %s", function, sourceFile, line, error,
                  CRStatusToStringA(status));
     }

@@ -2,6 +2,7 @@
 // from then on, until a run has no such call. Linked statically, so that every call is caught.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <map>
 
@@ -57,9 +58,11 @@ class Life {
         for (uint32_t i = 0; i < s_.entries; ++i) {
             const Words k = key(i);
             *__cr_errno_location() = 7;
+            errno = EDOM;
             const uint32_t status = KSCacheAdd(cache_, k.w, 3, i, nullptr);
             EXPECT_TRUE(status == CR_STATUS_OK || status == kNoMemory) << status;
             EXPECT_EQ(*__cr_errno_location(), status == CR_STATUS_OK ? 7 : status);
+            EXPECT_TRUE(errno == EDOM || status != CR_STATUS_OK || s_.lockPages != 0) << errno;
             taken_[i] = status == CR_STATUS_OK;
         }
         ASSERT_EQ(brokenInvariant(cache_), "");

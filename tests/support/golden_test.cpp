@@ -25,7 +25,6 @@ class Replay {
     Replay() {
         scripted::reset();
         calls::watch();
-        calls::recordLocks(true);
     }
     ~Replay() {
         KSCacheDestroy(cache_);

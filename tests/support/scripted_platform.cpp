@@ -40,8 +40,6 @@ std::string argumentText(const std::string& conversion, va_list& arguments) {
         case 'u':
             return std::to_string(wide ? va_arg(arguments, unsigned long)
                                        : va_arg(arguments, unsigned));
-        case 'f':
-            return std::to_string(va_arg(arguments, double));
         default:
             return "?" + conversion;
     }

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstdlib>
 
 #include "tests/support/scripted_platform.h"
@@ -13,11 +12,8 @@
 extern "C" {
 void* __real_calloc(size_t, size_t);
 void* __real_mmap(void*, size_t, int, int, int, off_t);
-int __real_mlock(const void*, size_t);
-int __real_munlock(const void*, size_t);
 void __real_free(void*);
 int __real_munmap(void*, size_t);
-int __real_munlockall();
 int __real_madvise(void*, size_t, int);
 }
 
@@ -32,29 +28,35 @@ Failure wanted;
 size_t matched = 0;
 size_t failed = 0;
 Placement placement = Placement::AsAsked;
-bool locksRecorded = false;
 
 /// A set that allocates nothing itself: in a static program its own calls would be wrapped too.
-class Pointers {
+class Blocks {
   public:
     size_t size() const { return count_; }
-    void insert(const void* pointer) {
-        if (count_ == pointers_.size()) abort();
-        pointers_[count_++] = pointer;
+    void insert(const void* start, size_t length) {
+        if (count_ == blocks_.size()) abort();
+        blocks_[count_++] = {start, length};
     }
-    void erase(const void* pointer) {
-        const auto end = pointers_.begin() + static_cast<std::ptrdiff_t>(count_);
-        const auto found = std::find(pointers_.begin(), end, pointer);
-        if (found != end) *found = pointers_[--count_];
+    /// Only whole blocks go.
+    void erase(const void* start, size_t length) {
+        for (size_t i = 0; i < count_; ++i) {
+            if (blocks_[i].start != start || blocks_[i].length != length) continue;
+            blocks_[i] = blocks_[--count_];
+            return;
+        }
     }
 
   private:
-    std::array<const void*, 1024> pointers_{};
+    struct Block {
+        const void* start;
+        size_t length;
+    };
+    std::array<Block, 1024> blocks_{};
     size_t count_ = 0;
 };
 
-Pointers allocations;
-Pointers mappings;
+Blocks allocations;
+Blocks mappings;
 bool watching = false;
 
 /// Counts a call; true, with errno set, when it is to fail.
@@ -82,7 +84,7 @@ void* placedAddress(size_t length) {
 }
 
 void recordLock(Call call, const void* address, size_t length, int result) {
-    if (!locksRecorded) return;
+    if (!watching) return;
     const int error = errno;
     scripted::record(std::string(kNames[call]) + "(" + scripted::pointerName(address) + ", " +
                      std::to_string(length) + ") = " + std::to_string(result));
@@ -113,14 +115,10 @@ void place(Placement where) {
 size_t live() {
     return allocations.size() + mappings.size();
 }
-void recordLocks(bool on) {
-    locksRecorded = on;
-}
 
 void watch() {
     fail({});
     place(Placement::AsAsked);
-    recordLocks(false);
     watching = true;
 }
 
@@ -138,51 +136,54 @@ extern "C" {
 void* __wrap_calloc(size_t count, size_t size) {
     if (fails(kCalloc)) return nullptr;
     void* memory = __real_calloc(count, size);
-    if (watching && memory != nullptr) allocations.insert(memory);
+    if (watching && memory != nullptr) allocations.insert(memory, 0);
     return memory;
 }
 
 void __wrap_free(void* memory) {
     if (watching) ++counts[kFree];
-    allocations.erase(memory);
+    allocations.erase(memory, 0);
     __real_free(memory);
 }
 
 void* __wrap_mmap(void* hint, size_t length, int protection, int flags, int fd, off_t offset) {
     const bool page = protection != PROT_NONE;
     if (fails(kMmap, page)) return MAP_FAILED;
-    if (page && placement == Placement::AtZero) return nullptr;
+    if ((flags & MAP_PRIVATE) == 0) abort();
+    if (page && placement == Placement::AtZero) {
+        mappings.insert(nullptr, length);
+        return nullptr;
+    }
     const bool placed = page && placement != Placement::AsAsked;
     if (placed) hint = placedAddress(length);
     void* memory =
         __real_mmap(hint, length, protection, flags | (placed ? MAP_FIXED : 0), fd, offset);
-    if (watching && memory != MAP_FAILED) mappings.insert(memory);
+    if (watching && memory != MAP_FAILED) mappings.insert(memory, length);
     return memory;
 }
 
 int __wrap_munmap(void* memory, size_t length) {
     ++counts[kMunmap];
-    mappings.erase(memory);
+    mappings.erase(memory, length);
     return memory == nullptr ? 0 : __real_munmap(memory, length);
 }
 
 int __wrap_mlock(const void* memory, size_t length) {
-    const int result = fails(kMlock) ? -1 : __real_mlock(memory, length);
+    const int result = fails(kMlock) ? -1 : 0;
     recordLock(kMlock, memory, length, result);
     return result;
 }
 
 int __wrap_munlock(const void* memory, size_t length) {
-    const int result = fails(kMunlock) ? -1 : __real_munlock(memory, length);
+    const int result = fails(kMunlock) ? -1 : 0;
     recordLock(kMunlock, memory, length, result);
     return result;
 }
 
 int __wrap_munlockall() {
     ++counts[kMunlockall];
-    const int result = __real_munlockall();
-    recordLock(kMunlockall, nullptr, 0, result);
-    return result;
+    recordLock(kMunlockall, nullptr, 0, 0);
+    return 0;
 }
 
 int __wrap_madvise(void* memory, size_t length, int advice) {

@@ -1,5 +1,6 @@
 // The system calls that the library makes, wrapped at link time: counted, failed on demand, placed
-// where a test wants them, and watched for leaks.
+// where a test wants them, and watched for leaks. Locking is recorded with the scripted platform
+// and never done, since what a machine lets a process lock differs.
 #ifndef TESTS_SYSTEM_CALLS_H
 #define TESTS_SYSTEM_CALLS_H
 
@@ -51,10 +52,7 @@ void place(Placement placement);
 /// Allocations and mappings that are not released.
 size_t live();
 
-/// Records lock and unlock calls with the scripted platform.
-void recordLocks(bool on);
-
-/// Calls are counted and watched from now on; nothing fails, nothing is placed, nothing recorded.
+/// Calls are counted and watched from now on; nothing fails, nothing is placed.
 void watch();
 
 /// Calls are what they are without this file.

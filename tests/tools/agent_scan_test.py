@@ -66,6 +66,12 @@ with tempfile.TemporaryDirectory() as top:
     assert json.loads(partial.stdout)["skipped"] == 1, partial.stdout
     assert "odd\\x0aname: Permission denied" in partial.stderr, partial.stderr
 
-with open("/dev/full", "w") as full:
-    assert subprocess.run([AGENT, "scan", __file__], stdout=full, stderr=subprocess.PIPE).returncode == 1
+    kernel = run("scan", "/proc/sys/kernel", top + "/a", code=3)
+    assert kernel.stderr == "kspool-agent: /proc/sys/kernel: is the kernel's, not scanned\n", kernel.stderr
+
+for buffering in ("-oL", "-o4096"):  # the loss shows at once, or only at the end
+    with open("/dev/full", "w") as full:
+        lost = subprocess.run(["stdbuf", buffering, AGENT, "scan", __file__], stdout=full,
+                              stderr=subprocess.PIPE)
+    assert lost.returncode == 1 and b"could not be written" in lost.stderr, lost
 print("kspool-agent scan: as expected")
