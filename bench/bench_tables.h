@@ -28,11 +28,12 @@ struct DigestHash {
     }
 };
 
+/// Two to four roots an entry.
 inline uint32_t bitsFor(size_t entries) {
     uint32_t bits = 1;
-    while ((size_t{1} << bits) < entries && bits < 29)
+    while ((size_t{1} << bits) < entries && bits < 28)
         ++bits;
-    return bits;
+    return bits + 1;
 }
 
 /// The cache, with the settings that its documentation advises.

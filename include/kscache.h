@@ -76,8 +76,8 @@ typedef void (*KSCacheAddCallback)(void* addArg, void* callbackArg);
  *   areaSize   slots of 72 bytes per page. Rounded up to whole system pages, at least 1024, and
  *              held below pages of 4 GiB. A 200th of the expected entries is a good choice.
  *   bits       the root table gets 2^bits roots of 8 bytes: 1 to 29; anything else means 4. The
- *              base-2 logarithm of the expected entries, rounded up, keeps lookups shortest. When
- *              memory for the table is short, it is halved until it can be had.
+ *              base-2 logarithm of the expected entries, rounded up, and one more keeps lookups
+ *              short. When memory for the table is short, it is halved until it can be had.
  *   lockPages  not 0: every page is locked into memory. A failed lock is reported as a warning, and
  *              the page is used unlocked.
  *   callback   told of each add of a known fingerprint; may be NULL.

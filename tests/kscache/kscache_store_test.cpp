@@ -78,6 +78,12 @@ TEST_F(CacheStore, FreedSlotsAreReusedBeforeFreshOnes) {
         EXPECT_EQ(order[i]->value, 100 + i);
         EXPECT_EQ(brokenInvariant(cache_), "");
     }
+    // What a slot held before is no part of a short key.
+    memset(cache_->areaPointer->fingerprint, 0xee, 32);
+    const uint8_t key[32] = {9};
+    ASSERT_EQ(KSCacheAdd(cache_, key, 1, 0, nullptr), 0U);
+    ASSERT_EQ(KSCacheAdd(cache_, key, 3, 0, nullptr), 0U);
+    EXPECT_EQ(brokenInvariant(cache_), "");
     // The list and its count are kept in agreement, whichever says that it is empty.
     for (const uint64_t count : {1, 5}) {
         cache_->freeList = slots + 10;
