@@ -7,7 +7,7 @@ set logscale y
 set xlabel "entries"
 set format x "10^{%T}"
 set grid
-set key top left
+set key bottom right
 do for [panel = 0:3] {
     set title word("add hit fetch miss", panel + 1)
     plot for [column = 2:7] "cache.dat" index panel using 1:column with linespoints \

@@ -1,8 +1,8 @@
 // Add, hit, miss and fetch of the cache beside hash tables that a user would take instead.
 //
-// Each benchmark does one pass over its keys per repetition and times that pass itself; run it with
-// repetitions and random interleaving (scripts/bench does), so that drift of the machine meets all
-// tables alike. Each table is built, and gone through once, before its first timed pass.
+// Run it with random interleaving (scripts/bench does): the rounds of all benchmarks are then
+// mixed, and kept short, so that drift of the machine meets all tables alike. Each table is built,
+// and gone through once, before its first timed round. Rounds of lookups move on through the keys.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -18,8 +18,10 @@
 namespace bench {
 namespace {
 
-/// Passes over small tables are repeated up to this many operations.
-constexpr size_t kOperations = 2'000'000;
+/// Operations of a round, unless filling a table takes more.
+constexpr size_t kOperations = 1'000'000;
+constexpr int kAddRounds = 5;
+constexpr int kLookupRounds = 21;
 
 struct Keys {
     std::vector<Digest> known;
@@ -97,50 +99,47 @@ void benchAdd(benchmark::State& state, size_t count) {
     state.SetItemsProcessed(static_cast<int64_t>(rounds * count));
 }
 
-/// Looks up all keys, and fails the run if one is answered wrongly.
+/// Looks up the keys from `next` on, and fails the run if one is answered wrongly.
 template <typename Lookup>
-void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, bool expected,
-                 Lookup lookup) {
-    const auto pass = [&] {
+void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, size_t& next,
+                 bool expected, Lookup lookup) {
+    for (auto _ : state) {
         size_t found = 0;
         uint64_t values = 0;
-        for (const Digest& key : keys) {
-            uint64_t value = 0;
-            if (lookup(key, value)) ++found;
-            values += value;
-        }
-        benchmark::DoNotOptimize(values);
-        if (found != (expected ? keys.size() : 0)) abort();
-    };
-    const size_t rounds = std::max<size_t>(1, kOperations / keys.size());
-    for (auto _ : state) {
         state.SetIterationTime(secondsOf([&] {
-            for (size_t round = 0; round < rounds; ++round)
-                pass();
+            for (size_t i = 0; i < kOperations; ++i) {
+                uint64_t value = 0;
+                if (lookup(keys[next], value)) ++found;
+                values += value;
+                if (++next == keys.size()) next = 0;
+            }
         }));
+        benchmark::DoNotOptimize(values);
+        if (found != (expected ? kOperations : 0)) abort();
     }
-    state.SetItemsProcessed(static_cast<int64_t>(rounds * keys.size()));
+    state.SetItemsProcessed(static_cast<int64_t>(kOperations));
 }
 
 template <typename Table>
 void registerTable(const std::string& name, size_t count) {
     using benchmark::State;
-    const auto add = [&](const std::string& work, auto run) {
+    const auto add = [&](const std::string& work, int rounds, auto run) {
         const std::string title = work + "/" + name + "/" + std::to_string(count);
         benchmark::RegisterBenchmark(title.c_str(), run)
             ->Iterations(1)
+            ->Repetitions(rounds)
             ->UseManualTime()
             ->Unit(benchmark::kMillisecond);
     };
     const auto lookup = [&](const std::string& work, auto keys, bool expected, auto call) {
-        add(work, [=](State& state) {
+        add(work, kLookupRounds, [=, next = size_t{0}](State& state) mutable {
             Table& table = filledTable<Table>(count);
             benchLookup(
-                state, keysFor(count).*keys, expected,
+                state, keysFor(count).*keys, next, expected,
                 [&](const Digest& key, uint64_t& value) { return (table.*call)(key, value); });
         });
     };
-    add("add", [=](State& state) { benchAdd<Table>(state, count); });
+    add("add", kAddRounds, [=](State& state) { benchAdd<Table>(state, count); });
     lookup("hit", &Keys::shuffled, true, &Table::exists);
     lookup("miss", &Keys::absent, false, &Table::exists);
     lookup("fetch", &Keys::shuffled, true, &Table::fetch);

@@ -35,15 +35,14 @@ for run in report["benchmarks"]:
         times[work, table, int(count)].append(1e9 / run["items_per_second"])
 median = {key: statistics.median(values) for key, values in times.items()}
 counts = sorted({count for _, _, count in times})
-rounds = len(next(iter(times.values())))
 
 out = ["# The cache beside hash tables", ""]
 out += [
-    f"Made by `scripts/bench`: {rounds} rounds of each, all tables in one run and interleaved, on",
-    "memory that was touched before. Nanoseconds an operation, median; in brackets the ratio to",
+    "Made by `scripts/bench`: all tables in one run, their rounds mixed, on memory that was touched",
+    "before. Nanoseconds an operation, median of the rounds; in brackets the ratio to",
     f"{NAMES[PEER]} (below 1 is faster). Keys are random 32-byte digests, looked up in another order",
-    "than they were added in. The cache has a page size of a 200th of its entries and `bits` as",
-    "advised in the README.", "",
+    "than they were added in. The cache has pages of a 200th of its entries and `bits` as advised in",
+    "the README.", "",
     "![Nanoseconds an operation by number of entries](cache.svg)", "",
 ]
 for work, title in WORKS.items():
@@ -59,13 +58,12 @@ for work, title in WORKS.items():
     spread = ", ".join(
         f"{min(times[work, 'kspool', n]):.0f} to {max(times[work, 'kspool', n]):.0f}" for n in counts
     )
-    out += ["", f"Spread of the cache's rounds: {spread} ns.", ""]
+    rounds = len(times[work, "kspool", counts[0]])
+    out += ["", f"Fastest to slowest of the cache's {rounds} rounds: {spread} ns.", ""]
 context = report["context"]
-caches = ", ".join(f"L{c['level']} {c['size'] // 1024} KiB" for c in context["caches"]
-                   if c["type"] != "Instruction")
 out += ["## The machine", "",
-        f"A virtual machine with {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz "
-        f"({caches}), shared with others: trust ratios, not single figures.", ""]
+        f"A virtual machine with {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz, which",
+        "shares its caches and memory with others: trust ratios, not single figures.", ""]
 with open(os.path.join(sys.argv[2], "cache.md"), "w", encoding="utf-8") as file:
     file.write("\n".join(out))
 
