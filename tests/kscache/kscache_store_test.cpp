@@ -39,7 +39,8 @@ class CacheStore : public testing::Test {
 
 TEST_F(CacheStore, PagesAscendWhateverTheirSize) {
     for (const uint32_t areaSize : {1080U, 100010U}) {
-        for (const size_t failing : {0, 1}) {  // also when only a smaller span can be had
+        for (const size_t failing :
+             {size_t{0}, size_t{1}}) {  // also when only a smaller span can be had
             make(areaSize, 10);
             calls::fail({.call = calls::kMmap, .nth = failing});
             fill(0, 3 * (areaSize - 1) + 1);
@@ -85,7 +86,7 @@ TEST_F(CacheStore, FreedSlotsAreReusedBeforeFreshOnes) {
     ASSERT_EQ(KSCacheAdd(cache_, key, 3, 0, nullptr), 0U);
     EXPECT_EQ(brokenInvariant(cache_), "");
     // The list and its count are kept in agreement, whichever says that it is empty.
-    for (const uint64_t count : {1, 5}) {
+    for (const uint64_t count : {uint64_t{1}, uint64_t{5}}) {
         cache_->freeList = slots + 10;
         cache_->freeListCount = count;
         slots[10].higher = count == 1 ? slots + 11 : nullptr;
