@@ -26,7 +26,9 @@
 #ifndef KSCACHE_H
 #define KSCACHE_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include "cr_status.h"
 #include "kspool_api.h"
@@ -47,6 +49,12 @@ typedef struct KSCacheNode {
     uint64_t refCount;          /* 1 to 16383 in an entry, 0 in a free slot */
     uint8_t type;               /* fingerprint type, low 8 bits */
 } KSCacheNode;
+
+/* A key of the batch functions. The digest stays the caller's and is read during the call only. */
+typedef struct KSCacheKey {
+    const void* fingerprint;
+    uint32_t type; /* fingerprint type, of which the low 8 bits count */
+} KSCacheKey;
 
 /* What KSCacheStats() reports. Sizes are in bytes. */
 typedef struct KSCacheStatsRecord {
@@ -71,13 +79,27 @@ typedef struct KSCacheStatsRecord {
 typedef void (*KSCacheAddCallback)(void* addArg, void* callbackArg);
 
 /*
+ * Told of each entry of a walk: `node` is the live entry, which may be read during the call,
+ * `value` its value, `reserved` 0, `arg` the last argument of KSCacheIterate(). Returns 0 to go on,
+ * anything else to end the walk. It must not throw, and must not reset or destroy the cache.
+ */
+typedef int (*KSCacheIterateCallback)(KSCache* cache, KSCacheNode* node, uint64_t value,
+                                      int reserved, void* arg);
+
+/*
+ * The `bits` to pass to KSCacheCreate() for a number of entries: the base-2 logarithm, rounded up,
+ * and one more, within 1 to 29. That is two to four roots an entry.
+ */
+KSPOOL_API uint32_t KSCacheBitsFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
+
+/*
  * Makes an empty cache.
  *
  *   areaSize   slots of 72 bytes per page. Rounded up to whole system pages, at least 1024, and
  *              held below pages of 4 GiB. A 200th of the expected entries is a good choice.
- *   bits       the root table gets 2^bits roots of 8 bytes: 1 to 29; anything else means 4. The
- *              base-2 logarithm of the expected entries, rounded up, and one more keeps lookups
- *              short. When memory for the table is short, it is halved until it can be had.
+ *   bits       the root table gets 2^bits roots of 8 bytes: 1 to 29; anything else means 4.
+ *              KSCacheBitsFor() tells which. When memory for the table is short, it is halved until
+ *              it can be had.
  *   lockPages  not 0: every page is locked into memory. A failed lock is reported as a warning, and
  *              the page is used unlocked.
  *   callback   told of each add of a known fingerprint; may be NULL.
@@ -146,6 +168,147 @@ KSPOOL_API uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, 
  */
 KSPOOL_API uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint32_t type,
                                   uint64_t* valueOut) KSPOOL_NOEXCEPT;
+
+/*
+ * Removes one entry, whatever its reference count. Its slot is the next to be used again.
+ *
+ * Returns 0; CR_STATUS_NOT_FOUND (2), slot left alone, nothing changed; 44 or 82, also in the
+ * status slot; 9 for a NULL fingerprint.
+ */
+KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
+                                  uint32_t type) KSPOOL_NOEXCEPT;
+
+/* ---- Batches: what a loop of single calls does, in the same order, several times faster ---- */
+
+/*
+ * KSCacheExists() for each of `count` keys.
+ *
+ *   keys      belong to the caller, as do their digests.
+ *   values    NULL, or room for `count` values. As with single calls, the value of a key that is
+ *             not found is not written.
+ *   statuses  NULL, or room for `count` statuses: for each key what the single call returns.
+ *
+ * Returns 0, also when keys were not found; 44 or 82, also in the status slot; 9 when `count` is
+ * not 0 and `keys` or the fingerprint of one of them is NULL. Nothing was done when it is not 0.
+ */
+KSPOOL_API uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count,
+                                       uint64_t* values, uint32_t* statuses) KSPOOL_NOEXCEPT;
+
+/* KSCacheFetch() for each of `count` keys; arguments and statuses as for KSCacheExistsBatch(). */
+KSPOOL_API uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* keys, size_t count,
+                                      uint64_t* values, uint32_t* statuses) KSPOOL_NOEXCEPT;
+
+/*
+ * KSCacheAdd() for each of `count` keys. A key that is in the batch twice is known the second time.
+ *
+ *   values    `count` values; read only.
+ *   addArgs   NULL for no callbacks, or one argument a key.
+ *   statuses  NULL, or room for `count` statuses: for each key what the single call returns.
+ *
+ * Returns 0, also when keys were known already; 44 or 82, also in the status slot; 9 when `count`
+ * is not 0 and `keys`, `values` or the fingerprint of a key is NULL. Nothing was done for these
+ * three. Any other value is the status of the first page that could not be mapped: all keys were
+ * handled, `statuses` tells how, and the status slot holds the last such status.
+ */
+KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t* values,
+                                    void* const* addArgs, size_t count,
+                                    uint32_t* statuses) KSPOOL_NOEXCEPT;
+
+/* ---- Walk ---- */
+
+/*
+ * Calls `callback` for each entry, in the order of memory: page by page, slot by slot. `arg` is
+ * handed to it as it is. The callback may use the cache: an entry that it deletes is no longer
+ * met, one that it adds is met only if its slot lies ahead. While a walk is under way, nothing
+ * moves: KSCacheCheck() and KSCachePrune() refuse and KSCacheReclaim() does nothing. Walks may be
+ * nested.
+ *
+ * Returns 0, also when the callback ended the walk; 44 or 82, also in the status slot; 9 for a NULL
+ * callback.
+ */
+KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback,
+                                   void* arg) KSPOOL_NOEXCEPT;
+
+/* ---- File ---- */
+
+/*
+ * Saves all entries to a file, whose format docs/cache-format.md describes: fingerprints, types and
+ * values; reference counts and counters are not kept. The file is made anew (mode 0644). An empty
+ * cache leaves no file: one of that name is removed.
+ *
+ *   path   file name, read during the call only.
+ *   count  NULL, or receives the number of entries saved when the call succeeds.
+ *
+ * Returns 0; 44, 82, or 9 for a NULL path; the status of the system error when the file cannot be
+ * opened, which is logged as a warning. All are stored in the status slot. Errors in writing go
+ * unseen, so the file may be incomplete; KSCacheLoad() refuses such a file.
+ */
+KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
+                                uint64_t* count) KSPOOL_NOEXCEPT;
+
+/*
+ * Adds all entries of a file to a cache, as KSCacheAdd() without argument does: a fingerprint that
+ * is known already counts a hit. The file is checked as a whole before the first is added, so that
+ * a file that is refused leaves the cache as it was; it must not change meanwhile.
+ *
+ *   path   file name, read during the call only.
+ *   count  NULL, or receives the number of entries read when the call succeeds, those included that
+ *          were known or found no memory.
+ *
+ * Returns 0; all others are stored in the status slot as well:
+ *   44, 82                       bad handle;
+ *   9                            NULL path;
+ *   CR_STATUS_BAD_HANDLE (82)    the file is no cache file;
+ *   CR_STATUS_SEEK_FAILED (23)   it is something in which there are no positions, a pipe perhaps;
+ *   CR_STATUS_READ_FAILED (25)   it could not be read;
+ *   CR_STATUS_CORRUPT (32)       its checksum differs;
+ *   any other value              the status of the system error when it cannot be opened.
+ */
+KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* count) KSPOOL_NOEXCEPT;
+
+/* ---- Memory limit ---- */
+
+/*
+ * Holds the memory of the pages to a limit. When they take more, entries with low reference counts
+ * are dropped until the others fit, and the pages are compacted (KSCacheReclaim()). Entries with
+ * equal counts go together: a cache in which everything was asked for once may be emptied.
+ *
+ *   limit  MiB; 0 for no limit, which compacts only. The root table does not count.
+ *
+ * Returns 0; 44, 82, or CR_STATUS_BUSY (11) during a walk, each also in the status slot.
+ */
+KSPOOL_API uint32_t KSCacheCheck(KSCache* cache, uint32_t limit) KSPOOL_NOEXCEPT;
+
+/*
+ * Reports the free slots and returns their number. Deletion frees slots at once, so nothing is left
+ * for it to do. Returns 0 with 44, 82, or CR_STATUS_BUSY (11) during a walk, in the status slot.
+ */
+KSPOOL_API uint64_t KSCachePrune(KSCache* cache) KSPOOL_NOEXCEPT;
+
+/*
+ * Compacts: moves entries from the last pages into free slots at lower addresses and releases the
+ * pages that this empties. Entries keep all but their addresses. Does nothing for a NULL handle,
+ * during a walk, and while fewer slots are free than a page has. The handle is not checked.
+ */
+KSPOOL_API void KSCacheReclaim(KSCache* cache) KSPOOL_NOEXCEPT;
+
+/* ---- Reports ---- */
+
+/*
+ * Write to `stream` (NULL: standard output), which is not flushed: one line each for all slots,
+ * free ones included; for all entries, tree by tree, from the highest to the lowest; or for all
+ * slots and the free list, with a summary. They do nothing for a NULL cache. The handle is not
+ * checked.
+ */
+KSPOOL_API void KSCacheDump(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
+KSPOOL_API void KSCacheDumpSorted(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
+KSPOOL_API void KSCacheDumpRaw(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
+
+/*
+ * Writes a summary of a cache, under a name, as one trace message; nothing while tracing is off or
+ * for a NULL cache. `name` must not be NULL. The handle is not checked.
+ */
+KSPOOL_API void _ksCacheDump(const KSCache* cache, const char* name) KSPOOL_NOEXCEPT;
 
 #ifdef __cplusplus
 }

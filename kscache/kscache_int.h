@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "common/diagnostics.h"
 #include "kscache.h"
@@ -71,6 +72,24 @@ void cacheRelease(KSCachePage* firstPage) noexcept;
 /// could be had, which leaves the cache as it was but for `disabled`.
 KSCacheNode* newnode(KSCache* cache) noexcept;
 
+/// Unlocks and unmaps the last page of a cache and takes it off the list. The area and the free
+/// list are not looked at.
+void releaseLastPage(KSCache* cache) noexcept;
+
+/// The node slots of a page, used or free.
+inline std::span<KSCacheNode> slotsOf(KSCachePage* page) noexcept {
+    return {reinterpret_cast<KSCacheNode*>(page) + 1, page->end};
+}
+
+/// Puts a slot that is in no tree on the free list, to be taken next.
+inline void pushFree(KSCache* cache, KSCacheNode* slot) noexcept {
+    slot->refCount = 0;
+    slot->lower = nullptr;
+    slot->higher = cache->freeList;
+    cache->freeList = slot;
+    ++cache->freeListCount;
+}
+
 /// The system's memory page size in bytes.
 uint64_t systemPageSize() noexcept;
 
@@ -86,6 +105,19 @@ constexpr uint64_t roundUp(uint64_t value, uint64_t multiple) noexcept {
 inline uint32_t checkHandle(const KSCache* cache) noexcept {
     if (cache == nullptr) return storeStatus(CR_STATUS_NULL_HANDLE);
     if (cache->magic != kCacheMagic) return storeStatus(CR_STATUS_BAD_HANDLE);
+    return CR_STATUS_OK;
+}
+
+/// The same, and a fingerprint that is there, without which the slot is left alone.
+inline uint32_t checkRequest(const KSCache* cache, const void* fingerprint) noexcept {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    return fingerprint != nullptr ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
+}
+
+/// A good handle, and a cache without a walk under way.
+inline uint32_t checkIdle(const KSCache* cache) noexcept {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    if (cache->busy != 0) return storeStatus(CR_STATUS_BUSY);
     return CR_STATUS_OK;
 }
 

@@ -6,11 +6,6 @@ using namespace kspool;
 
 namespace {
 
-uint32_t checkRequest(const KSCache* cache, const void* fingerprint) {
-    if (const uint32_t bad = checkHandle(cache)) return bad;
-    return fingerprint != nullptr ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
-}
-
 void countReference(KSCacheNode& node) {
     if (node.refCount < kMaximumRefCount) ++node.refCount;
 }

@@ -177,6 +177,17 @@ KSCacheNode* newnode(KSCache* cache) noexcept {
     return cache->areaPointer++;
 }
 
+void releaseLastPage(KSCache* cache) noexcept {
+    KSCachePage* page = cache->lastPage;
+    cache->lastPage = page->prev;
+    (page->prev != nullptr ? page->prev->next : cache->firstPage) = nullptr;
+    --cache->pageCount;
+    cache->cacheSize -= page->size;
+    const ErrorsKept kept;
+    if (page->locked != 0) munlock(page, page->size);
+    munmap(page, page->size);
+}
+
 void cacheRelease(KSCachePage* firstPage) noexcept {
     bool unlockFailed = false;
     for (const KSCachePage* page = firstPage; page != nullptr; page = page->next) {

@@ -1,5 +1,6 @@
 // The life of a cache: create, reset, destroy, statistics.
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 
@@ -93,6 +94,12 @@ void cacheInit(KSCache* cache) noexcept {
 }  // namespace kspool
 
 using namespace kspool;
+
+uint32_t KSCacheBitsFor(uint64_t expectedItems) noexcept {
+    if (expectedItems == 0) return 1;
+    const auto logarithm = static_cast<uint32_t>(std::bit_width(expectedItems - 1));
+    return std::min(logarithm + 1, kMaximumBits);
+}
 
 KSCache* KSCacheCreate(uint32_t areaSize, uint32_t bits, uint32_t lockPages,
                        KSCacheAddCallback callback, void* callbackArg) noexcept {

@@ -25,7 +25,8 @@ std::string checkPages(const KSCache* cache, Nodes& used, Nodes& unused, Nodes& 
         REQUIRE_THAT(page->end == slots + cache->areaSize);
         REQUIRE_THAT(page->locked == 0 || cache->lockPages != 0);
         for (const KSCacheNode* slot = slots + 1; slot < page->end; ++slot) {
-            const bool issued = page != cache->lastPage || slot < cache->areaPointer;
+            const bool issued = page != cache->lastPage || cache->areaPointer == nullptr ||
+                                slot < cache->areaPointer;
             REQUIRE_THAT(slot->refCount <= 16383);
             REQUIRE_THAT(issued || slot->refCount == 0);
             (slot->refCount != 0 ? used : issued ? unused : area).insert(slot);

@@ -1,6 +1,9 @@
 #include "tests/support/scripted_platform.h"
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstring>
 #include <map>
@@ -26,7 +29,7 @@ std::string quoted(const char* text) {
     return out + '"';
 }
 
-/// Takes the next argument as its conversion says ("lu", "i", "zu", "s", "p").
+/// Takes the next argument as its conversion says ("lu", "i", "zu", "s", "p", "lf").
 std::string argumentText(const std::string& conversion, va_list& arguments) {
     const bool wide = conversion.size() > 1;
     switch (conversion.back()) {
@@ -34,6 +37,11 @@ std::string argumentText(const std::string& conversion, va_list& arguments) {
             return quoted(va_arg(arguments, const char*));
         case 'p':
             return pointerName(va_arg(arguments, const void*));
+        case 'f': {
+            char text[64];
+            snprintf(text, sizeof text, "%.2f", va_arg(arguments, double));
+            return text;
+        }
         case 'd':
         case 'i':
             return std::to_string(wide ? va_arg(arguments, long) : va_arg(arguments, int));
@@ -132,4 +140,48 @@ void ErrorA(uint32_t status, const char* format, ...) noexcept {
 }
 void WarningA(uint32_t status, const char* format, ...) noexcept {
     RECORD("WarningA", std::to_string(status) + ", ");
+}
+
+uint64_t OSGetRSS() noexcept {
+    record("OSGetRSS()");
+    return (uint64_t{1} << 32) + 4711;
+}
+int qlx_unlink(const char* path) noexcept {
+    record("qlx_unlink(" + quoted(path) + ")");
+    return unlink(path);
+}
+
+const char* CRFPDigestToString_r(const void* fingerprint, uint32_t type, char* buffer,
+                                 size_t size) noexcept {
+    const auto* bytes = static_cast<const uint8_t*>(fingerprint);
+    snprintf(buffer, size, "%02x..%02x/%u", bytes[0], bytes[15], type);
+    return buffer;
+}
+
+/// read() or write() until the header is through or the call fails.
+template <typename Call>
+static bool moveHeader(Call call, int fd, char* text) {
+    ssize_t moved = 0;
+    for (ssize_t now = 1; moved < kMagicLength && now > 0; moved += now) {
+        do {
+            now = call(fd, text + moved, static_cast<size_t>(kMagicLength - moved));
+        } while (now < 0 && errno == EINTR);
+    }
+    return moved == kMagicLength;
+}
+
+// A header that is shorter than others' and not aligned: the library may not know its length.
+int qlxMagicWrite(uint32_t type, int fd, uint64_t value) noexcept {
+    record("qlxMagicWrite(" + std::to_string(type) + ", fd, " + std::to_string(value) + ")");
+    char text[kMagicLength + 1];
+    snprintf(text, sizeof text, "%02" PRIx32 "%016" PRIx64 "\n", type & 0xff, value);
+    return moveHeader(write, fd, text) ? 0 : -1;
+}
+
+uint32_t qlxMagicRead(int fd, QLXMagic* header) noexcept {
+    char text[kMagicLength + 1] = {};
+    *header = {};
+    if (!moveHeader(read, fd, text)) return 0;
+    if (sscanf(text, "%2" SCNx32 "%16" SCNx64, &header->type, &header->value) != 2) return 0;
+    return header->type;
 }

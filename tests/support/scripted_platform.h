@@ -7,6 +7,9 @@
 
 namespace scripted {
 
+/// Bytes of a magic header of this platform.
+inline constexpr int kMagicLength = 19;
+
 /// Adds a line to the record.
 void record(const std::string& line);
 

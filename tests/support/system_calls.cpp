@@ -1,6 +1,8 @@
 #include "tests/support/system_calls.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,21 +14,30 @@
 extern "C" {
 void* __real_calloc(size_t, size_t);
 void* __real_mmap(void*, size_t, int, int, int, off_t);
+void* __real_realloc(void*, size_t);
 void __real_free(void*);
 int __real_munmap(void*, size_t);
 int __real_madvise(void*, size_t, int);
+int __real_open(const char*, int, mode_t);
+int __real_close(int);
+ssize_t __real_read(int, void*, size_t);
+ssize_t __real_write(int, const void*, size_t);
+off_t __real_lseek(int, off_t, int);
 }
 
 namespace calls {
 namespace {
 
-constexpr std::array<const char*, kCalls> kNames = {"calloc", "mmap",   "mlock",      "munlock",
-                                                    "free",   "munmap", "munlockall", "madvise"};
+constexpr std::array<const char*, kCalls> kNames = {
+    "calloc", "realloc", "mmap", "mlock",  "munlock",    "open",    "read",
+    "write",  "lseek",   "free", "munmap", "munlockall", "madvise", "close"};
 
 std::array<size_t, kCalls> counts;
 Failure wanted;
 size_t matched = 0;
 size_t failed = 0;
+size_t mostMoved = SIZE_MAX;
+bool interrupted = false;
 Placement placement = Placement::AsAsked;
 
 /// A set that allocates nothing itself: in a static program its own calls would be wrapped too.
@@ -57,6 +68,7 @@ class Blocks {
 
 Blocks allocations;
 Blocks mappings;
+Blocks descriptors;
 bool watching = false;
 
 /// Counts a call; true, with errno set, when it is to fail.
@@ -70,6 +82,21 @@ bool fails(Call call, bool ofPage = true) {
     ++failed;
     errno = wanted.error;
     return true;
+}
+
+const void* descriptorName(int fd) {
+    return reinterpret_cast<const void*>(static_cast<intptr_t>(fd) + 1);
+}
+
+/// Makes a read or write of what of `length` may be moved, or tells an interruption.
+template <typename Transfer>
+ssize_t transferred(Call call, size_t length, Transfer transfer) {
+    if (fails(call)) return -1;
+    if (watching && mostMoved != SIZE_MAX && (interrupted = !interrupted)) {
+        errno = EINTR;
+        return -1;
+    }
+    return transfer(std::min(length, watching ? mostMoved : length));
 }
 
 /// An address inside a span of our own for the n-th page of a run.
@@ -112,13 +139,18 @@ size_t made(Call call) {
 void place(Placement where) {
     placement = where;
 }
+void cutTransfers(size_t most) {
+    mostMoved = most;
+    interrupted = false;
+}
 size_t live() {
-    return allocations.size() + mappings.size();
+    return allocations.size() + mappings.size() + descriptors.size();
 }
 
 void watch() {
     fail({});
     place(Placement::AsAsked);
+    cutTransfers(SIZE_MAX);
     watching = true;
 }
 
@@ -136,6 +168,14 @@ extern "C" {
 void* __wrap_calloc(size_t count, size_t size) {
     if (fails(kCalloc)) return nullptr;
     void* memory = __real_calloc(count, size);
+    if (watching && memory != nullptr) allocations.insert(memory, 0);
+    return memory;
+}
+
+void* __wrap_realloc(void* old, size_t size) {
+    if (fails(kRealloc)) return nullptr;
+    void* memory = __real_realloc(old, size);
+    if (old != nullptr) allocations.erase(old, 0);
     if (watching && memory != nullptr) allocations.insert(memory, 0);
     return memory;
 }
@@ -191,6 +231,31 @@ int __wrap_madvise(void* memory, size_t length, int advice) {
     __real_madvise(memory, length, advice);
     errno = EINVAL;  // whatever comes of advice, nobody may notice
     return -1;
+}
+
+int __wrap_open(const char* path, int flags, mode_t mode) {
+    if (fails(kOpen)) return -1;
+    const int fd = __real_open(path, flags, mode);
+    if (watching && fd >= 0) descriptors.insert(descriptorName(fd), 0);
+    return fd;
+}
+
+int __wrap_close(int fd) {
+    ++counts[kClose];
+    descriptors.erase(descriptorName(fd), 0);
+    return __real_close(fd);
+}
+
+ssize_t __wrap_read(int fd, void* bytes, size_t length) {
+    return transferred(kRead, length, [=](size_t now) { return __real_read(fd, bytes, now); });
+}
+
+ssize_t __wrap_write(int fd, const void* bytes, size_t length) {
+    return transferred(kWrite, length, [=](size_t now) { return __real_write(fd, bytes, now); });
+}
+
+off_t __wrap_lseek(int fd, off_t offset, int whence) {
+    return fails(kLseek) ? -1 : __real_lseek(fd, offset, whence);
 }
 
 }  // extern "C"

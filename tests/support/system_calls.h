@@ -1,6 +1,6 @@
 // The system calls that the library makes, wrapped at link time: counted, failed on demand, placed
-// where a test wants them, and watched for leaks. Locking is recorded with the scripted platform
-// and never done, since what a machine lets a process lock differs.
+// where a test wants them, cut into pieces, and watched for leaks. Locking is recorded with the
+// scripted platform and never done, since what a machine lets a process lock differs.
 #ifndef TESTS_SYSTEM_CALLS_H
 #define TESTS_SYSTEM_CALLS_H
 
@@ -12,14 +12,20 @@ namespace calls {
 /// The wrapped calls. Those up to the last fallible one can be made to fail.
 enum Call {
     kCalloc,
+    kRealloc,
     kMmap,
     kMlock,
     kMunlock,
+    kOpen,
+    kRead,
+    kWrite,
+    kLseek,
     kFallible,
     kFree = kFallible,
     kMunmap,
     kMunlockall,
     kMadvise,
+    kClose,
     kCalls
 };
 
@@ -49,7 +55,10 @@ size_t made(Call call);
 enum class Placement { AsAsked, Descending, Scattered, AtZero };
 void place(Placement placement);
 
-/// Allocations and mappings that are not released.
+/// read() and write() move at most so many bytes, and are interrupted before each.
+void cutTransfers(size_t most);
+
+/// Allocations, mappings and descriptors that are not released.
 size_t live();
 
 /// Calls are counted and watched from now on; nothing fails, nothing is placed.

@@ -1,0 +1,5 @@
+#include "kspool_version.h"
+
+const char* kspoolVersion() noexcept {
+    return KSPOOL_VERSION;
+}

@@ -1,0 +1,74 @@
+// Batches: the single calls in a loop, with the memory that they are going to touch on its way.
+#include <algorithm>
+
+#include "kscache/kscache_int.h"
+#include "kscache/kscache_lanes.h"
+
+using namespace kspool;
+
+namespace {
+
+bool holdsNull(const KSCacheKey* keys, size_t count) {
+    return std::any_of(keys, keys + count,
+                       [](const KSCacheKey& key) { return key.fingerprint == nullptr; });
+}
+
+uint32_t checkBatch(const KSCache* cache, const KSCacheKey* keys, size_t count) {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    if (count == 0) return CR_STATUS_OK;
+    return keys != nullptr && !holdsNull(keys, count) ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
+}
+
+/// Makes the single call for each key in turn. What one of them does to the tree, its callback
+/// included, the next ones see: looking ahead leaves nothing behind that a search relies on.
+template <typename SingleCall>
+void forEachKey(const KSCache* cache, const KSCacheKey* keys, size_t count, uint32_t* statuses,
+                SingleCall singleCall) {
+    for (size_t first = 0; first < count; first += kLanes) {
+        const size_t end = std::min(first + kLanes, count);
+        prefetchPaths(cache, keys + first, end - first);
+        for (size_t i = first; i < end; ++i) {
+            const uint32_t status = singleCall(keys[i], i);
+            if (statuses != nullptr) statuses[i] = status;
+        }
+    }
+}
+
+uint64_t* valueAt(uint64_t* values, size_t i) {
+    return values != nullptr ? values + i : nullptr;
+}
+
+}  // namespace
+
+uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count, uint64_t* values,
+                            uint32_t* statuses) noexcept {
+    if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
+    forEachKey(cache, keys, count, statuses, [=](const KSCacheKey& key, size_t i) {
+        return KSCacheExists(cache, key.fingerprint, key.type, valueAt(values, i));
+    });
+    return CR_STATUS_OK;
+}
+
+uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* keys, size_t count,
+                           uint64_t* values, uint32_t* statuses) noexcept {
+    if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
+    forEachKey(cache, keys, count, statuses, [=](const KSCacheKey& key, size_t i) {
+        return KSCacheFetch(cache, key.fingerprint, key.type, valueAt(values, i));
+    });
+    return CR_STATUS_OK;
+}
+
+uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t* values,
+                         void* const* addArgs, size_t count, uint32_t* statuses) noexcept {
+    if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
+    if (count != 0 && values == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    uint32_t failure = CR_STATUS_OK;
+    forEachKey(cache, keys, count, statuses, [=, &failure](const KSCacheKey& key, size_t i) {
+        const uint32_t status = KSCacheAdd(cache, key.fingerprint, key.type, values[i],
+                                           addArgs != nullptr ? addArgs[i] : nullptr);
+        const bool done = status == CR_STATUS_OK || status == CR_STATUS_EXISTS;
+        if (!done && failure == CR_STATUS_OK) failure = status;
+        return status;
+    });
+    return failure;
+}

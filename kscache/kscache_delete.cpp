@@ -1,0 +1,62 @@
+// Delete, and the walk over all entries.
+#include <utility>
+
+#include "kscache/kscache_int.h"
+#include "kscache/kscache_tree.h"
+
+using namespace kspool;
+
+namespace {
+
+/// Takes a node out of its tree. Its place goes to the next entry in the order, the lowest of those
+/// above it.
+void unlinkNode(KSCacheNode** link) {
+    const KSCacheNode* node = *link;
+    KSCacheNode* heir = node->higher;
+    if (heir == nullptr || node->lower == nullptr) {
+        *link = heir != nullptr ? heir : node->lower;
+        return;
+    }
+    if (heir->lower != nullptr) {
+        KSCacheNode* parent = nullptr;
+        while (heir->lower != nullptr)
+            parent = std::exchange(heir, heir->lower);
+        parent->lower = heir->higher;
+        heir->higher = node->higher;
+    }
+    heir->lower = node->lower;
+    *link = heir;
+}
+
+/// Calls back for each entry until the callback asks to stop. It may add entries and pages, so the
+/// ends are looked at anew after each call.
+void walk(KSCache* cache, KSCacheIterateCallback callback, void* arg) {
+    for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
+        for (KSCacheNode* slot = slotsOf(page).data(); slot < page->end; ++slot) {
+            if (slot->refCount == 0) continue;
+            if (callback(cache, slot, slot->value, 0, arg) != 0) return;
+        }
+    }
+}
+
+}  // namespace
+
+uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint, uint32_t type) noexcept {
+    if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
+    KSCacheNode** link = findLink(cache, makeKey(fingerprint, type));
+    KSCacheNode* node = *link;
+    if (node == nullptr) return CR_STATUS_NOT_FOUND;
+    unlinkNode(link);
+    --cache->cachedItems;
+    pushFree(cache, node);
+    return CR_STATUS_OK;
+}
+
+uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback, void* arg) noexcept {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    if (callback == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    const uint32_t outer = std::exchange(cache->busy, 1);
+    walk(cache, callback, arg);
+    cache->busy = outer;
+    return CR_STATUS_OK;
+}

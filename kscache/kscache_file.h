@@ -1,0 +1,57 @@
+// The cache file: a magic header whose value is the Adler-32 of all that follows, then one record
+// for each entry, without count, padding or trailer. docs/cache-format.md describes it to the byte.
+#ifndef KSCACHE_FILE_H
+#define KSCACHE_FILE_H
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "kscache/kscache_int.h"
+#include "kscache/kscache_tree.h"
+
+namespace kspool {
+
+inline constexpr uint32_t kCacheFileType = 64;
+
+/// A record: the whole fingerprint field of the node, whatever its type; the type; the value in the
+/// machine's byte order.
+inline constexpr size_t kTypeOffset = kLongDigest;
+inline constexpr size_t kValueOffset = kTypeOffset + sizeof(KSCacheNode::type);
+inline constexpr size_t kRecordSize = kValueOffset + sizeof(KSCacheNode::value);
+static_assert(kRecordSize == 41);
+
+/// Records are written and read in blocks that callers with small stacks can bear.
+inline constexpr size_t kBlockRecords = 1024;
+inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
+
+/// Closes a descriptor at its end, without a trace in errno.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) noexcept : fd_(fd) {}
+    ~Descriptor() { close(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const noexcept { return fd_; }
+    void close() noexcept {
+        if (fd_ < 0) return;
+        const ErrorsKept kept;
+        ::close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    int fd_;
+};
+
+/// For save and load: a good handle and a path; the status of what is missing is in the slot.
+inline uint32_t checkFileRequest(const KSCache* cache, const char* path) noexcept {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    if (path == nullptr) return storeStatus(CR_STATUS_INVALID_PARAMETER);
+    return CR_STATUS_OK;
+}
+
+}  // namespace kspool
+
+#endif
