@@ -61,8 +61,9 @@ double secondsOf(Work work) {
 
 template <typename Table>
 void fill(Table& table, const std::vector<Digest>& keys) {
-    for (size_t i = 0; i < keys.size(); ++i) {
-        if (!table.add(keys[i], i)) abort();
+    for (size_t i = 0; i < keys.size(); i += kStretch) {
+        const size_t count = std::min(kStretch, keys.size() - i);
+        if (table.add(keys.data() + i, count, i) != count) abort();
     }
 }
 
@@ -74,9 +75,8 @@ Table& filledTable(size_t count) {
     if (table == nullptr) {
         table = std::make_unique<Table>(count);
         fill(*table, keysFor(count).known);
-        uint64_t value = 0;
-        for (const Digest& key : keysFor(count).shuffled)
-            table->fetch(key, value);
+        for (size_t i = 0; i + kStretch <= count; i += kStretch)
+            table->fetch(keysFor(count).shuffled.data() + i, kStretch);
     }
     return *table;
 }
@@ -104,18 +104,18 @@ template <typename Lookup>
 void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, size_t& next,
                  bool expected, Lookup lookup) {
     for (auto _ : state) {
-        size_t found = 0;
-        uint64_t values = 0;
+        Found found;
         state.SetIterationTime(secondsOf([&] {
-            for (size_t i = 0; i < kOperations; ++i) {
-                uint64_t value = 0;
-                if (lookup(keys[next], value)) ++found;
-                values += value;
-                if (++next == keys.size()) next = 0;
+            for (size_t i = 0; i < kOperations; i += kStretch) {
+                if (next + kStretch > keys.size()) next = 0;
+                const Found more = lookup(keys.data() + next, kStretch);
+                found.count += more.count;
+                found.values += more.values;
+                next += kStretch;
             }
         }));
-        benchmark::DoNotOptimize(values);
-        if (found != (expected ? kOperations : 0)) abort();
+        benchmark::DoNotOptimize(found.values);
+        if (found.count != (expected ? kOperations : 0)) abort();
     }
     state.SetItemsProcessed(static_cast<int64_t>(kOperations));
 }
@@ -136,7 +136,7 @@ void registerTable(const std::string& name, size_t count) {
             Table& table = filledTable<Table>(count);
             benchLookup(
                 state, keysFor(count).*keys, next, expected,
-                [&](const Digest& key, uint64_t& value) { return (table.*call)(key, value); });
+                [&](const Digest* first, size_t many) { return (table.*call)(first, many); });
         });
     };
     add("add", kAddRounds, [=](State& state) { benchAdd<Table>(state, count); });
@@ -156,7 +156,9 @@ void warmMemory(size_t bytes) {
 void registerAll(const std::vector<size_t>& counts) {
     for (const size_t count : counts) {
         registerTable<CacheTable>("kspool", count);
+        registerTable<BatchTable>("batch", count);
         registerTable<AbseilTable>("abseil", count);
+        registerTable<AbseilPrefetchTable>("prefetch", count);
         registerTable<StdTable>("std", count);
         registerTable<BoostTable>("boost", count);
         registerTable<DenseTable>("dense", count);

@@ -19,19 +19,16 @@ uint32_t checkBatch(const KSCache* cache, const KSCacheKey* keys, size_t count) 
     return keys != nullptr && !holdsNull(keys, count) ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
-/// Makes the single call for each key in turn. What one of them does to the tree, its callback
-/// included, the next ones see: looking ahead leaves nothing behind that a search relies on.
-template <typename SingleCall>
-void forEachKey(const KSCache* cache, const KSCacheKey* keys, size_t count, uint32_t* statuses,
-                SingleCall singleCall) {
-    for (size_t first = 0; first < count; first += kLanes) {
-        const size_t end = std::min(first + kLanes, count);
-        prefetchPaths(cache, keys + first, end - first);
-        for (size_t i = first; i < end; ++i) {
-            const uint32_t status = singleCall(keys[i], i);
-            if (statuses != nullptr) statuses[i] = status;
-        }
-    }
+/// Answers each key in turn with what its search found. Lookups leave the trees alone, so a search
+/// that was followed ahead is as good as one that starts now.
+template <typename Answer>
+void lookUp(const KSCache* cache, const KSCacheKey* keys, size_t count, uint32_t* statuses,
+            Answer answer) {
+    Lanes(cache).follow(keys, count, [=](size_t i, KSCacheNode* node) {
+        const uint32_t status =
+            answer(findBelow(node, makeKey(keys[i].fingerprint, keys[i].type)), i);
+        if (statuses != nullptr) statuses[i] = status;
+    });
 }
 
 uint64_t* valueAt(uint64_t* values, size_t i) {
@@ -43,8 +40,8 @@ uint64_t* valueAt(uint64_t* values, size_t i) {
 uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count, uint64_t* values,
                             uint32_t* statuses) noexcept {
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
-    forEachKey(cache, keys, count, statuses, [=](const KSCacheKey& key, size_t i) {
-        return KSCacheExists(cache, key.fingerprint, key.type, valueAt(values, i));
+    lookUp(cache, keys, count, statuses, [=](KSCacheNode* node, size_t i) {
+        return countLookup(cache, node, valueAt(values, i));
     });
     return CR_STATUS_OK;
 }
@@ -52,9 +49,8 @@ uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count
 uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* keys, size_t count,
                            uint64_t* values, uint32_t* statuses) noexcept {
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
-    forEachKey(cache, keys, count, statuses, [=](const KSCacheKey& key, size_t i) {
-        return KSCacheFetch(cache, key.fingerprint, key.type, valueAt(values, i));
-    });
+    lookUp(cache, keys, count, statuses,
+           [=](const KSCacheNode* node, size_t i) { return tellValue(node, valueAt(values, i)); });
     return CR_STATUS_OK;
 }
 
@@ -63,12 +59,17 @@ uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t*
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
     if (count != 0 && values == nullptr) return CR_STATUS_INVALID_PARAMETER;
     uint32_t failure = CR_STATUS_OK;
-    forEachKey(cache, keys, count, statuses, [=, &failure](const KSCacheKey& key, size_t i) {
-        const uint32_t status = KSCacheAdd(cache, key.fingerprint, key.type, values[i],
-                                           addArgs != nullptr ? addArgs[i] : nullptr);
-        const bool done = status == CR_STATUS_OK || status == CR_STATUS_EXISTS;
-        if (!done && failure == CR_STATUS_OK) failure = status;
-        return status;
-    });
+    // Nothing is looked at ahead while a callback may run, which may even release pages.
+    for (size_t first = 0; first < count; first += kPathsAtOnce) {
+        const size_t end = std::min(first + kPathsAtOnce, count);
+        prefetchPaths(cache, keys + first, end - first);
+        for (size_t i = first; i < end; ++i) {
+            const uint32_t status = KSCacheAdd(cache, keys[i].fingerprint, keys[i].type, values[i],
+                                               addArgs != nullptr ? addArgs[i] : nullptr);
+            const bool done = status == CR_STATUS_OK || status == CR_STATUS_EXISTS;
+            if (!done && failure == CR_STATUS_OK) failure = status;
+            if (statuses != nullptr) statuses[i] = status;
+        }
+    }
     return failure;
 }

@@ -53,7 +53,7 @@ class Victims {
 
   private:
     KSCache* cache_;
-    std::array<KSCacheKey, kLanes> keys_;
+    std::array<KSCacheKey, kPathsAtOnce> keys_;
     size_t count_ = 0;
 };
 

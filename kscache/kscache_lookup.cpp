@@ -6,10 +6,6 @@ using namespace kspool;
 
 namespace {
 
-void countReference(KSCacheNode& node) {
-    if (node.refCount < kMaximumRefCount) ++node.refCount;
-}
-
 void fillNode(KSCacheNode& node, const Key& key, uint64_t value) {
     memcpy(node.fingerprint, key.digest, digestLength(key.type));
     node.higher = nullptr;
@@ -45,22 +41,11 @@ uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type, uint
 uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, uint32_t type,
                       uint64_t* valueOut) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
-    const KSCacheNode* node = *findLink(cache, makeKey(fingerprint, type));
-    if (node == nullptr) return CR_STATUS_NOT_FOUND;
-    if (valueOut != nullptr) *valueOut = node->value;
-    return CR_STATUS_OK;
+    return tellValue(*findLink(cache, makeKey(fingerprint, type)), valueOut);
 }
 
 uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint32_t type,
                        uint64_t* valueOut) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
-    KSCacheNode* node = *findLink(cache, makeKey(fingerprint, type));
-    if (node == nullptr) {
-        ++cache->misses;
-        return CR_STATUS_NOT_FOUND;
-    }
-    countReference(*node);
-    if (valueOut != nullptr) *valueOut = node->value;
-    ++cache->hits;
-    return CR_STATUS_OK;
+    return countLookup(cache, *findLink(cache, makeKey(fingerprint, type)), valueOut);
 }

@@ -61,7 +61,7 @@ void* pageHint(const KSCache* cache, uint64_t length) {
 /// of each piece: that is where most of the time of an add goes otherwise. Very large pages grow as
 /// they are used.
 void populate(void* memory, uint64_t length) {
-    adviseHugePages(memory, length);
+    adviseHugePages(memory, roundUp(length, systemPageSize()));
     if (length > kPopulatedAtOnce) return;
     const ErrorsKept kept;
     madvise(memory, length, MADV_POPULATE_WRITE);

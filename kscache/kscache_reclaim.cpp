@@ -95,7 +95,7 @@ class Movers {
     /// Takes them from the end of `slots`, which is cut to what lies below them.
     std::span<KSCacheNode* const> take(const KSCache* cache, std::span<KSCacheNode>& slots) {
         size_t count = 0;
-        for (; !slots.empty() && count < kLanes; slots = slots.first(slots.size() - 1)) {
+        for (; !slots.empty() && count < nodes_.size(); slots = slots.first(slots.size() - 1)) {
             if (isUsed(slots.back())) nodes_[count++] = &slots.back();
         }
         for (size_t i = 0; i < count; ++i)
@@ -105,8 +105,8 @@ class Movers {
     }
 
   private:
-    std::array<KSCacheNode*, kLanes> nodes_;
-    std::array<KSCacheKey, kLanes> keys_;
+    std::array<KSCacheNode*, kPathsAtOnce> nodes_;
+    std::array<KSCacheKey, kPathsAtOnce> keys_;
 };
 
 /// Moves nodes off a page, from its last slot down. Returns false when no more can move; `used` is

@@ -73,20 +73,49 @@ inline bool sortsBefore(const KSCacheNode& node, const Key& key) noexcept {
     return node.type != kLongType;
 }
 
-inline KSCacheNode** rootLink(const KSCache* cache, const uint8_t* fingerprint) noexcept {
+inline void countReference(KSCacheNode& node) noexcept {
+    if (node.refCount < kMaximumRefCount) ++node.refCount;
+}
+
+inline uint32_t rootIndex(const uint8_t* digest, uint32_t mask) noexcept {
     uint32_t word3 = 0;
-    memcpy(&word3, fingerprint + 12, sizeof word3);
-    return &cache->roots[word3 & cache->mask];
+    memcpy(&word3, digest + 12, sizeof word3);
+    return word3 & mask;
 }
 
 /// The link that holds the key's node, or the empty link where it belongs.
 inline KSCacheNode** findLink(const KSCache* cache, const Key& key) noexcept {
-    KSCacheNode** link = rootLink(cache, key.digest);
+    KSCacheNode** link = &cache->roots[rootIndex(key.digest, cache->mask)];
     while (KSCacheNode* node = *link) {
         if (holdsKey(*node, key)) break;
         link = sortsBefore(*node, key) ? &node->higher : &node->lower;
     }
     return link;
+}
+
+/// The key's node at or below a node, or NULL.
+inline KSCacheNode* findBelow(KSCacheNode* node, const Key& key) noexcept {
+    while (node != nullptr && !holdsKey(*node, key))
+        node = sortsBefore(*node, key) ? node->higher : node->lower;
+    return node;
+}
+
+/// What a presence test makes of what was found.
+inline uint32_t countLookup(KSCache* cache, KSCacheNode* node, uint64_t* valueOut) noexcept {
+    if (node == nullptr) {
+        ++cache->misses;
+        return CR_STATUS_NOT_FOUND;
+    }
+    countReference(*node);
+    if (valueOut != nullptr) *valueOut = node->value;
+    ++cache->hits;
+    return CR_STATUS_OK;
+}
+
+inline uint32_t tellValue(const KSCacheNode* node, uint64_t* valueOut) noexcept {
+    if (node == nullptr) return CR_STATUS_NOT_FOUND;
+    if (valueOut != nullptr) *valueOut = node->value;
+    return CR_STATUS_OK;
 }
 
 }  // namespace kspool
