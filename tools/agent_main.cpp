@@ -1,11 +1,10 @@
 // kspool-agent: the command line.
 #include <CLI/CLI.hpp>
-#include <clocale>
-#include <cstdio>
-#include <new>
+#include <memory>
 
 #include "tools/agent_scan.h"
 #include "tools/agent_segments.h"
+#include "tools/tool_main.h"
 #include "tools/tool_text.h"
 
 namespace {
@@ -20,7 +19,9 @@ constexpr char kScanFooter[] =
     "Exit code: 0 all scanned; 1 failed; 2 bad options or paths; 3 scanned, but some files\n"
     "or folders could not be read, or some fingerprints found no memory.";
 
-void addScan(CLI::App& app, agent::ScanOptions& options) {
+void addScan(CLI::App& app, int& code) {
+    const auto kept = std::make_shared<agent::ScanOptions>();
+    agent::ScanOptions& options = *kept;
     CLI::App* scan =
         app.add_subcommand("scan", "Show how much of some trees is the same data twice");
     scan->add_option("PATH", options.paths, "Files and folders to scan")->required();
@@ -41,36 +42,16 @@ void addScan(CLI::App& app, agent::ScanOptions& options) {
     scan->add_flag("--json", options.json, "Report as JSON");
     scan->add_flag("--trace", options.trace, "Show the library's traces on stderr");
     scan->footer(kScanFooter);
-}
-
-int run(int argc, char** argv) {
-    CLI::App app("Backup agent of a storage pool that knows data by its fingerprints.",
-                 "kspool-agent");
-    agent::ScanOptions scanOptions;
-    addScan(app, scanOptions);
-    app.require_subcommand(1);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);
-        tool::complain("kspool-agent", std::string(error.what()) + " (see kspool-agent --help)");
-        return tool::kExitUsage;
-    }
-    return agent::scan(scanOptions);
+    scan->callback([kept, &code] { code = agent::scan(*kept); });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    setlocale(LC_CTYPE, "");
-    try {
-        const int code = run(argc, argv);
-        if (fflush(stdout) == 0 && ferror(stdout) == 0) return code;
-        tool::complain("kspool-agent", "the report could not be written");
-    } catch (const std::bad_alloc&) {
-        tool::complain("kspool-agent", "not enough memory");
-    } catch (const std::exception& error) {
-        tool::complain("kspool-agent", error.what());
-    }
-    return tool::kExitFailed;
+    return tool::runProgram(
+        {.name = "kspool-agent",
+         .description = "Backup agent of a storage pool that knows data by its fingerprints.",
+         .failed = tool::kExitFailed,
+         .addCommands = addScan},
+        argc, argv);
 }

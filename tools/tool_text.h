@@ -7,12 +7,16 @@
 
 namespace tool {
 
-/// What the programs exit with.
+/// What the programs exit with. A program that answers a question (kspool-cache) does as diff and
+/// cmp do: 0 for yes, kExitNo, and kExitTrouble for whatever kept it from an answer.
 enum ExitCode {
     kExitOk = 0,
     kExitFailed = 1,   ///< the work could not be done
     kExitUsage = 2,    ///< bad options or arguments
     kExitPartial = 3,  ///< done, but something was left out and reported
+
+    kExitNo = 1,       ///< the answer is no: damaged, different
+    kExitTrouble = 2,  ///< no answer, bad options included
 };
 
 /// Writes "PROGRAM: TEXT" as one line on stderr.
