@@ -89,6 +89,8 @@ class BatchTable {
   public:
     explicit BatchTable(size_t entries) : table_(entries) {}
 
+    KSCache* handle() { return table_.handle(); }
+
     size_t add(const Digest* keys, size_t count, uint64_t value) {
         for (size_t i = 0; i < count; ++i)
             values_[i] = value + i;

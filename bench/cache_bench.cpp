@@ -3,17 +3,13 @@
 // Run it with random interleaving (scripts/bench does): the rounds of all benchmarks are then
 // mixed, and kept short, so that drift of the machine meets all tables alike. Each table is built,
 // and gone through once, before its first timed round. Rounds of lookups move on through the keys.
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "bench/bench_tables.h"
+#include "bench/bench_keys.h"
 
 namespace bench {
 namespace {
@@ -29,18 +25,6 @@ struct Keys {
     std::vector<Digest> absent;
 };
 
-std::vector<Digest> randomDigests(size_t count, uint64_t seed) {
-    std::mt19937_64 random(seed);
-    std::vector<Digest> digests(count);
-    for (Digest& digest : digests) {
-        for (size_t at = 0; at < digest.size(); at += sizeof(uint64_t)) {
-            const uint64_t word = random();
-            memcpy(digest.data() + at, &word, sizeof word);
-        }
-    }
-    return digests;
-}
-
 const Keys& keysFor(size_t count) {
     static std::map<size_t, Keys> made;
     Keys& keys = made[count];
@@ -50,13 +34,6 @@ const Keys& keysFor(size_t count) {
         std::shuffle(keys.shuffled.begin(), keys.shuffled.end(), std::mt19937_64(7));
     }
     return keys;
-}
-
-template <typename Work>
-double secondsOf(Work work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 template <typename Table>
@@ -123,34 +100,20 @@ void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, size_
 template <typename Table>
 void registerTable(const std::string& name, size_t count) {
     using benchmark::State;
-    const auto add = [&](const std::string& work, int rounds, auto run) {
-        const std::string title = work + "/" + name + "/" + std::to_string(count);
-        benchmark::RegisterBenchmark(title.c_str(), run)
-            ->Iterations(1)
-            ->Repetitions(rounds)
-            ->UseManualTime()
-            ->Unit(benchmark::kMillisecond);
-    };
     const auto lookup = [&](const std::string& work, auto keys, bool expected, auto call) {
-        add(work, kLookupRounds, [=, next = size_t{0}](State& state) mutable {
+        const auto run = [=, next = size_t{0}](State& state) mutable {
             Table& table = filledTable<Table>(count);
             benchLookup(
                 state, keysFor(count).*keys, next, expected,
                 [&](const Digest* first, size_t many) { return (table.*call)(first, many); });
-        });
+        };
+        registerWork(work, name, count, kLookupRounds, run);
     };
-    add("add", kAddRounds, [=](State& state) { benchAdd<Table>(state, count); });
+    const auto add = [=](State& state) { benchAdd<Table>(state, count); };
+    registerWork("add", name, count, kAddRounds, add);
     lookup("hit", &Keys::shuffled, true, &Table::exists);
     lookup("miss", &Keys::absent, false, &Table::exists);
     lookup("fetch", &Keys::shuffled, true, &Table::fetch);
-}
-
-/// Makes the machine hand over the memory that the run needs, so that no table pays for being the
-/// first to touch it.
-void warmMemory(size_t bytes) {
-    std::unique_ptr<char[]> memory(new char[bytes]);
-    memset(memory.get(), 1, bytes);
-    benchmark::DoNotOptimize(memory.get());
 }
 
 void registerAll(const std::vector<size_t>& counts) {
@@ -171,11 +134,8 @@ void registerAll(const std::vector<size_t>& counts) {
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    std::vector<size_t> counts;
-    for (int i = 1; i < argc; ++i)
-        counts.push_back(std::stoul(argv[i]));
-    if (counts.empty()) counts = {100'000, 1'000'000, 10'000'000};
-    constexpr size_t kBytesPerEntry = 1000;
+    const auto counts = bench::countsFrom(argc, argv, {100'000, 1'000'000, 10'000'000});
+    constexpr size_t kBytesPerEntry = 1300;
     bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * kBytesPerEntry);
     bench::registerAll(counts);
     benchmark::RunSpecifiedBenchmarks();

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Turns the benchmark's JSON into docs/bench/cache.md and cache.dat. Usage: report.py JSON FOLDER
+"""Turns the benchmarks' JSON into docs/bench/cache.md and cache.dat. Usage: report.py FOLDER JSON...
 
 Each figure is the median over the repetitions, in nanoseconds an operation; a ratio is a table's
 median divided by abseil's in the same run. The spread is that of the cache's own repetitions.
@@ -12,8 +12,10 @@ import sys
 
 PEER = "abseil"
 NAMES = {
-    "kspool": "kspool",
+    "kspool": "kspool, single calls",
+    "batch": "kspool, batches of 1,000",
     "abseil": "abseil flat_hash_map",
+    "prefetch": "the same, each key prefetched 16 ahead",
     "std": "std::unordered_map",
     "boost": "boost::unordered_map",
     "dense": "sparsehash dense_hash_map",
@@ -26,23 +28,32 @@ WORKS = {
     "miss": "presence test, misses",
 }
 
-with open(sys.argv[1], encoding="utf-8") as file:
-    report = json.load(file)
+CARE = {  # work: title, peer
+    "adler": ("Adler-32 of a block in a near cache, a byte", "zlib", "libdeflate"),
+    "save": ("save, an entry, beside one write of as many bytes", "write"),
+    "load": ("load, an entry, beside batched adds of the same keys", "add"),
+    "limit": ("limit check that drops a tenth, with compaction, an entry, beside a copy of the pages",
+              "memcpy"),
+}
+
 times = collections.defaultdict(list)
-for run in report["benchmarks"]:
-    if run["run_type"] == "iteration":
-        work, table, count = run["name"].split("/")[:3]
-        times[work, table, int(count)].append(1e9 / run["items_per_second"])
+for name in sys.argv[2:]:
+    with open(name, encoding="utf-8") as file:
+        report = json.load(file)
+    for run in report["benchmarks"]:
+        if run["run_type"] == "iteration":
+            work, table, count = run["name"].split("/")[:3]
+            times[work, table, int(count)].append(1e9 / run["items_per_second"])
 median = {key: statistics.median(values) for key, values in times.items()}
-counts = sorted({count for _, _, count in times})
+counts = sorted({count for work, _, count in times if work in WORKS})
 
 out = ["# The cache beside hash tables", ""]
 out += [
     "Made by `scripts/bench`: all tables in one run, their rounds mixed, on memory that was touched",
     "before. Nanoseconds an operation, median of the rounds; in brackets the ratio to",
     f"{NAMES[PEER]} (below 1 is faster). Keys are random 32-byte digests, looked up in another order",
-    "than they were added in. The cache has pages of a 200th of its entries and `bits` as advised in",
-    "the README.", "",
+    "than they were added in. The cache has pages of a 200th of its entries, in whole huge pages if as",
+    "large, and `bits` as KSCacheBitsFor() tells.", "",
     "![Nanoseconds an operation by number of entries](cache.svg)", "",
 ]
 for work, title in WORKS.items():
@@ -59,15 +70,25 @@ for work, title in WORKS.items():
         f"{min(times[work, 'kspool', n]):.0f} to {max(times[work, 'kspool', n]):.0f}" for n in counts
     )
     rounds = len(times[work, "kspool", counts[0]])
-    out += ["", f"Fastest to slowest of the cache's {rounds} rounds: {spread} ns.", ""]
+    out += ["", f"Fastest to slowest of the {rounds} rounds of single calls: {spread} ns.", ""]
+out += ["## What keeps a cache in order", "",
+        "Nanoseconds for each entry (or byte); the ratio is kspool's time divided by the peer's.", "",
+        "| work | entries | kspool | peer | ratio |", "|---|---:|---:|---:|---:|"]
+for work, (title, *peers) in CARE.items():
+    for n in sorted({count for name, _, count in times if name == work}):
+        for peer in peers:
+            own, other = median[work, "kspool", n], median[work, peer, n]
+            entries = f"{n:,}" if n > 1 else ""
+            out.append(f"| {title} | {entries} | {own:.3g} | {peer} {other:.3g} | {own / other:.2f} |")
+out += [""]
 context = report["context"]
 out += ["## The machine", "",
         f"A virtual machine with {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz, which",
         "shares its caches and memory with others: trust ratios, not single figures.", ""]
-with open(os.path.join(sys.argv[2], "cache.md"), "w", encoding="utf-8") as file:
+with open(os.path.join(sys.argv[1], "cache.md"), "w", encoding="utf-8") as file:
     file.write("\n".join(out))
 
-with open(os.path.join(sys.argv[2], "cache.dat"), "w", encoding="utf-8") as file:
+with open(os.path.join(sys.argv[1], "cache.dat"), "w", encoding="utf-8") as file:
     file.write("entries " + " ".join(NAMES) + "\n")
     for work in WORKS:
         for n in counts:

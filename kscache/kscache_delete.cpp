@@ -48,6 +48,8 @@ uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint, uint32_t type) n
     if (node == nullptr) return CR_STATUS_NOT_FOUND;
     unlinkNode(link);
     --cache->cachedItems;
+    node->refCount = 0;
+    node->lower = nullptr;
     pushFree(cache, node);
     return CR_STATUS_OK;
 }

@@ -22,7 +22,7 @@ inline constexpr size_t kRecordSize = kValueOffset + sizeof(KSCacheNode::value);
 static_assert(kRecordSize == 41);
 
 /// Records are written and read in blocks that callers with small stacks can bear.
-inline constexpr size_t kBlockRecords = 1024;
+inline constexpr size_t kBlockRecords = 1536;
 inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
 
 /// Closes a descriptor at its end, without a trace in errno.

@@ -81,10 +81,8 @@ inline std::span<KSCacheNode> slotsOf(KSCachePage* page) noexcept {
     return {reinterpret_cast<KSCacheNode*>(page) + 1, page->end};
 }
 
-/// Puts a slot that is in no tree on the free list, to be taken next.
+/// Puts a slot without references and links on the free list, to be taken next.
 inline void pushFree(KSCache* cache, KSCacheNode* slot) noexcept {
-    slot->refCount = 0;
-    slot->lower = nullptr;
     slot->higher = cache->freeList;
     cache->freeList = slot;
     ++cache->freeListCount;

@@ -60,30 +60,17 @@ TEST(OptionTable, SessionOptions) {
 }
 
 TEST(OptionTable, ConfigurationOptions) {
-    struct {
-        uint32_t code;
-        ConfigField field;
-        ConfigText text;
-        uint32_t below;
-    } const kCases[] = {
-        {129, ConfigField::Login, ConfigText::MayBeEmpty, 256},
-        {130, ConfigField::Password, ConfigText::MayBeEmpty, 256},
-        {132, ConfigField::ApplicationName, ConfigText::NonEmpty, 256},
-        {134, ConfigField::RouteTableDir, ConfigText::ClearsIfNone, 4064},
-        {137, ConfigField::SpaUrl, ConfigText::NonEmpty, 1024},
-        {138, ConfigField::MbsUrl, ConfigText::MayBeEmpty, 1024},
-        {148, ConfigField::FingerprintType, ConfigText::NotText, 0},
-        {149, ConfigField::DoType, ConfigText::NotText, 0},
+    const auto codes = [](ConfigText text, uint32_t capacity) {
+        return codesThat([=](const OptionRow& row) {
+            return row.field != ConfigField::None && row.text == text && row.capacity == capacity;
+        });
     };
-    Codes codes;
-    for (const auto& c : kCases) {
-        const OptionRow& row = optionRow(c.code);
-        EXPECT_TRUE(row.field == c.field && row.text == c.text && row.capacity == c.below)
-            << c.code;
-        codes.insert(c.code);
-    }
-    EXPECT_EQ(codesThat([](const OptionRow& row) { return row.field != ConfigField::None; }),
-              codes);
+    EXPECT_EQ(codes(ConfigText::MayBeEmpty, 256), (Codes{129, 130}));
+    EXPECT_EQ(codes(ConfigText::MayBeEmpty, 1024), (Codes{138}));
+    EXPECT_EQ(codes(ConfigText::NonEmpty, 256), (Codes{132}));
+    EXPECT_EQ(codes(ConfigText::NonEmpty, 1024), (Codes{137}));
+    EXPECT_EQ(codes(ConfigText::ClearsIfNone, 4064), (Codes{134}));
+    EXPECT_EQ(codes(ConfigText::NotText, 0), (Codes{148, 149}));
 }
 
 }  // namespace

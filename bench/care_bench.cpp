@@ -1,0 +1,159 @@
+// What keeps a cache in order, beside the least that the same bytes cost: checksums beside those of
+// libraries, save beside one write, load beside batched adds, the limit beside a copy of the pages.
+#include <fcntl.h>
+#include <libdeflate.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+#include "bench/bench_keys.h"
+#include "kscache/kscache_adler.h"
+
+namespace bench {
+namespace {
+
+using benchmark::State;
+
+constexpr int kRounds = 7;
+constexpr size_t kRecordSize = 41;
+constexpr size_t kNodeSize = 72;
+
+const std::string& fileName() {
+    static const std::string name =
+        std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") + "/care_bench.cache";
+    return name;
+}
+
+const std::vector<Digest>& keysFor(size_t count) {
+    static std::map<size_t, std::vector<Digest>> made;
+    std::vector<Digest>& keys = made[count];
+    if (keys.empty()) keys = randomDigests(count, count);
+    return keys;
+}
+
+template <typename Table>
+std::unique_ptr<Table> filled(size_t count) {
+    auto table = std::make_unique<Table>(count);
+    const std::vector<Digest>& keys = keysFor(count);
+    for (size_t i = 0; i < count; i += kStretch)
+        table->add(keys.data() + i, std::min(kStretch, count - i), i);
+    return table;
+}
+
+/// Reports one round's time for `items` pieces of work.
+void report(State& state, double seconds, size_t items) {
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(items));
+}
+
+/// A checksum of 42 KB that lie in a near cache, as they do when a file is written.
+template <typename Sum>
+void checksum(State& state, Sum sum) {
+    static const std::vector<uint8_t> block(1024 * kRecordSize, 0xa7);
+    constexpr size_t kTimes = 2000;
+    uint32_t total = 1;
+    const double seconds = secondsOf([&] {
+        for (size_t i = 0; i < kTimes; ++i)
+            total = sum(total, block.data(), block.size());
+    });
+    benchmark::DoNotOptimize(total);
+    report(state, seconds, kTimes * block.size());
+}
+
+void save(State& state, size_t count) {
+    static std::map<size_t, std::unique_ptr<BatchTable>> made;
+    if (made[count] == nullptr) made[count] = filled<BatchTable>(count);
+    KSCache* cache = made[count]->handle();
+    report(state, secondsOf([&] { KSCacheSave(cache, fileName().c_str(), nullptr); }), count);
+}
+
+void writeAtOnce(State& state, size_t count) {
+    static std::map<size_t, std::vector<char>> made;
+    std::vector<char>& bytes = made[count];
+    bytes.resize(count * kRecordSize, 'x');
+    const auto write = [&] {
+        const int fd = open(fileName().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (::write(fd, bytes.data(), bytes.size()) < 0) abort();
+        close(fd);
+    };
+    report(state, secondsOf(write), count);
+}
+
+void load(State& state, size_t count) {
+    KSCacheSave(filled<BatchTable>(count)->handle(), fileName().c_str(), nullptr);
+    CacheTable table(count);
+    uint64_t loaded = 0;
+    const double seconds =
+        secondsOf([&] { KSCacheLoad(table.handle(), fileName().c_str(), &loaded); });
+    if (loaded != count) abort();
+    report(state, seconds, count);
+}
+
+void addBatches(State& state, size_t count) {
+    keysFor(count);
+    std::unique_ptr<BatchTable> table;
+    report(state, secondsOf([&] { table = filled<BatchTable>(count); }), count);
+}
+
+/// A tenth of the entries was asked for less often than the others, and has to go.
+void limit(State& state, size_t count) {
+    const std::unique_ptr<BatchTable> table = filled<BatchTable>(count);
+    const std::vector<Digest>& keys = keysFor(count);
+    for (size_t i = 0; i < count; i += 10)
+        table->exists(keys.data() + i, std::min<size_t>(9, count - i));
+    const auto megabytes = static_cast<uint32_t>(count * 9 / 10 * kNodeSize / (1 << 20) + 1);
+    const double seconds = secondsOf([&] { KSCacheCheck(table->handle(), megabytes); });
+    KSCacheStatsRecord stats{};
+    KSCacheStats(table->handle(), &stats);
+    if (stats.cachedItems != count * 9 / 10) abort();
+    report(state, seconds, count);
+}
+
+void copyPages(State& state, size_t count) {
+    static std::map<size_t, std::vector<char>> from, to;
+    from[count].resize(count * kNodeSize, 'x');
+    to[count].resize(count * kNodeSize, 'y');
+    const auto copy = [&] { memcpy(to[count].data(), from[count].data(), count * kNodeSize); };
+    report(state, secondsOf(copy), count);
+}
+
+void registerAll(const std::vector<size_t>& counts) {
+    const auto fold = [](auto sum) { return [sum](State& state) { checksum(state, sum); }; };
+    registerWork("adler", "kspool", 1, 21, fold(kspool::adlerFold));
+    registerWork("adler", "zlib", 1, 21,
+                 fold([](uint32_t sum, const uint8_t* bytes, size_t length) {
+                     return static_cast<uint32_t>(adler32_z(sum, bytes, length));
+                 }));
+    registerWork("adler", "libdeflate", 1, 21, fold(libdeflate_adler32));
+    constexpr struct {
+        const char* work;
+        const char* table;
+        void (*run)(State&, size_t);
+    } kWorks[] = {
+        {"save", "kspool", save},    {"save", "write", writeAtOnce}, {"load", "kspool", load},
+        {"load", "add", addBatches}, {"limit", "kspool", limit},     {"limit", "memcpy", copyPages},
+    };
+    for (const size_t count : counts) {
+        for (const auto& row : kWorks) {
+            registerWork(row.work, row.table, count, kRounds,
+                         [=](State& state) { row.run(state, count); });
+        }
+    }
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    const auto counts = bench::countsFrom(argc, argv, {1'000'000, 10'000'000});
+    bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * 500);
+    bench::registerAll(counts);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    remove(bench::fileName().c_str());
+}

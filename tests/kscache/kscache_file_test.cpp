@@ -1,0 +1,133 @@
+// Damaged cache files, the checksum's two versions, and a tree that is as deep as it has entries.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+
+#include "kscache/kscache_adler.h"
+#include "kscache/kscache_int.h"
+#include "tests/support/scripted_platform.h"
+
+namespace {
+
+using Bytes = std::string;
+
+struct Destroy {
+    void operator()(KSCache* cache) const { KSCacheDestroy(cache); }
+};
+using Cache = std::unique_ptr<KSCache, Destroy>;
+
+Cache makeCache(uint32_t bits) {
+    return Cache(KSCacheCreate(0, bits, 0, nullptr, nullptr));
+}
+
+TEST(CacheFile, DamageIsNeverTakenForEntries) {
+    const std::string path = testing::TempDir() + "damaged";
+    const Cache cache = makeCache(4);
+    for (const uint8_t type : std::initializer_list<uint8_t>{1, 3, 3, 7}) {
+        const uint8_t key[32] = {type, static_cast<uint8_t>(cache->cachedItems)};
+        KSCacheAdd(cache.get(), key, type, 0x0102030405060708 + type, nullptr);
+    }
+    ASSERT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
+    std::ifstream file(path, std::ios::binary);
+    const Bytes whole{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_EQ(whole.size(), scripted::kMagicLength + 4 * 41U);
+
+    const auto load = [&](const Bytes& bytes) {
+        std::ofstream(path, std::ios::binary).write(bytes.data(), std::ssize(bytes));
+        const Cache loaded = makeCache(4);
+        uint64_t count = 99;
+        const uint32_t status = KSCacheLoad(loaded.get(), path.c_str(), &count);
+        EXPECT_EQ(loaded->cachedItems, status == 0 ? count : 0);
+        EXPECT_EQ(count == 99, status != 0);
+        return std::pair(status, status == 0 ? count : 0);
+    };
+    EXPECT_EQ(load(whole), std::pair(0U, uint64_t{4}));
+    for (size_t length = 0; length < whole.size(); ++length) {
+        const uint32_t status = load(whole.substr(0, length)).first;
+        EXPECT_EQ(status,
+                  length < scripted::kMagicLength ? CR_STATUS_BAD_HANDLE : CR_STATUS_CORRUPT);
+    }
+    for (size_t bit = 0; bit < 8 * whole.size(); ++bit) {
+        Bytes flipped = whole;
+        flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ 1 << bit % 8);
+        const auto [status, count] = load(flipped);
+        // The scripted header's digits have two cases, and its last byte means nothing.
+        const bool harmless = bit / 8 < scripted::kMagicLength && count == 4;
+        EXPECT_TRUE(harmless || status == CR_STATUS_CORRUPT || status == CR_STATUS_BAD_HANDLE)
+            << bit;
+    }
+    // A piece of a record whose checksum is right: it is left out.
+    const Bytes payload = whole.substr(scripted::kMagicLength, 41 + 7);
+    char header[scripted::kMagicLength + 1];
+    snprintf(header, sizeof header, "40%016x\n",
+             kspool::adlerFold(1, payload.data(), payload.size()));
+    EXPECT_EQ(load(header + payload), std::pair(0U, uint64_t{1}));
+}
+
+TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {
+    std::mt19937 random(1);
+    for (const size_t length : {0, 1, 63, 64, 65, 5503, 5504, 5568, 70000}) {
+        for (const bool highest : {true, false}) {
+            std::vector<uint8_t> bytes(length + 3, 255);
+            for (uint8_t& byte : bytes)
+                byte = highest ? byte : static_cast<uint8_t>(random());
+            uint64_t first = 65520, second = 65520;
+            for (size_t i = 0; i < length; ++i) {
+                first = (first + bytes[i + 3]) % 65521;
+                second = (second + first) % 65521;
+            }
+            constexpr uint32_t kStart = 65520U << 16 | 65520U;
+            EXPECT_EQ(kspool::adlerFold(kStart, bytes.data() + 3, length), second << 16 | first);
+            EXPECT_EQ(kspool::adlerFoldPlain(kStart, bytes.data() + 3, length),
+                      second << 16 | first);
+        }
+    }
+}
+
+/// Everything that goes through trees, with a stack that could not bear a frame for each level.
+void* liveDeep(void*) {
+    constexpr uint32_t kEntries = 20000;
+    const std::string path = testing::TempDir() + "deep";
+    const auto key = [](uint32_t i) {
+        return std::array<uint32_t, 8>{__builtin_bswap32(i), 0, 0, 0};
+    };
+    const auto count = [](KSCache*, KSCacheNode*, uint64_t, int, void* arg) {
+        ++*static_cast<uint32_t*>(arg);
+        return 0;
+    };
+    const Cache cache = makeCache(1);
+    for (uint32_t i = 0; i < kEntries; ++i)
+        EXPECT_EQ(KSCacheAdd(cache.get(), key(i).data(), 3, i, nullptr), 0U);
+    FILE* out = fopen((path + ".txt").c_str(), "w");
+    KSCacheDumpSorted(out, cache.get());
+    fclose(out);
+    EXPECT_GT(std::filesystem::file_size(path + ".txt"), kEntries * 20);
+    uint32_t met = 0;
+    EXPECT_EQ(KSCacheIterate(cache.get(), count, &met), 0U);
+    EXPECT_EQ(met, kEntries);
+    EXPECT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
+    KSCacheReset(cache.get());
+    EXPECT_EQ(KSCacheLoad(cache.get(), path.c_str(), nullptr), 0U);
+    EXPECT_EQ(cache->cachedItems, kEntries);
+    for (uint32_t i = 0; i < kEntries; i += 2)
+        EXPECT_EQ(KSCacheDelete(cache.get(), key(i).data(), 3), 0U);
+    KSCacheReclaim(cache.get());
+    EXPECT_EQ(cache->pageCount, kEntries / 2 / 1023 + 1);
+    return nullptr;
+}
+
+TEST(CacheFile, DeepTreesNeedNoStack) {
+    pthread_attr_t small;
+    pthread_t thread = 0;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 256 * 1024);
+    ASSERT_EQ(pthread_create(&thread, &small, liveDeep, nullptr), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&small);
+}
+
+}  // namespace
