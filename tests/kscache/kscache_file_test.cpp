@@ -70,7 +70,8 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
 
 TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {
     std::mt19937 random(1);
-    for (const size_t length : {0, 1, 63, 64, 65, 5503, 5504, 5568, 70000}) {
+    for (const size_t length :
+         std::initializer_list<size_t>{0, 1, 63, 64, 65, 5503, 5504, 5568, 70000}) {
         for (const bool highest : {true, false}) {
             std::vector<uint8_t> bytes(length + 3, 255);
             for (uint8_t& byte : bytes)
