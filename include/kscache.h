@@ -12,7 +12,8 @@
  * 2. Statuses. Functions that return a status return 0 (CR_STATUS_OK) for success. A NULL handle
  *    gives CR_STATUS_NULL_HANDLE (44), a handle without its magic CR_STATUS_BAD_HANDLE (82); both
  *    are stored in the calling thread's status slot as well. Any other missing argument gives
- *    CR_STATUS_INVALID_PARAMETER (9) and leaves the slot alone. Handles are checked first.
+ *    CR_STATUS_INVALID_PARAMETER (9) and, save and load excepted, leaves the slot alone. Handles
+ * are checked first.
  * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function that does not
  *    say that it stores something there leaves it alone.
  * 4. Ownership. The caller owns a cache from KSCacheCreate() to KSCacheDestroy(). The cache copies
@@ -62,9 +63,9 @@ typedef struct KSCacheStatsRecord {
     uint64_t cachedItems;    /* entries */
     uint64_t hits;           /* adds and presence tests that found their fingerprint */
     uint64_t misses;         /* presence tests that did not */
-    uint64_t freeListCount;  /* freed slots that wait for reuse */
+    uint64_t freeListCount;  /* free slots but those at the end of the newest page */
     uint32_t pageCount;      /* pages mapped now */
-    uint32_t nodesAvailable; /* slots of the newest page that were never used */
+    uint32_t nodesAvailable; /* free slots at the end of the newest page */
     uint32_t lockPages;      /* as given to KSCacheCreate() */
     uint32_t areaSize;       /* slots per page as rounded, one header slot included */
     uint32_t bits;           /* the root table holds 2^bits roots */
@@ -253,7 +254,8 @@ KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
  *
  *   path   file name, read during the call only.
  *   count  NULL, or receives the number of entries read when the call succeeds, those included that
- *          were known or found no memory.
+ *          were known or found no memory. The latter are logged and leave their status in the slot,
+ *          as with KSCacheAdd().
  *
  * Returns 0; all others are stored in the status slot as well:
  *   44, 82                       bad handle;
@@ -269,9 +271,11 @@ KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* coun
 /* ---- Memory limit ---- */
 
 /*
- * Holds the memory of the pages to a limit. When they take more, entries with low reference counts
- * are dropped until the others fit, and the pages are compacted (KSCacheReclaim()). Entries with
- * equal counts go together: a cache in which everything was asked for once may be emptied.
+ * Holds a cache to a memory limit. When its pages take more, entries with low reference counts are
+ * dropped until the others take at most the limit, and the pages are compacted (KSCacheReclaim()).
+ * Entries with equal counts go together: a cache in which everything was asked for once may be
+ * emptied. The pages of what is left may take somewhat more than the limit: their headers, the end
+ * of the last page, and another page when too few slots are free for a compaction.
  *
  *   limit  MiB; 0 for no limit, which compacts only. The root table does not count.
  *
@@ -287,8 +291,9 @@ KSPOOL_API uint64_t KSCachePrune(KSCache* cache) KSPOOL_NOEXCEPT;
 
 /*
  * Compacts: moves entries from the last pages into free slots at lower addresses and releases the
- * pages that this empties. Entries keep all but their addresses. Does nothing for a NULL handle,
- * during a walk, and while fewer slots are free than a page has. The handle is not checked.
+ * pages that this empties. Entries keep all but their addresses; a cache that is left without pages
+ * starts over, with no hits and misses. Does nothing for a NULL handle, during a walk, and while
+ * `freeListCount` is below `areaSize`. The handle is not checked.
  */
 KSPOOL_API void KSCacheReclaim(KSCache* cache) KSPOOL_NOEXCEPT;
 
@@ -297,8 +302,9 @@ KSPOOL_API void KSCacheReclaim(KSCache* cache) KSPOOL_NOEXCEPT;
 /*
  * Write to `stream` (NULL: standard output), which is not flushed: one line each for all slots,
  * free ones included; for all entries, tree by tree, from the highest to the lowest; or for all
- * slots and the free list, with a summary. They do nothing for a NULL cache. The handle is not
- * checked.
+ * slots and the free list, with a summary (the heading of a page tells one less than its free
+ * slots, which prints as 4294967295 for a full one). They do nothing for a NULL cache. The handle
+ * is not checked.
  */
 KSPOOL_API void KSCacheDump(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
 KSPOOL_API void KSCacheDumpSorted(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;

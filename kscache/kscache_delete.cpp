@@ -12,20 +12,20 @@ namespace {
 /// above it.
 void unlinkNode(KSCacheNode** link) {
     const KSCacheNode* node = *link;
-    KSCacheNode* heir = node->higher;
-    if (heir == nullptr || node->lower == nullptr) {
-        *link = heir != nullptr ? heir : node->lower;
+    KSCacheNode* successor = node->higher;
+    if (successor == nullptr || node->lower == nullptr) {
+        *link = successor != nullptr ? successor : node->lower;
         return;
     }
-    if (heir->lower != nullptr) {
+    if (successor->lower != nullptr) {
         KSCacheNode* parent = nullptr;
-        while (heir->lower != nullptr)
-            parent = std::exchange(heir, heir->lower);
-        parent->lower = heir->higher;
-        heir->higher = node->higher;
+        while (successor->lower != nullptr)
+            parent = std::exchange(successor, successor->lower);
+        parent->lower = successor->higher;
+        successor->higher = node->higher;
     }
-    heir->lower = node->lower;
-    *link = heir;
+    successor->lower = node->lower;
+    *link = successor;
 }
 
 /// Calls back for each entry until the callback asks to stop. It may add entries and pages, so the

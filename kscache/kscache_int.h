@@ -13,17 +13,19 @@
 /// hold nodes. The pages of a cache form a list in the order in which they were mapped; slots are
 /// issued in address order from the last one.
 struct KSCachePage {
-    uint64_t size;       ///< length in bytes
-    uint32_t locked;     ///< 1: locked into memory
-    uint32_t freeCount;  ///< areaSize - 1 at first, one less for each slot that the area issues
+    uint64_t size;    ///< length in bytes
+    uint32_t locked;  ///< 1: locked into memory
+    /// areaSize - 1 at first, one less for each slot that the area issues; compaction sets it to
+    /// areaSize less the used slots
+    uint32_t freeCount;
     KSCachePage* prev;
     KSCachePage* next;
     KSCacheNode* end;  ///< just past the last slot
 };
 
 /// A cache. Each node slot is in exactly one of three places: in the tree of the root that its
-/// fingerprint selects (refCount >= 1), on the free list, or in the unused tail of the last page
-/// (refCount 0 in both).
+/// fingerprint selects (refCount >= 1), on the free list, or in the area, the free end of the last
+/// page (refCount 0 in both).
 struct KSCache {
     uint32_t magic;
     uint32_t busy;            ///< 1: a walk is under way, memory must stay where it is
@@ -33,10 +35,10 @@ struct KSCache {
     KSCacheNode* freeList;    ///< linked through `higher`
     KSCachePage* firstPage;
     KSCachePage* lastPage;
-    KSCacheNode* areaPointer;  ///< next never-issued slot of lastPage
+    KSCacheNode* areaPointer;  ///< next slot of the area
     uint32_t disabled;         ///< 1: no page could be had, and this was reported
     uint32_t pageCount;
-    uint32_t nodesAvailable;  ///< never-issued slots from areaPointer on
+    uint32_t nodesAvailable;  ///< slots of the area
     uint64_t freeListCount;
     uint32_t lockPages;
     uint32_t areaSize;  ///< slots per page, the header's included

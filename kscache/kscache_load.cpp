@@ -101,9 +101,8 @@ uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* count) noexcept
     KS_TRACE("%s: loading cache from %s", "KSCacheLoad", path);
     Descriptor file(openForReading(path));
     if (file.get() < 0) {
-        const uint32_t status = storeSystemError("KSCacheLoad", kSourceFile);
         KS_TRACE("CacheLoad: load of %s failed: %s", path, strerror(errno));
-        return status;
+        return storeSystemError("KSCacheLoad", kSourceFile);
     }
     Block block;
     if (const uint32_t bad = checkFile(file.get(), path, block)) return bad;

@@ -7,7 +7,8 @@ using namespace kspool;
 namespace {
 
 void fillNode(KSCacheNode& node, const Key& key, uint64_t value) {
-    memcpy(node.fingerprint, key.digest, digestLength(key.type));
+    // The key may lie in the slot itself: a walk may delete its entry and add it again.
+    memmove(node.fingerprint, key.digest, digestLength(key.type));
     node.higher = nullptr;
     node.lower = nullptr;
     node.value = value;

@@ -90,7 +90,7 @@ void moveNode(KSCache* cache, KSCacheNode* node) {
 }
 
 /// The next used slots of a page downwards, with their trees on the way.
-class Movers {
+class NodesToMove {
   public:
     /// Takes them from the end of `slots`, which is cut to what lies below them.
     std::span<KSCacheNode* const> take(const KSCache* cache, std::span<KSCacheNode>& slots) {
@@ -112,10 +112,10 @@ class Movers {
 /// Moves nodes off a page, from its last slot down. Returns false when no more can move; `used` is
 /// lowered by each that did.
 bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used) {
-    Movers movers;
+    NodesToMove next;
     std::span<KSCacheNode> slots = slotsOf(page);
     while (used > 0) {
-        for (KSCacheNode* node : movers.take(cache, slots)) {
+        for (KSCacheNode* node : next.take(cache, slots)) {
             if (!canMove(cache, page, node)) return false;
             moveNode(cache, node);
             --used;

@@ -91,7 +91,7 @@ KSPOOL_API int qlxMagicWrite(uint32_t type, int fd, uint64_t value) KSPOOL_NOEXC
 /*
  * Reads a magic header from the descriptor's position and leaves the position just past it.
  * Returns its type, which is never 0; returns 0 with `header` cleared when there is no whole header
- * (the position is then undefined).
+ * (the position is then undefined), or one that was written otherwise.
  */
 KSPOOL_API uint32_t qlxMagicRead(int fd, QLXMagic* header) KSPOOL_NOEXCEPT;
 

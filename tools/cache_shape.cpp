@@ -85,13 +85,13 @@ struct Shape {
     bool tooDeep() const { return depths.average() > kTooDeep; }
     bool tooFewBits() const { return tooDeep() && bits < bitsToUse; }
     /// Entries in the tree of an average entry, and what spread digests would have there.
-    double crowd() const { return squares / static_cast<double>(entries); }
-    double crowdByChance() const {
+    double meanTreeSize() const { return squares / static_cast<double>(entries); }
+    double expectedTreeSize() const {
         return 1 + static_cast<double>(entries - 1) / static_cast<double>(roots);
     }
     /// With enough bits, trees that are less crowded than this cannot be too deep, even if they are
     /// lists: there is always a reason.
-    bool unspread() const { return tooDeep() && crowd() > 2 * crowdByChance() + 1; }
+    bool unspread() const { return tooDeep() && meanTreeSize() > 2 * expectedTreeSize() + 1; }
 };
 
 /// Measures the tree below its top. It can be as deep as it has nodes, so no recursion.
@@ -185,8 +185,8 @@ void printReasons(const Shape& shape) {
         printf(
             "- Digests are not spread over bytes 12 to 15, which select the tree: an average\n"
             "  entry is in a tree of %s, by chance it would be %.2f.%s\n",
-            humanCount(static_cast<uint64_t>(shape.crowd())).c_str(), shape.crowdByChance(),
-            shape.tooFewBits() ? "" : " More bits hardly help.");
+            humanCount(static_cast<uint64_t>(shape.meanTreeSize())).c_str(),
+            shape.expectedTreeSize(), shape.tooFewBits() ? "" : " More bits hardly help.");
     }
 }
 

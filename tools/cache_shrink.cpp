@@ -28,26 +28,46 @@ constexpr uint64_t kMebibyte = uint64_t{1} << 20;
     throw std::runtime_error(tool::printable(path) + ": " + why);
 }
 
-/// The permissions that a file is to have: those of the one that is there, or of a new one. What is
-/// there may be no device or pipe, which a rename would replace.
-mode_t modeFor(const std::string& path) {
+/// Whose a file is and who may use it.
+struct Access {
+    bool isThere;
+    uid_t owner;
+    gid_t group;
+    mode_t mode;
+
+    bool grant(int fd) const {
+        return (!isThere || fchown(fd, owner, group) == 0) && fchmod(fd, mode) == 0;
+    }
+};
+
+/// Those of the file that is there, or of a new one. What is there may be no device or pipe, which
+/// a rename would replace.
+Access accessTo(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {
-        if (!S_ISREG(status.st_mode)) fail(path, "is there and no regular file");
-        return status.st_mode & 07777;
+        if (!S_ISREG(status.st_mode)) fail(path, "exists and is not a regular file");
+        return {true, status.st_uid, status.st_gid, status.st_mode & 0777};
     }
     if (errno != ENOENT) fail(path, strerror(errno));
     const mode_t mask = umask(0);
     umask(mask);
-    return 0644 & ~mask;
+    return {false, 0, 0, 0644 & ~mask};
+}
+
+/// Where a path leads to, links followed, though the file itself need not be there.
+std::string resolved(const std::string& path) {
+    std::error_code failure;
+    const auto target = std::filesystem::weakly_canonical(path, failure);
+    if (failure) fail(path, failure.message());
+    return target;
 }
 
 /// A file in the folder of another one, which it replaces in the end or leaves as it was.
 class Replacement {
   public:
     explicit Replacement(const std::string& path)
-        : target_(std::filesystem::weakly_canonical(path)),
-          mode_(modeFor(target_)),
+        : target_(resolved(path)),
+          access_(accessTo(target_)),
           path_(target_ + ".XXXXXX"),
           file_(mkstemp(path_.data())) {
         if (file_.get() < 0) fail(target_, strerror(errno));
@@ -61,7 +81,7 @@ class Replacement {
     const std::string& path() const { return path_; }
 
     void replace() {
-        if (fchmod(file_.get(), mode_) != 0 || fsync(file_.get()) != 0 ||
+        if (!access_.grant(file_.get()) || fsync(file_.get()) != 0 ||
             rename(path_.c_str(), target_.c_str()) != 0)
             fail(target_, strerror(errno));
         placed_ = true;
@@ -72,7 +92,7 @@ class Replacement {
 
   private:
     std::string target_;
-    mode_t mode_;
+    Access access_;
     std::string path_;
     Descriptor file_;
     bool placed_ = false;
@@ -93,7 +113,8 @@ Plan makePlan(const Options& options, const KSCacheStatsRecord& stats) {
     if (pages == 0) {
         const uint64_t smallest = (pageBytes + kMebibyte - 1) / kMebibyte;
         throw std::runtime_error("not one page of " + humanCount(stats.areaSize) +
-                                 " slots fits; the smallest limit is " + std::to_string(smallest));
+                                 " slots fits; with such pages the smallest limit is " +
+                                 std::to_string(smallest));
     }
     const uint64_t room = pages * (stats.areaSize - 1);
     return {stats.areaSize, stats.cachedItems, std::min(room, stats.cachedItems)};
@@ -160,7 +181,8 @@ void print(const Options& options, const FileReport& file, const Plan& plan) {
 int shrink(const Options& options) {
     const FileReport file = inspectAloud(options.files[0]);
     if (loadability(file) != tool::kExitOk) return tool::kExitTrouble;
-    Settings settings = settingsFor(file.records);
+    Settings settings =
+        settingsFor(std::min(file.records, options.limit * kMebibyte / sizeof(KSCacheNode)));
     if (options.areaSize != 0) settings.areaSize = options.areaSize;
     const Loaded loaded = load(file, settings);
     const Plan plan = makePlan(options, loaded.stats);

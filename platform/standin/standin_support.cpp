@@ -69,7 +69,7 @@ uint32_t qlxMagicRead(int fd, QLXMagic* header) noexcept {
     MagicOnDisk magic;
     if (!transferAll(read, fd, reinterpret_cast<char*>(&magic), sizeof magic)) return 0;
     if (memcmp(magic.signature, kSignature, sizeof kSignature) != 0) return 0;
-    if (magic.type == 0) return 0;
+    if (magic.type == 0 || magic.zero != 0) return 0;
     *header = {le64toh(magic.value), le32toh(magic.type), 0};
     return header->type;
 }

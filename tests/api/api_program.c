@@ -5,6 +5,7 @@
 #include "cr_status.h"
 #include "ks_option.h"
 #include "kscache.h"
+#include "kspool_version.h"
 #include "platform/status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
@@ -27,9 +28,11 @@ int main(void) {
     if (KSCacheAdd(cache, digest, CR_FP_SHA256, 43, &one) != CR_STATUS_EXISTS) return 3;
     if (KSCacheExists(cache, digest, CR_FP_SHA256, &value) != CR_STATUS_OK || value != 42) return 4;
     if (KSCacheFetch(cache, digest, CR_FP_MD5, &value) != CR_STATUS_NOT_FOUND) return 5;
+    if (KSCacheBitsFor(1000000) != 21 || KSCacheBitsFor(1) != 1 || KSCacheBitsFor(0) != 1) return 8;
+    if (KSCacheBitsFor(1025) != 12 || KSCacheBitsFor(UINT64_MAX) != 29) return 9;
     KSCacheDestroy(cache);
     if (KSCacheStats(NULL, NULL) != CR_STATUS_NULL_HANDLE) return 6;
     if (*__cr_errno_location() != CR_STATUS_NULL_HANDLE || repeats != 1) return 7;
-    printf("%s: %s\n", OSGetProcName(0), CRStatusToStringA(CR_STATUS_OK));
+    printf("%s with %s: %s\n", OSGetProcName(0), kspoolVersion(), CRStatusToStringA(CR_STATUS_OK));
     return 0;
 }

@@ -66,6 +66,32 @@ TEST_F(CacheStore, FreeListAndItsCountAgree) {
     }
 }
 
+TEST_F(CacheStore, BadBatchesDoNothing) {
+    make(0, 4);
+    const uint8_t digest[32] = {1};
+    const KSCacheKey good[] = {{digest, 3}}, bad[] = {{digest, 3}, {nullptr, 3}};
+    uint64_t values[2] = {};
+    KSCache other{};
+    const struct {
+        KSCache* cache;
+        const KSCacheKey* keys;
+        size_t count;
+        uint64_t* values;
+        uint32_t status, slot;
+    } kCases[] = {{nullptr, bad, 2, values, 44, 44},  {&other, bad, 2, values, 82, 82},
+                  {cache_, nullptr, 1, values, 9, 7}, {cache_, bad, 2, values, 9, 7},
+                  {cache_, good, 1, nullptr, 9, 7},   {cache_, nullptr, 0, nullptr, 0, 7}};
+    for (const auto& c : kCases) {
+        *__cr_errno_location() = 7;
+        EXPECT_EQ(KSCacheAddBatch(c.cache, c.keys, c.values, nullptr, c.count, nullptr), c.status);
+        EXPECT_EQ(*__cr_errno_location(), c.slot);
+        if (c.values == nullptr) continue;  // lookups may go without
+        EXPECT_EQ(KSCacheExistsBatch(c.cache, c.keys, c.count, c.values, nullptr), c.status);
+        EXPECT_EQ(KSCacheFetchBatch(c.cache, c.keys, c.count, c.values, nullptr), c.status);
+    }
+    EXPECT_EQ(cache_->cachedItems + cache_->misses + cache_->hits, 0U);
+}
+
 TEST_F(CacheStore, ReferenceCountsStopAtTheirCeiling) {
     const uint8_t key[32] = {};
     make(0, KSCacheBitsFor(5));

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <map>
+#include <vector>
 
 #include "kscache/kscache_int.h"
 #include "platform/status.h"
@@ -42,7 +44,7 @@ class Life {
             if (s_.then == Scenario::kFillsAgain) {
                 KSCacheReset(cache_);
                 taken_.clear();
-                fill();
+                fillByBatch();
             }
             if (s_.then == Scenario::kGoesOn) {
                 drop();
@@ -61,6 +63,28 @@ class Life {
     /// In one root, each key sorts after the one before: the tree is a chain.
     Words key(uint32_t i) const {
         return {{__builtin_bswap32(i), 0, 0, s_.bits > 1 ? i * 2654435761U : 0}};
+    }
+
+    /// All at once: each key's status tells what became of it, the first failure is returned.
+    void fillByBatch() {
+        std::vector<Words> words;
+        std::vector<KSCacheKey> keys;
+        std::vector<uint64_t> values;
+        for (uint32_t i = 0; i < s_.entries; ++i) {
+            words.push_back(key(i));
+            values.push_back(i);
+        }
+        for (const Words& k : words)
+            keys.push_back({k.w, 3});
+        std::vector<uint32_t> statuses(keys.size(), 99);
+        const uint32_t result = KSCacheAddBatch(cache_, keys.data(), values.data(), nullptr,
+                                                keys.size(), statuses.data());
+        for (uint32_t i = 0; i < s_.entries; ++i)
+            taken_[i] = statuses[i] == CR_STATUS_OK;
+        const bool all =
+            std::all_of(taken_.begin(), taken_.end(), [](auto& t) { return t.second; });
+        EXPECT_EQ(result, all ? 0 : kNoMemory);
+        compare();
     }
 
     void fill() {
