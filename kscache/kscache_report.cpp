@@ -65,7 +65,7 @@ class NodesAbove {
     bool grow() {
         const ErrorsKept kept;
         const size_t wanted = capacity_ == 0 ? 64 : 2 * capacity_;
-        void* memory = realloc(static_cast<void*>(nodes_), wanted * sizeof *nodes_);
+        void* memory = realloc(static_cast<void*>(nodes_), wanted * sizeof(void*));
         if (memory == nullptr) return false;
         nodes_ = static_cast<const KSCacheNode**>(memory);
         capacity_ = wanted;

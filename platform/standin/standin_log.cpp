@@ -37,16 +37,15 @@ struct FreeText {
 class Message {
   public:
     QLX_PRINTF(2, 0) Message(const char* format, va_list arguments) {
-        va_list again;
-        va_copy(again, arguments);
+        va_list first;
+        va_copy(first, arguments);
         short_[0] = '\0';
-        const int length = vsnprintf(short_, sizeof short_, format, arguments);
-        if (length >= static_cast<int>(sizeof short_)) {
-            const size_t size = static_cast<size_t>(length) + 1;
-            long_.reset(static_cast<char*>(malloc(size)));
-            if (long_ != nullptr) vsnprintf(long_.get(), size, format, again);
-        }
-        va_end(again);
+        const int length = vsnprintf(short_, sizeof short_, format, first);
+        va_end(first);
+        if (length < static_cast<int>(sizeof short_)) return;
+        const size_t size = static_cast<size_t>(length) + 1;
+        long_.reset(static_cast<char*>(malloc(size)));
+        if (long_ != nullptr) vsnprintf(long_.get(), size, format, arguments);
     }
     const char* text() const { return long_ != nullptr ? long_.get() : short_; }
 

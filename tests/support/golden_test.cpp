@@ -10,7 +10,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "kscache/kscache_int.h"
@@ -142,8 +141,11 @@ class Replay {
             {"dump", KSCacheDump}, {"sorted", KSCacheDumpSorted}, {"raw", KSCacheDumpRaw}};
         kinds.at(w[0])(stream, handle());
         fclose(stream);
-        std::istringstream lines(std::regex_replace(text, std::regex("0x[0-9a-f]+"), "@"));
+        std::string plain = text;
         free(text);
+        for (size_t at = 0; (at = plain.find("0x", at)) != std::string::npos; ++at)
+            plain.replace(at, plain.find_first_not_of("0123456789abcdef", at + 2) - at, "@");
+        std::istringstream lines(plain);
         std::string out, last;
         int times = 1;
         for (std::string line; std::getline(lines, line); last = line) {
