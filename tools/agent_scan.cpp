@@ -9,6 +9,7 @@
 #include "platform/support.h"
 #include "tools/agent_files.h"
 #include "tools/agent_progress.h"
+#include "tools/tool_cache.h"
 #include "tools/tool_text.h"
 
 namespace agent {
@@ -16,10 +17,7 @@ namespace {
 
 constexpr char kProgram[] = "kspool-agent";
 
-struct DestroyCache {
-    void operator()(KSCache* cache) const { KSCacheDestroy(cache); }
-};
-using CachePointer = std::unique_ptr<KSCache, DestroyCache>;
+using tool::CachePointer;
 
 /// Where a segment was met first: the value that the cache keeps with its fingerprint.
 struct Location {

@@ -9,13 +9,11 @@
 
 #include "kscache.h"
 #include "tools/cache_file.h"
+#include "tools/tool_cache.h"
 
 namespace cache {
 
-struct DestroyCache {
-    void operator()(KSCache* cache) const { KSCacheDestroy(cache); }
-};
-using CachePointer = std::unique_ptr<KSCache, DestroyCache>;
+using tool::CachePointer;
 
 struct Settings {
     uint32_t bits;
