@@ -1,10 +1,27 @@
 /*
- * The web-service transport: the option records it takes. Its texts are copied when they are set.
+ * The web-service transport: carries requests to the pool's servers and brings their answers.
+ *
+ * This header is a contract without code. The first part is what the library calls; the second is
+ * for programs that want to see or steer a transport of the implementation in platform/standin/.
+ *
+ * A transport is used by one thread at a time; different transports are independent. After a fork
+ * it belongs to the parent: the child's requests fail, its WSShutdown() frees memory and sends
+ * nothing. Texts are copied when they are set. Calls that return a status leave the status slot
+ * alone; errno is undefined after every call.
  */
 #ifndef PLATFORM_WS_H
 #define PLATFORM_WS_H
 
 #include <stdint.h>
+
+#include "kspool_api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A transport. Opaque; made by WSInit(). */
+typedef struct WSTransport WSTransport;
 
 typedef struct WSOption {
     uint32_t code; /* WS_OPT_... */
@@ -14,6 +31,7 @@ typedef struct WSOption {
     } value;
 } WSOption;
 
+/* An empty text means that the option is not set. */
 enum WSOptionCode {
     WS_OPT_SERVER_URL = 0,         /* text; a list of pairs ends with 0, so only by array */
     WS_OPT_LOGIN = 1,              /* text */
@@ -21,9 +39,102 @@ enum WSOptionCode {
     WS_OPT_7 = 7,                  /* integer */
     WS_OPT_8 = 8,                  /* integer */
     WS_OPT_RESPONSE_TIMEOUT = 9,   /* integer, seconds for one request; 0 or less: no limit */
-    WS_OPT_SSL_KEY_LOCATION = 11,  /* text */
-    WS_OPT_RECONNECT_TIMEOUT = 12, /* integer, seconds */
+    WS_OPT_SSL_KEY_LOCATION = 11,  /* text: PEM file, or folder with ca.pem, cert.pem, key.pem */
+    WS_OPT_RECONNECT_TIMEOUT = 12, /* integer, seconds; 0 or less: none */
     WS_OPT_LAST = 12
 };
+
+/* Which service of the server a request is for. */
+enum WSService { WS_SERVICE_METABASE = 6, WS_SERVICE_SPA = 9, WS_SERVICE_KEEPALIVE = 13 };
+
+/* Why a request brought no answer. */
+enum WSStatus {
+    WS_STATUS_FAILED = 2000,     /* the transport itself cannot work */
+    WS_STATUS_NO_SERVER = 2001,  /* no server URL is set, or it is none */
+    WS_STATUS_PLAINTEXT = 2002,  /* plain http to another machine is not allowed */
+    WS_STATUS_FORKED = 2003,     /* the transport belongs to the parent process */
+    WS_STATUS_NO_CONNECT = 2004, /* connection refused, or server name unknown */
+    WS_STATUS_TIMED_OUT = 2005,  /* no complete answer in time */
+    WS_STATUS_CUT = 2006,        /* the connection ended before the answer was complete */
+    WS_STATUS_TLS = 2007,        /* no secure connection: certificate, key or protocol */
+    WS_STATUS_BAD_ANSWER = 2008, /* an answer that is not of the protocol */
+    WS_STATUS_TOO_LARGE = 2009   /* an answer over the limit */
+};
+
+/* What a request brought. The caller zeroes it before the request. */
+typedef struct WSResult {
+    uint32_t eventCode;        /* 0 when the server carried the action out */
+    char* data;                /* the answer's text, malloc()ed, the caller's to free(), or NULL */
+    const char* severity;      /* these four stay the transport's, valid until its next */
+    const char* serverAddress; /* request; each may be NULL */
+    const char* sourceApplication;
+    const char* description;
+} WSResult;
+
+/* ---- What the library calls ---- */
+
+/* A new transport, or NULL with the reason in the status slot. The arguments are 0. */
+KSPOOL_API WSTransport* WSInit(int a, int b, int c, int d, int e) KSPOOL_NOEXCEPT;
+
+/* Closes the connection, wipes what was secret and frees the transport. NULL is allowed. */
+KSPOOL_API void WSShutdown(WSTransport* transport) KSPOOL_NOEXCEPT;
+
+/*
+ * Sets options, all of them or none. 0; 9 for an unknown code or a NULL text; 10 for a text of
+ * 4096 characters or more; 22 without memory. Key files are opened at the next request.
+ */
+KSPOOL_API uint32_t WSSetOpt(WSTransport* transport, const WSOption* options,
+                             uint32_t count) KSPOOL_NOEXCEPT;
+
+/* The same with pairs of a code (32 bits) and an int64_t or a text, at most 8, ended by code 0. */
+KSPOOL_API uint32_t WSSetOptVa(WSTransport* transport, ...) KSPOOL_NOEXCEPT;
+
+/*
+ * Sends one request and waits for its answer. Parameters are pairs of a name and a value, ended by
+ * a char pointer that is NULL; the first is "action" and a text. The name tells the value's type:
+ *   text                action, path, source, destination, data, filter, client, policy, imagename,
+ *                       dofp, appname (NULL is sent as empty)
+ *   uint32_t            dataselection, dsid, recursive
+ *   int32_t             parentid, flags
+ *   uint64_t            datetime, dcid
+ *   int64_t             wormflags, retention
+ * Returns 0 when the server answered, with `result` filled: eventCode 0 and the text, or an event
+ * and what is known of it. Otherwise a WS_STATUS_... value with `result` cleared: the request may
+ * or may not have been carried out, except that nothing was sent with 9 (unknown name or service)
+ * and with the statuses up to WS_STATUS_FORKED.
+ */
+KSPOOL_API uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result,
+                                 ...) KSPOOL_NOEXCEPT;
+
+/* The same for an action whose text is the body of the request. A NULL body is sent as empty. */
+KSPOOL_API uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSResult* result,
+                                  uint32_t dataselection, const char* body,
+                                  const char* action) KSPOOL_NOEXCEPT;
+
+/* When the transport was last used, in seconds as time() counts them: WSInit() or a request. */
+KSPOOL_API int64_t WSGetLastUseTime(const WSTransport* transport) KSPOOL_NOEXCEPT;
+
+/* The time-outs in seconds as they were set last; without: 0 for reconnects, 30 for responses. */
+KSPOOL_API int64_t WSGetReconnectTimeout(const WSTransport* transport) KSPOOL_NOEXCEPT;
+KSPOOL_API int64_t WSGetResponseTimeout(const WSTransport* transport) KSPOOL_NOEXCEPT;
+
+/*
+ * The server's architecture mode, 0 for a legacy server. It is asked for once; a new server URL
+ * forgets it. 0xFFFFFFFF with the reason in the status slot when it cannot be had.
+ */
+KSPOOL_API uint32_t WSArchMode(WSTransport* transport) KSPOOL_NOEXCEPT;
+
+/* ---- For programs ---- */
+
+/* The value of WS_OPT_7 or WS_OPT_8, 0 when not set. */
+KSPOOL_API int64_t WSGetOption(const WSTransport* transport, uint32_t code) KSPOOL_NOEXCEPT;
+
+/* The largest answer in bytes that any transport of the process takes from now on; 4 GiB at first.
+ */
+KSPOOL_API void WSSetAnswerLimit(uint64_t bytes) KSPOOL_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -1,0 +1,89 @@
+/*
+ * KSConfig: the configuration of a backup agent.
+ *
+ * It holds what an agent needs to reach its storage pool: URLs, ids, login, fingerprint type,
+ * files. Conventions that hold for every function here:
+ *
+ * 1. Ownership. The record is the caller's, holds no pointer and may be copied as it stands. Texts
+ *    given are read during the call only.
+ * 2. Texts in the record are NUL-terminated. `flags` tells which fields hold a value.
+ * 3. Secrets. The password is kept in the record as it is, and never written to a log or trace.
+ *    Who owns a record wipes it.
+ * 4. Threads. No lock is taken: a record is used by one thread at a time.
+ * 5. Status slot. *__cr_errno_location(), declared in platform/status.h; a function that does not
+ *    say that it stores something there leaves it alone.
+ *
+ * docs/agent-config.md describes the file that the record is read from.
+ */
+#ifndef KS_H
+#define KS_H
+
+#include <stdint.h>
+
+#include "cr_status.h"
+#include "ks_option.h"
+#include "kspool_api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct KSConfig {
+    uint32_t flags;                   /* KS_CFG_... bits: which fields hold a value */
+    uint32_t storagePoolId;           /* KS_CFG_STORAGE_POOL_ID */
+    uint32_t agentId;                 /* KS_CFG_AGENT_ID */
+    uint8_t fingerprintType;          /* KS_CFG_FP_TYPE */
+    uint8_t doType;                   /* 255 when not given */
+    char vendorName[256];             /* "Norvale" unless configured */
+    char programLabel[256];           /* the application's name unless configured */
+    char applicationName[256];        /* KS_CFG_APPLICATION; empty after a failed initialisation */
+    char login[256];                  /* KS_CFG_LOGIN: for SPA and MBS */
+    char password[256];               /* KS_CFG_PASSWORD: for SPA and MBS */
+    char spaUrl[1024];                /* KS_CFG_SPA_URL */
+    char mbsUrl[1024];                /* KS_CFG_MBS_URL: the Metabase server */
+    char configFile[4096];            /* KS_CFG_CONFIG_FILE: the file that was read */
+    char recommendedRouteTable[4096]; /* KS_CFG_ROUTE_TABLES: path */
+    char currentRouteTable[4096];     /* KS_CFG_ROUTE_TABLES: path */
+    char sslKeyLocation[4096];        /* KS_CFG_SSL_KEY: path */
+    int64_t reconnectTimeout;         /* seconds, 0 to 3600 */
+} KSConfig;
+
+/*
+ * Zeroes `config` and fills it from the agent's configuration file: `agentCfgPath`, or, when that
+ * is NULL, the file that CRConfigLocate() (platform/status.h) finds. `config` NULL: nothing
+ * happens. Login and password are never in the file.
+ *
+ * Directives that are missing or not valid are reported to the log one by one and leave their flags
+ * clear. A file that cannot be found or read is reported once; the record then holds nothing and
+ * its `applicationName` is empty.
+ *
+ * Slot: the reason when the file cannot be found or read, otherwise left alone.
+ */
+KSPOOL_API void KSConfigInitWithAgentCfg(KSConfig* config,
+                                         const char* agentCfgPath) KSPOOL_NOEXCEPT;
+
+/*
+ * Applies `count` options to the record, all of them or none. Codes that no field belongs to are
+ * ignored. `doType` becomes 255 unless an option of this call sets it. `options` may be NULL when
+ * `count` is 0. KS_OPT_ROUTE_TABLE_DIR makes both paths from the folder and the storage pool id;
+ * a NULL or empty folder clears them.
+ *
+ * Returns 0, or the status of the last record that is wrong: CR_STATUS_INVALID_PARAMETER for a text
+ * that is missing (and for a NULL `config`, or NULL `options` with a count),
+ * CR_STATUS_LIMIT_EXCEEDED for one that does not fit, CR_STATUS_INVALID_VALUE for a type that is
+ * none. The slot is left alone.
+ */
+KSPOOL_API uint32_t KSConfigSet(KSConfig* config, const KSOption* options,
+                                uint32_t count) KSPOOL_NOEXCEPT;
+
+/*
+ * Writes a summary of the record to the trace when tracing is on. The password is not in it. NULL
+ * is allowed.
+ */
+KSPOOL_API void _ksDump(const KSConfig* config) KSPOOL_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

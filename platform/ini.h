@@ -1,0 +1,67 @@
+/*
+ * The configuration support library: reads ini files.
+ *
+ * This header is a contract without code.
+ *
+ * Sections and entries are named by their offsets in two tables of names, each a run of
+ * NUL-terminated texts. A file is
+ *
+ *     [section]
+ *     entry = value
+ *
+ * with comments on lines of their own that start with # or ;. Names are compared without regard to
+ * ASCII case, values are trimmed and may stand in double quotes, lines may end with CR LF and be up
+ * to 64 KiB long. A section may be given more than once; the first of equal entries counts. An
+ * entry that is missing, empty, or in a file that cannot be read has the default. Lines that cannot
+ * be used, and values cut at their capacity, are reported as notices. No call touches the slot.
+ */
+#ifndef PLATFORM_INI_H
+#define PLATFORM_INI_H
+
+#include <stdint.h>
+
+#include "kspool_api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+extern KSPOOL_API const char _qlx_config_section_string_table_[];
+extern KSPOOL_API const char _qlx_config_entry_string_table_[];
+
+/*
+ * Copy a text, or the default (NULL: the empty text), into `destination`, which has room for
+ * `maxCharacters` and a NUL. Return the number of characters that the file gave, 0 when the default
+ * stands. InifileGetPathA() reads a path, as it stands.
+ */
+KSPOOL_API int InifileGetValueA(const char* section, const char* entry, char* destination,
+                                int maxCharacters, const char* defaultValue,
+                                const char* file) KSPOOL_NOEXCEPT;
+KSPOOL_API int InifileGetPathA(const char* section, const char* entry, char* destination,
+                               int maxCharacters, const char* defaultValue,
+                               const char* file) KSPOOL_NOEXCEPT;
+
+/*
+ * Store a decimal integer, or the default. What follows the digits is ignored; without digits the
+ * default stands; numbers that do not fit become the nearest that does. Return 1 when the file gave
+ * the number, else 0.
+ */
+KSPOOL_API int InifileGetLongLongA(const char* section, const char* entry, int64_t* value,
+                                   int64_t defaultValue, const char* file) KSPOOL_NOEXCEPT;
+KSPOOL_API int InifileGetIntegerA(const char* section, const char* entry, int32_t* value,
+                                  int32_t defaultValue, const char* file) KSPOOL_NOEXCEPT;
+
+/* Report a directive: a notice, a notice with the value read, an error with the value read. */
+KSPOOL_API void InifileNoticeA(const char* file, const char* section, const char* entry, int unused,
+                               const char* message) KSPOOL_NOEXCEPT;
+KSPOOL_API void InifileValueNoticeA(const char* file, const char* section, const char* entry,
+                                    int64_t value, const char* message) KSPOOL_NOEXCEPT;
+KSPOOL_API void InifileValueErrorA(const char* file, const char* section, const char* entry,
+                                   int64_t value, const char* format, ...) KSPOOL_NOEXCEPT
+    __attribute__((format(printf, 5, 6)));
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,27 @@
+/*
+ * The network functions. This header is a contract without code.
+ */
+#ifndef PLATFORM_NET_H
+#define PLATFORM_NET_H
+
+#include <stddef.h>
+
+#include "kspool_api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Writes the host and port part of a URL into `buffer` of `size` bytes, cut to what fits and
+ * NUL-terminated: what stands before the first '/', '?' or '#', without user info. A URL that
+ * still has its "scheme://" loses it. The last argument is 0. Returns the length written.
+ */
+KSPOOL_API int NetExtractHostAndPort(const char* url, char* buffer, size_t size,
+                                     int unused) KSPOOL_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
