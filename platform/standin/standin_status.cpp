@@ -11,6 +11,7 @@
 #include "cr_status.h"
 #include "platform/status.h"
 #include "platform/support.h"
+#include "platform/ws.h"
 
 namespace {
 
@@ -39,6 +40,16 @@ constexpr StatusText kTexts[] = {
     {CR_STATUS_INVALID_VALUE, "the option does not take this value"},
     {CR_STATUS_PERMISSION_DENIED, "the server denied permission"},
     {CR_STATUS_BAD_RESPONSE, "the server's answer is not the expected one"},
+    {WS_STATUS_FAILED, "the transport failed"},
+    {WS_STATUS_NO_SERVER, "no server URL is set, or it is not an http or https URL"},
+    {WS_STATUS_PLAINTEXT, "plain http to another machine is not allowed"},
+    {WS_STATUS_FORKED, "the transport belongs to the parent process"},
+    {WS_STATUS_NO_CONNECT, "the server cannot be reached"},
+    {WS_STATUS_TIMED_OUT, "the server did not answer in time"},
+    {WS_STATUS_CUT, "the connection ended before the answer was complete"},
+    {WS_STATUS_TLS, "no secure connection could be made"},
+    {WS_STATUS_BAD_ANSWER, "the server's answer is not of the protocol"},
+    {WS_STATUS_TOO_LARGE, "the server's answer is too large"},
 };
 
 char* locateFailed(uint32_t status) {

@@ -1,0 +1,40 @@
+// The agent configuration as its own files see it.
+#ifndef KS_KS_INT_H
+#define KS_KS_INT_H
+
+#include <cstddef>
+
+#include "common/diagnostics.h"
+#include "ks.h"
+
+namespace kspool {
+
+/// How the files of this folder name themselves to the status library.
+inline constexpr char kKsSource[] = "../ks";
+
+inline constexpr size_t kPathSize = sizeof KSConfig::configFile;
+
+// Programs keep records of their own, so the layout is fixed.
+static_assert(offsetof(KSConfig, fingerprintType) == 12 && offsetof(KSConfig, doType) == 13);
+static_assert(offsetof(KSConfig, vendorName) == 14 && offsetof(KSConfig, programLabel) == 270);
+static_assert(offsetof(KSConfig, applicationName) == 526 && offsetof(KSConfig, login) == 782);
+static_assert(offsetof(KSConfig, password) == 1038 && offsetof(KSConfig, spaUrl) == 1294);
+static_assert(offsetof(KSConfig, mbsUrl) == 2318 && offsetof(KSConfig, configFile) == 3342);
+static_assert(offsetof(KSConfig, recommendedRouteTable) == 7438);
+static_assert(offsetof(KSConfig, currentRouteTable) == 11534);
+static_assert(offsetof(KSConfig, sslKeyLocation) == 15630);
+static_assert(offsetof(KSConfig, reconnectTimeout) == 19728 && sizeof(KSConfig) == 19736);
+
+/// Reads the directives of the file at `path` into a record that initialisation has zeroed.
+void _configLoad(KSConfig* config, const char* path);
+
+/// Names both route tables after the storage pool alone.
+void nameRouteTables(KSConfig& config, const char* folder);
+
+/// Names both route tables after the storage pool and the SPA server, if there are such files, else
+/// after the pool alone.
+void findRouteTables(KSConfig& config, const char* folder);
+
+}  // namespace kspool
+
+#endif

@@ -1,0 +1,220 @@
+// Reads the agent's configuration file.
+#include <cstring>
+
+#include "ks/ks_int.h"
+#include "platform/ini.h"
+
+namespace kspool {
+namespace {
+
+constexpr int32_t kMaximumReconnectTimeout = 3600;
+constexpr int32_t kDefaultReconnectTimeout = 300;
+constexpr uint32_t kNoFingerprintType = 255;
+
+/// How a directive's value is read, and what it has to be.
+enum class Kind : uint8_t {
+    Text,             ///< a text; its fallback stands silently
+    Label,            ///< a text; without it the application's name
+    Url,              ///< a text that should be there
+    Id,               ///< a number above 0
+    Reconnect,        ///< seconds
+    FingerprintType,  ///< a type that the pool knows
+    RouteFolder,      ///< a path, from which others are made
+    Path,             ///< a path that should be there
+};
+
+/// One directive: the offsets of its names in the tables of the configuration library, where the
+/// value goes, and the flag that says so.
+struct Directive {
+    Kind kind;
+    uint16_t section;
+    uint16_t entry;
+    uint32_t flag;
+    size_t field;
+    int capacity;  ///< characters of a text
+    const char* fallback;
+};
+
+// clang-format off
+#define KS_FIELD(name) offsetof(KSConfig, name), static_cast<int>(sizeof(KSConfig::name)) - 1
+
+constexpr Directive kDirectives[] = {
+    {Kind::Text,            171,  977, 0,                      KS_FIELD(vendorName),       "Norvale"},
+    {Kind::Label,           171,  763, 0,                      KS_FIELD(programLabel),     nullptr},
+    {Kind::Url,             206, 1322, KS_CFG_SPA_URL,         KS_FIELD(spaUrl),           nullptr},
+    {Kind::Url,             144, 1322, KS_CFG_MBS_URL,         KS_FIELD(mbsUrl),           nullptr},
+    {Kind::Id,              139, 1080, KS_CFG_STORAGE_POOL_ID, KS_FIELD(storagePoolId),    nullptr},
+    {Kind::Id,              139,    7, KS_CFG_AGENT_ID,        KS_FIELD(agentId),          nullptr},
+    {Kind::Reconnect,       139, 3072, 0,                      KS_FIELD(reconnectTimeout), nullptr},
+    {Kind::FingerprintType,   9, 1487, KS_CFG_FP_TYPE,         KS_FIELD(fingerprintType),  nullptr},
+    {Kind::RouteFolder,     165,  905, KS_CFG_ROUTE_TABLES,    0, kPathSize - 1,           nullptr},
+    {Kind::Path,            165, 1503, KS_CFG_SSL_KEY,         KS_FIELD(sslKeyLocation),   nullptr},
+};
+
+#undef KS_FIELD
+// clang-format on
+
+/// A directive of the file that is being read.
+class Reader {
+  public:
+    Reader(KSConfig& config, const char* file, const Directive& directive)
+        : config_(config),
+          d_(directive),
+          section_(_qlx_config_section_string_table_ + directive.section),
+          entry_(_qlx_config_entry_string_table_ + directive.entry),
+          file_(file) {}
+
+    void read() {
+        switch (d_.kind) {
+            case Kind::Text:
+                text(InifileGetValueA, textField());
+                break;
+            case Kind::Label:
+                if (!text(InifileGetValueA, textField())) {
+                    qlxstrcpy(textField(), config_.applicationName, sizeof config_.programLabel);
+                }
+                break;
+            case Kind::Url:
+                expected(text(InifileGetValueA, textField()));
+                break;
+            case Kind::Path:
+                expected(text(InifileGetPathA, textField()));
+                break;
+            case Kind::Id:
+                id();
+                break;
+            case Kind::Reconnect:
+                reconnectTimeout();
+                break;
+            case Kind::FingerprintType:
+                fingerprintType();
+                break;
+            case Kind::RouteFolder:
+                routeTables();
+                break;
+        }
+    }
+
+  private:
+    char* textField() { return reinterpret_cast<char*>(&config_) + d_.field; }
+
+    /// Whether the file gave a text.
+    template <typename Call>
+    bool text(Call call, char* destination) {
+        return call(section_, entry_, destination, d_.capacity, d_.fallback, file_) >= 1;
+    }
+
+    void expected(bool given) {
+        if (given) {
+            config_.flags |= d_.flag;
+        } else {
+            InifileNoticeA(file_, section_, entry_, 0, "Missing configuration directive");
+        }
+    }
+
+    void id() {
+        int64_t value = -1;
+        InifileGetLongLongA(section_, entry_, &value, -1, file_);
+        if (value > 0) {
+            const auto low = static_cast<uint32_t>(value);
+            memcpy(textField(), &low, sizeof low);
+            config_.flags |= d_.flag;
+        } else {
+            InifileValueNoticeA(file_, section_, entry_, value,
+                                "Incorrect ID or system not configured");
+        }
+    }
+
+    void reconnectTimeout() {
+        int32_t seconds = 0;
+        InifileGetIntegerA(section_, entry_, &seconds, 0, file_);
+        if (seconds > kMaximumReconnectTimeout) {
+            InifileValueErrorA(
+                file_, section_, entry_, seconds,
+                "specified value must be between 0 and %i. Defaulting to %i seconds.",
+                kMaximumReconnectTimeout, kDefaultReconnectTimeout);
+            seconds = kDefaultReconnectTimeout;
+        }
+        config_.reconnectTimeout = seconds < 0 ? 0 : seconds;
+    }
+
+    void fingerprintType() {
+        int32_t type = 0;
+        InifileGetIntegerA(section_, entry_, &type, CR_FP_SHA256, file_);
+        if (CRFPTypeIsValid(static_cast<uint32_t>(type)) != 0) {
+            config_.fingerprintType = static_cast<uint8_t>(type);
+            config_.flags |= d_.flag;
+        } else if (static_cast<uint32_t>(type) != kNoFingerprintType) {
+            InifileValueNoticeA(file_, section_, entry_, type,
+                                "Incorrect value or system not configured");
+        }
+    }
+
+    void routeTables() {
+        char folder[kPathSize] = "";
+        const bool given = text(InifileGetPathA, folder);
+        const bool usable = given && (config_.flags & KS_CFG_STORAGE_POOL_ID) != 0;
+        if (usable) findRouteTables(config_, folder);
+        expected(usable);
+    }
+
+    KSConfig& config_;
+    const Directive& d_;
+    const char* section_;
+    const char* entry_;
+    const char* file_;
+};
+
+/// An empty application name is how a failed initialisation shows.
+void fail(KSConfig* config) {
+    config->applicationName[0] = '\0';
+}
+
+uint32_t failUnreadable(KSConfig* config) {
+    fail(config);
+    return storeSystemError("KSConfigInitWithAgentCfg", kKsSource);
+}
+
+}  // namespace
+
+void _configLoad(KSConfig* config, const char* path) {
+    KS_TRACE("%s: reading config settings from %s", "_configLoad", path);
+    if (*path != '\0') {
+        qlxstrcpy(config->configFile, path, sizeof config->configFile);
+        config->flags |= KS_CFG_CONFIG_FILE;
+    }
+    for (const Directive& directive : kDirectives)
+        Reader(*config, path, directive).read();
+    _ksDump(config);
+}
+
+}  // namespace kspool
+
+using namespace kspool;
+
+void KSConfigInitWithAgentCfg(KSConfig* config, const char* agentCfgPath) noexcept {
+    if (config == nullptr) return;
+    memset(config, 0, sizeof *config);
+    qlxstrcpy(config->applicationName, OSGetProcName(0), sizeof config->applicationName);
+    config->flags |= KS_CFG_APPLICATION;
+
+    char located[kPathSize];
+    if (agentCfgPath != nullptr) {
+        if (qlx_access(agentCfgPath, 4) != 0) {
+            const uint32_t status = failUnreadable(config);
+            KS_NOTICE(status, "given client cfg (%s) not readable (%s)", agentCfgPath,
+                      strerror(errno));
+            return;
+        }
+    } else if (CRConfigLocate("Agent", located, sizeof located) == nullptr) {
+        fail(config);
+        KS_NOTICE(statusSlot(), "%s: location of %s configuration file not found",
+                  "KSConfigInitWithAgentCfg", "Agent");
+        return;
+    } else if (qlx_access(located, 4) != 0) {
+        const uint32_t status = failUnreadable(config);
+        KS_NOTICE(status, "%s: found but not readable (%s)", located, strerror(errno));
+        return;
+    }
+    _configLoad(config, agentCfgPath != nullptr ? agentCfgPath : located);
+}

@@ -1,0 +1,76 @@
+// Files, directories and the server's clock.
+#include <cstdlib>
+#include <cstring>
+
+#include "mb/mb_request.h"
+
+namespace kspool {
+namespace {
+
+/// The status for arguments that cannot be used, 0 for those that can.
+template <typename... Pointers>
+uint32_t checkArguments(const MBSession* session, Pointers... required) {
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    const bool complete = (... && (required != nullptr));
+    return complete ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
+}
+
+uint32_t fromTo(MBSession* session, Op op, const char* source, const char* destination,
+                uint32_t recursive) {
+    if (const uint32_t bad = checkArguments(session, source, destination)) return bad;
+    Answer answer;
+    return carryOut(*session, op, answer, "source", source, "destination", destination, "recursive",
+                    recursive);
+}
+
+}  // namespace
+}  // namespace kspool
+
+using namespace kspool;
+
+uint32_t MBDirCreate(MBSession* session, const char* path) noexcept {
+    if (const uint32_t bad = checkArguments(session, path)) return bad;
+    Answer answer;
+    return carryOut(*session, Op::DirCreate, answer, "path", path);
+}
+
+uint32_t MBFileCopy(MBSession* session, const char* source, const char* destination,
+                    uint32_t recursive) noexcept {
+    return fromTo(session, Op::FileCopy, source, destination, recursive);
+}
+
+uint32_t MBFileMove(MBSession* session, const char* source, const char* destination,
+                    uint32_t recursive) noexcept {
+    return fromTo(session, Op::FileMove, source, destination, recursive);
+}
+
+uint32_t MBFileDelete(MBSession* session, const char* path, uint32_t recursive) noexcept {
+    if (const uint32_t bad = checkArguments(session, path)) return bad;
+    Answer answer;
+    return carryOut(*session, Op::FileDelete, answer, "path", path, "recursive", recursive);
+}
+
+uint32_t MBDirList(MBSession* session, const char* path, char** listing, size_t* length,
+                   uint32_t recursive) noexcept {
+    if (const uint32_t bad = checkArguments(session, listing, path)) return bad;
+    *listing = nullptr;
+    if (length != nullptr) *length = 0;
+    Answer answer;
+    const uint32_t status =
+        carryOut(*session, Op::DirList, answer, "path", path, "recursive", recursive);
+    if (status != CR_STATUS_OK) return status;
+    *listing = answer.takeData();
+    if (length != nullptr && *listing != nullptr) *length = strlen(*listing) + 1;
+    return CR_STATUS_OK;
+}
+
+uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) noexcept {
+    if (const uint32_t bad = checkArguments(session, serverTime)) return bad;
+    *serverTime = 0;
+    Answer answer;
+    const uint32_t status = carryOut(*session, Op::GetTime, answer);
+    if (status == CR_STATUS_OK && answer.data != nullptr) {
+        *serverTime = static_cast<uint32_t>(strtoll(answer.data, nullptr, 10));
+    }
+    return status;
+}

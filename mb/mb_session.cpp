@@ -1,0 +1,60 @@
+// The life of a session after its creation: teardown, keep-alive, time-outs, tunables.
+#include <cstdlib>
+#include <ctime>
+
+#include "common/secret.h"
+#include "mb/mb_int.h"
+
+using namespace kspool;
+
+int32_t ksvfs_conf_ws_timeout = 120;
+int32_t ksvfs_conf_ws_retrycount = 3;
+
+Answer::~Answer() {
+    free(data);
+}
+
+void MBSessionTeardown(MBSession* session) noexcept {
+    session->state |= MB_STATE_CLOSING;
+    POReset(&session->scratchPO);
+    if (session->transport != nullptr) WSShutdown(session->transport);
+    { const WipedAtEnd wiped(*session); }
+    free(session);
+}
+
+void MBShutdown(MBSession* session) noexcept {
+    if (session != nullptr) MBSessionTeardown(session);
+}
+
+uint32_t MBKeepAlive(MBSession* session, int32_t interval) noexcept {
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    const int64_t idle = time(nullptr) - WSGetLastUseTime(session->transport);
+    if (idle < interval) return CR_STATUS_OK;
+    KS_INFO(0xFFFFFFFF, "%s: performing tarnd keep alive", "MBKeepAlive");
+    Answer answer;
+    uint32_t status = WSRequestExt(session->transport, WS_SERVICE_KEEPALIVE, &answer, "action",
+                                   "discover", kEndOfParameters);
+    if (status == CR_STATUS_OK) status = answer.eventCode;
+    return status == CR_STATUS_OK ? status : storeStatus(status);
+}
+
+uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) noexcept {
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    const int64_t current = WSGetReconnectTimeout(session->transport);
+    if (current != 0) return static_cast<uint32_t>(current);
+    return WSSetOptVa(session->transport, uint32_t{WS_OPT_RECONNECT_TIMEOUT}, int64_t{seconds},
+                      uint32_t{0});
+}
+
+void MBSetTimeOut(int32_t step) noexcept {
+    ksvfs_conf_ws_timeout = step;
+}
+int32_t MBGetTimeOut() noexcept {
+    return ksvfs_conf_ws_timeout;
+}
+void MBSetRetryCount(int32_t count) noexcept {
+    ksvfs_conf_ws_retrycount = count;
+}
+int32_t MBGetRetryCount() noexcept {
+    return ksvfs_conf_ws_retrycount;
+}

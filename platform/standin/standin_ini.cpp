@@ -1,0 +1,205 @@
+// The configuration support library's stand-in: reads ini files.
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "cr_status.h"
+#include "platform/ini.h"
+#include "platform/support.h"
+
+namespace {
+
+constexpr size_t kLongestLine = 64 * 1024;
+constexpr size_t kLargestFile = 16 * 1024 * 1024;
+
+bool sameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string_view trimmed(std::string_view text) {
+    constexpr char kBlank[] = " \t\v\f\r";
+    const size_t first = text.find_first_not_of(kBlank);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
+}
+
+std::string_view unquoted(std::string_view text) {
+    const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
+    return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
+/// The file's bytes; empty for one that cannot be read.
+std::string contentsOf(const char* file) {
+    std::string contents;
+    const int fd = open(file, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return contents;
+    char block[16 * 1024];
+    for (ssize_t got = 1; got > 0 && contents.size() < kLargestFile;) {
+        got = read(fd, block, sizeof block);
+        if (got > 0) contents.append(block, static_cast<size_t>(got));
+    }
+    close(fd);
+    return contents;
+}
+
+/// True once for each content of a file, so that its faults are not told with every directive.
+bool notReportedYet(const char* file, const std::string& contents) {
+    static std::mutex lock;
+    static size_t last = 0;
+    const size_t mark = std::hash<std::string>()(contents) * 31 + std::hash<std::string>()(file);
+    const std::lock_guard<std::mutex> hold(lock);
+    return std::exchange(last, mark) != mark;
+}
+
+/// One pass over a file in search of one entry.
+class Search {
+  public:
+    Search(const char* section, const char* entry, const char* file)
+        : section_(section), entry_(entry), file_(file), contents_(contentsOf(file)) {}
+
+    /// The value as it stands in the file; nothing when it is missing or empty.
+    std::optional<std::string> value() {
+        reports_ = notReportedYet(file_, contents_);
+        std::string_view rest = contents_;
+        if (rest.substr(0, 3) == "\xef\xbb\xbf") rest.remove_prefix(3);
+        for (number_ = 1; !rest.empty(); ++number_) {
+            const size_t length = rest.find('\n');
+            line(rest.substr(0, length));
+            rest.remove_prefix(std::min(rest.size(), std::max(length, length + 1)));
+        }
+        if (found_.has_value() && found_->empty()) found_.reset();
+        return found_;
+    }
+
+  private:
+    void line(std::string_view text) {
+        if (text.size() > kLongestLine) return report("is too long");
+        if (text.find('\0') != std::string_view::npos) return report("has a NUL byte in it");
+        text = trimmed(text);
+        if (text.empty() || text.front() == '#' || text.front() == ';') return;
+        if (text.front() == '[') {
+            const size_t end = text.find(']');
+            if (end == std::string_view::npos) return report("is a section without an end");
+            inSection_ = sameName(trimmed(text.substr(1, end - 1)), section_);
+            return;
+        }
+        const size_t equals = text.find('=');
+        if (equals == std::string_view::npos) return report("is neither a section nor an entry");
+        if (!inSection_ || found_.has_value()) return;
+        if (!sameName(trimmed(text.substr(0, equals)), entry_)) return;
+        found_ = unquoted(trimmed(text.substr(equals + 1)));
+    }
+
+    void report(const char* what) const {
+        if (reports_) NoticeA(CR_STATUS_BAD_HANDLE, "%s: line %zu %s", file_, number_, what);
+    }
+
+    const char* section_;
+    const char* entry_;
+    const char* file_;
+    const std::string contents_;
+    bool reports_ = false;
+    bool inSection_ = false;
+    size_t number_ = 0;
+    std::optional<std::string> found_;
+};
+
+std::optional<std::string> valueOf(const char* section, const char* entry, const char* file) {
+    const int savedErrno = errno;
+    std::optional<std::string> value;
+    try {
+        value = Search(section, entry, file).value();
+    } catch (const std::exception& error) {
+        NoticeA(CR_STATUS_NO_MEMORY, "%s: [%s] %s: %s", file, section, entry, error.what());
+    }
+    errno = savedErrno;
+    return value;
+}
+
+/// The value as a number, nothing when it does not begin with one. strtoll() saturates.
+std::optional<int64_t> numberOf(const char* section, const char* entry, const char* file) {
+    const auto text = valueOf(section, entry, file);
+    if (!text.has_value()) return {};
+    const int savedErrno = errno;
+    char* end = nullptr;
+    const int64_t number = strtoll(text->c_str(), &end, 10);
+    errno = savedErrno;
+    if (end == text->c_str()) return {};
+    return number;
+}
+
+}  // namespace
+
+int InifileGetValueA(const char* section, const char* entry, char* destination, int maxCharacters,
+                     const char* defaultValue, const char* file) noexcept {
+    const auto value = valueOf(section, entry, file);
+    const size_t size = static_cast<size_t>(std::max(maxCharacters, 0)) + 1;
+    if (!value.has_value()) {
+        qlxstrcpy(destination, defaultValue != nullptr ? defaultValue : "", size);
+        return 0;
+    }
+    qlxstrcpy(destination, value->c_str(), size);
+    if (value->size() >= size) {
+        NoticeA(CR_STATUS_LIMIT_EXCEEDED, "%s: [%s] %s: value cut to %d characters", file, section,
+                entry, maxCharacters);
+    }
+    return static_cast<int>(std::min(value->size(), size - 1));
+}
+
+int InifileGetPathA(const char* section, const char* entry, char* destination, int maxCharacters,
+                    const char* defaultValue, const char* file) noexcept {
+    return InifileGetValueA(section, entry, destination, maxCharacters, defaultValue, file);
+}
+
+int InifileGetLongLongA(const char* section, const char* entry, int64_t* value,
+                        int64_t defaultValue, const char* file) noexcept {
+    const auto number = numberOf(section, entry, file);
+    *value = number.value_or(defaultValue);
+    return number.has_value() ? 1 : 0;
+}
+
+int InifileGetIntegerA(const char* section, const char* entry, int32_t* value, int32_t defaultValue,
+                       const char* file) noexcept {
+    using Limits = std::numeric_limits<int32_t>;
+    const auto number = numberOf(section, entry, file);
+    const int64_t wide = number.value_or(defaultValue);
+    *value = static_cast<int32_t>(std::clamp<int64_t>(wide, Limits::min(), Limits::max()));
+    return number.has_value() ? 1 : 0;
+}
+
+void InifileNoticeA(const char* file, const char* section, const char* entry, int,
+                    const char* message) noexcept {
+    NoticeA(CR_STATUS_NOT_FOUND, "%s: [%s] %s: %s", file, section, entry, message);
+}
+
+void InifileValueNoticeA(const char* file, const char* section, const char* entry, int64_t value,
+                         const char* message) noexcept {
+    NoticeA(CR_STATUS_INVALID_VALUE, "%s: [%s] %s = %" PRId64 ": %s", file, section, entry, value,
+            message);
+}
+
+void InifileValueErrorA(const char* file, const char* section, const char* entry, int64_t value,
+                        const char* format, ...) noexcept {
+    char message[512];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    ErrorA(CR_STATUS_INVALID_VALUE, "%s: [%s] %s = %" PRId64 ": %s", file, section, entry, value,
+           message);
+}

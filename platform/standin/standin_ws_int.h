@@ -1,0 +1,129 @@
+// The transport as its own files see it: what was set, what is sent, what came back.
+#ifndef PLATFORM_STANDIN_WS_INT_H
+#define PLATFORM_STANDIN_WS_INT_H
+
+#include <curl/curl.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "cr_status.h"
+#include "platform/support.h"
+#include "platform/ws.h"
+
+namespace ws {
+
+/// A text that is wiped when it goes. It is never moved, so that nothing is left behind.
+class Secret {
+  public:
+    Secret() = default;
+    Secret(const Secret& other) : text_(other.text_) {}
+    Secret& operator=(const Secret&) = delete;
+    ~Secret() { wipe(); }
+    void set(const char* text);
+    void swap(Secret& other) noexcept { text_.swap(other.text_); }
+    const std::string& text() const { return text_; }
+
+  private:
+    void wipe() noexcept;
+    std::string text_;
+};
+
+/// What WSSetOpt() sets. Empty texts are not set.
+struct Settings {
+    std::string serverUrl;
+    std::string login;
+    Secret password;
+    std::string keyLocation;
+    int64_t option7 = 0;
+    int64_t option8 = 0;
+    int64_t responseTimeout = 30;
+    int64_t reconnectTimeout = 0;
+};
+
+struct FreeEasy {
+    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+struct FreeList {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+struct FreeText {
+    void operator()(char* text) const { free(text); }
+};
+struct FreeCurlText {
+    void operator()(char* text) const { curl_free(text); }
+};
+using HeaderList = std::unique_ptr<curl_slist, FreeList>;
+using Text = std::unique_ptr<char, FreeText>;
+
+/// One request as it is sent, perhaps more than once.
+struct Request {
+    const char* path;         ///< below the server URL, with its query
+    const char* contentType;  ///< NULL: a GET
+    const char* body;
+    size_t bodySize;
+};
+
+/// What is known of an event beside its code. Empty texts are not known.
+struct Event {
+    uint32_t code = 0;
+    std::string severity, serverAddress, sourceApplication, description;
+};
+
+/// Takes one answer in while it arrives, and says afterwards what it is.
+class Collector {
+  public:
+    /// Both return what they were given, or less to end the transfer.
+    size_t header(const char* line, size_t length) noexcept;
+    size_t body(const char* bytes, size_t length) noexcept;
+
+    /// Why the transfer was ended from here, or 0.
+    uint32_t refusal() const { return refusal_; }
+
+    /// The status of an answer that arrived whole: 0 with `text` or `event` filled, or a failure.
+    uint32_t judge(long httpStatus, Text& text, Event& event);
+
+  private:
+    bool grow(size_t length) noexcept;
+    uint32_t judgeProblem(Event& event) const;
+
+    size_t headerBytes_ = 0;
+    std::string contentType_;
+    bool endIsKnown_ = false;
+    uint32_t refusal_ = 0;
+    Text text_;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+};
+
+uint64_t answerLimit() noexcept;
+
+}  // namespace ws
+
+struct WSTransport {
+    std::unique_ptr<CURL, ws::FreeEasy> curl;
+    pid_t owner = 0;
+    curl_socket_t socket = CURL_SOCKET_BAD;  ///< of the connection that is open
+    ws::Settings settings;
+    bool configured = false;  ///< `curl` has been given `settings`
+    uint32_t unusable = 0;    ///< why no request can be sent with them, or 0
+    std::string base;         ///< the server URL without a slash at its end
+    int64_t lastUse = 0;
+    uint64_t idStart = 0;  ///< request ids: this and a count
+    uint64_t requests = 0;
+    bool archKnown = false;
+    uint32_t archMode = 0;
+    ws::Event event;  ///< keeps the texts of the last result alive
+};
+
+namespace ws {
+
+/// Sends a request, again while the reconnect time-out allows, and brings what came of it.
+uint32_t exchange(WSTransport& transport, const Request& request, Text& text);
+
+}  // namespace ws
+
+#endif

@@ -1,0 +1,155 @@
+// The transport's stand-in: requests as they are called, put into the words of the wire.
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+#include <iterator>
+#include <new>
+
+#include "platform/standin/standin_ws_int.h"
+
+namespace ws {
+namespace {
+
+struct ServicePath {
+    uint32_t service;
+    const char* path;
+};
+
+constexpr ServicePath kServices[] = {
+    {WS_SERVICE_METABASE, "/ws/metabase"},
+    {WS_SERVICE_SPA, "/ws/spa"},
+    {WS_SERVICE_KEEPALIVE, "/ws/keepalive"},
+};
+
+enum class Type : uint8_t { Text, Uint32, Int32, Uint64, Int64 };
+
+struct Parameter {
+    const char* name;
+    Type type;
+};
+
+/// The list of a request does not say what its values are; their names do.
+constexpr Parameter kParameters[] = {
+    {"action", Type::Text},
+    {"path", Type::Text},
+    {"source", Type::Text},
+    {"destination", Type::Text},
+    {"data", Type::Text},
+    {"filter", Type::Text},
+    {"client", Type::Text},
+    {"policy", Type::Text},
+    {"imagename", Type::Text},
+    {"dofp", Type::Text},
+    {"appname", Type::Text},
+    {"recursive", Type::Uint32},
+    {"dataselection", Type::Uint32},
+    {"dsid", Type::Uint32},
+    {"parentid", Type::Int32},
+    {"flags", Type::Int32},
+    {"datetime", Type::Uint64},
+    {"dcid", Type::Uint64},
+    {"wormflags", Type::Int64},
+    {"retention", Type::Int64},
+};
+
+std::string escaped(const char* text) {
+    if (text == nullptr || *text == '\0') return {};
+    const std::unique_ptr<char, FreeCurlText> result(curl_easy_escape(nullptr, text, 0));
+    if (result == nullptr) throw std::bad_alloc();
+    return result.get();
+}
+
+std::string valueText(Type type, va_list& parameters) {
+    switch (type) {
+        case Type::Uint32:
+            return std::to_string(va_arg(parameters, uint32_t));
+        case Type::Int32:
+            return std::to_string(va_arg(parameters, int32_t));
+        case Type::Uint64:
+            return std::to_string(va_arg(parameters, uint64_t));
+        case Type::Int64:
+            return std::to_string(va_arg(parameters, int64_t));
+        default:
+            return escaped(va_arg(parameters, const char*));
+    }
+}
+
+/// False when a name is not in the table.
+bool writeForm(va_list& parameters, std::string& form) {
+    while (const char* name = va_arg(parameters, const char*)) {
+        const auto* row =
+            std::find_if(std::begin(kParameters), std::end(kParameters),
+                         [=](const Parameter& p) { return strcmp(p.name, name) == 0; });
+        if (row == std::end(kParameters)) return false;
+        form += form.empty() ? "" : "&";
+        form += name;
+        form += '=';
+        form += valueText(row->type, parameters);
+    }
+    return true;
+}
+
+const char* pathOf(uint32_t service) {
+    const auto* row = std::find_if(std::begin(kServices), std::end(kServices),
+                                   [=](const ServicePath& s) { return s.service == service; });
+    return row != std::end(kServices) ? row->path : nullptr;
+}
+
+const char* known(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
+/// Sends a request and hands out what came back.
+uint32_t send(WSTransport& transport, const Request& request, WSResult& result) {
+    Text text;
+    const uint32_t status = exchange(transport, request, text);
+    if (status != CR_STATUS_OK) return status;
+    const Event& event = transport.event;
+    result.eventCode = event.code;
+    result.data = text.release();
+    result.severity = known(event.severity);
+    result.serverAddress = known(event.serverAddress);
+    result.sourceApplication = known(event.sourceApplication);
+    result.description = known(event.description);
+    return CR_STATUS_OK;
+}
+
+}  // namespace
+}  // namespace ws
+
+using namespace ws;
+
+uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result, ...) noexcept {
+    *result = {};
+    const char* path = pathOf(service);
+    if (path == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    va_list parameters;
+    va_start(parameters, result);
+    uint32_t status = CR_STATUS_NO_MEMORY;
+    try {
+        std::string form;
+        status = writeForm(parameters, form)
+                     ? send(*transport,
+                            {path, "application/x-www-form-urlencoded", form.data(), form.size()},
+                            *result)
+                     : uint32_t{CR_STATUS_INVALID_PARAMETER};
+    } catch (const std::exception&) {
+    }
+    va_end(parameters);
+    return status;
+}
+
+uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSResult* result,
+                       uint32_t dataselection, const char* body, const char* action) noexcept {
+    *result = {};
+    const char* path = pathOf(service);
+    if (path == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    try {
+        const std::string target = std::string(path) + "?action=" + escaped(action) +
+                                   "&dataselection=" + std::to_string(dataselection);
+        if (body == nullptr) body = "";
+        return send(*transport, {target.c_str(), "text/plain", body, strlen(body)}, *result);
+    } catch (const std::exception&) {
+        return CR_STATUS_NO_MEMORY;
+    }
+}
