@@ -53,6 +53,9 @@ size_t Collector::header(const char* line, size_t length) noexcept {
         if (strncmp(text.c_str(), "HTTP/", 5) == 0) {  // what came before was an interim answer
             contentType_.clear();
             endIsKnown_ = false;
+            headIsComplete_ = false;
+        } else if (text == "\r\n" || text == "\n") {
+            headIsComplete_ = true;
         } else if (const char* type = valueOf(text, "content-type")) {
             contentType_ = type;
         } else if (const char* coding = valueOf(text, "transfer-encoding")) {
@@ -93,6 +96,7 @@ size_t Collector::body(const char* bytes, size_t length) noexcept {
 }
 
 uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
+    if (!headIsComplete_) return WS_STATUS_CUT;
     if (!endIsKnown_) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
     if (httpStatus != 200 || !isType(contentType_, "text/plain")) return WS_STATUS_BAD_ANSWER;

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/standin/standin_ws_int.h"
+#include "platform/status.h"
 
 namespace ws {
 namespace {
@@ -256,12 +257,32 @@ class Call {
         curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
         httpStatus_ = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &httpStatus_);
+        const uint32_t status = meaningOf(code, collector, text);
+        if (status != CR_STATUS_OK) explain(status, code, detail);
+        return status;
+    }
+
+    uint32_t meaningOf(CURLcode code, Collector& collector, Text& text) {
         if (collector.refusal() != 0) return collector.refusal();
         if (code == CURLE_OK) return collector.judge(httpStatus_, text, transport_.event);
-        const uint32_t status = meaningOf(code);
-        NoticeA(status, "%s: %s", transport_.base.c_str(),
-                *detail != '\0' ? detail : curl_easy_strerror(code));
-        return status;
+        return isEndlessHeader(code, collector) ? uint32_t{WS_STATUS_TOO_LARGE}
+                                                : ws::meaningOf(code);
+    }
+
+    /// Tells the log what the status alone does not.
+    void explain(uint32_t status, CURLcode code, const char* detail) const {
+        const bool ended = code == CURLE_OK || code == CURLE_WRITE_ERROR;
+        const char* text = ended             ? CRStatusToStringA(status)
+                           : *detail != '\0' ? detail
+                                             : curl_easy_strerror(code);
+        NoticeA(status, "%s: %s (HTTP status %ld)", transport_.base.c_str(), text, httpStatus_);
+    }
+
+    /// libcurl holds 100 kB of one header line, and says that memory is out when it gets more.
+    bool isEndlessHeader(CURLcode code, const Collector& collector) const {
+        curl_off_t firstByte = 0;
+        curl_easy_getinfo(curl_, CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
+        return code == CURLE_OUT_OF_MEMORY && firstByte > 0 && !collector.headIsComplete();
     }
 
     bool canTryAgain(uint32_t status) const {

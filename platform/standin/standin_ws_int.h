@@ -82,6 +82,7 @@ class Collector {
 
     /// Why the transfer was ended from here, or 0.
     uint32_t refusal() const { return refusal_; }
+    bool headIsComplete() const { return headIsComplete_; }
 
     /// The status of an answer that arrived whole: 0 with `text` or `event` filled, or a failure.
     uint32_t judge(long httpStatus, Text& text, Event& event);
@@ -92,6 +93,7 @@ class Collector {
 
     size_t headerBytes_ = 0;
     std::string contentType_;
+    bool headIsComplete_ = false;
     bool endIsKnown_ = false;
     uint32_t refusal_ = 0;
     Text text_;

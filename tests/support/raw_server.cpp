@@ -1,0 +1,174 @@
+#include "tests/support/raw_server.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+
+/// Waits until there is something to read; false when the server stops meanwhile.
+bool readable(int fd, const std::atomic<bool>& stopping) {
+    while (!stopping) {
+        pollfd wait{fd, POLLIN, 0};
+        if (poll(&wait, 1, 20) > 0) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string answer(const std::string& status, const std::string& type, const std::string& body) {
+    return "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
+           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string textAnswer(const std::string& body) {
+    return answer("200 OK", "text/plain", body);
+}
+
+std::string headerOf(const std::string& request, const std::string& name) {
+    const size_t at = request.find("\r\n" + name + ": ");
+    if (at == std::string::npos) return {};
+    const size_t start = at + name.size() + 4;
+    return request.substr(start, request.find("\r\n", start) - start);
+}
+
+RawServer::RawServer(Reply otherwise) : otherwise_(std::move(otherwise)) {
+    start();
+}
+
+RawServer::~RawServer() {
+    stop();
+}
+
+void RawServer::start() {
+    stopping_ = false;
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port_);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    if (bind(listener_, generic, length) != 0 || ::listen(listener_, 64) != 0) abort();
+    getsockname(listener_, generic, &length);
+    port_ = ntohs(address.sin_port);
+    acceptor_ = std::thread([this] { acceptAll(); });
+}
+
+void RawServer::stop() {
+    stopping_ = true;
+    if (acceptor_.joinable()) acceptor_.join();
+    for (std::thread& worker : workers_)
+        worker.join();
+    workers_.clear();
+    if (listener_ >= 0) close(listener_);
+    listener_ = -1;
+}
+
+void RawServer::refuse() {
+    stop();
+}
+
+void RawServer::listen() {
+    start();
+}
+
+std::string RawServer::url() const {
+    return "http://127.0.0.1:" + std::to_string(port_);
+}
+
+void RawServer::queue(const Reply& reply) {
+    const std::lock_guard<std::mutex> hold(lock_);
+    replies_.push_back(reply);
+}
+
+std::vector<std::string> RawServer::requests() {
+    const std::lock_guard<std::mutex> hold(lock_);
+    return requests_;
+}
+
+std::string RawServer::rest() {
+    const std::lock_guard<std::mutex> hold(lock_);
+    return rest_;
+}
+
+void RawServer::acceptAll() {
+    while (readable(listener_, stopping_)) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;
+        ++connections_;
+        workers_.emplace_back([this, fd] { serve(fd); });
+    }
+}
+
+bool RawServer::readRequest(int fd, std::string& pending, std::string& request) {
+    for (;;) {
+        const size_t head = pending.find("\r\n\r\n");
+        if (head != std::string::npos) {
+            const std::string length = headerOf(pending, "Content-Length");
+            const size_t size = head + 4 + (length.empty() ? 0 : std::stoul(length));
+            if (pending.size() >= size) {
+                request = pending.substr(0, size);
+                pending.erase(0, size);
+                return true;
+            }
+        }
+        char block[4096];
+        if (!readable(fd, stopping_)) return false;
+        const ssize_t got = recv(fd, block, sizeof block, 0);
+        if (got <= 0) return false;
+        pending.append(block, static_cast<size_t>(got));
+        const std::lock_guard<std::mutex> hold(lock_);
+        rest_ = pending;
+    }
+}
+
+/// Whether the connection goes on.
+bool RawServer::send(int fd, const Reply& reply) {
+    for (int waited = 0; waited < reply.delayMs && !stopping_; waited += 10)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::string block = reply.bytes;
+    for (size_t left = reply.padding;;) {
+        size_t sent = 0;
+        while (sent < block.size()) {
+            const ssize_t now = ::send(fd, block.data() + sent, block.size() - sent, MSG_NOSIGNAL);
+            if (now <= 0) return false;
+            sent += static_cast<size_t>(now);
+        }
+        if (left == 0) break;
+        block.assign(std::min<size_t>(left, 65536), 'x');
+        left -= block.size();
+    }
+    if (reply.end == Reply::Resets) {
+        // What was sent is to arrive before the reset.
+        if (!reply.bytes.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const linger now{1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    }
+    return reply.end == Reply::KeepsOpen;
+}
+
+void RawServer::serve(int fd) {
+    std::string pending, request;
+    for (bool open = true; open && readRequest(fd, pending, request);) {
+        Reply reply = otherwise_;
+        {
+            const std::lock_guard<std::mutex> hold(lock_);
+            requests_.push_back(request);
+            rest_ = pending;
+            if (!replies_.empty()) {
+                reply = replies_.front();
+                replies_.pop_front();
+            }
+        }
+        open = send(fd, reply);
+    }
+    close(fd);
+}

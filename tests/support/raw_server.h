@@ -1,0 +1,70 @@
+// A server that speaks whatever bytes a test puts into its mouth.
+#ifndef TESTS_RAW_SERVER_H
+#define TESTS_RAW_SERVER_H
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// What the server does once a request has arrived.
+struct Reply {
+    enum End { KeepsOpen, Closes, Resets };
+    std::string bytes;
+    End end = KeepsOpen;
+    int delayMs = 0;     ///< before the answer
+    size_t padding = 0;  ///< so many more bytes "x" after `bytes`
+};
+
+/// "HTTP/1.1 STATUS" with a content type, a length and a body.
+std::string answer(const std::string& status, const std::string& type, const std::string& body);
+std::string textAnswer(const std::string& body);
+
+/// Serves on a free port of the loopback interface until it goes. Each request takes the next reply
+/// of the queue; when that is empty, `otherwise`.
+class RawServer {
+  public:
+    explicit RawServer(Reply otherwise = {textAnswer("ok"), Reply::KeepsOpen, 0, 0});
+    ~RawServer();
+    RawServer(const RawServer&) = delete;
+    RawServer& operator=(const RawServer&) = delete;
+
+    void queue(const Reply& reply);
+    std::string url() const;
+    /// The requests so far, each as it stood on the wire.
+    std::vector<std::string> requests();
+    size_t connections() const { return connections_; }
+    /// Stops listening: connections are refused until listen() is called again.
+    void refuse();
+    void listen();
+    /// What came in on the connection after its last whole request.
+    std::string rest();
+
+  private:
+    void acceptAll();
+    void serve(int fd);
+    bool readRequest(int fd, std::string& pending, std::string& request);
+    bool send(int fd, const Reply& reply);
+    void start();
+    void stop();
+
+    Reply otherwise_;
+    uint16_t port_ = 0;
+    int listener_ = -1;
+    std::atomic<bool> stopping_ = false;
+    std::atomic<size_t> connections_ = 0;
+    std::mutex lock_;
+    std::deque<Reply> replies_;
+    std::vector<std::string> requests_;
+    std::string rest_;
+    std::vector<std::thread> workers_;
+    std::thread acceptor_;
+};
+
+/// The value of a header of a request, empty when it has none.
+std::string headerOf(const std::string& request, const std::string& name);
+
+#endif
