@@ -1,5 +1,4 @@
-// Each scenario is run again and again with its n-th fallible call failing, for every n, once and
-// from then on, until a run has no such call. Linked statically, so that every call is caught.
+// The life of a cache under failing calls.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,8 +12,7 @@
 #include "kscache/kscache_int.h"
 #include "platform/status.h"
 #include "tests/support/cache_invariants.h"
-#include "tests/support/scripted_platform.h"
-#include "tests/support/system_calls.h"
+#include "tests/support/torture.h"
 
 namespace {
 
@@ -53,7 +51,6 @@ class Life {
             }
         }
         KSCacheDestroy(cache_);
-        EXPECT_EQ(calls::live(), 0U);
     }
 
   private:
@@ -169,36 +166,14 @@ class Life {
     std::map<uint32_t, bool> taken_;
 };
 
-class Torture : public testing::TestWithParam<Scenario> {
-  public:
-    static void TearDownTestSuite() {
-        printf("torture: %zu runs with a failing call\n", runs);
-        for (int call = 0; call < calls::kCalls; ++call) {
-            EXPECT_GT(calls::made(static_cast<calls::Call>(call)), 0U) << "call " << call;
-        }
-    }
-    static size_t runs;
-};
-size_t Torture::runs = 0;
+class CacheTorture : public testing::TestWithParam<Scenario> {};
 
-TEST_P(Torture, EveryCallFailsInTurn) {
-    for (const bool fromThenOn : {false, true}) {
-        for (size_t nth = 1;; ++nth) {
-            SCOPED_TRACE("call " + std::to_string(nth) + (fromThenOn ? " and all after it" : ""));
-            scripted::reset();
-            calls::watch();
-            calls::fail({.nth = nth, .fromThenOn = fromThenOn});
-            Life(GetParam()).go();
-            const size_t failed = calls::failures();
-            calls::leaveAlone();
-            if (failed == 0 || HasFailure()) break;
-            ++runs;
-        }
-    }
+TEST_P(CacheTorture, EveryCallFailsInTurn) {
+    torture::run([] { Life(GetParam()).go(); });
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Scenarios, Torture,
+    Scenarios, CacheTorture,
     testing::Values(Scenario{"create", 0, 20, 0, 0, Scenario::kFills},
                     Scenario{"growth", 0, 6, 0, 5000, Scenario::kFills},
                     Scenario{"lockedGrowth", 0, 6, 1, 3000, Scenario::kFills},

@@ -10,8 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/ini.h"
 #include "platform/status.h"
 #include "platform/support.h"
+#include "tests/support/scripted_pool.h"
 
 namespace scripted {
 namespace {
@@ -20,14 +22,6 @@ std::string lines;
 std::map<const void*, size_t> names;
 uint32_t slot = 0;
 int traceSwitch = 0;
-
-std::string quoted(const char* text) {
-    if (text == nullptr) return "NULL";
-    std::string out = "\"";
-    for (; *text != '\0'; ++text)
-        out += *text == '\n' ? "\\n" : std::string(1, *text);
-    return out + '"';
-}
 
 /// Takes the next argument as its conversion says ("lu", "i", "zu", "s", "p", "lf").
 std::string argumentText(const std::string& conversion, va_list& arguments) {
@@ -85,6 +79,16 @@ std::string takeRecord() {
     return std::exchange(lines, {});
 }
 
+std::string quoted(const char* text) {
+    if (text == nullptr) return "NULL";
+    constexpr size_t kLongest = 1000;
+    std::string out = "\"";
+    const size_t length = strlen(text);
+    for (size_t i = 0; i < (length > kLongest ? 5 : length); ++i)
+        out += text[i] == '\n' ? "\\n" : std::string(1, text[i]);
+    return out + (length > kLongest ? "...\" of " + std::to_string(length) : "\"");
+}
+
 std::string pointerName(const void* pointer) {
     if (pointer == nullptr) return "NULL";
     return "#" + std::to_string(names.try_emplace(pointer, names.size() + 1).first->second);
@@ -97,6 +101,7 @@ void forgetPointers() {
 void reset() {
     lines.clear();
     forgetPointers();
+    forgetReplies();
     slot = 0;
     traceSwitch = 0;
 }
@@ -140,6 +145,23 @@ void ErrorA(uint32_t status, const char* format, ...) noexcept {
 }
 void WarningA(uint32_t status, const char* format, ...) noexcept {
     RECORD("WarningA", std::to_string(status) + ", ");
+}
+void NoticeA(uint32_t status, const char* format, ...) noexcept {
+    RECORD("NoticeA", std::to_string(status) + ", ");
+}
+void InfoA(uint32_t status, const char* format, ...) noexcept {
+    RECORD("InfoA", std::to_string(status) + ", ");
+}
+void qlxLogA(uint32_t status, uint32_t level, const char* format, ...) noexcept {
+    RECORD("qlxLogA", std::to_string(status) + ", " + std::to_string(level) + ", ");
+}
+void qlxSetFatalError(const char* function, uint32_t id, const char* format, ...) noexcept {
+    RECORD("qlxSetFatalError", quoted(function) + ", " + std::to_string(id) + ", ");
+}
+void InifileValueErrorA(const char* file, const char* section, const char* entry, int64_t value,
+                        const char* format, ...) noexcept {
+    RECORD("InifileValueErrorA",
+           quoted(file) + ", " + nameOffsets(section, entry) + ", " + std::to_string(value) + ", ");
 }
 
 uint64_t OSGetRSS() noexcept {

@@ -3,6 +3,8 @@
 #ifndef TESTS_SCRIPTED_PLATFORM_H
 #define TESTS_SCRIPTED_PLATFORM_H
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace scripted {
@@ -22,7 +24,26 @@ std::string pointerName(const void* pointer);
 /// Names pointers from #1 again.
 void forgetPointers();
 
-/// Forgets the record and the names; trace switch off, slot 0.
+/// A text as the record shows it: quoted, long ones cut, with their length.
+std::string quoted(const char* text);
+
+/// What one call of the configuration reader, the transport or their like gives back.
+struct Reply {
+    uint32_t status = 0;  ///< also left in the slot by calls that return none
+    uint32_t eventCode = 0;
+    std::optional<std::string> data, severity, serverAddress, sourceApplication, description;
+};
+
+/// Adds a reply for the next call of that name. Without one, calls succeed and bring nothing.
+void queueReply(const std::string& call, const Reply& reply);
+
+/// What the configuration file holds, by the offsets of section and entry.
+void configValue(int section, int entry, const std::string& value);
+
+/// Whether the calls of the configuration reader are recorded. They are unless told otherwise.
+void recordConfiguration(bool recorded);
+
+/// Forgets the record and the names, the replies and the configuration; trace switch off, slot 0.
 void reset();
 
 }  // namespace scripted

@@ -29,8 +29,8 @@ namespace calls {
 namespace {
 
 constexpr std::array<const char*, kCalls> kNames = {
-    "calloc", "realloc", "mmap", "mlock",  "munlock",    "open",    "read",
-    "write",  "lseek",   "free", "munmap", "munlockall", "madvise", "close"};
+    "calloc", "realloc",  "mmap", "mlock",  "munlock",    "open",    "read", "write",
+    "lseek",  "platform", "free", "munmap", "munlockall", "madvise", "close"};
 
 std::array<size_t, kCalls> counts;
 Failure wanted;
@@ -128,6 +128,10 @@ void fail(const Failure& failure) {
     wanted = failure;
     matched = 0;
     failed = 0;
+}
+
+bool failsOnDemand(Call call) {
+    return fails(call);
 }
 
 size_t failures() {

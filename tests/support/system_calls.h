@@ -20,6 +20,7 @@ enum Call {
     kRead,
     kWrite,
     kLseek,
+    kPlatform,  ///< a call of the scripted platform that can fail, not of the system
     kFallible,
     kFree = kFallible,
     kMunmap,
@@ -44,6 +45,9 @@ struct Failure {
     int error = 12;
 };
 void fail(const Failure& failure);
+
+/// Counts a call; true, with errno set, when it is to fail now.
+bool failsOnDemand(Call call);
 
 /// How many calls failed on demand since fail().
 size_t failures();

@@ -1,0 +1,34 @@
+// What a transcript can be made of.
+#ifndef TESTS_GOLDEN_H
+#define TESTS_GOLDEN_H
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace golden {
+
+/// A command: its name and its arguments, at least five of them, absent ones empty.
+using Words = std::vector<std::string>;
+/// Runs a command and says what came back, in a line or not at all.
+using Verb = std::function<std::string(const Words&)>;
+using Verbs = std::map<std::string, Verb>;
+
+/// The objects of one transcript, and the commands that use them.
+struct Scene {
+    virtual ~Scene() = default;
+    Verbs verbs;
+};
+
+std::unique_ptr<Scene> cacheScene();
+std::unique_ptr<Scene> sessionScene();
+
+uint32_t number(const std::string& word);
+std::string withSlot(const std::string& result);
+std::string status(uint32_t status);
+
+}  // namespace golden
+
+#endif

@@ -1,0 +1,38 @@
+// Runs a scenario again and again with its n-th fallible call failing, for every n, once and from
+// then on, until a run has no such call.
+#ifndef TESTS_TORTURE_H
+#define TESTS_TORTURE_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/scripted_platform.h"
+#include "tests/support/system_calls.h"
+
+namespace torture {
+
+/// Runs with a failing call, of all scenarios so far.
+inline size_t runs = 0;
+
+template <typename Scenario>
+void run(Scenario scenario) {
+    for (const bool fromThenOn : {false, true}) {
+        for (size_t nth = 1;; ++nth) {
+            SCOPED_TRACE("call " + std::to_string(nth) + (fromThenOn ? " and all after it" : ""));
+            scripted::reset();
+            calls::watch();
+            calls::fail({.nth = nth, .fromThenOn = fromThenOn});
+            scenario();
+            const size_t failed = calls::failures();
+            EXPECT_EQ(calls::live(), 0U);
+            calls::leaveAlone();
+            if (failed == 0 || testing::Test::HasFailure()) break;
+            ++runs;
+        }
+    }
+}
+
+}  // namespace torture
+
+#endif
