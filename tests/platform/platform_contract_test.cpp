@@ -12,6 +12,9 @@
 #include <vector>
 
 #include "cr_status.h"
+#include "ks.h"
+#include "platform/ini.h"
+#include "platform/net.h"
 #include "platform/status.h"
 #include "platform/support.h"
 
@@ -53,8 +56,10 @@ struct Folder {
 
 TEST(PlatformStatus, EveryStatusHasATextOfItsOwn) {
     std::vector<std::string> texts;
-    for (const uint32_t status : {0U,  1U,  2U,  4U,  9U,  10U,  11U,  14U,   22U,   23U,
-                                  25U, 32U, 44U, 82U, 85U, 106U, 108U, 1002U, 1012U, 77777U}) {
+    for (const uint32_t status :
+         {0U,    1U,    2U,    4U,    9U,    10U,   11U,   14U,   22U,   23U,
+          25U,   32U,   44U,   82U,   85U,   106U,  108U,  1002U, 1012U, 77777U,
+          2000U, 2001U, 2002U, 2003U, 2004U, 2005U, 2006U, 2007U, 2008U, 2009U}) {
         texts.emplace_back(CRStatusToStringA(status));
         EXPECT_NE(texts.back(), "");
     }
@@ -201,6 +206,128 @@ TEST(PlatformSupport, TextsAndProcessFacts) {
     EXPECT_EQ(qlxstrpbrk(text, "#"), nullptr);
     EXPECT_STREQ(OSGetProcName(0), program_invocation_short_name);
     EXPECT_GT(OSGetRSS(), 1U << 20);
+}
+
+/// A configuration file with a byte in it that no line may have, and one that is too long.
+const std::string kOddFile =
+    "\xef\xbb\xbf\n# comment\r\n; another\n[ One ]\r\nAB = first \r\nab = second\nempty =\n"
+    "quoted = \" a b \"\nhalf = \"x\nhash = a # b\nnumber = 12abc\nwords = abc\nbig = 99999999999\n"
+    "small = -99999999999\nhuge = 99999999999999999999\n no sense\n[broken\nnul = a" +
+    std::string(1, '\0') + "b\nlong = " + std::string(70000, 'x') +
+    "\n[TWO]\nab=two\n[one]\nlate=l\nlast=z";
+
+TEST(PlatformIni, ReadsOddFiles) {
+    const Folder folder;
+    const std::string path = folder.path + "/odd.cfg";
+    std::ofstream(path) << kOddFile;
+    const struct {
+        const char *section, *entry, *value;
+        int found;
+    } table[] = {
+        {"one", "ab", "first", 5},     {"two", "AB", "two", 3},   {"one", "empty", "d", 0},
+        {"one", "quoted", " a b ", 5}, {"one", "half", "\"x", 2}, {"one", "hash", "a # b", 5},
+        {"one", "nul", "d", 0},        {"one", "long", "d", 0},   {"one", "late", "l", 1},
+        {"one", "last", "z", 1},       {"three", "ab", "d", 0}};
+    for (const auto& row : table) {
+        char value[8] = "";
+        EXPECT_EQ(InifileGetValueA(row.section, row.entry, value, 7, "d", path.c_str()), row.found);
+        EXPECT_STREQ(value, row.value) << row.entry;
+    }
+    const struct {
+        const char* entry;
+        int64_t wide;
+        int32_t narrow;
+    } numbers[] = {{"number", 12, 12},
+                   {"words", -5, -5},
+                   {"none", -5, -5},
+                   {"big", 99999999999, INT32_MAX},
+                   {"small", -99999999999, INT32_MIN},
+                   {"huge", INT64_MAX, INT32_MAX}};
+    for (const auto& row : numbers) {
+        int64_t wide = 0;
+        int32_t narrow = 0;
+        InifileGetLongLongA("one", row.entry, &wide, -5, path.c_str());
+        InifileGetIntegerA("one", row.entry, &narrow, -5, path.c_str());
+        EXPECT_EQ(wide, row.wide) << row.entry;
+        EXPECT_EQ(narrow, row.narrow) << row.entry;
+    }
+}
+
+TEST(PlatformIni, TellsEachFaultOnceAndEachCutValue) {
+    const Folder folder;
+    const std::string path = folder.path + "/odd.cfg";
+    std::ofstream(path) << kOddFile;
+    Ear ear;
+    char value[3];
+    EXPECT_EQ(InifileGetValueA("one", "ab", value, 2, nullptr, path.c_str()), 2);
+    EXPECT_STREQ(value, "fi");
+    EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, path.c_str()), 0);
+    EXPECT_STREQ(value, "");
+    EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, "/nowhere"), 0);
+    const std::string line = path + ": line ";
+    const std::vector<Heard> expected = {
+        {QLX_LEVEL_NOTICE, 82, line + "16 is neither a section nor an entry"},
+        {QLX_LEVEL_NOTICE, 82, line + "17 is a section without an end"},
+        {QLX_LEVEL_NOTICE, 82, line + "18 has a NUL byte in it"},
+        {QLX_LEVEL_NOTICE, 82, line + "19 is too long"},
+        {QLX_LEVEL_NOTICE, 10, path + ": [one] ab: value cut to 2 characters"}};
+    EXPECT_EQ(ear.heard, expected);
+}
+
+TEST(PlatformNet, FindsHostAndPort) {
+    const struct {
+        const char *url, *part;
+    } table[] = {{"host:9000/x", "host:9000"},
+                 {"https://host", "host"},
+                 {"a:b@c@host:1?q", "host:1"},
+                 {"host#f@g", "host"},
+                 {"[::1]:80/", "[::1]:80"},
+                 {"", ""},
+                 {"h/x://y", "h"}};
+    for (const auto& row : table) {
+        char buffer[10];
+        NetExtractHostAndPort(row.url, buffer, sizeof buffer, 0);
+        EXPECT_STREQ(buffer, row.part);
+    }
+    char small[4];
+    EXPECT_EQ(NetExtractHostAndPort("host:9000", small, sizeof small, 0), 3);
+    EXPECT_STREQ(small, "hos");
+}
+
+// The example of the document is a file that the loader takes without a word.
+TEST(AgentConfig, ReadsTheDocumentsExample) {
+    std::ifstream document(AGENT_CONFIG_DOCUMENT);
+    const std::string text((std::istreambuf_iterator<char>(document)), {});
+    const size_t start = text.find("```ini\n") + 7;
+    const Folder folder;
+    const std::string path = folder.path + "/agent.cfg";
+    std::ofstream(path) << text.substr(start, text.find("```", start) - start);
+    Ear ear;
+    KSConfig config;
+    KSConfigInitWithAgentCfg(&config, path.c_str());
+    EXPECT_EQ(ear.heard, std::vector<Heard>());
+    EXPECT_EQ(config.flags, 0x7e7U);
+    const struct {
+        const char *read, *written;
+    } texts[] = {{config.vendorName, "Norvale"},
+                 {config.programLabel, "Nightly backup"},
+                 {config.spaUrl, "kbox://pool.example:9000"},
+                 {config.mbsUrl, "https://pool.example:9443"},
+                 {config.currentRouteTable, "/var/lib/kspool/routes/4711.current"},
+                 {config.sslKeyLocation, "/etc/kspool/keys"}};
+    for (const auto& row : texts)
+        EXPECT_STREQ(row.read, row.written);
+    EXPECT_EQ(config.storagePoolId, 4711U);
+    EXPECT_EQ(config.agentId, 12U);
+    EXPECT_EQ(config.reconnectTimeout, 60);
+    EXPECT_EQ(config.fingerprintType, 3);
+    // Each of the ten directives has its row in the document's table.
+    for (const char* row :
+         {"`product` | `vendor`", "`product` | `label`", "`spa` | `url`", "`metabase` | `url`",
+          "`pool` | `pool-id`", "`pool` | `agent-id`", "`pool` | `reconnect-timeout`",
+          "`fingerprints` | `type`", "`paths` | `route-tables`", "`paths` | `ssl-key`"}) {
+        EXPECT_NE(text.find(row), std::string::npos) << row;
+    }
 }
 
 }  // namespace
