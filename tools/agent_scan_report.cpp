@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/agent_scan.h"
+#include "tools/tool_json.h"
 #include "tools/tool_text.h"
 
 namespace agent {
@@ -115,7 +116,7 @@ void printJson(const ScanOptions& options, const ScanResult& r) {
         {"cacheSeconds", r.cacheSeconds},
         {"cacheShare", f.cacheShare},
     };
-    printf("%s\n", report.dump(2).c_str());
+    tool::printJson(report, 2);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "tools/cache_commands.h"
 #include "tools/cache_contents.h"
 #include "tools/cache_file.h"
+#include "tools/tool_json.h"
 #include "tools/tool_text.h"
 
 namespace cache {
@@ -25,7 +26,7 @@ ordered_json entryJson(const KSCacheNode& entry, uint64_t value) {
 
 void dumpJson(KSCache* cache) {
     forEachEntry(cache, [](const KSCacheNode& entry) {
-        printJson(entryJson(entry, entry.value), -1);
+        tool::printJson(entryJson(entry, entry.value), -1);
         return ferror(stdout) == 0;
     });
 }
@@ -64,15 +65,15 @@ class Differences {
 
     void printSummary() const {
         if (json_) {
-            printJson({{"counts",
-                        {{"added", added_.count},
-                         {"gone", gone_.count},
-                         {"changed", changed_.count},
-                         {"same", same_}}},
-                       {"added", added_.entries},
-                       {"gone", gone_.entries},
-                       {"changed", changed_.entries}},
-                      2);
+            tool::printJson({{"counts",
+                              {{"added", added_.count},
+                               {"gone", gone_.count},
+                               {"changed", changed_.count},
+                               {"same", same_}}},
+                             {"added", added_.entries},
+                             {"gone", gone_.entries},
+                             {"changed", changed_.entries}},
+                            2);
         } else {
             printf("%s added, %s gone, %s changed, %s the same\n", humanCount(added_.count).c_str(),
                    humanCount(gone_.count).c_str(), humanCount(changed_.count).c_str(),

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <cstring>
 
 #include "platform/status.h"
+#include "tools/tool_files.h"
 #include "tools/tool_text.h"
 
 namespace cache {
@@ -149,7 +151,7 @@ FileReport inspect(const std::string& path) {
     report.path = path;
     report.name = tool::printable(path);
     // Not to wait for whoever may write into a pipe.
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0) {
         report.trouble = strerror(errno);
     } else if (readHeader(file.get(), report) && readRecords(file.get(), report)) {
@@ -176,11 +178,6 @@ nlohmann::ordered_json damageJson(const FileReport& file) {
     for (const Damage& damage : file.damage)
         list.push_back({{"kind", damage.kind}, {"offset", damage.offset}, {"text", damage.text}});
     return list;
-}
-
-void printJson(const nlohmann::ordered_json& json, int indent) {
-    using Json = nlohmann::ordered_json;
-    printf("%s\n", json.dump(indent, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
 }  // namespace cache

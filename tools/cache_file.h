@@ -2,8 +2,6 @@
 #ifndef TOOLS_CACHE_FILE_H
 #define TOOLS_CACHE_FILE_H
 
-#include <unistd.h>
-
 #include <array>
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -18,21 +16,6 @@ inline constexpr char kProgram[] = "kspool-cache";
 
 /// A record: 32 bytes of fingerprint, its type, a value of 64 bits.
 inline constexpr size_t kRecordSize = 41;
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 struct Damage {
     const char* kind;  ///< header, checksum, type, types, partial
@@ -65,9 +48,6 @@ FileReport inspectAloud(const std::string& path);
 int loadability(const FileReport& file);
 
 nlohmann::ordered_json damageJson(const FileReport& file);
-
-/// Writes it as one line (indent -1) or many. Names of files need not be UTF-8.
-void printJson(const nlohmann::ordered_json& json, int indent);
 
 }  // namespace cache
 

@@ -10,6 +10,7 @@
 #include "tools/cache_commands.h"
 #include "tools/cache_contents.h"
 #include "tools/cache_file.h"
+#include "tools/tool_json.h"
 #include "tools/tool_text.h"
 
 namespace cache {
@@ -212,21 +213,21 @@ ordered_json histogramJson(const char* counted, const Histogram& histogram) {
 }
 
 void printShapeJson(const Shape& shape) {
-    printJson({{"file", shape.name},
-               {"entries", shape.entries},
-               {"trees", shape.trees},
-               {"roots", shape.roots},
-               {"bits", shape.bits},
-               {"bitsToUse", shape.bitsToUse},
-               {"pageBytes", shape.cacheSize},
-               {"averageDepth", shape.depths.average()},
-               {"greatestDepth", shape.depths.greatest()},
-               {"greatestLoad", shape.loads.greatest()},
-               {"tooFewBits", shape.tooFewBits()},
-               {"unspreadDigests", shape.unspread()},
-               {"depths", histogramJson("entries", shape.depths)},
-               {"loads", histogramJson("roots", shape.loads)}},
-              2);
+    tool::printJson({{"file", shape.name},
+                     {"entries", shape.entries},
+                     {"trees", shape.trees},
+                     {"roots", shape.roots},
+                     {"bits", shape.bits},
+                     {"bitsToUse", shape.bitsToUse},
+                     {"pageBytes", shape.cacheSize},
+                     {"averageDepth", shape.depths.average()},
+                     {"greatestDepth", shape.depths.greatest()},
+                     {"greatestLoad", shape.loads.greatest()},
+                     {"tooFewBits", shape.tooFewBits()},
+                     {"unspreadDigests", shape.unspread()},
+                     {"depths", histogramJson("entries", shape.depths)},
+                     {"loads", histogramJson("roots", shape.loads)}},
+                    2);
 }
 
 }  // namespace

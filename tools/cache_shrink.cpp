@@ -14,6 +14,8 @@
 #include "tools/cache_commands.h"
 #include "tools/cache_contents.h"
 #include "tools/cache_file.h"
+#include "tools/tool_files.h"
+#include "tools/tool_json.h"
 #include "tools/tool_text.h"
 
 namespace cache {
@@ -94,7 +96,7 @@ class Replacement {
     std::string target_;
     Access access_;
     std::string path_;
-    Descriptor file_;
+    tool::Descriptor file_;
     bool placed_ = false;
 };
 
@@ -150,17 +152,17 @@ void save(const KSCache* cache, const Plan& plan, const std::string& out) {
 void print(const Options& options, const FileReport& file, const Plan& plan) {
     const std::string out = tool::printable(options.out);
     if (options.json) {
-        printJson({{"file", file.name},
-                   {"output", out},
-                   {"saved", plan.kept > 0},
-                   {"limit", options.limit},
-                   {"entries", plan.entries},
-                   {"dropped", plan.entries - plan.kept},
-                   {"kept", plan.kept},
-                   {"pageSlots", plan.pageSlots},
-                   {"pages", plan.pages()},
-                   {"pageBytes", plan.bytes()}},
-                  2);
+        tool::printJson({{"file", file.name},
+                         {"output", out},
+                         {"saved", plan.kept > 0},
+                         {"limit", options.limit},
+                         {"entries", plan.entries},
+                         {"dropped", plan.entries - plan.kept},
+                         {"kept", plan.kept},
+                         {"pageSlots", plan.pageSlots},
+                         {"pages", plan.pages()},
+                         {"pageBytes", plan.bytes()}},
+                        2);
         return;
     }
     if (plan.kept == 0) {

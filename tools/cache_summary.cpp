@@ -6,6 +6,7 @@
 #include "tools/cache_commands.h"
 #include "tools/cache_contents.h"
 #include "tools/cache_file.h"
+#include "tools/tool_json.h"
 #include "tools/tool_text.h"
 
 namespace cache {
@@ -78,7 +79,7 @@ void printStatJson(const FileReport& file) {
         types.push_back(
             {{"type", type}, {"name", typeName(type)}, {"records", file.recordsOfType[type]}});
     }
-    printJson(
+    tool::printJson(
         {{"file", file.name},
          {"size", file.size},
          {"header",
@@ -134,7 +135,7 @@ int verify(const Options& options) {
             printf("%s: %s\n", file.name.c_str(), verdict.state);
         }
     }
-    if (options.json) printJson(list, 2);
+    if (options.json) tool::printJson(list, 2);
     return code;
 }
 

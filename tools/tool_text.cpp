@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <cwchar>
 #include <cwctype>
 
@@ -11,6 +12,18 @@ namespace {
 std::string formatted(const char* format, double number, const char* unit) {
     std::array<char, 64> text{};
     snprintf(text.data(), text.size(), format, number, unit);
+    return text.data();
+}
+
+/// A year that no calendar has leaves the number.
+std::string calendarTime(int64_t seconds, const char* format) {
+    const std::time_t time = seconds;
+    std::tm parts{};
+    std::array<char, 64> text{};
+    if (localtime_r(&time, &parts) == nullptr ||
+        std::strftime(text.data(), text.size(), format, &parts) == 0) {
+        return std::to_string(seconds);
+    }
     return text.data();
 }
 
@@ -45,6 +58,17 @@ std::string humanSeconds(double seconds) {
     if (seconds < 1e-3) return formatted("%.1f %s", seconds * 1e6, "us");
     if (seconds < 1) return formatted("%.1f %s", seconds * 1e3, "ms");
     return formatted("%.2f %s", seconds, "s");
+}
+
+std::string localTime(int64_t seconds) {
+    return calendarTime(seconds, "%Y-%m-%d %H:%M:%S");
+}
+
+std::string isoTime(int64_t seconds) {
+    std::string text = calendarTime(seconds, "%Y-%m-%dT%H:%M:%S%z");
+    // strftime() gives the zone as +0100, which ISO 8601 has not beside a time with colons.
+    if (text.find('T') != std::string::npos) text.insert(text.size() - 2, ":");
+    return text;
 }
 
 std::string printable(const std::string& name) {

@@ -15,6 +15,10 @@ enum ExitCode {
     kExitUsage = 2,    ///< bad options or arguments
     kExitPartial = 3,  ///< done, but something was left out and reported
 
+    kExitNothing = 10,     ///< what was asked for is not there
+    kExitPermission = 12,  ///< the server denied it
+    kExitNetwork = 13,     ///< no answer from the server
+
     kExitNo = 1,       ///< the answer is no: damaged, different
     kExitTrouble = 2,  ///< no answer, bad options included
 };
@@ -30,6 +34,10 @@ std::string humanCount(uint64_t count);
 
 /// "850 ns", "12.3 ms", "4.5 s".
 std::string humanSeconds(double seconds);
+
+/// Seconds since 1970 as local time: "2026-01-31 23:59:59", and "2026-01-31T23:59:59+01:00".
+std::string localTime(int64_t seconds);
+std::string isoTime(int64_t seconds);
 
 /// A name as a terminal may show it: bytes that the locale cannot print, and backslashes, as \xHH.
 std::string printable(const std::string& name);

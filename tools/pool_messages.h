@@ -1,0 +1,37 @@
+// What the library says while the program works.
+#ifndef TOOLS_POOL_MESSAGES_H
+#define TOOLS_POOL_MESSAGES_H
+
+#include <cstdint>
+#include <string>
+
+namespace pool {
+
+inline constexpr char kProgram[] = "kspool-mb";
+
+/// Takes the library's messages as long as it lives: shows them on stderr, traces included, or
+/// swallows them. Either way it remembers which event the server reported last.
+class Messages {
+  public:
+    explicit Messages(bool shown);
+    ~Messages();
+    Messages(const Messages&) = delete;
+    Messages& operator=(const Messages&) = delete;
+
+    /// Forgets the event and its description: before a request.
+    void forget();
+    void noteEvent(uint32_t code) { event_ = code; }
+    uint32_t event() const { return event_; }  ///< 0: none was heard of
+    /// What the server said, as a terminal may show it; empty when it said nothing.
+    std::string description() const;
+
+  private:
+    static void hear(uint32_t level, uint32_t status, const char* text, void* self) noexcept;
+
+    bool shown_;
+    uint32_t event_ = 0;
+};
+
+}  // namespace pool
+
+#endif
