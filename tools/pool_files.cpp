@@ -37,9 +37,8 @@ int forEachPath(const Options& options,
 int fromTo(const Options& options, const std::function<uint32_t(MBSession*)>& call) {
     Session session(options.session);
     if (const int code = session.code()) return code;
-    std::string subject = printable(options.source);
-    subject.append(" to ").append(printable(options.destination));
-    return session.attempt(subject, call);
+    return session.attempt(printable(options.source) + " to " + printable(options.destination),
+                           call);
 }
 
 }  // namespace
@@ -61,7 +60,7 @@ int list(const Options& options) {
         parseListing(length > 0 ? std::string_view(text.get(), length - 1) : "");
     (options.json ? printListingJson : printListing)(listing);
     for (const std::string& problem : listing.problems) {
-        tool::complain(kProgram, name + ": " + problem);
+        Session::complain(name, problem);
         code = tool::kExitFailed;
     }
     return code;

@@ -144,11 +144,15 @@ int Session::enableRetries(const SessionOptions& options) {
     return tool::kExitOk;
 }
 
+void Session::complain(const std::string& subject, const std::string& text) {
+    tool::complain(kProgram, subject.empty() ? text : subject + ": " + text);
+}
+
 int Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call) {
     messages_.forget();
     const uint32_t status = call(session_.get());
     if (status == CR_STATUS_OK) return tool::kExitOk;
-    tool::complain(kProgram, (subject.empty() ? "" : subject + ": ") + explain(status));
+    complain(subject, explain(status));
     return exitCode(status, messages_.event());
 }
 

@@ -32,8 +32,10 @@ class Session {
 
     const std::string& server() const { return server_; }  ///< as a terminal may show it
 
-    /// Makes one call of the library. Complains about its failure, which concerns `subject` (may be
-    /// empty), and returns the exit code.
+    /// One line on stderr about `subject`, which may be empty.
+    static void complain(const std::string& subject, const std::string& text);
+
+    /// Makes one call of the library. Complains about its failure and returns the exit code.
     int attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
 
     /// The keep-alive, which returns the server's event where other calls return a status.

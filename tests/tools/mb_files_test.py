@@ -139,7 +139,7 @@ def check_secrets(top, config, password):
     variables = {"KSPOOL_LOGIN": "agent", "KSPOOL_PASSWORD": word, "KSPOOL_AGENT_CONFIG": config}
     run(*ls, env=variables)
     run(*ls, "--login", "nobody", code=12, says=["login nobody)"], env=variables)
-    run(*ls, "--password-file", f"{top}/file7", code=12, env=variables)
+    run(*ls, "--password-file", password, env={**variables, "KSPOOL_PASSWORD": CANARY})
     run("ls", "/", "--config", config, code=12, says=["no login, no password", "--password-file"])
     for command in (ls, ("ping",), ("ls", "-R", "/none"), ("mkdir", "/"), ("time",)):
         for secret in (word, CANARY):
