@@ -1,0 +1,40 @@
+// The actions of the wire protocol: one row each.
+#ifndef SANDBOX_SANDBOX_ACTIONS_H
+#define SANDBOX_SANDBOX_ACTIONS_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "sandbox/sandbox_names.h"
+#include "sandbox/sandbox_request.h"
+
+namespace sandbox {
+
+/// What handlers work on. They return the answer's text or throw Event.
+struct Context {
+    NameSpace& names;
+    int64_t now;
+};
+
+constexpr size_t kMostParameters = 8;
+
+struct Action {
+    const char* name;
+    const char* service;
+    const char* permission;  ///< NULL: any login
+    /// In one transaction, and its answer is kept for when the request comes again.
+    bool changes;
+    /// The name under which the handler has the request's body, when the parameters are in the URL;
+    /// NULL: the body is the parameters.
+    const char* bodyText;
+    std::array<Parameter, kMostParameters> parameters;  ///< those that have a name
+    std::string (*handle)(Context&, const Parameters&);
+};
+
+/// NULL when the service has no such action.
+const Action* findAction(const std::string& service, const std::string& name);
+
+}  // namespace sandbox
+
+#endif

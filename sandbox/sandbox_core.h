@@ -1,0 +1,78 @@
+// The server without HTTP: requests in, answers out. One thread at a time.
+#ifndef SANDBOX_SANDBOX_CORE_H
+#define SANDBOX_SANDBOX_CORE_H
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "sandbox/sandbox.h"
+#include "sandbox/sandbox_accounts.h"
+#include "sandbox/sandbox_actions.h"
+#include "sandbox/sandbox_database.h"
+#include "sandbox/sandbox_event.h"
+#include "sandbox/sandbox_names.h"
+#include "sandbox/sandbox_request.h"
+
+namespace sandbox {
+
+/// A line of the request log.
+struct LogEntry {
+    std::string id;
+    std::string service;
+    std::string action;
+    std::string login;
+    std::string fault;
+    Pairs parameters;
+    unsigned status = 0;  ///< 0: no answer
+    bool replayed = false;
+};
+
+/// A problem document. A member that is null is left out.
+Answer problem(unsigned status, const nlohmann::ordered_json& members);
+
+class Core {
+  public:
+    /// Throws std::exception.
+    explicit Core(const Settings& settings);
+
+    /// Carries a request under /ws/ out, and notes in `log` what it was. Throws nothing.
+    Answer answer(const Request& request, LogEntry& log) noexcept;
+    /// Fills in what can be told of a request that is not carried out.
+    static void describe(const Request& request, LogEntry& log) noexcept;
+
+    void setServerAddress(const std::string& address) { serverAddress_ = address; }
+    void setClock(std::optional<int64_t> fixed) { fixedClock_ = fixed; }
+    std::optional<int64_t> fixedClock() const { return fixedClock_; }
+    int64_t now() const;
+    /// The entries of {path, size, mtime} objects. Throws Event or an exception.
+    void place(const nlohmann::json& files);
+    /// Takes names, sizes and times of a real folder; returns how many had to be left out.
+    uint64_t placeFolder(const std::string& folder);
+    /// Names, remembered answers and the clock, as new.
+    void reset();
+    /// The members that say who reports an event.
+    nlohmann::ordered_json reporter() const;
+
+  private:
+    Answer eventAnswer(const Event& event) const;
+    Answer carryOut(const Request& request, LogEntry& log);
+    Answer change(const Request& request, const Action& action, const Parameters& parameters,
+                  LogEntry& log);
+    std::optional<Answer> remembered(const Request& request, const std::string& digest);
+    void remember(const Request& request, const std::string& digest, const Answer& answer);
+
+    Database database_;
+    NameSpace names_;
+    Accounts accounts_;
+    uint32_t architectureMode_;
+    std::string serverAddress_;
+    std::optional<int64_t> fixedClock_;
+};
+
+}  // namespace sandbox
+
+#endif
