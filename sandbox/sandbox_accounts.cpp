@@ -161,7 +161,8 @@ void Accounts::addFile(const std::string& file) {
 }
 
 void Accounts::addText(const std::string& text) {
-    for (const Json& account : Json::parse(text).at("accounts"))
+    const Json file = Json::parse(text);
+    for (const Json& account : file.at("accounts"))
         entries_.push_back(entryOf(account));
 }
 

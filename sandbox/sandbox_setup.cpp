@@ -146,7 +146,7 @@ class NewFolder {
 
 std::string absoluteFolder(const std::string& folder) {
     if (folder.empty()) fail("an empty path names no folder");
-    std::string path = fs::weakly_canonical(folder).string();
+    std::string path = fs::weakly_canonical(fs::absolute(folder)).string();
     while (path.size() > 1 && path.ends_with('/'))
         path.pop_back();
     for (const char c : path) {
