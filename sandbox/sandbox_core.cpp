@@ -54,6 +54,12 @@ void checkMediaType(const Request& request, const char* type) {
         throw Event{kBadRequest, std::string("Content-Type is not ") + type};
 }
 
+/// For a description: what a client sent, but not all of it.
+std::string quoted(const std::string& text) {
+    constexpr size_t kLongest = 100;
+    return "'" + (text.size() > kLongest ? text.substr(0, kLongest) + "..." : text) + "'";
+}
+
 /// A request with a query has its parameters there, and a text as its body.
 Pairs pairsOf(const Request& request) {
     return decodePairs(request.query.empty() ? request.body : request.query);
@@ -65,7 +71,7 @@ const Action& actionOf(const Request& request, const Pairs& pairs) {
     const Action* action = findAction(request.service, pairs[0].second);
     if (action == nullptr) {
         throw Event{kBadRequest,
-                    "unknown action '" + pairs[0].second + "' of service " + request.service};
+                    "unknown action " + quoted(pairs[0].second) + " of service " + request.service};
     }
     if (request.query.empty() != (action->bodyText == nullptr)) {
         throw Event{kBadRequest, std::string("the parameters of ") + action->name +
@@ -87,12 +93,12 @@ Parameters parametersOf(const Action& action, const Pairs& pairs, const Request&
             [&](const Parameter& one) { return one.name != nullptr && pair->first == one.name; });
         if (row == action.parameters.end()) {
             throw Event{kBadRequest,
-                        std::string(action.name) + " has no parameter '" + pair->first + "'"};
+                        std::string(action.name) + " has no parameter " + quoted(pair->first)};
         }
         const bool again = std::any_of(pairs.begin() + 1, pair, [&](const auto& earlier) {
             return earlier.first == pair->first;
         });
-        if (again) throw Event{kBadRequest, "parameter '" + pair->first + "' is there twice"};
+        if (again) throw Event{kBadRequest, "parameter " + quoted(pair->first) + " is there twice"};
         checkValue(*row, pair->second);
         parameters.set(pair->first, pair->second);
     }
@@ -160,7 +166,7 @@ Answer Core::eventAnswer(const Event& event) const {
     return answer;
 }
 
-Answer Core::answer(const Request& request, LogEntry& log) noexcept {
+Answer Core::answer(const Request& request, LogEntry& log) {
     try {
         return carryOut(request, log);
     } catch (const Event& event) {
@@ -170,7 +176,7 @@ Answer Core::answer(const Request& request, LogEntry& log) noexcept {
     }
 }
 
-void Core::describe(const Request& request, LogEntry& log) noexcept {
+void Core::describe(const Request& request, LogEntry& log) {
     log.id = request.id;
     log.service = request.service;
     try {

@@ -39,10 +39,10 @@ class Core {
     /// Throws std::exception.
     explicit Core(const Settings& settings);
 
-    /// Carries a request under /ws/ out, and notes in `log` what it was. Throws nothing.
-    Answer answer(const Request& request, LogEntry& log) noexcept;
+    /// Carries a request under /ws/ out, and notes in `log` what it was.
+    Answer answer(const Request& request, LogEntry& log);
     /// Fills in what can be told of a request that is not carried out.
-    static void describe(const Request& request, LogEntry& log) noexcept;
+    static void describe(const Request& request, LogEntry& log);
 
     void setServerAddress(const std::string& address) { serverAddress_ = address; }
     void setClock(std::optional<int64_t> fixed) { fixedClock_ = fixed; }

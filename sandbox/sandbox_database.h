@@ -100,7 +100,9 @@ class Database {
 /// Undone when it is destroyed without commit().
 class Transaction {
   public:
-    explicit Transaction(Database& database) : database_(database) { database_.run("BEGIN"); }
+    explicit Transaction(Database& database) : database_(database) {
+        database_.run("BEGIN IMMEDIATE");
+    }
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
     ~Transaction();

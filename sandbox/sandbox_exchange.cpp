@@ -146,7 +146,7 @@ MHD_Result continueExchange(void* closure, MHD_Connection* connection, const cha
             return MHD_YES;
         }
         return finish(service, *exchange, connection);
-    } catch (const std::exception&) {
+    } catch (...) {
         return MHD_NO;
     }
 }

@@ -9,6 +9,7 @@ namespace sandbox {
 namespace {
 
 constexpr size_t kLongestName = 255;
+constexpr size_t kLongestPath = 65'535;
 
 [[noreturn]] void refuse(const std::string& why) {
     throw Event{kBadPath, "path not valid: " + why};
@@ -60,6 +61,7 @@ void checkName(std::string_view name) {
 }  // namespace
 
 std::string normalPath(std::string_view text) {
+    if (text.size() > kLongestPath) refuse("it is longer than 65535 bytes");
     if (!text.starts_with('/')) refuse("it does not start with '/'");
     std::string path;
     while (!text.empty()) {
