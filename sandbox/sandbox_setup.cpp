@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
+#include "platform/ini.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/sandbox_accounts.h"
 #include "sandbox/sandbox_certificates.h"
@@ -28,29 +28,32 @@ constexpr char kRoutes[] = "routes";
 
 enum class Value { kText, kUrl, kFolder, kKeys };
 
+/// An entry by the offsets of its names, as whoever reads the file addresses it.
 struct ConfigurationRow {
-    const char* section;
-    const char* entry;
+    int section;
+    int entry;
     Value kind;
     const char* value;  ///< a folder is below the setup's
     const char* comment;
+
+    const char* sectionName() const { return _qlx_config_section_string_table_ + section; }
+    const char* entryName() const { return _qlx_config_entry_string_table_ + entry; }
 };
 
 // Rows of a section stand together.
 constexpr ConfigurationRow kConfigurationRows[] = {
-    {"provider", "vendor", Value::kText, "Norvale", "Who provides the pool."},
-    {"provider", "label", Value::kText, "kspool sandbox", "A name for people."},
-    {"spaserver", "url", Value::kUrl, nullptr, "The SPA server. The sandbox is both servers."},
-    {"metabase", "url", Value::kUrl, nullptr,
+    {171, 977, Value::kText, "Norvale", "Who provides the pool."},
+    {171, 763, Value::kText, "kspool sandbox", "A name for people."},
+    {206, 1322, Value::kUrl, nullptr, "The SPA server. The sandbox is both servers."},
+    {144, 1322, Value::kUrl, nullptr,
      "The Metabase. kspool-sandbox serve takes port and path from here."},
-    {"pool", "pool-id", Value::kText, "1", "The number of the pool."},
-    {"pool", "agent-id", Value::kText, "1", "The number of this agent in the pool."},
-    {"pool", "reconnect-timeout", Value::kText, "0",
+    {139, 1080, Value::kText, "1", "The number of the pool."},
+    {139, 7, Value::kText, "1", "The number of this agent in the pool."},
+    {139, 3072, Value::kText, "0",
      "Seconds to go on trying when a server does not answer; 0: not at all."},
-    {"fingerprints", "type", Value::kText, "3", "Type of fingerprints; 3 has 32 bytes."},
-    {"paths", "route-tables", Value::kFolder, kRoutes, "Folder for route tables."},
-    {"paths", "ssl-key", Value::kKeys, kClientKeys,
-     "Folder with ca.pem, cert.pem and key.pem for TLS."},
+    {9, 1487, Value::kText, "3", "Type of fingerprints; 3 has 32 bytes."},
+    {165, 905, Value::kFolder, kRoutes, "Folder for route tables."},
+    {165, 1503, Value::kKeys, kClientKeys, "Folder with ca.pem, cert.pem and key.pem for TLS."},
 };
 constexpr const ConfigurationRow& kUrlRow = kConfigurationRows[3];
 
@@ -63,39 +66,27 @@ std::string configurationText(const std::string& url, const std::string& folder,
     std::string section;
     for (const ConfigurationRow& row : kConfigurationRows) {
         if (row.kind == Value::kKeys && !tls) continue;
-        if (section != row.section) {
-            section = row.section;
+        if (section != row.sectionName()) {
+            section = row.sectionName();
             text.append("\n[").append(section).append("]\n");
         }
         const std::string value = row.kind == Value::kUrl    ? url
                                   : row.kind == Value::kText ? row.value
                                                              : folder + "/" + row.value;
         text.append("# ").append(row.comment).append("\n");
-        text.append(row.entry).append(" = ").append(value).append("\n");
+        text.append(row.entryName()).append(" = ").append(value).append("\n");
     }
     return text;
 }
 
-/// The value of an entry in a file as it is written here.
+/// The value of an entry, which must be there.
 std::string configurationValue(const std::string& file, const ConfigurationRow& wanted) {
-    std::ifstream stream(file);
-    if (!stream) fail(file + ": " + strerror(errno));
-    const auto trimmed = [](const std::string& text) {
-        const size_t first = text.find_first_not_of(" \t\r");
-        const size_t last = text.find_last_not_of(" \t\r");
-        return first == std::string::npos ? std::string() : text.substr(first, last - first + 1);
-    };
-    std::string section;
-    for (std::string line; std::getline(stream, line);) {
-        line = trimmed(line);
-        if (line.starts_with('[')) section = line;
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos || section != std::string("[") + wanted.section + "]")
-            continue;
-        if (trimmed(line.substr(0, equals)) == wanted.entry)
-            return trimmed(line.substr(equals + 1));
-    }
-    fail(file + ": no " + wanted.entry + " in section " + wanted.section);
+    if (access(file.c_str(), R_OK) != 0) fail(file + ": " + strerror(errno));
+    char value[1024];
+    const int length = InifileGetValueA(wanted.sectionName(), wanted.entryName(), value,
+                                        sizeof value - 1, nullptr, file.c_str());
+    if (length > 0) return value;
+    fail(file + ": no " + wanted.entryName() + " in section " + wanted.sectionName());
 }
 
 /// A file that only its owner may read.

@@ -324,6 +324,11 @@ uint32_t exchange(WSTransport& transport, const Request& request, Text& text) {
     prepare(transport, request, headers.get());
     const uint32_t status = Call(transport).run(text);
     curl_easy_setopt(transport.curl.get(), CURLOPT_HTTPHEADER, nullptr);
+    // libcurl counts how often it repeated a request over the life of its handle and does so five
+    // times only; being set up anew it forgets. It repeats on a new connection.
+    long connects = 0;
+    curl_easy_getinfo(transport.curl.get(), CURLINFO_NUM_CONNECTS, &connects);
+    if (connects > 0) transport.configured = false;
     transport.lastUse = time(nullptr);
     return status;
 }

@@ -1,0 +1,291 @@
+// Whole sessions: the library, the transport and a server in the same process, over http and TLS.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+
+#include "cr_status.h"
+#include "mb.h"
+#include "mb/mb_int.h"
+#include "platform/support.h"
+#include "platform/ws.h"
+#include "sandbox/sandbox.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+#ifdef __SANITIZE_ADDRESS__  // freed memory stays resident for a while
+constexpr uint64_t kMostGrowth = 256 << 20;
+#else
+constexpr uint64_t kMostGrowth = 16 << 20;
+#endif
+
+/// It must be found nowhere. The characters make its encodings differ.
+constexpr char kCanary[] = "c4n4ry/+?&= w0rd";
+const std::map<std::string, std::string> kCanaryForms = {
+    {"plain", kCanary},
+    {"base64", "YzRuNHJ5Lys/Jj0gdzByZA"},
+    {"base64 with login", "Y2FuYXJ5OmM0bjRyeS8rPyY9IHcwcm"},
+    {"URL-encoded", "c4n4ry%2F%2B%3F%26%3D%20w0rd"},
+    {"hexadecimal", "63346e3472792f2b3f263d2077307264"}};
+
+std::string canaryIn(const std::string& text) {
+    for (const auto& [form, canary] : kCanaryForms) {
+        if (text.find(canary) != std::string::npos) return form;
+    }
+    return {};
+}
+
+/// All that was said in this program, with traces, and a folder for all that was written.
+class Witness : public testing::Environment {
+  public:
+    void SetUp() override {
+        char name[] = "/tmp/kspool-session-XXXXXX";
+        folder = mkdtemp(name);
+        qlxSetSink([](uint32_t, uint32_t, const char* text,
+                      void* all) { static_cast<std::string*>(all)->append(text).append("\n"); },
+                   &said);
+        *__qlxlog_trace_location() = 1;
+    }
+    void TearDown() override {
+        qlxSetSink(nullptr, nullptr);
+        char message[4096];
+        qlxGetFatalError(nullptr, 0, message, sizeof message);
+        EXPECT_NE(said.find("MB Response"), std::string::npos);
+        EXPECT_EQ(canaryIn(said + message), "") << "in a message";
+        size_t files = 0;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+            if (!entry.is_regular_file()) continue;
+            ++files;
+            std::ifstream stream(entry.path(), std::ios::binary);
+            const std::string text((std::istreambuf_iterator<char>(stream)), {});
+            EXPECT_EQ(canaryIn(text), "") << "in " << entry.path();
+        }
+        EXPECT_GE(files, 3U);
+        std::filesystem::remove_all(folder);
+    }
+    std::string folder;
+    std::string said;
+};
+auto* const witness =
+    static_cast<Witness*>(testing::AddGlobalTestEnvironment(new Witness));  // gtest owns it
+
+/// A pool with its folder, its server and a way to open sessions.
+class Pool {
+  public:
+    explicit Pool(bool tls) : folder_(witness->folder + (tls ? "/tls" : "/http")) {
+        std::filesystem::remove_all(folder_);
+        std::string error;
+        EXPECT_TRUE(sandbox::setUp(
+            {folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls}, error))
+            << error;
+        EXPECT_TRUE(sandbox::readSetup(folder_, settings, error)) << error;
+        settings.port = 0;
+        settings.accounts = {{"canary", kCanary, {"read", "write", "delete"}},
+                             {"reader", "r", {"read"}}};
+        server = sandbox::Server::start(settings, error);
+        EXPECT_NE(server, nullptr) << error;
+        server->admin("POST", "clock", "1700000000");
+    }
+
+    MBSession* open(const char* login = "canary", const char* password = kCanary,
+                    std::string config = {}) const {
+        if (config.empty()) config = folder_ + "/agent.cfg";
+        MBSession* session =
+            MBInitWithAgentCfg(server->url().c_str(), 0, login, password, config.c_str());
+        EXPECT_NE(session, nullptr);
+        WSSetOptVa(session->transport, uint32_t{WS_OPT_RESPONSE_TIMEOUT}, int64_t{2}, uint32_t{0});
+        return session;
+    }
+
+    sandbox::Settings settings;
+    std::unique_ptr<sandbox::Server> server;
+
+  private:
+    std::string folder_;
+};
+
+class Sessions : public testing::TestWithParam<bool> {
+  public:
+    Sessions() : pool_(GetParam()), session_(pool_.open()) {}
+    ~Sessions() override { MBShutdown(session_); }
+
+  protected:
+    std::string listing(const char* path, uint32_t recursive) {
+        char* text = nullptr;
+        size_t length = 0;
+        EXPECT_EQ(MBDirList(session_, path, &text, &length, recursive), 0U);
+        const std::string copy = text == nullptr ? "" : text;
+        EXPECT_EQ(length, text == nullptr ? 0 : copy.size() + 1);
+        free(text);
+        return copy;
+    }
+
+    void order(const std::string& fault) {
+        const std::string answer = pool_.server->admin("POST", "faults", "[{" + fault + "}]");
+        EXPECT_EQ(answer.find("\"error\""), std::string::npos) << answer;
+    }
+
+    Pool pool_;
+    MBSession* session_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Over, Sessions, testing::Bool(),
+                         [](const auto& given) { return given.param ? "tls" : "http"; });
+
+TEST_P(Sessions, DoTheirWork) {
+    pool_.server->admin("POST", "tree", R"([{"path":"/in/x","size":5,"mtime":7}])");
+    const struct {
+        const char* what;
+        uint32_t status, expected;
+    } table[] = {
+        {"mkdir", MBDirCreate(session_, "/a"), 0},
+        {"mkdir below", MBDirCreate(session_, "/a/b c%"), 0},
+        {"mkdir again", MBDirCreate(session_, "/a"), CR_STATUS_REMOTE_ERROR},
+        {"copy a file", MBFileCopy(session_, "/in/x", "/a/y", 0), 0},
+        {"copy a full directory", MBFileCopy(session_, "/a", "/c", 0), CR_STATUS_REMOTE_ERROR},
+        {"copy all", MBFileCopy(session_, "/a", "/c", 2), 0},
+        {"move", MBFileMove(session_, "/a", "/d", 0), 0},
+        {"delete a full directory", MBFileDelete(session_, "/c", 0), CR_STATUS_REMOTE_ERROR},
+        {"delete all", MBFileDelete(session_, "/c", 1), 0},
+        {"delete nothing", MBFileDelete(session_, "/c", 1), CR_STATUS_REMOTE_ERROR},
+        {"keep alive", MBKeepAlive(session_, 0), 0},
+        {"keep alive later", MBKeepAlive(session_, 1000), 0},
+    };
+    for (const auto& row : table)
+        EXPECT_EQ(row.status, row.expected) << row.what;
+    EXPECT_EQ(listing("/", 1),
+              "d 0 1700000000 d\nd 0 1700000000 d/b c%\nf 5 7 d/y\n"
+              "d 0 1700000000 in\nf 5 7 in/x\n");
+    EXPECT_EQ(listing("/d/b c%", 0), "");
+    uint32_t time = 0;
+    EXPECT_EQ(MBGetTime(session_, &time), 0U);
+    EXPECT_EQ(time, 1700000000U);
+    EXPECT_EQ(WSArchMode(session_->transport), 1U);
+}
+
+TEST_P(Sessions, HaveThePermissionsOfTheirLogin) {
+    const struct {
+        const char *login, *password;
+        uint32_t reads, writes;
+    } table[] = {{"canary", kCanary, 0, 0},
+                 {"reader", "r", 0, 106},
+                 {"reader", "wrong", 106, 106},
+                 {"nobody", "r", 106, 106},
+                 {nullptr, nullptr, 106, 106}};
+    for (const auto& row : table) {
+        MBSession* session = pool_.open(row.login, row.password);
+        uint32_t time = 0;
+        EXPECT_EQ(MBGetTime(session, &time), row.reads);
+        EXPECT_EQ(MBDirCreate(session, "/a"), row.writes);
+        // A login that is given later holds with the next option that refreshes the transport.
+        EXPECT_EQ(MBAuthenticate(session, "canary", kCanary), 0U);
+        EXPECT_EQ(MBGetTime(session, &time), row.reads);
+        KSOption again{KS_OPT_WS_7, {1}};
+        EXPECT_EQ(MBOptionsSet(session, &again, 1), 0U);
+        EXPECT_EQ(MBFileDelete(session, "/a", 0), row.writes == 0 ? 0U : 4U);
+        MBShutdown(session);
+    }
+}
+
+TEST_P(Sessions, SurviveWhatAServerMayDo) {
+    constexpr uint32_t kBad = WS_STATUS_BAD_ANSWER, kCut = WS_STATUS_CUT;
+    const struct {
+        const char* fault;
+        uint32_t http, tls;
+    } table[] = {
+        {R"("kind":"delay","ms":500)", 0, 0},
+        {R"("kind":"reset")", kCut, kCut},
+        {R"("kind":"lose")", kCut, kCut},
+        {R"("kind":"cut")", kCut, kCut},
+        {R"("kind":"stall","ms":4000)", WS_STATUS_TIMED_OUT, WS_STATUS_TIMED_OUT},
+        {R"("kind":"oversize","bytes":100000000)", WS_STATUS_TOO_LARGE, WS_STATUS_TOO_LARGE},
+        {R"("kind":"garbage")", kBad, kCut},
+        {R"("kind":"nul")", kBad, kBad},
+        {R"("kind":"unbounded")", kBad, kBad},
+        {R"("kind":"type")", kBad, kBad},
+        {R"("kind":"status","code":500)", kBad, kBad},
+        {R"("kind":"redirect","location":"http://127.0.0.1:9/")", kBad, kBad},
+        {R"("kind":"event","code":77,"description":null)", 4, 4},
+        {R"("kind":"event","code":77,"description":"no Permission")", 106, 106},
+        {R"("kind":"bad-event")", kBad, kBad},
+    };
+    WSSetAnswerLimit(8 << 20);
+    uint32_t time = 0;
+    ASSERT_EQ(MBGetTime(session_, &time), 0U);
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.fault);
+        order(std::string("\"times\":9,") + row.fault);
+        const uint64_t before = OSGetRSS();
+        const auto start = Clock::now();
+        EXPECT_EQ(MBGetTime(session_, &time), GetParam() ? row.tls : row.http);
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+        EXPECT_LT(OSGetRSS(), before + kMostGrowth);
+        pool_.server->admin("DELETE", "faults");
+        EXPECT_EQ(MBGetTime(session_, &time), 0U);
+        EXPECT_EQ(time, 1700000000U);
+    }
+}
+
+// The server acts and the connection dies before its answer: the request is sent again, and the
+// server knows it.
+TEST_P(Sessions, ApplyAResentRequestOnce) {
+    for (int i = 0; i < 20; ++i) {
+        const std::string path = "/once" + std::to_string(i);
+        order(R"("kind":"lose")");
+        EXPECT_EQ(MBDirCreate(session_, path.c_str()), i == 0 ? uint32_t{WS_STATUS_CUT} : 0U) << i;
+        EXPECT_EQ(MBDirCreate(session_, path.c_str()), 4U);
+    }
+}
+
+TEST_P(Sessions, KeepOneConnection) {
+    uint32_t time = 0, failed = 0;
+    for (int i = 0; i < 10000; ++i)
+        failed += MBGetTime(session_, &time) == 0 ? 0 : 1;
+    EXPECT_EQ(failed, 0U);
+    EXPECT_NE(pool_.server->admin("GET", "requests").find("\"connections\":1,"), std::string::npos);
+}
+
+TEST(SessionTls, IsNotMadeWithoutTheRightKeys) {
+    const Pool pool(true);
+    const std::string folder = witness->folder + "/stranger";
+    std::string error;
+    ASSERT_TRUE(sandbox::setUp({folder, "https://127.0.0.1:1", true}, error)) << error;
+    // A server that nobody vouches for, a client that nobody vouches for, and no keys at all.
+    const std::string ours = witness->folder + "/tls/tls/client/", theirs = folder + "/tls/client/";
+    const struct {
+        std::string authority, pair;
+    } table[] = {{theirs, ours}, {ours, theirs}, {"", ""}};
+    for (const auto& row : table) {
+        const std::string keys = folder + "/mixed", config = folder + "/mixed.cfg";
+        std::filesystem::remove_all(keys);
+        std::filesystem::create_directory(keys);
+        if (!row.pair.empty()) {
+            std::filesystem::copy(row.authority + "ca.pem", keys);
+            std::filesystem::copy(row.pair + "cert.pem", keys);
+            std::filesystem::copy(row.pair + "key.pem", keys);
+        }
+        std::ofstream(config) << "[paths]\nssl-key = " << keys << "\n";
+        MBSession* session = pool.open("canary", kCanary, config);
+        uint32_t time = 0;
+        const uint32_t status = MBGetTime(session, &time);
+        // A server may let a stranger's handshake end before it closes.
+        EXPECT_TRUE(status == WS_STATUS_TLS || (row.pair == theirs && status == WS_STATUS_CUT))
+            << status;
+        MBShutdown(session);
+    }
+    const Pool plain(false);
+    const std::string url = "https" + plain.server->url().substr(4);
+    const KSOption option{KS_OPT_MBS_URL, {.text = url.c_str()}};
+    MBSession* session = plain.open();
+    EXPECT_EQ(MBOptionsSet(session, &option, 1), 0U);
+    EXPECT_EQ(MBKeepAlive(session, 0), WS_STATUS_TLS);
+    MBShutdown(session);
+}
+
+}  // namespace
