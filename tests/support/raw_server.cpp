@@ -19,6 +19,18 @@ bool readable(int fd, const std::atomic<bool>& stopping) {
     return false;
 }
 
+/// Where a request or an answer with a known length ends, or npos as long as its head is not there.
+size_t endOf(const std::string& message) {
+    const size_t head = message.find("\r\n\r\n");
+    if (head == std::string::npos) return head;
+    const std::string length = headerOf(message, "Content-Length");
+    return head + 4 + (length.empty() ? 0 : std::stoul(length));
+}
+
+bool isWhole(const std::string& message) {
+    return message.size() >= endOf(message);
+}
+
 }  // namespace
 
 std::string answer(const std::string& status, const std::string& type, const std::string& body) {
@@ -35,6 +47,25 @@ std::string headerOf(const std::string& request, const std::string& name) {
     if (at == std::string::npos) return {};
     const size_t start = at + name.size() + 4;
     return request.substr(start, request.find("\r\n", start) - start);
+}
+
+std::string rawExchange(uint16_t port, const std::string& request) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string answer;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        char block[4096];
+        ssize_t moved = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        while (moved > 0 && !isWhole(answer)) {
+            moved = recv(fd, block, sizeof block, 0);
+            if (moved > 0) answer.append(block, static_cast<size_t>(moved));
+        }
+    }
+    close(fd);
+    return answer;
 }
 
 RawServer::RawServer(Reply otherwise) : otherwise_(std::move(otherwise)) {
@@ -110,15 +141,11 @@ void RawServer::acceptAll() {
 
 bool RawServer::readRequest(int fd, std::string& pending, std::string& request) {
     for (;;) {
-        const size_t head = pending.find("\r\n\r\n");
-        if (head != std::string::npos) {
-            const std::string length = headerOf(pending, "Content-Length");
-            const size_t size = head + 4 + (length.empty() ? 0 : std::stoul(length));
-            if (pending.size() >= size) {
-                request = pending.substr(0, size);
-                pending.erase(0, size);
-                return true;
-            }
+        if (isWhole(pending)) {
+            const size_t size = endOf(pending);
+            request = pending.substr(0, size);
+            pending.erase(0, size);
+            return true;
         }
         char block[4096];
         if (!readable(fd, stopping_)) return false;

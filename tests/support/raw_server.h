@@ -64,6 +64,10 @@ class RawServer {
     std::thread acceptor_;
 };
 
+/// Sends a request to a server on the loopback interface and returns its answer as it stands on the
+/// wire.
+std::string rawExchange(uint16_t port, const std::string& request);
+
 /// The value of a header of a request, empty when it has none.
 std::string headerOf(const std::string& request, const std::string& name);
 
