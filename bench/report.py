@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Turns the benchmarks' JSON into docs/bench/cache.md and cache.dat. Usage: report.py FOLDER JSON...
+"""Turns the benchmarks' JSON into documents. Usage: report.py cache|session FOLDER JSON...
 
 Each figure is the median over the repetitions, in nanoseconds an operation; a ratio is a table's
 median divided by abseil's in the same run. The spread is that of the cache's own repetitions.
@@ -37,7 +37,8 @@ CARE = {  # work: title, peer
 }
 
 times = collections.defaultdict(list)
-for name in sys.argv[2:]:
+kind, folder, *names = sys.argv[1:]
+for name in names:
     with open(name, encoding="utf-8") as file:
         report = json.load(file)
     for run in report["benchmarks"]:
@@ -47,50 +48,85 @@ for name in sys.argv[2:]:
 median = {key: statistics.median(values) for key, values in times.items()}
 counts = sorted({count for work, _, count in times if work in WORKS})
 
-out = ["# The cache beside hash tables", ""]
-out += [
-    "Made by `scripts/bench`: all tables in one run, their rounds mixed, on memory that was touched",
-    "before. Nanoseconds an operation, median of the rounds; in brackets the ratio to",
-    f"{NAMES[PEER]} (below 1 is faster). Keys are random 32-byte digests, looked up in another order",
-    "than they were added in. The cache has pages of a 200th of its entries, in whole huge pages if as",
-    "large, and `bits` as KSCacheBitsFor() tells.", "",
-    "![Nanoseconds an operation by number of entries](cache.svg)", "",
-]
-for work, title in WORKS.items():
-    out += [f"## {title[0].upper()}{title[1:]}", ""]
-    out += ["| table | " + " | ".join(f"{count:,}" for count in counts) + " |"]
-    out += ["|---|" + "---:|" * len(counts)]
-    for table, name in NAMES.items():
-        cells = [
-            f"{median[work, table, n]:.1f} ({median[work, table, n] / median[work, PEER, n]:.2f})"
-            for n in counts
-        ]
-        out.append(f"| {name} | " + " | ".join(cells) + " |")
-    spread = ", ".join(
-        f"{min(times[work, 'kspool', n]):.0f} to {max(times[work, 'kspool', n]):.0f}" for n in counts
-    )
-    rounds = len(times[work, "kspool", counts[0]])
-    out += ["", f"Fastest to slowest of the {rounds} rounds of single calls: {spread} ns.", ""]
-out += ["## What keeps a cache in order", "",
-        "Nanoseconds for each entry (or byte); the ratio is kspool's time divided by the peer's.", "",
-        "| work | entries | kspool | peer | ratio |", "|---|---:|---:|---:|---:|"]
-for work, (title, *peers) in CARE.items():
-    for n in sorted({count for name, _, count in times if name == work}):
-        for peer in peers:
-            own, other = median[work, "kspool", n], median[work, peer, n]
-            entries = f"{n:,}" if n > 1 else ""
-            out.append(f"| {title} | {entries} | {own:.3g} | {peer} {other:.3g} | {own / other:.2f} |")
-out += [""]
-context = report["context"]
-out += ["## The machine", "",
-        f"A virtual machine with {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz, which",
-        "shares its caches and memory with others: trust ratios, not single figures.", ""]
-with open(os.path.join(sys.argv[1], "cache.md"), "w", encoding="utf-8") as file:
-    file.write("\n".join(out))
 
-with open(os.path.join(sys.argv[1], "cache.dat"), "w", encoding="utf-8") as file:
-    file.write("entries " + " ".join(NAMES) + "\n")
-    for work in WORKS:
-        for n in counts:
-            file.write(f"{n} " + " ".join(f"{median[work, t, n]:.1f}" for t in NAMES) + "\n")
-        file.write("\n\n")
+def write(name, lines):
+    with open(os.path.join(folder, name), "w", encoding="utf-8") as file:
+        file.write("\n".join(lines))
+
+
+def machine():
+    context = report["context"]
+    return [
+        "## The machine", "",
+        f"A virtual machine with {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz, which",
+        "shares its caches and memory with others: trust ratios, not single figures.", "",
+    ]
+
+
+def cache_report():
+    out = ["# The cache beside hash tables", ""]
+    out += [
+        "Made by `scripts/bench`: all tables in one run, their rounds mixed, on memory that was touched",
+        "before. Nanoseconds an operation, median of the rounds; in brackets the ratio to",
+        f"{NAMES[PEER]} (below 1 is faster). Keys are random 32-byte digests, looked up in another order",
+        "than they were added in. The cache has pages of a 200th of its entries, in whole huge pages if as",
+        "large, and `bits` as KSCacheBitsFor() tells.", "",
+        "![Nanoseconds an operation by number of entries](cache.svg)", "",
+    ]
+    for work, title in WORKS.items():
+        out += [f"## {title[0].upper()}{title[1:]}", ""]
+        out += ["| table | " + " | ".join(f"{count:,}" for count in counts) + " |"]
+        out += ["|---|" + "---:|" * len(counts)]
+        for table, name in NAMES.items():
+            cells = [
+                f"{median[work, table, n]:.1f} ({median[work, table, n] / median[work, PEER, n]:.2f})"
+                for n in counts
+            ]
+            out.append(f"| {name} | " + " | ".join(cells) + " |")
+        spread = ", ".join(
+            f"{min(times[work, 'kspool', n]):.0f} to {max(times[work, 'kspool', n]):.0f}" for n in counts
+        )
+        rounds = len(times[work, "kspool", counts[0]])
+        out += ["", f"Fastest to slowest of the {rounds} rounds of single calls: {spread} ns.", ""]
+    out += ["## What keeps a cache in order", "",
+            "Nanoseconds for each entry (or byte); the ratio is kspool's time divided by the peer's.", "",
+            "| work | entries | kspool | peer | ratio |", "|---|---:|---:|---:|---:|"]
+    for work, (title, *peers) in CARE.items():
+        for n in sorted({count for name, _, count in times if name == work}):
+            for peer in peers:
+                own, other = median[work, "kspool", n], median[work, peer, n]
+                entries = f"{n:,}" if n > 1 else ""
+                out.append(f"| {title} | {entries} | {own:.3g} | {peer} {other:.3g} | {own / other:.2f} |")
+    out += [""]
+    write("cache.md", out + machine())
+
+    with open(os.path.join(folder, "cache.dat"), "w", encoding="utf-8") as file:
+        file.write("entries " + " ".join(NAMES) + "\n")
+        for work in WORKS:
+            for n in counts:
+                file.write(f"{n} " + " ".join(f"{median[work, t, n]:.1f}" for t in NAMES) + "\n")
+            file.write("\n\n")
+
+
+def session_report():
+    out = [
+        "# Requests of a session beside a bare libcurl loop", "",
+        "Made by `scripts/bench session`: both in one run, their rounds mixed, against the development",
+        "server in the same process. The loop sends the same bytes with the same options and collects",
+        "the answer; the session adds a request id of its own, checks the answer and converts it. Requests",
+        "a second, median of the rounds, in brackets the slowest and the fastest round. Each round makes",
+        "one connection.", "",
+        "| | kspool | libcurl | ratio |", "|---|---:|---:|---:|",
+    ]
+    for work, title in {"http": "http", "tls": "TLS with a client certificate"}.items():
+        (n,) = {count for name, _, count in times if name == work}
+        rates = {t: [1e9 / ns for ns in times[work, t, n]] for t in ("kspool", "libcurl")}
+        cells = [
+            f"{statistics.median(r):,.0f} ({min(r):,.0f} to {max(r):,.0f})" for r in rates.values()
+        ]
+        ratio = statistics.median(rates["kspool"]) / statistics.median(rates["libcurl"])
+        out.append(f"| {title} | {' | '.join(cells)} | {ratio:.2f} |")
+    write("session.md", out + [""] + machine())
+
+
+{"cache": cache_report, "session": session_report}[kind]()

@@ -72,8 +72,8 @@ class Search {
     Search(const char* section, const char* entry, const char* file)
         : section_(section), entry_(entry), file_(file), contents_(contentsOf(file)) {}
 
-    /// The value as it stands in the file; nothing when it is missing or empty.
-    std::optional<std::string> value() {
+    /// The value as it stands in the file; empty when it is missing.
+    std::string value() {
         reports_ = notReportedYet(file_, contents_);
         std::string_view rest = contents_;
         if (rest.substr(0, 3) == "\xef\xbb\xbf") rest.remove_prefix(3);
@@ -82,8 +82,7 @@ class Search {
             line(rest.substr(0, length));
             rest.remove_prefix(std::min(rest.size(), std::max(length, length + 1)));
         }
-        if (found_.has_value() && found_->empty()) found_.reset();
-        return found_;
+        return value_;
     }
 
   private:
@@ -100,9 +99,10 @@ class Search {
         }
         const size_t equals = text.find('=');
         if (equals == std::string_view::npos) return report("is neither a section nor an entry");
-        if (!inSection_ || found_.has_value()) return;
+        if (!inSection_ || found_) return;
         if (!sameName(trimmed(text.substr(0, equals)), entry_)) return;
-        found_ = unquoted(trimmed(text.substr(equals + 1)));
+        found_ = true;
+        value_ = unquoted(trimmed(text.substr(equals + 1)));
     }
 
     void report(const char* what) const {
@@ -116,12 +116,13 @@ class Search {
     bool reports_ = false;
     bool inSection_ = false;
     size_t number_ = 0;
-    std::optional<std::string> found_;
+    bool found_ = false;
+    std::string value_;
 };
 
-std::optional<std::string> valueOf(const char* section, const char* entry, const char* file) {
+std::string valueOf(const char* section, const char* entry, const char* file) {
     const int savedErrno = errno;
-    std::optional<std::string> value;
+    std::string value;
     try {
         value = Search(section, entry, file).value();
     } catch (const std::exception& error) {
@@ -133,13 +134,12 @@ std::optional<std::string> valueOf(const char* section, const char* entry, const
 
 /// The value as a number, nothing when it does not begin with one. strtoll() saturates.
 std::optional<int64_t> numberOf(const char* section, const char* entry, const char* file) {
-    const auto text = valueOf(section, entry, file);
-    if (!text.has_value()) return {};
+    const std::string text = valueOf(section, entry, file);
     const int savedErrno = errno;
     char* end = nullptr;
-    const int64_t number = strtoll(text->c_str(), &end, 10);
+    const int64_t number = strtoll(text.c_str(), &end, 10);
     errno = savedErrno;
-    if (end == text->c_str()) return {};
+    if (end == text.c_str()) return {};
     return number;
 }
 
@@ -147,18 +147,18 @@ std::optional<int64_t> numberOf(const char* section, const char* entry, const ch
 
 int InifileGetValueA(const char* section, const char* entry, char* destination, int maxCharacters,
                      const char* defaultValue, const char* file) noexcept {
-    const auto value = valueOf(section, entry, file);
+    const std::string value = valueOf(section, entry, file);
     const size_t size = static_cast<size_t>(std::max(maxCharacters, 0)) + 1;
-    if (!value.has_value()) {
+    if (value.empty()) {
         qlxstrcpy(destination, defaultValue != nullptr ? defaultValue : "", size);
         return 0;
     }
-    qlxstrcpy(destination, value->c_str(), size);
-    if (value->size() >= size) {
+    qlxstrcpy(destination, value.c_str(), size);
+    if (value.size() >= size) {
         NoticeA(CR_STATUS_LIMIT_EXCEEDED, "%s: [%s] %s: value cut to %d characters", file, section,
                 entry, maxCharacters);
     }
-    return static_cast<int>(std::min(value->size(), size - 1));
+    return static_cast<int>(std::min(value.size(), size - 1));
 }
 
 int InifileGetPathA(const char* section, const char* entry, char* destination, int maxCharacters,

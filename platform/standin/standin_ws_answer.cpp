@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "platform/standin/standin_ws_int.h"
 
@@ -16,19 +17,23 @@ constexpr size_t kFirstCapacity = 4096;
 
 std::atomic<uint64_t> limit = uint64_t{4} << 30;
 
-/// The value of a header line if it is the named one, else NULL.
-const char* valueOf(const std::string& line, const char* name) {
-    const size_t length = strlen(name);
-    if (line.size() <= length || line[length] != ':') return nullptr;
-    if (strncasecmp(line.c_str(), name, length) != 0) return nullptr;
-    return line.c_str() + length + 1 + strspn(line.c_str() + length + 1, " \t");
+bool startsWith(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() &&
+           strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
+}
+
+/// Moves on to the value of a header line if it is the named one ("name:").
+bool takeName(std::string_view& line, std::string_view name) {
+    if (!startsWith(line, name)) return false;
+    line.remove_prefix(name.size());
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    return true;
 }
 
 /// Whether a content type is the given one, whatever parameters follow.
-bool isType(const std::string& contentType, const char* type) {
-    const size_t length = contentType.find_first_of("; \t\r\n");
-    const std::string bare = contentType.substr(0, length);
-    return strcasecmp(bare.c_str(), type) == 0;
+bool isType(std::string_view contentType, std::string_view type) {
+    const std::string_view bare = contentType.substr(0, contentType.find_first_of("; \t\r\n"));
+    return bare.size() == type.size() && startsWith(bare, type);
 }
 
 std::string textMember(const nlohmann::json& problem, const char* name) {
@@ -48,24 +53,23 @@ size_t Collector::header(const char* line, size_t length) noexcept {
         refusal_ = WS_STATUS_TOO_LARGE;
         return 0;
     }
-    try {
-        const std::string text(line, length);
-        if (strncmp(text.c_str(), "HTTP/", 5) == 0) {  // what came before was an interim answer
-            contentType_.clear();
-            endIsKnown_ = false;
-            headIsComplete_ = false;
-        } else if (text == "\r\n" || text == "\n") {
-            headIsComplete_ = true;
-        } else if (const char* type = valueOf(text, "content-type")) {
-            contentType_ = type;
-        } else if (const char* coding = valueOf(text, "transfer-encoding")) {
-            endIsKnown_ = endIsKnown_ || strncasecmp(coding, "chunked", 7) == 0;
-        } else if (const char* size = valueOf(text, "content-length")) {
-            endIsKnown_ = true;
-            if (strtoull(size, nullptr, 10) > answerLimit()) refusal_ = WS_STATUS_TOO_LARGE;
-        }
-    } catch (const std::exception&) {
-        refusal_ = CR_STATUS_NO_MEMORY;
+    std::string_view rest(line, length);
+    if (startsWith(rest, "HTTP/")) {  // what came before was an interim answer
+        content_ = Content::Other;
+        endIsKnown_ = false;
+        headIsComplete_ = false;
+    } else if (rest == "\r\n" || rest == "\n") {
+        headIsComplete_ = true;
+    } else if (takeName(rest, "content-type:")) {
+        content_ = isType(rest, "text/plain")                 ? Content::PlainText
+                   : isType(rest, "application/problem+json") ? Content::Problem
+                                                              : Content::Other;
+    } else if (takeName(rest, "transfer-encoding:")) {
+        endIsKnown_ = endIsKnown_ || startsWith(rest, "chunked");
+    } else if (takeName(rest, "content-length:")) {
+        endIsKnown_ = true;
+        // The line ends with a line end, at which the number ends too.
+        if (strtoull(rest.data(), nullptr, 10) > answerLimit()) refusal_ = WS_STATUS_TOO_LARGE;
     }
     return refusal_ == 0 ? length : 0;
 }
@@ -99,7 +103,7 @@ uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
     if (!headIsComplete_) return WS_STATUS_CUT;
     if (!endIsKnown_) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
-    if (httpStatus != 200 || !isType(contentType_, "text/plain")) return WS_STATUS_BAD_ANSWER;
+    if (httpStatus != 200 || content_ != Content::PlainText) return WS_STATUS_BAD_ANSWER;
     if (size_ == 0) return CR_STATUS_OK;
     if (memchr(text_.get(), '\0', size_) != nullptr) return WS_STATUS_BAD_ANSWER;
     text_.get()[size_] = '\0';
@@ -112,9 +116,7 @@ uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
 }
 
 uint32_t Collector::judgeProblem(Event& event) const {
-    if (!isType(contentType_, "application/problem+json") || size_ == 0) {
-        return WS_STATUS_BAD_ANSWER;
-    }
+    if (content_ != Content::Problem || size_ == 0) return WS_STATUS_BAD_ANSWER;
     const auto problem = nlohmann::json::parse(text_.get(), text_.get() + size_, nullptr,
                                                /*allow_exceptions=*/false);
     if (!problem.is_object()) return WS_STATUS_BAD_ANSWER;

@@ -91,8 +91,10 @@ class Collector {
     bool grow(size_t length) noexcept;
     uint32_t judgeProblem(Event& event) const;
 
+    enum class Content : uint8_t { Other, PlainText, Problem };
+
     size_t headerBytes_ = 0;
-    std::string contentType_;
+    Content content_ = Content::Other;
     bool headIsComplete_ = false;
     bool endIsKnown_ = false;
     uint32_t refusal_ = 0;

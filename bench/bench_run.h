@@ -1,0 +1,52 @@
+// Timing that the benchmarks have alike.
+#ifndef BENCH_RUN_H
+#define BENCH_RUN_H
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+template <typename Work>
+double secondsOf(Work work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Registers "WORK/TABLE/COUNT": `run` takes the benchmark's state and times itself.
+template <typename Run>
+void registerWork(const std::string& work, const std::string& table, size_t count, int rounds,
+                  Run run) {
+    const std::string title = work + "/" + table + "/" + std::to_string(count);
+    benchmark::RegisterBenchmark(title.c_str(), run)
+        ->Iterations(1)
+        ->Repetitions(rounds)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
+/// Makes the machine hand over the memory that a run needs, so that nobody pays for being the first
+/// to touch it.
+inline void warmMemory(size_t bytes) {
+    const std::unique_ptr<char[]> memory(new char[bytes]);
+    memset(memory.get(), 1, bytes);
+    benchmark::DoNotOptimize(memory.get());
+}
+
+/// Numbers of entries from the command line, or some of ours, once the framework took its options.
+inline std::vector<size_t> countsFrom(int argc, char** argv, const std::vector<size_t>& usual) {
+    std::vector<size_t> counts;
+    for (int i = 1; i < argc; ++i)
+        counts.push_back(std::stoul(argv[i]));
+    return counts.empty() ? usual : counts;
+}
+
+}  // namespace bench
+
+#endif
