@@ -12,8 +12,8 @@
  * 2. Statuses. Functions that return a status return 0 (CR_STATUS_OK) for success. A NULL handle
  *    gives CR_STATUS_NULL_HANDLE (44), a handle without its magic CR_STATUS_BAD_HANDLE (82); both
  *    are stored in the calling thread's status slot as well. Any other missing argument gives
- *    CR_STATUS_INVALID_PARAMETER (9) and, save and load excepted, leaves the slot alone. Handles
- * are checked first.
+ *    CR_STATUS_INVALID_PARAMETER (9) and, save and load excepted, leaves the slot alone.
+ *    Handles are checked first.
  * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function that does not
  *    say that it stores something there leaves it alone.
  * 4. Ownership. The caller owns a cache from KSCacheCreate() to KSCacheDestroy(). The cache copies
