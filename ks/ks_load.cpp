@@ -12,7 +12,7 @@ constexpr int32_t kDefaultReconnectTimeout = 300;
 constexpr uint32_t kNoFingerprintType = 255;
 
 /// How a directive's value is read, and what it has to be.
-enum class Kind : uint8_t {
+enum class Kind : uint32_t {
     Text,             ///< a text; its fallback stands silently
     Label,            ///< a text; without it the application's name
     Url,              ///< a text that should be there
@@ -30,13 +30,13 @@ struct Directive {
     uint16_t section;
     uint16_t entry;
     uint32_t flag;
-    size_t field;
     int capacity;  ///< characters of a text
+    size_t field;
     const char* fallback;
 };
 
 // clang-format off
-#define KS_FIELD(name) offsetof(KSConfig, name), static_cast<int>(sizeof(KSConfig::name)) - 1
+#define KS_FIELD(name) static_cast<int>(sizeof(KSConfig::name)) - 1, offsetof(KSConfig, name)
 
 constexpr Directive kDirectives[] = {
     {Kind::Text,            171,  977, 0,                      KS_FIELD(vendorName),       "Norvale"},
@@ -47,7 +47,7 @@ constexpr Directive kDirectives[] = {
     {Kind::Id,              139,    7, KS_CFG_AGENT_ID,        KS_FIELD(agentId),          nullptr},
     {Kind::Reconnect,       139, 3072, 0,                      KS_FIELD(reconnectTimeout), nullptr},
     {Kind::FingerprintType,   9, 1487, KS_CFG_FP_TYPE,         KS_FIELD(fingerprintType),  nullptr},
-    {Kind::RouteFolder,     165,  905, KS_CFG_ROUTE_TABLES,    0, kPathSize - 1,           nullptr},
+    {Kind::RouteFolder,     165,  905, KS_CFG_ROUTE_TABLES,    kPathSize - 1, 0,           nullptr},
     {Kind::Path,            165, 1503, KS_CFG_SSL_KEY,         KS_FIELD(sslKeyLocation),   nullptr},
 };
 

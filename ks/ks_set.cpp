@@ -26,10 +26,8 @@ TextField textField(KSConfig& config, ConfigField field) {
             return {config.applicationName, KS_CFG_APPLICATION};
         case ConfigField::SpaUrl:
             return {config.spaUrl, KS_CFG_SPA_URL};
-        case ConfigField::MbsUrl:
-            return {config.mbsUrl, KS_CFG_MBS_URL};
         default:
-            return {nullptr, 0};
+            return {config.mbsUrl, KS_CFG_MBS_URL};
     }
 }
 

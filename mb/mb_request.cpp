@@ -7,13 +7,13 @@ namespace {
 
 // clang-format off
 constexpr Operation kOperations[] = {
-    // name          service              action     requested  id  fatal error                                     failure response
-    {"MBDirCreate",  WS_SERVICE_METABASE, "mkdir",   "mkdir",   39, "Failed to complete mkdir webservice (%s)",     false, false},
-    {"MBFileCopy",   WS_SERVICE_METABASE, "copy",    "copy",    40, "Failed to complete copy webservice (%s)",      false, false},
-    {"MBFileMove",   WS_SERVICE_METABASE, "move",    "move",    41, "Failed to complete move webservice (%s)",      false, false},
-    {"MBFileDelete", WS_SERVICE_METABASE, "delete",  "delete",  42, "Failed to complete delete webservice (%s)",    false, false},
-    {"MBDirList",    WS_SERVICE_METABASE, "dir",     "dir",     43, "Failed to complete dir webservice (%s)",       false, false},
-    {"MBGetTime",    WS_SERVICE_METABASE, "gettime", "gettime", 44, "Failed to complete gettime webservice (%s)",   true,  true},
+    // name          action     requested  fatal error                                   id  service              failure response
+    {"MBDirCreate",  "mkdir",   "mkdir",   "Failed to complete mkdir webservice (%s)",   39, WS_SERVICE_METABASE, false, false},
+    {"MBFileCopy",   "copy",    "copy",    "Failed to complete copy webservice (%s)",    40, WS_SERVICE_METABASE, false, false},
+    {"MBFileMove",   "move",    "move",    "Failed to complete move webservice (%s)",    41, WS_SERVICE_METABASE, false, false},
+    {"MBFileDelete", "delete",  "delete",  "Failed to complete delete webservice (%s)",  42, WS_SERVICE_METABASE, false, false},
+    {"MBDirList",    "dir",     "dir",     "Failed to complete dir webservice (%s)",     43, WS_SERVICE_METABASE, false, false},
+    {"MBGetTime",    "gettime", "gettime", "Failed to complete gettime webservice (%s)", 44, WS_SERVICE_METABASE, true,  true},
 };
 // clang-format on
 

@@ -9,11 +9,11 @@ namespace kspool {
 /// What one operation is, apart from its parameters.
 struct Operation {
     const char* name;
-    WSService service;
     const char* action;
     const char* requestedAction;  ///< how the report of a remote error calls it
-    uint32_t fatalId;
     const char* fatalText;
+    uint32_t fatalId;
+    WSService service;
     bool tracesFailure;   ///< of the transport
     bool tracesResponse;  ///< whatever the server said
 };

@@ -24,8 +24,8 @@
 
 namespace {
 
-constexpr size_t kLongestLine = 64 * 1024;
-constexpr size_t kLargestFile = 16 * 1024 * 1024;
+constexpr size_t kLongestLine = size_t{64} << 10;
+constexpr size_t kLargestFile = size_t{16} << 20;
 
 bool sameName(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;

@@ -12,7 +12,7 @@
 namespace ws {
 namespace {
 
-constexpr size_t kMostHeaderBytes = 256 * 1024;
+constexpr size_t kMostHeaderBytes = size_t{256} << 10;
 constexpr size_t kFirstCapacity = 4096;
 
 std::atomic<uint64_t> limit = uint64_t{4} << 30;

@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr long kConnectTimeoutMs = 10'000;
-constexpr int64_t kLongestTimeout = 24 * 3600;
+constexpr int64_t kLongestTimeout = 86'400;
 constexpr milliseconds kFirstPause{100};
 constexpr milliseconds kLongestPause{5'000};
 
