@@ -53,7 +53,7 @@ Response streamResponse(Stream stream, uint64_t declared) {
     auto owned = std::make_unique<Stream>(std::move(stream));
     Response response(MHD_create_response_from_callback(declared, kBlockSize, readStream,
                                                         owned.get(), freeStream));
-    if (response != nullptr) owned.release();
+    if (response != nullptr) static_cast<void>(owned.release());
     return response;
 }
 
@@ -98,12 +98,13 @@ int descriptorOf(MHD_Connection* connection) {
 void resetConnection(MHD_Connection* connection) {
     sockaddr nowhere{};
     nowhere.sa_family = AF_UNSPEC;
-    connect(descriptorOf(connection), &nowhere, sizeof nowhere);
+    // If it cannot be done, it is closed like any other.
+    static_cast<void>(connect(descriptorOf(connection), &nowhere, sizeof nowhere));
 }
 
 void sendGarbage(MHD_Connection* connection, const Fault& fault) {
     const std::string bytes = fault.text("text", "\x01\xfe no HTTP at all \r\n\r\n");
-    send(descriptorOf(connection), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    static_cast<void>(send(descriptorOf(connection), bytes.data(), bytes.size(), MSG_NOSIGNAL));
 }
 
 }  // namespace

@@ -89,7 +89,7 @@ MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connectio
     if (fault == nullptr || fault->kind->carriedOut)
         answer = state.core.answer(exchange.request, exchange.log);
     if (fault != nullptr) {
-        answer = fault->kind->answer(*fault, state.core.reporter(), std::move(answer));
+        fault->kind->change(*fault, state.core.reporter(), answer);
         exchange.log.fault = fault->kind->name;
     }
     exchange.log.status = isAnswered(fault) ? answer.status : 0;

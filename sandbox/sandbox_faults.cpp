@@ -9,24 +9,19 @@ namespace {
 
 using Json = nlohmann::json;
 
-Answer unchanged(const Fault& /*fault*/, const Json& /*reporter*/, Answer normal) {
-    return normal;
+void unchanged(const Fault& /*fault*/, const Json& /*reporter*/, Answer& /*answer*/) {}
+
+void withNul(const Fault& /*fault*/, const Json& /*reporter*/, Answer& answer) {
+    answer.body.insert(answer.body.size() / 2, 1, '\0');
 }
 
-Answer withNul(const Fault& /*fault*/, const Json& /*reporter*/, Answer normal) {
-    normal.body.insert(normal.body.size() / 2, 1, '\0');
-    return normal;
+void withType(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
+    answer.type = fault.text("type", "text/html");
 }
 
-Answer withType(const Fault& fault, const Json& /*reporter*/, Answer normal) {
-    normal.type = fault.text("type", "text/html");
-    return normal;
-}
-
-Answer statusOnly(const Fault& fault, const Json& /*reporter*/, Answer /*normal*/) {
-    Answer answer;
+void statusOnly(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
     answer.status = static_cast<unsigned>(fault.number("code", 503));
-    answer.type = fault.text("type", "text/plain");
+    answer.type = fault.text("type", answer.type);
     answer.body = fault.text("body", "");
     const auto retryAfter = fault.members.find("retryAfter");
     if (retryAfter != fault.members.end()) {
@@ -34,39 +29,43 @@ Answer statusOnly(const Fault& fault, const Json& /*reporter*/, Answer /*normal*
                                                        ? retryAfter->get<std::string>()
                                                        : retryAfter->dump());
     }
-    return answer;
 }
 
-Answer redirect(const Fault& fault, const Json& /*reporter*/, Answer /*normal*/) {
-    Answer answer;
+void redirect(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
     answer.status = static_cast<unsigned>(fault.number("code", 302));
     answer.headers.emplace_back("Location", fault.text("location", "/"));
-    return answer;
 }
 
 /// Members of the fault replace those that an event has anyway; null takes one away.
-Answer event(const Fault& fault, const Json& reporter, Answer /*normal*/) {
-    nlohmann::ordered_json members = {
-        {"title", "Ordered"},
-        {"detail", fault.members.value("description", Json("ordered"))},
-        {"eventCode", fault.members.value("code", Json(9001))},
-        {"severity", "ERROR"}};
+void eventWithCode(const Fault& fault, const Json& reporter, const Json& code, Answer& answer) {
+    nlohmann::ordered_json members = {{"title", "Ordered"},
+                                      {"detail", "ordered"},
+                                      {"eventCode", fault.members.value("code", code)},
+                                      {"severity", "ERROR"}};
     members.update(reporter);
-    for (const char* name : {"severity", "serverAddress", "sourceApplication"}) {
-        if (fault.members.contains(name)) members[name] = fault.members[name];
+    constexpr std::pair<const char*, const char*> kMembers[] = {
+        {"description", "detail"},
+        {"severity", "severity"},
+        {"serverAddress", "serverAddress"},
+        {"sourceApplication", "sourceApplication"},
+    };
+    for (const auto& [given, member] : kMembers) {
+        if (fault.members.contains(given)) members[member] = fault.members[given];
     }
-    return problem(static_cast<unsigned>(fault.number("status", 500)), members);
+    answer = problem(static_cast<unsigned>(fault.number("status", 500)), members);
+}
+
+void event(const Fault& fault, const Json& reporter, Answer& answer) {
+    eventWithCode(fault, reporter, kServerFailed, answer);
 }
 
 /// The code goes out as it was given, whatever it is; without one there is none.
-Answer badEvent(const Fault& fault, const Json& reporter, Answer normal) {
-    Fault other = fault;
-    if (!other.members.contains("code")) other.members["code"] = nullptr;
-    return event(other, reporter, std::move(normal));
+void badEvent(const Fault& fault, const Json& reporter, Answer& answer) {
+    eventWithCode(fault, reporter, nullptr, answer);
 }
 
 constexpr FaultKind kKinds[] = {
-    // name, carried out, delivery, answer, members
+    // name, carried out, delivery, change, members
     {"delay", true, Delivery::kPlain, unchanged, "ms "},
     {"reset", false, Delivery::kReset, unchanged, ""},
     {"lose", true, Delivery::kClose, unchanged, ""},
@@ -117,7 +116,11 @@ Fault parse(const Json& json) {
     if (fault.kind == nullptr) throw std::runtime_error("unknown kind of fault '" + name + "'");
     for (const auto& [member, value] : json.items()) {
         if (!listed(kCommonMembers, member) && !listed(fault.kind->members, member))
-            throw std::runtime_error("fault " + name + " has no member '" + member + "'");
+            throw std::runtime_error(std::string("fault ")
+                                         .append(name)
+                                         .append(" has no member \'")
+                                         .append(member)
+                                         .append("\'"));
         checkMember(*fault.kind, member, value);
     }
     fault.members = json;

@@ -32,8 +32,8 @@ struct FaultKind {
     const char* name;
     bool carriedOut;  ///< the request is carried out, and its answer is what goes wrong
     Delivery delivery;
-    /// Makes the answer from that of the request, or a new one.
-    Answer (*answer)(const Fault& fault, const nlohmann::json& reporter, Answer normal);
+    /// Makes the answer another: that of the request, or an empty one.
+    void (*change)(const Fault& fault, const nlohmann::json& reporter, Answer& answer);
     const char* members;  ///< further ones, each followed by a blank
 };
 
