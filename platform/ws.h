@@ -114,7 +114,8 @@ KSPOOL_API uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSRe
 /* When the transport was last used, in seconds as time() counts them: WSInit() or a request. */
 KSPOOL_API int64_t WSGetLastUseTime(const WSTransport* transport) KSPOOL_NOEXCEPT;
 
-/* The time-outs in seconds as they were set last; without: 0 for reconnects, 30 for responses. */
+/* The time-outs in seconds: that for reconnects is 0 without one, that for responses 30 at first.
+ */
 KSPOOL_API int64_t WSGetReconnectTimeout(const WSTransport* transport) KSPOOL_NOEXCEPT;
 KSPOOL_API int64_t WSGetResponseTimeout(const WSTransport* transport) KSPOOL_NOEXCEPT;
 

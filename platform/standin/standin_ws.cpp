@@ -3,6 +3,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -72,7 +73,7 @@ void apply(Settings& settings, const WSOption& option) {
             settings.responseTimeout = option.value.number;
             break;
         default:
-            settings.reconnectTimeout = option.value.number;
+            settings.reconnectTimeout = std::max<int64_t>(option.value.number, 0);
             break;
     }
 }

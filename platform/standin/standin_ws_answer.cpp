@@ -30,9 +30,9 @@ bool takeName(std::string_view& line, std::string_view name) {
     return true;
 }
 
-/// Whether a content type is the given one, whatever parameters follow.
-bool isType(std::string_view contentType, std::string_view type) {
-    const std::string_view bare = contentType.substr(0, contentType.find_first_of("; \t\r\n"));
+/// Whether a header's value is the given one, whatever parameters follow.
+bool isType(std::string_view value, std::string_view type) {
+    const std::string_view bare = value.substr(0, value.find_first_of("; \t\r\n"));
     return bare.size() == type.size() && startsWith(bare, type);
 }
 
@@ -56,14 +56,17 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     std::string_view rest(line, length);
     if (startsWith(rest, "HTTP/")) {  // what came before was an interim answer
         content_ = Content::Other;
-        endIsKnown_ = false;
-        headIsComplete_ = false;
+        isEncoded_ = endIsKnown_ = headIsComplete_ = false;
+    } else if (headIsComplete_) {
+        return length;  // a trailer, which changes nothing
     } else if (rest == "\r\n" || rest == "\n") {
         headIsComplete_ = true;
     } else if (takeName(rest, "content-type:")) {
         content_ = isType(rest, "text/plain")                 ? Content::PlainText
                    : isType(rest, "application/problem+json") ? Content::Problem
                                                               : Content::Other;
+    } else if (takeName(rest, "content-encoding:")) {
+        isEncoded_ = !isType(rest, "identity");
     } else if (takeName(rest, "transfer-encoding:")) {
         endIsKnown_ = endIsKnown_ || startsWith(rest, "chunked");
     } else if (takeName(rest, "content-length:")) {
@@ -101,7 +104,7 @@ size_t Collector::body(const char* bytes, size_t length) noexcept {
 
 uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
     if (!headIsComplete_) return WS_STATUS_CUT;
-    if (!endIsKnown_) return WS_STATUS_BAD_ANSWER;
+    if (!endIsKnown_ || isEncoded_) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
     if (httpStatus != 200 || content_ != Content::PlainText) return WS_STATUS_BAD_ANSWER;
     if (size_ == 0) return CR_STATUS_OK;

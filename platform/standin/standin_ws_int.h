@@ -97,6 +97,7 @@ class Collector {
     Content content_ = Content::Other;
     bool headIsComplete_ = false;
     bool endIsKnown_ = false;
+    bool isEncoded_ = false;
     uint32_t refusal_ = 0;
     Text text_;
     size_t size_ = 0;

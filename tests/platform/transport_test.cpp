@@ -90,6 +90,13 @@ std::string manyHeaders(size_t count, size_t length) {
     return text + "\r\n";
 }
 
+std::string interims(size_t count) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i)
+        text += "HTTP/1.1 103 Early Hints\r\n\r\n";
+    return text;
+}
+
 const std::string kHead = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n";
 constexpr auto kOpen = Reply::KeepsOpen;
 constexpr auto kClose = Reply::Closes;
@@ -105,12 +112,20 @@ std::vector<Row> rows() {
         {"charset",          {answer("200 OK", "Text/Plain; charset=utf-8", "x"), kOpen, 0, 0}, 0, 0, "x", nullptr},
         {"chunks",           {chunked("3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n"), kOpen, 0, 0},   0, 0, "abcde", nullptr},
         {"interim",          {"HTTP/1.1 103 Early Hints\r\nContent-Type: text/html\r\n\r\n" + textAnswer("x"), kOpen, 0, 0}, 0, 0, "x", nullptr},
+        {"excess",           {textAnswer("x") + textAnswer("smuggled"), kOpen, 0, 0},      0, 0, "x", nullptr},
+        {"trailers",         {chunked("1\r\nx\r\n0\r\nContent-Type: text/html\r\nContent-Encoding: gzip\r\n\r\n"), kOpen, 0, 0}, 0, 0, "x", nullptr},
         {"late",             {textAnswer("x"), kOpen, 1000, 0},                            0, 0, "x", nullptr},
         {"atTheLimit",       {kHead + "Content-Length: 8388608\r\n\r\n", kOpen, 0, kLimit}, 0, 0, "*", nullptr},
         {"nul",              {textAnswer(std::string("a\0b", 3)), kOpen, 0, 0},            kBad, 0, nullptr, nullptr},
         {"html",             {answer("200 OK", "text/html", "x"), kOpen, 0, 0},            kBad, 0, nullptr, nullptr},
         {"noType",           {"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx", kOpen, 0, 0}, kBad, 0, nullptr, nullptr},
         {"endByClosing",     {kHead + "\r\nx", kClose, 0, 0},                              kBad, 0, nullptr, nullptr},
+        {"gzip",             {kHead + "Content-Encoding: gzip\r\nContent-Length: 1\r\n\r\nx", kOpen, 0, 0}, kBad, 0, nullptr, nullptr},
+        {"lengthIsNone",     {kHead + "Content-Length: none\r\n\r\nx", kClose, 0, 0},   kBad, 0, nullptr, nullptr},
+        {"lengthOverflows",  {kHead + "Content-Length: 99999999999999999999\r\n\r\nx", kClose, 0, 0}, kLarge, 0, nullptr, nullptr},
+        {"otherCoding",      {kHead + "Transfer-Encoding: gzip\r\n\r\nx", kClose, 0, 0}, kBad, 0, nullptr, nullptr},
+        {"http09",           {"x", kClose, 0, 0},                                          kBad, 0, nullptr, nullptr},
+        {"interimForEver",   {interims(20000), kClose, 0, 0},                                kLarge, 0, nullptr, nullptr},
         {"noContent",        {"HTTP/1.1 204 No Content\r\n\r\n", kOpen, 0, 0},             kBad, 0, nullptr, nullptr},
         {"redirect",         {"HTTP/1.1 307 Temporary Redirect\r\nLocation: /other\r\nContent-Length: 0\r\n\r\n", kOpen, 0, 0}, kBad, 0, nullptr, nullptr},
         {"plainError",       {answer("500 Oops", "text/plain", "x"), kOpen, 0, 0},         kBad, 0, nullptr, nullptr},
@@ -221,6 +236,43 @@ TEST(Transport, SaysWhyNothingCanBeSent) {
     Transport allowed(any);
     EXPECT_EQ(allowed.get(), 0U);
     unsetenv("KSPOOL_ALLOW_PLAINTEXT");
+}
+
+// Each parameter in the words of its type, in the order of the call.
+TEST(Transport, SaysWhatItIsGiven) {
+    RawServer server;
+    Transport transport(server.url());
+    WSResult result{};
+    const char* const none = nullptr;
+    EXPECT_EQ(WSRequestExt(transport, WS_SERVICE_SPA, &result, "action", "all of it", "path", none,
+                           "recursive", uint32_t{4294967295}, "parentid", int32_t{-1}, "flags",
+                           int32_t{INT32_MIN}, "datetime", UINT64_MAX, "dcid", uint64_t{0},
+                           "wormflags", INT64_MIN, "retention", int64_t{-1}, "dsid",
+                           uint32_t{2147483648}, "filter", "a&b=c+d%~\xc3\xa4/", kEnd),
+              0U);
+    free(result.data);
+    const std::string body(100000, '&');
+    EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &result, 4294967295, body.c_str(),
+                            "add list"),
+              0U);
+    free(result.data);
+    EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &result, 0, nullptr, "x"), 0U);
+    free(result.data);
+    const struct {
+        std::string line, type, body;
+    } table[] = {{"POST /ws/spa HTTP/1.1", "application/x-www-form-urlencoded",
+                  "action=all%20of%20it&path=&recursive=4294967295&parentid=-1&flags=-2147483648"
+                  "&datetime=18446744073709551615&dcid=0&wormflags=-9223372036854775808"
+                  "&retention=-1&dsid=2147483648&filter=a%26b%3Dc%2Bd%25~%C3%A4%2F"},
+                 {"POST /ws/metabase?action=add%20list&dataselection=4294967295 HTTP/1.1",
+                  "text/plain", body},
+                 {"POST /ws/metabase?action=x&dataselection=0 HTTP/1.1", "text/plain", ""}};
+    for (size_t i = 0; i < std::size(table); ++i) {
+        const std::string request = server.requests()[i];
+        EXPECT_EQ(request.substr(0, request.find("\r\n")), table[i].line);
+        EXPECT_EQ(headerOf(request, "Content-Type"), table[i].type);
+        EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), table[i].body);
+    }
 }
 
 TEST(Transport, SetsAllOptionsOrNone) {

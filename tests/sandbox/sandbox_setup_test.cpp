@@ -2,6 +2,7 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -34,7 +35,8 @@ class Setup : public testing::Test {
             std::distance(fs::directory_iterator(top), fs::directory_iterator()));
     }
 
-    const std::string top = testing::TempDir() + "kspool-setup-test";
+    // Tests run side by side.
+    const std::string top = testing::TempDir() + "kspool-setup-test-" + std::to_string(getpid());
     const std::string folder = top + "/made";
     std::string error;
 };
