@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <regex>
 
 #include "mb.h"
 #include "mb/mb_int.h"
@@ -117,9 +116,17 @@ TEST_F(Wire, IsWhatTheServerSpeaks) {
     const auto server = sandbox::Server::start(settings, error);
     ASSERT_NE(server, nullptr) << error;
     server->admin("POST", "clock", "1700000000");
-    const std::regex address("127\\.0\\.0\\.1:[0-9]+");
-    const auto plain = [&](const std::string& text) {
-        return std::regex_replace(comparable(text), address, "HOST");
+    // Ports differ, and so may their number of digits.
+    const auto plain = [](const std::string& text) {
+        std::string out = comparable(text);
+        const std::string address = "\"127.0.0.1:";
+        const size_t at = out.find(address);
+        if (at != std::string::npos) {
+            const size_t port = at + address.size();
+            out.erase(port, out.find('"', port) - port);
+            out.erase(out.find("\r\nContent-Length: "), 21);
+        }
+        return out;
     };
     for (const Exchange& exchange : exchanges())
         EXPECT_EQ(plain(rawExchange(server->port(), exchange.request)), plain(exchange.answer))
