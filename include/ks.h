@@ -54,8 +54,8 @@ typedef struct KSConfig {
  * happens. Login and password are never in the file.
  *
  * Directives that are missing or not valid are reported to the log one by one and leave their flags
- * clear. A file that cannot be found or read is reported once; the record then holds nothing and
- * its `applicationName` is empty.
+ * clear. A file that cannot be found or read is reported once; the record then holds nothing, its
+ * `applicationName` is empty and `flags` is KS_CFG_APPLICATION alone.
  *
  * Slot: the reason when the file cannot be found or read, otherwise left alone.
  */

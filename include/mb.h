@@ -100,8 +100,8 @@ KSPOOL_API uint32_t MBAuthenticate(MBSession* session, const char* login,
                                    const char* password) KSPOOL_NOEXCEPT;
 
 /*
- * Closes the connection and releases the session with all that it holds; passwords are wiped. NULL
- * is allowed.
+ * Closes the connection and releases the session with all that it holds; its passwords are wiped,
+ * but not the copies that libraries below the transport made for themselves. NULL is allowed.
  */
 KSPOOL_API void MBShutdown(MBSession* session) KSPOOL_NOEXCEPT;
 

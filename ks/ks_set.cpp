@@ -23,7 +23,7 @@ TextField textField(KSConfig& config, ConfigField field) {
         case ConfigField::Password:
             return {config.password, KS_CFG_PASSWORD};
         case ConfigField::ApplicationName:
-            return {config.applicationName, KS_CFG_APPLICATION};
+            return {config.applicationName, 0};  // set since the record was initialised
         case ConfigField::SpaUrl:
             return {config.spaUrl, KS_CFG_SPA_URL};
         default:

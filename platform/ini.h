@@ -12,8 +12,10 @@
  * with comments on lines of their own that start with # or ;. Names are compared without regard to
  * ASCII case, values are trimmed and may stand in double quotes, lines may end with CR LF and be up
  * to 64 KiB long. A section may be given more than once; the first of equal entries counts. An
- * entry that is missing, empty, or in a file that cannot be read has the default. Lines that cannot
- * be used, and values cut at their capacity, are reported as notices. No call touches the slot.
+ * entry that is missing, empty, or in a file that cannot be read has the default. A file that
+ * cannot be read, is no regular file or is larger than 16 MiB, and lines that cannot be used, are
+ * reported as notices, once until something changes; values cut at their capacity each time. No
+ * call touches the slot.
  */
 #ifndef PLATFORM_INI_H
 #define PLATFORM_INI_H

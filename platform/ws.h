@@ -33,13 +33,16 @@ typedef struct WSOption {
 
 /* An empty text means that the option is not set. */
 enum WSOptionCode {
-    WS_OPT_SERVER_URL = 0,         /* text; a list of pairs ends with 0, so only by array */
-    WS_OPT_LOGIN = 1,              /* text */
-    WS_OPT_PASSWORD = 2,           /* text */
-    WS_OPT_7 = 7,                  /* integer */
-    WS_OPT_8 = 8,                  /* integer */
-    WS_OPT_RESPONSE_TIMEOUT = 9,   /* integer, seconds for one request; 0 or less: no limit */
-    WS_OPT_SSL_KEY_LOCATION = 11,  /* text: PEM file, or folder with ca.pem, cert.pem, key.pem */
+    WS_OPT_SERVER_URL = 0, /* text; a list of pairs ends with 0, so only by array */
+    WS_OPT_LOGIN = 1,      /* text without ':' */
+    WS_OPT_PASSWORD = 2,   /* text */
+    WS_OPT_7 = 7,          /* integer */
+    WS_OPT_8 = 8,          /* integer */
+    WS_OPT_RESPONSE_TIMEOUT =
+        9, /* integer, seconds for one request, up to a day; 0 or less: none */
+    WS_OPT_SSL_KEY_LOCATION = 11,  /* text: a PEM file with key and certificate, with which the
+                                      system's authorities are trusted; or a folder with all of
+                                      ca.pem, cert.pem, key.pem, with which only the first is */
     WS_OPT_RECONNECT_TIMEOUT = 12, /* integer, seconds; 0 or less: none */
     WS_OPT_LAST = 12
 };
@@ -76,12 +79,16 @@ typedef struct WSResult {
 /* A new transport, or NULL with the reason in the status slot. The arguments are 0. */
 KSPOOL_API WSTransport* WSInit(int a, int b, int c, int d, int e) KSPOOL_NOEXCEPT;
 
-/* Closes the connection, wipes what was secret and frees the transport. NULL is allowed. */
+/*
+ * Closes the connection, wipes its own copies of what was secret and frees the transport. NULL is
+ * allowed.
+ */
 KSPOOL_API void WSShutdown(WSTransport* transport) KSPOOL_NOEXCEPT;
 
 /*
- * Sets options, all of them or none. 0; 9 for an unknown code or a NULL text; 10 for a text of
- * 4096 characters or more; 22 without memory. Key files are opened at the next request.
+ * Sets options, all of them or none. 0; 9 for an unknown code, a NULL text or a login with ':'; 10
+ * for a text of 4096 characters or more; 22 without memory. Key files are opened at the next
+ * request.
  */
 KSPOOL_API uint32_t WSSetOpt(WSTransport* transport, const WSOption* options,
                              uint32_t count) KSPOOL_NOEXCEPT;
@@ -99,9 +106,9 @@ KSPOOL_API uint32_t WSSetOptVa(WSTransport* transport, ...) KSPOOL_NOEXCEPT;
  *   uint64_t            datetime, dcid
  *   int64_t             wormflags, retention
  * Returns 0 when the server answered, with `result` filled: eventCode 0 and the text, or an event
- * and what is known of it. Otherwise a WS_STATUS_... value with `result` cleared: the request may
- * or may not have been carried out, except that nothing was sent with 9 (unknown name or service)
- * and with the statuses up to WS_STATUS_FORKED.
+ * and what is known of it. Otherwise `result` is cleared: 9 for an unknown name or service, 22
+ * without memory, or a WS_STATUS_... value. The request may have been carried out all the same, but
+ * not with 9, WS_STATUS_NO_SERVER, WS_STATUS_PLAINTEXT, WS_STATUS_FORKED and WS_STATUS_NO_CONNECT.
  */
 KSPOOL_API uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result,
                                  ...) KSPOOL_NOEXCEPT;

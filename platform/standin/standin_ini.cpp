@@ -1,6 +1,7 @@
 // The configuration support library's stand-in: reads ini files.
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,17 +44,27 @@ std::string_view unquoted(std::string_view text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-/// The file's bytes; empty for one that cannot be read.
-std::string contentsOf(const char* file) {
+/// The file's bytes; empty, with the reason in `problem`, for one that cannot be read.
+std::string contentsOf(const char* file, const char*& problem) {
     std::string contents;
-    const int fd = open(file, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return contents;
-    char block[16 * 1024];
-    for (ssize_t got = 1; got > 0 && contents.size() < kLargestFile;) {
-        got = read(fd, block, sizeof block);
-        if (got > 0) contents.append(block, static_cast<size_t>(got));
+    const int fd = open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    struct stat status {};
+    problem = fd < 0 || fstat(fd, &status) != 0 ? strerror(errno) : nullptr;
+    // Others can be read once only, or never end; the file is read for each entry.
+    if (problem == nullptr && !S_ISREG(status.st_mode)) problem = "is no regular file";
+    if (problem == nullptr && static_cast<size_t>(status.st_size) > kLargestFile) {
+        problem = "is larger than 16 MiB";
     }
-    close(fd);
+    char block[16 * 1024];
+    while (problem == nullptr) {
+        const ssize_t got = read(fd, block, sizeof block);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) problem = strerror(errno);
+        if (got <= 0) break;
+        contents.append(block, static_cast<size_t>(got));
+    }
+    if (fd >= 0) close(fd);
+    if (problem != nullptr) contents.clear();
     return contents;
 }
 
@@ -70,11 +81,14 @@ bool notReportedYet(const char* file, const std::string& contents) {
 class Search {
   public:
     Search(const char* section, const char* entry, const char* file)
-        : section_(section), entry_(entry), file_(file), contents_(contentsOf(file)) {}
+        : section_(section), entry_(entry), file_(file), contents_(contentsOf(file, problem_)) {}
 
     /// The value as it stands in the file; empty when it is missing.
     std::string value() {
-        reports_ = notReportedYet(file_, contents_);
+        reports_ = notReportedYet(file_, problem_ != nullptr ? problem_ : contents_);
+        if (problem_ != nullptr && reports_) {
+            NoticeA(CR_STATUS_READ_FAILED, "%s: %s", file_, problem_);
+        }
         std::string_view rest = contents_;
         if (rest.substr(0, 3) == "\xef\xbb\xbf") rest.remove_prefix(3);
         for (number_ = 1; !rest.empty(); ++number_) {
@@ -112,6 +126,7 @@ class Search {
     const char* section_;
     const char* entry_;
     const char* file_;
+    const char* problem_ = nullptr;
     const std::string contents_;
     bool reports_ = false;
     bool inSection_ = false;

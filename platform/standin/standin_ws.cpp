@@ -1,6 +1,7 @@
 // The transport's stand-in: its life, its options and what can be asked of it.
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,6 +46,9 @@ uint32_t check(const WSOption& option) {
     if (kind == Kind::Unknown) return CR_STATUS_INVALID_PARAMETER;
     if (kind == Kind::Integer) return CR_STATUS_OK;
     if (option.value.text == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    // Behind a colon, the server would take the rest for the password.
+    const bool colon = strchr(option.value.text, ':') != nullptr;
+    if (option.code == WS_OPT_LOGIN && colon) return CR_STATUS_INVALID_PARAMETER;
     return strnlen(option.value.text, kLongestText + 1) > kLongestText ? CR_STATUS_LIMIT_EXCEEDED
                                                                        : CR_STATUS_OK;
 }
@@ -119,22 +123,24 @@ std::unique_ptr<WSTransport> makeTransport() {
     return transport;
 }
 
-/// In a child of the owner, whose copy of the connection must not say good-bye on its behalf.
-void muteConnection(WSTransport& transport) {
-    if (transport.socket == CURL_SOCKET_BAD) return;
+/// In a child of the owner, whose copies of connections must not say good-bye on its behalf.
+void muteConnections(const WSTransport& transport) {
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (nowhere < 0) {
-        close(transport.socket);
-        return;
+    for (const Socket& one : transport.sockets) {
+        struct stat status {};
+        const bool ours =
+            fstat(one.fd, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == one.inode;
+        if (!ours) continue;
+        if (nowhere < 0 || dup2(nowhere, one.fd) < 0) close(one.fd);
     }
-    dup2(nowhere, transport.socket);
-    close(nowhere);
+    if (nowhere >= 0) close(nowhere);
 }
 
 uint32_t askArchMode(WSTransport& transport) {
     Text text;
     const uint32_t status = exchange(transport, {"/ws/arch", nullptr, nullptr, 0}, text);
     if (status != CR_STATUS_OK) return status;
+    if (transport.event.code != 0) return CR_STATUS_REMOTE_ERROR;
     if (text == nullptr || strspn(text.get(), "0123456789") == 0) return WS_STATUS_BAD_ANSWER;
     char* end = nullptr;
     const unsigned long long mode = strtoull(text.get(), &end, 10);
@@ -177,7 +183,7 @@ WSTransport* WSInit(int, int, int, int, int) noexcept {
 
 void WSShutdown(WSTransport* transport) noexcept {
     if (transport == nullptr) return;
-    if (transport->owner != getpid()) muteConnection(*transport);
+    if (transport->owner != getpid()) muteConnections(*transport);
     transport->curl.reset();  // while its callbacks still have the rest
     delete transport;
 }

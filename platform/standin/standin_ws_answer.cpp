@@ -13,6 +13,7 @@ namespace ws {
 namespace {
 
 constexpr size_t kMostHeaderBytes = size_t{256} << 10;
+constexpr uint64_t kMostProblemBytes = uint64_t{1} << 20;
 constexpr size_t kFirstCapacity = 4096;
 
 std::atomic<uint64_t> limit = uint64_t{4} << 30;
@@ -36,9 +37,15 @@ bool isType(std::string_view value, std::string_view type) {
     return bare.size() == type.size() && startsWith(bare, type);
 }
 
+/// A text that may be logged: control characters become spaces.
 std::string textMember(const nlohmann::json& problem, const char* name) {
     const auto member = problem.find(name);
-    return member != problem.end() && member->is_string() ? member->get<std::string>() : "";
+    if (member == problem.end() || !member->is_string()) return {};
+    std::string text = member->get<std::string>();
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, ' ');
+    return text;
 }
 
 }  // namespace
@@ -54,27 +61,47 @@ size_t Collector::header(const char* line, size_t length) noexcept {
         return 0;
     }
     std::string_view rest(line, length);
+    rest = rest.substr(0, rest.find_last_not_of(" \t\r\n") + 1);
     if (startsWith(rest, "HTTP/")) {  // what came before was an interim answer
         content_ = Content::Other;
-        isEncoded_ = endIsKnown_ = headIsComplete_ = false;
+        headIsComplete_ = isChunked_ = hasLength_ = false;
+        if (!startsWith(rest, "HTTP/1.")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (headIsComplete_) {
         return length;  // a trailer, which changes nothing
-    } else if (rest == "\r\n" || rest == "\n") {
+    } else if (rest.empty()) {
         headIsComplete_ = true;
     } else if (takeName(rest, "content-type:")) {
         content_ = isType(rest, "text/plain")                 ? Content::PlainText
                    : isType(rest, "application/problem+json") ? Content::Problem
                                                               : Content::Other;
     } else if (takeName(rest, "content-encoding:")) {
-        isEncoded_ = !isType(rest, "identity");
+        if (!isType(rest, "identity")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (takeName(rest, "transfer-encoding:")) {
-        endIsKnown_ = endIsKnown_ || startsWith(rest, "chunked");
+        // libcurl would undo more codings than this one, and take the length for nothing.
+        const bool plain = rest.size() == 7 && startsWith(rest, "chunked");
+        if (!plain || isChunked_ || hasLength_) refusal_ = WS_STATUS_BAD_ANSWER;
+        isChunked_ = true;
     } else if (takeName(rest, "content-length:")) {
-        endIsKnown_ = true;
-        // The line ends with a line end, at which the number ends too.
-        if (strtoull(rest.data(), nullptr, 10) > answerLimit()) refusal_ = WS_STATUS_TOO_LARGE;
+        takeLength(rest);
     }
     return refusal_ == 0 ? length : 0;
+}
+
+/// A length is digits and nothing else, and there is one of them.
+void Collector::takeLength(std::string_view text) noexcept {
+    constexpr size_t kMostDigits = 19;
+    const bool digits =
+        !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+    uint64_t length = 0;
+    for (const char c : text.substr(0, kMostDigits))
+        length = length * 10 + static_cast<uint64_t>(c - '0');
+    if (!digits || isChunked_ || (hasLength_ && length != length_)) {
+        refusal_ = WS_STATUS_BAD_ANSWER;
+    } else if (text.size() > kMostDigits || length > answerLimit()) {
+        refusal_ = WS_STATUS_TOO_LARGE;
+    }
+    hasLength_ = true;
+    length_ = length;
 }
 
 /// Makes room for so many bytes more and a NUL.
@@ -91,7 +118,9 @@ bool Collector::grow(size_t length) noexcept {
 }
 
 size_t Collector::body(const char* bytes, size_t length) noexcept {
-    if (size_ + length > answerLimit()) {
+    const uint64_t most =
+        content_ == Content::Problem ? std::min(answerLimit(), kMostProblemBytes) : answerLimit();
+    if (size_ + length > most) {
         refusal_ = WS_STATUS_TOO_LARGE;
     } else if (!grow(length)) {
         refusal_ = CR_STATUS_NO_MEMORY;
@@ -104,11 +133,11 @@ size_t Collector::body(const char* bytes, size_t length) noexcept {
 
 uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
     if (!headIsComplete_) return WS_STATUS_CUT;
-    if (!endIsKnown_ || isEncoded_) return WS_STATUS_BAD_ANSWER;
+    if (!isChunked_ && !hasLength_) return WS_STATUS_BAD_ANSWER;
+    if (size_ > 0 && memchr(text_.get(), '\0', size_) != nullptr) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
     if (httpStatus != 200 || content_ != Content::PlainText) return WS_STATUS_BAD_ANSWER;
     if (size_ == 0) return CR_STATUS_OK;
-    if (memchr(text_.get(), '\0', size_) != nullptr) return WS_STATUS_BAD_ANSWER;
     text_.get()[size_] = '\0';
     text = std::move(text_);
     if (auto* fitting = static_cast<char*>(realloc(text.get(), size_ + 1))) {

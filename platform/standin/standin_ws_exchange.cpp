@@ -38,6 +38,7 @@ constexpr Meaning kMeanings[] = {
     {CURLE_COULDNT_RESOLVE_HOST, WS_STATUS_NO_CONNECT},
     {CURLE_COULDNT_RESOLVE_PROXY, WS_STATUS_NO_CONNECT},
     {CURLE_COULDNT_CONNECT, WS_STATUS_NO_CONNECT},
+    {CURLE_PROXY, WS_STATUS_NO_CONNECT},
     {CURLE_OPERATION_TIMEDOUT, WS_STATUS_TIMED_OUT},
     {CURLE_PARTIAL_FILE, WS_STATUS_CUT},
     {CURLE_GOT_NOTHING, WS_STATUS_CUT},
@@ -99,8 +100,8 @@ uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
     const std::string scheme = partOf(url.get(), CURLUPART_SCHEME);
     if (scheme != "http" && scheme != "https") return WS_STATUS_NO_SERVER;
     // A password in a URL would end up in logs; queries and fragments have no place in a base.
-    for (const CURLUPart part :
-         {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
+    if (text.find_first_of("?#") != std::string::npos) return WS_STATUS_NO_SERVER;
+    for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD}) {
         if (!partOf(url.get(), part).empty()) return WS_STATUS_NO_SERVER;
     }
     loopback = isLoopback(partOf(url.get(), CURLUPART_HOST));
@@ -123,27 +124,44 @@ size_t onBody(char* bytes, size_t, size_t length, void* collector) {
 curl_socket_t onOpen(void* transport, curlsocktype, curl_sockaddr* address) {
     const curl_socket_t opened =
         socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-    static_cast<WSTransport*>(transport)->socket = opened;
+    struct stat status {};
+    if (opened == CURL_SOCKET_BAD || fstat(opened, &status) != 0) return opened;
+    try {
+        static_cast<WSTransport*>(transport)->sockets.push_back({opened, status.st_ino});
+    } catch (const std::exception&) {
+        close(opened);
+        return CURL_SOCKET_BAD;
+    }
     return opened;
 }
 
 int onClose(void* transport, curl_socket_t closed) {
-    auto* t = static_cast<WSTransport*>(transport);
-    if (t->socket == closed) t->socket = CURL_SOCKET_BAD;
+    std::erase_if(static_cast<WSTransport*>(transport)->sockets,
+                  [=](const Socket& one) { return one.fd == closed; });
     return close(closed);
 }
 
+/// An option that could not be set would change what is sent, or whom it is sent to.
+template <typename Value>
+void set(CURL* curl, CURLoption option, Value value) {
+    if (curl_easy_setopt(curl, option, value) != CURLE_OK) throw std::bad_alloc();
+}
+
 void setKeys(CURL* curl, const std::string& location) {
-    struct stat status;
+    struct stat status {};
+    set(curl, CURLOPT_KEYPASSWD, "");  // a key that wants one is of no use; nobody is to be asked
     if (location.empty()) return;
-    if (stat(location.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-        curl_easy_setopt(curl, CURLOPT_CAINFO, (location + "/ca.pem").c_str());
-        curl_easy_setopt(curl, CURLOPT_SSLCERT, (location + "/cert.pem").c_str());
-        curl_easy_setopt(curl, CURLOPT_SSLKEY, (location + "/key.pem").c_str());
-    } else {
-        curl_easy_setopt(curl, CURLOPT_SSLCERT, location.c_str());
-        curl_easy_setopt(curl, CURLOPT_SSLKEY, location.c_str());
+    if (stat(location.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        set(curl, CURLOPT_SSLCERT, location.c_str());
+        set(curl, CURLOPT_SSLKEY, location.c_str());
+        return;
     }
+    // Those of the system are not trusted beside it, and it is read at each connection.
+    set(curl, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    set(curl, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    set(curl, CURLOPT_CAINFO, (location + "/ca.pem").c_str());
+    set(curl, CURLOPT_SSLCERT, (location + "/cert.pem").c_str());
+    set(curl, CURLOPT_SSLKEY, (location + "/key.pem").c_str());
 }
 
 /// Gives libcurl all that is the same for each request. The open connection survives it.
@@ -153,29 +171,29 @@ void configure(WSTransport& transport) {
     bool loopback = false;
     curl_easy_reset(curl);
     transport.unusable = readServerUrl(transport, loopback);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(curl, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
-    curl_easy_setopt(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    curl_easy_setopt(curl, CURLOPT_NETRC, long{CURL_NETRC_IGNORED});
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
-    curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
-    curl_easy_setopt(curl, CURLOPT_USERAGENT, "kspool");
-    if (loopback) curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+    set(curl, CURLOPT_NOSIGNAL, 1L);
+    set(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    set(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+    set(curl, CURLOPT_FOLLOWLOCATION, 0L);
+    set(curl, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+    set(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    set(curl, CURLOPT_NETRC, long{CURL_NETRC_IGNORED});
+    set(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
+    set(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+    set(curl, CURLOPT_USERAGENT, "kspool");
+    if (loopback) set(curl, CURLOPT_NOPROXY, "*");
     setKeys(curl, s.keyLocation);
     if (!s.login.empty()) {
-        curl_easy_setopt(curl, CURLOPT_HTTPAUTH, long{CURLAUTH_BASIC});
-        curl_easy_setopt(curl, CURLOPT_USERNAME, s.login.c_str());
-        curl_easy_setopt(curl, CURLOPT_PASSWORD, s.password.text().c_str());
+        set(curl, CURLOPT_HTTPAUTH, long{CURLAUTH_BASIC});
+        set(curl, CURLOPT_USERNAME, s.login.c_str());
+        set(curl, CURLOPT_PASSWORD, s.password.text().c_str());
     }
-    curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, onOpen);
-    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, &transport);
-    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, onClose);
-    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, &transport);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeader);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
+    set(curl, CURLOPT_OPENSOCKETFUNCTION, onOpen);
+    set(curl, CURLOPT_OPENSOCKETDATA, &transport);
+    set(curl, CURLOPT_CLOSESOCKETFUNCTION, onClose);
+    set(curl, CURLOPT_CLOSESOCKETDATA, &transport);
+    set(curl, CURLOPT_HEADERFUNCTION, onHeader);
+    set(curl, CURLOPT_WRITEFUNCTION, onBody);
     transport.configured = true;
 }
 
@@ -203,15 +221,14 @@ HeaderList headersFor(WSTransport& transport, const Request& request) {
 /// Gives libcurl what is this request's own.
 void prepare(WSTransport& transport, const Request& request, const curl_slist* headers) {
     CURL* curl = transport.curl.get();
-    curl_easy_setopt(curl, CURLOPT_URL, (transport.base + request.path).c_str());
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    set(curl, CURLOPT_URL, (transport.base + request.path).c_str());
+    set(curl, CURLOPT_HTTPHEADER, headers);
     if (request.contentType == nullptr) {
-        curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+        set(curl, CURLOPT_HTTPGET, 1L);
     } else {
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body);
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE,
-                         static_cast<curl_off_t>(request.bodySize));
-        curl_easy_setopt(curl, CURLOPT_POST, 1L);
+        set(curl, CURLOPT_POSTFIELDS, request.body);
+        set(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.bodySize));
+        set(curl, CURLOPT_POST, 1L);
     }
 }
 
@@ -250,41 +267,54 @@ class Call {
             limit = std::max<long>(1, std::min(response_, left).count());
         }
         Collector collector;
-        char detail[CURL_ERROR_SIZE] = "";
-        curl_easy_setopt(curl_, CURLOPT_TIMEOUT_MS, limit);
-        curl_easy_setopt(curl_, CURLOPT_HEADERDATA, &collector);
-        curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &collector);
-        curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, detail);
+        detail_[0] = '\0';
+        set(curl_, CURLOPT_TIMEOUT_MS, limit);
+        set(curl_, CURLOPT_HEADERDATA, &collector);
+        set(curl_, CURLOPT_WRITEDATA, &collector);
+        set(curl_, CURLOPT_ERRORBUFFER, detail_);
         const CURLcode code = curl_easy_perform(curl_);
         curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
         httpStatus_ = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &httpStatus_);
         const uint32_t status = meaningOf(code, collector, text);
-        if (status != CR_STATUS_OK) explain(status, code, detail);
+        if (status != CR_STATUS_OK) explain(status, code);
         return status;
     }
 
     uint32_t meaningOf(CURLcode code, Collector& collector, Text& text) {
         if (collector.refusal() != 0) return collector.refusal();
         if (code == CURLE_OK) return collector.judge(httpStatus_, text, transport_.event);
-        return isEndlessHeader(code, collector) ? uint32_t{WS_STATUS_TOO_LARGE}
-                                                : ws::meaningOf(code);
+        return meaningOf(code, collector.headIsComplete());
+    }
+
+    /// What a failure of libcurl comes to, by how far the request had come.
+    uint32_t meaningOf(CURLcode code, bool headIsComplete) const {
+        curl_off_t sent = 0, firstByte = 0;
+        long proxy = 0;
+        curl_easy_getinfo(curl_, CURLINFO_PRETRANSFER_TIME_T, &sent);
+        curl_easy_getinfo(curl_, CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
+        curl_easy_getinfo(curl_, CURLINFO_HTTP_CONNECTCODE, &proxy);
+        if (proxy != 0 && proxy != 200) return WS_STATUS_NO_CONNECT;
+        if (code == CURLE_OPERATION_TIMEDOUT && sent == 0) return WS_STATUS_NO_CONNECT;
+        // It holds 100 kB of one header line, and says that memory is out when it gets more.
+        if (code == CURLE_OUT_OF_MEMORY && firstByte > 0 && !headIsComplete) {
+            return WS_STATUS_TOO_LARGE;
+        }
+        if (code == CURLE_RECV_ERROR && strstr(detail_, "chunked-enc") != nullptr) {
+            return WS_STATUS_BAD_ANSWER;
+        }
+        const uint32_t status = ws::meaningOf(code);
+        return status == WS_STATUS_FAILED && firstByte > 0 ? uint32_t{WS_STATUS_BAD_ANSWER}
+                                                           : status;
     }
 
     /// Tells the log what the status alone does not.
-    void explain(uint32_t status, CURLcode code, const char* detail) const {
+    void explain(uint32_t status, CURLcode code) const {
         const bool ended = code == CURLE_OK || code == CURLE_WRITE_ERROR;
-        const char* text = ended             ? CRStatusToStringA(status)
-                           : *detail != '\0' ? detail
-                                             : curl_easy_strerror(code);
+        const char* text = ended              ? CRStatusToStringA(status)
+                           : *detail_ != '\0' ? detail_
+                                              : curl_easy_strerror(code);
         NoticeA(status, "%s: %s (HTTP status %ld)", transport_.base.c_str(), text, httpStatus_);
-    }
-
-    /// libcurl holds 100 kB of one header line, and says that memory is out when it gets more.
-    bool isEndlessHeader(CURLcode code, const Collector& collector) const {
-        curl_off_t firstByte = 0;
-        curl_easy_getinfo(curl_, CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
-        return code == CURLE_OUT_OF_MEMORY && firstByte > 0 && !collector.headIsComplete();
     }
 
     bool canTryAgain(uint32_t status) const {
@@ -312,6 +342,7 @@ class Call {
     const milliseconds reconnect_;
     const Clock::time_point deadline_;
     long httpStatus_ = 0;
+    char detail_[CURL_ERROR_SIZE] = "";
 };
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "cr_status.h"
 #include "platform/support.h"
@@ -16,7 +18,7 @@
 
 namespace ws {
 
-/// A text that is wiped when it goes. It is never moved, so that nothing is left behind.
+/// A text that is wiped when it goes.
 class Secret {
   public:
     Secret() = default;
@@ -88,6 +90,7 @@ class Collector {
     uint32_t judge(long httpStatus, Text& text, Event& event);
 
   private:
+    void takeLength(std::string_view text) noexcept;
     bool grow(size_t length) noexcept;
     uint32_t judgeProblem(Event& event) const;
 
@@ -96,8 +99,9 @@ class Collector {
     size_t headerBytes_ = 0;
     Content content_ = Content::Other;
     bool headIsComplete_ = false;
-    bool endIsKnown_ = false;
-    bool isEncoded_ = false;
+    bool isChunked_ = false;
+    bool hasLength_ = false;
+    uint64_t length_ = 0;
     uint32_t refusal_ = 0;
     Text text_;
     size_t size_ = 0;
@@ -106,12 +110,19 @@ class Collector {
 
 uint64_t answerLimit() noexcept;
 
+/// A socket of ours. libcurl closes some without telling, so that a descriptor alone may be another
+/// one's by now.
+struct Socket {
+    curl_socket_t fd;
+    ino_t inode;
+};
+
 }  // namespace ws
 
 struct WSTransport {
     std::unique_ptr<CURL, ws::FreeEasy> curl;
     pid_t owner = 0;
-    curl_socket_t socket = CURL_SOCKET_BAD;  ///< of the connection that is open
+    std::vector<ws::Socket> sockets;  ///< opened and not closed by a callback
     ws::Settings settings;
     bool configured = false;  ///< `curl` has been given `settings`
     uint32_t unusable = 0;    ///< why no request can be sent with them, or 0

@@ -52,11 +52,20 @@ constexpr Parameter kParameters[] = {
     {"retention", Type::Int64},
 };
 
+/// libcurl's own does not take texts whose escaped form is over 24 MB.
 std::string escaped(const char* text) {
-    if (text == nullptr || *text == '\0') return {};
-    const std::unique_ptr<char, FreeCurlText> result(curl_easy_escape(nullptr, text, 0));
-    if (result == nullptr) throw std::bad_alloc();
-    return result.get();
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string out;
+    for (; text != nullptr && *text != '\0'; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        const bool letter = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
+        if (letter || (byte >= '0' && byte <= '9') || strchr("-._~", byte) != nullptr) {
+            out += *text;
+        } else {
+            out += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+        }
+    }
+    return out;
 }
 
 std::string valueText(Type type, va_list& parameters) {

@@ -263,14 +263,17 @@ TEST(PlatformIni, TellsEachFaultOnceAndEachCutValue) {
     EXPECT_STREQ(value, "fi");
     EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, path.c_str()), 0);
     EXPECT_STREQ(value, "");
-    EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, "/nowhere"), 0);
+    for (const char* file : {"/nowhere", "/nowhere", "/dev/null"})
+        EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, file), 0);
     const std::string line = path + ": line ";
     const std::vector<Heard> expected = {
         {QLX_LEVEL_NOTICE, 82, line + "16 is neither a section nor an entry"},
         {QLX_LEVEL_NOTICE, 82, line + "17 is a section without an end"},
         {QLX_LEVEL_NOTICE, 82, line + "18 has a NUL byte in it"},
         {QLX_LEVEL_NOTICE, 82, line + "19 is too long"},
-        {QLX_LEVEL_NOTICE, 10, path + ": [one] ab: value cut to 2 characters"}};
+        {QLX_LEVEL_NOTICE, 10, path + ": [one] ab: value cut to 2 characters"},
+        {QLX_LEVEL_NOTICE, 25, "/nowhere: No such file or directory"},
+        {QLX_LEVEL_NOTICE, 25, "/dev/null: is no regular file"}};
     EXPECT_EQ(ear.heard, expected);
 }
 
