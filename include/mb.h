@@ -172,6 +172,190 @@ KSPOOL_API uint32_t MBDirList(MBSession* session, const char* path, char** listi
  */
 KSPOOL_API uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) KSPOOL_NOEXCEPT;
 
+/* ---- Lists of POs ---- */
+
+/*
+ * Hand a text of POs, made by the caller, to the server for one data selection. The text is sent as
+ * it is; NULL and empty ones are refused. An answer that does not begin with the server's field
+ * names gives CR_STATUS_BAD_RESPONSE; MBPOExpire() does not look. Otherwise the statuses are those
+ * of conventions 1 and 2.
+ */
+KSPOOL_API uint32_t MBPOImport(MBSession* session, uint32_t dataselection,
+                               const char* pos) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBPOAddList(MBSession* session, uint32_t dataselection,
+                                const char* pos) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBPOZELTAddList(MBSession* session, uint32_t dataselection,
+                                    const char* pos) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBPOExpire(MBSession* session, uint32_t dataselection,
+                               const char* pos) KSPOOL_NOEXCEPT;
+
+/* ---- Queries ---- */
+
+struct PO; /* a record of the PO library, platform/po.h */
+
+/* A query under way. Opaque; made by a FindFirst call, released by MBPOFindClose(). */
+typedef struct MBPOCursor MBPOCursor;
+
+/*
+ * What a query looks for: criterion k for field k of a PO. Texts are the caller's, must not be NULL
+ * and are sent as they are; * and ? match as in a shell. The defaults, which MBPOFilterInit() sets,
+ * match everything: "*" for texts, '*' for the character, -1 for numbers, and 0, 0, "" for
+ * criteria 1 to 3. Criterion 0 is not sent.
+ */
+typedef struct MBPOFilter {
+    uint64_t size; /* sizeof(MBPOFilter), 440: set by the caller first */
+    const char* criterion0;
+    const char* criterion6;
+    const char* criterion7;
+    const char* criterion8;
+    const char* criterion9;
+    const char* criterion10;
+    const char* criterion11;
+    int32_t criterion4;
+    signed char criterion12; /* a character */
+    int64_t criterion16;
+    int64_t criterion17;
+    int64_t criterion18;
+    int64_t criterion19;
+    int64_t criterion20;
+    int64_t criterion21;
+    int64_t criterion22;
+    int64_t criterion23;
+    const char* criterion13;
+    const char* criterion14;
+    int32_t criterion5;
+    int32_t criterion24;
+    int32_t criterion25;
+    char criterion15[132];
+    char criterion3[128];
+    int32_t criterion1;
+    int32_t criterion2;
+    const char* criterion26;
+} MBPOFilter;
+
+/*
+ * Fills a filter, whose `size` the caller has set, with the defaults. 0, or
+ * CR_STATUS_INVALID_PARAMETER with the filter left untouched (NULL, or another size). The slot is
+ * left alone.
+ */
+KSPOOL_API uint32_t MBPOFilterInit(MBPOFilter* filter) KSPOOL_NOEXCEPT;
+
+/*
+ * The three ways to a query's result. A query that fails is sent again as the tunables say, each
+ * time with a longer response time-out, which stays; so it can take minutes. Common statuses, in
+ * the slot too: CR_STATUS_NULL_HANDLE; CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of
+ * another size; the transport's of the last attempt; CR_STATUS_REMOTE_ERROR when the server refused
+ * the only attempt; CR_STATUS_BAD_HANDLE for an answer that is badly formatted; a system error
+ * without memory. `count`, unless NULL, becomes the number of POs that the server announces.
+ */
+
+/*
+ * The whole answer as one text: names, types, count and one PO a line. `*text` is the caller's to
+ * free, `*length`, unless NULL, its size with the NUL. CR_STATUS_NOT_FOUND, which is not stored in
+ * the slot, when no PO matches; CR_STATUS_NULL_OUTPUT for a NULL `text`. Without success the
+ * outputs are NULL and 0.
+ */
+KSPOOL_API uint32_t MBPOFind(MBSession* session, uint32_t dataselection, const MBPOFilter* filter,
+                             char** text, size_t* length, uint32_t* count) KSPOOL_NOEXCEPT;
+
+/*
+ * A cursor whose first PO is in `po` (zeroed before its first use, the caller's to release), or
+ * NULL with the status in the slot: CR_STATUS_NOT_FOUND when none matches,
+ * CR_STATUS_INVALID_PARAMETER for a NULL `po`, the PO library's when the first line is none.
+ */
+KSPOOL_API MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection,
+                                     const MBPOFilter* filter, struct PO* po,
+                                     uint32_t* count) KSPOOL_NOEXCEPT;
+
+/*
+ * The next PO. 0; CR_STATUS_NOT_FOUND at the end; CR_STATUS_INVALID_PARAMETER for a NULL argument;
+ * the PO library's status, which is in the slot too, for a line that is none: the next call goes on
+ * behind it.
+ */
+KSPOOL_API uint32_t MBPOFindNext(MBPOCursor* cursor, struct PO* po) KSPOOL_NOEXCEPT;
+
+/* The same with lines of text. They are the cursor's and valid until MBPOFindClose(). */
+KSPOOL_API MBPOCursor* MBPOStringFindFirst(MBSession* session, uint32_t dataselection,
+                                           const MBPOFilter* filter, char** line,
+                                           uint32_t* count) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBPOStringFindNext(MBPOCursor* cursor, char** line) KSPOOL_NOEXCEPT;
+
+/* Releases a cursor and its lines. NULL is allowed. */
+KSPOOL_API void MBPOFindClose(MBPOCursor* cursor) KSPOOL_NOEXCEPT;
+
+/* ---- Backup images ---- */
+
+/*
+ * Records that the server keeps of backup images. NULL texts that are not refused are sent as
+ * empty. What the numbers mean is between caller and server. Unlike the operations above, these
+ * return the event code when the server reports an error, and log no report of it. Texts received
+ * are copies that the caller frees. A NULL session gives CR_STATUS_NULL_HANDLE.
+ */
+
+/*
+ * Record the last image. `dsid` 0 gives CR_STATUS_INVALID_PARAMETER, before the session is looked
+ * at. Slot: any status but 0 and CR_STATUS_NULL_HANDLE. `ignored` is not used.
+ */
+KSPOOL_API uint32_t MBSetLastImageV2(MBSession* session, uint32_t dsid, const char* client,
+                                     const char* policy, int32_t parentid, uint64_t datetime,
+                                     const char* imagename, int32_t flags) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBSetLastImage(MBSession* session, uint32_t dsid, const char* client,
+                                   const char* policy, uint64_t datetime, const char* dofp,
+                                   uint64_t ignored, uint64_t dcid, int32_t flags) KSPOOL_NOEXCEPT;
+
+/*
+ * The server's list of last images. CR_STATUS_NO_MEMORY when it cannot be copied,
+ * CR_STATUS_REMOTE_ERROR when there is none, CR_STATUS_NULL_HANDLE for a NULL `answer`. `*answer`
+ * is left alone when the transport fails, and NULL after other failures. Slot: any status but 0 and
+ * CR_STATUS_NULL_HANDLE.
+ */
+KSPOOL_API uint32_t MBGetLastImages(MBSession* session, uint32_t dsid, const char* client,
+                                    const char* policy, int32_t parentid, uint64_t datetime,
+                                    char** answer) KSPOOL_NOEXCEPT;
+
+/* Deletes an image's record. Slot: any status but 0 and CR_STATUS_NULL_HANDLE. */
+KSPOOL_API uint32_t MBDeleteImage(MBSession* session, uint32_t dsid, const char* client,
+                                  const char* policy, const char* imagename,
+                                  int32_t flags) KSPOOL_NOEXCEPT;
+
+/* What MBGetImageRetention() fills. */
+typedef struct MBImageRetentionInfo {
+    int64_t retentionValue1;
+    int64_t retentionValue2;
+    int64_t retentionValue3;
+    int64_t retentionValue4;
+    char retentionText[1024];
+} MBImageRetentionInfo;
+
+/*
+ * Write and read an image's retention. NULL texts or output give CR_STATUS_NULL_HANDLE. Members
+ * that the answer has no field for keep their values; CR_STATUS_REMOTE_ERROR when there is no
+ * answer. Slot: of the first, any status but 0 and CR_STATUS_NULL_HANDLE; the second leaves it
+ * alone.
+ */
+KSPOOL_API uint32_t MBSetImageRetention(MBSession* session, uint32_t dsid, const char* client,
+                                        const char* policy, const char* imagename, int32_t flags,
+                                        int64_t wormflags, int64_t retention) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const char* client,
+                                        const char* policy, const char* imagename,
+                                        MBImageRetentionInfo* info) KSPOOL_NOEXCEPT;
+
+/*
+ * The policy of an image. NULL texts or output give CR_STATUS_NULL_HANDLE. CR_STATUS_NO_MEMORY
+ * (output NULL) when it cannot be copied, CR_STATUS_REMOTE_ERROR when there is no answer.
+ */
+KSPOOL_API uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const char* client,
+                                      const char* imagename, char** policy) KSPOOL_NOEXCEPT;
+
+/*
+ * The HVX tag of a data selection, from the SPA server. `*digit` is the answer's leading digit;
+ * when it is above 0, `*tag` is the tag, else NULL. Statuses as in convention 2, and
+ * CR_STATUS_NULL_HANDLE, logged, for a NULL argument; CR_STATUS_REMOTE_ERROR when there is no
+ * answer; CR_STATUS_BAD_HANDLE for one that is too short; CR_STATUS_NO_MEMORY.
+ */
+KSPOOL_API uint32_t MBGetHVXTag(MBSession* session, uint32_t dataselection, int32_t* digit,
+                                char** tag) KSPOOL_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,14 +7,6 @@
 namespace kspool {
 namespace {
 
-/// The status for arguments that cannot be used, 0 for those that can.
-template <typename... Pointers>
-uint32_t checkArguments(const MBSession* session, Pointers... required) {
-    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
-    const bool complete = (... && (required != nullptr));
-    return complete ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
-}
-
 uint32_t fromTo(MBSession* session, Op op, const char* source, const char* destination,
                 uint32_t recursive) {
     if (const uint32_t bad = checkArguments(session, source, destination)) return bad;

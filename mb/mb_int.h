@@ -25,6 +25,27 @@ static_assert(offsetof(MBSession, state) == 4 && offsetof(MBSession, config) == 
 static_assert(offsetof(MBSession, scratchPO) == 19744 && offsetof(MBSession, transport) == 19760);
 static_assert(offsetof(MBSession, opt133Value) == 19768 && sizeof(MBSession) == 19776);
 
+/// A query under way. Its lines are cut in place out of the answer that `result` owns.
+struct MBPOCursor {
+    WSResult result;
+    uint32_t poCount;  ///< as the answer announces
+    uint32_t poIndex;  ///< handed out so far
+    char* nextLine;    ///< NULL: the answer is malformed
+};
+
+static_assert(offsetof(MBPOCursor, poCount) == 48 && offsetof(MBPOCursor, poIndex) == 52);
+static_assert(offsetof(MBPOCursor, nextLine) == 56 && sizeof(MBPOCursor) == 64);
+
+static_assert(offsetof(MBPOFilter, criterion0) == 8 && offsetof(MBPOFilter, criterion4) == 64);
+static_assert(offsetof(MBPOFilter, criterion12) == 68 && offsetof(MBPOFilter, criterion16) == 72);
+static_assert(offsetof(MBPOFilter, criterion13) == 136 && offsetof(MBPOFilter, criterion5) == 152);
+static_assert(offsetof(MBPOFilter, criterion15) == 164 && offsetof(MBPOFilter, criterion3) == 296);
+static_assert(offsetof(MBPOFilter, criterion1) == 424 && offsetof(MBPOFilter, criterion26) == 432);
+static_assert(sizeof(MBPOFilter) == 440);
+
+static_assert(offsetof(MBImageRetentionInfo, retentionText) == 32);
+static_assert(sizeof(MBImageRetentionInfo) == 1056);
+
 /// Releases a session and all that it holds; also one that is not complete.
 void MBSessionTeardown(MBSession* session) noexcept;
 
@@ -51,6 +72,15 @@ class Answer : public WSResult {
         return taken;
     }
 };
+
+/// Prints a filter as the server wants it, as snprintf() does: returns the length, or a negative
+/// value with the reason in the slot.
+int _mbFilterToStringPrint(char* buffer, size_t size, const MBPOFilter* filter) noexcept;
+
+/// Sends a query, again as the tunables say. Returns a cursor that stands at the first line, or
+/// NULL with the reason in the slot.
+MBPOCursor* _mbFindFirst(MBSession* session, uint32_t dataselection,
+                         const MBPOFilter* filter) noexcept;
 
 }  // namespace kspool
 

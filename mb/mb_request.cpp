@@ -5,15 +5,31 @@
 namespace kspool {
 namespace {
 
+using F = OnFailure;
+using T = TraceAnswer;
+using E = OnEvent;
+
 // clang-format off
 constexpr Operation kOperations[] = {
-    // name          action     requested  fatal error                                   id  service              failure response
-    {"MBDirCreate",  "mkdir",   "mkdir",   "Failed to complete mkdir webservice (%s)",   39, WS_SERVICE_METABASE, false, false},
-    {"MBFileCopy",   "copy",    "copy",    "Failed to complete copy webservice (%s)",    40, WS_SERVICE_METABASE, false, false},
-    {"MBFileMove",   "move",    "move",    "Failed to complete move webservice (%s)",    41, WS_SERVICE_METABASE, false, false},
-    {"MBFileDelete", "delete",  "delete",  "Failed to complete delete webservice (%s)",  42, WS_SERVICE_METABASE, false, false},
-    {"MBDirList",    "dir",     "dir",     "Failed to complete dir webservice (%s)",     43, WS_SERVICE_METABASE, false, false},
-    {"MBGetTime",    "gettime", "gettime", "Failed to complete gettime webservice (%s)", 44, WS_SERVICE_METABASE, true,  true},
+    // name                action            requested        fatal error                                           id   service              no answer    answer         event                 slot
+    {"MBDirCreate",         "mkdir",          "mkdir",         "Failed to complete mkdir webservice (%s)",           39,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
+    {"MBFileCopy",          "copy",           "copy",          "Failed to complete copy webservice (%s)",            40,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
+    {"MBFileMove",          "move",           "move",          "Failed to complete move webservice (%s)",            41,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
+    {"MBFileDelete",        "delete",         "delete",        "Failed to complete delete webservice (%s)",          42,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
+    {"MBDirList",           "dir",            "dir",           "Failed to complete dir webservice (%s)",             43,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
+    {"MBGetTime",           "gettime",        "gettime",       "Failed to complete gettime webservice (%s)",         44,  WS_SERVICE_METABASE, F::Trace,    T::Always,     E::Report,            false},
+    {"MBPOImport",          "import",         "PO import",     "Failed to complete PO import webservice (%s)",       35,  WS_SERVICE_METABASE, F::Trace,    T::Always,     E::Report,            false},
+    {"MBPOAddList",         "addlist",        "PO addlist",    "Failed to complete PO addlist webservice (%s)",      36,  WS_SERVICE_METABASE, F::Error,    T::Always,     E::Report,            false},
+    {"MBPOZELTAddList",     "zeltaddlist",    "PO zeltaddlist","Failed to complete PO zeltaddlist webservice (%s)",  37,  WS_SERVICE_METABASE, F::Error,    T::Always,     E::Report,            false},
+    {"MBPOExpire",          "expire",         "PO expire",     "Failed to complete PO expire webservice (%s)",       38,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::ReportEvenIfDead,  false},
+    {"MBSetLastImageV2",    "setlastimage",   nullptr,         nullptr,                                              0,   WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
+    {"MBSetLastImage",      "setlastimage",   nullptr,         "Failed to complete setlastimage webservice (%s)",    45,  WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
+    {"MBGetLastImages",     "getlastimage",   nullptr,         "Failed to complete getlastimage webservice (%s)",    46,  WS_SERVICE_METABASE, F::Trace,    T::AlwaysSpa,  E::Code,              true},
+    {"MBDeleteImage",       "deleteimage",    nullptr,         "Failed to complete deleteimage webservice (%s)",     47,  WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
+    {"MBSetImageRetention", "setimgretention",nullptr,         "Failed to complete setretention webservice (%s)",    117, WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
+    {"MBGetImageRetention", "getimgretention",nullptr,         "Failed to complete getretention webservice (%s)",    118, WS_SERVICE_METABASE, F::Trace,    T::IfNoEvent,  E::Code,              false},
+    {"MBFindImagePolicy",   "findpolicy",     nullptr,         "Failed to complete findpolicy webservice (%s)",      118, WS_SERVICE_METABASE, F::Trace,    T::IfNoEvent,  E::Code,              false},
+    {"MBGetHVXTag",         "getHVXTag",      "get HVX Tag",   "Failed to complete get HVX Tag webservice (%s)",     63,  WS_SERVICE_SPA,      F::Nothing,  T::Never,      E::Report,            false},
 };
 // clang-format on
 
@@ -22,7 +38,7 @@ const char* orElse(const char* text, const char* otherwise) {
 }
 
 /// Reports what the server said, and returns the status that it comes to.
-uint32_t remoteError(const MBSession& session, const Operation& op, const WSResult& result) {
+uint32_t reportEvent(const MBSession& session, const Operation& op, const WSResult& result) {
     KS_ERROR(result.eventCode,
              "The requested action could not be completed due to an unexpected error on a remote "
              "system.\n"
@@ -37,10 +53,51 @@ uint32_t remoteError(const MBSession& session, const Operation& op, const WSResu
              op.requestedAction, orElse(result.serverAddress, session.config.mbsUrl),
              orElse(result.sourceApplication, "(unknown)"), orElse(result.severity, "(unknown)"),
              static_cast<int>(result.eventCode), orElse(result.description, "(unknown error)"));
-    KS_FATAL(op.name, op.fatalId, op.fatalText, orElse(result.description, "unknown error"));
     const bool permission =
         result.description != nullptr && strcasestr(result.description, "permission") != nullptr;
     return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
+}
+
+void sayFailure(const Operation& op, uint32_t status) {
+    if (op.onFailure == OnFailure::Trace) {
+        KS_TRACE("%s: status of WSRequestExt: %d %s", op.name, static_cast<int>(status),
+                 CRStatusToStringA(status));
+    }
+    if (op.onFailure == OnFailure::Error) {
+        KS_ERROR(status, "%s: WSRequestPOST failed: %s (%d)", op.name, CRStatusToStringA(status),
+                 static_cast<int>(status));
+    }
+}
+
+void traceAnswer(const Operation& op, const WSResult& result) {
+    if (op.traceAnswer == TraceAnswer::Never) return;
+    if (op.traceAnswer == TraceAnswer::IfNoEvent && result.eventCode != 0) return;
+    if (op.traceAnswer == TraceAnswer::AlwaysSpa) {
+        KS_TRACE("SPA Response: result.data : %s", result.data);
+    } else {
+        KS_TRACE("MB Response: result.data : %s", result.data);
+    }
+}
+
+uint32_t eventStatus(const MBSession& session, const Operation& op, const WSResult& result) {
+    const bool isCode = op.onEvent == OnEvent::Code;
+    const uint32_t status = isCode ? result.eventCode : reportEvent(session, op, result);
+    if (op.fatalText != nullptr) {
+        KS_FATAL(op.name, op.fatalId, op.fatalText, orElse(result.description, "unknown error"));
+    }
+    return status;
+}
+
+uint32_t statusOf(const MBSession& session, const Operation& op, const WSResult& result,
+                  uint32_t transportStatus) {
+    const bool hasEvent = result.eventCode != 0;
+    const bool counts = op.onEvent == OnEvent::ReportEvenIfDead && hasEvent;
+    if (transportStatus != CR_STATUS_OK && !counts) {
+        sayFailure(op, transportStatus);
+        return transportStatus;
+    }
+    traceAnswer(op, result);
+    return hasEvent ? eventStatus(session, op, result) : uint32_t{CR_STATUS_OK};
 }
 
 }  // namespace
@@ -51,15 +108,9 @@ const Operation& operation(Op op) noexcept {
 
 uint32_t conclude(const MBSession& session, const Operation& op, const WSResult& result,
                   uint32_t transportStatus) noexcept {
-    if (transportStatus != CR_STATUS_OK) {
-        if (op.tracesFailure) {
-            KS_TRACE("%s: status of WSRequestExt: %d %s", op.name,
-                     static_cast<int>(transportStatus), CRStatusToStringA(transportStatus));
-        }
-        return transportStatus;
-    }
-    if (op.tracesResponse) KS_TRACE("MB Response: result.data : %s", result.data);
-    return result.eventCode == 0 ? uint32_t{CR_STATUS_OK} : remoteError(session, op, result);
+    const uint32_t status = statusOf(session, op, result, transportStatus);
+    if (status != CR_STATUS_OK && op.storesStatus) storeStatus(status);
+    return status;
 }
 
 }  // namespace kspool

@@ -6,20 +6,54 @@
 
 namespace kspool {
 
+/// What is said of a request that brought no answer.
+enum class OnFailure : uint8_t { Nothing, Trace, Error };
+
+/// Whether an answer's text is traced, and under which name.
+enum class TraceAnswer : uint8_t { Never, Always, AlwaysSpa, IfNoEvent };
+
+/// What a server's event becomes.
+enum class OnEvent : uint8_t {
+    Report,            ///< reported; 106 for a permission, else 4
+    ReportEvenIfDead,  ///< the same, also when the transport failed
+    Code,              ///< the event's code is the status
+};
+
 /// What one operation is, apart from its parameters.
 struct Operation {
     const char* name;
     const char* action;
     const char* requestedAction;  ///< how the report of a remote error calls it
-    const char* fatalText;
+    const char* fatalText;        ///< NULL: no fatal error is recorded
     uint32_t fatalId;
     WSService service;
-    bool tracesFailure;   ///< of the transport
-    bool tracesResponse;  ///< whatever the server said
+    OnFailure onFailure;
+    TraceAnswer traceAnswer;
+    OnEvent onEvent;
+    bool storesStatus;  ///< a status that is not 0 goes to the slot
 };
 
 /// The operations, in the order of the rows of their table.
-enum class Op : uint8_t { DirCreate, FileCopy, FileMove, FileDelete, DirList, GetTime };
+enum class Op : uint8_t {
+    DirCreate,
+    FileCopy,
+    FileMove,
+    FileDelete,
+    DirList,
+    GetTime,
+    POImport,
+    POAddList,
+    POZELTAddList,
+    POExpire,
+    SetLastImageV2,
+    SetLastImage,
+    GetLastImages,
+    DeleteImage,
+    SetImageRetention,
+    GetImageRetention,
+    FindImagePolicy,
+    GetHVXTag,
+};
 
 const Operation& operation(Op op) noexcept;
 
@@ -35,6 +69,14 @@ uint32_t carryOut(const MBSession& session, Op which, WSResult& result,
     const uint32_t status = WSRequestExt(session.transport, op.service, &result, "action",
                                          op.action, parameters..., kEndOfParameters);
     return conclude(session, op, result, status);
+}
+
+/// The status for arguments that cannot be used, 0 for those that can.
+template <typename... Pointers>
+uint32_t checkArguments(const MBSession* session, Pointers... required) {
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    const bool complete = (... && (required != nullptr));
+    return complete ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
 }  // namespace kspool

@@ -20,6 +20,12 @@ extern "C" {
 KSPOOL_API int NetExtractHostAndPort(const char* url, char* buffer, size_t size,
                                      int unused) KSPOOL_NOEXCEPT;
 
+/*
+ * Decodes a text in place: %XX becomes the byte. A + stays one, and a % that two hexadecimal digits
+ * do not follow is copied. Returns `text`.
+ */
+KSPOOL_API char* URLDecode(char* text) KSPOOL_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

@@ -5,6 +5,7 @@
 #ifndef PLATFORM_PO_H
 #define PLATFORM_PO_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "kspool_api.h"
@@ -21,6 +22,22 @@ typedef struct PO {
 
 /* Releases what a PO holds and empties it; the serialization type stays. */
 KSPOOL_API void POReset(PO* po) KSPOOL_NOEXCEPT;
+
+/* Sets the serialization type that the next conversion is made with: 1 for a legacy server. */
+KSPOOL_API void POSetStype(PO* po, uint32_t stype) KSPOOL_NOEXCEPT;
+
+/*
+ * Makes a PO from its serialized form, one line of fields with | between them. The line is read
+ * during the call only, and may be changed. 0; otherwise not 0, with the reason in the status slot
+ * and the PO empty: CR_STATUS_BAD_HANDLE for a line that is none, CR_STATUS_NO_MEMORY.
+ */
+KSPOOL_API int POSetFromNonConstString(PO* po, char* line) KSPOOL_NOEXCEPT;
+
+/* ---- For programs ---- */
+
+/* The text of field `index`, of `*length` characters, which is the PO's; NULL when there is none.
+ */
+KSPOOL_API const char* POGetField(const PO* po, uint32_t index, size_t* length) KSPOOL_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -1,8 +1,36 @@
 // The network functions' stand-in.
+#include <cctype>
 #include <cstring>
 #include <string_view>
 
 #include "platform/net.h"
+
+namespace {
+
+/// The value of a hexadecimal digit, or -1.
+int digitOf(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (isdigit(byte) != 0) return byte - '0';
+    return isxdigit(byte) != 0 ? tolower(byte) - 'a' + 10 : -1;
+}
+
+}  // namespace
+
+char* URLDecode(char* text) noexcept {
+    char* out = text;
+    for (const char* in = text; *in != '\0'; ++out) {
+        const int high = *in == '%' ? digitOf(in[1]) : -1;
+        const int low = high >= 0 ? digitOf(in[2]) : -1;
+        if (low >= 0) {
+            *out = static_cast<char>(high * 16 + low);
+            in += 3;
+        } else {
+            *out = *in++;
+        }
+    }
+    *out = '\0';
+    return text;
+}
 
 int NetExtractHostAndPort(const char* url, char* buffer, size_t size, int) noexcept {
     if (size == 0) return 0;

@@ -46,10 +46,6 @@ char* qlxstrcpy(char* destination, const char* source, size_t size) noexcept {
     return destination;
 }
 
-char* qlxstrpbrk(const char* text, const char* set) noexcept {
-    return const_cast<char*>(strpbrk(text, set));
-}
-
 int qlx_access(const char* path, int mode) noexcept {
     return access(path, mode);
 }

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "common/diagnostics.h"
 #include "mb.h"
@@ -51,7 +52,58 @@ void useSession(MBSession* session) {
     allOrNothing(session, [&] { return MBEnableResiliency(session, 5); });
 }
 
+/// Whether a query with a cursor succeeded.
+uint32_t walk(MBSession* session, bool lines) {
+    MBPOFilter filter{};
+    filter.size = sizeof filter;
+    MBPOFilterInit(&filter);
+    PO po{};
+    char* line = nullptr;
+    MBPOCursor* cursor = lines ? MBPOStringFindFirst(session, 1, &filter, &line, nullptr)
+                               : MBPOFindFirst(session, 1, &filter, &po, nullptr);
+    uint32_t status = cursor != nullptr ? uint32_t{CR_STATUS_OK} : kspool::statusSlot();
+    if (cursor != nullptr && !lines) status = MBPOFindNext(cursor, &po);
+    MBPOFindClose(cursor);
+    free(po.text);
+    return status;
+}
+
+/// The operations on POs and images. Queries are sent once, so that a failure is one.
+void usePOs(MBSession* session) {
+    MBPOFilter filter{};
+    filter.size = sizeof filter;
+    MBPOFilterInit(&filter);
+    MBImageRetentionInfo info{};
+    char* text = nullptr;
+    int32_t digit = 0;
+    const auto withAnswer = [&](const char* call, const char* answer, auto operation) {
+        scripted::Reply reply;
+        reply.data = answer;
+        scripted::queueReply(call, reply);
+        allOrNothing(session, operation);
+        free(std::exchange(text, nullptr));
+        scripted::forgetQueued();
+    };
+    constexpr char kExt[] = "WSRequestExt", kPost[] = "WSRequestPOST", kTwo[] = "n\nt\n2\nA|\nB|\n";
+    withAnswer(kExt, "dsid|", [&] { return MBPOImport(session, 1, "pos"); });
+    withAnswer(kPost, "dsid|", [&] { return MBPOAddList(session, 1, "pos"); });
+    withAnswer(kPost, "dsid|", [&] { return MBPOZELTAddList(session, 1, "pos"); });
+    withAnswer(kExt, "x", [&] { return MBPOExpire(session, 1, "pos"); });
+    withAnswer(kExt, kTwo, [&] { return MBPOFind(session, 1, &filter, &text, nullptr, nullptr); });
+    withAnswer(kExt, kTwo, [&] { return walk(session, true); });
+    withAnswer(kExt, kTwo, [&] { return walk(session, false); });
+    withAnswer(kExt, "x", [&] { return MBSetLastImageV2(session, 1, "", "", 1, 1, "", 1); });
+    withAnswer(kExt, "x", [&] { return MBSetLastImage(session, 1, "", "", 1, "", 1, 1, 1); });
+    withAnswer(kExt, "x", [&] { return MBGetLastImages(session, 1, "", "", 1, 1, &text); });
+    withAnswer(kExt, "x", [&] { return MBDeleteImage(session, 1, "", "", "", 1); });
+    withAnswer(kExt, "x", [&] { return MBSetImageRetention(session, 1, "", "", "", 1, 1, 1); });
+    withAnswer(kExt, "1;2", [&] { return MBGetImageRetention(session, 1, "", "", "", &info); });
+    withAnswer(kExt, "x", [&] { return MBFindImagePolicy(session, 1, "", "", &text); });
+    withAnswer(kExt, "1|x\n", [&] { return MBGetHVXTag(session, 1, &digit, &text); });
+}
+
 TEST(SessionTorture, EveryCallFailsInTurn) {
+    MBSetRetryCount(0);
     for (const char* path : {static_cast<const char*>(nullptr), "/agent.cfg"}) {
         torture::run([=] {
             const KSOption options[] = {textOption(KS_OPT_MBS_URL, "http://mbs"),
@@ -65,6 +117,7 @@ TEST(SessionTorture, EveryCallFailsInTurn) {
             }
             EXPECT_EQ(kspool::statusSlot(), 0U);
             useSession(session);
+            usePOs(session);
             MBShutdown(session);
         });
     }

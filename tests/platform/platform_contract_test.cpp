@@ -15,6 +15,7 @@
 #include "ks.h"
 #include "platform/ini.h"
 #include "platform/net.h"
+#include "platform/po.h"
 #include "platform/status.h"
 #include "platform/support.h"
 
@@ -295,6 +296,63 @@ TEST(PlatformNet, FindsHostAndPort) {
     char small[4];
     EXPECT_EQ(NetExtractHostAndPort("host:9000", small, sizeof small, 0), 3);
     EXPECT_STREQ(small, "hos");
+}
+
+TEST(PlatformNet, DecodesInPlace) {
+    const struct {
+        const char *coded, *plain;
+    } table[] = {{"abc%20d", "abc d"}, {"a+b", "a+b"}, {"%4a%4A", "JJ"},
+                 {"%", "%"},           {"%2", "%2"},   {"%zz%2g%%41", "%zz%2g%A"}};
+    for (const auto& row : table) {
+        std::string text = row.coded;
+        EXPECT_EQ(URLDecode(text.data()), text.data());
+        EXPECT_STREQ(text.c_str(), row.plain);
+    }
+}
+
+// Each character at each place around the blocks that a fast search may take at once.
+TEST(PlatformSupport, FindsTheFirstOfASet) {
+    alignas(64) char text[130];
+    for (size_t start = 0; start < 40; ++start) {
+        for (size_t length = 0; length < 80; ++length) {
+            memset(text, 'x', sizeof text);
+            text[start > 0 ? start - 1 : 129] = '\n';  // before the text
+            text[start + length] = '\0';
+            text[start + length + 1] = '\n';  // behind it
+            EXPECT_EQ(qlxstrpbrk(text + start, "\r\n"), nullptr);
+            if (length == 0) continue;
+            text[start + length - 1] = length % 2 == 0 ? '\r' : '\n';
+            EXPECT_EQ(qlxstrpbrk(text + start, "\r\n"), text + start + length - 1);
+            EXPECT_EQ(qlxstrpbrk(text + start, "a\r\n"), text + start + length - 1);
+        }
+    }
+}
+
+TEST(PlatformPO, IsItsLine) {
+    PO po{};
+    size_t length = 9;
+    EXPECT_EQ(POGetField(&po, 0, &length), nullptr);
+    POSetStype(&po, 1);
+    char line[] = "a||long";
+    ASSERT_EQ(POSetFromNonConstString(&po, line), 0);
+    memset(line, 'x', sizeof line - 1);
+    const struct {
+        uint32_t index;
+        const char* text;
+    } table[] = {{0, "a"}, {1, ""}, {2, "long"}};
+    for (const auto& row : table) {
+        const char* field = POGetField(&po, row.index, &length);
+        ASSERT_NE(field, nullptr);
+        EXPECT_EQ(std::string(field, length), row.text);
+    }
+    EXPECT_EQ(POGetField(&po, 3, &length), nullptr);
+    char none[] = "no PO";
+    *__cr_errno_location() = 0;
+    EXPECT_NE(POSetFromNonConstString(&po, none), 0);
+    EXPECT_EQ(*__cr_errno_location(), CR_STATUS_BAD_HANDLE);
+    EXPECT_EQ(po.text, nullptr);
+    POReset(&po);
+    EXPECT_EQ(po.stype, 1U);
 }
 
 // The example of the document is a file that the loader takes without a word.

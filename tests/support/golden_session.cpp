@@ -13,23 +13,17 @@
 #include "tests/support/system_calls.h"
 
 namespace golden {
-namespace {
 
-/// A word as a text: "null", "empty", "x*300" for 300 times x, "_" for a space.
-struct Text {
-    explicit Text(const std::string& word) : isNull(word == "null") {
-        const size_t star = word.find('*');
-        if (star == 1) {
-            text.assign(std::stoul(word.substr(2)), word[0]);
-        } else if (word != "empty") {
-            for (const char c : word)
-                text += c == '_' ? ' ' : c;
-        }
+Text::Text(const std::string& word) : isNull(word == "null") {
+    if (word.size() > 2 && word[1] == '*') {
+        text.assign(std::stoul(word.substr(2)), word[0]);
+    } else if (word != "empty") {
+        for (const char c : word)
+            text += c == '_' ? ' ' : c == '~' ? '\n' : c == '^' ? '\r' : c;
     }
-    const char* get() const { return isNull ? nullptr : text.c_str(); }
-    std::string text;
-    bool isNull;
-};
+}
+
+namespace {
 
 /// Option records from words "CODE=VALUE".
 class Options {
@@ -128,6 +122,13 @@ class SessionScene : public Scene {
             const Text text(w[i]);
             if (!text.isNull && !w[i].empty()) *texts[i - 4] = text.text;
         }
+        // "meanwhile retries=1": a setting changes while the call is under way.
+        if (!then_.empty()) {
+            const int32_t value = std::stoi(then_.substr(then_.find('=') + 1));
+            const auto set = then_[0] == 'r' ? MBSetRetryCount : MBSetTimeOut;
+            reply.meanwhile = [=] { set(value); };
+            then_.clear();
+        }
         scripted::queueReply(w[1], reply);
         return {};
     }
@@ -171,6 +172,8 @@ class SessionScene : public Scene {
     MBSession* session_ = nullptr;
     bool without_ = false;
     std::vector<std::string> files_;
+    std::string then_;
+    std::unique_ptr<Scene> pos_ = poScene([this] { return handle(); });
 };
 
 SessionScene::SessionScene() {
@@ -196,6 +199,11 @@ SessionScene::SessionScene() {
              return std::string();
          }},
         {"reply", [this](const Words& w) { return reply(w); }},
+        {"meanwhile",
+         [this](const Words& w) {
+             then_ = w[1];
+             return std::string();
+         }},
         {"config",
          [this](const Words& w) {
              memset(&config_, 0x55, sizeof config_);
@@ -283,6 +291,7 @@ SessionScene::SessionScene() {
              return status(result) + ", time " + std::to_string(time);
          }},
     };
+    verbs.insert(pos_->verbs.begin(), pos_->verbs.end());
 }
 
 }  // namespace

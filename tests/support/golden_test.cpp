@@ -81,7 +81,7 @@ class Replay {
             words.push_back(word);
         const Verb* verb = find(words.at(0));
         if (verb == nullptr) return "no such command\n";
-        words.resize(std::max<size_t>(words.size(), 6));
+        words.resize(std::max<size_t>(words.size(), 7));
         const std::string result = (*verb)(words);
         return scripted::takeRecord() + (result.empty() ? "" : "= " + result + "\n");
     }

@@ -4,6 +4,7 @@
 #define TESTS_SCRIPTED_PLATFORM_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -32,10 +33,14 @@ struct Reply {
     uint32_t status = 0;  ///< also left in the slot by calls that return none
     uint32_t eventCode = 0;
     std::optional<std::string> data, severity, serverAddress, sourceApplication, description;
+    std::function<void()> meanwhile = {};  ///< what else happens while the call is under way
 };
 
 /// Adds a reply for the next call of that name. Without one, calls succeed and bring nothing.
 void queueReply(const std::string& call, const Reply& reply);
+
+/// Forgets the replies that were not taken.
+void forgetQueued();
 
 /// What the configuration file holds, by the offsets of section and entry.
 void configValue(int section, int entry, const std::string& value);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <initializer_list>
 #include <map>
 #include <set>
 
@@ -52,6 +53,7 @@ Reply answered(const std::string& call, const std::string& arguments, bool mayFa
     if (queue.empty()) return {};
     Reply next = queue.front();
     queue.pop_front();
+    if (next.meanwhile) next.meanwhile();
     return next;
 }
 
@@ -103,15 +105,47 @@ int integer(const char* call, const char* section, const char* entry, Integer* r
     return value != nullptr ? 1 : 0;
 }
 
-/// The parameters of a request. What is not text is an integer, of 32 bits as far as is known here.
+/// The parameters of a request, each taken in the width that its name has.
 std::string parameters(va_list& list) {
     std::string out;
     while (const char* name = va_arg(list, const char*)) {
         out += std::string(", ") + name + "=";
-        out += strcmp(name, "recursive") == 0 ? std::to_string(va_arg(list, uint32_t))
-                                              : quoted(va_arg(list, const char*));
+        const auto is = [=](std::initializer_list<const char*> names) {
+            return std::any_of(names.begin(), names.end(),
+                               [=](const char* n) { return strcmp(n, name) == 0; });
+        };
+        if (is({"recursive", "dataselection", "dsid"})) {
+            out += std::to_string(va_arg(list, uint32_t));
+        } else if (is({"parentid", "flags"})) {
+            out += std::to_string(va_arg(list, int32_t));
+        } else if (is({"datetime", "dcid"})) {
+            out += std::to_string(va_arg(list, uint64_t));
+        } else if (is({"wormflags", "retention"})) {
+            out += std::to_string(va_arg(list, int64_t));
+        } else {
+            out += quoted(va_arg(list, const char*));
+        }
     }
     return out;
+}
+
+/// Fills a result record from a reply, and returns the status.
+uint32_t fill(WSResult* result, const Reply& reply) {
+    kept = reply;
+    result->eventCode = kept.eventCode;
+    result->data = copied(kept.data);
+    result->severity = known(kept.severity);
+    result->serverAddress = known(kept.serverAddress);
+    result->sourceApplication = known(kept.sourceApplication);
+    result->description = known(kept.description);
+    const bool lost = kept.data.has_value() && result->data == nullptr;
+    return lost ? uint32_t{CR_STATUS_NO_MEMORY} : kept.status;
+}
+
+/// What a record that is not zeroed is called.
+const char* stateOf(const WSResult* result) {
+    static const WSResult kZeroed{};
+    return memcmp(result, &kZeroed, sizeof kZeroed) == 0 ? "" : ", result not zeroed";
 }
 
 }  // namespace
@@ -131,6 +165,10 @@ void configValue(int section, int entry, const std::string& value) {
 
 void recordConfiguration(bool recorded) {
     configurationIsRecorded = recorded;
+}
+
+void forgetQueued() {
+    replies.clear();
 }
 
 void forgetReplies() {
@@ -219,6 +257,25 @@ void POReset(PO* po) noexcept {
     po->text = nullptr;
 }
 
+void POSetStype(PO* po, uint32_t stype) noexcept {
+    record("POSetStype(" + std::to_string(stype) + ")");
+    po->stype = stype;
+}
+int POSetFromNonConstString(PO* po, char* line) noexcept {
+    const Reply reply = answered("POSetFromNonConstString", quoted(line));
+    po->text = reply.status == 0 ? copied(std::string(line)) : nullptr;
+    if (po->text != nullptr) return 0;
+    *__cr_errno_location() = reply.status != 0 ? reply.status : uint32_t{CR_STATUS_NO_MEMORY};
+    return -1;
+}
+char* URLDecode(char* text) noexcept {
+    record("URLDecode(" + quoted(text) + ")");
+    return text;
+}
+char* qlxstrpbrk(const char* text, const char* set) noexcept {
+    return const_cast<char*>(strpbrk(text, set));
+}
+
 WSTransport* WSInit(int a, int b, int c, int d, int e) noexcept {
     const Reply reply =
         answered("WSInit", std::to_string(a) + std::to_string(b) + std::to_string(c) +
@@ -250,21 +307,23 @@ uint32_t WSSetOptVa(WSTransport* transport, ...) noexcept {
     return answered("WSSetOptVa", out + "0").status;
 }
 uint32_t WSRequestExt(WSTransport*, uint32_t service, WSResult* result, ...) noexcept {
-    static const WSResult kZeroed{};
-    const bool zeroed = memcmp(result, &kZeroed, sizeof kZeroed) == 0;
     va_list list;
     va_start(list, result);
-    kept = answered("WSRequestExt", std::to_string(service) +
-                                        (zeroed ? "" : ", result not zeroed") + parameters(list));
+    const std::string arguments = std::to_string(service) + stateOf(result) + parameters(list);
     va_end(list);
-    result->eventCode = kept.eventCode;
-    result->data = copied(kept.data);
-    result->severity = known(kept.severity);
-    result->serverAddress = known(kept.serverAddress);
-    result->sourceApplication = known(kept.sourceApplication);
-    result->description = known(kept.description);
-    const bool lost = kept.data.has_value() && result->data == nullptr;
-    return lost ? uint32_t{CR_STATUS_NO_MEMORY} : kept.status;
+    return fill(result, answered("WSRequestExt", arguments));
+}
+uint32_t WSRequestPOST(WSTransport*, uint32_t service, WSResult* result, uint32_t dataselection,
+                       const char* body, const char* action) noexcept {
+    return fill(result, answered("WSRequestPOST", std::to_string(service) + stateOf(result) + ", " +
+                                                      std::to_string(dataselection) + ", " +
+                                                      quoted(body) + ", " + quoted(action)));
+}
+uint32_t WSArchMode(WSTransport*) noexcept {
+    return answered("WSArchMode", "", false).status;
+}
+int64_t WSGetResponseTimeout(const WSTransport*) noexcept {
+    return answered("WSGetResponseTimeout", "", false).status;
 }
 int64_t WSGetLastUseTime(const WSTransport*) noexcept {
     return time(nullptr) - answered("WSGetLastUseTime", "", false).status;

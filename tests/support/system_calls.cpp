@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "tests/support/scripted_platform.h"
 
@@ -15,6 +16,7 @@ extern "C" {
 void* __real_calloc(size_t, size_t);
 void* __real_mmap(void*, size_t, int, int, int, off_t);
 void* __real_realloc(void*, size_t);
+char* __real_strndup(const char*, size_t);
 void __real_free(void*);
 int __real_munmap(void*, size_t);
 int __real_madvise(void*, size_t, int);
@@ -29,8 +31,8 @@ namespace calls {
 namespace {
 
 constexpr std::array<const char*, kCalls> kNames = {
-    "calloc", "realloc",  "mmap", "mlock",  "munlock",    "open",    "read", "write",
-    "lseek",  "platform", "free", "munmap", "munlockall", "madvise", "close"};
+    "calloc", "realloc", "strdup",   "mmap", "mlock",  "munlock",    "open",    "read",
+    "write",  "lseek",   "platform", "free", "munmap", "munlockall", "madvise", "close"};
 
 std::array<size_t, kCalls> counts;
 Failure wanted;
@@ -174,6 +176,17 @@ void* __wrap_calloc(size_t count, size_t size) {
     void* memory = __real_calloc(count, size);
     if (watching && memory != nullptr) allocations.insert(memory, 0);
     return memory;
+}
+
+char* __wrap_strndup(const char* text, size_t most) {
+    if (fails(kStrdup)) return nullptr;
+    char* copy = __real_strndup(text, most);
+    if (watching && copy != nullptr) allocations.insert(copy, 0);
+    return copy;
+}
+
+char* __wrap_strdup(const char* text) {
+    return __wrap_strndup(text, strlen(text));
 }
 
 void* __wrap_realloc(void* old, size_t size) {

@@ -13,6 +13,7 @@ namespace calls {
 enum Call {
     kCalloc,
     kRealloc,
+    kStrdup,  ///< and strndup
     kMmap,
     kMlock,
     kMunlock,

@@ -1,0 +1,164 @@
+// A query: the request with its retries, and the head of its answer.
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "mb/mb_int.h"
+
+namespace kspool {
+namespace {
+
+struct FreeText {
+    void operator()(char* text) const { free(text); }
+};
+struct CloseCursor {
+    void operator()(MBPOCursor* cursor) const { MBPOFindClose(cursor); }
+};
+using Text = std::unique_ptr<char, FreeText>;
+using Cursor = std::unique_ptr<MBPOCursor, CloseCursor>;
+
+/// The query string of a filter, or NULL with the reason in the slot.
+Text _mbFilterToString(const MBPOFilter* filter) {
+    const int length = _mbFilterToStringPrint(nullptr, 0, filter);
+    if (length < 0) {
+        KS_ERROR(statusSlot(),
+                 "%s: Could not determine required buffer size to convert filter to string: %s",
+                 "_mbFilterToString", CRStatusToStringA(statusSlot()));
+        return nullptr;
+    }
+    const size_t size = static_cast<size_t>(length) + 1;
+    Text text(static_cast<char*>(calloc(1, size)));
+    if (text == nullptr) {
+        const uint32_t status = storeSystemError("_mbFilterToString", kMbSource);
+        KS_ERROR(status,
+                 "%s: Could not allocate buffer of %lu bytes to convert filter to string: %s",
+                 "_mbFilterToString", static_cast<unsigned long>(size), CRStatusToStringA(status));
+        return nullptr;
+    }
+    const int printed = _mbFilterToStringPrint(text.get(), size, filter);
+    if (printed == length) return text;
+    // A filter that changed meanwhile leaves no reason, but a query may not fail without one.
+    if (printed >= 0) storeStatus(CR_STATUS_INVALID_PARAMETER);
+    KS_ERROR(statusSlot(), "%s: Could not convert filter to string: %s", "_mbFilterToString",
+             CRStatusToStringA(statusSlot()));
+    return nullptr;
+}
+
+/// One query on its way to the server.
+class Query {
+  public:
+    Query(const MBSession& session, uint32_t dataselection, const char* text, MBPOCursor& cursor)
+        : transport_(session.transport),
+          dataselection_(dataselection),
+          text_(text),
+          result_(cursor.result) {}
+
+    /// False with the status of the last attempt in the slot.
+    bool send() {
+        const uint32_t status = attempt();
+        if (status == CR_STATUS_OK && result_.eventCode == 0) return true;
+        KS_TRACE("%s: status of WSRequestExt: %d %s", "_mbFindFirst", static_cast<int>(status),
+                 CRStatusToStringA(status));
+        return retry(status == CR_STATUS_OK ? uint32_t{CR_STATUS_REMOTE_ERROR} : status);
+    }
+
+  private:
+    uint32_t attempt() {
+        return WSRequestExt(transport_, WS_SERVICE_METABASE, &result_, "action", "find",
+                            "dataselection", dataselection_, "filter", text_, kEndOfParameters);
+    }
+
+    /// Each retry waits longer for its answer. The tunables are read anew each time.
+    bool retry(uint32_t status) {
+        int64_t timeout = WSGetResponseTimeout(transport_);
+        for (int64_t retries = 1; retries <= ksvfs_conf_ws_retrycount; ++retries) {
+            timeout += ksvfs_conf_ws_timeout;
+            free(result_.data);
+            result_ = {};
+            WSSetOptVa(transport_, uint32_t{WS_OPT_RESPONSE_TIMEOUT}, timeout, uint32_t{0});
+            KS_TRACE("Retrying web service call (retry: %u, timeout: %u)",
+                     static_cast<unsigned>(retries), static_cast<unsigned>(timeout));
+            status = attempt();
+            if (status == CR_STATUS_OK) {
+                KS_TRACE("Retry completed successfully");
+                return true;
+            }
+            KS_TRACE("%s: Retry failed: %d %s", "_mbFindFirst", static_cast<int>(status),
+                     CRStatusToStringA(status));
+        }
+        storeStatus(status);
+        return false;
+    }
+
+    WSTransport* transport_;
+    uint32_t dataselection_;
+    const char* text_;
+    WSResult& result_;
+};
+
+/// The number that a line begins with, its low 32 bits. The line ends at `end`.
+uint32_t leadingNumber(const char* line, const char* end) {
+    char digits[32] = "";
+    while (line < end && strchr(" \t\v\f", *line) != nullptr)
+        ++line;
+    const auto length = static_cast<size_t>(end - line);
+    memcpy(digits, line, length < sizeof digits ? length : sizeof digits - 1);
+    return static_cast<uint32_t>(strtol(digits, nullptr, 10));
+}
+
+/// Reads the three lines before the POs. False, with a report, for an answer that is not so.
+bool readHead(MBPOCursor& cursor) {
+    static constexpr const char* kUnterminated[] = {"PO field names improperly terminated",
+                                                    "PO field types improperly terminated",
+                                                    "PO count improperly terminated"};
+    char* line = cursor.result.data;
+    for (const char* unterminated : kUnterminated) {
+        char* end = line != nullptr ? qlxstrpbrk(line, "\r\n") : nullptr;
+        if (end == nullptr) {
+            storeStatus(CR_STATUS_BAD_HANDLE);
+            KS_ERROR(CR_STATUS_BAD_HANDLE,
+                     "Could not complete query: data returned by server is incorrectly formatted "
+                     "(%s)",
+                     unterminated);
+            return false;
+        }
+        cursor.poCount = leadingNumber(line, end);  // that of the last of the three stands
+        line = end + 1;
+    }
+    cursor.nextLine = line;
+    return true;
+}
+
+Cursor makeCursor() {
+    Cursor cursor(static_cast<MBPOCursor*>(calloc(1, sizeof(MBPOCursor))));
+    if (cursor == nullptr) {
+        const uint32_t status = storeSystemError("_mbFindFirst", kMbSource);
+        KS_ERROR(status,
+                 "Metabase query failure: could not allocate %u bytes to maintain query data (%s)",
+                 static_cast<unsigned>(sizeof(MBPOCursor)), CRStatusToStringA(status));
+    }
+    return cursor;
+}
+
+}  // namespace
+
+MBPOCursor* _mbFindFirst(MBSession* session, uint32_t dataselection,
+                         const MBPOFilter* filter) noexcept {
+    Cursor cursor = makeCursor();
+    if (cursor == nullptr) return nullptr;
+    const Text query = _mbFilterToString(filter);
+    if (query == nullptr) {
+        KS_ERROR(statusSlot(),
+                 "Metabase query failure: could not convert find filter to query string: %s",
+                 CRStatusToStringA(statusSlot()));
+        return nullptr;
+    }
+    KS_TRACE("%s: query is %s", "_mbFindFirst", query.get());
+    if (!Query(*session, dataselection, query.get(), *cursor).send()) return nullptr;
+    if (!readHead(*cursor)) return nullptr;
+    KS_TRACE("%s: query = %s\nNumber of results = %u\nResponse data is:\n%s", "_mbFindFirst",
+             query.get(), cursor->poCount, cursor->result.data);
+    return cursor.release();
+}
+
+}  // namespace kspool

@@ -1,0 +1,180 @@
+// Records of backup images.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "mb/mb_request.h"
+#include "platform/net.h"
+
+namespace kspool {
+namespace {
+
+/// For these operations a missing argument of any kind counts as a missing handle.
+template <typename... Pointers>
+uint32_t checkAll(const MBSession* session, Pointers... required) {
+    const bool complete = session != nullptr && (... && (required != nullptr));
+    return complete ? CR_STATUS_OK : CR_STATUS_NULL_HANDLE;
+}
+
+uint32_t checkImage(const MBSession* session, uint32_t dsid) {
+    if (dsid == 0) return storeStatus(CR_STATUS_INVALID_PARAMETER);
+    return session == nullptr ? CR_STATUS_NULL_HANDLE : CR_STATUS_OK;
+}
+
+/// Hands a copy of an answer to the caller; `*output` is NULL when there is none.
+uint32_t copyAnswer(const char* answer, char** output) {
+    *output = nullptr;
+    if (answer == nullptr) return CR_STATUS_REMOTE_ERROR;
+    *output = strdup(answer);
+    return *output != nullptr ? CR_STATUS_OK : CR_STATUS_NO_MEMORY;
+}
+
+/// Takes the fields of an answer, which end with semicolons, until one is empty or the text ends.
+void readRetention(const char* text, MBImageRetentionInfo* info) {
+    int64_t* const numbers[] = {&info->retentionValue1, &info->retentionValue2,
+                                &info->retentionValue3, &info->retentionValue4};
+    char field[sizeof info->retentionText];
+    int length = 0;
+    for (size_t i = 0; sscanf(text, "%1023[^;]%n", field, &length) == 1; ++i) {
+        if (i < std::size(numbers)) *numbers[i] = strtoll(field, nullptr, 10);
+        if (i == std::size(numbers)) {
+            qlxstrcpy(info->retentionText, field, sizeof info->retentionText);
+        }
+        text += length;
+        if (*text == '\0') break;
+        ++text;
+    }
+}
+
+/// Reads "DIGIT SEPARATOR TAG END" of an answer.
+uint32_t readTag(const char* answer, int32_t* digit, char** tag) {
+    *digit = static_cast<signed char>(answer[0]) - '0';
+    if (*digit <= 0) return CR_STATUS_OK;
+    const size_t length = strlen(answer);
+    if (length < 3) return CR_STATUS_BAD_HANDLE;
+    *tag = strndup(answer + 2, length - 3);
+    if (*tag == nullptr) return CR_STATUS_NO_MEMORY;
+    URLDecode(*tag);
+    return CR_STATUS_OK;
+}
+
+}  // namespace
+}  // namespace kspool
+
+using namespace kspool;
+
+uint32_t MBSetLastImageV2(MBSession* session, uint32_t dsid, const char* client, const char* policy,
+                          int32_t parentid, uint64_t datetime, const char* imagename,
+                          int32_t flags) noexcept {
+    if (const uint32_t bad = checkImage(session, dsid)) return bad;
+    Answer answer;
+    const uint32_t status = carryOut(*session, Op::SetLastImageV2, answer, "dsid", dsid, "client",
+                                     client, "policy", policy, "parentid", parentid, "datetime",
+                                     datetime, "imagename", imagename, "flags", flags);
+    if (status != CR_STATUS_OK) {
+        KS_ERROR(status,
+                 "%s dsid=%u datetime=%luclient=%s policy=%s imagename=%s flags=%d failed (%s).",
+                 "MBSetLastImageV2", dsid, static_cast<unsigned long>(datetime), client, policy,
+                 imagename, flags, CRStatusToStringA(status));
+    }
+    return status;
+}
+
+uint32_t MBSetLastImage(MBSession* session, uint32_t dsid, const char* client, const char* policy,
+                        uint64_t datetime, const char* dofp, uint64_t, uint64_t dcid,
+                        int32_t flags) noexcept {
+    if (const uint32_t bad = checkImage(session, dsid)) return bad;
+    Answer answer;
+    const uint32_t status =
+        carryOut(*session, Op::SetLastImage, answer, "dsid", dsid, "client", client, "policy",
+                 policy, "datetime", datetime, "dofp", dofp, "dcid", dcid, "flags", flags);
+    if (status != CR_STATUS_OK) {
+        KS_ERROR(status,
+                 "%s dsid=%u datetime=%lu client=%s policy=%s dofp=%s dcid=%lu flags=%d failed "
+                 "(%s).",
+                 "MBSetLastImage", dsid, static_cast<unsigned long>(datetime), client, policy, dofp,
+                 static_cast<unsigned long>(dcid), flags, CRStatusToStringA(status));
+    }
+    return status;
+}
+
+uint32_t MBGetLastImages(MBSession* session, uint32_t dsid, const char* client, const char* policy,
+                         int32_t parentid, uint64_t datetime, char** answer) noexcept {
+    if (const uint32_t bad = checkAll(session, answer)) return bad;
+    const Operation& op = operation(Op::GetLastImages);
+    Answer received;
+    const uint32_t sent = WSRequestExt(
+        session->transport, op.service, &received, "action", op.action, "dsid", dsid, "client",
+        client, "policy", policy, "parentid", parentid, "datetime", datetime, kEndOfParameters);
+    uint32_t status = conclude(*session, op, received, sent);
+    if (sent != CR_STATUS_OK) return status;
+    *answer = nullptr;
+    if (status != CR_STATUS_OK) return status;
+    status = copyAnswer(received.data, answer);
+    return status == CR_STATUS_OK ? status : storeStatus(status);
+}
+
+uint32_t MBDeleteImage(MBSession* session, uint32_t dsid, const char* client, const char* policy,
+                       const char* imagename, int32_t flags) noexcept {
+    const char* appname = OSGetProcName(0);
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    Answer answer;
+    return carryOut(*session, Op::DeleteImage, answer, "dsid", dsid, "client", client, "policy",
+                    policy, "imagename", imagename, "appname", appname, "flags", flags);
+}
+
+uint32_t MBSetImageRetention(MBSession* session, uint32_t dsid, const char* client,
+                             const char* policy, const char* imagename, int32_t flags,
+                             int64_t wormflags, int64_t retention) noexcept {
+    if (const uint32_t bad = checkAll(session, client, policy, imagename)) return bad;
+    Answer answer;
+    return carryOut(*session, Op::SetImageRetention, answer, "dsid", dsid, "client", client,
+                    "policy", policy, "imagename", imagename, "flags", flags, "wormflags",
+                    wormflags, "retention", retention);
+}
+
+uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const char* client,
+                             const char* policy, const char* imagename,
+                             MBImageRetentionInfo* info) noexcept {
+    if (const uint32_t bad = checkAll(session, client, policy, imagename, info)) return bad;
+    Answer answer;
+    const uint32_t status = carryOut(*session, Op::GetImageRetention, answer, "dsid", dsid,
+                                     "client", client, "policy", policy, "imagename", imagename);
+    if (status != CR_STATUS_OK) return status;
+    if (answer.data == nullptr) return CR_STATUS_REMOTE_ERROR;
+    readRetention(answer.data, info);
+    return CR_STATUS_OK;
+}
+
+uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const char* client,
+                           const char* imagename, char** policy) noexcept {
+    if (const uint32_t bad = checkAll(session, client, imagename, policy)) return bad;
+    Answer answer;
+    const uint32_t status = carryOut(*session, Op::FindImagePolicy, answer, "dsid", dsid, "client",
+                                     client, "imagename", imagename);
+    if (status != CR_STATUS_OK) return status;
+    return copyAnswer(answer.data, policy);
+}
+
+uint32_t MBGetHVXTag(MBSession* session, uint32_t dataselection, int32_t* digit,
+                     char** tag) noexcept {
+    if (const uint32_t bad = checkAll(session, digit, tag)) {
+        KS_ERROR(bad, "%s: invalid parameters.", "MBGetHVXTag");
+        return bad;
+    }
+    *tag = nullptr;
+    const Operation& op = operation(Op::GetHVXTag);
+    Answer answer;
+    const uint32_t sent = WSRequestExt(session->transport, op.service, &answer, "action", op.action,
+                                       "dataselection", dataselection, kEndOfParameters);
+    if (sent != CR_STATUS_OK) KS_ERROR(sent, "Failed to get HVX tag from tarnd.");
+    const uint32_t status = conclude(*session, op, answer, sent);
+    if (status != CR_STATUS_OK) return status;
+    if (answer.data == nullptr) {
+        KS_FATAL(op.name, op.fatalId,
+                 "Failed to complete get HVX Tag webservice, no error, but tag string is NULL");
+        return CR_STATUS_REMOTE_ERROR;
+    }
+    return readTag(answer.data, digit, tag);
+}

@@ -1,0 +1,62 @@
+// Lists of POs, which the server takes as texts.
+#include <cstring>
+
+#include "mb/mb_request.h"
+
+namespace kspool {
+namespace {
+
+/// The first of the field names that an answer begins with.
+constexpr char kFirstName[] = "dsid|";
+
+uint32_t checkList(const MBSession* session, const char* pos) {
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    return pos == nullptr || *pos == '\0' ? CR_STATUS_INVALID_PARAMETER : CR_STATUS_OK;
+}
+
+/// The status of an operation whose answer, if there is one, begins with field names.
+uint32_t checkNames(uint32_t status, const WSResult& result, const char* missingNames) {
+    if (status != CR_STATUS_OK || result.data == nullptr) return status;
+    if (strncmp(result.data, kFirstName, sizeof kFirstName - 1) == 0) return status;
+    KS_ERROR(CR_STATUS_BAD_RESPONSE, missingNames, result.data);
+    return CR_STATUS_BAD_RESPONSE;
+}
+
+uint32_t postList(MBSession* session, Op which, uint32_t dataselection, const char* pos,
+                  const char* missingNames) {
+    if (const uint32_t bad = checkList(session, pos)) return bad;
+    const Operation& op = operation(which);
+    Answer answer;
+    const uint32_t status =
+        WSRequestPOST(session->transport, op.service, &answer, dataselection, pos, op.action);
+    return checkNames(conclude(*session, op, answer, status), answer, missingNames);
+}
+
+}  // namespace
+}  // namespace kspool
+
+using namespace kspool;
+
+uint32_t MBPOImport(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
+    if (const uint32_t bad = checkList(session, pos)) return bad;
+    Answer answer;
+    const uint32_t status =
+        carryOut(*session, Op::POImport, answer, "dataselection", dataselection, "data", pos);
+    return checkNames(status, answer, "Missing field names in import webservice result '%s'");
+}
+
+uint32_t MBPOAddList(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
+    return postList(session, Op::POAddList, dataselection, pos,
+                    "Missing field names in addlist webservice result '%s'");
+}
+
+uint32_t MBPOZELTAddList(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
+    return postList(session, Op::POZELTAddList, dataselection, pos,
+                    "Missing field names in zeltaddlist webservice result '%s'");
+}
+
+uint32_t MBPOExpire(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
+    if (const uint32_t bad = checkList(session, pos)) return bad;
+    Answer answer;
+    return carryOut(*session, Op::POExpire, answer, "dataselection", dataselection, "data", pos);
+}
