@@ -4,9 +4,12 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 
+#include "sandbox/sandbox_images.h"
 #include "sandbox/sandbox_names.h"
+#include "sandbox/sandbox_pos.h"
 #include "sandbox/sandbox_request.h"
 
 namespace sandbox {
@@ -14,10 +17,14 @@ namespace sandbox {
 /// What handlers work on. They return the answer's text or throw Event.
 struct Context {
     NameSpace& names;
+    POStore& pos;
+    ImageStore& images;
     int64_t now;
+    /// What follows the text that a handler returns, block by block, if it is long.
+    std::function<std::string()> more{};
 };
 
-constexpr size_t kMostParameters = 8;
+constexpr size_t kMostParameters = 9;
 
 struct Action {
     const char* name;

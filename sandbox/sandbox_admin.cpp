@@ -57,6 +57,12 @@ OrderedJson setClock(State& state, const Json& body) {
     return showClock(state, body);
 }
 
+OrderedJson selectData(State& state, const Json& body) {
+    if (!body.is_array()) throw std::runtime_error("data selections are a JSON array");
+    state.core.select(body);
+    return {{"selected", body.size()}};
+}
+
 OrderedJson placeFiles(State& state, const Json& body) {
     if (!body.is_array()) throw std::runtime_error("a tree is a JSON array");
     state.core.place(body);
@@ -70,9 +76,11 @@ struct Function {
 };
 
 constexpr Function kFunctions[] = {
-    {"GET", "health", health},     {"POST", "reset", reset},      {"GET", "requests", requests},
-    {"GET", "faults", showFaults}, {"POST", "faults", addFaults}, {"DELETE", "faults", clearFaults},
-    {"GET", "clock", showClock},   {"POST", "clock", setClock},   {"POST", "tree", placeFiles},
+    {"GET", "health", health},     {"POST", "reset", reset},
+    {"GET", "requests", requests}, {"GET", "faults", showFaults},
+    {"POST", "faults", addFaults}, {"DELETE", "faults", clearFaults},
+    {"GET", "clock", showClock},   {"POST", "clock", setClock},
+    {"POST", "tree", placeFiles},  {"POST", "dataselections", selectData},
 };
 
 Answer json(unsigned status, const OrderedJson& content) {

@@ -21,11 +21,19 @@ struct EventRow {
 };
 
 constexpr EventRow kEvents[] = {
-    {kUnknownLogin, 401, "Unauthorized"},    {kNoPermission, 403, "Forbidden"},
-    {kBadRequest, 400, "Bad request"},       {kNotFound, 404, "Not found"},
-    {kExists, 409, "Already exists"},        {kNotDirectory, 409, "Not a directory"},
-    {kNotEmpty, 409, "Directory not empty"}, {kNeedsRecursive, 409, "Needs recursive"},
-    {kIntoItself, 409, "Not possible"},      {kBadPath, 400, "Path not valid"},
+    {kUnknownLogin, 401, "Unauthorized"},
+    {kNoPermission, 403, "Forbidden"},
+    {kBadRequest, 400, "Bad request"},
+    {kNotFound, 404, "Not found"},
+    {kExists, 409, "Already exists"},
+    {kNotDirectory, 409, "Not a directory"},
+    {kNotEmpty, 409, "Directory not empty"},
+    {kNeedsRecursive, 409, "Needs recursive"},
+    {kIntoItself, 409, "Not possible"},
+    {kBadPath, 400, "Path not valid"},
+    {kNoSelection, 404, "No such data selection"},
+    {kBadPO, 400, "Not a PO"},
+    {kNoImage, 404, "No such image"},
     {kServerFailed, 500, "Server failed"},
 };
 
@@ -104,7 +112,8 @@ Parameters parametersOf(const Action& action, const Pairs& pairs, const Request&
     }
     for (const Parameter& row : action.parameters) {
         const auto named = [&](const auto& pair) { return pair.first == row.name; };
-        if (row.name != nullptr && std::none_of(pairs.begin() + 1, pairs.end(), named))
+        if (row.name != nullptr && !row.optional &&
+            std::none_of(pairs.begin() + 1, pairs.end(), named))
             throw Event{kBadRequest, "parameter '" + std::string(row.name) + "' is missing"};
     }
     if (action.bodyText != nullptr) parameters.set(action.bodyText, request.body);
@@ -130,6 +139,8 @@ Answer problem(unsigned status, const nlohmann::ordered_json& members) {
 Core::Core(const Settings& settings)
     : database_(settings.database),
       names_(database_),
+      pos_(database_),
+      images_(database_),
       architectureMode_(settings.architectureMode) {
     if (!settings.database.empty())
         database_.script("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
@@ -208,8 +219,11 @@ Answer Core::carryOut(const Request& request, LogEntry& log) {
     }
     const Parameters parameters = parametersOf(action, pairs, request);
     if (action.changes) return change(request, action, parameters, log);
-    Context context{names_, now()};
-    return {.body = action.handle(context, parameters)};
+    Context context{names_, pos_, images_, now()};
+    Answer answer;
+    answer.body = action.handle(context, parameters);
+    answer.more = std::move(context.more);
+    return answer;
 }
 
 Answer Core::change(const Request& request, const Action& action, const Parameters& parameters,
@@ -222,7 +236,7 @@ Answer Core::change(const Request& request, const Action& action, const Paramete
     }
     Answer answer;
     try {
-        Context context{names_, now()};
+        Context context{names_, pos_, images_, now()};
         answer.body = action.handle(context, parameters);
     } catch (const Event& event) {
         // What is refused is remembered too, but changes nothing, whatever the handler did before.
@@ -257,6 +271,8 @@ void Core::remember(const Request& request, const std::string& digest, const Ans
 void Core::reset() {
     Transaction transaction(database_);
     names_.clear();
+    pos_.clear();
+    images_.clear();
     database_.run("DELETE FROM answers");
     transaction.commit();
     fixedClock_.reset();

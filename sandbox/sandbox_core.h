@@ -15,6 +15,7 @@
 #include "sandbox/sandbox_database.h"
 #include "sandbox/sandbox_event.h"
 #include "sandbox/sandbox_names.h"
+#include "sandbox/sandbox_pos.h"
 #include "sandbox/sandbox_request.h"
 
 namespace sandbox {
@@ -52,7 +53,9 @@ class Core {
     void place(const nlohmann::json& files);
     /// Takes names, sizes and times of a real folder; returns how many had to be left out.
     uint64_t placeFolder(const std::string& folder);
-    /// Names, remembered answers and the clock, as new.
+    /// From now on there are these data selections only. {number, tag} objects.
+    void select(const nlohmann::json& selections);
+    /// Names, POs, images, remembered answers and the clock, as new.
     void reset();
     /// The members that say who reports an event.
     nlohmann::ordered_json reporter() const;
@@ -67,6 +70,8 @@ class Core {
 
     Database database_;
     NameSpace names_;
+    POStore pos_;
+    ImageStore images_;
     Accounts accounts_;
     uint32_t architectureMode_;
     std::string serverAddress_;

@@ -40,6 +40,11 @@ class Query {
         int at = 0;
         (bindOne(++at, values), ...);
     }
+    /// The same for one value; places count from 1.
+    template <typename Value>
+    void bindAt(int at, const Value& value) {
+        bindOne(at, value);
+    }
     /// To run it again from the start, with what is bound then.
     void reset() { sqlite3_reset(statement_); }
     /// True while there is a row.

@@ -57,6 +57,42 @@ Response streamResponse(Stream stream, uint64_t declared) {
     return response;
 }
 
+/// A body of unknown length, of which only a block is there.
+struct Blocks {
+    std::string block;
+    std::function<std::string()> more;
+    size_t sent = 0;
+};
+
+ssize_t readBlocks(void* closure, uint64_t /*position*/, char* buffer, size_t size) noexcept {
+    auto& blocks = *static_cast<Blocks*>(closure);
+    try {
+        if (blocks.sent == blocks.block.size()) {
+            blocks.block = blocks.more();
+            blocks.sent = 0;
+        }
+    } catch (...) {
+        return MHD_CONTENT_READER_END_WITH_ERROR;
+    }
+    if (blocks.block.empty()) return MHD_CONTENT_READER_END_OF_STREAM;
+    const size_t count = std::min(size, blocks.block.size() - blocks.sent);
+    std::copy_n(blocks.block.data() + blocks.sent, count, buffer);
+    blocks.sent += count;
+    return static_cast<ssize_t>(count);
+}
+
+void freeBlocks(void* blocks) noexcept {
+    delete static_cast<Blocks*>(blocks);
+}
+
+Response blocksResponse(Answer& answer) {
+    auto owned = std::make_unique<Blocks>(Blocks{std::move(answer.body), std::move(answer.more)});
+    Response response(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kBlockSize, readBlocks,
+                                                        owned.get(), freeBlocks));
+    if (response != nullptr) static_cast<void>(owned.release());
+    return response;
+}
+
 Response makeResponse(MHD_Connection* connection, Alarm& alarm, std::string body,
                       const Fault* fault) {
     const Delivery delivery = fault != nullptr ? fault->kind->delivery : Delivery::kPlain;
@@ -121,7 +157,9 @@ MHD_Result deliver(MHD_Connection* connection, Alarm& alarm, Answer answer, cons
         if (fault->kind->delivery == Delivery::kGarbage) sendGarbage(connection, *fault);
         return MHD_NO;
     }
-    const Response response = makeResponse(connection, alarm, std::move(answer.body), fault);
+    const Response response = answer.more != nullptr
+                                  ? blocksResponse(answer)
+                                  : makeResponse(connection, alarm, std::move(answer.body), fault);
     if (response == nullptr) return MHD_NO;
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, answer.type.c_str());
     for (const auto& [name, value] : answer.headers)

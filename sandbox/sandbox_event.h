@@ -18,6 +18,9 @@ enum EventCode : uint32_t {
     kNeedsRecursive = 2005,
     kIntoItself = 2006,
     kBadPath = 2007,
+    kNoSelection = 3001,
+    kBadPO = 3002,
+    kNoImage = 3003,
     kServerFailed = 9001,
 };
 

@@ -88,6 +88,17 @@ MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connectio
     Answer answer;
     if (fault == nullptr || fault->kind->carriedOut)
         answer = state.core.answer(exchange.request, exchange.log);
+    if (answer.more != nullptr && fault != nullptr) {  // which changes whole answers only
+        for (std::string block = answer.more(); !block.empty(); block = answer.more())
+            answer.body += block;
+        answer.more = nullptr;
+    }
+    if (answer.more != nullptr) {
+        answer.more = [more = std::move(answer.more), &state] {
+            const std::lock_guard<std::mutex> hold(state.mutex);
+            return more();
+        };
+    }
     if (fault != nullptr) {
         fault->kind->change(*fault, state.core.reporter(), answer);
         exchange.log.fault = fault->kind->name;

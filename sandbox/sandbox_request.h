@@ -3,6 +3,7 @@
 #define SANDBOX_SANDBOX_REQUEST_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -28,6 +29,8 @@ struct Answer {
     std::string type = "text/plain";
     std::string body{};
     std::vector<std::pair<const char*, std::string>> headers{};
+    /// What comes after `body`, a block at a time while the answer is sent; empty at the end.
+    std::function<std::string()> more{};
 };
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
@@ -40,12 +43,14 @@ enum class Type { kText, kUint32, kInt32, kUint64, kInt64 };
 struct Parameter {
     const char* name;
     Type type;
+    bool optional = false;
 };
 
 /// Parameters that fit their rows: texts as they are, numbers checked.
 class Parameters {
   public:
     void set(std::string name, std::string value) { values_[std::move(name)] = std::move(value); }
+    bool has(const char* name) const { return values_.contains(name); }
     const std::string& text(const char* name) const { return values_.at(name); }
     /// uint64_t is had by a cast.
     int64_t number(const char* name) const;

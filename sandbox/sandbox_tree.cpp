@@ -7,6 +7,14 @@
 
 namespace sandbox {
 
+void Core::select(const nlohmann::json& selections) {
+    Transaction transaction(database_);
+    for (const auto& one : selections) {
+        images_.addSelection(one.at("number").get<uint32_t>(), one.value("tag", std::string()));
+    }
+    transaction.commit();
+}
+
 void Core::place(const nlohmann::json& files) {
     Transaction transaction(database_);
     for (const nlohmann::json& file : files) {

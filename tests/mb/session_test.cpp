@@ -176,6 +176,107 @@ TEST_P(Sessions, DoTheirWork) {
     EXPECT_EQ(WSArchMode(session_->transport), 1U);
 }
 
+/// A PO of a file, with its size in field 16.
+std::string po(const std::string& name, int size) {
+    return "1|1||0|0|c|p|i|/f|" + name + "|d|f||||" + std::to_string(size) +
+           "|0|0|0|0|0|0|0|0|0|\n";
+}
+
+TEST_P(Sessions, KeepPOs) {
+    const std::string three = po("a", 1) + po("b", 2) + po("[c]", 3);
+    EXPECT_EQ(MBPOAddList(session_, 1, three.c_str()), 0U);
+    EXPECT_EQ(MBPOImport(session_, 1, po("a", 10).c_str()), 0U);
+    EXPECT_EQ(MBPOZELTAddList(session_, 1, (po("b", 20) + po("d", 4)).c_str()), 0U);
+    EXPECT_EQ(MBPOExpire(session_, 1, po("d", 99).c_str()), 0U);
+    EXPECT_EQ(MBPOAddList(session_, 1, (po("e", 5) + "no PO\n").c_str()), 4U);
+    EXPECT_EQ(MBPOAddList(session_, 0, three.c_str()), 4U);
+
+    MBPOFilter filter{};
+    filter.size = sizeof filter;
+    ASSERT_EQ(MBPOFilterInit(&filter), 0U);
+    char* text = nullptr;
+    size_t length = 0;
+    uint32_t count = 0;
+    ASSERT_EQ(MBPOFind(session_, 1, &filter, &text, &length, &count), 0U);
+    const std::string all = text;
+    free(text);
+    EXPECT_EQ(count, 3U);
+    EXPECT_EQ(length, all.size() + 1);
+    const std::string lines = po("[c]", 3) + po("a", 10) + po("b", 2);
+    EXPECT_EQ(all.substr(all.size() - lines.size()), lines);
+
+    const struct {
+        const char* name;
+        int64_t size;
+        uint32_t count;
+    } table[] = {{"*", -1, 3}, {"?", -1, 2}, {"[c]", -1, 1}, {"[*", -1, 1}, {"b", 2, 1},
+                 {"b", 20, 0}, {"d", -1, 0}, {"*c*", -1, 1}, {"A", -1, 0}};
+    for (const auto& row : table) {
+        filter.criterion10 = row.name;
+        filter.criterion16 = row.size;
+        char* line = nullptr;
+        MBPOCursor* cursor = MBPOStringFindFirst(session_, 1, &filter, &line, &count);
+        EXPECT_EQ(count, row.count) << row.name;
+        EXPECT_EQ(cursor != nullptr, row.count > 0) << row.name;
+        for (uint32_t i = 1; i < row.count; ++i)
+            EXPECT_EQ(MBPOStringFindNext(cursor, &line), 0U);
+        EXPECT_EQ(MBPOStringFindNext(cursor, &line),
+                  cursor != nullptr ? CR_STATUS_NOT_FOUND : CR_STATUS_INVALID_PARAMETER);
+        MBPOFindClose(cursor);
+    }
+    filter.criterion10 = "b";
+    filter.criterion16 = -1;
+    PO one{};
+    MBPOCursor* cursor = MBPOFindFirst(session_, 1, &filter, &one, nullptr);
+    ASSERT_NE(cursor, nullptr);
+    EXPECT_EQ(std::string(one.text) + "\n", po("b", 2));
+    EXPECT_EQ(MBPOFindNext(cursor, &one), CR_STATUS_NOT_FOUND);
+    MBPOFindClose(cursor);
+    POReset(&one);
+}
+
+TEST_P(Sessions, KeepImages) {
+    pool_.server->admin("POST", "dataselections", R"([{"number":1},{"number":2,"tag":"a b|c"}])");
+    const auto set = [&](const char* name, uint64_t time, int32_t parent) {
+        return MBSetLastImageV2(session_, 1, "c", "p", parent, time, name, -5);
+    };
+    EXPECT_EQ(set("i1", 100, 0), 0U);
+    EXPECT_EQ(set("i2", 200, 7), 0U);
+    EXPECT_EQ(MBSetLastImage(session_, 1, "c", "p", 300, "i3", 0, 9, 1), 0U);
+    EXPECT_EQ(MBSetLastImageV2(session_, 3, "c", "p", 0, 1, "i", 0), 3001U);
+    char* text = nullptr;
+    EXPECT_EQ(MBGetLastImages(session_, 1, "c", "", -1, 200, &text), 0U);
+    EXPECT_STREQ(text, "300|c|p|0|i3|i3|9|1\n200|c|p|7|i2||0|-5\n");
+    free(text);
+    EXPECT_EQ(MBDeleteImage(session_, 1, "c", "p", "i1", 0), 0U);
+    EXPECT_EQ(MBDeleteImage(session_, 1, "c", "p", "i1", 0), 3003U);
+
+    MBImageRetentionInfo info{};
+    EXPECT_EQ(MBGetImageRetention(session_, 1, "c", "p", "i2", &info), 4U);
+    EXPECT_EQ(MBSetImageRetention(session_, 1, "c", "p", "i2", 3, -2, 86400), 0U);
+    EXPECT_EQ(MBGetImageRetention(session_, 1, "c", "p", "i2", &info), 0U);
+    EXPECT_EQ(info.retentionValue1, 86400);
+    EXPECT_EQ(info.retentionValue2, -2);
+    EXPECT_EQ(info.retentionValue3, 3);
+    EXPECT_EQ(info.retentionValue4, 1700000000);
+    EXPECT_EQ(MBFindImagePolicy(session_, 1, "c", "i2", &text), 0U);
+    EXPECT_STREQ(text, "p");
+    free(text);
+
+    const struct {
+        uint32_t selection, status;
+        int32_t digit;
+        const char* tag;
+    } tags[] = {{1, 0, 0, nullptr}, {2, 0, 1, "a b|c"}, {3, 4, 0, nullptr}};
+    for (const auto& row : tags) {
+        int32_t digit = 0;
+        EXPECT_EQ(MBGetHVXTag(session_, row.selection, &digit, &text), row.status);
+        EXPECT_EQ(digit, row.digit);
+        EXPECT_STREQ(text, row.tag);
+        free(text);
+    }
+}
+
 TEST_P(Sessions, HaveThePermissionsOfTheirLogin) {
     const struct {
         const char *login, *password;

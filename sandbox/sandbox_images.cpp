@@ -1,0 +1,134 @@
+#include "sandbox/sandbox_images.h"
+
+#include "sandbox/sandbox_event.h"
+
+namespace sandbox {
+namespace {
+
+[[noreturn]] void missing(const Image& named) {
+    throw Event{kNoImage, "no such image: " + named.name + " of client " + named.client};
+}
+
+/// A tag as a URL has it.
+std::string encoded(std::string_view text) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool letter = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
+        if (letter || (byte >= '0' && byte <= '9')) {
+            out += c;
+        } else {
+            out += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+ImageStore::ImageStore(Database& database) : database_(database) {
+    database_.script(
+        "CREATE TABLE IF NOT EXISTS images (ds INTEGER NOT NULL, client TEXT NOT NULL,"
+        " policy TEXT NOT NULL, name TEXT NOT NULL, dofp TEXT NOT NULL, parent INTEGER NOT NULL,"
+        " datetime INTEGER NOT NULL, dcid INTEGER NOT NULL, flags INTEGER NOT NULL,"
+        " retention TEXT, PRIMARY KEY (ds, client, policy, name)) WITHOUT ROWID");
+    database_.script(
+        "CREATE TABLE IF NOT EXISTS selections (number INTEGER PRIMARY KEY, tag TEXT NOT NULL)");
+}
+
+void ImageStore::set(const Image& image) {
+    needSelection(image.dsid);
+    database_.run(
+        "INSERT INTO images VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, NULL)"
+        " ON CONFLICT DO UPDATE SET dofp = excluded.dofp, parent = excluded.parent,"
+        " datetime = excluded.datetime, dcid = excluded.dcid, flags = excluded.flags",
+        image.dsid, image.client, image.policy, image.name, image.dofp, image.parent,
+        image.datetime, image.dcid, image.flags);
+}
+
+std::string ImageStore::last(const Image& wanted) {
+    needSelection(wanted.dsid);
+    std::string lines;
+    Query row = database_.query(
+        "SELECT datetime, client, policy, parent, name, dofp, dcid, flags FROM images"
+        " WHERE ds = ?1 AND (?2 = '' OR client = ?2) AND (?3 = '' OR policy = ?3)"
+        " AND (?4 = -1 OR parent = ?4) AND datetime >= ?5 ORDER BY datetime DESC, name",
+        wanted.dsid, wanted.client, wanted.policy, wanted.parent, wanted.datetime);
+    while (row.step()) {
+        const auto number = [&](int column) { return std::to_string(row.number(column)); };
+        lines.append(number(0)).append("|").append(row.text(1)).append("|").append(row.text(2));
+        lines.append("|").append(number(3)).append("|").append(row.text(4)).append("|");
+        lines.append(row.text(5)).append("|").append(number(6)).append("|").append(number(7));
+        lines += '\n';
+    }
+    return lines;
+}
+
+void ImageStore::remove(const Image& named) {
+    needSelection(named.dsid);
+    Query gone = database_.query(
+        "DELETE FROM images WHERE ds = ? AND client = ? AND policy = ? AND name = ? RETURNING 1",
+        named.dsid, named.client, named.policy, named.name);
+    if (!gone.step()) missing(named);
+}
+
+void ImageStore::retain(const Image& named, int64_t retention, int64_t wormFlags, int64_t now) {
+    needSelection(named.dsid);
+    std::string text;
+    for (const int64_t number : {retention, wormFlags, named.flags, now})
+        text += std::to_string(number) + ";";
+    text += "set by kspool-sandbox;";
+    Query changed = database_.query(
+        "UPDATE images SET retention = ? WHERE ds = ? AND client = ? AND policy = ? AND name = ?"
+        " RETURNING 1",
+        text, named.dsid, named.client, named.policy, named.name);
+    if (!changed.step()) missing(named);
+}
+
+std::string ImageStore::retention(const Image& named) {
+    needSelection(named.dsid);
+    Query row = database_.query(
+        "SELECT coalesce(retention, '') FROM images"
+        " WHERE ds = ? AND client = ? AND policy = ? AND name = ?",
+        named.dsid, named.client, named.policy, named.name);
+    if (!row.step()) missing(named);
+    return std::string(row.text(0));
+}
+
+std::string ImageStore::policy(const Image& named) {
+    needSelection(named.dsid);
+    Query row = database_.query(
+        "SELECT policy FROM images WHERE ds = ? AND client = ? AND name = ? ORDER BY policy",
+        named.dsid, named.client, named.name);
+    if (!row.step()) missing(named);
+    return std::string(row.text(0));
+}
+
+void ImageStore::needSelection(uint32_t number) {
+    Query row = database_.query(
+        "SELECT 1 WHERE ?1 > 0 AND (NOT EXISTS (SELECT 1 FROM selections)"
+        " OR EXISTS (SELECT 1 FROM selections WHERE number = ?1))",
+        number);
+    if (!row.step()) {
+        throw Event{kNoSelection, "no such data selection: " + std::to_string(number)};
+    }
+}
+
+std::string ImageStore::tag(uint32_t number) {
+    needSelection(number);
+    Query row =
+        database_.query("SELECT tag FROM selections WHERE number = ? AND tag <> ''", number);
+    return row.step() ? "1|" + encoded(row.text(0)) + "\n" : "0|\n";
+}
+
+void ImageStore::addSelection(uint32_t number, const std::string& tag) {
+    database_.run("INSERT OR REPLACE INTO selections VALUES (?, ?)", number, tag);
+}
+
+void ImageStore::clear() {
+    database_.run("DELETE FROM images");
+    database_.run("DELETE FROM selections");
+}
+
+}  // namespace sandbox
