@@ -9,6 +9,8 @@
 #include <cstring>
 #include <memory>
 
+#include "tools/tool_text.h"
+
 namespace agent {
 namespace {
 
@@ -53,6 +55,16 @@ void visitEntry(FTS* tree, FTSENT& entry, const FileVisitor& visitor) {
     }
 }
 
+/// What is wrong with a path, or nothing.
+std::string pathProblem(const std::string& path) {
+    struct stat status {};
+    if (path.empty()) return "an empty path names nothing";
+    if (lstat(path.c_str(), &status) != 0) return strerror(errno);
+    if (S_ISLNK(status.st_mode)) return "is a symbolic link, which is not followed";
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return "is neither file nor folder";
+    return {};
+}
+
 }  // namespace
 
 void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
@@ -76,13 +88,15 @@ void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
     }
 }
 
-std::string pathProblem(const std::string& path) {
-    struct stat status {};
-    if (path.empty()) return "an empty path names nothing";
-    if (lstat(path.c_str(), &status) != 0) return strerror(errno);
-    if (S_ISLNK(status.st_mode)) return "is a symbolic link, which is not followed";
-    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return "is neither file nor folder";
-    return {};
+bool pathsAreGood(const std::vector<std::string>& paths) {
+    bool good = true;
+    for (const std::string& path : paths) {
+        const std::string problem = pathProblem(path);
+        if (problem.empty()) continue;
+        tool::complain("kspool-agent", tool::printable(path) + ": " + problem);
+        good = false;
+    }
+    return good;
 }
 
 }  // namespace agent

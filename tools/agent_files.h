@@ -21,8 +21,8 @@ struct FileVisitor {
 void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
                const FileVisitor& visitor);
 
-/// A path that a user named and that cannot be walked: what is wrong with it, else empty.
-std::string pathProblem(const std::string& path);
+/// Whether all paths that a user named can be walked; complains of those that cannot.
+bool pathsAreGood(const std::vector<std::string>& paths);
 
 }  // namespace agent
 

@@ -2,8 +2,10 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "tools/agent_backup.h"
 #include "tools/agent_scan.h"
 #include "tools/agent_segments.h"
+#include "tools/pool_options.h"
 #include "tools/tool_main.h"
 #include "tools/tool_text.h"
 
@@ -45,13 +47,96 @@ void addScan(CLI::App& app, int& code) {
     scan->callback([kept, &code] { code = agent::scan(*kept); });
 }
 
+constexpr char kBackupFooter[] =
+    "One PO for each file is recorded on the pool's server; the cache tells which data is new. "
+    "The\n"
+    "password comes from --password-file or $KSPOOL_PASSWORD.\n"
+    "Exit code: 0 all recorded; 1 failed; 2 bad options; 3 some files could not be read, or it "
+    "was\n"
+    "interrupted; 10 nothing found; 12 permission denied; 13 no answer from the server.";
+
+void addImageName(CLI::App& command, agent::ImageName& name) {
+    name.client = agent::thisHost();
+    command.add_option("--ds", name.dataselection, "Data selection")->capture_default_str();
+    command.add_option("--client", name.client, "Client [this machine]")
+        ->check(pool::textUpTo(255));
+    command.add_option("--policy", name.policy, "Policy")
+        ->check(pool::textUpTo(255))
+        ->capture_default_str();
+}
+
+CLI::Option* addImage(CLI::App& command, agent::ImageName& name) {
+    return command.add_option("--image", name.image, "Name of the image")
+        ->check(pool::textUpTo(255));
+}
+
+void addBackup(CLI::App& app, int& code) {
+    const auto kept = std::make_shared<agent::BackupOptions>();
+    agent::BackupOptions& options = *kept;
+    CLI::App* command = app.add_subcommand("backup", "Record files on the pool's server");
+    command->add_option("PATH", options.paths, "Files and folders to back up")->required();
+    pool::addSessionOptions(*command, options.session);
+    addImageName(*command, options.name);
+    addImage(*command, options.name)->required();
+    command->add_option("--cache", options.cacheFile, "File of the fingerprint cache [none]");
+    command->add_option("--limit", options.limit, "Memory limit of the cache, MiB")
+        ->check(CLI::Range(1U, 1U << 20))
+        ->capture_default_str();
+    command->add_option("--segment", options.segmentSize, "Segment size")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(kSmallestSegment, kLargestSegment, "512 B to 1 GiB"))
+        ->default_str("128KiB");
+    command->add_option("--list", options.listSize, "Files that are recorded at once")
+        ->check(CLI::Range(1U, 100'000U))
+        ->capture_default_str();
+    command->add_option("--retention", options.retention, "Seconds to keep the image [not set]");
+    command->add_flag("-x,--one-file-system", options.oneFileSystem,
+                      "Do not enter other file systems");
+    command->add_flag("--json", options.json, "Report as JSON");
+    command->footer(kBackupFooter);
+    command->callback([kept, &code] { code = agent::backup(*kept); });
+}
+
+void addQueries(CLI::App& app, int& code) {
+    constexpr struct {
+        const char* name;
+        const char* description;
+        int (*run)(const agent::QueryOptions&);
+    } kQueries[] = {
+        {"find", "List the files that are recorded", agent::find},
+        {"expire", "Expire the files of an image, and the image", agent::expire},
+    };
+    for (const auto& row : kQueries) {
+        const auto kept = std::make_shared<agent::QueryOptions>();
+        CLI::App* command = app.add_subcommand(row.name, row.description);
+        pool::addSessionOptions(*command, kept->session);
+        addImageName(*command, kept->name);
+        CLI::Option* image = addImage(*command, kept->name);
+        if (row.run == agent::expire) image->required();
+        if (row.run == agent::find) {
+            command->add_option("NAME", kept->pattern, "Pattern of file names [*]");
+        }
+        command->add_flag("--json", kept->json, "Report as JSON");
+        command->footer(kBackupFooter);
+        command->callback([kept, run = row.run, &code] { code = run(*kept); });
+    }
+}
+
+void addCommands(CLI::App& app, int& code) {
+    addScan(app, code);
+    addBackup(app, code);
+    addQueries(app, code);
+}
+
 }  // namespace
+
+const char* const pool::kProgram = "kspool-agent";
 
 int main(int argc, char** argv) {
     return tool::runProgram(
         {.name = "kspool-agent",
          .description = "Backup agent of a storage pool that knows data by its fingerprints.",
          .failed = tool::kExitFailed,
-         .addCommands = addScan},
+         .addCommands = addCommands},
         argc, argv);
 }

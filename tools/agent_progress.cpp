@@ -16,16 +16,17 @@ constexpr std::chrono::milliseconds kRedraw{100};
 
 }  // namespace
 
-Progress::Progress(uint64_t totalBytes)
+Progress::Progress(uint64_t totalBytes, bool takesMessages)
     : total_(totalBytes),
+      takesMessages_(takesMessages),
       terminal_(isatty(STDERR_FILENO) != 0),
       start_(Clock::now()),
       nextDraw_(start_ + kRedraw) {
-    qlxSetSink(receive, this);
+    if (takesMessages_) qlxSetSink(receive, this);
 }
 
 Progress::~Progress() {
-    qlxSetSink(nullptr, nullptr);
+    if (takesMessages_) qlxSetSink(nullptr, nullptr);
     clear();
 }
 

@@ -134,17 +134,6 @@ void scanFiles(const ScanOptions& options, const DigestKind& kind, Segmenter& se
     feeder.flush();
 }
 
-bool pathsAreGood(const std::vector<std::string>& paths) {
-    bool good = true;
-    for (const std::string& path : paths) {
-        const std::string problem = pathProblem(path);
-        if (problem.empty()) continue;
-        tool::complain(kProgram, tool::printable(path) + ": " + problem);
-        good = false;
-    }
-    return good;
-}
-
 }  // namespace
 
 int scan(const ScanOptions& options) {

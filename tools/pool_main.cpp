@@ -1,8 +1,13 @@
 // kspool-mb: the command line.
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iterator>
+#include <map>
 #include <memory>
+#include <utility>
 
 #include "tools/pool_commands.h"
+#include "tools/pool_options.h"
 #include "tools/tool_main.h"
 #include "tools/tool_text.h"
 
@@ -10,13 +15,9 @@ namespace {
 
 using pool::Options;
 
-constexpr size_t kLongestLogin = 255;
-constexpr size_t kLongestUrl = 1023;
-constexpr size_t kLongestPath = 4095;
-
 #define EXIT_CODES                                                                         \
-    "Exit code: 0 ok; 1 error; 2 bad options, no configuration or no server; 10 no such\n" \
-    "file or directory; 12 permission denied; 13 no answer from the server. Of several\n"  \
+    "Exit code: 0 ok; 1 error; 2 bad options, no configuration or no server; 10 nothing\n" \
+    "found; 12 permission denied; 13 no answer from the server. Of several\n"              \
     "failures the highest."
 
 constexpr char kFooter[] =
@@ -25,47 +26,13 @@ constexpr char kFooter[] =
 constexpr char kCommandFooter[] = "Options of all subcommands: kspool-mb --help\n" EXIT_CODES;
 #undef EXIT_CODES
 
-/// Text that an unset variable of a script did not leave empty, and that the library takes.
-CLI::Validator textUpTo(size_t longest) {
-    return {[longest](std::string& text) -> std::string {
-                if (text.empty()) return "may not be empty";
-                if (text.size() <= longest) return {};
-                return "may have up to " + std::to_string(longest) + " characters";
-            },
-            ""};
-}
-
 CLI::Validator pathText() {
-    return textUpTo(SIZE_MAX);
+    return pool::textUpTo(SIZE_MAX);
 }
 
-void addSessionOptions(CLI::App& app, Options& options) {
-    pool::SessionOptions& session = options.session;
-    app.add_option("--config", session.config,
-                   "Agent configuration [$KSPOOL_AGENT_CONFIG, "
-                   "$XDG_CONFIG_HOME/kspool/agent.cfg, /etc/kspool/agent.cfg]")
-        ->type_name("FILE")
-        ->check(textUpTo(kLongestPath));
-    app.add_option("--server", session.server, "Metabase server [the configuration's]")
-        ->type_name("URL")
-        ->check(textUpTo(kLongestUrl));
-    app.add_option("--login", session.login, "Login")
-        ->type_name("NAME")
-        ->envname("KSPOOL_LOGIN")
-        ->check(textUpTo(kLongestLogin));
-    app.add_option("--password-file", session.passwordFile,
-                   "File whose first line is the password; - for standard input")
-        ->type_name("FILE")
-        ->check(textUpTo(kLongestPath));
-    app.add_option("--retry", session.retry, "Try again so long to reach the server [0]")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0, 3600));
-    app.add_flag("--json", options.json, "Report as JSON (ls, time, ping)");
-    CLI::Option* quiet =
-        app.add_flag("-q,--quiet", session.quiet, "No notes, and of ping the summary only");
-    app.add_flag("-v,--verbose", session.verbose,
-                 "Show the library's messages and traces on stderr")
-        ->excludes(quiet);
+void addOptions(CLI::App& app, Options& options) {
+    pool::addSessionOptions(app, options.session);
+    app.add_flag("--json", options.json, "Report as JSON");
 }
 
 void addPaths(CLI::App& command, Options& options, int most) {
@@ -120,7 +87,77 @@ void addCount(CLI::App& command, Options& options) {
 
 void addNoOptions(CLI::App& /*command*/, Options& /*options*/) {}
 
+void addSelection(CLI::App& command, Options& options) {
+    command.add_option("DS", options.dataselection, "Number of the data selection")
+        ->required()
+        ->type_name("");
+}
+
+void addListFile(CLI::App& command, Options& options) {
+    addSelection(command, options);
+    command.add_option("FILE", options.source, "Text of POs, one a line [standard input]")
+        ->type_name("");
+}
+
+void addNewList(CLI::App& command, Options& options) {
+    addListFile(command, options);
+    CLI::Option* import = command.add_flag("--import", options.import, "Import them");
+    command.add_flag("--keep", options.keep, "Keep POs that are there already")->excludes(import);
+}
+
+void addCriteria(CLI::App& command, Options& options) {
+    addSelection(command, options);
+    for (size_t i = 0; i < pool::kCriteria; ++i) {
+        const pool::Criterion& row = pool::kCriterionRows[i];
+        command.add_option(std::string("--") + row.name, options.criteria[i])
+            ->group("Fields (texts may have * and ?)")
+            ->type_name("")
+            ->check(CLI::Validator(
+                [&row](std::string& value) { return pool::criterionProblem(row, value); }, ""));
+    }
+    command.add_flag("--count", options.countOnly, "Print only how many there are");
+    command.add_option("--retries", options.retries, "Send a query that fails again so often")
+        ->check(CLI::Range(0, 100))
+        ->capture_default_str();
+}
+
+void addClient(CLI::App& command, Options& options) {
+    addSelection(command, options);
+    command.add_option("--client", options.image.client, "Client")->type_name("");
+    command.add_option("--policy", options.image.policy, "Policy")->type_name("");
+}
+
+void addImage(CLI::App& command, Options& options) {
+    addClient(command, options);
+    command.add_option("--image", options.image.name, "Name of the image")
+        ->required()
+        ->check(pathText())
+        ->type_name("");
+    command.add_option("--flags", options.image.flags, "Flags")->type_name("");
+}
+
+void addNewImage(CLI::App& command, Options& options) {
+    addImage(command, options);
+    command.add_option("--parent", options.image.parent, "Parent's number")->type_name("");
+    command.add_option("--time", options.image.time, "Seconds since 1970 [now]")->type_name("");
+}
+
+void addImageQuery(CLI::App& command, Options& options) {
+    addClient(command, options);
+    command.add_option("--parent", options.image.wantedParent, "Parent's number [any]")
+        ->type_name("");
+    command.add_option("--since", options.image.time, "Seconds since 1970 [any]")->type_name("");
+}
+
+void addRetention(CLI::App& command, Options& options) {
+    addImage(command, options);
+    command.add_option("--set", options.image.retention, "Seconds; without, it is shown")
+        ->type_name("");
+    command.add_option("--worm", options.image.worm, "WORM flags, with --set")->type_name("");
+}
+
 struct Command {
+    const char* group;  ///< NULL: a command of its own
     const char* name;
     const char* description;
     int (*run)(const Options&);
@@ -128,23 +165,52 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
-    {"ls", "List a directory or a file", pool::list, addOnePath},
-    {"mkdir", "Create directories", pool::makeDirectories, addNewPaths},
-    {"cp", "Copy a file, or with -R a directory", pool::copy, addCopyOptions},
-    {"mv", "Move a file or a directory", pool::move, addSourceAndDestination},
-    {"rm", "Delete files and empty directories, or with -R full ones", pool::remove,
+    {nullptr, "ls", "List a directory or a file", pool::list, addOnePath},
+    {nullptr, "mkdir", "Create directories", pool::makeDirectories, addNewPaths},
+    {nullptr, "cp", "Copy a file, or with -R a directory", pool::copy, addCopyOptions},
+    {nullptr, "mv", "Move a file or a directory", pool::move, addSourceAndDestination},
+    {nullptr, "rm", "Delete files and empty directories, or with -R full ones", pool::remove,
      addDoomedPaths},
-    {"time", "Show the server's time", pool::time, addNoOptions},
-    {"ping", "Measure how long the server takes to answer", pool::ping, addCount},
+    {"po", "add", "Add POs, in place of those that are there", pool::addPOs, addNewList},
+    {"po", "expire", "Expire the POs that a text names", pool::expirePOs, addListFile},
+    {"po", "find", "Find POs by their fields", pool::findPOs, addCriteria},
+    {"image", "set", "Record an image", pool::setImage, addNewImage},
+    {"image", "last", "List the last images", pool::lastImages, addImageQuery},
+    {"image", "delete", "Delete an image's record", pool::deleteImage, addImage},
+    {"image", "retention", "Show or set how long an image is kept", pool::imageRetention,
+     addRetention},
+    {"image", "policy", "Show the policy of an image", pool::imagePolicy, addImage},
+    {nullptr, "hvx", "Show the HVX tag of a data selection", pool::hvxTag, addSelection},
+    {nullptr, "time", "Show the server's time", pool::time, addNoOptions},
+    {nullptr, "ping", "Measure how long the server takes to answer", pool::ping, addCount},
 };
+
+constexpr std::pair<const char*, const char*> kGroups[] = {
+    {"po", "POs: add, expire, find"},
+    {"image", "Images: set, last, delete, retention, policy"},
+};
+
+/// The command that the others of a group are under.
+CLI::App* groupOf(CLI::App& app, const char* name, std::map<std::string, CLI::App*>& groups) {
+    if (name == nullptr) return &app;
+    if (const auto known = groups.find(name); known != groups.end()) return known->second;
+    const auto* row = std::find_if(std::begin(kGroups), std::end(kGroups),
+                                   [=](const auto& g) { return std::string(name) == g.first; });
+    CLI::App* group = app.add_subcommand(name, row->second);
+    group->require_subcommand(1);
+    groups[name] = group;
+    return group;
+}
 
 void addCommands(CLI::App& app, int& code) {
     const auto options = std::make_shared<Options>();
     app.fallthrough();
     app.footer(kFooter);
-    addSessionOptions(app, *options);
+    addOptions(app, *options);
+    std::map<std::string, CLI::App*> groups;
     for (const Command& row : kCommands) {
-        CLI::App* command = app.add_subcommand(row.name, row.description);
+        CLI::App* command =
+            groupOf(app, row.group, groups)->add_subcommand(row.name, row.description);
         row.addOptions(*command, *options);
         command->footer(kCommandFooter);
         command->callback([run = row.run, options, &code] { code = run(*options); });
@@ -152,6 +218,8 @@ void addCommands(CLI::App& app, int& code) {
 }
 
 }  // namespace
+
+const char* const pool::kProgram = "kspool-mb";
 
 int main(int argc, char** argv) {
     return tool::runProgram({.name = pool::kProgram,

@@ -7,7 +7,8 @@
 
 namespace pool {
 
-inline constexpr char kProgram[] = "kspool-mb";
+/// The program whose session it is; each defines its own.
+extern const char* const kProgram;
 
 /// Takes the library's messages as long as it lives: shows them on stderr, traces included, or
 /// swallows them. Either way it remembers which event the server reported last.

@@ -77,7 +77,8 @@ int ping(const Options& options) {
     std::vector<double> times;
     for (uint32_t i = 1; i <= options.count; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        const int code = session.keepAlive("request " + std::to_string(i));
+        const int code = session.attemptEvent("request " + std::to_string(i),
+                                              [](MBSession* s) { return MBKeepAlive(s, 0); });
         const std::chrono::duration<double, std::milli> spent =
             std::chrono::steady_clock::now() - start;
         worst = std::max(worst, code);

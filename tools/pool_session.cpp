@@ -17,6 +17,8 @@ namespace {
 using tool::printable;
 
 constexpr uint32_t kNoSuchFile = 2001;  // events of docs/wire-protocol.md
+constexpr uint32_t kNoSelection = 3001;
+constexpr uint32_t kNoImage = 3003;
 constexpr uint32_t kBadLogin = 1001;
 constexpr uint32_t kNotAllowed = 1002;
 
@@ -59,7 +61,8 @@ std::string shownUrl(const std::string& url) {
 int exitCode(uint32_t status, uint32_t event) {
     if (status == CR_STATUS_OK) return tool::kExitOk;
     if (status == CR_STATUS_PERMISSION_DENIED) return tool::kExitPermission;
-    if (status == CR_STATUS_REMOTE_ERROR && event == kNoSuchFile) return tool::kExitNothing;
+    const bool nothing = event == kNoSuchFile || event == kNoSelection || event == kNoImage;
+    if (status == CR_STATUS_REMOTE_ERROR && nothing) return tool::kExitNothing;
     return isTransport(status) ? tool::kExitNetwork : tool::kExitFailed;
 }
 
@@ -156,9 +159,10 @@ int Session::attempt(const std::string& subject, const std::function<uint32_t(MB
     return exitCode(status, messages_.event());
 }
 
-int Session::keepAlive(const std::string& subject) {
-    return attempt(subject, [this](MBSession* session) -> uint32_t {
-        const uint32_t result = MBKeepAlive(session, 0);
+int Session::attemptEvent(const std::string& subject,
+                          const std::function<uint32_t(MBSession*)>& call) {
+    return attempt(subject, [&](MBSession* session) -> uint32_t {
+        const uint32_t result = call(session);
         if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
         messages_.noteEvent(result);
         const bool permission = result == kBadLogin || result == kNotAllowed;

@@ -38,8 +38,8 @@ class Session {
     /// Makes one call of the library. Complains about its failure and returns the exit code.
     int attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
 
-    /// The keep-alive, which returns the server's event where other calls return a status.
-    int keepAlive(const std::string& subject);
+    /// The same for a call that returns the server's event where others return a status.
+    int attemptEvent(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
 
   private:
     struct Shutdown {

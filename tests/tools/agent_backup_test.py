@@ -1,0 +1,121 @@
+#!/usr/bin/env python3
+"""kspool-agent backup, find and expire against a pool server. Usage: agent_backup_test.py AGENT SANDBOX"""
+import json
+import os
+import random
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+AGENT, SANDBOX = sys.argv[1:]
+K = 1024
+
+
+def run(*arguments, code=0, **variables):
+    done = subprocess.run([AGENT, *arguments], capture_output=True, text=True,
+                          env={**os.environ, **variables})
+    assert done.returncode == code, (arguments, done.returncode, done.stdout, done.stderr)
+    return done
+
+
+def admin(function, body):
+    request = urllib.request.Request(f"{url}/__admin/{function}", json.dumps(body).encode())
+    return json.load(urllib.request.urlopen(request))
+
+
+def serve():
+    server = subprocess.Popen([SANDBOX, "serve", pool], stdout=subprocess.PIPE, text=True)
+    assert server.stdout.readline().startswith("READY ")
+    return server
+
+
+def stop(server):
+    server.terminate()
+    assert server.wait() == 0
+
+
+def backup(image, *options, code=0):
+    return json.loads(run("backup", tree, "--client", "me", "--image", image, "--cache", cache,
+                          "--segment", "4KiB", "--json", *options, code=code).stdout)
+
+
+def found(image):
+    done = subprocess.run([AGENT, "find", "--client", "me", "--image", image, "--json"],
+                          capture_output=True, text=True)
+    assert done.returncode in (0, 10), done
+    return json.loads(done.stdout)
+
+
+with tempfile.TemporaryDirectory() as top:
+    pool, tree, cache = top + "/pool", top + "/tree", top + "/blocks.cache"
+    with socket.socket() as free:  # a port that was free a moment ago
+        free.bind(("127.0.0.1", 0))
+        url = f"http://127.0.0.1:{free.getsockname()[1]}"
+    subprocess.run([SANDBOX, "init", pool, "--url", url], check=True, capture_output=True)
+    password = open(pool + "/agent.password").read().strip()
+    os.environ.update(KSPOOL_AGENT_CONFIG=pool + "/agent.cfg", KSPOOL_LOGIN="agent",
+                      KSPOOL_PASSWORD=password)
+    blocks = [random.Random(i).randbytes(4 * K) for i in range(8)]
+    for i, name in enumerate(["a|b%", "sub/c", "sub/d", "e*", "f", "g"]):
+        os.makedirs(os.path.dirname(f"{tree}/{name}"), exist_ok=True)
+        with open(f"{tree}/{name}", "wb") as file:
+            file.write(blocks[i] + blocks[7])
+    server = serve()
+
+    # All is new, then all is known; a changed file is new again.
+    first = backup("one", "--list", "4")
+    assert (first["files"], first["recorded"], first["found"]) == (6, 6, 6), first
+    assert (first["segments"], first["newSegments"], first["cached"]) == (12, 7, 7), first
+    again = backup("two")
+    assert (again["newSegments"], again["found"]) == (0, 6), again
+    with open(tree + "/f", "ab") as file:
+        file.write(b"more")
+    assert backup("two")["newSegments"] == 1
+    paths = [entry["path"] for entry in found("two")]
+    assert paths == [f"{tree}/{n}" for n in ("a|b%", "e*", "f", "g", "sub/c", "sub/d")], paths
+    sizes = [e["size"] for e in found("*") if e["path"].endswith("/f")]
+    assert sizes == [8 * K, 8 * K + 4], sizes
+
+    # The server loses its answer: what was sent counts once. It refuses: nothing is remembered.
+    admin("faults", [{"kind": "lose", "action": "addlist"}])
+    assert backup("three", "--list", "2", code=13)["recorded"] == 0
+    assert backup("three", "--list", "2")["found"] == 6
+    admin("faults", [{"kind": "event", "code": 77, "action": "addlist", "times": 9}])
+    with open(tree + "/g", "wb") as file:
+        file.write(blocks[6])
+    assert backup("four", code=1)["recorded"] == 0
+    stop(server)
+    assert backup("four", code=13)["newSegments"] == 1
+    server = serve()  # which has kept what it confirmed
+    assert len(found("three")) == 6
+    assert backup("four")["newSegments"] == 1
+
+    # Killed in the middle of a run, or told to stop: the next run completes it.
+    admin("faults", [{"kind": "delay", "ms": 300, "times": 3, "action": "addlist"}])
+    for sent, status in ((signal.SIGKILL, -9), (signal.SIGINT, 3)):
+        running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "five",
+                                    "--cache", cache, "--list", "1"], stdout=subprocess.PIPE)
+        time.sleep(0.2)
+        running.send_signal(sent)
+        assert running.wait() == status, running.returncode
+    assert 0 < len(found("five")) < 6
+    assert backup("five")["found"] == 6
+
+    # A damaged cache is not used, and is replaced.
+    with open(cache, "r+b") as file:
+        file.seek(100)
+        file.write(b"\xff\xff")
+    assert backup("six")["newSegments"] == 8
+    assert backup("six")["newSegments"] == 0
+
+    run("expire", "--client", "me", "--image", "six")
+    assert found("six") == [] and len(found("five")) == 6
+    run("expire", "--client", "me", "--image", "six", code=10)
+    run("backup", tree, "--image", "x", code=12, KSPOOL_PASSWORD="wrong")
+    assert password not in run("backup", tree, "--image", "x", "-v").stderr
+    stop(server)
+print("kspool-agent backup: as expected")

@@ -1,0 +1,86 @@
+#!/usr/bin/env python3
+"""kspool-mb po, image and hvx against a pool server. Usage: mb_po_test.py MB SANDBOX"""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import urllib.request
+
+MB, SANDBOX = sys.argv[1:]
+
+
+def po(name, size, client="c"):
+    return f"1|1||0|0|{client}|p|i|/f|{name}|d|f||||{size}|0|0|0|0|0|0|0|0|0|\n"
+
+
+def run(*arguments, code=0, out=None, text=""):
+    done = subprocess.run([MB, *arguments], input=text, capture_output=True, text=True)
+    assert done.returncode == code, (arguments, done.returncode, done.stdout, done.stderr)
+    assert out is None or done.stdout == out, (arguments, done.stdout)
+    return done
+
+
+with tempfile.TemporaryDirectory() as top:
+    pool = top + "/pool"
+    subprocess.run([SANDBOX, "init", pool, "--url", "http://127.0.0.1:1"], check=True,
+                   capture_output=True)
+    server = subprocess.Popen([SANDBOX, "serve", pool, "--port", "0"], stdout=subprocess.PIPE,
+                              text=True)
+    url = server.stdout.readline().split("url=")[1].split()[0]
+    os.environ.update(KSPOOL_AGENT_CONFIG=pool + "/agent.cfg", KSPOOL_LOGIN="agent",
+                      KSPOOL_PASSWORD=open(pool + "/agent.password").read().strip())
+    at = ("--server", url)
+
+    # POs: from standard input and a file, kept, expired, looked for by each kind of criterion.
+    run(*at, "po", "find", "1", code=10, out="")
+    run(*at, "po", "add", "1", text=po("a", 1) + po("b", 2))
+    with open(top + "/list", "w") as file:
+        file.write(po("a", 9) + po("c", 3, "d"))
+    run(*at, "po", "add", "--keep", "1", top + "/list")
+    run(*at, "po", "add", "--import", "1", text=po("e", 4))
+    run(*at, "po", "expire", "1", text=po("e", 0))
+    for criteria, lines in (((), po("a", 1) + po("b", 2) + po("c", 3, "d")),
+                            (("--name", "?", "--client", "c"), po("a", 1) + po("b", 2)),
+                            (("--size", "3"), po("c", 3, "d")),
+                            (("--kind", "1", "--type", "f", "--name", "b"), po("b", 2))):
+        run(*at, "po", "find", "1", *criteria, out=lines)
+    run(*at, "po", "find", "1", "--origin", "x", "--count", code=10, out="0\n")
+    run(*at, "po", "find", "1", "--count", out="3\n")
+    found = json.loads(run(*at, "--json", "po", "find", "1", "--name", "b").stdout)
+    assert [(f["name"], f["size"], f["dsid"]) for f in found] == [("b", 2, 1)], found
+    assert len(found[0]) == 26 and found[0]["comment"] == "", found
+    run(*at, "--json", "po", "find", "1", "--name", "x", code=10, out="[]\n")
+    for bad in (("po", "find"), ("po",), ("po", "find", "1", "--size", "1x"),
+                ("po", "find", "1", "--type", "ff"), ("po", "find", "1", "--name", "a|b"),
+                ("po", "add", "1"), ("po", "add", "1", top + "/none"),
+                ("po", "add", "--keep", "--import", "1")):
+        assert run(*at, *bad, code=2).stderr.count("\n") == 1
+    refused = run(*at, "po", "add", "1", code=1, text="no PO\n").stderr
+    assert "line 1: not of 26 fields" in refused and "event 3002" in refused, refused
+    run(*at, "po", "add", "0", code=10, text=po("a", 1))
+
+    # Images and tags.
+    image = ("--client", "c", "--policy", "p", "--image", "i")
+    run(*at, "image", "last", "1", code=10, out="")
+    run(*at, "image", "set", "1", *image, "--time", "100", "--parent", "5", "--flags", "-1")
+    run(*at, "image", "last", "1", out="100|c|p|5|i||0|-1\n")
+    run(*at, "image", "last", "1", "--since", "101", code=10)
+    run(*at, "image", "last", "1", "--parent", "6", code=10)
+    run(*at, "image", "policy", "1", *image, out="p\n")
+    run(*at, "image", "retention", "1", *image, code=10, out="")
+    run(*at, "image", "retention", "1", *image, "--set", "60", "--worm", "3")
+    shown = json.loads(run(*at, "--json", "image", "retention", "1", *image).stdout)
+    assert shown["values"][:2] == [60, 3], shown
+    run(*at, "image", "delete", "1", *image)
+    gone = run(*at, "image", "delete", "1", *image, code=10).stderr
+    assert "no such image" in gone and "event 3003" in gone, gone
+    run(*at, "hvx", "1", code=10, out="")
+    urllib.request.urlopen(urllib.request.Request(
+        url + "/__admin/dataselections", b'[{"number": 1, "tag": "t g"}]'))
+    run(*at, "hvx", "1", out="t g\n")
+    run(*at, "hvx", "2", code=10)
+    server.terminate()
+    assert server.wait() == 0
+    run(*at, "po", "find", "1", code=13)
+print("kspool-mb po, image, hvx: as expected")
