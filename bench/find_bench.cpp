@@ -1,0 +1,186 @@
+// A query with a 100 MB answer: its download beside a bare libcurl download of the same bytes, and
+// its cursor beside a loop that does nothing but find and cut lines.
+#include <curl/curl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "bench/bench_run.h"
+#include "mb.h"
+#include "mb/mb_int.h"
+
+namespace bench {
+namespace {
+
+constexpr int kRounds = 9;
+constexpr size_t kLines = 710'000;
+constexpr size_t kLineSize = 140;
+
+/// An answer of POs, as long as they are in practice.
+const std::string& answer() {
+    static const std::string text = [] {
+        std::string made = "names\ntypes\n" + std::to_string(kLines) + "\n";
+        for (size_t i = 0; i < kLines; ++i)
+            made += std::string(kLineSize - 1 - i % 20, 'x') + std::string(i % 20, '|') + "\n";
+        return made;
+    }();
+    return text;
+}
+
+/// Sends that answer to whatever it is asked, without thinking.
+class Server {
+  public:
+    Server() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        if (bind(listener_, generic, length) != 0 || listen(listener_, 8) != 0) abort();
+        getsockname(listener_, generic, &length);
+        url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        std::thread([this] { serve(); }).detach();  // for as long as the program runs
+    }
+    const std::string& url() const { return url_; }
+
+  private:
+    void serve() const {
+        const std::string bytes =
+            "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " +
+            std::to_string(answer().size()) + "\r\n\r\n" + answer();
+        for (;;) {
+            const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            char request[65536];
+            if (fd < 0 || recv(fd, request, sizeof request, 0) <= 0) abort();
+            for (size_t sent = 0; sent < bytes.size();) {
+                const ssize_t now =
+                    send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+                if (now <= 0) break;
+                sent += static_cast<size_t>(now);
+            }
+            close(fd);
+        }
+    }
+
+    int listener_;
+    std::string url_;
+};
+
+const Server& server() {
+    static const Server one;
+    return one;
+}
+
+void report(benchmark::State& state, double seconds) {
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(kLines));
+}
+
+void find(benchmark::State& state) {
+    const std::string config = "/tmp/find-bench-" + std::to_string(getpid()) + ".cfg";
+    std::ofstream(config) << "\n";
+    MBSession* session =
+        MBInitWithAgentCfg(server().url().c_str(), 0, nullptr, nullptr, config.c_str());
+    unlink(config.c_str());
+    MBPOFilter filter{};
+    filter.size = sizeof filter;
+    MBPOFilterInit(&filter);
+    char* text = nullptr;
+    uint32_t count = 0;
+    const double seconds = secondsOf([&] {
+        if (MBPOFind(session, 1, &filter, &text, nullptr, &count) != 0) abort();
+    });
+    if (count != kLines) abort();
+    free(text);
+    MBShutdown(session);
+    report(state, seconds);
+}
+
+size_t take(char* bytes, size_t, size_t length, void* body) {
+    static_cast<std::string*>(body)->append(bytes, length);
+    return length;
+}
+
+void download(benchmark::State& state) {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    CURL* curl = curl_easy_init();
+    std::string body;
+    curl_easy_setopt(curl, CURLOPT_URL, server().url().c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, "action=find");
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, take);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    const double seconds = secondsOf([&] {
+        if (curl_easy_perform(curl) != CURLE_OK) abort();
+    });
+    if (body.size() != answer().size()) abort();
+    curl_easy_cleanup(curl);
+    report(state, seconds);
+}
+
+/// A fresh copy, whose pages are there.
+char* freshAnswer() {
+    return strdup(answer().c_str());
+}
+
+void cursorLines(benchmark::State& state) {
+    auto* cursor = static_cast<MBPOCursor*>(calloc(1, sizeof(MBPOCursor)));
+    cursor->result.data = freshAnswer();
+    cursor->nextLine = cursor->result.data;
+    for (int i = 0; i < 3; ++i)
+        cursor->nextLine = strchr(cursor->nextLine, '\n') + 1;
+    cursor->poCount = kLines;
+    char* line = nullptr;
+    size_t lines = 0;
+    const double seconds = secondsOf([&] {
+        while (MBPOStringFindNext(cursor, &line) == 0)
+            ++lines;
+    });
+    if (lines != kLines) abort();
+    MBPOFindClose(cursor);
+    report(state, seconds);
+}
+
+void memchrLines(benchmark::State& state) {
+    char* text = freshAnswer();
+    const char* end = text + answer().size();
+    size_t lines = 0;
+    const double seconds = secondsOf([&] {
+        for (char* at = text; at < end; ++lines) {
+            auto* found = static_cast<char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
+            *found = '\0';
+            at = found + 1;
+        }
+    });
+    benchmark::DoNotOptimize(lines);
+    free(text);
+    report(state, seconds);
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    bench::warmMemory(size_t{500} << 20);
+    constexpr struct {
+        const char* work;
+        const char* table;
+        void (*run)(benchmark::State&);
+    } kRows[] = {{"find", "kspool", bench::find},
+                 {"find", "libcurl", bench::download},
+                 {"lines", "kspool", bench::cursorLines},
+                 {"lines", "memchr", bench::memchrLines}};
+    for (const auto& row : kRows)
+        bench::registerWork(row.work, row.table, bench::kLines, bench::kRounds, row.run);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}
