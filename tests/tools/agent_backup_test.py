@@ -105,6 +105,20 @@ with tempfile.TemporaryDirectory() as top:
     assert 0 < len(found("five")) < 6
     assert backup("five")["found"] == 6
 
+    # The server is killed in the middle: what it confirmed is there when it comes back.
+    admin("faults", [{"kind": "delay", "ms": 100, "times": 9, "action": "addlist"}])
+    running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "killed", "--cache",
+                                cache, "--list", "1", "--json"], stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, text=True)
+    time.sleep(0.35)
+    server.kill()
+    server.wait()
+    confirmed = json.loads(running.communicate()[0])["recorded"]
+    assert running.returncode == 13 and 0 < confirmed < 6, (running.returncode, confirmed)
+    server = serve()
+    assert confirmed <= len(found("killed")) <= confirmed + 1
+    assert backup("killed")["found"] == 6
+
     # A damaged cache is not used, and is replaced.
     with open(cache, "r+b") as file:
         file.seek(100)
