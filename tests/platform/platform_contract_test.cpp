@@ -1,6 +1,7 @@
 // The platform's contracts, against whatever platform library is linked.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -326,6 +327,23 @@ TEST(PlatformSupport, FindsTheFirstOfASet) {
             EXPECT_EQ(qlxstrpbrk(text + start, "a\r\n"), text + start + length - 1);
         }
     }
+}
+
+// A search never reads the page behind the one that a text ends in.
+TEST(PlatformSupport, SearchesUpToTheLastByteOfAPage) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    auto* pages = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(pages, MAP_FAILED);
+    ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
+    memset(pages, 'x', page);
+    pages[page - 1] = '\0';
+    for (size_t length = 0; length < 200; ++length)
+        EXPECT_EQ(qlxstrpbrk(pages + page - 1 - length, "\r\n"), nullptr);
+    pages[page - 2] = '\n';
+    for (size_t length = 1; length < 200; ++length)
+        EXPECT_EQ(qlxstrpbrk(pages + page - 1 - length, "\r\n"), pages + page - 2);
+    munmap(pages, 2 * page);
 }
 
 TEST(PlatformPO, IsItsLine) {
