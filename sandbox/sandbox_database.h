@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -75,7 +76,8 @@ class Database {
     /// An empty name: in memory.
     explicit Database(const std::string& file);
 
-    /// `sql` must be a literal: it is known again by its address. It must not run already.
+    /// `sql` must be a literal or kept(): it is known again by its address. It must not run
+    /// already.
     template <typename... Values>
     Query query(const char* sql, const Values&... values) {
         return Query(database_.get(), prepared(sql), values...);
@@ -86,6 +88,8 @@ class Database {
         while (made.step()) {
         }
     }
+    /// The same text at the same address, for statements that are put together.
+    const char* kept(const std::string& sql) { return texts_.insert(sql).first->c_str(); }
     /// Statements without values, not kept.
     void script(const char* sql);
 
@@ -99,6 +103,7 @@ class Database {
     sqlite3_stmt* prepared(const char* sql);
 
     std::unique_ptr<sqlite3, Close> database_;
+    std::set<std::string> texts_;
     std::map<const char*, std::unique_ptr<sqlite3_stmt, Finalize>> statements_;
 };
 

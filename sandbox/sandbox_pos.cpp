@@ -5,7 +5,6 @@
 #include <charconv>
 #include <iterator>
 #include <memory>
-#include <set>
 
 #include "sandbox/sandbox_event.h"
 
@@ -133,12 +132,6 @@ std::vector<size_t> allFields() {
     return fields;
 }
 
-/// The database knows a statement by its address, so that each text is kept.
-const char* kept(const std::string& sql) {
-    static std::set<std::string> texts;
-    return texts.insert(sql).first->c_str();
-}
-
 template <typename Visit>
 void eachLine(const std::string& text, Visit visit) {
     size_t number = 0;
@@ -260,8 +253,8 @@ std::string POStore::add(uint32_t dataselection, const std::string& text, OnKnow
             marks += ", ?";
         return " INTO pos VALUES (" + marks + ") RETURNING 1";
     }();
-    const char* sql =
-        kept((onKnown == OnKnown::Replace ? "INSERT OR REPLACE" : "INSERT OR IGNORE") + values);
+    const char* sql = database_.kept(
+        (onKnown == OnKnown::Replace ? "INSERT OR REPLACE" : "INSERT OR IGNORE") + values);
     uint64_t taken = 0;
     eachLine(text, [&](const Fields& fields, size_t line) {
         checkSelection(fields, dataselection, line);
@@ -274,8 +267,8 @@ std::string POStore::add(uint32_t dataselection, const std::string& text, OnKnow
 }
 
 std::string POStore::expire(uint32_t dataselection, const std::string& text) {
-    const char* sql =
-        kept("DELETE FROM pos WHERE ds = ? AND " + columns(kKey, " AND ", " = ?") + " RETURNING 1");
+    const char* sql = database_.kept("DELETE FROM pos WHERE ds = ? AND " +
+                                     columns(kKey, " AND ", " = ?") + " RETURNING 1");
     uint64_t gone = 0;
     eachLine(text, [&](const Fields& fields, size_t line) {
         checkSelection(fields, dataselection, line);
@@ -325,9 +318,9 @@ class Pages {
           last_(std::size(kOrder)) {}
 
     std::string next() {
-        Query query = database_.query(kept(selection() + "INDEXED BY pos_order WHERE " +
-                                           condition_.sql + " AND (" + columns(kOrder, ", ", "") +
-                                           ") > (?, ?, ?, ?, ?)" + order() + " LIMIT 5000"));
+        Query query = database_.query(database_.kept(
+            selection() + "INDEXED BY pos_order WHERE " + condition_.sql + " AND (" +
+            columns(kOrder, ", ", "") + ") > (?, ?, ?, ?, ?)" + order() + " LIMIT 5000"));
         condition_.bind(query, dataselection_);
         int at = condition_.places;
         for (const std::string& value : last_)
@@ -358,7 +351,8 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
     Condition condition = conditionOf(filter);
     uint64_t count = 0;
     {
-        Query query = database_.query(kept("SELECT count(*) FROM pos WHERE " + condition.sql));
+        Query query =
+            database_.query(database_.kept("SELECT count(*) FROM pos WHERE " + condition.sql));
         condition.bind(query, dataselection);
         if (query.step()) count = static_cast<uint64_t>(query.number(0));
     }
@@ -369,7 +363,7 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
     }
     // Sorted afterwards: the order's index would have all POs looked at for the few that match.
     static const std::string sorted = " ORDER BY +" + columns(kOrder, ", +", "");
-    Query query = database_.query(kept(selection() + "WHERE " + condition.sql + sorted));
+    Query query = database_.query(database_.kept(selection() + "WHERE " + condition.sql + sorted));
     condition.bind(query, dataselection);
     std::string lines = head(count);
     while (query.step())

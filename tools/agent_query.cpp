@@ -14,10 +14,6 @@
 namespace agent {
 namespace {
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-
 /// A filter and the texts that it points to.
 struct Filter {
     MBPOFilter criteria{};
@@ -44,12 +40,10 @@ int query(pool::Session& session, const ImageName& name, const std::string& patt
     char* text = nullptr;
     count = 0;
     MBSetRetryCount(0);
-    const int code = session.attempt("query", [&](MBSession* s) {
-        const uint32_t status =
-            MBPOFind(s, name.dataselection, &filter.criteria, &text, nullptr, &count);
-        return status == CR_STATUS_NOT_FOUND ? uint32_t{CR_STATUS_OK} : status;
+    const int code = session.attemptQuery(name.dataselection, [&](MBSession* s) {
+        return MBPOFind(s, name.dataselection, &filter.criteria, &text, nullptr, &count);
     });
-    const std::unique_ptr<char, FreeText> owned(text);
+    const tool::LibraryText owned(text);
     answer = text != nullptr ? text : "";
     return code;
 }

@@ -15,10 +15,6 @@ namespace {
 
 using tool::printable;
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-
 /// One call for each path, whatever became of the one before.
 int forEachPath(const Options& options,
                 const std::function<uint32_t(MBSession*, const char* path)>& call) {
@@ -52,7 +48,7 @@ int list(const Options& options) {
     int code = session.attempt(name, [&](MBSession* mb) {
         return MBDirList(mb, options.paths[0].c_str(), &received, &length, options.recursive);
     });
-    const std::unique_ptr<char, FreeText> text(received);
+    const tool::LibraryText text(received);
     if (code != tool::kExitOk) return code;
 
     // The length counts the NUL.

@@ -11,17 +11,13 @@
 namespace pool {
 namespace {
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-using Text = std::unique_ptr<char, FreeText>;
-
 /// Opens a session and makes one call, whose result may be the server's event.
 template <typename Call>
 int once(const Options& options, Call call) {
     Session session(options.session);
     if (const int code = session.code()) return code;
-    return session.attemptEvent("image " + tool::printable(options.image.name), call);
+    const std::string& name = options.image.name;
+    return session.attemptEvent(name.empty() ? "images" : "image " + tool::printable(name), call);
 }
 
 void print(const Options& options, const char* member, const char* text) {
@@ -52,7 +48,7 @@ int lastImages(const Options& options) {
         // No answer is no image.
         return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;
     });
-    const Text owned(answer);
+    const tool::LibraryText owned(answer);
     if (code != tool::kExitOk) return code;
     if (options.json) {
         tool::printJson({{"images", answer != nullptr ? answer : ""}}, 2);
@@ -110,7 +106,7 @@ int imagePolicy(const Options& options) {
         return MBFindImagePolicy(mb, options.dataselection, i.client.c_str(), i.name.c_str(),
                                  &policy);
     });
-    const Text owned(policy);
+    const tool::LibraryText owned(policy);
     if (code == tool::kExitOk) print(options, "policy", policy);
     return code;
 }
@@ -122,7 +118,7 @@ int hvxTag(const Options& options) {
     int32_t digit = 0;
     const int code = session.attempt(
         "tag", [&](MBSession* mb) { return MBGetHVXTag(mb, options.dataselection, &digit, &tag); });
-    const Text owned(tag);
+    const tool::LibraryText owned(tag);
     if (code != tool::kExitOk) return code;
     if (tag == nullptr) return tool::kExitNothing;
     print(options, "tag", tag);

@@ -151,9 +151,12 @@ void addImageQuery(CLI::App& command, Options& options) {
 
 void addRetention(CLI::App& command, Options& options) {
     addImage(command, options);
-    command.add_option("--set", options.image.retention, "Seconds; without, it is shown")
-        ->type_name("");
-    command.add_option("--worm", options.image.worm, "WORM flags, with --set")->type_name("");
+    CLI::Option* set =
+        command.add_option("--set", options.image.retention, "Seconds; without, it is shown")
+            ->check(CLI::NonNegativeNumber)
+            ->type_name("");
+    command.add_option("--worm", options.image.worm, "WORM flags")->needs(set)->type_name("");
+    command.get_option("--flags")->needs(set);
 }
 
 struct Command {

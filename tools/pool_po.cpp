@@ -17,10 +17,6 @@
 namespace pool {
 namespace {
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-
 struct CloseCursor {
     void operator()(MBPOCursor* cursor) const { MBPOFindClose(cursor); }
 };
@@ -97,12 +93,10 @@ nlohmann::ordered_json objectsOf(std::string_view text) {
 
 int findAsJson(const Options& options, Session& session, const MBPOFilter& filter) {
     char* text = nullptr;
-    const int code = session.attempt("query", [&](MBSession* mb) {
-        const uint32_t status =
-            MBPOFind(mb, options.dataselection, &filter, &text, nullptr, nullptr);
-        return status == CR_STATUS_NOT_FOUND ? uint32_t{CR_STATUS_OK} : status;
+    const int code = session.attemptQuery(options.dataselection, [&](MBSession* mb) {
+        return MBPOFind(mb, options.dataselection, &filter, &text, nullptr, nullptr);
     });
-    const std::unique_ptr<char, FreeText> owned(text);
+    const tool::LibraryText owned(text);
     if (code != tool::kExitOk) return code;
     tool::printJson(text != nullptr ? objectsOf(text) : nlohmann::ordered_json::array(), 2);
     return text != nullptr ? tool::kExitOk : tool::kExitNothing;
@@ -128,10 +122,9 @@ int findAsLines(const Options& options, Session& session, const MBPOFilter& filt
     char* line = nullptr;
     uint32_t count = 0;
     std::unique_ptr<MBPOCursor, CloseCursor> cursor;
-    const int code = session.attempt("query", [&](MBSession* mb) {
+    const int code = session.attemptQuery(options.dataselection, [&](MBSession* mb) {
         cursor.reset(MBPOStringFindFirst(mb, options.dataselection, &filter, &line, &count));
-        const uint32_t status = cursor != nullptr ? 0 : *__cr_errno_location();
-        return status == CR_STATUS_NOT_FOUND ? uint32_t{CR_STATUS_OK} : status;
+        return cursor != nullptr ? uint32_t{CR_STATUS_OK} : *__cr_errno_location();
     });
     if (code != tool::kExitOk) return code;
     if (options.countOnly) printf("%u\n", count);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <iterator>
 #include <vector>
 
@@ -43,6 +44,13 @@ constexpr Hint kHints[] = {
     {WS_STATUS_CUT, kPerhapsDone},
     {WS_STATUS_BAD_ANSWER, "is it a pool server?"},
     {WS_STATUS_TOO_LARGE, kPerhapsDone},
+};
+
+/// Why a query may be refused, by event.
+constexpr Hint kReasons[] = {
+    {kBadLogin, "Permission denied: unknown login or wrong password"},
+    {kNotAllowed, "Permission denied: the login may not read"},
+    {kNoSelection, "no such data selection"},
 };
 
 bool isTransport(uint32_t status) {
@@ -153,20 +161,41 @@ void Session::complain(const std::string& subject, const std::string& text) {
 
 int Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call) {
     messages_.forget();
+    reason_.clear();
     const uint32_t status = call(session_.get());
     if (status == CR_STATUS_OK) return tool::kExitOk;
     complain(subject, explain(status));
     return exitCode(status, messages_.event());
 }
 
+/// The status that a server's event comes to, which some calls return in its place.
+uint32_t Session::statusOfEvent(uint32_t result) {
+    if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
+    messages_.noteEvent(result);
+    const bool permission = result == kBadLogin || result == kNotAllowed;
+    return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
+}
+
 int Session::attemptEvent(const std::string& subject,
                           const std::function<uint32_t(MBSession*)>& call) {
-    return attempt(subject, [&](MBSession* session) -> uint32_t {
-        const uint32_t result = call(session);
-        if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
-        messages_.noteEvent(result);
-        const bool permission = result == kBadLogin || result == kNotAllowed;
-        return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
+    return attempt(subject, [&](MBSession* session) { return statusOfEvent(call(session)); });
+}
+
+int Session::attemptQuery(uint32_t dataselection, const std::function<uint32_t(MBSession*)>& call) {
+    return attempt("query", [&](MBSession* session) -> uint32_t {
+        const uint32_t status = call(session);
+        if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
+        if (status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_BAD_HANDLE) return status;
+        // What refuses a query for its login or its data selection refuses this as well.
+        char* images = nullptr;
+        const uint32_t event =
+            MBGetLastImages(session, dataselection, nullptr, nullptr, -1, INT64_MAX, &images);
+        free(images);
+        const auto* known = std::find_if(std::begin(kReasons), std::end(kReasons),
+                                         [=](const Hint& r) { return r.status == event; });
+        if (known == std::end(kReasons)) return status;
+        reason_ = known->text;
+        return statusOfEvent(event);
     });
 }
 
@@ -174,7 +203,7 @@ int Session::attemptEvent(const std::string& subject,
 std::string Session::explain(uint32_t status) const {
     const bool permission = status == CR_STATUS_PERMISSION_DENIED;
     const bool remote = permission || status == CR_STATUS_REMOTE_ERROR;
-    const std::string said = remote ? messages_.description() : "";
+    const std::string said = !remote ? "" : reason_.empty() ? messages_.description() : reason_;
     std::string text = (said.empty() ? CRStatusToStringA(status) : said) + " (";
     if (remote && messages_.event() != 0) {
         text += "event " + std::to_string(messages_.event()) + ", ";

@@ -41,6 +41,10 @@ class Session {
     /// The same for a call that returns the server's event where others return a status.
     int attemptEvent(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
 
+    /// The same for a query, of which the library does not hand on why a server refuses it: another
+    /// request asks for the reason. That nothing is found is no failure.
+    int attemptQuery(uint32_t dataselection, const std::function<uint32_t(MBSession*)>& call);
+
   private:
     struct Shutdown {
         void operator()(MBSession* session) const { MBShutdown(session); }
@@ -51,9 +55,11 @@ class Session {
     int create(const SessionOptions& options, const std::string& url);
     int enableRetries(const SessionOptions& options);
     std::string explain(uint32_t status) const;
+    uint32_t statusOfEvent(uint32_t result);
 
     Messages messages_;  // outlives the session, which may have last words
     std::unique_ptr<MBSession, Shutdown> session_;
+    std::string reason_;  ///< of a refusal, where the library has none
     std::string server_;
     std::string login_;
     bool hasPassword_ = false;

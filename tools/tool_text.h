@@ -3,6 +3,8 @@
 #define TOOLS_TOOL_TEXT_H
 
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <string>
 
 namespace tool {
@@ -22,6 +24,12 @@ enum ExitCode {
     kExitNo = 1,       ///< the answer is no: damaged, different
     kExitTrouble = 2,  ///< no answer, bad options included
 };
+
+/// A text that the library allocated for its caller.
+struct FreeText {
+    void operator()(char* text) const { free(text); }
+};
+using LibraryText = std::unique_ptr<char, FreeText>;
 
 /// Writes "PROGRAM: TEXT" as one line on stderr.
 void complain(const std::string& program, const std::string& text);
