@@ -22,84 +22,67 @@ constexpr size_t kLongestText = 4095;
 constexpr uint32_t kMostPairs = 8;
 constexpr uint32_t kNoArchMode = 0xFFFFFFFF;
 
-enum class Kind : uint8_t { Unknown, Text, Integer };
+/// Where the value of a text or an integer goes.
+struct TextRow {
+    uint32_t code;
+    Secret Settings::*text;
+};
+struct NumberRow {
+    uint32_t code;
+    int64_t Settings::*number;
+};
 
-Kind kindOf(uint32_t code) {
-    switch (code) {
-        case WS_OPT_SERVER_URL:
-        case WS_OPT_LOGIN:
-        case WS_OPT_PASSWORD:
-        case WS_OPT_SSL_KEY_LOCATION:
-            return Kind::Text;
-        case WS_OPT_7:
-        case WS_OPT_8:
-        case WS_OPT_RESPONSE_TIMEOUT:
-        case WS_OPT_RECONNECT_TIMEOUT:
-            return Kind::Integer;
-        default:
-            return Kind::Unknown;
-    }
+constexpr TextRow kTexts[] = {
+    {WS_OPT_SERVER_URL, &Settings::serverUrl},
+    {WS_OPT_LOGIN, &Settings::login},
+    {WS_OPT_PASSWORD, &Settings::password},
+    {WS_OPT_SSL_KEY_LOCATION, &Settings::keyLocation},
+};
+constexpr NumberRow kNumbers[] = {
+    {WS_OPT_7, &Settings::option7},
+    {WS_OPT_8, &Settings::option8},
+    {WS_OPT_RESPONSE_TIMEOUT, &Settings::responseTimeout},
+    {WS_OPT_RECONNECT_TIMEOUT, &Settings::reconnectTimeout},
+};
+
+/// NULL when the option is not in the table.
+template <typename Row, size_t size>
+const Row* rowOf(const Row (&table)[size], uint32_t code) {
+    const Row* row =
+        std::find_if(table, table + size, [=](const Row& r) { return r.code == code; });
+    return row != table + size ? row : nullptr;
 }
 
-uint32_t check(const WSOption& option) {
-    const Kind kind = kindOf(option.code);
-    if (kind == Kind::Unknown) return CR_STATUS_INVALID_PARAMETER;
-    if (kind == Kind::Integer) return CR_STATUS_OK;
-    if (option.value.text == nullptr) return CR_STATUS_INVALID_PARAMETER;
+uint32_t checkText(const WSOption& option) {
+    const char* text = option.value.text;
+    if (text == nullptr) return CR_STATUS_INVALID_PARAMETER;
     // Behind a colon, the server would take the rest for the password.
-    const bool colon = strchr(option.value.text, ':') != nullptr;
-    if (option.code == WS_OPT_LOGIN && colon) return CR_STATUS_INVALID_PARAMETER;
-    return strnlen(option.value.text, kLongestText + 1) > kLongestText ? CR_STATUS_LIMIT_EXCEEDED
-                                                                       : CR_STATUS_OK;
-}
-
-void apply(Settings& settings, const WSOption& option) {
-    switch (option.code) {
-        case WS_OPT_SERVER_URL:
-            settings.serverUrl = option.value.text;
-            break;
-        case WS_OPT_LOGIN:
-            settings.login = option.value.text;
-            break;
-        case WS_OPT_PASSWORD:
-            settings.password.set(option.value.text);
-            break;
-        case WS_OPT_SSL_KEY_LOCATION:
-            settings.keyLocation = option.value.text;
-            break;
-        case WS_OPT_7:
-            settings.option7 = option.value.number;
-            break;
-        case WS_OPT_8:
-            settings.option8 = option.value.number;
-            break;
-        case WS_OPT_RESPONSE_TIMEOUT:
-            settings.responseTimeout = option.value.number;
-            break;
-        default:
-            settings.reconnectTimeout = std::max<int64_t>(option.value.number, 0);
-            break;
+    if (option.code == WS_OPT_LOGIN && strchr(text, ':') != nullptr) {
+        return CR_STATUS_INVALID_PARAMETER;
     }
+    return strnlen(text, kLongestText + 1) > kLongestText ? CR_STATUS_LIMIT_EXCEEDED : CR_STATUS_OK;
 }
 
 /// All records or none: they go to a copy, and nothing can fail once it is taken over.
 uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) {
-        if (const uint32_t bad = check(options[i])) return bad;
-    }
     Settings next = transport.settings;
-    for (uint32_t i = 0; i < count; ++i)
-        apply(next, options[i]);
+    for (uint32_t i = 0; i < count; ++i) {
+        if (const TextRow* row = rowOf(kTexts, options[i].code)) {
+            if (const uint32_t bad = checkText(options[i])) return bad;
+            (next.*row->text).set(options[i].value.text);
+        } else if (const NumberRow* number = rowOf(kNumbers, options[i].code)) {
+            next.*number->number = options[i].value.number;
+        } else {
+            return CR_STATUS_INVALID_PARAMETER;
+        }
+    }
+    next.reconnectTimeout = std::max<int64_t>(next.reconnectTimeout, 0);
     Settings& now = transport.settings;
-    if (next.serverUrl != now.serverUrl) transport.archKnown = false;
-    now.serverUrl.swap(next.serverUrl);
-    now.login.swap(next.login);
-    now.password.swap(next.password);
-    now.keyLocation.swap(next.keyLocation);
-    now.option7 = next.option7;
-    now.option8 = next.option8;
-    now.responseTimeout = next.responseTimeout;
-    now.reconnectTimeout = next.reconnectTimeout;
+    if (next.serverUrl.text() != now.serverUrl.text()) transport.archKnown = false;
+    for (const TextRow& row : kTexts)
+        (now.*row.text).swap(next.*row.text);
+    for (const NumberRow& row : kNumbers)
+        now.*row.number = next.*row.number;
     transport.configured = false;
     return CR_STATUS_OK;
 }
@@ -208,9 +191,9 @@ uint32_t WSSetOptVa(WSTransport* transport, ...) noexcept {
             break;
         }
         options[count].code = code;
-        if (kindOf(code) == Kind::Text) {
+        if (rowOf(kTexts, code) != nullptr) {
             options[count].value.text = va_arg(pairs, const char*);
-        } else if (kindOf(code) == Kind::Integer) {
+        } else if (rowOf(kNumbers, code) != nullptr) {
             options[count].value.number = va_arg(pairs, int64_t);
         } else {
             bad = CR_STATUS_INVALID_PARAMETER;

@@ -90,7 +90,7 @@ std::string partOf(CURLU* url, CURLUPart part) {
 
 /// Where requests go, and whether they may. Returns why they cannot, or 0.
 uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
-    const std::string& text = transport.settings.serverUrl;
+    const std::string& text = transport.settings.serverUrl.text();
     if (text.empty()) return WS_STATUS_NO_SERVER;
     const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
     if (url == nullptr) throw std::bad_alloc();
@@ -182,10 +182,10 @@ void configure(WSTransport& transport) {
     set(curl, CURLOPT_TCP_KEEPALIVE, 1L);
     set(curl, CURLOPT_USERAGENT, "kspool");
     if (loopback) set(curl, CURLOPT_NOPROXY, "*");
-    setKeys(curl, s.keyLocation);
-    if (!s.login.empty()) {
+    setKeys(curl, s.keyLocation.text());
+    if (!s.login.text().empty()) {
         set(curl, CURLOPT_HTTPAUTH, long{CURLAUTH_BASIC});
-        set(curl, CURLOPT_USERNAME, s.login.c_str());
+        set(curl, CURLOPT_USERNAME, s.login.text().c_str());
         set(curl, CURLOPT_PASSWORD, s.password.text().c_str());
     }
     set(curl, CURLOPT_OPENSOCKETFUNCTION, onOpen);

@@ -34,12 +34,13 @@ class Secret {
     std::string text_;
 };
 
-/// What WSSetOpt() sets. Empty texts are not set.
+/// What WSSetOpt() sets. Empty texts are not set; all are kept as carefully as the one that needs
+/// it.
 struct Settings {
-    std::string serverUrl;
-    std::string login;
+    Secret serverUrl;
+    Secret login;
     Secret password;
-    std::string keyLocation;
+    Secret keyLocation;
     int64_t option7 = 0;
     int64_t option8 = 0;
     int64_t responseTimeout = 30;

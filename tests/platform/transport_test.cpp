@@ -1,5 +1,7 @@
 // The transport against a server that answers with whatever bytes a row gives it.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -286,6 +288,48 @@ TEST(Transport, SaysWhatItIsGiven) {
         EXPECT_EQ(headerOf(request, "Content-Type"), table[i].type);
         EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), table[i].body);
     }
+}
+
+// A text that takes more than 24 MB on the wire, where libcurl's own escaping ends.
+TEST(Transport, SendsLargeTexts) {
+    RawServer server;
+    Transport transport(server.url(), 20);
+    const std::string text(9'000'000, '/');
+    WSResult result{};
+    EXPECT_EQ(WSRequestExt(transport, WS_SERVICE_METABASE, &result, "action", "import", "data",
+                           text.c_str(), kEnd),
+              0U);
+    free(result.data);
+    EXPECT_EQ(headerOf(server.requests().back(), "Content-Length"), "27000019");
+}
+
+// A machine that is down does not refuse: it says nothing. Nor does one whose queue is full.
+TEST(Transport, WaitsForAServerThatDoesNotAnswerTheConnect) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(listener, generic, length), 0);
+    ASSERT_EQ(listen(listener, 0), 0);
+    ASSERT_EQ(getsockname(listener, generic, &length), 0);
+    int waiting[4];
+    for (int& fd : waiting) {
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        static_cast<void>(connect(fd, generic, length));
+    }
+    Transport transport("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)), 1);
+    for (const int64_t reconnect : {0, 1}) {
+        transport.reconnect(reconnect);
+        const auto start = Clock::now();
+        EXPECT_EQ(transport.get(), WS_STATUS_NO_CONNECT);
+        EXPECT_GE(secondsSince(start), 1 + 0.9 * static_cast<double>(reconnect));
+        EXPECT_LT(secondsSince(start), 2 + static_cast<double>(reconnect));
+    }
+    for (const int fd : waiting)
+        close(fd);
+    close(listener);
 }
 
 TEST(Transport, SetsAllOptionsOrNone) {

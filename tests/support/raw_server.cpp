@@ -147,13 +147,13 @@ bool RawServer::readRequest(int fd, std::string& pending, std::string& request) 
             pending.erase(0, size);
             return true;
         }
-        char block[4096];
+        static thread_local char block[1 << 20];
         if (!readable(fd, stopping_)) return false;
         const ssize_t got = recv(fd, block, sizeof block, 0);
         if (got <= 0) return false;
         pending.append(block, static_cast<size_t>(got));
         const std::lock_guard<std::mutex> hold(lock_);
-        rest_ = pending;
+        rest_ = pending.substr(0, 4096);
     }
 }
 

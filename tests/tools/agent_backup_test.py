@@ -130,6 +130,8 @@ with tempfile.TemporaryDirectory() as top:
     assert found("six") == [] and len(found("five")) == 6
     run("expire", "--client", "me", "--image", "six", code=10)
     run("backup", tree, "--image", "x", code=12, KSPOOL_PASSWORD="wrong")
+    run("find", "--client", "me", code=12, KSPOOL_PASSWORD="wrong")
+    run("find", "--ds", "0", code=10)
     assert password not in run("backup", tree, "--image", "x", "-v").stderr
     stop(server)
 print("kspool-agent backup: as expected")

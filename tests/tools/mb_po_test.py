@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """kspool-mb po, image and hvx against a pool server. Usage: mb_po_test.py MB SANDBOX"""
+import http.server
 import json
 import os
 import subprocess
 import sys
 import tempfile
+import threading
 import urllib.request
 
 MB, SANDBOX = sys.argv[1:]
@@ -54,11 +56,39 @@ with tempfile.TemporaryDirectory() as top:
     for bad in (("po", "find"), ("po",), ("po", "find", "1", "--size", "1x"),
                 ("po", "find", "1", "--type", "ff"), ("po", "find", "1", "--name", "a|b"),
                 ("po", "add", "1"), ("po", "add", "1", top + "/none"),
-                ("po", "add", "--keep", "--import", "1")):
+                ("po", "add", "--keep", "--import", "1"),
+                ("image", "retention", "1", "--image", "i", "--worm", "1")):
         assert run(*at, *bad, code=2).stderr.count("\n") == 1
     refused = run(*at, "po", "add", "1", code=1, text="no PO\n").stderr
     assert "line 1: not of 26 fields" in refused and "event 3002" in refused, refused
     run(*at, "po", "add", "0", code=10, text=po("a", 1))
+
+    # Refused, each with its reason and exit code.
+    run(*at, "po", "find", "0", code=10)
+    for wrong in (("po", "find", "1"), ("--json", "po", "find", "1"), ("image", "last", "1")):
+        done = subprocess.run([MB, *at, *wrong], capture_output=True, text=True,
+                              env={**os.environ, "KSPOOL_PASSWORD": "wrong"})
+        assert done.returncode == 12 and "wrong password" in done.stderr, done
+
+    # A server that announces more POs than it sends.
+    class Liar(http.server.BaseHTTPRequestHandler):
+        def do_POST(self):
+            body = b"names\ntypes\n4294967295\na|1\nb|2\n"
+            self.send_response(200)
+            self.send_header("Content-Type", "text/plain")
+            self.send_header("Content-Length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, *_):
+            pass
+
+    with http.server.HTTPServer(("127.0.0.1", 0), Liar) as liar:
+        threading.Thread(target=liar.serve_forever).start()
+        lied = run("--server", f"http://127.0.0.1:{liar.server_port}", "po", "find", "1", code=1,
+                   out="a|1\nb|2\n")
+        assert "fewer POs than it announced" in lied.stderr, lied.stderr
+        liar.shutdown()
 
     # Images and tags.
     image = ("--client", "c", "--policy", "p", "--image", "i")
