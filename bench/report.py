@@ -119,8 +119,9 @@ SESSION = {  # work: title, peer
 def session_report():
     out = [
         "# Sessions beside bare libcurl", "",
-        "Made by `scripts/bench session`: each pair in one run, its rounds mixed. A second of it, median",
-        "of the rounds, in brackets the slowest and the fastest round.", "",
+        "Made by `scripts/bench session`: each pair in one run, its rounds mixed. How many were done in a",
+        "second, median of the rounds; in brackets the slowest and the fastest round. A ratio above 1 is",
+        "faster than the peer.", "",
         "Requests go to the development server in the same process, one connection a round. The libcurl",
         "loop sends the same bytes with the same options and collects the answer; the session gives each",
         "request an id, checks the answer and converts it. A query's answer comes from a server that only",
