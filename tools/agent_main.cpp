@@ -1,5 +1,6 @@
 // kspool-agent: the command line.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 
 #include "tools/agent_backup.h"
@@ -13,6 +14,7 @@ namespace {
 
 constexpr uint64_t kSmallestSegment = 512;
 constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
+constexpr size_t kLongestName = 255;
 constexpr uint32_t kLargestArea = 59'652'323;
 
 constexpr char kScanFooter[] =
@@ -55,19 +57,32 @@ constexpr char kBackupFooter[] =
     "was\n"
     "interrupted; 10 nothing found; 12 permission denied; 13 no answer from the server.";
 
-void addImageName(CLI::App& command, agent::ImageName& name) {
-    name.client = agent::thisHost();
-    command.add_option("--ds", name.dataselection, "Data selection")->capture_default_str();
-    command.add_option("--client", name.client, "Client [this machine]")
-        ->check(pool::textUpTo(255));
-    command.add_option("--policy", name.policy, "Policy")
-        ->check(pool::textUpTo(255))
-        ->capture_default_str();
+/// A name as a field of a PO holds it. One that a pattern could be would stand for others as well,
+/// which is for finding only.
+CLI::Validator nameText(bool pattern) {
+    const std::string excluded = pattern ? "|%" : "|%*?";
+    return {[=](std::string& text) -> std::string {
+                if (text.empty() || text.size() > kLongestName) return "has 1 to 255 characters";
+                const auto bad = [&](char c) {
+                    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f ||
+                           excluded.find(c) != std::string::npos;
+                };
+                const bool good = std::none_of(text.begin(), text.end(), bad);
+                return good ? "" : "may hold none of " + excluded + " and no control characters";
+            },
+            ""};
 }
 
-CLI::Option* addImage(CLI::App& command, agent::ImageName& name) {
+/// Adds what names an image, and returns the option for the image itself.
+CLI::Option* addImageName(CLI::App& command, agent::ImageName& name, bool patterns) {
+    name.client = agent::thisHost();
+    command.add_option("--ds", name.dataselection, "Data selection")->capture_default_str();
+    command.add_option("--client", name.client, "Client [this machine]")->check(nameText(patterns));
+    command.add_option("--policy", name.policy, "Policy")
+        ->check(nameText(patterns))
+        ->capture_default_str();
     return command.add_option("--image", name.image, "Name of the image")
-        ->check(pool::textUpTo(255));
+        ->check(nameText(patterns));
 }
 
 void addBackup(CLI::App& app, int& code) {
@@ -76,8 +91,7 @@ void addBackup(CLI::App& app, int& code) {
     CLI::App* command = app.add_subcommand("backup", "Record files on the pool's server");
     command->add_option("PATH", options.paths, "Files and folders to back up")->required();
     pool::addSessionOptions(*command, options.session);
-    addImageName(*command, options.name);
-    addImage(*command, options.name)->required();
+    addImageName(*command, options.name, false)->required();
     command->add_option("--cache", options.cacheFile, "File of the fingerprint cache [none]");
     command->add_option("--limit", options.limit, "Memory limit of the cache, MiB")
         ->check(CLI::Range(1U, 1U << 20))
@@ -102,19 +116,20 @@ void addQueries(CLI::App& app, int& code) {
         const char* name;
         const char* description;
         int (*run)(const agent::QueryOptions&);
+        bool finds;
     } kQueries[] = {
-        {"find", "List the files that are recorded", agent::find},
-        {"expire", "Expire the files of an image, and the image", agent::expire},
+        {"find", "List the files that are recorded", agent::find, true},
+        {"expire", "Expire the files of an image, and the image", agent::expire, false},
     };
     for (const auto& row : kQueries) {
         const auto kept = std::make_shared<agent::QueryOptions>();
         CLI::App* command = app.add_subcommand(row.name, row.description);
         pool::addSessionOptions(*command, kept->session);
-        addImageName(*command, kept->name);
-        CLI::Option* image = addImage(*command, kept->name);
-        if (row.run == agent::expire) image->required();
-        if (row.run == agent::find) {
+        CLI::Option* image = addImageName(*command, kept->name, row.finds);
+        if (row.finds) {
             command->add_option("NAME", kept->pattern, "Pattern of file names [*]");
+        } else {
+            image->required();
         }
         command->add_flag("--json", kept->json, "Report as JSON");
         command->footer(kBackupFooter);

@@ -20,10 +20,10 @@ struct Filter {
     std::string client, policy, image, name;
 
     explicit Filter(const ImageName& n, const std::string& pattern)
-        : client(fieldText(n.client)),
-          policy(fieldText(n.policy)),
-          image(n.image.empty() ? "*" : fieldText(n.image)),
-          name(pattern) {
+        : client(n.client),
+          policy(n.policy),
+          image(n.image.empty() ? "*" : n.image),
+          name(fieldText(pattern)) {
         criteria.size = sizeof criteria;
         MBPOFilterInit(&criteria);
         criteria.criterion6 = client.c_str();

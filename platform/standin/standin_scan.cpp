@@ -14,6 +14,8 @@ namespace {
 
 constexpr uintptr_t kPage = 4096;
 constexpr uintptr_t kBlock = sizeof(__m256i);
+constexpr uintptr_t kCacheLine = 64;
+constexpr uintptr_t kAhead = 1024;
 
 /// The first `a`, `b` or NUL. Line ends sort below all that lines are made of, so that one
 /// comparison tells for most blocks that there is nothing in them.
@@ -32,8 +34,11 @@ WIDE const char* findEither(const char* text, char a, char b) {
     };
     for (; reinterpret_cast<uintptr_t>(text) % kPage > kPage - kBlock; ++text)
         if (*text == a || *text == b || *text == '\0') return text;
-    // A line that was just cut ends in front of the text: an aligned block would have to wait for
-    // it.
+    // Where the next search begins hangs on what this one reads; until then nothing further on
+    // would be asked for.
+    _mm_prefetch(text + kAhead, _MM_HINT_T0);
+    _mm_prefetch(text + kAhead + kCacheLine, _MM_HINT_T0);
+    // Not aligned: in front of the text a line was just cut, for which the block would wait.
     uint32_t found = matches(text);
     if (found != 0) return text + __builtin_ctz(found);
     text -= reinterpret_cast<uintptr_t>(text) % kBlock;

@@ -126,6 +126,11 @@ with tempfile.TemporaryDirectory() as top:
     assert backup("six")["newSegments"] == 8
     assert backup("six")["newSegments"] == 0
 
+    # A pattern is for finding only: it would expire other images as well.
+    for bad in (("--client", "me", "--image", "*"), ("--client", "m?", "--image", "six"),
+                ("--client", "me", "--image", "a|b"), ("--client", "me")):
+        run("expire", *bad, code=2)
+    run("backup", tree, "--image", "s*", code=2)
     run("expire", "--client", "me", "--image", "six")
     assert found("six") == [] and len(found("five")) == 6
     run("expire", "--client", "me", "--image", "six", code=10)
