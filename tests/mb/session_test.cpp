@@ -236,46 +236,6 @@ TEST_P(Sessions, KeepPOs) {
     POReset(&one);
 }
 
-// So many that the server sends them a page at a time, in one order and each once.
-TEST_P(Sessions, WalkManyPOs) {
-    constexpr uint32_t kMany = 30'000;
-    std::string list;
-    for (uint32_t i = 0; i < kMany; ++i) {
-        list += po(std::to_string(i * 7919 % kMany), static_cast<int>(i));
-        if (list.size() < 500'000 && i + 1 < kMany) continue;
-        ASSERT_EQ(MBPOAddList(session_, 1, list.c_str()), 0U);
-        list.clear();
-    }
-    MBPOFilter filter{};
-    filter.size = sizeof filter;
-    MBPOFilterInit(&filter);
-    uint32_t count = 0;
-    char* line = nullptr;
-    PO one{};
-    std::string last, all;
-    MBPOCursor* cursor = MBPOStringFindFirst(session_, 1, &filter, &line, &count);
-    ASSERT_EQ(count, kMany);
-    uint32_t lines = 0, pos = 1;
-    do {
-        const std::string name(line + 18, strchr(line + 18, '|'));
-        EXPECT_LT(last, name);
-        last = name;
-        all += std::string(line) + "\n";
-        ++lines;
-    } while (MBPOStringFindNext(cursor, &line) == 0);
-    MBPOFindClose(cursor);
-    EXPECT_EQ(lines, kMany);
-    cursor = MBPOFindFirst(session_, 1, &filter, &one, &count);
-    while (MBPOFindNext(cursor, &one) == 0)
-        ++pos;
-    MBPOFindClose(cursor);
-    POReset(&one);
-    EXPECT_EQ(pos, kMany);
-    EXPECT_EQ(MBPOExpire(session_, 1, all.c_str()), 0U);
-    EXPECT_EQ(MBPOStringFindFirst(session_, 1, &filter, &line, &count), nullptr);
-    EXPECT_EQ(count, 0U);
-}
-
 TEST_P(Sessions, KeepImages) {
     pool_.server->admin("POST", "dataselections", R"([{"number":1},{"number":2,"tag":"a b|c"}])");
     const auto set = [&](const char* name, uint64_t time, int32_t parent) {
