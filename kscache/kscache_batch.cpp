@@ -24,7 +24,7 @@ uint32_t checkBatch(const KSCache* cache, const KSCacheKey* keys, size_t count) 
 template <typename Answer>
 void lookUp(const KSCache* cache, const KSCacheKey* keys, size_t count, uint32_t* statuses,
             Answer answer) {
-    Lanes(cache).follow(keys, count, [=](size_t i, KSCacheNode* node) {
+    Lanes<Purpose::kTell>(cache, keys, count).follow([=](size_t i, KSCacheNode* node) {
         const uint32_t status =
             answer(findBelow(node, makeKey(keys[i].fingerprint, keys[i].type)), i);
         if (statuses != nullptr) statuses[i] = status;

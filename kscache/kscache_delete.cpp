@@ -11,10 +11,10 @@ namespace {
 /// Takes a node out of its tree. Its place goes to the next entry in the order, the lowest of those
 /// above it.
 void unlinkNode(KSCacheNode** link) {
-    const KSCacheNode* node = *link;
+    const KSCacheNode* node = nodeAt(link);
     KSCacheNode* successor = node->higher;
     if (successor == nullptr || node->lower == nullptr) {
-        *link = successor != nullptr ? successor : node->lower;
+        hang(link, successor != nullptr ? successor : node->lower);
         return;
     }
     if (successor->lower != nullptr) {
@@ -25,7 +25,7 @@ void unlinkNode(KSCacheNode** link) {
         successor->higher = node->higher;
     }
     successor->lower = node->lower;
-    *link = successor;
+    hang(link, successor);
 }
 
 /// Calls back for each entry until the callback asks to stop. It may add entries and pages, so the
@@ -44,7 +44,7 @@ void walk(KSCache* cache, KSCacheIterateCallback callback, void* arg) {
 uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint, uint32_t type) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
     KSCacheNode** link = findLink(cache, makeKey(fingerprint, type));
-    KSCacheNode* node = *link;
+    KSCacheNode* node = nodeAt(link);
     if (node == nullptr) return CR_STATUS_NOT_FOUND;
     unlinkNode(link);
     --cache->cachedItems;

@@ -29,7 +29,7 @@ struct KSCachePage {
 struct KSCache {
     uint32_t magic;
     uint32_t busy;            ///< 1: a walk is under way, memory must stay where it is
-    KSCacheNode** roots;      ///< owned, on the heap; or &inlineRoot
+    KSCacheNode** roots;      ///< links with marks; on the heap, or &inlineRoot
     KSCacheNode* inlineRoot;  ///< the root table when no memory could be had for another
     uint32_t mask;            ///< 2^bits - 1
     KSCacheNode* freeList;    ///< linked through `higher`

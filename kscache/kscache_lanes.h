@@ -16,9 +16,15 @@
 
 namespace kspool {
 
+/// What the keys are looked up for: to tell what is there, or to change a tree, for which the place
+/// where the search ends is wanted even if nothing is there.
+enum class Purpose { kTell, kChange };
+
+template <Purpose purpose>
 class Lanes {
   public:
-    explicit Lanes(const KSCache* cache) noexcept : roots_(cache->roots), mask_(cache->mask) {
+    Lanes(const KSCache* cache, const KSCacheKey* keys, size_t count) noexcept
+        : roots_(cache->roots), mask_(cache->mask), keys_(keys), count_(count) {
         end_.higher = &end_;
         end_.lower = &end_;
     }
@@ -30,20 +36,20 @@ class Lanes {
     /// Only an action that leaves the trees alone may rely on it. While keys are acted on, nodes of
     /// later ones are read: no page may be released.
     template <typename Act>
-    void follow(const KSCacheKey* keys, size_t count, Act act) noexcept {
+    void follow(Act act) noexcept {
         constexpr size_t kFilled = kStages * kAhead;
-        const size_t steady = std::max(count, kFilled);
+        const size_t steady = std::max(count_, kFilled);
         for (size_t i = 0; i < kFilled; ++i)
-            advance(keys, count, i);
+            advance(i);
         for (size_t i = kFilled; i < steady; ++i) {
-            start(i, keys[i]);
+            start(i);
             enter(i - kAhead);
             step(i - 2 * kAhead);
             stepAgain(i - 3 * kAhead);
             act(i - kFilled, reached(i - kFilled));
         }
-        for (size_t i = steady; i < count + kFilled; ++i) {
-            advance(keys, count, i);
+        for (size_t i = steady; i < count_ + kFilled; ++i) {
+            advance(i);
             act(i - kFilled, reached(i - kFilled));
         }
     }
@@ -51,33 +57,43 @@ class Lanes {
   private:
     static constexpr size_t kStages = 4;
     /// Keys between two stages of one: enough for memory to answer meanwhile.
-    static constexpr size_t kAhead = 12;
-    static constexpr size_t kLanes = 64;
+    static constexpr size_t kAhead = 16;
+    static constexpr size_t kLanes = 128;
     static_assert(kLanes > kStages * kAhead);
 
-    struct alignas(32) Lane {
-        KSCacheNode* const* root;
-        KSCacheNode* node;
+    struct alignas(16) Lane {
+        union {
+            KSCacheNode* const* root;
+            KSCacheNode* node;
+        };
         uint64_t head;  ///< first word of the key
     };
 
     Lane& lane(size_t i) { return lanes_[i % kLanes]; }
 
     /// One round of all stages, where the first or the last keys are not to be found in each.
-    void advance(const KSCacheKey* keys, size_t count, size_t i) {
-        const auto isKey = [=](size_t number) { return number < count; };  // nor is one below 0
-        if (isKey(i)) start(i, keys[i]);
+    void advance(size_t i) {
+        const auto isKey = [&](size_t number) { return number < count_; };  // nor is one below 0
+        if (isKey(i)) start(i);
         if (isKey(i - kAhead)) enter(i - kAhead);
         if (isKey(i - 2 * kAhead)) step(i - 2 * kAhead);
         if (isKey(i - 3 * kAhead)) stepAgain(i - 3 * kAhead);
     }
 
-    void start(size_t i, const KSCacheKey& key) {
-        const auto* digest = static_cast<const uint8_t*>(key.fingerprint);
-        lane(i) = {roots_ + rootIndex(digest, mask_), nullptr, digestWord(digest, 0)};
-        __builtin_prefetch(static_cast<const void*>(lane(i).root));
+    void start(size_t i) {
+        const auto* digest = static_cast<const uint8_t*>(keys_[i].fingerprint);
+        Lane& l = lane(i);
+        l.root = roots_ + rootIndex(digest, mask_);
+        l.head = digestWord(digest, 0);
+        __builtin_prefetch(static_cast<const void*>(l.root));
     }
-    void enter(size_t i) { goTo(lane(i), *lane(i).root); }
+    void enter(size_t i) {
+        Lane& l = lane(i);
+        const uintptr_t root = bitsOf(l.root);
+        KSCacheNode* node = nodeIn(root);
+        if (purpose == Purpose::kTell && !isMarked(root, l.head)) node = nullptr;
+        goTo(l, orEnd(node));
+    }
 
     /// Goes to where the first word tells; stays where it is the key's, which is nearly always the
     /// end.
@@ -88,7 +104,7 @@ class Lanes {
         KSCacheNode* higher = node->higher;
         KSCacheNode* lower = node->lower;
         KSCacheNode* next = __builtin_bswap64(head) < __builtin_bswap64(ours) ? higher : lower;
-        goTo(lane(i), head == ours ? node : next);
+        goTo(lane(i), head == ours ? node : orEnd(next));
     }
     /// Few searches are not at their end by now.
     void stepAgain(size_t i) {
@@ -97,9 +113,10 @@ class Lanes {
             return;
         step(i);
     }
+    KSCacheNode* orEnd(KSCacheNode* node) { return node != nullptr ? node : &end_; }
     /// A node lies across two lines, whatever its address.
     void goTo(Lane& lane, KSCacheNode* node) {
-        lane.node = node != nullptr ? node : &end_;
+        lane.node = node;
         __builtin_prefetch(lane.node);
         __builtin_prefetch(&lane.node->type);
     }
@@ -107,6 +124,8 @@ class Lanes {
 
     KSCacheNode* const* roots_;
     uint32_t mask_;
+    const KSCacheKey* keys_;
+    size_t count_;
     KSCacheNode end_{};  ///< where searches without a result stay
     std::array<Lane, kLanes> lanes_;
 };
@@ -118,7 +137,9 @@ inline constexpr size_t kPathsAtOnce = 256;
 inline void prefetchPaths(const KSCache* cache, const KSCacheKey* keys, size_t count) noexcept {
     // To the compiler, a function that only prefetches has no effect and need not be called; an
     // empty instruction that it may not drop keeps this one.
-    Lanes(cache).follow(keys, count, [](size_t, const KSCacheNode*) { asm volatile(""); });
+    Lanes<Purpose::kChange>(cache, keys, count).follow([](size_t, const KSCacheNode*) {
+        asm volatile("");
+    });
 }
 
 }  // namespace kspool

@@ -23,7 +23,7 @@ uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type, uint
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
     const Key key = makeKey(fingerprint, type);
     KSCacheNode** link = findLink(cache, key);
-    if (KSCacheNode* known = *link) {
+    if (KSCacheNode* known = nodeAt(link)) {
         ++cache->hits;
         countReference(*known);
         if (cache->callback != nullptr && addArg != nullptr) {
@@ -35,18 +35,19 @@ uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type, uint
     if (node == nullptr) return statusSlot();
     ++cache->cachedItems;
     fillNode(*node, key, value);
-    *link = node;
+    hang(link, node);
+    mark(rootOf(cache, key), key);
     return CR_STATUS_OK;
 }
 
 uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, uint32_t type,
                       uint64_t* valueOut) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
-    return tellValue(*findLink(cache, makeKey(fingerprint, type)), valueOut);
+    return tellValue(findNode(cache, makeKey(fingerprint, type)), valueOut);
 }
 
 uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint32_t type,
                        uint64_t* valueOut) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
-    return countLookup(cache, *findLink(cache, makeKey(fingerprint, type)), valueOut);
+    return countLookup(cache, findNode(cache, makeKey(fingerprint, type)), valueOut);
 }

@@ -76,9 +76,9 @@ void moveNode(KSCache* cache, KSCacheNode* node) {
     cache->freeList = target->higher;
     --cache->freeListCount;
     KSCacheNode** link = findLink(cache, makeKey(node->fingerprint, node->type));
-    if (*link == node) {
+    if (nodeAt(link) == node) {
         *target = *node;
-        *link = target;
+        hang(link, target);
     } else {
         char text[65];
         KS_WARNING(CR_STATUS_NO_MEMORY, "KSCache inconsistency: node %s had no parent node",

@@ -161,7 +161,7 @@ void KSCacheDumpSorted(FILE* stream, const KSCache* cache) noexcept {
     FILE* out = outputTo(stream);
     fputs("Address RefCount FP\n", out);
     for (size_t root = 0; root <= cache->mask; ++root) {
-        if (cache->roots[root] != nullptr) dumpSorted(out, cache->roots[root]);
+        if (const KSCacheNode* node = nodeAt(&cache->roots[root])) dumpSorted(out, node);
     }
 }
 

@@ -46,15 +46,15 @@ inline Key makeKey(const void* fingerprint, uint32_t type) noexcept {
 }
 
 /// Whether a node holds the key. Nearly always the first word tells, and no other part of the node
-/// is touched; the rest is compared at once, since then it is nearly always the same.
+/// is touched. The rest is compared word by word, with branches that are nearly always guessed: a
+/// sum of differences would have all that comes after wait for the node.
 inline bool holdsKey(const KSCacheNode& node, const Key& key) noexcept {
-    if (digestWord(node.fingerprint, 0) != key.head) return false;
-    const auto differs = [&](size_t at) {
-        return digestWord(node.fingerprint, at) ^ digestWord(key.digest, at);
+    const auto same = [&](size_t at) {
+        return digestWord(node.fingerprint, at) == digestWord(key.digest, at);
     };
-    uint64_t difference = differs(8) | (node.type ^ key.type);
-    if (key.type == kLongType) difference |= differs(16) | differs(24);
-    return difference == 0;
+    if (digestWord(node.fingerprint, 0) != key.head) return false;
+    if (!same(8) || node.type != key.type) return false;
+    return key.type != kLongType || (same(16) && same(24));
 }
 
 /// Whether a node that does not hold the key sorts before it, which is then to be looked for at
@@ -73,6 +73,45 @@ inline bool sortsBefore(const KSCacheNode& node, const Key& key) noexcept {
     return node.type != kLongType;
 }
 
+/// What hangs on a link is a node or nothing. The links of the root table say a little more in the
+/// 16 bits that no address needs: each key that is hung below one sets a mark there, and a key
+/// whose mark is missing is not in the tree, so that most misses need not look at a node. An empty
+/// tree has no marks; until then one may outlive its key, which costs a look and no more.
+inline constexpr uint32_t kAddressBits = 48;
+inline constexpr uint64_t kMarks = 64 - kAddressBits;
+
+/// All of a link, marks included.
+inline uintptr_t bitsOf(KSCacheNode* const* link) noexcept {
+    return reinterpret_cast<uintptr_t>(*link);
+}
+
+inline KSCacheNode* nodeIn(uintptr_t bits) noexcept {
+    return reinterpret_cast<KSCacheNode*>(bits & ((uintptr_t{1} << kAddressBits) - 1));
+}
+
+inline KSCacheNode* nodeAt(KSCacheNode* const* link) noexcept {
+    return nodeIn(bitsOf(link));
+}
+
+/// Puts a node on a link that keeps its marks, or nothing.
+inline void hang(KSCacheNode** link, KSCacheNode* node) noexcept {
+    const uintptr_t marks = bitsOf(link) ^ reinterpret_cast<uintptr_t>(nodeAt(link));
+    const uintptr_t bits = node != nullptr ? marks | reinterpret_cast<uintptr_t>(node) : 0;
+    *link = reinterpret_cast<KSCacheNode*>(bits);
+}
+
+constexpr uintptr_t markOf(uint64_t keyHead) noexcept {
+    return uintptr_t{1} << (kAddressBits + keyHead % kMarks);
+}
+
+inline void mark(KSCacheNode** root, const Key& key) noexcept {
+    *root = reinterpret_cast<KSCacheNode*>(bitsOf(root) | markOf(key.head));
+}
+
+inline bool isMarked(uintptr_t bits, uint64_t keyHead) noexcept {
+    return (bits & markOf(keyHead)) != 0;
+}
+
 inline void countReference(KSCacheNode& node) noexcept {
     if (node.refCount < kMaximumRefCount) ++node.refCount;
 }
@@ -83,10 +122,14 @@ inline uint32_t rootIndex(const uint8_t* digest, uint32_t mask) noexcept {
     return word3 & mask;
 }
 
+inline KSCacheNode** rootOf(const KSCache* cache, const Key& key) noexcept {
+    return &cache->roots[rootIndex(key.digest, cache->mask)];
+}
+
 /// The link that holds the key's node, or the empty link where it belongs.
 inline KSCacheNode** findLink(const KSCache* cache, const Key& key) noexcept {
-    KSCacheNode** link = &cache->roots[rootIndex(key.digest, cache->mask)];
-    while (KSCacheNode* node = *link) {
+    KSCacheNode** link = rootOf(cache, key);
+    while (KSCacheNode* node = nodeAt(link)) {
         if (holdsKey(*node, key)) break;
         link = sortsBefore(*node, key) ? &node->higher : &node->lower;
     }
@@ -98,6 +141,12 @@ inline KSCacheNode* findBelow(KSCacheNode* node, const Key& key) noexcept {
     while (node != nullptr && !holdsKey(*node, key))
         node = sortsBefore(*node, key) ? node->higher : node->lower;
     return node;
+}
+
+/// The key's node, or NULL.
+inline KSCacheNode* findNode(const KSCache* cache, const Key& key) noexcept {
+    const uintptr_t root = bitsOf(rootOf(cache, key));
+    return isMarked(root, key.head) ? findBelow(nodeIn(root), key) : nullptr;
 }
 
 /// What a presence test makes of what was found.

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "kscache/kscache_int.h"
+#include "kscache/kscache_tree.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/system_calls.h"
 
@@ -100,7 +101,7 @@ TEST_F(CacheStore, ReferenceCountsStopAtTheirCeiling) {
         KSCacheExists(cache_, key, 1, nullptr);
     uint8_t argument = 0;  // but no callback that could take it
     KSCacheAdd(cache_, key, 1, 0, &argument);
-    EXPECT_EQ(cache_->roots[0]->refCount, 16383U);
+    EXPECT_EQ(kspool::nodeAt(&cache_->roots[0])->refCount, 16383U);
     EXPECT_EQ(cache_->hits, 16391U);
 }
 

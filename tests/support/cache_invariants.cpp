@@ -42,12 +42,19 @@ std::string checkPages(const KSCache* cache, Nodes& used, Nodes& unused, Nodes& 
     return {};
 }
 
+/// A root, and the marks beside it.
+const KSCacheNode* topOf(const KSCache* cache, size_t root, uint64_t* marks = nullptr) {
+    const auto bits = reinterpret_cast<uint64_t>(cache->roots[root]);
+    if (marks != nullptr) *marks = bits >> 48;
+    return reinterpret_cast<const KSCacheNode*>(bits & 0xffffffffffff);
+}
+
 /// The node where a search ends, told once more in the plainest terms: bytes, and the order's rule.
 const KSCacheNode* plainSearch(const KSCache* cache, const KSCacheNode& key) {
     const uint8_t* digest = key.fingerprint;
     const uint32_t word3 = digest[12] | uint32_t{digest[13]} << 8 | uint32_t{digest[14]} << 16 |
                            uint32_t{digest[15]} << 24;
-    const KSCacheNode* node = cache->roots[word3 & cache->mask];
+    const KSCacheNode* node = topOf(cache, word3 & cache->mask);
     while (node != nullptr) {
         const bool sameType = node->type == key.type;
         int order = memcmp(node->fingerprint, digest, sameType && key.type == 3 ? 32 : 16);
@@ -58,20 +65,25 @@ const KSCacheNode* plainSearch(const KSCache* cache, const KSCacheNode& key) {
     return node;
 }
 
-/// Every node of the trees is used, is met once, and is where a search for its key ends.
+/// Every node of the trees is used, is met once, has its mark at the root, and is where a search
+/// for its key ends. An empty tree has no marks.
 std::string checkTrees(const KSCache* cache, const Nodes& used) {
     Nodes met;
     std::vector<const KSCacheNode*> open;
-    for (size_t root = 0; root <= cache->mask; ++root)
-        open.push_back(cache->roots[root]);
-    while (!open.empty()) {
-        const KSCacheNode* node = open.back();
-        open.pop_back();
-        if (node == nullptr) continue;
-        REQUIRE_THAT(met.insert(node).second);
-        REQUIRE_THAT(plainSearch(cache, *node) == node);
-        open.push_back(node->higher);
-        open.push_back(node->lower);
+    for (size_t root = 0; root <= cache->mask; ++root) {
+        uint64_t marks = 0;
+        open = {topOf(cache, root, &marks)};
+        REQUIRE_THAT(marks == 0 || open.front() != nullptr);
+        while (!open.empty()) {
+            const KSCacheNode* node = open.back();
+            open.pop_back();
+            if (node == nullptr) continue;
+            REQUIRE_THAT(met.insert(node).second);
+            REQUIRE_THAT((marks >> (node->fingerprint[0] % 16) & 1) != 0);
+            REQUIRE_THAT(plainSearch(cache, *node) == node);
+            open.push_back(node->higher);
+            open.push_back(node->lower);
+        }
     }
     REQUIRE_THAT(met == used);
     REQUIRE_THAT(cache->cachedItems == met.size());
