@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -126,43 +127,66 @@ void download(benchmark::State& state) {
     report(state, seconds);
 }
 
-/// A fresh copy, whose pages are there.
-char* freshAnswer() {
-    return strdup(answer().c_str());
-}
+/// Fresh copies of an answer's lines, as many as make the time of one round long enough.
+class Copies {
+  public:
+    explicit Copies(size_t lines) {
+        for (size_t i = 0; i < lines; ++i)
+            one_ += std::string(kLineSize - 1 - i % 20, 'x') + std::string(i % 20, '|') + "\n";
+        constexpr size_t kEnough = size_t{16} << 20;
+        count_ = std::max<size_t>(1, kEnough / one_.size());
+        text_.reserve(count_ * one_.size());
+        for (size_t i = 0; i < count_; ++i)
+            text_ += one_;
+    }
+    size_t count() const { return count_; }
+    size_t length() const { return one_.size(); }
+    char* at(size_t i) { return text_.data() + i * one_.size(); }
 
-void cursorLines(benchmark::State& state) {
-    auto* cursor = static_cast<MBPOCursor*>(calloc(1, sizeof(MBPOCursor)));
-    cursor->result.data = freshAnswer();
-    cursor->nextLine = cursor->result.data;
-    for (int i = 0; i < 3; ++i)
-        cursor->nextLine = strchr(cursor->nextLine, '\n') + 1;
-    cursor->poCount = kLines;
-    char* line = nullptr;
-    size_t lines = 0;
+  private:
+    std::string one_, text_;
+    size_t count_ = 0;
+};
+
+template <typename Walk>
+void walkLines(benchmark::State& state, size_t lines, Walk walk) {
+    Copies copies(lines);
+    size_t walked = 0;
     const double seconds = secondsOf([&] {
-        while (MBPOStringFindNext(cursor, &line) == 0)
-            ++lines;
+        for (size_t i = 0; i < copies.count(); ++i)
+            walked += walk(copies.at(i), copies.length());
     });
-    if (lines != kLines) abort();
-    MBPOFindClose(cursor);
-    report(state, seconds);
+    if (walked != lines * copies.count()) abort();
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(walked));
 }
 
-void memchrLines(benchmark::State& state) {
-    char* text = freshAnswer();
-    const char* end = text + answer().size();
-    size_t lines = 0;
-    const double seconds = secondsOf([&] {
-        for (char* at = text; at < end; ++lines) {
+void cursorLines(benchmark::State& state, size_t lines) {
+    MBPOCursor cursor{};
+    walkLines(state, lines, [&](char* text, size_t) {
+        cursor.nextLine = text;
+        cursor.poIndex = 0;
+        cursor.poCount = static_cast<uint32_t>(lines);
+        char* line = nullptr;
+        size_t walked = 0;
+        while (MBPOStringFindNext(&cursor, &line) == 0)
+            ++walked;
+        return walked;
+    });
+}
+
+void memchrLines(benchmark::State& state, size_t lines) {
+    walkLines(state, lines, [](char* text, size_t length) {
+        const char* end = text + length;
+        size_t walked = 0;
+        for (char* at = text; at < end; ++walked) {
             auto* found = static_cast<char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
             *found = '\0';
             at = found + 1;
         }
+        return walked;
     });
-    benchmark::DoNotOptimize(lines);
-    free(text);
-    report(state, seconds);
 }
 
 }  // namespace
@@ -171,16 +195,17 @@ void memchrLines(benchmark::State& state) {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     bench::warmMemory(size_t{500} << 20);
-    constexpr struct {
-        const char* work;
-        const char* table;
-        void (*run)(benchmark::State&);
-    } kRows[] = {{"find", "kspool", bench::find},
-                 {"find", "libcurl", bench::download},
-                 {"lines", "kspool", bench::cursorLines},
-                 {"lines", "memchr", bench::memchrLines}};
-    for (const auto& row : kRows)
-        bench::registerWork(row.work, row.table, bench::kLines, bench::kRounds, row.run);
+    using benchmark::State;
+    bench::registerWork("find", "kspool", bench::kLines, bench::kRounds, bench::find);
+    bench::registerWork("find", "libcurl", bench::kLines, bench::kRounds, bench::download);
+    // Answers of 1 kB to 1 GB.
+    for (size_t lines = bench::kLines / 100'000; lines <= bench::kLines * 10; lines *= 10) {
+        const int rounds = lines > bench::kLines ? 3 : bench::kRounds;
+        bench::registerWork("lines", "kspool", lines, rounds,
+                            [=](State& state) { bench::cursorLines(state, lines); });
+        bench::registerWork("lines", "memchr", lines, rounds,
+                            [=](State& state) { bench::memchrLines(state, lines); });
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 }

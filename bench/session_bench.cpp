@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "bench/bench_run.h"
 #include "mb.h"
@@ -69,6 +71,33 @@ void session(benchmark::State& state, Pool& pool) {
     state.SetItemsProcessed(kRequests);
 }
 
+/// As many sessions at once, each with its thread; together they send as many requests as one.
+void sessions(benchmark::State& state, const Pool& pool, size_t count) {
+    std::vector<MBSession*> all(count);
+    uint32_t time = 0;
+    for (MBSession*& one : all) {
+        one = MBInitWithAgentCfg(pool.url().c_str(), 0, "bench", "secret", pool.config().c_str());
+        if (one == nullptr || MBGetTime(one, &time) != 0) abort();
+    }
+    const double seconds = secondsOf([&] {
+        std::vector<std::thread> threads;
+        for (MBSession* one : all) {
+            threads.emplace_back([=] {
+                uint32_t now = 0;
+                for (size_t i = 0; i < kRequests / count; ++i)
+                    if (MBGetTime(one, &now) != 0) abort();
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    });
+    for (MBSession* one : all)
+        MBShutdown(one);
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(kRequests / count * count));
+}
+
 size_t take(char* bytes, size_t, size_t length, void* body) {
     static_cast<std::string*>(body)->append(bytes, length);
     return length;
@@ -123,7 +152,7 @@ void bare(benchmark::State& state, Pool& pool) {
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    bench::Pool http(false), tls(true);
+    bench::Pool http(false), tls(true), many(false);
     const struct {
         const char* work;
         const char* table;
@@ -136,6 +165,11 @@ int main(int argc, char** argv) {
     for (const auto& row : rows) {
         bench::registerWork(row.work, row.table, bench::kRequests, bench::kRounds,
                             [=](benchmark::State& state) { row.run(state, row.pool); });
+    }
+    for (const size_t count : {1U, 2U, 4U, 8U}) {
+        bench::registerWork(
+            "sessions", "kspool", count, bench::kRounds,
+            [&, count](benchmark::State& state) { bench::sessions(state, many, count); });
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -1,0 +1,256 @@
+// How the cost of an entry grows with the number of entries, and with the number of roots.
+//
+// Keys are made from their number when they are needed, and not held: a hundred million of them
+// would take more memory than other things leave. Making them is not timed.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "bench/bench_run.h"
+#include "bench/bench_tables.h"
+
+namespace bench {
+namespace {
+
+using benchmark::State;
+
+constexpr size_t kLookups = 2'000'000;
+constexpr size_t kNodeSize = 72;
+constexpr size_t kEntriesForBits = 10'000'000;
+
+const std::string& fileName() {
+    static const std::string name =
+        std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") +
+        "/growth_bench.cache";
+    return name;
+}
+
+/// A well-mixed number for each number.
+uint64_t mixed(uint64_t number) {
+    number += 0x9e3779b97f4a7c15;
+    number = (number ^ (number >> 30)) * 0xbf58476d1ce4e5b9;
+    number = (number ^ (number >> 27)) * 0x94d049bb133111eb;
+    return number ^ (number >> 31);
+}
+
+/// A stretch of keys.
+struct Stretch {
+    std::array<Digest, kStretch> digests;
+    std::array<KSCacheKey, kStretch> keys;
+    std::array<uint64_t, kStretch> values{};
+    std::array<uint32_t, kStretch> statuses;
+
+    /// Makes `count` keys from numbers that `numberOf` tells.
+    template <typename NumberOf>
+    void make(size_t count, NumberOf numberOf) {
+        for (size_t i = 0; i < count; ++i) {
+            const uint64_t number = numberOf(i);
+            for (uint64_t word = 0; word < 4; ++word) {
+                const uint64_t part = mixed(number * 4 + word);
+                memcpy(digests[i].data() + word * sizeof part, &part, sizeof part);
+            }
+            keys[i] = {digests[i].data(), CR_FP_SHA256};
+        }
+    }
+    size_t found(size_t count) const {
+        return static_cast<size_t>(
+            std::count(statuses.data(), statuses.data() + count, CR_STATUS_OK));
+    }
+};
+
+/// Seconds that `act(stretch, count)` takes over keys 0 to `total` - 1 in turn.
+template <typename Act>
+double eachStretch(size_t total, Act act) {
+    static Stretch stretch;
+    double seconds = 0;
+    for (size_t first = 0; first < total; first += kStretch) {
+        const size_t count = std::min(kStretch, total - first);
+        stretch.make(count, [=](size_t i) { return first + i; });
+        seconds += secondsOf([&] { act(stretch, count); });
+    }
+    return seconds;
+}
+
+struct Settings {
+    size_t entries;
+    uint32_t bits;
+};
+
+/// The cache that is worked on, made anew whenever another one is asked for.
+class Cache {
+  public:
+    explicit Cache(Settings wanted, bool batches) : settings(wanted) {
+        handle = KSCacheCreate(areaFor(wanted.entries), wanted.bits, 0, nullptr, nullptr);
+        seconds = eachStretch(wanted.entries, [&](Stretch& s, size_t count) {
+            batches ? addBatch(s, count) : addSingly(s, count);
+        });
+    }
+    ~Cache() { KSCacheDestroy(handle); }
+    Cache(const Cache&) = delete;
+    Cache& operator=(const Cache&) = delete;
+
+    static Cache& with(Settings wanted) {
+        static std::unique_ptr<Cache> current;
+        if (current == nullptr || current->settings.entries != wanted.entries ||
+            current->settings.bits != wanted.bits || current->spoiled) {
+            current.reset();
+            current = std::make_unique<Cache>(wanted, true);
+        }
+        return *current;
+    }
+
+    KSCache* handle;
+    Settings settings;
+    double seconds;        ///< that filling it took
+    bool spoiled = false;  ///< no longer holds all keys
+
+  private:
+    void addBatch(Stretch& s, size_t count) const {
+        KSCacheAddBatch(handle, s.keys.data(), s.values.data(), nullptr, count, nullptr);
+    }
+    void addSingly(const Stretch& s, size_t count) const {
+        for (size_t i = 0; i < count; ++i)
+            KSCacheAdd(handle, s.keys[i].fingerprint, CR_FP_SHA256, 0, nullptr);
+    }
+};
+
+void report(State& state, double seconds, size_t items) {
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(items));
+}
+
+template <bool batches>
+void add(State& state, Settings settings) {
+    Cache::with({1, 1});  // lets go of a large one
+    const Cache cache(settings, batches);
+    report(state, cache.seconds, settings.entries);
+}
+
+/// Random keys, known ones or others.
+template <bool batches, bool known>
+void lookUp(State& state, Settings settings) {
+    static Stretch s;
+    static uint64_t next = 0;
+    KSCache* cache = Cache::with(settings).handle;
+    double seconds = 0;
+    size_t found = 0;
+    for (size_t done = 0; done < kLookups; done += kStretch) {
+        s.make(kStretch, [&](size_t) {
+            return mixed(next++) % settings.entries + (known ? 0 : settings.entries);
+        });
+        seconds += secondsOf([&] {
+            if (batches) {
+                KSCacheExistsBatch(cache, s.keys.data(), kStretch, s.values.data(),
+                                   s.statuses.data());
+                return;
+            }
+            for (size_t i = 0; i < kStretch; ++i) {
+                s.statuses[i] =
+                    KSCacheExists(cache, s.keys[i].fingerprint, CR_FP_SHA256, &s.values[i]);
+            }
+        });
+        found += s.found(kStretch);
+    }
+    if (found != (known ? kLookups : 0)) abort();
+    report(state, seconds, kLookups);
+}
+
+void save(State& state, Settings settings) {
+    KSCache* cache = Cache::with(settings).handle;
+    report(state, secondsOf([&] { KSCacheSave(cache, fileName().c_str(), nullptr); }),
+           settings.entries);
+}
+
+void load(State& state, Settings settings) {
+    KSCacheSave(Cache::with(settings).handle, fileName().c_str(), nullptr);
+    Cache::with({1, 1});
+    KSCache* cache = KSCacheCreate(areaFor(settings.entries), settings.bits, 0, nullptr, nullptr);
+    uint64_t loaded = 0;
+    const double seconds = secondsOf([&] { KSCacheLoad(cache, fileName().c_str(), &loaded); });
+    if (loaded != settings.entries) abort();
+    KSCacheDestroy(cache);
+    report(state, seconds, settings.entries);
+}
+
+/// All but a tenth are asked for once more, and the limit leaves room for no more than those.
+void check(State& state, Settings settings) {
+    Cache::with({1, 1});
+    Cache cache(settings, true);
+    eachStretch(settings.entries / 10 * 9, [&](Stretch& s, size_t count) {
+        KSCacheExistsBatch(cache.handle, s.keys.data(), count, nullptr, nullptr);
+    });
+    const auto megabytes =
+        static_cast<uint32_t>(settings.entries * 9 / 10 * kNodeSize / (1 << 20) + 1);
+    report(state, secondsOf([&] { KSCacheCheck(cache.handle, megabytes); }), settings.entries);
+}
+
+/// Every tenth entry was deleted.
+void reclaim(State& state, Settings settings) {
+    Cache& cache = Cache::with(settings);
+    cache.spoiled = true;
+    eachStretch(settings.entries, [&](Stretch& s, size_t count) {
+        for (size_t i = 0; i < count; i += 10)
+            KSCacheDelete(cache.handle, s.keys[i].fingerprint, CR_FP_SHA256);
+    });
+    report(state, secondsOf([&] { KSCacheReclaim(cache.handle); }), settings.entries);
+}
+
+constexpr struct {
+    const char* work;
+    const char* table;
+    void (*run)(State&, Settings);
+} kWorks[] = {
+    {"add", "single", add<false>},
+    {"add", "batch", add<true>},
+    {"hit", "single", lookUp<false, true>},
+    {"hit", "batch", lookUp<true, true>},
+    {"miss", "single", lookUp<false, false>},
+    {"miss", "batch", lookUp<true, false>},
+    {"save", "all", save},
+    {"load", "all", load},
+    {"check", "all", check},
+    {"reclaim", "all", reclaim},
+};
+
+void registerGrowth(const std::vector<size_t>& counts) {
+    for (const size_t count : counts) {
+        const int rounds = count > 20'000'000 ? 1 : 3;
+        for (const auto& row : kWorks) {
+            registerWork(std::string("grow-") + row.work, row.table, count, rounds,
+                         [=](State& state) {
+                             row.run(state, {count, KSCacheBitsFor(count)});
+                         });
+        }
+    }
+}
+
+/// Few roots make deep trees; what a root more or less costs is seen near the advised number.
+void registerBits() {
+    for (uint32_t bits = 4; bits <= 28; bits += 4) {
+        for (const auto& row : kWorks) {
+            if (row.run != add<true> && std::string(row.table) != "batch") continue;
+            registerWork(std::string("bits-") + row.work, row.table, bits, 1, [=](State& state) {
+                row.run(state, {kEntriesForBits, bits});
+            });
+        }
+    }
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    const auto counts = bench::countsFrom(
+        argc, argv, {10'000, 100'000, 1'000'000, 10'000'000, 30'000'000, 100'000'000});
+    bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * 110);
+    bench::registerGrowth(counts);
+    bench::registerBits();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    remove(bench::fileName().c_str());
+}

@@ -1,0 +1,106 @@
+// What the machine can do at best: a read that waits for the one before, reads of random lines with
+// many on the way, and a copy. No table can be faster than its lines arrive.
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "bench/bench_run.h"
+
+namespace bench {
+namespace {
+
+using benchmark::State;
+
+constexpr int kRounds = 7;
+constexpr size_t kLine = 64;
+constexpr size_t kReads = 1'000'000;
+constexpr size_t kHugePage = size_t{2} << 20;
+
+/// Memory in huge pages, in which each line leads to another: one round trip through all of them.
+char* memoryOf(size_t bytes) {
+    static std::map<size_t, char*> made;  // kept until the program ends
+    char*& memory = made[bytes];
+    if (memory != nullptr) return memory;
+    memory = static_cast<char*>(std::aligned_alloc(kHugePage, bytes));
+    if (memory == nullptr) abort();
+    madvise(memory, bytes, MADV_HUGEPAGE);
+    std::vector<uint32_t> order(bytes / kLine);
+    for (uint32_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::shuffle(order.begin(), order.end(), std::mt19937_64(1));
+    for (size_t i = 0; i < order.size(); ++i) {
+        char* next = memory + kLine * order[(i + 1) % order.size()];
+        memcpy(memory + kLine * order[i], &next, sizeof next);
+    }
+    return memory;
+}
+
+void report(State& state, double seconds, size_t items) {
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(items));
+}
+
+void latency(State& state, size_t bytes) {
+    static std::map<size_t, char*> reached;
+    char*& line = reached.try_emplace(bytes, memoryOf(bytes)).first->second;
+    const double seconds = secondsOf([&] {
+        for (size_t i = 0; i < kReads; ++i)
+            memcpy(&line, line, sizeof line);
+    });
+    report(state, seconds, kReads);
+}
+
+/// Lines are asked for well before they are read.
+void lines(State& state, size_t bytes) {
+    constexpr size_t kAhead = 64;
+    static std::mt19937_64 random(2);
+    const char* memory = memoryOf(bytes);
+    std::vector<uint32_t> which(kReads + kAhead);
+    for (uint32_t& line : which)
+        line = static_cast<uint32_t>(random() % (bytes / kLine));
+    uint64_t sum = 0;
+    const double seconds = secondsOf([&] {
+        for (size_t i = 0; i < kReads; ++i) {
+            __builtin_prefetch(memory + kLine * which[i + kAhead]);
+            sum += static_cast<uint8_t>(memory[kLine * which[i]]);
+        }
+    });
+    benchmark::DoNotOptimize(sum);
+    report(state, seconds, kReads);
+}
+
+void copy(State& state, size_t bytes) {
+    const char* from = memoryOf(bytes);
+    static std::map<size_t, std::vector<char>> made;
+    std::vector<char>& to = made[bytes];
+    to.resize(bytes);
+    report(state, secondsOf([&] { memcpy(to.data(), from, bytes); }), bytes / kLine);
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    constexpr struct {
+        const char* work;
+        void (*run)(benchmark::State&, size_t);
+    } kWorks[] = {{"latency", bench::latency}, {"lines", bench::lines}, {"copy", bench::copy}};
+    // Roots and nodes of a million entries, then of ten million.
+    for (const size_t megabytes : {16U, 72U, 256U, 720U}) {
+        const size_t bytes = megabytes << 20;
+        for (const auto& row : kWorks) {
+            bench::registerWork(row.work, "machine", bytes, bench::kRounds,
+                                [=](benchmark::State& state) { row.run(state, bytes); });
+        }
+    }
+    bench::warmMemory(size_t{3} << 30);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}

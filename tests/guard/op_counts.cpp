@@ -1,0 +1,159 @@
+// One operation of the library, a fixed number of times, for counting its instructions. Usage:
+// op_counts OPERATION, or without one to list them.
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "kscache.h"
+#include "mb.h"
+#include "mb/mb_int.h"
+#include "platform/status.h"
+
+namespace {
+
+constexpr size_t kEntries = 20'000;
+
+/// Keys that look random and are the same in each run: the first half is known to the cache.
+struct Keys {
+    std::vector<std::array<uint64_t, 4>> digests{2 * kEntries};
+    std::vector<KSCacheKey> keys{2 * kEntries};
+    std::vector<uint64_t> values = std::vector<uint64_t>(2 * kEntries);
+
+    Keys() {
+        uint64_t state = 1;
+        for (size_t i = 0; i < digests.size(); ++i) {
+            for (uint64_t& word : digests[i]) {
+                state = state * 6364136223846793005 + 1442695040888963407;
+                word = (state ^ state >> 29) * 0xbf58476d1ce4e5b9;
+                word ^= word >> 32;
+            }
+            keys[i] = {digests[i].data(), CR_FP_SHA256};
+        }
+    }
+};
+
+const Keys kKeys;
+const std::string kFile = "/tmp/op-counts-" + std::to_string(getpid());
+
+KSCache* newCache() {
+    return KSCacheCreate(0, KSCacheBitsFor(kEntries), 0, nullptr, nullptr);
+}
+
+KSCache* filledCache() {
+    KSCache* cache = newCache();
+    KSCacheAddBatch(cache, kKeys.keys.data(), kKeys.values.data(), nullptr, kEntries, nullptr);
+    return cache;
+}
+
+/// What an operation works on.
+struct Work {
+    KSCache* cache;
+    size_t first;  ///< key
+    char* answer;
+};
+
+template <typename Call>
+void each(const Work& work, Call call) {
+    for (size_t i = 0; i < kEntries; ++i)
+        call(kKeys.keys[work.first + i].fingerprint);
+}
+
+void add(const Work& w) {
+    each(w, [&](const void* key) { KSCacheAdd(w.cache, key, CR_FP_SHA256, 1, nullptr); });
+}
+void exists(const Work& w) {
+    each(w, [&](const void* key) { KSCacheExists(w.cache, key, CR_FP_SHA256, nullptr); });
+}
+void fetch(const Work& w) {
+    each(w, [&](const void* key) { KSCacheFetch(w.cache, key, CR_FP_SHA256, nullptr); });
+}
+void erase(const Work& w) {
+    each(w, [&](const void* key) { KSCacheDelete(w.cache, key, CR_FP_SHA256); });
+}
+void addBatch(const Work& w) {
+    KSCacheAddBatch(w.cache, &kKeys.keys[w.first], kKeys.values.data(), nullptr, kEntries, nullptr);
+}
+void existsBatch(const Work& w) {
+    KSCacheExistsBatch(w.cache, &kKeys.keys[w.first], kEntries, nullptr, nullptr);
+}
+void fetchBatch(const Work& w) {
+    KSCacheFetchBatch(w.cache, &kKeys.keys[w.first], kEntries, nullptr, nullptr);
+}
+void save(const Work& w) {
+    KSCacheSave(w.cache, kFile.c_str(), nullptr);
+}
+void load(const Work& w) {
+    KSCacheLoad(w.cache, kFile.c_str(), nullptr);
+}
+void check(const Work& w) {
+    KSCacheCheck(w.cache, 1);
+}
+void walkLines(const Work& w) {
+    MBPOCursor cursor{};
+    cursor.nextLine = w.answer;
+    cursor.poCount = kEntries;
+    char* line = nullptr;
+    while (MBPOStringFindNext(&cursor, &line) == 0) {
+    }
+}
+
+constexpr struct {
+    const char* name;
+    void (*run)(const Work&);
+    bool filled;   ///< starts with a cache that holds the known keys
+    bool unknown;  ///< is given the others
+} kOperations[] = {
+    {"add", add, false, false},
+    {"add known", add, true, false},
+    {"add batch", addBatch, false, false},
+    {"hit", exists, true, false},
+    {"hit batch", existsBatch, true, false},
+    {"miss", exists, true, true},
+    {"miss batch", existsBatch, true, true},
+    {"fetch", fetch, true, false},
+    {"fetch batch", fetchBatch, true, false},
+    {"delete", erase, true, false},
+    {"save", save, true, false},
+    {"load", load, false, false},
+    {"limit check", check, true, false},
+    {"cursor", walkLines, false, false},
+};
+
+}  // namespace
+
+/// Instructions are counted while this runs.
+extern "C" __attribute__((noinline)) void countedOperation(size_t row, const void* work) {
+    kOperations[row].run(*static_cast<const Work*>(work));
+}
+
+int main(int argc, char** argv) {
+    for (size_t i = 0; i < std::size(kOperations); ++i) {
+        const auto& row = kOperations[i];
+        if (argc < 2) {
+            puts(row.name);
+            continue;
+        }
+        if (strcmp(row.name, argv[1]) != 0) continue;
+        std::string answer;
+        for (size_t line = 0; line < kEntries; ++line)
+            answer += std::string(100 + line % 40, 'x') + "\n";
+        KSCache* cache = row.filled ? filledCache() : newCache();
+        if (row.run == load) {
+            KSCache* source = filledCache();
+            save({source, 0, nullptr});
+            KSCacheDestroy(source);
+        }
+        const Work work{cache, row.unknown ? kEntries : 0, answer.data()};
+        countedOperation(i, &work);
+        KSCacheDestroy(cache);
+        unlink(kFile.c_str());
+        return 0;
+    }
+    return argc < 2 ? 0 : 2;
+}
