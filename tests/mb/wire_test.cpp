@@ -57,13 +57,28 @@ std::string comparable(std::string text) {
     return text;
 }
 
+constexpr char kSelections[] = R"([{"number":1},{"number":2,"tag":"a tag|2"}])";
+
 class Wire : public testing::Test {
   protected:
     /// The calls that made the captures, in their order, with what they returned.
     struct Call {
         std::function<uint32_t(MBSession*)> call;
         uint32_t result;
+        const char* login = "agent";
     };
+    static constexpr char kPO[] =
+        "1|1||0|0|web1|daily|monday|/srv|a b.txt|3f|f||||5|7|0|0|0|1|1|0|420|0|\n";
+    static constexpr char kOtherPO[] =
+        "1|1||0|0|web1|daily|monday|/srv|100%|40|f||||6|7|0|0|0|1|1|0|420|0|\n";
+
+    uint32_t find(MBSession* session, const char* name) {
+        MBPOFilter filter{};
+        filter.size = sizeof filter;
+        MBPOFilterInit(&filter);
+        filter.criterion10 = name;
+        return MBPOFind(session, 1, &filter, &found_, nullptr, nullptr);
+    }
     std::vector<Call> calls() {
         return {
             {[](MBSession* s) { return MBDirCreate(s, "/backup"); }, 0},
@@ -76,14 +91,55 @@ class Wire : public testing::Test {
             {[](MBSession* s) { return MBKeepAlive(s, 0); }, 0},
             {[](MBSession* s) { return WSArchMode(s->transport); }, 1},
             {[](MBSession* s) { return MBDirCreate(s, "/backup"); }, CR_STATUS_REMOTE_ERROR},
-            {[](MBSession* s) { return MBDirCreate(s, "/forbidden"); },
-             CR_STATUS_PERMISSION_DENIED},
+            {[](MBSession* s) { return MBDirCreate(s, "/forbidden"); }, CR_STATUS_PERMISSION_DENIED,
+             "reader"},
+            {[](MBSession* s) { return MBPOImport(s, 1, kPO); }, 0},
+            {[](MBSession* s) { return MBPOAddList(s, 1, kOtherPO); }, 0},
+            {[](MBSession* s) { return MBPOZELTAddList(s, 1, kPO); }, 0},
+            {[this](MBSession* s) { return find(s, "*"); }, 0},
+            {[](MBSession* s) { return MBPOExpire(s, 1, kOtherPO); }, 0},
+            {[](MBSession* s) {
+                 return MBSetLastImageV2(s, 1, "web1", "daily", 0, 1699999000, "monday", 0);
+             },
+             0},
+            {[](MBSession* s) {
+                 return MBSetLastImage(s, 1, "web1", "daily", 1699999500, "tuesday", 0, 9, 1);
+             },
+             0},
+            {[this](MBSession* s) {
+                 return MBGetLastImages(s, 1, "web1", "daily", -1, 1699990000, &images_);
+             },
+             0},
+            {[](MBSession* s) {
+                 return MBSetImageRetention(s, 1, "web1", "daily", "monday", 3, 2, 86400);
+             },
+             0},
+            {[this](MBSession* s) {
+                 return MBGetImageRetention(s, 1, "web1", "daily", "monday", &retention_);
+             },
+             0},
+            {[this](MBSession* s) { return MBFindImagePolicy(s, 1, "web1", "monday", &policy_); },
+             0},
+            {[](MBSession* s) { return MBDeleteImage(s, 1, "web1", "daily", "monday", 0); }, 0},
+            {[this](MBSession* s) { return MBGetHVXTag(s, 2, &digit_, &tag_); }, 0},
+            {[](MBSession* s) { return MBPOAddList(s, 1, "no PO\n"); }, CR_STATUS_REMOTE_ERROR},
+            {[this](MBSession* s) { return MBGetLastImages(s, 3, "web1", "daily", -1, 0, &none_); },
+             3001},
+            {[](MBSession* s) { return MBDeleteImage(s, 1, "web1", "daily", "monday", 0); }, 3003},
+            {[](MBSession* s) { return MBPOExpire(s, 1, kPO); }, CR_STATUS_PERMISSION_DENIED,
+             "reader"},
         };
     }
-    ~Wire() override { free(listing_); }
+    ~Wire() override {
+        for (char* text : {listing_, found_, images_, policy_, tag_, none_})
+            free(text);
+    }
 
-    char* listing_ = nullptr;
+    char *listing_ = nullptr, *found_ = nullptr, *images_ = nullptr, *policy_ = nullptr,
+         *tag_ = nullptr, *none_ = nullptr;
+    MBImageRetentionInfo retention_{};
     uint32_t time_ = 0;
+    int32_t digit_ = 0;
 };
 
 TEST_F(Wire, IsWhatTheClientSpeaks) {
@@ -95,9 +151,8 @@ TEST_F(Wire, IsWhatTheClientSpeaks) {
     for (size_t i = 0; i < made.size(); ++i) {
         SCOPED_TRACE(captured[i].name);
         RawServer server({captured[i].answer, Reply::KeepsOpen, 0, 0});
-        const char* login = i + 1 < made.size() ? "agent" : "reader";
         MBSession* session =
-            MBInitWithAgentCfg(server.url().c_str(), 0, login, "secret", config.c_str());
+            MBInitWithAgentCfg(server.url().c_str(), 0, made[i].login, "secret", config.c_str());
         ASSERT_NE(session, nullptr);
         EXPECT_EQ(made[i].call(session), made[i].result);
         MBShutdown(session);
@@ -106,6 +161,14 @@ TEST_F(Wire, IsWhatTheClientSpeaks) {
     }
     EXPECT_EQ(time_, 1700000000U);
     EXPECT_NE(std::string(listing_).find("d 0 1700000000 moved/monday 100%\n"), std::string::npos);
+    EXPECT_NE(std::string(found_).find(std::string("\n2\n") + kOtherPO + kPO), std::string::npos);
+    EXPECT_STREQ(
+        images_,
+        "1699999500|web1|daily|0|tuesday|tuesday|9|1\n1699999000|web1|daily|0|monday||0|0\n");
+    EXPECT_STREQ(policy_, "daily");
+    EXPECT_EQ(retention_.retentionValue4, 1700000000);
+    EXPECT_EQ(digit_, 1);
+    EXPECT_STREQ(tag_, "a tag|2");
 }
 
 TEST_F(Wire, IsWhatTheServerSpeaks) {
@@ -116,6 +179,7 @@ TEST_F(Wire, IsWhatTheServerSpeaks) {
     const auto server = sandbox::Server::start(settings, error);
     ASSERT_NE(server, nullptr) << error;
     server->admin("POST", "clock", "1700000000");
+    server->admin("POST", "dataselections", kSelections);
     // Ports differ, and so may their number of digits.
     const auto plain = [](const std::string& text) {
         std::string out = comparable(text);
