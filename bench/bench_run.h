@@ -3,10 +3,11 @@
 #define BENCH_RUN_H
 
 #include <benchmark/benchmark.h>
+#include <sys/mman.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,12 +32,18 @@ void registerWork(const std::string& work, const std::string& table, size_t coun
         ->Unit(benchmark::kMillisecond);
 }
 
-/// Makes the machine hand over the memory that a run needs, so that nobody pays for being the first
-/// to touch it.
+/// Makes the machine hand over the memory that a round needs, so that nobody pays for being the
+/// first to touch it. A virtual machine gives back what has been free for seconds, so this is done
+/// before each round that takes memory.
 inline void warmMemory(size_t bytes) {
-    const std::unique_ptr<char[]> memory(new char[bytes]);
-    memset(memory.get(), 1, bytes);
-    benchmark::DoNotOptimize(memory.get());
+    constexpr size_t kHugePage = size_t{2} << 20;
+    bytes = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    void* memory = std::aligned_alloc(kHugePage, bytes);
+    if (memory == nullptr) abort();
+    madvise(memory, bytes, MADV_HUGEPAGE);
+    memset(memory, 1, bytes);
+    benchmark::DoNotOptimize(memory);
+    free(memory);
 }
 
 /// Numbers of entries from the command line, or some of ours, once the framework took its options.

@@ -17,6 +17,8 @@ namespace {
 /// Operations of a round, unless filling a table takes more.
 constexpr size_t kOperations = 1'000'000;
 constexpr int kAddRounds = 5;
+/// Of an entry, while a table grows: the old and the new memory of the largest.
+constexpr size_t kBytesToGrow = 200;
 constexpr int kLookupRounds = 21;
 
 struct Keys {
@@ -65,6 +67,7 @@ void benchAdd(benchmark::State& state, size_t count) {
     for (auto _ : state) {
         double seconds = 0;
         for (size_t round = 0; round < rounds; ++round) {
+            warmMemory(count * kBytesToGrow);
             std::unique_ptr<Table> table;
             seconds += secondsOf([&] {
                 table = std::make_unique<Table>(count);
@@ -135,8 +138,6 @@ void registerAll(const std::vector<size_t>& counts) {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const auto counts = bench::countsFrom(argc, argv, {100'000, 1'000'000, 10'000'000});
-    constexpr size_t kBytesPerEntry = 1300;
-    bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * kBytesPerEntry);
     bench::registerAll(counts);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

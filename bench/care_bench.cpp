@@ -20,6 +20,7 @@ using benchmark::State;
 constexpr int kRounds = 7;
 constexpr size_t kRecordSize = 41;
 constexpr size_t kNodeSize = 72;
+constexpr size_t kBytesToFill = 120;  ///< of an entry, roots included
 
 const std::string& fileName() {
     static const std::string name =
@@ -85,6 +86,7 @@ void writeAtOnce(State& state, size_t count) {
 
 void load(State& state, size_t count) {
     KSCacheSave(filled<BatchTable>(count)->handle(), fileName().c_str(), nullptr);
+    warmMemory(count * kBytesToFill);
     CacheTable table(count);
     uint64_t loaded = 0;
     const double seconds =
@@ -95,6 +97,7 @@ void load(State& state, size_t count) {
 
 void addBatches(State& state, size_t count) {
     keysFor(count);
+    warmMemory(count * kBytesToFill);
     std::unique_ptr<BatchTable> table;
     report(state, secondsOf([&] { table = filled<BatchTable>(count); }), count);
 }
@@ -151,7 +154,6 @@ void registerAll(const std::vector<size_t>& counts) {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const auto counts = bench::countsFrom(argc, argv, {1'000'000, 10'000'000});
-    bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * 500);
     bench::registerAll(counts);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -19,6 +19,7 @@ using benchmark::State;
 
 constexpr size_t kLookups = 2'000'000;
 constexpr size_t kNodeSize = 72;
+constexpr size_t kBytesToFill = 110;  ///< of an entry, roots included
 constexpr size_t kEntriesForBits = 10'000'000;
 
 const std::string& fileName() {
@@ -126,6 +127,7 @@ void report(State& state, double seconds, size_t items) {
 template <bool batches>
 void add(State& state, Settings settings) {
     Cache::with({1, 1});  // lets go of a large one
+    warmMemory(settings.entries * kBytesToFill);
     const Cache cache(settings, batches);
     report(state, cache.seconds, settings.entries);
 }
@@ -168,6 +170,7 @@ void save(State& state, Settings settings) {
 void load(State& state, Settings settings) {
     KSCacheSave(Cache::with(settings).handle, fileName().c_str(), nullptr);
     Cache::with({1, 1});
+    warmMemory(settings.entries * kBytesToFill);
     KSCache* cache = KSCacheCreate(areaFor(settings.entries), settings.bits, 0, nullptr, nullptr);
     uint64_t loaded = 0;
     const double seconds = secondsOf([&] { KSCacheLoad(cache, fileName().c_str(), &loaded); });
@@ -247,7 +250,6 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const auto counts = bench::countsFrom(
         argc, argv, {10'000, 100'000, 1'000'000, 10'000'000, 30'000'000, 100'000'000});
-    bench::warmMemory(*std::max_element(counts.begin(), counts.end()) * 110);
     bench::registerGrowth(counts);
     bench::registerBits();
     benchmark::RunSpecifiedBenchmarks();

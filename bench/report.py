@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Turns the benchmarks' JSON into documents. Usage: report.py cache|growth|session FOLDER JSON...
+"""Turns the benchmarks' JSON into documents. Usage: report.py cache|growth|limit|session FOLDER JSON...
 
 Each figure is the median over the repetitions, in nanoseconds an operation; a ratio is a table's
 median divided by abseil's in the same run. The spread is that of the cache's own repetitions.
@@ -41,6 +41,8 @@ kind, folder, *names = sys.argv[1:]
 for name in names:
     with open(name, encoding="utf-8") as file:
         report = json.load(file)
+    if kind == "limit":
+        break
     for run in report["benchmarks"]:
         if run["run_type"] == "iteration":
             work, table, count = run["name"].split("/")[:3]
@@ -263,4 +265,42 @@ def growth_report():
     write("growth.md", out + machine())
 
 
-{"cache": cache_report, "growth": growth_report, "session": session_report}[kind]()
+def limit_report():
+    kinds = {"kspool": "kspool", "until full": "until full", "last used": "last used", "ideal": "ideal"}
+    percents = sorted({row["percent"] for row in report})
+    rows = {(row["stream"], row["percent"]): row for row in report}
+    streams = list(dict.fromkeys(row["stream"] for row in report))
+    out = ["# What the memory limit keeps", "",
+           "Made by `scripts/bench limit`: share of hits among 8 million lookups of 400,000 different keys (and",
+           "those that come once only), at a limit of a part of the memory that all would need. `KSCacheCheck()`",
+           "was called after each 4,000 lookups; what was not found was added.", "",
+           "- kspool: the cache as it is; a check drops what was asked for least often.",
+           "- until full: nothing is added to a full cache, and nothing dropped.",
+           "- last used: what was used longest ago is dropped (LRU), one for one.",
+           "- ideal: what will be needed last is dropped.", "",
+           "| stream | limit | " + " | ".join(kinds.values()) + " |", "|---|---:|" + "---:|" * len(kinds)]
+    for stream in streams:
+        for percent in percents:
+            row = rows[stream, percent]
+            out.append(f"| {stream} | {percent} % | " + " | ".join(f"{row[k]:.3f}" for k in kinds) + " |")
+    out += ["", "Counting references beats the order of use wherever some keys are asked for more often than others, and",
+            "scans of new keys hardly harm. It keeps nothing of data that come round as a whole, when not all of them",
+            "fit: all have the same count, and a check drops all that have it. Neither does the order of use.",
+            "A cache that takes nothing more when it is full keeps its part then; see",
+            "[capacity.md](../capacity.md).", "",
+            "## What checks cost", "",
+            "| stream | limit | checks that dropped | entries dropped each | longest, ms | ns an entry dropped |"
+            " ns a lookup |", "|---|---:|---:|---:|---:|---:|---:|"]
+    for stream in streams:
+        for percent in percents:
+            row = rows[stream, percent]
+            out.append(f"| {stream} | {percent} % | {row['checks']:,} | {row['dropped'] / row['checks']:,.0f} | "
+                       f"{row['longest check'] * 1e3:.1f} | {row['check seconds'] / row['dropped'] * 1e9:.0f} | "
+                       f"{row['check seconds'] / row['lookups'] * 1e9:.0f} |")
+    out += ["", "Each check goes through all pages, so what it costs a lookup falls with the number of lookups between",
+            "two of them. A cache that was cut keeps its pages until there are free slots for a whole one; a check",
+            "before that counts once more and drops a few."]
+    write("limit.md", out + [""])
+
+
+{"cache": cache_report, "growth": growth_report, "limit": limit_report, "session": session_report}[kind]()

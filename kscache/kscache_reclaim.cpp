@@ -14,6 +14,10 @@ bool isUsed(const KSCacheNode& slot) {
     return slot.refCount != 0;
 }
 
+bool holdsSlot(KSCachePage* page, const KSCacheNode* slot) {
+    return slot >= slotsOf(page).data() && slot < page->end;
+}
+
 unsigned long freeNodes(const KSCache* cache) {
     return cache->freeListCount;
 }
@@ -51,10 +55,17 @@ void pushFreeSlots(KSCache* cache, std::span<KSCacheNode> slots) {
 /// Stage 1: every free slot, those that were never issued included, from the first page's lowest at
 /// the head of the list to the last page's highest.
 void sortFreeList(KSCache* cache) {
-    cache->freeList = nullptr;
+    KSCacheNode** end = &cache->freeList;
     cache->freeListCount = 0;
-    for (KSCachePage* page = cache->lastPage; page != nullptr; page = page->prev)
-        pushFreeSlots(cache, slotsOf(page));
+    for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
+        for (KSCacheNode& slot : slotsOf(page)) {
+            if (isUsed(slot)) continue;
+            *end = &slot;
+            end = &slot.higher;
+            ++cache->freeListCount;
+        }
+    }
+    *end = nullptr;
 }
 
 /// Whether a node of a page can move: the head of the free list must lie below the page. What one
@@ -70,13 +81,14 @@ bool canMove(const KSCache* cache, const KSCachePage* page, const KSCacheNode* n
 }
 
 /// Moves a node with all that hangs on it into the first free slot. One that is in no tree is
-/// dropped.
-void moveNode(KSCache* cache, KSCacheNode* node) {
+/// dropped, and false returned: the slot stays free.
+bool moveNode(KSCache* cache, KSCacheNode* node) {
     KSCacheNode* target = cache->freeList;
     cache->freeList = target->higher;
     --cache->freeListCount;
     KSCacheNode** link = findLink(cache, makeKey(node->fingerprint, node->type));
-    if (nodeAt(link) == node) {
+    const bool inTree = nodeAt(link) == node;
+    if (inTree) {
         *target = *node;
         hang(link, target);
     } else {
@@ -87,11 +99,14 @@ void moveNode(KSCache* cache, KSCacheNode* node) {
     node->refCount = 0;
     node->higher = nullptr;
     node->lower = nullptr;
+    return inTree;
 }
 
 /// The next used slots of a page downwards, with their trees on the way.
 class NodesToMove {
   public:
+    explicit NodesToMove(const KSCache* cache) : front_(cache->firstPage) {}
+
     /// Takes them from the end of `slots`, which is cut to what lies below them.
     std::span<KSCacheNode* const> take(const KSCache* cache, std::span<KSCacheNode>& slots) {
         size_t count = 0;
@@ -101,23 +116,43 @@ class NodesToMove {
         for (size_t i = 0; i < count; ++i)
             keys_[i] = {nodes_[i]->fingerprint, nodes_[i]->type};
         prefetchPaths(cache, keys_.data(), count);
+        bringTargets(cache, count);
         return std::span(nodes_).first(count);
     }
 
   private:
+    /// Reads on to the free slots that come next. The list would lead from each to the next one by
+    /// a read that waits for memory; in the order of slots, memory comes by itself.
+    void bringTargets(const KSCache* cache, size_t count) {
+        const KSCacheNode* slot = cache->freeList;
+        while (front_ != nullptr && !holdsSlot(front_, slot))
+            front_ = front_->next;
+        for (; front_ != nullptr && slot < front_->end && count > 0; ++slot) {
+            if (!isUsed(*slot)) --count;
+        }
+        asm volatile("" : : "r"(count));  // has been read for a reason
+    }
+
+    KSCachePage* front_;
     std::array<KSCacheNode*, kPathsAtOnce> nodes_;
     std::array<KSCacheKey, kPathsAtOnce> keys_;
 };
 
+/// How far stage 2 came.
+struct Relocation {
+    const KSCachePage* reached = nullptr;
+    bool dropped = false;  ///< a node that was in no tree, for which a slot in front stayed free
+};
+
 /// Moves nodes off a page, from its last slot down. Returns false when no more can move; `used` is
 /// lowered by each that did.
-bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used) {
-    NodesToMove next;
+bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used, Relocation& relocation) {
+    NodesToMove next(cache);
     std::span<KSCacheNode> slots = slotsOf(page);
     while (used > 0) {
         for (KSCacheNode* node : next.take(cache, slots)) {
             if (!canMove(cache, page, node)) return false;
-            moveNode(cache, node);
+            if (!moveNode(cache, node)) relocation.dropped = true;
             --used;
         }
     }
@@ -125,19 +160,22 @@ bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used) {
 }
 
 /// Stage 2, from the last page backwards.
-void relocateNodes(KSCache* cache) {
+Relocation relocateNodes(KSCache* cache) {
+    Relocation relocation;
     bool more = true;
     for (KSCachePage* page = cache->lastPage; more && page != nullptr; page = page->prev) {
+        relocation.reached = page;
         uint32_t used = countSlots(cache, page);
         KS_TRACE("KSCacheReclaim for page %p starting", static_cast<void*>(page));
         KS_TRACE("Page end address  : %p", static_cast<void*>(page->end));
         traceCounts(cache, page, used);
-        more = emptyPage(cache, page, used);
+        more = emptyPage(cache, page, used, relocation);
         countFree(cache, page, used);
         KS_TRACE("KSCacheReclaim for page %p completed", static_cast<void*>(page));
         traceCounts(cache, page, used);
         more = more && cache->freeListCount != 0;
     }
+    return relocation;
 }
 
 /// Stage 3: empty pages at the end of the list go. Counted again, since only the pages that stage 2
@@ -175,8 +213,21 @@ void seatArea(KSCache* cache) {
         static_cast<int>(cache->nodesAvailable));
 }
 
+/// After stage 2: pages at the beginning of the list that are full. They end at the page with the
+/// first slot that is still free, or at the one that stage 2 came to, from which on it emptied
+/// some.
+uint32_t countFullPages(const KSCache* cache, const Relocation& relocation) {
+    uint32_t full = 0;
+    if (relocation.dropped) return full;
+    for (KSCachePage* page = cache->firstPage; page != relocation.reached; ++full) {
+        if (holdsSlot(page, cache->freeList)) break;
+        page = page->next;
+    }
+    return full;
+}
+
 /// Stage 4: the area, and a free list of all other free slots; a cache without pages starts over.
-void sortFreeSlots(KSCache* cache) {
+void sortFreeSlots(KSCache* cache, uint32_t fullPages) {
     KSCachePage* page = cache->lastPage;
     if (page == nullptr) {
         KS_TRACE("KSCacheReclaim: Cache is empty, last page was processed");
@@ -186,10 +237,13 @@ void sortFreeSlots(KSCache* cache) {
     cache->freeList = nullptr;
     cache->freeListCount = 0;
     seatArea(cache);
-    const auto slots = slotsOf(page);
-    pushFreeSlots(cache, slots.first(slots.size() - cache->nodesAvailable));
-    while ((page = page->prev) != nullptr)
-        pushFreeSlots(cache, slotsOf(page));
+    auto slots = slotsOf(page);
+    slots = slots.first(slots.size() - cache->nodesAvailable);
+    for (uint32_t left = cache->pageCount; left > fullPages; --left) {
+        pushFreeSlots(cache, slots);
+        page = page->prev;
+        if (page != nullptr) slots = slotsOf(page);
+    }
     KS_TRACE("KSCacheReclaim: stage #4: completed, %lu nodes on free list", freeNodes(cache));
 }
 
@@ -224,13 +278,13 @@ void KSCacheReclaim(KSCache* cache) noexcept {
     const uint64_t before = cache->freeListCount;
     KS_TRACE("KSCacheReclaim: stage #1: done, %lu nodes on free list", freeNodes(cache));
     KS_TRACE("KSCacheReclaim: stage #2: relocate used nodes");
-    relocateNodes(cache);
+    const uint32_t fullPages = countFullPages(cache, relocateNodes(cache));
     KS_TRACE("KSCacheReclaim: stage #2: completed");
     KS_TRACE("Nodes relocated         : %lu",
              static_cast<unsigned long>(before - cache->freeListCount));
     KS_TRACE("KSCacheReclaim: stage #3: release empty pages");
     releaseEmptyPages(cache);
     KS_TRACE("KSCacheReclaim: stage #4: rebuild free list");
-    sortFreeSlots(cache);
+    sortFreeSlots(cache, fullPages);
     if (tracing()) reportPages(cache);
 }

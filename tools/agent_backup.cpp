@@ -13,10 +13,10 @@
 #include <set>
 
 #include "platform/status.h"
+#include "tools/agent_cache.h"
 #include "tools/agent_files.h"
 #include "tools/agent_progress.h"
 #include "tools/agent_record.h"
-#include "tools/tool_cache.h"
 #include "tools/tool_text.h"
 
 namespace agent {
@@ -30,44 +30,6 @@ void onSignal(int) {
     interrupted = 1;
 }
 
-/// The cache between two runs.
-class CacheFile {
-  public:
-    CacheFile(const BackupOptions& options, uint64_t segments)
-        : path_(options.cacheFile), limit_(options.limit) {
-        const auto area =
-            static_cast<uint32_t>(std::clamp<uint64_t>(segments / 200, 1024, uint64_t{1} << 20));
-        const uint32_t bits = KSCacheBitsFor(std::max<uint64_t>(segments, 1));
-        cache_.reset(KSCacheCreate(area, bits, 0, nullptr, nullptr));
-    }
-
-    KSCache* get() { return cache_.get(); }
-
-    /// Empty, or why it was not loaded: the cache is as it was, then.
-    std::string load() {
-        if (path_.empty() || !std::filesystem::exists(path_)) return {};
-        const uint32_t status = KSCacheLoad(cache_.get(), path_.c_str(), nullptr);
-        return status == CR_STATUS_OK ? "" : CRStatusToStringA(status);
-    }
-
-    /// Beside the old file, which is replaced when the new one is whole.
-    std::string save() {
-        if (path_.empty()) return {};
-        KSCacheCheck(cache_.get(), limit_);
-        const std::string fresh = path_ + ".new";
-        const uint32_t status = KSCacheSave(cache_.get(), fresh.c_str(), nullptr);
-        if (status != CR_STATUS_OK) return CRStatusToStringA(status);
-        std::error_code error;
-        std::filesystem::rename(fresh, path_, error);
-        return error ? error.message() : "";
-    }
-
-  private:
-    std::string path_;
-    uint32_t limit_;
-    tool::CachePointer cache_;
-};
-
 std::string hexOf(const unsigned char* bytes, size_t length) {
     std::string text(2 * length, '\0');
     for (size_t i = 0; i < length; ++i)
@@ -79,7 +41,7 @@ std::string hexOf(const unsigned char* bytes, size_t length) {
 /// cache. So the cache never knows of data that no PO stands for.
 class Run {
   public:
-    Run(const BackupOptions& options, uint32_t type, pool::Session& session, KSCache* cache,
+    Run(const BackupOptions& options, uint32_t type, pool::Session& session, BackupCache& cache,
         Progress& progress, BackupResult& result)
         : options_(options),
           type_(type),
@@ -109,7 +71,7 @@ class Run {
         });
         if (code_ != tool::kExitOk) return;
         result_.recorded += listed_;
-        remember();
+        cache_.remember(keysOf(pending_), options_.name.dataselection);
         list_.clear();
         pending_.clear();
         listedDigests_.clear();
@@ -138,7 +100,7 @@ class Run {
              FileRecord& file) {
         const std::vector<KSCacheKey> keys = keysOf(digests);
         std::vector<uint32_t> statuses(keys.size());
-        KSCacheExistsBatch(cache_, keys.data(), keys.size(), nullptr, statuses.data());
+        KSCacheExistsBatch(cache_.get(), keys.data(), keys.size(), nullptr, statuses.data());
         for (size_t i = 0; i < statuses.size(); ++i) {
             ++result_.segments;
             result_.bytes += lengths[i];
@@ -149,17 +111,10 @@ class Run {
         }
     }
 
-    void remember() {
-        const std::vector<KSCacheKey> keys = keysOf(pending_);
-        const std::vector<uint64_t> values(keys.size(), options_.name.dataselection);
-        // What finds no memory is new once more the next time.
-        KSCacheAddBatch(cache_, keys.data(), values.data(), nullptr, keys.size(), nullptr);
-    }
-
     const BackupOptions& options_;
     uint32_t type_;
     pool::Session& session_;
-    KSCache* cache_;
+    BackupCache& cache_;
     Progress& progress_;
     BackupResult& result_;
     std::string list_;
@@ -253,7 +208,7 @@ int backup(const BackupOptions& options) {
 
     uint64_t segments = 0;
     const uint64_t bytes = totalSize(options, segments);
-    CacheFile cache(options, segments);
+    BackupCache cache(options, segments);
     if (cache.get() == nullptr || !segmenter.problem().empty()) {
         tool::complain(pool::kProgram,
                        cache.get() == nullptr ? "no cache could be made" : segmenter.problem());
@@ -269,13 +224,13 @@ int backup(const BackupOptions& options) {
     const auto start = std::chrono::steady_clock::now();
     {
         Progress progress(bytes, /*takesMessages=*/false);
-        Run run(options, kind.fingerprintType, session, cache.get(), progress, result);
+        Run run(options, kind.fingerprintType, session, cache, progress, result);
         walk(options, segmenter, progress, run, result);
         code = run.code();
     }
     result.interrupted = interrupted != 0;
     if (code == tool::kExitOk && !result.interrupted) code = finish(options, session, result);
-    const std::string unsaved = cache.save();
+    const std::string unsaved = cache.save(code == tool::kExitOk && !result.interrupted);
     if (!unsaved.empty()) {
         tool::complain(pool::kProgram, options.cacheFile + ": " + unsaved);
         code = std::max(code, int{tool::kExitFailed});

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """kspool-sandbox as a program. Usage: sandbox_program_test.py PROGRAM"""
 import base64
+import atexit
 import os
 import re
 import signal
@@ -22,6 +23,7 @@ def run(*arguments, code=0):
 def serve(number, *arguments):
     """Starts, asks for the time, and ends with a signal."""
     process = subprocess.Popen([PROGRAM, "serve", "made", *arguments], stdout=subprocess.PIPE, text=True)
+    atexit.register(process.kill)  # however the test ends
     url, pid = re.fullmatch(r"READY url=(\S+) pid=(\d+)\n", process.stdout.readline()).groups()
     assert int(pid) == process.pid
     with open("made/agent.password", encoding="ascii") as file:

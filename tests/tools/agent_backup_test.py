@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """kspool-agent backup, find and expire against a pool server. Usage: agent_backup_test.py AGENT SANDBOX"""
+import atexit
 import json
 import os
 import random
@@ -29,6 +30,7 @@ def admin(function, body):
 
 def serve():
     server = subprocess.Popen([SANDBOX, "serve", pool], stdout=subprocess.PIPE, text=True)
+    atexit.register(server.kill)  # however the test ends
     assert server.stdout.readline().startswith("READY ")
     return server
 
@@ -38,9 +40,9 @@ def stop(server):
     assert server.wait() == 0
 
 
-def backup(image, *options, code=0):
-    return json.loads(run("backup", tree, "--client", "me", "--image", image, "--cache", cache,
-                          "--segment", "4KiB", "--json", *options, code=code).stdout)
+def backup(image, *options, code=0, segment="4KiB", kept=None):
+    return json.loads(run("backup", tree, "--client", "me", "--image", image, "--cache", kept or cache,
+                          "--segment", segment, "--json", *options, code=code).stdout)
 
 
 def found(image):
@@ -99,6 +101,7 @@ with tempfile.TemporaryDirectory() as top:
     for sent, status in ((signal.SIGKILL, -9), (signal.SIGINT, 3)):
         running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "five",
                                     "--cache", cache, "--list", "1"], stdout=subprocess.PIPE)
+        atexit.register(running.kill)  # however the test ends
         time.sleep(0.2)
         running.send_signal(sent)
         assert running.wait() == status, running.returncode
@@ -110,6 +113,7 @@ with tempfile.TemporaryDirectory() as top:
     running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "killed", "--cache",
                                 cache, "--list", "1", "--json"], stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, text=True)
+    atexit.register(running.kill)  # however the test ends
     time.sleep(0.35)
     server.kill()
     server.wait()
@@ -125,6 +129,28 @@ with tempfile.TemporaryDirectory() as top:
         file.write(b"\xff\xff")
     assert backup("six")["newSegments"] == 8
     assert backup("six")["newSegments"] == 0
+
+    # More segments than the limit has room for: a part of them is known the next time. What is gone
+    # makes room for what came, at the end of a run that was full.
+    def fill(seed):
+        with open(tree + "/large", "wb") as file:
+            file.write(random.Random(seed).randbytes(20_000 * 512))
+
+    def limited(image):
+        done = backup(image, "--limit", "1", segment="512", kept=top + "/small.cache")
+        assert done["cached"] * 72 <= 1 << 20, done
+        return done
+
+    fill(1)
+    all_new = limited("big1")
+    assert all_new["cached"] > 13_000, all_new
+    again = limited("big2")
+    assert again["newSegments"] == all_new["newSegments"] - all_new["cached"], (again, all_new)
+    fill(2)
+    limited("big3")
+    limited("big4")
+    assert limited("big5")["newSegments"] < 7_500
+    os.remove(tree + "/large")
 
     # A pattern is for finding only: it would expire other images as well.
     for bad in (("--client", "me", "--image", "*"), ("--client", "m?", "--image", "six"),

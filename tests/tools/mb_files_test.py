@@ -3,6 +3,7 @@
 import contextlib
 import http.client
 import http.server
+import atexit
 import json
 import os
 import re
@@ -38,6 +39,7 @@ def run(*arguments, code=0, lines=None, says=(), env=(), **options):
 def serving(folder, port="0"):
     server = subprocess.Popen([SANDBOX, "serve", folder, "--port", port, "--port-file", folder + ".port"],
                               stdout=subprocess.PIPE, text=True)
+    atexit.register(server.kill)  # however the test ends
     try:
         yield re.search(r"READY url=(\S+)", server.stdout.readline())[1]
     finally:

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """kspool-mb po, image and hvx against a pool server. Usage: mb_po_test.py MB SANDBOX"""
 import http.server
+import atexit
 import json
 import os
 import subprocess
@@ -29,6 +30,7 @@ with tempfile.TemporaryDirectory() as top:
                    capture_output=True)
     server = subprocess.Popen([SANDBOX, "serve", pool, "--port", "0"], stdout=subprocess.PIPE,
                               text=True)
+    atexit.register(server.kill)  # however the test ends
     url = server.stdout.readline().split("url=")[1].split()[0]
     os.environ.update(KSPOOL_AGENT_CONFIG=pool + "/agent.cfg", KSPOOL_LOGIN="agent",
                       KSPOOL_PASSWORD=open(pool + "/agent.password").read().strip())
