@@ -30,6 +30,22 @@ void onSignal(int) {
     interrupted = 1;
 }
 
+/// Adds the time of its life to a sum.
+class Stopwatch {
+  public:
+    explicit Stopwatch(double& sum) : sum_(sum) {}
+    ~Stopwatch() {
+        const auto spent = std::chrono::steady_clock::now() - start_;
+        sum_ += std::chrono::duration<double>(spent).count();
+    }
+    Stopwatch(const Stopwatch&) = delete;
+    Stopwatch& operator=(const Stopwatch&) = delete;
+
+  private:
+    double& sum_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
 std::string hexOf(const unsigned char* bytes, size_t length) {
     std::string text(2 * length, '\0');
     for (size_t i = 0; i < length; ++i)
@@ -66,12 +82,18 @@ class Run {
     void send() {
         if (listed_ == 0 || code_ != tool::kExitOk) return;
         progress_.clear();
-        code_ = session_.attempt(std::to_string(listed_) + " files", [&](MBSession* session) {
-            return MBPOAddList(session, options_.name.dataselection, list_.c_str());
-        });
+        {
+            const Stopwatch server(result_.serverSeconds);
+            code_ = session_.attempt(std::to_string(listed_) + " files", [&](MBSession* session) {
+                return MBPOAddList(session, options_.name.dataselection, list_.c_str());
+            });
+        }
         if (code_ != tool::kExitOk) return;
         result_.recorded += listed_;
-        cache_.remember(keysOf(pending_), options_.name.dataselection);
+        {
+            const Stopwatch cache(result_.cacheSeconds);
+            cache_.remember(keysOf(pending_), options_.name.dataselection);
+        }
         list_.clear();
         pending_.clear();
         listedDigests_.clear();
@@ -100,7 +122,10 @@ class Run {
              FileRecord& file) {
         const std::vector<KSCacheKey> keys = keysOf(digests);
         std::vector<uint32_t> statuses(keys.size());
-        KSCacheExistsBatch(cache_.get(), keys.data(), keys.size(), nullptr, statuses.data());
+        {
+            const Stopwatch cache(result_.cacheSeconds);
+            KSCacheExistsBatch(cache_.get(), keys.data(), keys.size(), nullptr, statuses.data());
+        }
         for (size_t i = 0; i < statuses.size(); ++i) {
             ++result_.segments;
             result_.bytes += lengths[i];
@@ -157,6 +182,7 @@ void walk(const BackupOptions& options, Segmenter& segmenter, Progress& progress
 
 /// The image's record, its retention, and whether the server knows as many files as were sent.
 int finish(const BackupOptions& options, pool::Session& session, BackupResult& result) {
+    const Stopwatch server(result.serverSeconds);
     const ImageName& n = options.name;
     int code = session.attemptEvent("image " + n.image, [&](MBSession* s) {
         return MBSetLastImageV2(s, n.dataselection, n.client.c_str(), n.policy.c_str(), 0,
@@ -230,7 +256,11 @@ int backup(const BackupOptions& options) {
     }
     result.interrupted = interrupted != 0;
     if (code == tool::kExitOk && !result.interrupted) code = finish(options, session, result);
-    const std::string unsaved = cache.save(code == tool::kExitOk && !result.interrupted);
+    std::string unsaved;
+    {
+        const Stopwatch watch(result.cacheSeconds);
+        unsaved = cache.save(code == tool::kExitOk && !result.interrupted);
+    }
     if (!unsaved.empty()) {
         tool::complain(pool::kProgram, options.cacheFile + ": " + unsaved);
         code = std::max(code, int{tool::kExitFailed});

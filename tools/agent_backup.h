@@ -48,6 +48,8 @@ struct BackupResult {
     uint64_t cached = 0;
     bool interrupted = false;
     double seconds = 0;
+    double cacheSeconds = 0;   ///< of these, in the cache
+    double serverSeconds = 0;  ///< and waiting for the server
 };
 
 /// Backs up and reports; returns the program's exit code.

@@ -25,7 +25,9 @@ void printForPeople(const BackupOptions& options, const BackupResult& r) {
     printf("Known          %s in %s segments\n", bytes(r.bytes - r.newBytes).c_str(),
            count(r.segments - r.newSegments).c_str());
     printf("Cache          %s fingerprints\n", count(r.cached).c_str());
-    printf("Time           %s\n", tool::humanSeconds(r.seconds).c_str());
+    const auto share = [&](double part) { return r.seconds > 0 ? 100 * part / r.seconds : 0; };
+    printf("Time           %s, of which %.1f %% in the cache, %.1f %% for the server\n",
+           tool::humanSeconds(r.seconds).c_str(), share(r.cacheSeconds), share(r.serverSeconds));
     if (r.interrupted || r.recorded < r.files) {
         printf("Not complete   %s; run it again to complete the image\n",
                r.interrupted ? "interrupted" : "the server could not be told of all files");
@@ -49,7 +51,9 @@ void printBackup(const BackupOptions& options, const BackupResult& r) {
                      {"found", r.found},
                      {"cached", r.cached},
                      {"interrupted", r.interrupted},
-                     {"seconds", r.seconds}},
+                     {"seconds", r.seconds},
+                     {"cacheSeconds", r.cacheSeconds},
+                     {"serverSeconds", r.serverSeconds}},
                     2);
 }
 
