@@ -81,9 +81,15 @@ struct FreeUrl {
     void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
 
+/// Whether it is so, when there was the memory to tell.
+bool isDone(CURLUcode code) {
+    if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+    return code == CURLUE_OK;
+}
+
 std::string partOf(CURLU* url, CURLUPart part) {
     char* text = nullptr;
-    if (curl_url_get(url, part, &text, 0) != CURLUE_OK) return {};
+    if (!isDone(curl_url_get(url, part, &text, 0))) return {};
     const std::unique_ptr<char, FreeCurlText> owned(text);
     return text;
 }
@@ -94,9 +100,8 @@ uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
     if (text.empty()) return WS_STATUS_NO_SERVER;
     const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
     if (url == nullptr) throw std::bad_alloc();
-    if (curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
+    if (!isDone(curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0)))
         return WS_STATUS_NO_SERVER;
-    }
     const std::string scheme = partOf(url.get(), CURLUPART_SCHEME);
     if (scheme != "http" && scheme != "https") return WS_STATUS_NO_SERVER;
     // A password in a URL would end up in logs; queries and fragments have no place in a base.
@@ -110,6 +115,10 @@ uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
         return WS_STATUS_PLAINTEXT;
     }
     transport.base = text.substr(0, text.find_last_not_of('/') + 1);
+    const bool direct = scheme == "https" || loopback;
+    const size_t host = transport.base.find("://") + 3;
+    transport.pathStart =
+        direct ? std::min(transport.base.find('/', host), transport.base.size()) : 0;
     return CR_STATUS_OK;
 }
 
@@ -221,7 +230,11 @@ HeaderList headersFor(WSTransport& transport, const Request& request) {
 /// Gives libcurl what is this request's own.
 void prepare(WSTransport& transport, const Request& request, const curl_slist* headers) {
     CURL* curl = transport.curl.get();
-    set(curl, CURLOPT_URL, (transport.base + request.path).c_str());
+    const std::string url = transport.base + request.path;
+    set(curl, CURLOPT_URL, url.c_str());
+    // Without memory for the query, libcurl would send the request without it.
+    if (transport.pathStart != 0)
+        set(curl, CURLOPT_REQUEST_TARGET, url.c_str() + transport.pathStart);
     set(curl, CURLOPT_HTTPHEADER, headers);
     if (request.contentType == nullptr) {
         set(curl, CURLOPT_HTTPGET, 1L);

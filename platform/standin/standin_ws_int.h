@@ -128,6 +128,7 @@ struct WSTransport {
     bool configured = false;  ///< `curl` has been given `settings`
     uint32_t unusable = 0;    ///< why no request can be sent with them, or 0
     std::string base;         ///< the server URL without a slash at its end
+    size_t pathStart = 0;     ///< where the path begins in it; 0: a proxy wants the whole URL
     int64_t lastUse = 0;
     uint64_t idStart = 0;  ///< request ids: this and a count
     uint64_t requests = 0;
