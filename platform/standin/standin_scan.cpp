@@ -10,7 +10,7 @@ namespace {
 
 // What follows a text is read up to the end of a block, but never of another page than that which
 // a byte of the text is in.
-#define WIDE __attribute__((target("avx2"), no_sanitize("address")))
+#define WIDE __attribute__((target("avx2"), no_sanitize("address", "thread")))
 
 constexpr uintptr_t kPage = 4096;
 constexpr uintptr_t kBlock = sizeof(__m256i);

@@ -150,6 +150,12 @@ int onClose(void* transport, curl_socket_t closed) {
     return close(closed);
 }
 
+/// Called before each sending: libcurl may repeat a request by itself.
+int onSend(void* transport, char*, char*, int, int) {
+    ++static_cast<WSTransport*>(transport)->sendings;
+    return CURL_PREREQFUNC_OK;
+}
+
 /// An option that could not be set would change what is sent, or whom it is sent to.
 template <typename Value>
 void set(CURL* curl, CURLoption option, Value value) {
@@ -201,6 +207,8 @@ void configure(WSTransport& transport) {
     set(curl, CURLOPT_OPENSOCKETDATA, &transport);
     set(curl, CURLOPT_CLOSESOCKETFUNCTION, onClose);
     set(curl, CURLOPT_CLOSESOCKETDATA, &transport);
+    set(curl, CURLOPT_PREREQFUNCTION, onSend);
+    set(curl, CURLOPT_PREREQDATA, &transport);
     set(curl, CURLOPT_HEADERFUNCTION, onHeader);
     set(curl, CURLOPT_WRITEFUNCTION, onBody);
     transport.configured = true;
@@ -269,7 +277,9 @@ class Call {
             transport_.event = {};
             status = attempt(text);
         }
-        return status;
+        // Those two say that nothing was done, which holds for the last sending alone.
+        const bool unsent = status == WS_STATUS_NO_CONNECT || status == WS_STATUS_TLS;
+        return unsent && mayBeDone_ ? uint32_t{WS_STATUS_CUT} : status;
     }
 
   private:
@@ -281,6 +291,7 @@ class Call {
         }
         Collector collector;
         detail_[0] = '\0';
+        transport_.sendings = 0;
         set(curl_, CURLOPT_TIMEOUT_MS, limit);
         set(curl_, CURLOPT_HEADERDATA, &collector);
         set(curl_, CURLOPT_WRITEDATA, &collector);
@@ -289,6 +300,8 @@ class Call {
         curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
         httpStatus_ = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &httpStatus_);
+        const bool turnedAway = httpStatus_ == 429 || httpStatus_ == 503;
+        if (transport_.sendings > (turnedAway ? 1U : 0U)) mayBeDone_ = true;
         const uint32_t status = meaningOf(code, collector, text);
         if (status != CR_STATUS_OK) explain(status, code);
         return status;
@@ -355,6 +368,7 @@ class Call {
     const milliseconds reconnect_;
     const Clock::time_point deadline_;
     long httpStatus_ = 0;
+    bool mayBeDone_ = false;  ///< a sending went out of which the server did not say that it waits
     char detail_[CURL_ERROR_SIZE] = "";
 };
 

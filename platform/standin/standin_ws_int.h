@@ -134,7 +134,8 @@ struct WSTransport {
     uint64_t requests = 0;
     bool archKnown = false;
     uint32_t archMode = 0;
-    ws::Event event;  ///< keeps the texts of the last result alive
+    unsigned sendings = 0;  ///< how often libcurl began to send the request, in one attempt
+    ws::Event event;        ///< keeps the texts of the last result alive
 };
 
 namespace ws {

@@ -435,6 +435,32 @@ TEST(Transport, RepeatsARequestWhoseOldConnectionDied) {
     }
 }
 
+// The server may have carried out what it got before it went, but not what it turned away.
+TEST(Transport, DoesNotSayThatWhatWasSentWasNot) {
+    const std::string busy = answer("503 Busy", "text/plain", "x");
+    const std::string gateway = answer("504 Gateway Timeout", "text/plain", "x");
+    const struct {
+        const char *name, *answer;
+        int64_t reconnect;
+        uint32_t status;
+    } table[] = {{"died", "", 0, kCut},
+                 {"died, waited for", "", 1, kCut},
+                 {"busy", busy.c_str(), 1, WS_STATUS_NO_CONNECT},
+                 {"behind a gateway", gateway.c_str(), 1, kCut}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name);
+        RawServer server;
+        Transport transport(server.url());
+        transport.reconnect(row.reconnect);
+        ASSERT_EQ(transport.get(), 0U);
+        server.queue({row.answer, Reply::Vanishes, 0, 0});
+        EXPECT_EQ(transport.get(), row.status);
+        EXPECT_EQ(server.requests().size(), 2U);
+        transport.reconnect(0);
+        EXPECT_EQ(transport.get(), WS_STATUS_NO_CONNECT);
+    }
+}
+
 TEST(Transport, IsNotDisturbedByAChildOfTheProcess) {
     RawServer server;
     Transport transport(server.url());

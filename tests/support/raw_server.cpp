@@ -179,6 +179,7 @@ bool RawServer::send(int fd, const Reply& reply) {
         const linger now{1, 0};
         setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     }
+    if (reply.end == Reply::Vanishes) shutdown(listener_, SHUT_RDWR);
     return reply.end == Reply::KeepsOpen;
 }
 

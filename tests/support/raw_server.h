@@ -12,7 +12,7 @@
 
 /// What the server does once a request has arrived.
 struct Reply {
-    enum End { KeepsOpen, Closes, Resets };
+    enum End { KeepsOpen, Closes, Resets, Vanishes };  ///< at last: refuses connections as well
     std::string bytes;
     End end = KeepsOpen;
     int delayMs = 0;     ///< before the answer
