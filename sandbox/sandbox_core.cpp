@@ -187,6 +187,10 @@ Answer Core::answer(const Request& request, LogEntry& log) {
     }
 }
 
+bool Core::knows(const std::string& id) {
+    return database_.query("SELECT 1 FROM answers WHERE id = ?", id).step();
+}
+
 void Core::describe(const Request& request, LogEntry& log) {
     log.id = request.id;
     log.service = request.service;

@@ -42,6 +42,8 @@ class Core {
 
     /// Carries a request under /ws/ out, and notes in `log` what it was.
     Answer answer(const Request& request, LogEntry& log);
+    /// Whether a request with this id was answered before.
+    bool knows(const std::string& id);
     /// Fills in what can be told of a request that is not carried out.
     static void describe(const Request& request, LogEntry& log);
 

@@ -80,6 +80,10 @@ MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connectio
         exchange.described = true;
         Core::describe(exchange.request, exchange.log);
         exchange.fault = state.faults.take(exchange.log.action);
+        if (exchange.fault && exchange.fault->kind->refuses &&
+            state.core.knows(exchange.request.id)) {
+            exchange.fault.reset();
+        }
         const uint64_t delay = exchange.fault ? exchange.fault->delay() : 0;
         // Called again when the time is over.
         if (delay > 0 && service.alarm.suspend(connection, delay)) return MHD_YES;

@@ -65,23 +65,23 @@ void badEvent(const Fault& fault, const Json& reporter, Answer& answer) {
 }
 
 constexpr FaultKind kKinds[] = {
-    // name, carried out, delivery, change, members
-    {"delay", true, Delivery::kPlain, unchanged, "ms "},
-    {"reset", false, Delivery::kReset, unchanged, ""},
-    {"lose", true, Delivery::kClose, unchanged, ""},
-    {"cut", true, Delivery::kCut, unchanged, "bytes "},
-    {"stall", true, Delivery::kStall, unchanged, "ms "},
-    {"oversize", false, Delivery::kOversize, unchanged, "bytes "},
-    {"garbage", false, Delivery::kGarbage, unchanged, "text "},
-    {"nul", true, Delivery::kPlain, withNul, ""},
-    {"unbounded", true, Delivery::kUnbounded, unchanged, ""},
-    {"chunked", true, Delivery::kChunked, unchanged, ""},
-    {"type", true, Delivery::kPlain, withType, "type "},
-    {"status", false, Delivery::kPlain, statusOnly, "code retryAfter body type "},
-    {"redirect", false, Delivery::kPlain, redirect, "code location "},
-    {"event", false, Delivery::kPlain, event,
+    // name, carried out, refuses, delivery, change, members
+    {"delay", true, false, Delivery::kPlain, unchanged, "ms "},
+    {"reset", false, false, Delivery::kReset, unchanged, ""},
+    {"lose", true, false, Delivery::kClose, unchanged, ""},
+    {"cut", true, false, Delivery::kCut, unchanged, "bytes "},
+    {"stall", true, false, Delivery::kStall, unchanged, "ms "},
+    {"oversize", false, false, Delivery::kOversize, unchanged, "bytes "},
+    {"garbage", false, false, Delivery::kGarbage, unchanged, "text "},
+    {"nul", true, false, Delivery::kPlain, withNul, ""},
+    {"unbounded", true, false, Delivery::kUnbounded, unchanged, ""},
+    {"chunked", true, false, Delivery::kChunked, unchanged, ""},
+    {"type", true, false, Delivery::kPlain, withType, "type "},
+    {"status", false, false, Delivery::kPlain, statusOnly, "code retryAfter body type "},
+    {"redirect", false, false, Delivery::kPlain, redirect, "code location "},
+    {"event", false, true, Delivery::kPlain, event,
      "code status description severity serverAddress sourceApplication "},
-    {"bad-event", false, Delivery::kPlain, badEvent,
+    {"bad-event", false, false, Delivery::kPlain, badEvent,
      "code status description severity serverAddress sourceApplication "},
 };
 

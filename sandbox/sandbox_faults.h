@@ -31,6 +31,7 @@ struct Fault;
 struct FaultKind {
     const char* name;
     bool carriedOut;  ///< the request is carried out, and its answer is what goes wrong
+    bool refuses;     ///< the answer says so, which must not be told of what was carried out
     Delivery delivery;
     /// Makes the answer another: that of the request, or an empty one.
     void (*change)(const Fault& fault, const nlohmann::json& reporter, Answer& answer);

@@ -197,6 +197,7 @@ TEST_F(Sandbox, RequestThatCameTwiceIsCarriedOutOnce) {
     const Call lost{"mkdir path=/a", newId()};
     admin("POST", "faults", R"([{"kind": "lose"}])");
     EXPECT_EQ(ask(lost).end, "closed");
+    admin("POST", "faults", R"([{"kind": "event"}])");
     EXPECT_EQ(ask(lost).brief(), "200 ");
     EXPECT_EQ(brief("delete path=/a recursive=0"), "200 ");
     const Call refused{"delete path=/a recursive=0", newId()};
