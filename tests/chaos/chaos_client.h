@@ -1,0 +1,322 @@
+// A session that makes requests at random, and its ledger.
+#ifndef TESTS_CHAOS_CHAOS_CLIENT_H
+#define TESTS_CHAOS_CHAOS_CLIENT_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "mb/mb_int.h"
+#include "platform/support.h"
+#include "platform/ws.h"
+#include "tests/chaos/chaos_ledger.h"
+
+namespace chaos {
+
+/// The code of the events that a server is told to make up.
+constexpr uint32_t kOrderedEvent = 4711;
+
+struct Pool {
+    std::string url, config, password;
+};
+
+/// Has a folder and a client's name of its own. One thread at a time.
+class Client {
+  public:
+    Client(unsigned number, uint64_t seed, const Pool& pool)
+        : folder_("/s" + std::to_string(number)),
+          name_("c" + std::to_string(number)),
+          random_(seed + number),
+          session_(MBInitWithAgentCfg(pool.url.c_str(), 0, "agent", pool.password.c_str(),
+                                      pool.config.c_str())) {
+        if (session_ == nullptr) throw std::runtime_error("no session could be made");
+        WSSetOptVa(session_->transport, uint32_t{WS_OPT_RESPONSE_TIMEOUT}, int64_t{1}, uint32_t{0});
+        if (number % 2 != 0) MBEnableResiliency(session_, 2);
+        for (const std::string& thing : thingsOf(kEntry, tree()))
+            ledger_.had(thing);
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client() { MBShutdown(session_); }
+
+    /// Takes all messages of the process, to be called first: no status has the code of an event.
+    static void listen() { qlxSetSink(hear, nullptr); }
+
+    const std::string& folder() const { return folder_; }
+    const Ledger& ledger() const { return ledger_; }
+    uint64_t count(Outcome outcome) const { return counts_[outcome]; }
+    const std::vector<std::string>& differences() const { return differences_; }
+
+    /// Makes requests until `done`, which it counts up, has reached `count`.
+    void run(std::atomic<uint64_t>& done, uint64_t count) {
+        unsigned total = 0;
+        for (const Row& row : kRows)
+            total += row.weight;
+        for (uint64_t own = 0; done.fetch_add(1) < count; ++own) {
+            if (own % 200 == 0) {
+                openBucket();
+                continue;
+            }
+            const Row* row = kRows;
+            for (uint64_t at = below(total); at >= row->weight; ++row)
+                at -= row->weight;
+            (this->*row->request)(row->kind);
+        }
+    }
+
+    /// Asks for all that it has ever made.
+    void review() {
+        for (const Kind kind : {kEntry, kPO, kImage})
+            read(kind, folder_, kind == kEntry ? folder_ : "");
+    }
+
+  private:
+    enum Kind { kEntry, kPO, kImage, kKinds };
+    struct Item {
+        std::string path;
+        bool isTree = false;
+    };
+    struct Row {
+        unsigned weight;
+        void (Client::*request)(Kind);
+        Kind kind;
+    };
+    static const Row kRows[15];
+    static constexpr const char* kNames[] = {"entry ", "po ", "image "};
+    inline static thread_local uint32_t lastEvent = 0;
+
+    static void hear(uint32_t, uint32_t, const char* text, void*) {
+        const char* code = strstr(text, "Event code        : ");
+        if (code != nullptr) lastEvent = static_cast<uint32_t>(strtoul(code + 20, nullptr, 10));
+    }
+
+    /// Makes a request and says what may be concluded. `refusal` is the event it deserves, or 0.
+    template <typename Call>
+    Outcome ask(const std::string& what, Call call, uint32_t refusal = 0) {
+        lastEvent = 0;
+        const uint32_t status = call();
+        Outcome outcome = kRefused;
+        if (status == CR_STATUS_OK) {
+            outcome = kConfirmed;
+        } else if (status == WS_STATUS_TIMED_OUT || status == WS_STATUS_CUT ||
+                   status == WS_STATUS_BAD_ANSWER || status == WS_STATUS_TOO_LARGE) {
+            outcome = kUnknown;
+        } else if (status == WS_STATUS_NO_CONNECT) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        } else {
+            const uint32_t event = status == CR_STATUS_REMOTE_ERROR ? lastEvent : status;
+            if (event != kOrderedEvent && event != refusal) {
+                differences_.push_back(what + ": status " + std::to_string(status) + ", event " +
+                                       std::to_string(event));
+            }
+        }
+        ++counts_[outcome];
+        return outcome;
+    }
+
+    uint64_t below(uint64_t limit) { return random_() % limit; }
+    std::string fresh() { return bucket_ + "/t" + std::to_string(++tokens_); }
+    Item tree() const { return {folder_ + "/tree", true}; }
+    Item& any(Kind kind) { return items_[kind][below(items_[kind].size())]; }
+    static std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+    static std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+    static std::vector<std::string> thingsOf(Kind kind, const Item& item) {
+        const std::string thing = kNames[kind] + item.path;
+        if (item.isTree) return {thing, thing + "/a", thing + "/b"};
+        return {thing};
+    }
+    void made(Kind kind, const Item& item, Outcome outcome) {
+        for (const std::string& thing : thingsOf(kind, item))
+            ledger_.make(thing, outcome);
+        if (outcome == kConfirmed) items_[kind].push_back(item);
+    }
+    /// Of those that are there for certain; what was refused to go still is.
+    template <typename Call>
+    Outcome removeAny(Kind kind, Call call) {
+        std::swap(any(kind), items_[kind].back());
+        const Item item = items_[kind].back();
+        items_[kind].pop_back();
+        const Outcome outcome = ask("remove", [&] { return call(item); });
+        for (const std::string& thing : thingsOf(kind, item))
+            ledger_.remove(thing, outcome);
+        if (outcome == kRefused) items_[kind].push_back(item);
+        return outcome;
+    }
+
+    std::string poLine(const std::string& path) const {
+        return "1|1||0|0|" + name_ + "|p|i|" + folderOf(path) + "|" + nameOf(path) +
+               "|d|f||||1|0|0|0|0|0|0|0|0|0|\n";
+    }
+    uint32_t makeDirectory(const std::string& path) { return MBDirCreate(session_, path.c_str()); }
+    uint32_t setImage(const std::string& path, int32_t flags) {
+        return MBSetLastImageV2(session_, 1, name_.c_str(), folderOf(path).c_str(), 0, 1,
+                                nameOf(path).c_str(), flags);
+    }
+
+    /// Lists stay short when what is asked for is in a folder that is often a new one.
+    void openBucket() {
+        const std::string path = folder_ + "/b" + std::to_string(++tokens_);
+        const Outcome outcome = ask("bucket", [&] { return makeDirectory(path); });
+        ledger_.make(kNames[kEntry] + path, outcome);
+        if (outcome != kConfirmed) return;
+        bucket_ = path;
+        for (auto& items : items_)
+            items.clear();
+    }
+
+    void make(Kind kind) {
+        constexpr uint32_t (*kWays[])(MBSession*, uint32_t, const char*) = {MBPOAddList, MBPOImport,
+                                                                            MBPOZELTAddList};
+        std::vector<Item> items;
+        std::string lines;
+        for (uint64_t left = kind == kPO ? 1 + below(4) : 1; left > 0; --left) {
+            items.push_back({fresh()});
+            lines += poLine(items.back().path);
+        }
+        const auto way = kWays[below(3)];
+        const Outcome outcome = ask("make", [&] {
+            if (kind == kPO) return way(session_, 1, lines.c_str());
+            return kind == kEntry ? makeDirectory(items[0].path) : setImage(items[0].path, 0);
+        });
+        for (const Item& item : items)
+            made(kind, item, outcome);
+    }
+
+    void remove(Kind kind) {
+        if (items_[kind].empty()) return make(kind);
+        removeAny(kind, [&](const Item& item) {
+            const std::string& path = item.path;
+            if (kind == kPO) return MBPOExpire(session_, 1, poLine(path).c_str());
+            if (kind == kEntry) return MBFileDelete(session_, path.c_str(), 1);
+            return MBDeleteImage(session_, 1, name_.c_str(), folderOf(path).c_str(),
+                                 nameOf(path).c_str(), 0);
+        });
+    }
+
+    void copy(Kind kind) {
+        const Item source = items_[kind].empty() || below(2) == 0 ? tree() : any(kind);
+        const Item target = {fresh(), source.isTree};
+        made(kind, target, ask("copy", [&] {
+                 return MBFileCopy(session_, source.path.c_str(), target.path.c_str(), 1);
+             }));
+    }
+
+    void move(Kind kind) {
+        if (items_[kind].empty()) return make(kind);
+        Item target = {fresh()};
+        const Outcome outcome = removeAny(kind, [&](const Item& source) {
+            target.isTree = source.isTree;
+            return MBFileMove(session_, source.path.c_str(), target.path.c_str(), 0);
+        });
+        made(kind, target, outcome);
+    }
+
+    /// What is there already; an image only changes.
+    void makeAgain(Kind kind) {
+        constexpr uint32_t kExists = 2002;
+        if (items_[kind].empty()) return make(kind);
+        const std::string& path = any(kind).path;
+        const auto flags = static_cast<int32_t>(++tokens_);
+        if (kind == kImage) {
+            ledger_.change("~image " + path + " " + std::to_string(flags),
+                           ask("change", [&] { return setImage(path, flags); }));
+        } else {
+            ledger_.make(kNames[kind] + path,
+                         ask(
+                             "make again", [&] { return makeDirectory(path); }, kExists));
+        }
+    }
+
+    void removeNothing(Kind kind) {
+        constexpr uint32_t kNoSuchFile = 2001;
+        const std::string path = fresh();
+        ledger_.remove(kNames[kind] + path,
+                       ask(
+                           "remove nothing",
+                           [&] { return MBFileDelete(session_, path.c_str(), 1); }, kNoSuchFile));
+    }
+
+    void list(Kind kind) { read(kind, bucket_, bucket_); }
+
+    /// What is below a path; `where` is how to ask for it, which may be empty for all.
+    void read(Kind kind, const std::string& path, const std::string& where) {
+        char* text = nullptr;
+        const Outcome outcome = ask("list", [&]() -> uint32_t {
+            if (kind == kEntry) return MBDirList(session_, where.c_str(), &text, nullptr, 1);
+            if (kind == kPO) return find(where, &text);
+            return MBGetLastImages(session_, 1, name_.c_str(), where.c_str(), -1, 0, &text);
+        });
+        std::istringstream lines(text != nullptr ? text : "");
+        free(text);
+        if (outcome != kConfirmed) return;
+        std::set<std::string> listed;
+        size_t head = kind == kPO ? 3 : 0;
+        for (std::string line; std::getline(lines, line);) {
+            if (head > 0) {
+                --head;
+            } else {
+                listed.insert(kNames[kind] + pathIn(kind, line, path));
+            }
+        }
+        ledger_.compare(kNames[kind] + path + "/", listed, differences_);
+    }
+
+    uint32_t find(const std::string& where, char** text) {
+        MBPOFilter filter{};
+        filter.size = sizeof filter;
+        MBPOFilterInit(&filter);
+        filter.criterion6 = name_.c_str();
+        if (!where.empty()) filter.criterion9 = where.c_str();
+        const uint32_t status = MBPOFind(session_, 1, &filter, text, nullptr, nullptr);
+        if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
+        // An event that met the retry of a query; it has no report.
+        return status == CR_STATUS_BAD_HANDLE ? kOrderedEvent : status;
+    }
+
+    static std::string pathIn(Kind kind, const std::string& line, const std::string& above) {
+        std::vector<std::string> fields;
+        std::istringstream stream(line);
+        for (std::string field; std::getline(stream, field, kind == kEntry ? ' ' : '|');)
+            fields.push_back(field);
+        if (kind == kEntry) return above + "/" + fields.at(3);
+        return kind == kPO ? fields.at(8) + "/" + fields.at(9) : fields.at(2) + "/" + fields.at(4);
+    }
+
+    void time(Kind) {
+        uint32_t told = 0;
+        if (ask("time", [&] { return MBGetTime(session_, &told); }) != kConfirmed) return;
+        const int64_t apart = ::time(nullptr) - int64_t{told};
+        if (apart < -1 || apart > 60) differences_.push_back("time: " + std::to_string(told));
+    }
+
+    std::string folder_, name_, bucket_ = folder_;
+    std::mt19937_64 random_;
+    MBSession* session_;
+    Ledger ledger_;
+    std::vector<Item> items_[kKinds];  ///< those in the bucket that are there for certain
+    uint64_t tokens_ = 0;
+    uint64_t counts_[kOutcomes] = {};
+    std::vector<std::string> differences_;
+};
+
+inline const Client::Row Client::kRows[15] = {
+    {14, &Client::make, kEntry},     {13, &Client::make, kPO},
+    {7, &Client::make, kImage},      {9, &Client::remove, kEntry},
+    {8, &Client::remove, kPO},       {4, &Client::remove, kImage},
+    {6, &Client::list, kEntry},      {6, &Client::list, kPO},
+    {4, &Client::list, kImage},      {4, &Client::makeAgain, kEntry},
+    {4, &Client::makeAgain, kImage}, {10, &Client::copy, kEntry},
+    {10, &Client::move, kEntry},     {4, &Client::removeNothing, kEntry},
+    {7, &Client::time, kEntry},
+};
+
+}  // namespace chaos
+
+#endif

@@ -1,0 +1,292 @@
+// Sessions and a server that goes wrong, which is killed and started again: what the sessions were
+// told, against what the server did. Usage: chaos_run SANDBOX [REQUESTS]
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/ws.h"
+#include "sandbox/sandbox.h"
+#include "sandbox/sandbox_database.h"
+#include "tests/chaos/chaos_client.h"
+#include "tests/support/raw_server.h"
+
+namespace {
+
+constexpr unsigned kSessions = 8;
+constexpr uint64_t kRequestsPerKill = 2'500;
+constexpr uint64_t kAnswerLimit = 4 << 20;
+
+/// How likely each fault is, in thousandths of the requests, and what it is.
+constexpr struct {
+    unsigned thousandths;
+    const char* fault;
+} kFaults[] = {
+    {20, R"("kind":"delay","ms":3)"},
+    {15, R"("kind":"reset")"},
+    {15, R"("kind":"lose")"},
+    {15, R"("kind":"cut")"},
+    {5, R"("kind":"stall","ms":20)"},
+    {1, R"("kind":"stall","ms":1500)"},
+    {14, R"("kind":"status","code":503)"},
+    {3, R"("kind":"status","code":504)"},
+    {3, R"("kind":"status","code":500)"},
+    {10, R"("kind":"event","code":4711)"},
+    {3, R"("kind":"bad-event")"},
+    {3, R"("kind":"redirect")"},
+    {3, R"("kind":"garbage")"},
+    {3, R"("kind":"nul")"},
+    {3, R"("kind":"type")"},
+    {3, R"("kind":"unbounded")"},
+    {3, R"("kind":"chunked")"},
+    {2, R"("kind":"oversize","bytes":8000000)"},
+};
+
+/// Writes down each change within the transaction that makes it.
+constexpr char kAudit[] =
+    "CREATE TABLE audit (what TEXT NOT NULL);"
+    "CREATE TRIGGER a AFTER INSERT ON entries BEGIN"
+    " INSERT INTO audit VALUES ('+entry ' || new.path); END;"
+    "CREATE TRIGGER b AFTER DELETE ON entries BEGIN"
+    " INSERT INTO audit VALUES ('-entry ' || old.path); END;"
+    "CREATE TRIGGER c AFTER UPDATE ON entries BEGIN"
+    " INSERT INTO audit VALUES ('-entry ' || old.path), ('+entry ' || new.path); END;"
+    "CREATE TRIGGER d AFTER INSERT ON pos BEGIN"
+    " INSERT INTO audit VALUES ('+po ' || new.f9 || '/' || new.f10); END;"
+    "CREATE TRIGGER e AFTER DELETE ON pos BEGIN"
+    " INSERT INTO audit VALUES ('-po ' || old.f9 || '/' || old.f10); END;"
+    "CREATE TRIGGER f AFTER INSERT ON images BEGIN"
+    " INSERT INTO audit VALUES ('+image ' || new.policy || '/' || new.name); END;"
+    "CREATE TRIGGER g AFTER DELETE ON images BEGIN"
+    " INSERT INTO audit VALUES ('-image ' || old.policy || '/' || old.name); END;"
+    "CREATE TRIGGER h AFTER UPDATE ON images BEGIN"
+    " INSERT INTO audit VALUES ('~image ' || new.policy || '/' || new.name || ' ' || new.flags);"
+    " END;";
+
+/// The server as a program of its own, on one port.
+class Server {
+  public:
+    Server(std::string program, uint64_t seed) : program_(std::move(program)) {
+        char name[] = "/tmp/kspool-chaos-XXXXXX";
+        folder_ = mkdtemp(name);
+        std::string error;
+        if (!sandbox::setUp({pool(), "http://127.0.0.1:1", false}, error))
+            throw std::runtime_error(error);
+        // Below the ports that the system gives to clients: one that looks for a server that is
+        // down must not find itself.
+        for (unsigned tries = 0; tries < 20; ++tries) {
+            port_ = static_cast<uint16_t>(10'000 + (seed + tries * uint64_t{997}) % 20'000);
+            if (start()) return;
+        }
+        throw std::runtime_error("the server does not start");
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server() {
+        end(SIGKILL);
+        std::filesystem::remove_all(folder_);
+    }
+
+    std::string pool() const { return folder_ + "/pool"; }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+    bool start() {
+        int ready[2];
+        if (pipe2(ready, O_CLOEXEC) != 0) return false;
+        const std::string folder = pool(), port = std::to_string(port_);
+        child_ = fork();
+        if (child_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            dup2(ready[1], STDOUT_FILENO);
+            execl(program_.c_str(), program_.c_str(), "serve", folder.c_str(), "--port",
+                  port.c_str(), nullptr);
+            _exit(127);
+        }
+        close(ready[1]);
+        char first = '\0';
+        const bool serves = read(ready[0], &first, 1) == 1 && first == 'R';
+        close(ready[0]);
+        if (!serves) end(SIGKILL);
+        return serves;
+    }
+
+    /// True when it ended as one that was told to stop.
+    bool end(int number) {
+        int status = -1;
+        if (child_ > 0) {
+            kill(child_, number);
+            waitpid(child_, &status, 0);
+        }
+        child_ = -1;
+        return status == 0;
+    }
+
+    std::string admin(const std::string& method, const std::string& function,
+                      const std::string& body = {}) const {
+        std::string answer = rawExchange(
+            port_, method + " /__admin/" + function + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                       "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+        if (answer.find(" 200 ") == std::string::npos) throw std::runtime_error(answer);
+        return answer;
+    }
+
+  private:
+    std::string program_, folder_;
+    uint16_t port_ = 0;
+    pid_t child_ = -1;
+};
+
+/// A run, from a new pool to what became of it.
+class Run {
+  public:
+    Run(const char* program, uint64_t requests, uint64_t seed)
+        : server_(program, seed), requests_(requests), random_(seed) {
+        chaos::Pool pool = {server_.url(), server_.pool() + "/agent.cfg", {}};
+        std::ifstream(server_.pool() + "/agent.password") >> pool.password;
+        std::string tree;
+        for (unsigned i = 0; i < kSessions; ++i) {
+            const chaos::Client& client = clients_.emplace_back(i, seed, pool);
+            for (const char* name : {"a", "b"})
+                tree.append(tree.empty() ? "[" : ",")
+                    .append(R"({"size":1,"mtime":1,"path":")" + client.folder() + "/tree/")
+                    .append(name + std::string("\"}"));
+        }
+        server_.admin("POST", "tree", tree + "]");
+        sandbox::Database(database()).script(kAudit);
+        orderFaults();
+    }
+
+    void go() {
+        std::vector<std::thread> threads;
+        for (chaos::Client& client : clients_)
+            threads.emplace_back([&] { client.run(done_, requests_); });
+        const uint64_t kills = std::max<uint64_t>(1, requests_ / kRequestsPerKill);
+        const uint64_t part = requests_ / (kills + 1);
+        while (kills_ < kills) {
+            const uint64_t moment = part * (kills_ + 1) - random_() % (part / 2);
+            while (done_ < moment)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            countFaults();
+            server_.end(SIGKILL);
+            if (!server_.start()) break;
+            ++kills_;
+            orderFaults();
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        if (kills_ < kills) throw std::runtime_error("the server did not come back");
+        countFaults();
+        server_.admin("DELETE", "faults");
+    }
+
+    /// How many differences there are. They are printed.
+    size_t compare() {
+        std::vector<std::string> differences;
+        for (chaos::Client& client : clients_)
+            client.review();
+        if (!server_.end(SIGTERM)) differences.emplace_back("the server did not end well");
+        std::map<std::string, uint64_t> made = audit();
+        for (const auto& [what, times] : made)
+            changes_ += times;
+        for (const chaos::Client& client : clients_) {
+            client.ledger().compare(made, differences);
+            differences.insert(differences.end(), client.differences().begin(),
+                               client.differences().end());
+        }
+        for (const auto& [what, times] : made)
+            differences.push_back(what + ": told to nobody");
+        for (size_t i = 0; i < differences.size() && i < 20; ++i)
+            fprintf(stderr, "chaos_run: %s\n", differences[i].c_str());
+        return differences.size();
+    }
+
+    void print() const {
+        uint64_t counts[chaos::kOutcomes] = {};
+        for (const chaos::Client& client : clients_) {
+            for (int i = 0; i < chaos::kOutcomes; ++i)
+                counts[i] += client.count(static_cast<chaos::Outcome>(i));
+        }
+        const auto number = [](uint64_t n) { return static_cast<unsigned long long>(n); };
+        printf(
+            "chaos: %llu requests of %u sessions, %llu faults, %llu kills; %llu confirmed, "
+            "%llu refused, %llu unknown; %llu changes made",
+            number(requests_), kSessions, number(faults_), number(kills_),
+            number(counts[chaos::kConfirmed]), number(counts[chaos::kRefused]),
+            number(counts[chaos::kUnknown]), number(changes_));
+    }
+
+  private:
+    std::string database() const { return server_.pool() + "/pool.db"; }
+
+    void orderFaults() {
+        std::string list;
+        for (const auto& row : kFaults)
+            list += (list.empty() ? "[{" : ",{") + std::string(row.fault) +
+                    R"(,"times":1000000000,"seed":)" + std::to_string(random_() >> 12) +
+                    R"(,"chance":)" + std::to_string(row.thousandths * 0.001) + "}";
+        server_.admin("POST", "faults", list + "]");
+    }
+
+    void countFaults() {
+        const std::string report = server_.admin("GET", "faults");
+        const size_t at = report.find("\"taken\":");
+        if (at != std::string::npos) faults_ += std::stoull(report.substr(at + 8));
+    }
+
+    std::map<std::string, uint64_t> audit() const {
+        std::map<std::string, uint64_t> made;
+        sandbox::Database opened(database());
+        sandbox::Query row = opened.query("SELECT what, count(*) FROM audit GROUP BY what");
+        while (row.step())
+            made[std::string(row.text(0))] = static_cast<uint64_t>(row.number(1));
+        return made;
+    }
+
+    Server server_;
+    std::deque<chaos::Client> clients_;
+    const uint64_t requests_;
+    std::mt19937_64 random_;
+    std::atomic<uint64_t> done_ = 0;
+    uint64_t kills_ = 0, faults_ = 0, changes_ = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const char* given = getenv("KSPOOL_TEST_SEED");
+    const uint64_t seed = given != nullptr ? strtoull(given, nullptr, 0) : std::random_device()();
+    const uint64_t requests = argc > 2 ? strtoull(argv[2], nullptr, 10) : 5000;
+    if (argc < 2 || requests < 100) {
+        fprintf(stderr, "usage: chaos_run SANDBOX [REQUESTS]\n");
+        return 2;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    chaos::Client::listen();
+    // One retry of a query, at once.
+    MBSetTimeOut(0);
+    MBSetRetryCount(1);
+    WSSetAnswerLimit(kAnswerLimit);
+    try {
+        Run run(argv[1], requests, seed);
+        run.go();
+        const size_t differences = run.compare();
+        run.print();
+        printf(", %zu differences; KSPOOL_TEST_SEED=%llu\n", differences,
+               static_cast<unsigned long long>(seed));
+        return differences == 0 ? 0 : 1;
+    } catch (const std::exception& error) {
+        fprintf(stderr, "chaos_run: %s; KSPOOL_TEST_SEED=%llu\n", error.what(),
+                static_cast<unsigned long long>(seed));
+        return 1;
+    }
+}
