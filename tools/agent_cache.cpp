@@ -8,6 +8,8 @@
 namespace agent {
 namespace {
 
+constexpr uint64_t kRecordSize = 41;  ///< of an entry in a cache file
+
 /// A page for a 200th of the segments, and at least a dozen within the limit.
 uint32_t areaFor(uint64_t segments, uint64_t limit) {
     constexpr uint64_t kSmallest = 1024, kPages = 12, kNodeSize = sizeof(KSCacheNode);
@@ -53,10 +55,21 @@ std::string BackupCache::save(bool sawAll) {
     if (path_.empty()) return {};
     if (full_ || stats().cacheSize > limit_) makeRoom(sawAll);
     const std::string fresh = path_ + ".new";
-    const uint32_t status = KSCacheSave(cache_.get(), fresh.c_str(), nullptr);
+    uint64_t count = 0;
+    const uint32_t status = KSCacheSave(cache_.get(), fresh.c_str(), &count);
     if (status != CR_STATUS_OK) return CRStatusToStringA(status);
     std::error_code error;
-    std::filesystem::rename(fresh, path_, error);
+    if (count == 0) {  // there is no file of nothing
+        std::filesystem::remove(path_, error);
+        return error ? error.message() : "";
+    }
+    // A save does not tell of a full disk.
+    const uint64_t length = std::filesystem::file_size(fresh, error);
+    if (!error && length < count * kRecordSize) {
+        std::filesystem::remove(fresh, error);
+        return "the new cache could not be written as a whole; the old one is kept";
+    }
+    if (!error) std::filesystem::rename(fresh, path_, error);
     return error ? error.message() : "";
 }
 

@@ -297,6 +297,7 @@ class Call {
         set(curl_, CURLOPT_WRITEDATA, &collector);
         set(curl_, CURLOPT_ERRORBUFFER, detail_);
         const CURLcode code = curl_easy_perform(curl_);
+        if (code != CURLE_OK) endConnections();
         curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
         httpStatus_ = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &httpStatus_);
@@ -305,6 +306,13 @@ class Call {
         const uint32_t status = meaningOf(code, collector, text);
         if (status != CR_STATUS_OK) explain(status, code);
         return status;
+    }
+
+    /// libcurl keeps a connection on which it could send a part of a request only. The rest would
+    /// go out with the next one, whose answer would then be this one's.
+    void endConnections() const {
+        for (const Socket& one : transport_.sockets)
+            shutdown(one.fd, SHUT_RDWR);
     }
 
     uint32_t meaningOf(CURLcode code, Collector& collector, Text& text) {

@@ -127,7 +127,7 @@ TEST(SessionTorture, EveryCallFailsInTurn) {
 class AllReached : public testing::Environment {
   public:
     void TearDown() override {
-        printf("torture: %zu runs with a failing call\n", torture::runs);
+        printf("torture: %zu scenarios, %zu injections\n", torture::scenarios, torture::injections);
         for (int call = 0; call < calls::kCalls; ++call)
             EXPECT_GT(calls::made(static_cast<calls::Call>(call)), 0U) << "call " << call;
     }

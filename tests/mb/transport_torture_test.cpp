@@ -210,6 +210,9 @@ struct Text {
     char* text = nullptr;
 };
 
+uint32_t addOne(MBSession* s) {
+    return MBPOAddList(s, 1, kPO);
+}
 uint32_t find(MBSession* s) {
     const MBPOFilter filter = everything();
     const Text found;
@@ -294,11 +297,11 @@ const struct Scenario {
      [](MBSession* s) { return MBDirCreate(s, "/e"); }},
     {"list", list},
     {"import", [](MBSession* s) { return MBPOImport(s, 1, kPO); }},
-    {"addList", [](MBSession* s) { return MBPOAddList(s, 1, kPO); }},
+    {"addList", addOne},
     {"zeltAddList", [](MBSession* s) { return MBPOZELTAddList(s, 1, kPO); }},
-    {"find", find},
-    {"lines", walkLines},
-    {"pos", walkPOs},
+    {"find", find, 0, addOne},
+    {"lines", walkLines, 0, addOne},
+    {"pos", walkPOs, 0, addOne},
     {"setImageV2", [](MBSession* s) { return MBSetLastImageV2(s, 1, "c", "p", 0, 9, "i", 0); }},
     {"setImage", [](MBSession* s) { return MBSetLastImage(s, 1, "c", "p", 9, "j", 0, 9, 1); }},
     {"setRetention",

@@ -12,11 +12,13 @@
 
 namespace torture {
 
-/// Runs with a failing call, of all scenarios so far.
-inline size_t runs = 0;
+/// So far, and their runs with a failing call.
+inline size_t scenarios = 0;
+inline size_t injections = 0;
 
 template <typename Scenario>
 void run(Scenario scenario) {
+    ++scenarios;
     for (const bool fromThenOn : {false, true}) {
         for (size_t nth = 1;; ++nth) {
             SCOPED_TRACE("call " + std::to_string(nth) + (fromThenOn ? " and all after it" : ""));
@@ -28,7 +30,7 @@ void run(Scenario scenario) {
             EXPECT_EQ(calls::live(), 0U);
             calls::leaveAlone();
             if (failed == 0 || testing::Test::HasFailure()) break;
-            ++runs;
+            ++injections;
         }
     }
 }

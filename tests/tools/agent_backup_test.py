@@ -4,6 +4,7 @@ import atexit
 import json
 import os
 import random
+import resource
 import signal
 import socket
 import subprocess
@@ -150,6 +151,16 @@ with tempfile.TemporaryDirectory() as top:
     limited("big3")
     limited("big4")
     assert limited("big5")["newSegments"] < 7_500
+
+    # A disk that is full while the cache is saved: the old one is kept.
+    before = open(top + "/small.cache", "rb").read()
+    full = subprocess.run([AGENT, "backup", tree, "--client", "me", "--image", "big6", "--cache",
+                           top + "/small.cache", "--segment", "512", "--limit", "1"],
+                          capture_output=True, text=True, restore_signals=False,
+                          preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
+    assert full.returncode == 1 and "as a whole" in full.stderr, full
+    assert open(top + "/small.cache", "rb").read() == before
+    assert not os.path.exists(top + "/small.cache.new")
     os.remove(tree + "/large")
 
     # A pattern is for finding only: it would expire other images as well.
