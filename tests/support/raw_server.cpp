@@ -165,8 +165,10 @@ bool RawServer::send(int fd, const Reply& reply) {
     for (size_t left = reply.padding;;) {
         size_t sent = 0;
         while (sent < block.size()) {
-            const ssize_t now = ::send(fd, block.data() + sent, block.size() - sent, MSG_NOSIGNAL);
+            const size_t most = std::min(block.size() - sent, reply.atOnce);
+            const ssize_t now = ::send(fd, block.data() + sent, most, MSG_NOSIGNAL);
             if (now <= 0) return false;
+            if (reply.atOnce < SIZE_MAX) std::this_thread::sleep_for(std::chrono::milliseconds(1));
             sent += static_cast<size_t>(now);
         }
         if (left == 0) break;

@@ -15,8 +15,9 @@ struct Reply {
     enum End { KeepsOpen, Closes, Resets, Vanishes };  ///< at last: refuses connections as well
     std::string bytes;
     End end = KeepsOpen;
-    int delayMs = 0;     ///< before the answer
-    size_t padding = 0;  ///< so many more bytes "x" after `bytes`
+    int delayMs = 0;           ///< before the answer
+    size_t padding = 0;        ///< so many more bytes "x" after `bytes`
+    size_t atOnce = SIZE_MAX;  ///< bytes that are sent at once, with a pause between
 };
 
 /// "HTTP/1.1 STATUS" with a content type, a length and a body.
