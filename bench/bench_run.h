@@ -32,6 +32,13 @@ void registerWork(const std::string& work, const std::string& table, size_t coun
         ->Unit(benchmark::kMillisecond);
 }
 
+/// Tells what one round's work took.
+inline void report(benchmark::State& state, double seconds, size_t items) {
+    for (auto _ : state)
+        state.SetIterationTime(seconds);
+    state.SetItemsProcessed(static_cast<int64_t>(items));
+}
+
 /// Makes the machine hand over the memory that a round needs, so that nobody pays for being the
 /// first to touch it. A virtual machine gives back what has been free for seconds, so this is done
 /// before each round that takes memory.

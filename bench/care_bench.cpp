@@ -44,13 +44,6 @@ std::unique_ptr<Table> filled(size_t count) {
     return table;
 }
 
-/// Reports one round's time for `items` pieces of work.
-void report(State& state, double seconds, size_t items) {
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(static_cast<int64_t>(items));
-}
-
 /// A checksum of 42 KB that lie in a near cache, as they do when a file is written.
 template <typename Sum>
 void checksum(State& state, Sum sum) {
@@ -116,6 +109,27 @@ void limit(State& state, size_t count) {
     report(state, seconds, count);
 }
 
+uint64_t residentBytes() {
+    unsigned long all = 0, pages = 0;
+    FILE* file = fopen("/proc/self/statm", "r");
+    if (file == nullptr || fscanf(file, "%lu %lu", &all, &pages) != 2) abort();
+    fclose(file);
+    return uint64_t{pages} * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+/// Not nanoseconds but bytes: what a filled cache takes of memory.
+void memory(State& state, size_t count) {
+    keysFor(count);
+    const uint64_t before = residentBytes();
+    const std::unique_ptr<BatchTable> table = filled<BatchTable>(count);
+    report(state, 1e-9 * static_cast<double>(residentBytes() - before), count);
+}
+
+void nodesAndRoots(State& state, size_t count) {
+    const size_t roots = size_t{1} << KSCacheBitsFor(count);
+    report(state, 1e-9 * static_cast<double>(count * kNodeSize + roots * sizeof(void*)), count);
+}
+
 void copyPages(State& state, size_t count) {
     static std::map<size_t, std::vector<char>> from, to;
     from[count].resize(count * kNodeSize, 'x');
@@ -137,8 +151,10 @@ void registerAll(const std::vector<size_t>& counts) {
         const char* table;
         void (*run)(State&, size_t);
     } kWorks[] = {
-        {"save", "kspool", save},    {"save", "write", writeAtOnce}, {"load", "kspool", load},
-        {"load", "add", addBatches}, {"limit", "kspool", limit},     {"limit", "memcpy", copyPages},
+        {"save", "kspool", save},     {"save", "write", writeAtOnce},
+        {"load", "kspool", load},     {"load", "add", addBatches},
+        {"limit", "kspool", limit},   {"limit", "memcpy", copyPages},
+        {"memory", "kspool", memory}, {"memory", "least", nodesAndRoots},
     };
     for (const size_t count : counts) {
         for (const auto& row : kWorks) {

@@ -78,12 +78,6 @@ const Server& server() {
     return one;
 }
 
-void report(benchmark::State& state, double seconds) {
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(static_cast<int64_t>(kLines));
-}
-
 void find(benchmark::State& state) {
     const std::string config = "/tmp/find-bench-" + std::to_string(getpid()) + ".cfg";
     std::ofstream(config) << "\n";
@@ -101,7 +95,7 @@ void find(benchmark::State& state) {
     if (count != kLines) abort();
     free(text);
     MBShutdown(session);
-    report(state, seconds);
+    report(state, seconds, kLines);
 }
 
 size_t take(char* bytes, size_t, size_t length, void* body) {
@@ -124,7 +118,7 @@ void download(benchmark::State& state) {
     });
     if (body.size() != answer().size()) abort();
     curl_easy_cleanup(curl);
-    report(state, seconds);
+    report(state, seconds, kLines);
 }
 
 /// Fresh copies of an answer's lines, as many as make the time of one round long enough.
@@ -157,9 +151,7 @@ void walkLines(benchmark::State& state, size_t lines, Walk walk) {
             walked += walk(copies.at(i), copies.length());
     });
     if (walked != lines * copies.count()) abort();
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(static_cast<int64_t>(walked));
+    report(state, seconds, walked);
 }
 
 void cursorLines(benchmark::State& state, size_t lines) {

@@ -118,12 +118,6 @@ class Cache {
     }
 };
 
-void report(State& state, double seconds, size_t items) {
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(static_cast<int64_t>(items));
-}
-
 template <bool batches>
 void add(State& state, Settings settings) {
     Cache::with({1, 1});  // lets go of a large one

@@ -40,12 +40,6 @@ char* memoryOf(size_t bytes) {
     return memory;
 }
 
-void report(State& state, double seconds, size_t items) {
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(static_cast<int64_t>(items));
-}
-
 void latency(State& state, size_t bytes) {
     static std::map<size_t, char*> reached;
     char*& line = reached.try_emplace(bytes, memoryOf(bytes)).first->second;

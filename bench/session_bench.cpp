@@ -66,9 +66,7 @@ void session(benchmark::State& state, Pool& pool) {
             if (MBGetTime(session, &time) != 0) abort();
     });
     MBShutdown(session);
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(kRequests);
+    report(state, seconds, kRequests);
 }
 
 /// As many sessions at once, each with its thread; together they send as many requests as one.
@@ -93,9 +91,7 @@ void sessions(benchmark::State& state, const Pool& pool, size_t count) {
     });
     for (MBSession* one : all)
         MBShutdown(one);
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(static_cast<int64_t>(kRequests / count * count));
+    report(state, seconds, kRequests / count * count);
 }
 
 size_t take(char* bytes, size_t, size_t length, void* body) {
@@ -142,9 +138,7 @@ void bare(benchmark::State& state, Pool& pool) {
     });
     curl_slist_free_all(headers);
     curl_easy_cleanup(curl);
-    for (auto _ : state)
-        state.SetIterationTime(seconds);
-    state.SetItemsProcessed(kRequests);
+    report(state, seconds, kRequests);
 }
 
 }  // namespace
