@@ -35,7 +35,7 @@ int runProgram(const Program& program, int argc, char** argv) noexcept {
         if (fflush(stdout) == 0 && ferror(stdout) == 0) return code;
         complain(program.name, "the report could not be written");
     } catch (const std::bad_alloc&) {
-        complain(program.name, "not enough memory");
+        fprintf(stderr, "%s: not enough memory\n", program.name);  // which needs none
     } catch (const std::exception& error) {
         complain(program.name, error.what());
     }
