@@ -134,7 +134,10 @@ def machine_limits():
         f"{median['hit', 'batch', 1_000_000]:.0f} and {median['hit', 'batch', 10_000_000]:.0f} ns, with"
         " a second node for each fourth key or fewer, and at a million",
         "entries pages too small for huge ones. A single hit waits for its root and then for its node;",
-        "abseil's first line is one of so few that it is near. That is why some aims are not reached here.",
+        "abseil's first line is one of so few that it is near, and the guess whether a root's node is the",
+        "right one fails for each fifth key. A single add takes its root's line and new memory, which the",
+        "system clears first. A limit check passes over all pages three times: once to count, once to drop,",
+        "once to sort what is free.",
     ]
 
 
