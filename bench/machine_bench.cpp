@@ -45,7 +45,7 @@ void latency(State& state, size_t bytes) {
     char*& line = reached.try_emplace(bytes, memoryOf(bytes)).first->second;
     const double seconds = secondsOf([&] {
         for (size_t i = 0; i < kReads; ++i)
-            memcpy(&line, line, sizeof line);
+            memcpy(&line, line, sizeof(char*));
     });
     report(state, seconds, kReads);
 }
