@@ -1,0 +1,65 @@
+#!/usr/bin/env python3
+"""kspool-agent backup while calls of it fail: memory, reads, writes, opens, the rename of its cache.
+Usage: agent_fail_test.py AGENT SANDBOX SHIM [RUNS]
+
+Whatever fails, the run ends with a documented exit code and a word on it, and the next one completes.
+"""
+import atexit
+import json
+import os
+import random
+import subprocess
+import sys
+import tempfile
+
+AGENT, SANDBOX, SHIM = sys.argv[1:4]
+RUNS = int(sys.argv[4]) if len(sys.argv) > 4 else 100
+DOCUMENTED = {0, 1, 3, 12, 13}
+FILES = 12
+SEED = int(os.environ.get("KSPOOL_TEST_SEED", "1"))
+
+with tempfile.TemporaryDirectory() as top:
+    pool, tree, cache = top + "/pool", top + "/tree", top + "/blocks.cache"
+    subprocess.run([SANDBOX, "init", pool, "--url", "http://127.0.0.1:1"], check=True, capture_output=True)
+    server = subprocess.Popen([SANDBOX, "serve", pool, "--port", "0"], stdout=subprocess.PIPE, text=True)
+    atexit.register(server.kill)  # however the test ends
+    url = server.stdout.readline().split()[1].removeprefix("url=")
+    clean = {**os.environ, "KSPOOL_AGENT_CONFIG": pool + "/agent.cfg", "KSPOOL_LOGIN": "agent",
+             "KSPOOL_PASSWORD": open(pool + "/agent.password").read().strip()}
+    os.mkdir(tree)
+    for i in range(FILES):
+        with open(f"{tree}/{i}", "wb") as file:
+            file.write(random.Random(i).randbytes(3000))
+
+    def backup(image, **variables):
+        return subprocess.run([AGENT, "backup", tree, "--server", url, "--client", "me", "--image", image,
+                               "--cache", cache, "--segment", "1KiB"],
+                              env={**clean, **variables}, capture_output=True, text=True)
+
+    def check_whole(image):
+        whole = backup(image)
+        assert whole.returncode == 0, whole
+        found = subprocess.run([AGENT, "find", "--server", url, "--client", "me", "--image", image, "--json"],
+                               env=clean, capture_output=True, text=True, check=True)
+        assert len(json.loads(found.stdout)) == FILES, found
+
+    counted = backup("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
+    assert counted.returncode == 0, counted
+    calls = int(open(top + "/count").read())
+    chance = random.Random(SEED)
+    failed = 0
+    for run in range(RUNS):
+        nth = chance.randrange(1, calls + 1)
+        image = f"image{run // 20}"
+        ending = {"FAIL_ALL": "1"} if run % 2 else {}
+        if run % 4 == 0 and os.path.exists(cache):
+            os.remove(cache)
+        done = backup(image, LD_PRELOAD=SHIM, FAIL_NTH=str(nth), **ending)
+        assert done.returncode in DOCUMENTED, (nth, ending, done)
+        failed += done.returncode != 0
+        assert done.returncode == 0 or done.stderr or ending, (nth, done)
+        if run % 20 == 19:
+            check_whole(image)
+    assert failed > RUNS // 10, failed
+    server.terminate()
+    print(f"torture: kspool-agent, {RUNS} of its {calls} calls failed, {failed} runs with them")
