@@ -8,6 +8,7 @@
 #ifndef KSCACHE_TREE_H
 #define KSCACHE_TREE_H
 
+#include <bit>
 #include <cstring>
 
 #include "kscache/kscache_int.h"
@@ -86,7 +87,7 @@ inline uintptr_t bitsOf(KSCacheNode* const* link) noexcept {
 }
 
 inline KSCacheNode* nodeIn(uintptr_t bits) noexcept {
-    return reinterpret_cast<KSCacheNode*>(bits & ((uintptr_t{1} << kAddressBits) - 1));
+    return std::bit_cast<KSCacheNode*>(bits & ((uintptr_t{1} << kAddressBits) - 1));
 }
 
 inline KSCacheNode* nodeAt(KSCacheNode* const* link) noexcept {
@@ -97,7 +98,7 @@ inline KSCacheNode* nodeAt(KSCacheNode* const* link) noexcept {
 inline void hang(KSCacheNode** link, KSCacheNode* node) noexcept {
     const uintptr_t marks = bitsOf(link) ^ reinterpret_cast<uintptr_t>(nodeAt(link));
     const uintptr_t bits = node != nullptr ? marks | reinterpret_cast<uintptr_t>(node) : 0;
-    *link = reinterpret_cast<KSCacheNode*>(bits);
+    *link = std::bit_cast<KSCacheNode*>(bits);
 }
 
 constexpr uintptr_t markOf(uint64_t keyHead) noexcept {
@@ -105,7 +106,7 @@ constexpr uintptr_t markOf(uint64_t keyHead) noexcept {
 }
 
 inline void mark(KSCacheNode** root, const Key& key) noexcept {
-    *root = reinterpret_cast<KSCacheNode*>(bitsOf(root) | markOf(key.head));
+    *root = std::bit_cast<KSCacheNode*>(bitsOf(root) | markOf(key.head));
 }
 
 inline bool isMarked(uintptr_t bits, uint64_t keyHead) noexcept {
