@@ -32,7 +32,6 @@ struct Options {
     CriterionValues criteria;
     ImageOptions image;
     int32_t retries = 0;
-    bool import = false;
     bool keep = false;
     bool countOnly = false;
     bool recursive = false;
@@ -49,6 +48,7 @@ int time(const Options& options);
 int ping(const Options& options);
 
 int addPOs(const Options& options);
+int importPOs(const Options& options);
 int expirePOs(const Options& options);
 int findPOs(const Options& options);
 

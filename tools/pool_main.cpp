@@ -101,8 +101,7 @@ void addListFile(CLI::App& command, Options& options) {
 
 void addNewList(CLI::App& command, Options& options) {
     addListFile(command, options);
-    CLI::Option* import = command.add_flag("--import", options.import, "Import them");
-    command.add_flag("--keep", options.keep, "Keep POs that are there already")->excludes(import);
+    command.add_flag("--keep", options.keep, "Keep POs that are there already");
 }
 
 void addCriteria(CLI::App& command, Options& options) {
@@ -175,6 +174,7 @@ constexpr Command kCommands[] = {
     {nullptr, "rm", "Delete files and empty directories, or with -R full ones", pool::remove,
      addDoomedPaths},
     {"po", "add", "Add POs, in place of those that are there", pool::addPOs, addNewList},
+    {"po", "import", "Import POs, in place of those that are there", pool::importPOs, addListFile},
     {"po", "expire", "Expire the POs that a text names", pool::expirePOs, addListFile},
     {"po", "find", "Find POs by their fields", pool::findPOs, addCriteria},
     {"image", "set", "Record an image", pool::setImage, addNewImage},
@@ -189,7 +189,7 @@ constexpr Command kCommands[] = {
 };
 
 constexpr std::pair<const char*, const char*> kGroups[] = {
-    {"po", "POs: add, expire, find"},
+    {"po", "POs: add, import, expire, find"},
     {"image", "Images: set, last, delete, retention, policy"},
 };
 

@@ -135,9 +135,11 @@ int findAsLines(const Options& options, Session& session, const MBPOFilter& filt
 }  // namespace
 
 int addPOs(const Options& options) {
-    return sendList(options, options.import ? MBPOImport
-                             : options.keep ? MBPOZELTAddList
-                                            : MBPOAddList);
+    return sendList(options, options.keep ? MBPOZELTAddList : MBPOAddList);
+}
+
+int importPOs(const Options& options) {
+    return sendList(options, MBPOImport);
 }
 
 int expirePOs(const Options& options) {

@@ -42,7 +42,7 @@ with tempfile.TemporaryDirectory() as top:
     with open(top + "/list", "w") as file:
         file.write(po("a", 9) + po("c", 3, "d"))
     run(*at, "po", "add", "--keep", "1", top + "/list")
-    run(*at, "po", "add", "--import", "1", text=po("e", 4))
+    run(*at, "po", "import", "1", text=po("e", 4))
     run(*at, "po", "expire", "1", text=po("e", 0))
     for criteria, lines in (((), po("a", 1) + po("b", 2) + po("c", 3, "d")),
                             (("--name", "?", "--client", "c"), po("a", 1) + po("b", 2)),
@@ -58,7 +58,6 @@ with tempfile.TemporaryDirectory() as top:
     for bad in (("po", "find"), ("po",), ("po", "find", "1", "--size", "1x"),
                 ("po", "find", "1", "--type", "ff"), ("po", "find", "1", "--name", "a|b"),
                 ("po", "add", "1"), ("po", "add", "1", top + "/none"),
-                ("po", "add", "--keep", "--import", "1"),
                 ("image", "retention", "1", "--image", "i", "--worm", "1")):
         assert run(*at, *bad, code=2).stderr.count("\n") == 1
     refused = run(*at, "po", "add", "1", code=1, text="no PO\n").stderr
