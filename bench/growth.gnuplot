@@ -3,6 +3,9 @@ set terminal svg size 800,520 font "sans-serif,13" background "white"
 set logscale y
 set grid
 set key outside right
+set linetype 9 linecolor "gray40" linewidth 2
+set linetype 10 linecolor "dark-orange" linewidth 2
+set linetype cycle 10
 set ylabel "nanoseconds an entry"
 set output "growth.svg"
 set logscale x

@@ -248,7 +248,7 @@ def growth_table(prefix, caption, name_of):
         cells = [f"{median[prefix + work, table, n]:.1f}" for n in columns]
         out.append(f"| {GROWTH[work]}{TABLES[table]} | " + " | ".join(cells) + " |")
     with open(os.path.join(folder, prefix + "cache.dat"), "w", encoding="utf-8") as file:
-        file.write(caption + " " + " ".join(f"{work}-{table}" for work, table in rows) + "\n")
+        file.write(caption + " " + " ".join(f"{work}-{table}".removesuffix("-all") for work, table in rows) + "\n")
         for n in columns:
             file.write(f"{n} " + " ".join(f"{median[prefix + w, t, n]:.1f}" for w, t in rows) + "\n")
     return out
