@@ -110,10 +110,7 @@ std::unique_ptr<WSTransport> makeTransport() {
 void muteConnections(const WSTransport& transport) {
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const Socket& one : transport.sockets) {
-        struct stat status {};
-        const bool ours =
-            fstat(one.fd, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == one.inode;
-        if (!ours) continue;
+        if (!one.isOurs()) continue;
         if (nowhere < 0 || dup2(nowhere, one.fd) < 0) close(one.fd);
     }
     if (nowhere >= 0) close(nowhere);

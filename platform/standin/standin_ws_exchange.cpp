@@ -312,7 +312,7 @@ class Call {
     /// go out with the next one, whose answer would then be this one's.
     void endConnections() const {
         for (const Socket& one : transport_.sockets)
-            shutdown(one.fd, SHUT_RDWR);
+            if (one.isOurs()) shutdown(one.fd, SHUT_RDWR);
     }
 
     uint32_t meaningOf(CURLcode code, Collector& collector, Text& text) {

@@ -3,6 +3,7 @@
 #define PLATFORM_STANDIN_WS_INT_H
 
 #include <curl/curl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -116,6 +117,11 @@ uint64_t answerLimit() noexcept;
 struct Socket {
     curl_socket_t fd;
     ino_t inode;
+
+    bool isOurs() const noexcept {
+        struct stat status {};
+        return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == inode;
+    }
 };
 
 }  // namespace ws
