@@ -73,7 +73,6 @@ class Run {
         file.digest = hexOf(digestOf(digests).data(), sizeof(Digest));
         file.segments = digests.size();
         list_ += poLine(options_.name, file, time(nullptr));
-        pending_.insert(pending_.end(), digests.begin(), digests.end());
         ++listed_;
         ++result_.files;
         if (listed_ == options_.listSize || list_.size() >= kLongestList) send();
@@ -92,11 +91,10 @@ class Run {
         result_.recorded += listed_;
         {
             const Stopwatch cache(result_.cacheSeconds);
-            cache_.remember(keysOf(pending_), options_.name.dataselection);
+            cache_.remember(keysOf(newDigests_), options_.name.dataselection);
         }
         list_.clear();
-        pending_.clear();
-        listedDigests_.clear();
+        newDigests_.clear();
         listed_ = 0;
     }
 
@@ -110,7 +108,8 @@ class Run {
         return all;
     }
 
-    std::vector<KSCacheKey> keysOf(const std::vector<Digest>& digests) const {
+    template <typename Digests>
+    std::vector<KSCacheKey> keysOf(const Digests& digests) const {
         std::vector<KSCacheKey> keys;
         keys.reserve(digests.size());
         for (const Digest& digest : digests)
@@ -129,7 +128,7 @@ class Run {
         for (size_t i = 0; i < statuses.size(); ++i) {
             ++result_.segments;
             result_.bytes += lengths[i];
-            if (statuses[i] == CR_STATUS_OK || !listedDigests_.insert(digests[i]).second) continue;
+            if (statuses[i] == CR_STATUS_OK || !newDigests_.insert(digests[i]).second) continue;
             ++file.newSegments;
             ++result_.newSegments;
             result_.newBytes += lengths[i];
@@ -143,8 +142,7 @@ class Run {
     Progress& progress_;
     BackupResult& result_;
     std::string list_;
-    std::vector<Digest> pending_;     ///< segments of the files in the list
-    std::set<Digest> listedDigests_;  ///< those that the cache does not know
+    std::set<Digest> newDigests_;  ///< of the files in the list; the cache does not know them yet
     uint32_t listed_ = 0;
     int code_ = tool::kExitOk;
 };

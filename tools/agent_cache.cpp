@@ -8,8 +8,6 @@
 namespace agent {
 namespace {
 
-constexpr uint64_t kRecordSize = 41;  ///< of an entry in a cache file
-
 /// A page for a 200th of the segments, and at least a dozen within the limit.
 uint32_t areaFor(uint64_t segments, uint64_t limit) {
     constexpr uint64_t kSmallest = 1024, kPages = 12, kNodeSize = sizeof(KSCacheNode);
@@ -65,7 +63,7 @@ std::string BackupCache::save(bool sawAll) {
     }
     // A save does not tell of a full disk.
     const uint64_t length = std::filesystem::file_size(fresh, error);
-    if (!error && length < count * kRecordSize) {
+    if (!error && length < count * tool::kRecordSize) {
         std::filesystem::remove(fresh, error);
         return "the new cache could not be written as a whole; the old one is kept";
     }

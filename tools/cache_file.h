@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "platform/support.h"
+#include "tools/tool_cache.h"
 
 namespace cache {
 
 inline constexpr char kProgram[] = "kspool-cache";
 
-/// A record: 32 bytes of fingerprint, its type, a value of 64 bits.
-inline constexpr size_t kRecordSize = 41;
+using tool::kRecordSize;
 
 struct Damage {
     const char* kind;  ///< header, checksum, type, types, partial

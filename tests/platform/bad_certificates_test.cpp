@@ -1,12 +1,9 @@
 // Servers with certificates that must not be trusted: no request reaches them.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -18,6 +15,7 @@
 #include <utility>
 
 #include "platform/ws.h"
+#include "tests/support/loopback.h"
 
 namespace {
 
@@ -129,16 +127,9 @@ class TlsServer {
         SSL_CTX_use_PrivateKey(context_.get(), identity.key.get());
         if (identity.another != nullptr)
             SSL_CTX_add1_chain_cert(context_.get(), identity.another.get());
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(bind(listener_, generic, length), 0);
-        EXPECT_EQ(listen(listener_, 1), 0);
-        getsockname(listener_, generic, &length);
-        url = "https://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        uint16_t port = 0;
+        listener_ = loopback::listenOn(port, 1);
+        url = "https://127.0.0.1:" + std::to_string(port);
         worker_ = std::thread([this] { serve(); });
     }
     ~TlsServer() {

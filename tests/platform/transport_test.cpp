@@ -1,6 +1,5 @@
 // The transport: what it sends, how long it tries, whose connections it uses.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include "platform/status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
+#include "tests/support/loopback.h"
 #include "tests/support/raw_server.h"
 #include "tests/support/transport_client.h"
 
@@ -110,21 +110,12 @@ TEST(Transport, SendsLargeTexts) {
 
 // A machine that is down does not refuse: it says nothing. Nor does one whose queue is full.
 TEST(Transport, WaitsForAServerThatDoesNotAnswerTheConnect) {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    ASSERT_EQ(bind(listener, generic, length), 0);
-    ASSERT_EQ(listen(listener, 0), 0);
-    ASSERT_EQ(getsockname(listener, generic, &length), 0);
+    uint16_t port = 0;
+    const int listener = loopback::listenOn(port, 0);
     int waiting[4];
-    for (int& fd : waiting) {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        static_cast<void>(connect(fd, generic, length));
-    }
-    Transport transport("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)), 1);
+    for (int& fd : waiting)
+        fd = loopback::connectTo(port, SOCK_NONBLOCK);
+    Transport transport("http://127.0.0.1:" + std::to_string(port), 1);
     for (const int64_t reconnect : {0, 1}) {
         transport.reconnect(reconnect);
         const auto start = Clock::now();

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <openssl/evp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,6 +11,8 @@
 #include <map>
 #include <sstream>
 #include <vector>
+
+#include "tests/support/loopback.h"
 
 std::string Reply::brief() const {
     static const std::map<std::string, std::string> kStatuses = {
@@ -29,13 +30,7 @@ std::string Reply::brief() const {
     return fits ? "event " + code : "?? " + end + " " + head + body;
 }
 
-Client::Client(uint16_t port) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-}
+Client::Client(uint16_t port) : socket_(loopback::connectTo(port)) {}
 
 Client::~Client() {
     close(socket_);

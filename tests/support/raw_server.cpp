@@ -1,12 +1,13 @@
 #include "tests/support/raw_server.h"
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+
+#include "tests/support/loopback.h"
 
 namespace {
 
@@ -50,19 +51,13 @@ std::string headerOf(const std::string& request, const std::string& name) {
 }
 
 std::string rawExchange(uint16_t port, const std::string& request) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int fd = loopback::connectTo(port);
     std::string answer;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-        char block[4096];
-        ssize_t moved = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-        while (moved > 0 && !isWhole(answer)) {
-            moved = recv(fd, block, sizeof block, 0);
-            if (moved > 0) answer.append(block, static_cast<size_t>(moved));
-        }
+    char block[4096];
+    ssize_t moved = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    while (moved > 0 && !isWhole(answer)) {
+        moved = recv(fd, block, sizeof block, 0);
+        if (moved > 0) answer.append(block, static_cast<size_t>(moved));
     }
     close(fd);
     return answer;
@@ -78,18 +73,7 @@ RawServer::~RawServer() {
 
 void RawServer::start() {
     stopping_ = false;
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port_);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (bind(listener_, generic, length) != 0 || ::listen(listener_, 64) != 0) abort();
-    getsockname(listener_, generic, &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = loopback::listenOn(port_, 64);
     acceptor_ = std::thread([this] { acceptAll(); });
 }
 

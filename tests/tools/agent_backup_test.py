@@ -6,12 +6,12 @@ import os
 import random
 import resource
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
-import urllib.request
+
+from pool_server import PoolServer
 
 AGENT, SANDBOX = sys.argv[1:]
 K = 1024
@@ -22,23 +22,6 @@ def run(*arguments, code=0, **variables):
                           env={**os.environ, **variables})
     assert done.returncode == code, (arguments, done.returncode, done.stdout, done.stderr)
     return done
-
-
-def admin(function, body):
-    request = urllib.request.Request(f"{url}/__admin/{function}", json.dumps(body).encode())
-    return json.load(urllib.request.urlopen(request))
-
-
-def serve():
-    server = subprocess.Popen([SANDBOX, "serve", pool], stdout=subprocess.PIPE, text=True)
-    atexit.register(server.kill)  # however the test ends
-    assert server.stdout.readline().startswith("READY ")
-    return server
-
-
-def stop(server):
-    server.terminate()
-    assert server.wait() == 0
 
 
 def backup(image, *options, code=0, segment="4KiB", kept=None):
@@ -55,19 +38,13 @@ def found(image):
 
 with tempfile.TemporaryDirectory() as top:
     pool, tree, cache = top + "/pool", top + "/tree", top + "/blocks.cache"
-    with socket.socket() as free:  # a port that was free a moment ago
-        free.bind(("127.0.0.1", 0))
-        url = f"http://127.0.0.1:{free.getsockname()[1]}"
-    subprocess.run([SANDBOX, "init", pool, "--url", url], check=True, capture_output=True)
-    password = open(pool + "/agent.password").read().strip()
-    os.environ.update(KSPOOL_AGENT_CONFIG=pool + "/agent.cfg", KSPOOL_LOGIN="agent",
-                      KSPOOL_PASSWORD=password)
+    server = PoolServer(SANDBOX, pool)
     blocks = [random.Random(i).randbytes(4 * K) for i in range(8)]
     for i, name in enumerate(["a|b%", "sub/c", "sub/d", "e*", "f", "g"]):
         os.makedirs(os.path.dirname(f"{tree}/{name}"), exist_ok=True)
         with open(f"{tree}/{name}", "wb") as file:
             file.write(blocks[i] + blocks[7])
-    server = serve()
+    server.start()
 
     # All is new, then all is known; a changed file is new again.
     first = backup("one", "--list", "4")
@@ -84,21 +61,21 @@ with tempfile.TemporaryDirectory() as top:
     assert sizes == [8 * K, 8 * K + 4], sizes
 
     # The server loses its answer: what was sent counts once. It refuses: nothing is remembered.
-    admin("faults", [{"kind": "lose", "action": "addlist"}])
+    server.admin("faults", [{"kind": "lose", "action": "addlist"}])
     assert backup("three", "--list", "2", code=13)["recorded"] == 0
     assert backup("three", "--list", "2")["found"] == 6
-    admin("faults", [{"kind": "event", "code": 77, "action": "addlist", "times": 9}])
+    server.admin("faults", [{"kind": "event", "code": 77, "action": "addlist", "times": 9}])
     with open(tree + "/g", "wb") as file:
         file.write(blocks[6])
     assert backup("four", code=1)["recorded"] == 0
-    stop(server)
+    server.stop()
     assert backup("four", code=13)["newSegments"] == 1
-    server = serve()  # which has kept what it confirmed
+    server.start()  # which has kept what it confirmed
     assert len(found("three")) == 6
     assert backup("four")["newSegments"] == 1
 
     # Killed in the middle of a run, or told to stop: the next run completes it.
-    admin("faults", [{"kind": "delay", "ms": 300, "times": 3, "action": "addlist"}])
+    server.admin("faults", [{"kind": "delay", "ms": 300, "times": 3, "action": "addlist"}])
     for sent, status in ((signal.SIGKILL, -9), (signal.SIGINT, 3)):
         running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "five",
                                     "--cache", cache, "--list", "1"], stdout=subprocess.PIPE)
@@ -110,19 +87,23 @@ with tempfile.TemporaryDirectory() as top:
     assert backup("five")["found"] == 6
 
     # The server is killed in the middle: what it confirmed is there when it comes back.
-    admin("faults", [{"kind": "delay", "ms": 100, "times": 9, "action": "addlist"}])
+    server.admin("faults", [{"kind": "delay", "ms": 100, "times": 9, "action": "addlist"}])
     running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "killed", "--cache",
                                 cache, "--list", "1", "--json"], stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, text=True)
     atexit.register(running.kill)  # however the test ends
     time.sleep(0.35)
     server.kill()
-    server.wait()
     confirmed = json.loads(running.communicate()[0])["recorded"]
     assert running.returncode == 13 and 0 < confirmed < 6, (running.returncode, confirmed)
-    server = serve()
+    server.start()
     assert confirmed <= len(found("killed")) <= confirmed + 1
     assert backup("killed")["found"] == 6
+
+    # A cache of nothing has no file.
+    os.mkdir(top + "/empty")
+    run("backup", top + "/empty", "--image", "none", "--cache", top + "/none.cache")
+    assert not any(name.startswith("none.cache") for name in os.listdir(top))
 
     # A damaged cache is not used, and is replaced.
     with open(cache, "r+b") as file:
@@ -152,9 +133,14 @@ with tempfile.TemporaryDirectory() as top:
     limited("big4")
     assert limited("big5")["newSegments"] < 7_500
 
+    # A lower limit than that of the cache that is there.
+    large = backup("big6", "--limit", "2", segment="512", kept=top + "/small.cache")
+    lower = limited("big7")
+    assert large["cached"] > 20_000 and lower["newSegments"] == 0, (large, lower)
+
     # A disk that is full while the cache is saved: the old one is kept.
     before = open(top + "/small.cache", "rb").read()
-    full = subprocess.run([AGENT, "backup", tree, "--client", "me", "--image", "big6", "--cache",
+    full = subprocess.run([AGENT, "backup", tree, "--client", "me", "--image", "big8", "--cache",
                            top + "/small.cache", "--segment", "512", "--limit", "1"],
                           capture_output=True, text=True, restore_signals=False,
                           preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
@@ -174,6 +160,6 @@ with tempfile.TemporaryDirectory() as top:
     run("backup", tree, "--image", "x", code=12, KSPOOL_PASSWORD="wrong")
     run("find", "--client", "me", code=12, KSPOOL_PASSWORD="wrong")
     run("find", "--ds", "0", code=10)
-    assert password not in run("backup", tree, "--image", "x", "-v").stderr
-    stop(server)
+    assert server.password not in run("backup", tree, "--image", "x", "-v").stderr
+    server.stop()
 print("kspool-agent backup: as expected")

@@ -4,13 +4,14 @@ Usage: agent_fail_test.py AGENT SANDBOX SHIM [RUNS]
 
 Whatever fails, the run ends with a documented exit code and a word on it, and the next one completes.
 """
-import atexit
 import json
 import os
 import random
 import subprocess
 import sys
 import tempfile
+
+from pool_server import PoolServer
 
 AGENT, SANDBOX, SHIM = sys.argv[1:4]
 RUNS = int(sys.argv[4]) if len(sys.argv) > 4 else 100
@@ -20,27 +21,23 @@ SEED = int(os.environ.get("KSPOOL_TEST_SEED", "1"))
 
 with tempfile.TemporaryDirectory() as top:
     pool, tree, cache = top + "/pool", top + "/tree", top + "/blocks.cache"
-    subprocess.run([SANDBOX, "init", pool, "--url", "http://127.0.0.1:1"], check=True, capture_output=True)
-    server = subprocess.Popen([SANDBOX, "serve", pool, "--port", "0"], stdout=subprocess.PIPE, text=True)
-    atexit.register(server.kill)  # however the test ends
-    url = server.stdout.readline().split()[1].removeprefix("url=")
-    clean = {**os.environ, "KSPOOL_AGENT_CONFIG": pool + "/agent.cfg", "KSPOOL_LOGIN": "agent",
-             "KSPOOL_PASSWORD": open(pool + "/agent.password").read().strip()}
+    server = PoolServer(SANDBOX, pool)
+    server.start()
     os.mkdir(tree)
     for i in range(FILES):
         with open(f"{tree}/{i}", "wb") as file:
             file.write(random.Random(i).randbytes(3000))
 
     def backup(image, **variables):
-        return subprocess.run([AGENT, "backup", tree, "--server", url, "--client", "me", "--image", image,
+        return subprocess.run([AGENT, "backup", tree, "--client", "me", "--image", image,
                                "--cache", cache, "--segment", "1KiB"],
-                              env={**clean, **variables}, capture_output=True, text=True)
+                              env={**os.environ, **variables}, capture_output=True, text=True)
 
     def check_whole(image):
         whole = backup(image)
         assert whole.returncode == 0, whole
-        found = subprocess.run([AGENT, "find", "--server", url, "--client", "me", "--image", image, "--json"],
-                               env=clean, capture_output=True, text=True, check=True)
+        found = subprocess.run([AGENT, "find", "--client", "me", "--image", image, "--json"],
+                               capture_output=True, text=True, check=True)
         assert len(json.loads(found.stdout)) == FILES, found
 
     counted = backup("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
@@ -61,5 +58,5 @@ with tempfile.TemporaryDirectory() as top:
         if run % 20 == 19:
             check_whole(image)
     assert failed > RUNS // 10, failed
-    server.terminate()
+    server.stop()
     print(f"torture: kspool-agent, {RUNS} of its {calls} calls failed, {failed} runs with them")

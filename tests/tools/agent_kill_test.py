@@ -3,7 +3,6 @@
 
 Usage: agent_kill_test.py AGENT SANDBOX CACHE [KILLS]
 """
-import atexit
 import json
 import os
 import random
@@ -13,6 +12,8 @@ import sys
 import tempfile
 import time
 
+from pool_server import PoolServer
+
 AGENT, SANDBOX, CACHE = sys.argv[1:4]
 KILLS = int(sys.argv[4]) if len(sys.argv) > 4 else 8
 SEED = int(os.environ.get("KSPOOL_TEST_SEED") or random.randrange(1 << 32))
@@ -21,7 +22,7 @@ chance = random.Random(SEED)
 
 
 def options(image):
-    return [tree, "--server", url, "--client", "me", "--image", image, "--cache", cache, "--segment",
+    return [tree, "--client", "me", "--image", image, "--cache", cache, "--segment",
             f"{SEGMENT}B", "--list", "4", "--json"]
 
 
@@ -34,7 +35,7 @@ def complete(image):
 
 
 def found(image):
-    done = subprocess.run([AGENT, "find", "--server", url, "--client", "me", "--image", image, "--json"],
+    done = subprocess.run([AGENT, "find", "--client", "me", "--image", image, "--json"],
                           capture_output=True, text=True)
     assert done.returncode in (0, 10), done
     return {entry["path"] for entry in json.loads(done.stdout)}
@@ -97,12 +98,9 @@ with tempfile.TemporaryDirectory() as top:
     for folder in (tree, kept, scratch):
         os.mkdir(folder)
     cache = kept + "/blocks.cache"
-    subprocess.run([SANDBOX, "init", pool, "--url", "http://127.0.0.1:1"], check=True, capture_output=True)
-    os.environ.update(KSPOOL_AGENT_CONFIG=pool + "/agent.cfg", KSPOOL_LOGIN="agent", TMPDIR=scratch,
-                      KSPOOL_PASSWORD=open(pool + "/agent.password").read().strip())
-    server = subprocess.Popen([SANDBOX, "serve", pool, "--port", "0"], stdout=subprocess.PIPE, text=True)
-    atexit.register(server.kill)
-    url = server.stdout.readline().split()[1].removeprefix("url=")
+    server = PoolServer(SANDBOX, pool)
+    os.environ["TMPDIR"] = scratch
+    server.start()
     paths = [f"{tree}/{i}" for i in range(FILES)]
     for path in paths:
         with open(path, "wb") as file:
@@ -133,8 +131,7 @@ with tempfile.TemporaryDirectory() as top:
         # Whole again: all that the server knows of is known, and nothing is left behind.
         assert os.listdir(kept) == ["blocks.cache"] and entries(cache) == done["cached"], done
         assert complete(image)["newSegments"] == 0
-    server.terminate()
-    assert server.wait() == 0
+    server.stop()
 print(f"kills: {kills} of a run of {whole * 1000:.0f} ms with a save of {save * 1000:.1f} ms; {within} with "
       f"a part of the files sent, {halves} with a new cache begun, {refused} of these refused; "
       f"KSPOOL_TEST_SEED={SEED}")

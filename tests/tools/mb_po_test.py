@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
 """kspool-mb po, image and hvx against a pool server. Usage: mb_po_test.py MB SANDBOX"""
 import http.server
-import atexit
 import json
 import os
 import subprocess
 import sys
 import tempfile
 import threading
-import urllib.request
+
+from pool_server import PoolServer
 
 MB, SANDBOX = sys.argv[1:]
 
@@ -25,16 +25,9 @@ def run(*arguments, code=0, out=None, text=""):
 
 
 with tempfile.TemporaryDirectory() as top:
-    pool = top + "/pool"
-    subprocess.run([SANDBOX, "init", pool, "--url", "http://127.0.0.1:1"], check=True,
-                   capture_output=True)
-    server = subprocess.Popen([SANDBOX, "serve", pool, "--port", "0"], stdout=subprocess.PIPE,
-                              text=True)
-    atexit.register(server.kill)  # however the test ends
-    url = server.stdout.readline().split("url=")[1].split()[0]
-    os.environ.update(KSPOOL_AGENT_CONFIG=pool + "/agent.cfg", KSPOOL_LOGIN="agent",
-                      KSPOOL_PASSWORD=open(pool + "/agent.password").read().strip())
-    at = ("--server", url)
+    server = PoolServer(SANDBOX, top + "/pool")
+    server.start()
+    at = ("--server", server.url)
 
     # POs: from standard input and a file, kept, expired, looked for by each kind of criterion.
     run(*at, "po", "find", "1", code=10, out="")
@@ -107,11 +100,9 @@ with tempfile.TemporaryDirectory() as top:
     gone = run(*at, "image", "delete", "1", *image, code=10).stderr
     assert "no such image" in gone and "event 3003" in gone, gone
     run(*at, "hvx", "1", code=10, out="")
-    urllib.request.urlopen(urllib.request.Request(
-        url + "/__admin/dataselections", b'[{"number": 1, "tag": "t g"}]'))
+    server.admin("dataselections", [{"number": 1, "tag": "t g"}])
     run(*at, "hvx", "1", out="t g\n")
     run(*at, "hvx", "2", code=10)
-    server.terminate()
-    assert server.wait() == 0
+    server.stop()
     run(*at, "po", "find", "1", code=13)
 print("kspool-mb po, image, hvx: as expected")
