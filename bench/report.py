@@ -134,8 +134,8 @@ def machine_limits():
         f"{median['hit', 'batch', 1_000_000]:.0f} and {median['hit', 'batch', 10_000_000]:.0f} ns, with"
         " a second node for each fourth key or fewer, and at a million",
         "entries pages too small for huge ones. A single hit waits for its root and then for its node;",
-        "abseil's first line is one of so few that it is near, and the guess whether a root's node is the",
-        "right one fails for each fifth key. A single add takes its root's line and new memory, which the",
+        "abseil's first line is one of so few that it is near, and with half as many entries as roots the",
+        "node of a root is another key's for each fifth hit, which a processor cannot guess. A single add takes its root's line and new memory, which the",
         "system clears first. A limit check passes over all pages three times: once to count, once to drop,",
         "once to sort what is free.",
     ]
@@ -261,8 +261,7 @@ def growth_report():
            "roots are as in [cache.md](cache.md).", "", "![Nanoseconds by number of entries](growth.svg)", ""]
     out += growth_table("grow-", "entries", lambda n: f"{n:,}")
     out += ["", "A limit of whole megabytes leaves 10,000 entries alone. Up to 100,000 entries all is near; from there on",
-            "single calls pay for each line that is not, while batches wait for many at once. Beyond ten million",
-            "the time of an entry hardly grows: what is left is the way to memory.",
+            "single calls pay for each line that is not, while batches wait for many at once.",
             "", "## Ten million entries by number of roots", "", "![Nanoseconds by bits](bits.svg)", ""]
     out += growth_table("bits-", "bits", str)
     out += ["", "KSCacheBitsFor() tells 25. With few roots a search goes down a tree of many levels, each a line that",
@@ -288,8 +287,8 @@ def limit_report():
         for percent in percents:
             row = rows[stream, percent]
             out.append(f"| {stream} | {percent} % | " + " | ".join(f"{row[k]:.3f}" for k in kinds) + " |")
-    out += ["", "Counting references beats the order of use wherever some keys are asked for more often than others, and",
-            "scans of new keys hardly harm. It keeps nothing of data that come round as a whole, when not all of them",
+    out += ["", "Counting references does better than the order of use nearly wherever some keys are asked for more often",
+            "than others, the more so the smaller the cache, and with scans of new keys too. It keeps nothing of data that come round as a whole, when not all of them",
             "fit: all have the same count, and a check drops all that have it. Neither does the order of use.",
             "A cache that takes nothing more when it is full keeps its part then; see",
             "[capacity.md](../capacity.md).", "",
