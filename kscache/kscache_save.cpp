@@ -27,18 +27,20 @@ class RecordWriter {
     explicit RecordWriter(int fd) : fd_(fd) {}
 
     void write(const KSCacheNode& node) {
-        char* record = block_.data() + used_;
+        char* record = next_->data();
         memcpy(record, node.fingerprint, sizeof node.fingerprint);
         memcpy(record + kTypeOffset, &node.type, sizeof node.type);
         memcpy(record + kValueOffset, &node.value, sizeof node.value);
-        used_ += kRecordSize;
+        ++next_;
         ++count_;
-        if (used_ == block_.size()) flush();
+        if (next_ == block_.end()) flush();
     }
     void flush() {
-        checksum_ = adlerFold(checksum_, block_.data(), used_);
-        writeAll(fd_, block_.data(), used_);
-        used_ = 0;
+        const char* bytes = block_.data()->data();
+        const size_t length = static_cast<size_t>(next_ - block_.begin()) * kRecordSize;
+        checksum_ = adlerFold(checksum_, bytes, length);
+        writeAll(fd_, bytes, length);
+        next_ = block_.begin();
     }
     uint64_t count() const { return count_; }
     uint32_t checksum() const { return checksum_; }
@@ -47,8 +49,9 @@ class RecordWriter {
     int fd_;
     uint32_t checksum_ = kAdlerStart;
     uint64_t count_ = 0;
-    size_t used_ = 0;
-    std::array<char, kBlockSize> block_;
+    std::array<std::array<char, kRecordSize>, kBlockRecords> block_;
+    static_assert(sizeof block_ == kBlockSize);
+    std::array<char, kRecordSize>* next_ = block_.begin();
 };
 
 uint32_t reportNotOpened(const char* path) {
