@@ -1,6 +1,8 @@
 // Damaged cache files, the checksum's two versions, and a tree that is as deep as it has entries.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -66,6 +68,20 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
     snprintf(header, sizeof header, "40%016x\n",
              kspool::adlerFold(1, payload.data(), payload.size()));
     EXPECT_EQ(load(header + payload), std::pair(0U, uint64_t{1}));
+}
+
+TEST(CacheFile, IsNotReadThroughStandardInput) {
+    const Cache cache = makeCache(4);
+    const uint8_t key[32] = {1};
+    const std::string path = testing::TempDir() + "zero";
+    KSCacheAdd(cache.get(), key, 3, 4711, nullptr);
+    ASSERT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
+    const int kept = dup(0);
+    close(0);
+    EXPECT_EQ(KSCacheLoad(cache.get(), path.c_str(), nullptr), 1000U + EBADF);
+    EXPECT_EQ(fcntl(0, F_GETFD), -1);
+    dup2(kept, 0);
+    close(kept);
 }
 
 TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,8 +33,8 @@ namespace calls {
 namespace {
 
 constexpr std::array<const char*, kCalls> kNames = {
-    "calloc", "realloc", "strdup",   "mmap", "mlock",  "munlock",    "open",    "read",
-    "write",  "lseek",   "platform", "free", "munmap", "munlockall", "madvise", "close"};
+    "calloc", "realloc",  "strdup",   "mmap", "mlock",  "munlock",    "open",    "read", "write",
+    "lseek",  "platform", "snprintf", "free", "munmap", "munlockall", "madvise", "close"};
 
 std::array<size_t, kCalls> counts;
 Failure wanted;
@@ -77,7 +79,8 @@ bool watching = false;
 bool fails(Call call, bool ofPage = true) {
     if (!watching) return false;
     ++counts[call];
-    if (wanted.nth == 0 || (wanted.call != kAny && wanted.call != call)) return false;
+    if (wanted.nth == 0) return false;
+    if (wanted.call == kAny ? call > kLastOfAny : call != wanted.call) return false;
     if (wanted.pagesOnly && !ofPage) return false;
     ++matched;
     if (matched < wanted.nth || (matched > wanted.nth && !wanted.fromThenOn)) return false;
@@ -185,6 +188,15 @@ char* __wrap_strndup(const char* text, size_t most) {
     return copy;
 }
 
+int __wrap_snprintf(char* text, size_t size, const char* format, ...) {
+    if (fails(kSnprintf)) return -1;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(text, size, format, arguments);
+    va_end(arguments);
+    return length;
+}
+
 char* __wrap_strdup(const char* text) {
     return __wrap_strndup(text, strlen(text));
 }
@@ -269,6 +281,20 @@ ssize_t __wrap_read(int fd, void* bytes, size_t length) {
 
 ssize_t __wrap_write(int fd, const void* bytes, size_t length) {
     return transferred(kWrite, length, [=](size_t now) { return __real_write(fd, bytes, now); });
+}
+
+// What calls of fortified code become.
+ssize_t __wrap___read_chk(int fd, void* bytes, size_t length, size_t room) {
+    return length <= room ? __wrap_read(fd, bytes, length) : -1;
+}
+
+int __wrap___snprintf_chk(char* text, size_t size, int, size_t, const char* format, ...) {
+    if (fails(kSnprintf)) return -1;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(text, size, format, arguments);
+    va_end(arguments);
+    return length;
 }
 
 off_t __wrap_lseek(int fd, off_t offset, int whence) {

@@ -9,7 +9,7 @@
 
 namespace calls {
 
-/// The wrapped calls. Those up to the last fallible one can be made to fail.
+/// The wrapped calls. Those up to kSnprintf can be made to fail.
 enum Call {
     kCalloc,
     kRealloc,
@@ -22,8 +22,9 @@ enum Call {
     kWrite,
     kLseek,
     kPlatform,  ///< a call of the scripted platform that can fail, not of the system
-    kFallible,
-    kFree = kFallible,
+    kLastOfAny = kPlatform,
+    kSnprintf,  ///< fails when it is asked for by name: tests use it too
+    kFree,
     kMunmap,
     kMunlockall,
     kMadvise,
