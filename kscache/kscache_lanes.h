@@ -80,14 +80,14 @@ class Lanes {
         if (isKey(i - 3 * kAhead)) stepAgain(i - 3 * kAhead);
     }
 
-    void start(size_t i) {
+    void start(size_t i) noexcept {
         const auto* digest = static_cast<const uint8_t*>(keys_[i].fingerprint);
         Lane& l = lane(i);
         l.root = roots_ + rootIndex(digest, mask_);
         l.head = digestWord(digest, 0);
         __builtin_prefetch(static_cast<const void*>(l.root));
     }
-    void enter(size_t i) {
+    void enter(size_t i) noexcept {
         Lane& l = lane(i);
         const uintptr_t root = bitsOf(l.root);
         KSCacheNode* node = nodeIn(root);
@@ -97,7 +97,7 @@ class Lanes {
 
     /// Goes to where the first word tells; stays where it is the key's, which is nearly always the
     /// end.
-    void step(size_t i) {
+    void step(size_t i) noexcept {
         const uint64_t ours = lane(i).head;
         KSCacheNode* node = lane(i).node;
         const uint64_t head = digestWord(node->fingerprint, 0);
@@ -107,7 +107,7 @@ class Lanes {
         goTo(lane(i), head == ours ? node : orEnd(next));
     }
     /// Few searches are not at their end by now.
-    void stepAgain(size_t i) {
+    void stepAgain(size_t i) noexcept {
         const KSCacheNode* node = lane(i).node;
         if (node == &end_ || digestWord(node->fingerprint, 0) == lane(i).head) [[likely]]
             return;

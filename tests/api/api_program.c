@@ -3,9 +3,11 @@
 #include <string.h>
 
 #include "cr_status.h"
+#include "ks.h"
 #include "ks_option.h"
 #include "kscache.h"
 #include "kspool_version.h"
+#include "mb.h"
 #include "platform/status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
@@ -31,6 +33,12 @@ int main(void) {
     if (KSCacheBitsFor(1000000) != 21 || KSCacheBitsFor(1) != 1 || KSCacheBitsFor(0) != 1) return 8;
     if (KSCacheBitsFor(1025) != 12 || KSCacheBitsFor(UINT64_MAX) != 29) return 9;
     KSCacheDestroy(cache);
+    KSCacheDestroy(NULL);
+    KSCacheReset(NULL);
+    KSCacheDumpSorted(NULL, NULL);
+    _ksDump(NULL);
+    MBShutdown(NULL);
+    MBPOFindClose(NULL);
     if (KSCacheStats(NULL, NULL) != CR_STATUS_NULL_HANDLE) return 6;
     if (*__cr_errno_location() != CR_STATUS_NULL_HANDLE || repeats != 1) return 7;
     printf("%s with %s: %s\n", OSGetProcName(0), kspoolVersion(), CRStatusToStringA(CR_STATUS_OK));

@@ -1,5 +1,9 @@
 // Edges of the store that neither random operations nor transcripts reach.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <vector>
 
 #include "kscache/kscache_int.h"
 #include "kscache/kscache_tree.h"
@@ -50,6 +54,20 @@ TEST_F(CacheStore, PagesAscendWhateverTheirSize) {
             EXPECT_EQ(cache_->lastPage->freeCount, areaSize - 2);
             EXPECT_EQ(cache_->firstPage->freeCount, 0U);
         }
+    }
+}
+
+/// Very large pages take memory as they fill, others at once.
+TEST_F(CacheStore, LargePagesGrowAsTheyAreUsed) {
+    for (const uint32_t areaSize : {400000U, 1000000U}) {
+        make(areaSize, 4);
+        fill(0, 1);
+        const auto* page = reinterpret_cast<unsigned char*>(cache_->firstPage);
+        const size_t length = size_t{areaSize} * 72 / 4096;
+        std::vector<unsigned char> resident(length);
+        ASSERT_EQ(mincore(const_cast<unsigned char*>(page), length * 4096, resident.data()), 0);
+        const auto there = std::count(resident.begin(), resident.end(), 1);
+        EXPECT_EQ(there == std::ssize(resident), areaSize == 400000) << there << " of " << length;
     }
 }
 
