@@ -96,14 +96,11 @@ class Query {
     WSResult& result_;
 };
 
-/// The number that a line begins with, its low 32 bits. The line ends at `end`.
+/// The number that a line begins with, its low 32 bits. The line ends at `end`, where strtol() would
+/// go on to the next one if there were nothing but blanks before.
 uint32_t leadingNumber(const char* line, const char* end) {
-    char digits[32] = "";
-    while (line < end && strchr(" \t\v\f", *line) != nullptr)
-        ++line;
-    const auto length = static_cast<size_t>(end - line);
-    memcpy(digits, line, length < sizeof digits ? length : sizeof digits - 1);
-    return static_cast<uint32_t>(strtol(digits, nullptr, 10));
+    line += strspn(line, " \t\v\f");
+    return line < end ? static_cast<uint32_t>(strtol(line, nullptr, 10)) : 0;
 }
 
 /// Reads the three lines before the POs. False, with a report, for an answer that is not so.
