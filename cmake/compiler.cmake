@@ -3,6 +3,8 @@ add_library(kspool_compiler INTERFACE)
 target_compile_options(kspool_compiler INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+  # What nobody set is not 0 by chance.
+  $<$<CONFIG:Debug>:-ftrivial-auto-var-init=pattern>
   # gcc 12 warns of overlaps inside its own std::string when it optimises.
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
   # Calls between our own exported functions need not go through the linker's table.

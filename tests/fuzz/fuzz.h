@@ -1,5 +1,4 @@
-// What the fuzz targets share: an input that is taken apart piece by piece, a file for it, and a
-// condition that must hold.
+// What the fuzz targets share: an input that is taken apart piece by piece, and a file for it.
 #ifndef TESTS_FUZZ_H
 #define TESTS_FUZZ_H
 
@@ -14,15 +13,9 @@
 #include <string_view>
 
 #include "platform/support.h"
-
-#define MUST(condition) ((condition) ? void() : fuzz::broken(#condition, __FILE__, __LINE__))
+#include "tests/support/must.h"
 
 namespace fuzz {
-
-[[noreturn]] inline void broken(const char* condition, const char* file, int line) {
-    fprintf(stderr, "%s:%d: %s does not hold\n", file, line, condition);
-    abort();
-}
 
 /// Bytes that say what to do. Past their end all is 0 or empty.
 class Input {

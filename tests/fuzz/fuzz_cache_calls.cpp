@@ -27,7 +27,7 @@ class Calls {
     }
     void check() {
         const std::string broken = brokenInvariant(cache_);
-        if (!broken.empty()) fuzz::broken(broken.c_str(), __FILE__, __LINE__);
+        if (!broken.empty()) brokenCondition(broken.c_str(), __FILE__, __LINE__);
         KSCacheStatsRecord stats;
         MUST(KSCacheStats(cache_, &stats) == 0 && stats.cachedItems == model_.size());
         for (const auto& [digest, value] : model_) {

@@ -180,7 +180,8 @@ class CacheModel : public testing::TestWithParam<Setup> {
     void restart() {
         const std::string path = testing::TempDir() + "model-" + GetParam().name;
         uint64_t saved = 0, loaded = 0;
-        calls::cutTransfers(1 + below(5000));
+        constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
+        calls::cutTransfers(1 + below(kPieces[below(3)]));
         EXPECT_EQ(KSCacheSave(cache_, path.c_str(), &saved), 0U);
         KSCacheReset(cache_);
         hits_ = misses_ = 0;

@@ -1,0 +1,239 @@
+// Long runs: caches in threads of their own, and one cache that is held to a limit.
+//   soak_run threads OPERATIONS   eight caches in eight threads, so many operations each
+//   soak_run limit OPERATIONS     one cache, so many operations
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kscache.h"
+#include "platform/support.h"
+#include "tests/support/must.h"
+
+namespace {
+
+/// The digest of a number: well spread, like those of data.
+struct Digest {
+    std::array<uint64_t, 4> words;
+    explicit Digest(uint64_t number) {
+        for (uint64_t& word : words) {
+            number += 0x9e3779b97f4a7c15;
+            uint64_t mixed = number;
+            mixed = (mixed ^ mixed >> 30) * 0xbf58476d1ce4e5b9;
+            mixed = (mixed ^ mixed >> 27) * 0x94d049bb133111eb;
+            word = mixed ^ mixed >> 31;
+        }
+    }
+};
+
+KSCacheStatsRecord statsOf(const KSCache* cache) {
+    KSCacheStatsRecord stats;
+    MUST(KSCacheStats(cache, &stats) == 0);
+    return stats;
+}
+
+/// Numbers that a cache of its own should know, and the random calls that tell.
+class Life {
+  public:
+    explicit Life(uint64_t seed)
+        : random_(seed),
+          path_((getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") +
+                ("/kspool-soak-" + std::to_string(getpid()) + "-" + std::to_string(seed))),
+          cache_(KSCacheCreate(0, 12, 0, nullptr, nullptr)) {}
+    ~Life() {
+        KSCacheDestroy(cache_);
+        unlink(path_.c_str());
+    }
+    Life(const Life&) = delete;
+    Life& operator=(const Life&) = delete;
+
+    void go(uint64_t operations) {
+        for (uint64_t done = 0; done < operations;) {
+            const uint64_t what = random_() % 20000;
+            done += what == 0 ? restart() : what < 3 ? limit() : what < 100 ? batch() : one(what);
+        }
+        resync();
+    }
+
+  private:
+    static constexpr uint32_t kNumbers = 20000;
+
+    uint32_t someNumber() { return static_cast<uint32_t>(random_() % kNumbers); }
+    static uint64_t valueOf(uint32_t number) { return ~uint64_t{number}; }
+
+    uint64_t one(uint64_t what) {
+        const uint32_t number = someNumber();
+        const Digest digest(number);
+        uint64_t value = 0;
+        const bool known = knows_[number];
+        if (what % 4 == 0) {
+            MUST(KSCacheDelete(cache_, &digest, 3) == (known ? 0U : 2U));
+            knows_[number] = false;
+        } else if (what % 4 == 1) {
+            MUST(KSCacheAdd(cache_, &digest, 3, valueOf(number), nullptr) == (known ? 1U : 0U));
+            knows_[number] = true;
+        } else {
+            MUST(KSCacheExists(cache_, &digest, 3, &value) == (known ? 0U : 2U));
+            MUST(!known || value == valueOf(number));
+        }
+        return 1;
+    }
+    uint64_t batch() {
+        constexpr size_t kCount = 100;
+        std::vector<Digest> digests;
+        std::vector<uint64_t> values;
+        std::array<KSCacheKey, kCount> keys;
+        std::array<uint32_t, kCount> statuses;
+        const uint32_t first = someNumber();
+        for (uint32_t i = 0; i < kCount; ++i) {
+            digests.emplace_back((first + i) % kNumbers);
+            values.push_back(valueOf((first + i) % kNumbers));
+        }
+        for (size_t i = 0; i < kCount; ++i)
+            keys[i] = {&digests[i], 3};
+        MUST(KSCacheAddBatch(cache_, keys.data(), values.data(), nullptr, kCount,
+                             statuses.data()) == 0);
+        for (uint32_t i = 0; i < kCount; ++i) {
+            MUST(statuses[i] == (knows_[(first + i) % kNumbers] ? 1U : 0U));
+            knows_[(first + i) % kNumbers] = true;
+        }
+        return kCount;
+    }
+    uint64_t limit() {
+        MUST(KSCacheCheck(cache_, 1) == 0);
+        resync();
+        return 1;
+    }
+    uint64_t restart() {
+        const uint64_t entries = statsOf(cache_).cachedItems;
+        uint64_t saved = 0, loaded = 0;
+        MUST(KSCacheSave(cache_, path_.c_str(), &saved) == 0 && saved == entries);
+        KSCacheReset(cache_);
+        MUST(saved == 0 || KSCacheLoad(cache_, path_.c_str(), &loaded) == 0);
+        MUST(loaded == entries);
+        return 1;
+    }
+    static int onEntry(KSCache*, KSCacheNode* node, uint64_t value, int, void* arg) {
+        auto* self = static_cast<Life*>(arg);
+        const auto number = static_cast<uint32_t>(~value);
+        const Digest digest(number);
+        MUST(number < kNumbers && self->knows_[number]);
+        MUST(memcmp(node->fingerprint, &digest, sizeof digest) == 0);
+        self->met_[number] = true;
+        return 0;
+    }
+    /// All entries are right, and what a limit dropped is not expected any more.
+    void resync() {
+        met_.fill(false);
+        MUST(KSCacheIterate(cache_, onEntry, this) == 0);
+        knows_ = met_;
+        MUST(statsOf(cache_).cachedItems ==
+             static_cast<uint64_t>(std::count(knows_.begin(), knows_.end(), true)));
+    }
+
+    std::mt19937_64 random_;
+    std::string path_;
+    KSCache* cache_;
+    std::array<bool, kNumbers> knows_{}, met_{};
+};
+
+void liveInThreads(uint64_t operations) {
+    std::atomic<uint64_t> messages = 0;
+    qlxSetSink([](uint32_t, uint32_t, const char*,
+                  void* arg) { ++*static_cast<std::atomic<uint64_t>*>(arg); },
+               &messages);
+    std::vector<std::thread> threads;
+    std::atomic<int> living = 8;
+    for (uint64_t seed = 0; seed < 8; ++seed) {
+        threads.emplace_back([=, &living] {
+            Life(seed).go(operations);
+            --living;
+        });
+    }
+    // Traces come and go meanwhile.
+    std::atomic_ref<int> trace(*__qlxlog_trace_location());
+    while (living > 0) {
+        trace = 1 - trace;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    qlxSetSink(nullptr, nullptr);
+    printf("soak: 8 threads, %lu operations each, %lu messages\n",
+           static_cast<unsigned long>(operations), static_cast<unsigned long>(messages.load()));
+}
+
+/// Bytes of memory that the process has.
+uint64_t residentBytes() {
+    uint64_t pages = 0;
+    std::ifstream("/proc/self/statm").ignore(64, ' ') >> pages;
+    return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+/// Mostly new data, and looks at what came before, the latest most often; a limit after each so
+/// many operations. What the pages may take then, its documentation says.
+void liveAtLimit(uint64_t operations) {
+    constexpr uint32_t kLimit = 64;
+    constexpr uint64_t kLimitBytes = uint64_t{kLimit} << 20;
+    constexpr uint64_t kBetween = 200000;
+    const uint64_t before = residentBytes();
+    KSCache* cache = KSCacheCreate(10000, 20, 0, nullptr, nullptr);
+    const KSCacheStatsRecord empty = statsOf(cache);
+    const uint64_t page = uint64_t{empty.areaSize} * empty.nodeSize;
+    const uint64_t promised = kLimitBytes + kLimitBytes / (empty.areaSize - 1) + 2 * page;
+    const uint64_t around = (uint64_t{8} << empty.bits) + (uint64_t{8} << 20);
+    std::mt19937_64 random(1);
+    uint64_t added = 0, hits = 0, checks = 0, most = 0, mostResident = 0;
+    for (uint64_t done = 1; done <= operations; ++done) {
+        const uint64_t what = random() % 16;
+        const uint64_t age = random() % (uint64_t{1} << (random() % 22));
+        const uint64_t number = what < 7 || age >= added ? added : added - 1 - age;
+        const Digest digest(number);
+        uint64_t value = 0;
+        if (number == added) {
+            MUST(KSCacheAdd(cache, &digest, 3, number, nullptr) == 0);
+            ++added;
+        } else if (what == 15) {
+            KSCacheDelete(cache, &digest, 3);
+        } else if (KSCacheExists(cache, &digest, 3, &value) == 0) {
+            MUST(value == number);
+            ++hits;
+        }
+        if (done % kBetween != 0) continue;
+        MUST(KSCacheCheck(cache, kLimit) == 0);
+        ++checks;
+        most = std::max(most, statsOf(cache).cacheSize);
+        mostResident = std::max(mostResident, residentBytes() - before);
+        MUST(most <= promised);
+        MUST(mostResident <= promised + around);
+    }
+    MUST(statsOf(cache).hits == 0 || hits > 0);
+    KSCacheDestroy(cache);
+    printf(
+        "soak: %lu operations at a limit of %lu bytes, %lu entries added, %lu checks, at most "
+        "%lu bytes of pages afterwards, %lu promised, %lu resident\n",
+        static_cast<unsigned long>(operations), static_cast<unsigned long>(kLimitBytes),
+        static_cast<unsigned long>(added), static_cast<unsigned long>(checks),
+        static_cast<unsigned long>(most), static_cast<unsigned long>(promised),
+        static_cast<unsigned long>(mostResident));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) return 2;
+    const uint64_t operations = std::strtoull(argv[2], nullptr, 10);
+    if (strcmp(argv[1], "threads") == 0) liveInThreads(operations);
+    if (strcmp(argv[1], "limit") == 0) liveAtLimit(operations);
+    return 0;
+}
