@@ -33,10 +33,12 @@ function(kspool_library name)
   add_library(${name}_static STATIC ${objects})
   set_target_properties(${name} PROPERTIES SOVERSION 1 LINKER_LANGUAGE CXX LINK_DEPENDS ${map})
   set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} LINKER_LANGUAGE CXX)
+  # C programs link the archive, too.
+  target_link_libraries(${name}_static INTERFACE $<INSTALL_INTERFACE:stdc++>)
   target_link_options(${name} PRIVATE -Wl,--version-script=${map} -Wl,--no-undefined)
   target_link_libraries(${name} PRIVATE kspool_compiler)
   foreach(target ${name} ${name}_static)
-    target_include_directories(${target} INTERFACE ${PROJECT_SOURCE_DIR}
-                                                   ${PROJECT_SOURCE_DIR}/include)
+    target_include_directories(${target} INTERFACE
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
   endforeach()
 endfunction()

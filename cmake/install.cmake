@@ -1,0 +1,51 @@
+# What `cmake --install` and the packages hold: four components. Headers lie in one folder of their
+# own, which pkg-config and the CMake package add to the search path.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(headers ${CMAKE_INSTALL_INCLUDEDIR}/kspool)
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/kspool)
+
+install(DIRECTORY include/ DESTINATION ${headers} COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY platform DESTINATION ${headers} COMPONENT development
+        FILES_MATCHING PATTERN "*.h" PATTERN standin EXCLUDE)
+install(TARGETS kspool kspool_platform kspool_static kspool_platform_static
+        EXPORT kspool
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+        INCLUDES DESTINATION ${headers})
+install(EXPORT kspool NAMESPACE kspool:: FILE kspoolTargets.cmake DESTINATION ${package}
+        COMPONENT development)
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/kspoolConfig.cmake @ONLY CONTENT [[
+# Targets kspool::kspool and kspool::kspool_static, each with its platform.
+include(CMakeFindDependencyMacro)
+find_dependency(CURL)
+include(${CMAKE_CURRENT_LIST_DIR}/kspoolTargets.cmake)
+]])
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/kspoolConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kspoolConfig.cmake ${PROJECT_BINARY_DIR}/kspoolConfigVersion.cmake
+        DESTINATION ${package} COMPONENT development)
+foreach(name kspool kspool-platform kspool-static)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+          COMPONENT development)
+endforeach()
+
+file(GLOB pages CONFIGURE_DEPENDS docs/man/*.3)
+install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+if(KSPOOL_BUILD_TOOLS AND KSPOOL_BUILD_SANDBOX)
+  set(programs kspool-agent kspool-cache kspool-mb kspool-sandbox)
+  install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  file(GLOB pages CONFIGURE_DEPENDS docs/man/*.1)
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  foreach(program IN LISTS programs)
+    install(FILES tools/kspool.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+            RENAME ${program} COMPONENT tools)
+  endforeach()
+endif()
+install(FILES README.md SECURITY.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        COMPONENT documentation)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+        PATTERN man EXCLUDE PATTERN "*.dat" EXCLUDE)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
