@@ -13,6 +13,7 @@
 #ifndef CR_STATUS_H
 #define CR_STATUS_H
 
+/* What functions return. */
 enum CRStatus {
     /* Success. */
     CR_STATUS_OK = 0,

@@ -14,6 +14,13 @@
  *    say that it stores something there leaves it alone.
  *
  * docs/agent-config.md describes the file that the record is read from.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   config        the caller's record
+ *   agentCfgPath  path of the configuration file; NULL: the one that CRConfigLocate() finds
+ *   options       option records, read during the call only
+ *   count         number of option records
  */
 #ifndef KS_H
 #define KS_H
@@ -28,6 +35,7 @@
 extern "C" {
 #endif
 
+/* What an agent knows of its pool. */
 typedef struct KSConfig {
     uint32_t flags;                   /* KS_CFG_... bits: which fields hold a value */
     uint32_t storagePoolId;           /* KS_CFG_STORAGE_POOL_ID */

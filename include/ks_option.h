@@ -12,14 +12,16 @@
 
 #include <stdint.h>
 
+/* One option with its value. */
 typedef struct KSOption {
     uint32_t code; /* KS_OPT_... */
     union {
         uint64_t number;  /* integer options */
         const char* text; /* text options, NUL-terminated */
-    } value;
+    } value;              /* as the code wants it */
 } KSOption;
 
+/* The codes that the library knows. */
 enum KSOptionCode {
     KS_OPT_LOGIN = 129,           /* text, up to 255 characters: login for SPA and MBS */
     KS_OPT_PASSWORD = 130,        /* text, up to 255 characters: password for SPA and MBS */

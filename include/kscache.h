@@ -23,6 +23,21 @@
  *    of a cache with `lockPages` cannot be unlocked, all memory of the process is unlocked.
  * 6. Memory. An entry takes one slot of 72 bytes in a page of `areaSize` slots (one memory mapping
  *    each), the root table 8 bytes for each of its 2^bits roots. Nothing is allocated per entry.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   cache          a cache of KSCacheCreate()
+ *   fingerprint    digest of the key, convention 1
+ *   type           fingerprint type of the key, convention 1
+ *   value          value of the entry
+ *   valueOut       NULL, or receives the value of a key that is found
+ *   keys           keys and digests, the caller's
+ *   count          number of keys
+ *   values         NULL, or room for a value for each key
+ *   statuses       NULL, or room for a status for each key
+ *   arg            handed to the callback as it is; may be NULL
+ *   callbackArg    as given to KSCacheCreate()
+ *   stream         where the report goes; NULL: standard output
  */
 #ifndef KSCACHE_H
 #define KSCACHE_H
@@ -53,8 +68,8 @@ typedef struct KSCacheNode {
 
 /* A key of the batch functions. The digest stays the caller's and is read during the call only. */
 typedef struct KSCacheKey {
-    const void* fingerprint;
-    uint32_t type; /* fingerprint type, of which the low 8 bits count */
+    const void* fingerprint; /* the digest */
+    uint32_t type;           /* fingerprint type, of which the low 8 bits count */
 } KSCacheKey;
 
 /* What KSCacheStats() reports. Sizes are in bytes. */
@@ -74,15 +89,18 @@ typedef struct KSCacheStatsRecord {
 
 /*
  * Told of an add that found its fingerprint already there, on the caller's thread, before the add
- * returns. `addArg` is the last argument of that add, `callbackArg` that of KSCacheCreate(). It
- * must not throw. It must not reset or destroy the cache.
+ * returns. It must not throw. It must not reset or destroy the cache.
+ *
+ *   addArg  the last argument of that add
  */
 typedef void (*KSCacheAddCallback)(void* addArg, void* callbackArg);
 
 /*
- * Told of each entry of a walk: `node` is the live entry, which may be read during the call,
- * `value` its value, `reserved` 0, `arg` the last argument of KSCacheIterate(). Returns 0 to go on,
- * anything else to end the walk. It must not throw, and must not reset or destroy the cache.
+ * Told of each entry of a walk. Returns 0 to go on, anything else to end the walk. It must not
+ * throw, and must not reset or destroy the cache.
+ *
+ *   node      the live entry, which may be read during the call
+ *   reserved  0
  */
 typedef int (*KSCacheIterateCallback)(KSCache* cache, KSCacheNode* node, uint64_t value,
                                       int reserved, void* arg);
@@ -90,6 +108,8 @@ typedef int (*KSCacheIterateCallback)(KSCache* cache, KSCacheNode* node, uint64_
 /*
  * The `bits` to pass to KSCacheCreate() for a number of entries: the base-2 logarithm, rounded up,
  * and one more, within 1 to 29. That is two to four roots an entry.
+ *
+ *   expectedItems  entries that the cache is to hold
  */
 KSPOOL_API uint32_t KSCacheBitsFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
 
@@ -125,7 +145,9 @@ KSPOOL_API void KSCacheDestroy(KSCache* cache) KSPOOL_NOEXCEPT;
 KSPOOL_API void KSCacheReset(KSCache* cache) KSPOOL_NOEXCEPT;
 
 /*
- * Copies the cache's counters and settings into `stats`, which the caller provides. Costs no walk.
+ * Copies the cache's counters and settings. Costs no walk.
+ *
+ *   stats  the caller's record, which is filled
  *
  * Returns 0; 44 or 82, also in the status slot; 9 for NULL `stats`.
  */
@@ -218,11 +240,12 @@ KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, cons
 /* ---- Walk ---- */
 
 /*
- * Calls `callback` for each entry, in the order of memory: page by page, slot by slot. `arg` is
- * handed to it as it is. The callback may use the cache: an entry that it deletes is no longer
- * met, one that it adds is met only if its slot lies ahead. While a walk is under way, nothing
- * moves: KSCacheCheck() and KSCachePrune() refuse and KSCacheReclaim() does nothing. Walks may be
- * nested.
+ * Calls `callback` for each entry, in the order of memory: page by page, slot by slot. The callback
+ * may use the cache: an entry that it deletes is no longer met, one that it adds is met only if its
+ * slot lies ahead. While a walk is under way, nothing moves: KSCacheCheck() and KSCachePrune()
+ * refuse and KSCacheReclaim() does nothing. Walks may be nested.
+ *
+ *   callback  told of each entry
  *
  * Returns 0, also when the callback ended the walk; 44 or 82, also in the status slot; 9 for a NULL
  * callback.
@@ -312,7 +335,9 @@ KSPOOL_API void KSCacheDumpRaw(FILE* stream, const KSCache* cache) KSPOOL_NOEXCE
 
 /*
  * Writes a summary of a cache, under a name, as one trace message; nothing while tracing is off or
- * for a NULL cache. `name` must not be NULL. The handle is not checked.
+ * for a NULL cache. The handle is not checked.
+ *
+ *   name  what the summary calls the cache; not NULL
  */
 KSPOOL_API void _ksCacheDump(const KSCache* cache, const char* name) KSPOOL_NOEXCEPT;
 

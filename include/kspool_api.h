@@ -2,8 +2,10 @@
 #ifndef KSPOOL_API_H
 #define KSPOOL_API_H
 
+/* Before each exported function. */
 #define KSPOOL_API __attribute__((visibility("default")))
 
+/* Behind each: no exception comes out. */
 #ifdef __cplusplus
 #define KSPOOL_NOEXCEPT noexcept
 #else

@@ -20,6 +20,42 @@
  *    independent. After a fork a session belongs to the parent; the child may only shut it down.
  * 6. Time. An operation blocks until the answer is there, at most for the transport's reconnect
  *    time-out plus its response time-out (30 seconds unless set).
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   session        a session of one of the create calls
+ *   callerWord     kept and not interpreted
+ *   options        option records, read during the call only
+ *   count          number of option records; or NULL, or receives the number of POs that were found
+ *   agentCfgPath   path of the agent configuration; NULL: the one that is found, see ks.h
+ *   mbsUrl         URL of the Metabase server, or NULL
+ *   login          login on it, or NULL
+ *   password       password on it, or NULL
+ *   path           path on the server
+ *   source         path on the server of what is there
+ *   destination    path on the server of what is to be there
+ *   recursive      not 0: directories with what is in them
+ *   listing        receives the list, the caller's to free()
+ *   length         NULL, or receives the bytes of the text, with its NUL
+ *   dataselection  number of the data selection
+ *   dsid           number of the data selection
+ *   pos            text of POs
+ *   filter         what to look for
+ *   text           receives the answer's text, the caller's to free()
+ *   po             the caller's record, zeroed before its first use, which receives a PO
+ *   line           receives the text of a PO, which is the cursor's until its next step or end
+ *   cursor         a cursor of one of the FindFirst calls
+ *   client         client of the image
+ *   policy         policy of the image
+ *   imagename      name of the image
+ *   parentid       number of the image's parent
+ *   datetime       time of the image
+ *   dofp           sent as it is
+ *   dcid           sent as it is
+ *   flags          sent as they are
+ *   wormflags      sent as they are
+ *   retention      sent as it is
+ *   answer         receives the list, the caller's to free()
  */
 #ifndef MB_H
 #define MB_H
@@ -111,6 +147,8 @@ KSPOOL_API void MBShutdown(MBSession* session) KSPOOL_NOEXCEPT;
  * reported.
  *
  * Slot: the result when it is not 0.
+ *
+ *   interval  seconds since the last use after which the server is told that the session lives
  */
 KSPOOL_API uint32_t MBKeepAlive(MBSession* session, int32_t interval) KSPOOL_NOEXCEPT;
 
@@ -118,6 +156,8 @@ KSPOOL_API uint32_t MBKeepAlive(MBSession* session, int32_t interval) KSPOOL_NOE
  * Makes requests try again for up to `seconds` when the server cannot be reached, unless a time-out
  * was set before, by the configuration or by this function. Returns that time-out unchanged when
  * there is one, else the status of setting it: 0.
+ *
+ *   seconds  how long to try again
  */
 KSPOOL_API uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) KSPOOL_NOEXCEPT;
 
@@ -125,6 +165,9 @@ KSPOOL_API uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) KSPO
  * How PO queries are retried: each retry adds the step (seconds, 120 at first) to the response
  * time-out; the count (3 at first, none below 1) is the number of retries. They hold for all
  * sessions of the process. Changes are not synchronised: make them before threads run.
+ *
+ *   step   seconds by which each retry waits longer
+ *   count  number of retries
  */
 KSPOOL_API void MBSetTimeOut(int32_t step) KSPOOL_NOEXCEPT;
 KSPOOL_API int32_t MBGetTimeOut(void) KSPOOL_NOEXCEPT;
@@ -132,8 +175,8 @@ KSPOOL_API void MBSetRetryCount(int32_t count) KSPOOL_NOEXCEPT;
 KSPOOL_API int32_t MBGetRetryCount(void) KSPOOL_NOEXCEPT;
 
 /* The variables behind these four; programs may read and write them. */
-extern KSPOOL_API int32_t ksvfs_conf_ws_timeout;
-extern KSPOOL_API int32_t ksvfs_conf_ws_retrycount;
+extern KSPOOL_API int32_t ksvfs_conf_ws_timeout;    /* of MBSetTimeOut() */
+extern KSPOOL_API int32_t ksvfs_conf_ws_retrycount; /* of MBSetRetryCount() */
 
 /* ---- Files, directories, time ---- */
 
@@ -169,6 +212,8 @@ KSPOOL_API uint32_t MBDirList(MBSession* session, const char* path, char** listi
 /*
  * Stores the server's time, in seconds since 1970, low 32 bits; 0 when the answer has no number in
  * it, and on failure after the arguments were checked.
+ *
+ *   serverTime  receives the time
  */
 KSPOOL_API uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) KSPOOL_NOEXCEPT;
 
@@ -203,34 +248,34 @@ typedef struct MBPOCursor MBPOCursor;
  * criteria 1 to 3. Criterion 0 is not sent.
  */
 typedef struct MBPOFilter {
-    uint64_t size; /* sizeof(MBPOFilter), 440: set by the caller first */
-    const char* criterion0;
-    const char* criterion6;
-    const char* criterion7;
-    const char* criterion8;
-    const char* criterion9;
-    const char* criterion10;
-    const char* criterion11;
-    int32_t criterion4;
-    signed char criterion12; /* a character */
-    int64_t criterion16;
-    int64_t criterion17;
-    int64_t criterion18;
-    int64_t criterion19;
-    int64_t criterion20;
-    int64_t criterion21;
-    int64_t criterion22;
-    int64_t criterion23;
-    const char* criterion13;
-    const char* criterion14;
-    int32_t criterion5;
-    int32_t criterion24;
-    int32_t criterion25;
-    char criterion15[132];
-    char criterion3[128];
-    int32_t criterion1;
-    int32_t criterion2;
-    const char* criterion26;
+    uint64_t size;           /* sizeof(MBPOFilter), 440: set by the caller first */
+    const char* criterion0;  /* not sent */
+    const char* criterion6;  /* for field 6 */
+    const char* criterion7;  /* for field 7 */
+    const char* criterion8;  /* for field 8 */
+    const char* criterion9;  /* for field 9 */
+    const char* criterion10; /* for field 10 */
+    const char* criterion11; /* for field 11 */
+    int32_t criterion4;      /* for field 4 */
+    signed char criterion12; /* for field 12: a character */
+    int64_t criterion16;     /* for field 16 */
+    int64_t criterion17;     /* for field 17 */
+    int64_t criterion18;     /* for field 18 */
+    int64_t criterion19;     /* for field 19 */
+    int64_t criterion20;     /* for field 20 */
+    int64_t criterion21;     /* for field 21 */
+    int64_t criterion22;     /* for field 22 */
+    int64_t criterion23;     /* for field 23 */
+    const char* criterion13; /* for field 13 */
+    const char* criterion14; /* for field 14 */
+    int32_t criterion5;      /* for field 5 */
+    int32_t criterion24;     /* for field 24 */
+    int32_t criterion25;     /* for field 25 */
+    char criterion15[132];   /* for field 15 */
+    char criterion3[128];    /* for field 3 */
+    int32_t criterion1;      /* for field 1 */
+    int32_t criterion2;      /* for field 2 */
+    const char* criterion26; /* for field 26 */
 } MBPOFilter;
 
 /*
@@ -294,7 +339,9 @@ KSPOOL_API void MBPOFindClose(MBPOCursor* cursor) KSPOOL_NOEXCEPT;
 
 /*
  * Record the last image. `dsid` 0 gives CR_STATUS_INVALID_PARAMETER, before the session is looked
- * at. Slot: any status but 0 and CR_STATUS_NULL_HANDLE. `ignored` is not used.
+ * at. Slot: any status but 0 and CR_STATUS_NULL_HANDLE.
+ *
+ *   ignored  not used
  */
 KSPOOL_API uint32_t MBSetLastImageV2(MBSession* session, uint32_t dsid, const char* client,
                                      const char* policy, int32_t parentid, uint64_t datetime,
@@ -320,11 +367,11 @@ KSPOOL_API uint32_t MBDeleteImage(MBSession* session, uint32_t dsid, const char*
 
 /* What MBGetImageRetention() fills. */
 typedef struct MBImageRetentionInfo {
-    int64_t retentionValue1;
-    int64_t retentionValue2;
-    int64_t retentionValue3;
-    int64_t retentionValue4;
-    char retentionText[1024];
+    int64_t retentionValue1;  /* field 1 of the answer, a number */
+    int64_t retentionValue2;  /* field 2 of the answer, a number */
+    int64_t retentionValue3;  /* field 3 of the answer, a number */
+    int64_t retentionValue4;  /* field 4 of the answer, a number */
+    char retentionText[1024]; /* field 5, a text */
 } MBImageRetentionInfo;
 
 /*
@@ -332,6 +379,8 @@ typedef struct MBImageRetentionInfo {
  * that the answer has no field for keep their values; CR_STATUS_REMOTE_ERROR when there is no
  * answer. Slot: of the first, any status but 0 and CR_STATUS_NULL_HANDLE; the second leaves it
  * alone.
+ *
+ *   info  the caller's record, which is filled
  */
 KSPOOL_API uint32_t MBSetImageRetention(MBSession* session, uint32_t dsid, const char* client,
                                         const char* policy, const char* imagename, int32_t flags,
@@ -343,6 +392,8 @@ KSPOOL_API uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const
 /*
  * The policy of an image. NULL texts or output give CR_STATUS_NULL_HANDLE. CR_STATUS_NO_MEMORY
  * (output NULL) when it cannot be copied, CR_STATUS_REMOTE_ERROR when there is no answer.
+ *
+ *   policy  receives the policy, the caller's to free()
  */
 KSPOOL_API uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const char* client,
                                       const char* imagename, char** policy) KSPOOL_NOEXCEPT;
@@ -352,6 +403,9 @@ KSPOOL_API uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const c
  * when it is above 0, `*tag` is the tag, else NULL. Statuses as in convention 2, and
  * CR_STATUS_NULL_HANDLE, logged, for a NULL argument; CR_STATUS_REMOTE_ERROR when there is no
  * answer; CR_STATUS_BAD_HANDLE for one that is too short; CR_STATUS_NO_MEMORY.
+ *
+ *   digit  receives the answer's leading digit
+ *   tag    receives the tag, the caller's to free()
  */
 KSPOOL_API uint32_t MBGetHVXTag(MBSession* session, uint32_t dataselection, int32_t* digit,
                                 char** tag) KSPOOL_NOEXCEPT;

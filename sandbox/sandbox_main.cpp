@@ -124,6 +124,7 @@ void addInit(CLI::App& app, sandbox::Setup& setup, int& code) {
 
 int parseAndWork(int argc, char** argv) {
     CLI::App app("A pool server for development, on this machine only.", kProgram);
+    app.set_version_flag("--version", std::string(kProgram) + " " KSPOOL_VERSION);
     ServeOptions options;
     sandbox::Setup setup;
     int code = kExitOk;

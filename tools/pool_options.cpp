@@ -19,9 +19,7 @@ CLI::Validator textUpTo(size_t longest) {
 }
 
 void addSessionOptions(CLI::App& app, SessionOptions& session) {
-    app.add_option("--config", session.config,
-                   "Agent configuration [$KSPOOL_AGENT_CONFIG, "
-                   "$XDG_CONFIG_HOME/kspool/agent.cfg, /etc/kspool/agent.cfg]")
+    app.add_option("--config", session.config, "Agent configuration [the one that is found]")
         ->type_name("FILE")
         ->check(textUpTo(kLongestPath));
     app.add_option("--server", session.server, "Metabase server [the configuration's]")

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <new>
 
+#include "kspool_version.h"
 #include "tools/tool_text.h"
 
 namespace tool {
@@ -13,6 +14,7 @@ namespace {
 int parseAndWork(const Program& program, int argc, char** argv) {
     CLI::App app(program.description, program.name);
     int code = kExitOk;
+    app.set_version_flag("--version", std::string(program.name) + " " + kspoolVersion());
     program.addCommands(app, code);
     app.require_subcommand(1);
     try {

@@ -1,0 +1,29 @@
+#!/bin/bash
+# What bash offers after some words. Usage: completion_test.sh COMPLETION PROGRAMS-FOLDER
+set -eu
+. "$1"
+PATH=$2:$PATH
+cd "$(mktemp -d)"
+touch some.cache
+bad=0
+# offers EXPECTED WORD...: the last word is the one that is completed.
+offers() {
+    local expected=$1
+    shift
+    COMP_WORDS=("$@")
+    COMP_CWORD=$(($# - 1))
+    COMPREPLY=()
+    _kspool
+    [ "${COMPREPLY[*]}" = "$expected" ] && return
+    echo "after '$*': '${COMPREPLY[*]}' in place of '$expected'"
+    bad=1
+}
+offers "scan backup find expire" kspool-agent ""
+offers "stat shape shrink" kspool-cache "s"
+offers "--image" kspool-agent backup --im
+offers "some.cache" kspool-cache stat ""
+offers "some.cache" kspool-agent backup --cache so
+offers "import" kspool-mb po i
+offers "--name --newsegments" kspool-mb --json po find --n
+offers "serve" kspool-sandbox se
+exit $bad
