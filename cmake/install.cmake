@@ -26,6 +26,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/kspoolConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/kspoolConfig.cmake ${PROJECT_BINARY_DIR}/kspoolConfigVersion.cmake
         DESTINATION ${package} COMPONENT development)
+# Relative to themselves, so that the whole may be moved.
+file(RELATIVE_PATH up /x/${CMAKE_INSTALL_LIBDIR}/pkgconfig /x)
 foreach(name kspool kspool-platform kspool-static)
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
