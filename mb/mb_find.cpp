@@ -96,8 +96,8 @@ class Query {
     WSResult& result_;
 };
 
-/// The number that a line begins with, its low 32 bits. The line ends at `end`, where strtol() would
-/// go on to the next one if there were nothing but blanks before.
+/// The number that a line begins with, its low 32 bits. The line ends at `end`, where strtol()
+/// would go on to the next one if there were nothing but blanks before.
 uint32_t leadingNumber(const char* line, const char* end) {
     line += strspn(line, " \t\v\f");
     return line < end ? static_cast<uint32_t>(strtol(line, nullptr, 10)) : 0;

@@ -18,6 +18,7 @@
 
 #include "kscache.h"
 #include "platform/support.h"
+#include "tests/support/cache_model.h"
 #include "tests/support/must.h"
 
 namespace {
@@ -42,110 +43,18 @@ KSCacheStatsRecord statsOf(const KSCache* cache) {
     return stats;
 }
 
-/// Numbers that a cache of its own should know, and the random calls that tell.
-class Life {
-  public:
-    explicit Life(uint64_t seed)
-        : random_(seed),
-          path_((getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") +
-                ("/kspool-soak-" + std::to_string(getpid()) + "-" + std::to_string(seed))),
-          cache_(KSCacheCreate(0, 12, 0, nullptr, nullptr)) {}
-    ~Life() {
-        KSCacheDestroy(cache_);
-        unlink(path_.c_str());
+/// One cache beside its model.
+void live(uint64_t seed, uint64_t operations) {
+    std::mt19937_64 random(seed);
+    const std::string path =
+        "/tmp/kspool-soak-" + std::to_string(getpid()) + "-" + std::to_string(seed);
+    CacheModel model([&](uint64_t limit) { return random() % limit; }, path, 12,
+                     seed % 2 == 0 ? CacheModel::Repeats::Told : CacheModel::Repeats::NotTold);
+    for (uint64_t steps = 0; model.operations() < operations; ++steps) {
+        if (model.step() && steps % 16 == 0) model.compareAll();
     }
-    Life(const Life&) = delete;
-    Life& operator=(const Life&) = delete;
-
-    void go(uint64_t operations) {
-        for (uint64_t done = 0; done < operations;) {
-            const uint64_t what = random_() % 20000;
-            done += what == 0 ? restart() : what < 3 ? limit() : what < 100 ? batch() : one(what);
-        }
-        resync();
-    }
-
-  private:
-    static constexpr uint32_t kNumbers = 20000;
-
-    uint32_t someNumber() { return static_cast<uint32_t>(random_() % kNumbers); }
-    static uint64_t valueOf(uint32_t number) { return ~uint64_t{number}; }
-
-    uint64_t one(uint64_t what) {
-        const uint32_t number = someNumber();
-        const Digest digest(number);
-        uint64_t value = 0;
-        const bool known = knows_[number];
-        if (what % 4 == 0) {
-            MUST(KSCacheDelete(cache_, &digest, 3) == (known ? 0U : 2U));
-            knows_[number] = false;
-        } else if (what % 4 == 1) {
-            MUST(KSCacheAdd(cache_, &digest, 3, valueOf(number), nullptr) == (known ? 1U : 0U));
-            knows_[number] = true;
-        } else {
-            MUST(KSCacheExists(cache_, &digest, 3, &value) == (known ? 0U : 2U));
-            MUST(!known || value == valueOf(number));
-        }
-        return 1;
-    }
-    uint64_t batch() {
-        constexpr size_t kCount = 100;
-        std::vector<Digest> digests;
-        std::vector<uint64_t> values;
-        std::array<KSCacheKey, kCount> keys;
-        std::array<uint32_t, kCount> statuses;
-        const uint32_t first = someNumber();
-        for (uint32_t i = 0; i < kCount; ++i) {
-            digests.emplace_back((first + i) % kNumbers);
-            values.push_back(valueOf((first + i) % kNumbers));
-        }
-        for (size_t i = 0; i < kCount; ++i)
-            keys[i] = {&digests[i], 3};
-        MUST(KSCacheAddBatch(cache_, keys.data(), values.data(), nullptr, kCount,
-                             statuses.data()) == 0);
-        for (uint32_t i = 0; i < kCount; ++i) {
-            MUST(statuses[i] == (knows_[(first + i) % kNumbers] ? 1U : 0U));
-            knows_[(first + i) % kNumbers] = true;
-        }
-        return kCount;
-    }
-    uint64_t limit() {
-        MUST(KSCacheCheck(cache_, 1) == 0);
-        resync();
-        return 1;
-    }
-    uint64_t restart() {
-        const uint64_t entries = statsOf(cache_).cachedItems;
-        uint64_t saved = 0, loaded = 0;
-        MUST(KSCacheSave(cache_, path_.c_str(), &saved) == 0 && saved == entries);
-        KSCacheReset(cache_);
-        MUST(saved == 0 || KSCacheLoad(cache_, path_.c_str(), &loaded) == 0);
-        MUST(loaded == entries);
-        return 1;
-    }
-    static int onEntry(KSCache*, KSCacheNode* node, uint64_t value, int, void* arg) {
-        auto* self = static_cast<Life*>(arg);
-        const auto number = static_cast<uint32_t>(~value);
-        const Digest digest(number);
-        MUST(number < kNumbers && self->knows_[number]);
-        MUST(memcmp(node->fingerprint, &digest, sizeof digest) == 0);
-        self->met_[number] = true;
-        return 0;
-    }
-    /// All entries are right, and what a limit dropped is not expected any more.
-    void resync() {
-        met_.fill(false);
-        MUST(KSCacheIterate(cache_, onEntry, this) == 0);
-        knows_ = met_;
-        MUST(statsOf(cache_).cachedItems ==
-             static_cast<uint64_t>(std::count(knows_.begin(), knows_.end(), true)));
-    }
-
-    std::mt19937_64 random_;
-    std::string path_;
-    KSCache* cache_;
-    std::array<bool, kNumbers> knows_{}, met_{};
-};
+    model.compareAll();
+}
 
 void liveInThreads(uint64_t operations) {
     std::atomic<uint64_t> messages = 0;
@@ -156,7 +65,7 @@ void liveInThreads(uint64_t operations) {
     std::atomic<int> living = 8;
     for (uint64_t seed = 0; seed < 8; ++seed) {
         threads.emplace_back([=, &living] {
-            Life(seed).go(operations);
+            live(seed, operations);
             --living;
         });
     }
