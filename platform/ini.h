@@ -16,6 +16,19 @@
  * cannot be read, is no regular file or is larger than 16 MiB, and lines that cannot be used, are
  * reported as notices, once until something changes; values cut at their capacity each time. No
  * call touches the slot.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   section       the section's name, from its table
+ *   entry         the entry's name, from its table
+ *   destination   receives a text
+ *   maxCharacters characters that it has room for, without the NUL
+ *   defaultValue  what is read when there is no such entry; a text may be NULL for an empty one
+ *   value         receives a number; or the number that was read
+ *   file          path of the file
+ *   message       what to say
+ *   format        what to say, as printf() has it
+ *   unused        0
  */
 #ifndef PLATFORM_INI_H
 #define PLATFORM_INI_H
@@ -28,8 +41,8 @@
 extern "C" {
 #endif
 
-extern KSPOOL_API const char _qlx_config_section_string_table_[];
-extern KSPOOL_API const char _qlx_config_entry_string_table_[];
+extern KSPOOL_API const char _qlx_config_section_string_table_[]; /* the sections */
+extern KSPOOL_API const char _qlx_config_entry_string_table_[];   /* the entries */
 
 /*
  * Copy a text, or the default (NULL: the empty text), into `destination`, which has room for

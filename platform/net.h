@@ -1,5 +1,13 @@
 /*
  * The network functions. This header is a contract without code.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   url     read during the call only
+ *   buffer  receives a text
+ *   size    bytes of the buffer
+ *   unused  0
+ *   text    decoded in place
  */
 #ifndef PLATFORM_NET_H
 #define PLATFORM_NET_H

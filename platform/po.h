@@ -1,6 +1,14 @@
 /*
  * The PO library. A PO is one record of the pool's Metabase. This header is a contract without
  * code.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   po      the caller's record
+ *   stype   serialization type
+ *   line    a PO in its serialized form
+ *   index   number of the field, from 0
+ *   length  receives the number of its characters
  */
 #ifndef PLATFORM_PO_H
 #define PLATFORM_PO_H

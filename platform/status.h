@@ -3,6 +3,18 @@
  *
  * This header is a contract without code. An implementation provides every function here; the one
  * in platform/standin/ does so for development, tests and installations of their own.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   status       any status
+ *   function     name of the function that failed
+ *   sourceFile   file that it is in
+ *   line         line of it
+ *   kind         what is looked for: "Agent"
+ *   buffer       receives a text
+ *   size         bytes of the buffer
+ *   type         a type
+ *   fingerprint  digest bytes
  */
 #ifndef PLATFORM_STATUS_H
 #define PLATFORM_STATUS_H

@@ -6,6 +6,31 @@
  *
  * Messages are printf-style, of any length, and may be written from any thread. No call here
  * touches the status slot; the message calls leave errno alone too.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   status        what the message is about
+ *   level         QLX_LEVEL_...
+ *   format        the message, as printf() has it
+ *   function      name of the function that failed; or receives it
+ *   functionSize  bytes of that
+ *   id            number of the fatal error
+ *   message       receives the text of the fatal error
+ *   messageSize   bytes of that
+ *   destination   receives a text
+ *   source        the text
+ *   size          bytes of the destination
+ *   text          a text
+ *   set           characters to look for
+ *   path          path of the file
+ *   mode          as access() has it
+ *   type          type of the file
+ *   fd            descriptor of the file
+ *   value         what the header says of the file
+ *   header        receives what was read
+ *   unused        0
+ *   sink          told of each message; NULL: stderr
+ *   arg           handed to the sink as it is
  */
 #ifndef PLATFORM_SUPPORT_H
 #define PLATFORM_SUPPORT_H
@@ -19,8 +44,10 @@
 extern "C" {
 #endif
 
+/* Arguments are checked against the format. */
 #define QLX_PRINTF(text, first) __attribute__((format(printf, text, first)))
 
+/* How much a message matters. */
 enum QLXLevel {
     QLX_LEVEL_TRACE = 0,
     QLX_LEVEL_NOTE = 16,
@@ -75,8 +102,8 @@ KSPOOL_API int qlx_unlink(const char* path) KSPOOL_NOEXCEPT;
 
 /* What qlxMagicRead() fills. */
 typedef struct QLXMagic {
-    uint64_t value;
-    uint32_t type;
+    uint64_t value;    /* what the header says of the file */
+    uint32_t type;     /* type of the file */
     uint32_t reserved; /* 0 */
 } QLXMagic;
 

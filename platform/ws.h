@@ -8,6 +8,24 @@
  * it belongs to the parent: the child's requests fail, its WSShutdown() frees memory and sends
  * nothing. Texts are copied when they are set. Calls that return a status leave the status slot
  * alone; errno is undefined after every call.
+ *
+ * Arguments that mean the same everywhere:
+ *
+ *   transport      a transport of WSInit()
+ *   options        option records, copied
+ *   count          number of option records
+ *   service        WS_SERVICE_...
+ *   result         the caller's, zeroed, which receives what came
+ *   dataselection  number of the data selection
+ *   body           text of the request
+ *   action         name of the action
+ *   code           code of the option
+ *   bytes          the limit
+ *   a              0
+ *   b              0
+ *   c              0
+ *   d              0
+ *   e              0
  */
 #ifndef PLATFORM_WS_H
 #define PLATFORM_WS_H
@@ -23,12 +41,13 @@ extern "C" {
 /* A transport. Opaque; made by WSInit(). */
 typedef struct WSTransport WSTransport;
 
+/* One option with its value. */
 typedef struct WSOption {
     uint32_t code; /* WS_OPT_... */
     union {
         int64_t number;
         const char* text;
-    } value;
+    } value; /* as the code wants it */
 } WSOption;
 
 /* An empty text means that the option is not set. */
@@ -68,10 +87,10 @@ enum WSStatus {
 typedef struct WSResult {
     uint32_t eventCode;        /* 0 when the server carried the action out */
     char* data;                /* the answer's text, malloc()ed, the caller's to free(), or NULL */
-    const char* severity;      /* these four stay the transport's, valid until its next */
-    const char* serverAddress; /* request; each may be NULL */
-    const char* sourceApplication;
-    const char* description;
+    const char* severity;      /* NULL, or the event's; these four stay the transport's */
+    const char* serverAddress; /* NULL, or whose event; until the transport's next request */
+    const char* sourceApplication; /* NULL, or what of it */
+    const char* description;       /* NULL, or what it says */
 } WSResult;
 
 /* ---- What the library calls ---- */

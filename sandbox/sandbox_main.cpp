@@ -48,7 +48,9 @@ bool writePortFile(const std::string& path, uint16_t port) {
 int serve(const ServeOptions& options) {
     sandbox::Settings settings;
     std::string error;
-    if (!sandbox::readSetup(options.folder, settings, error)) return complain(error);
+    if (!sandbox::readSetup(options.folder, settings, error)) {
+        return complain(error + " (" + kProgram + " init makes such a folder)");
+    }
     if (!options.database.empty()) settings.database = options.database;
     if (options.port) settings.port = *options.port;
     if (!options.tlsFolder.empty()) settings.tlsFolder = options.tlsFolder;

@@ -4,8 +4,8 @@ import re
 import textwrap
 
 COMMENT = re.compile(r"/\*(.*?)\*/", re.S)
-DECLARATION = re.compile(r"((?:extern |typedef )?(?:KSPOOL_API )?[^;{}#/]*?\([^;/]*\))\s*(?:KSPOOL_NOEXCEPT)?"
-                         r"(?:\s*QLX_PRINTF\([^)]*\))?;", re.S)
+DECLARATION = re.compile(r"((?:extern |typedef )?(?:KSPOOL_API )?[^;{}#/]*?\([^;/]*?\))\s*(?:KSPOOL_NOEXCEPT)?"
+                         r"(?:\s*(?:QLX_PRINTF\([^)]*\)|__attribute__\(\(.*?\)\)))?;", re.S)
 # "  name   what it means", in a comment.
 TERM = re.compile(r"^ {2,4}(\S.*?) {2,}(\S.*)$")
 SHARED = "Arguments that mean the same everywhere:"

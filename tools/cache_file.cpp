@@ -47,7 +47,7 @@ bool readHeader(int fd, FileReport& report) {
     report.size = static_cast<uint64_t>(status.st_size);
     const uint32_t type = qlxMagicRead(fd, &report.header);
     if (type == 0) {
-        refuse(report, "header", "no whole magic header");
+        refuse(report, "header", "no whole magic header: it is no cache file");
         return false;
     }
     const off_t position = lseek(fd, 0, SEEK_CUR);

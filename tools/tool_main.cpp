@@ -16,7 +16,7 @@ int parseAndWork(const Program& program, int argc, char** argv) {
     int code = kExitOk;
     app.set_version_flag("--version", std::string(program.name) + " " + kspoolVersion());
     program.addCommands(app, code);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -25,7 +25,9 @@ int parseAndWork(const Program& program, int argc, char** argv) {
         complain(name, std::string(error.what()) + " (see " + name + " --help)");
         return kExitUsage;
     }
-    return code;
+    if (!app.get_subcommands().empty()) return code;
+    complain(program.name, std::string("a subcommand is needed (see ") + program.name + " --help)");
+    return kExitUsage;
 }
 
 }  // namespace
