@@ -1,4 +1,5 @@
 // Reads the agent's configuration file.
+#include <algorithm>
 #include <cstring>
 
 #include "ks/ks_int.h"
@@ -135,7 +136,7 @@ class Reader {
                 kMaximumReconnectTimeout, kDefaultReconnectTimeout);
             seconds = kDefaultReconnectTimeout;
         }
-        config_.reconnectTimeout = seconds < 0 ? 0 : seconds;
+        config_.reconnectTimeout = std::max(seconds, 0);
     }
 
     void fingerprintType() {

@@ -47,7 +47,7 @@ uint32_t checkFile(int fd, const char* path, Block& block) {
         return storeStatus(CR_STATUS_BAD_HANDLE);
     }
     const off_t payload = lseek(fd, 0, SEEK_CUR);
-    if (payload < 0) {
+    if (payload == -1) {
         KS_TRACE("%s: seek to current positon failed", path);
         return storeStatus(CR_STATUS_SEEK_FAILED);
     }

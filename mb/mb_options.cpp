@@ -16,7 +16,7 @@ struct Sorted {
     uint32_t forwardedCount;
     WSOption transport[kMaxTransportOptions];
     uint32_t transportCount;
-    uint32_t refreshes;
+    bool refreshes;  ///< the transport is to be told of the configuration anew
 };
 
 uint32_t tooMany(const char* format, uint32_t maximum) {
@@ -67,7 +67,7 @@ uint32_t sortOne(MBSession& copy, const KSOption& option, Sorted& sorted) {
         case SessionUse::Rejected:
             return CR_STATUS_INVALID_PARAMETER;
     }
-    if (row.refreshesTransport) ++sorted.refreshes;
+    sorted.refreshes = sorted.refreshes || row.refreshesTransport;
     return CR_STATUS_OK;
 }
 
@@ -91,7 +91,7 @@ uint32_t apply(MBSession& copy, const KSOption* options, uint32_t count) {
     if (status == CR_STATUS_OK && sorted.forwardedCount > 0) {
         status = KSConfigSet(&copy.config, sorted.forwarded, sorted.forwardedCount);
     }
-    if (status == CR_STATUS_OK && sorted.refreshes > 0) status = refreshTransport(copy, sorted);
+    if (status == CR_STATUS_OK && sorted.refreshes) status = refreshTransport(copy, sorted);
     return status;
 }
 
