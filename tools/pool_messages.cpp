@@ -52,6 +52,8 @@ Messages::~Messages() {
 void Messages::hear(uint32_t level, uint32_t status, const char* text, void* self) noexcept {
     auto& messages = *static_cast<Messages*>(self);
     if (mayBeEvent(level, status)) messages.event_ = status;
+    const bool notRead = status == CR_STATUS_READ_FAILED || status == CR_STATUS_NO_MEMORY;
+    if (level == QLX_LEVEL_NOTICE && notRead) messages.notRead_ = status;
     if (!messages.shown_) return;
     try {
         show(level, status, text);

@@ -23,6 +23,8 @@ class Messages {
     void forget();
     void noteEvent(uint32_t code) { event_ = code; }
     uint32_t event() const { return event_; }  ///< 0: none was heard of
+    /// Why a file or memory for its contents was not to be had when something was read, else 0.
+    uint32_t notRead() const { return notRead_; }
     /// What the server said, as a terminal may show it; empty when it said nothing.
     std::string description() const;
 
@@ -31,6 +33,7 @@ class Messages {
 
     bool shown_;
     uint32_t event_ = 0;
+    uint32_t notRead_ = 0;
 };
 
 }  // namespace pool

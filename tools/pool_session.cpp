@@ -91,6 +91,11 @@ Session::Session(const SessionOptions& options)
 int Session::open(const SessionOptions& options) {
     const std::string problem = readConfiguration(options);
     if (!problem.empty()) return refuse(tool::kExitUsage, problem);
+    // The configuration has defaults for what it could not read, which nobody asked for.
+    if (const uint32_t reason = messages_.notRead(); reason != 0) {
+        return refuse(tool::kExitFailed,
+                      configFile_ + ": could not be read as a whole: " + CRStatusToStringA(reason));
+    }
     const std::string url = options.server.empty() ? configUrl_ : options.server;
     if (url.empty()) {
         return refuse(tool::kExitUsage,

@@ -226,6 +226,7 @@ def check_usage(top, config):
     with open(top + "/empty.cfg", "w"):
         pass
     run("ls", "/", "--config", top + "/empty.cfg", code=2, says=["--server"])
+    run("ls", "/", "--config", top, "--server", "http://127.0.0.1:1", code=1, says=[top + ": could not be read"])
     for bad in ((), ("ls",), ("ls", "/", "/"), ("ls", ""), ("rm", "-R", ""), ("mkdir",), ("cp", "/"), ("mv", "/a", "/b", "/c"),
                 ("mv", "-R", "/a", "/b"), ("ping", "-c", "0"), ("ping", "/"), ("time", "-q", "-v"), ("nonsense",),
                 ("ls", "/", "--server", ""), ("ls", "/", "--login", "x" * 256), ("ls", "/", "--retry", "-1"),
