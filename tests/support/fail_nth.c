@@ -1,12 +1,14 @@
 /*
  * For LD_PRELOAD: from main() on, the FAIL_NTH-th call of those below fails, with FAIL_ALL every
- * one after it too. Calls that libraries for cryptography make are left alone: they do not survive
- * it. With FAIL_COUNT, their number goes into the file of that name at the end.
+ * one after it too. Calls that libraries for cryptography make are left alone, as are those of
+ * fts_open(): they do not survive it. With FAIL_COUNT, their number goes into the file of that name
+ * at the end.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <fts.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -62,6 +64,13 @@ int open(const char* path, int flags, ...) {
 }
 int rename(const char* from, const char* to) {
     return FAILS(EACCES) ? -1 : NEXT(rename)(from, to);
+}
+
+FTS* fts_open(char* const* paths, int options, int (*order)(const FTSENT**, const FTSENT**)) {
+    busy = 1;
+    FTS* walk = NEXT(fts_open)(paths, options, order);
+    busy = 0;
+    return walk;
 }
 
 typedef int Main(int, char**, char**);
