@@ -70,6 +70,21 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
     EXPECT_EQ(load(header + payload), std::pair(0U, uint64_t{1}));
 }
 
+TEST(CacheFile, HasMoreThanOneBlock) {
+    const std::string path = testing::TempDir() + "blocks";
+    const Cache cache = makeCache(8);
+    for (uint32_t i = 0; i < 4000; ++i) {
+        const uint32_t words[8] = {i, 0, 0, i};
+        ASSERT_EQ(KSCacheAdd(cache.get(), words, 3, i, nullptr), 0U);
+    }
+    uint64_t loaded = 0;
+    ASSERT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
+    KSCacheReset(cache.get());
+    EXPECT_EQ(KSCacheLoad(cache.get(), path.c_str(), &loaded), 0U);
+    EXPECT_EQ(loaded, 4000U);
+    EXPECT_EQ(cache->cachedItems, 4000U);
+}
+
 TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
     const Cache cache = makeCache(4);
     const uint8_t key[32] = {1};
