@@ -36,16 +36,14 @@ endforeach()
 
 file(GLOB pages CONFIGURE_DEPENDS docs/man/*.3)
 install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
-if(KSPOOL_BUILD_TOOLS AND KSPOOL_BUILD_SANDBOX)
-  set(programs kspool-agent kspool-cache kspool-mb kspool-sandbox)
-  install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  file(GLOB pages CONFIGURE_DEPENDS docs/man/*.1)
-  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-  foreach(program IN LISTS programs)
+foreach(program kspool-agent kspool-cache kspool-mb kspool-sandbox)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    install(FILES docs/man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
     install(FILES tools/kspool.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
             RENAME ${program} COMPONENT tools)
-  endforeach()
-endif()
+  endif()
+endforeach()
 install(FILES README.md SECURITY.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
         COMPONENT documentation)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation

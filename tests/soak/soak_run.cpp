@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <random>
 #include <string>
@@ -126,7 +125,7 @@ void liveAtLimit(uint64_t operations) {
         MUST(most <= promised);
         MUST(mostResident <= promised + around);
     }
-    MUST(statsOf(cache).hits == 0 || hits > 0);
+    MUST(hits > operations / 10 && added > operations / 10);  // it was at work
     KSCacheDestroy(cache);
     printf(
         "soak: %lu operations at a limit of %lu bytes, %lu entries added, %lu checks, at most "
@@ -140,9 +139,13 @@ void liveAtLimit(uint64_t operations) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) return 2;
+    const std::string what = argc == 3 ? argv[1] : "";
+    if (what != "threads" && what != "limit") return 2;
     const uint64_t operations = std::strtoull(argv[2], nullptr, 10);
-    if (strcmp(argv[1], "threads") == 0) liveInThreads(operations);
-    if (strcmp(argv[1], "limit") == 0) liveAtLimit(operations);
+    if (what == "threads") {
+        liveInThreads(operations);
+    } else {
+        liveAtLimit(operations);
+    }
     return 0;
 }

@@ -188,11 +188,14 @@ char* __wrap_strndup(const char* text, size_t most) {
     return copy;
 }
 
+static int print(char* text, size_t size, const char* format, va_list arguments) {
+    return fails(kSnprintf) ? -1 : vsnprintf(text, size, format, arguments);
+}
+
 int __wrap_snprintf(char* text, size_t size, const char* format, ...) {
-    if (fails(kSnprintf)) return -1;
     va_list arguments;
     va_start(arguments, format);
-    const int length = vsnprintf(text, size, format, arguments);
+    const int length = print(text, size, format, arguments);
     va_end(arguments);
     return length;
 }
@@ -289,10 +292,9 @@ ssize_t __wrap___read_chk(int fd, void* bytes, size_t length, size_t room) {
 }
 
 int __wrap___snprintf_chk(char* text, size_t size, int, size_t, const char* format, ...) {
-    if (fails(kSnprintf)) return -1;
     va_list arguments;
     va_start(arguments, format);
-    const int length = vsnprintf(text, size, format, arguments);
+    const int length = print(text, size, format, arguments);
     va_end(arguments);
     return length;
 }
