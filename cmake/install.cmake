@@ -40,7 +40,7 @@ foreach(program kspool-agent kspool-cache kspool-mb kspool-sandbox)
   if(TARGET ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     install(FILES docs/man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-    install(FILES tools/kspool.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    install(FILES tools/shared/kspool.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
             RENAME ${program} COMPONENT tools)
   endif()
 endforeach()

@@ -1,0 +1,31 @@
+// A listing, as the server sends it (docs/wire-protocol.md).
+#ifndef TOOLS_MB_LISTING_H
+#define TOOLS_MB_LISTING_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pool {
+
+struct Entry {
+    char type;  ///< d or f
+    uint64_t size;
+    int64_t mtime;  ///< seconds since 1970
+    std::string path;
+};
+
+struct Listing {
+    std::vector<Entry> entries;
+    std::vector<std::string> problems;  ///< lines that are no entries
+};
+
+Listing parseListing(std::string_view text);
+
+void printListing(const Listing& listing);
+void printListingJson(const Listing& listing);
+
+}  // namespace pool
+
+#endif

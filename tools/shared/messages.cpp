@@ -1,0 +1,79 @@
+#include "tools/shared/messages.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <iterator>
+
+#include "cr_status.h"
+#include "platform/support.h"
+#include "tools/shared/text.h"
+
+namespace pool {
+namespace {
+
+struct LevelName {
+    uint32_t level;
+    const char* name;
+};
+
+constexpr LevelName kLevelNames[] = {
+    {QLX_LEVEL_TRACE, "trace"},   {QLX_LEVEL_NOTE, "note"},       {QLX_LEVEL_INFO, "info"},
+    {QLX_LEVEL_NOTICE, "notice"}, {QLX_LEVEL_WARNING, "warning"}, {QLX_LEVEL_ERROR, "error"},
+};
+
+void show(uint32_t level, uint32_t status, const char* text) {
+    const auto* row = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
+                                   [=](const LevelName& l) { return l.level == level; });
+    std::string head = row != std::end(kLevelNames) ? row->name : "level " + std::to_string(level);
+    if (level != QLX_LEVEL_TRACE) head += " " + std::to_string(status);
+    tool::complain(kProgram, head + ": " + tool::printable(text));
+}
+
+/// The report of an event has the event's code; what else is said of a failure has a status that
+/// operations return, or none.
+bool mayBeEvent(uint32_t level, uint32_t status) {
+    return level == QLX_LEVEL_ERROR && status != CR_STATUS_OK && status != UINT32_MAX &&
+           status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_PERMISSION_DENIED;
+}
+
+}  // namespace
+
+Messages::Messages(bool shown) : shown_(shown) {
+    qlxSetSink(hear, this);
+    *__qlxlog_trace_location() = shown ? 1 : 0;
+}
+
+Messages::~Messages() {
+    qlxSetSink(nullptr, nullptr);
+}
+
+void Messages::hear(uint32_t level, uint32_t status, const char* text, void* self) noexcept {
+    auto& messages = *static_cast<Messages*>(self);
+    if (mayBeEvent(level, status)) messages.event_ = status;
+    const bool notRead = status == CR_STATUS_READ_FAILED || status == CR_STATUS_NO_MEMORY;
+    if (level == QLX_LEVEL_NOTICE && notRead) messages.notRead_ = status;
+    if (!messages.shown_) return;
+    try {
+        show(level, status, text);
+    } catch (const std::exception&) {
+        fputs("kspool-mb: a message was lost for want of memory\n", stderr);
+    }
+}
+
+void Messages::forget() {
+    event_ = 0;
+    qlxSetFatalError("", 0, "%s", "");
+}
+
+std::string Messages::description() const {
+    std::array<char, 4096> text{};
+    qlxGetFatalError(nullptr, 0, text.data(), text.size());
+    std::string said = text.data();
+    while (!said.empty() && (said.back() == '\n' || said.back() == ' '))
+        said.pop_back();
+    return tool::printable(said);
+}
+
+}  // namespace pool

@@ -1,0 +1,234 @@
+#include "tools/shared/session.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <iterator>
+#include <vector>
+
+#include "ks.h"
+#include "platform/status.h"
+#include "platform/ws.h"
+#include "tools/shared/secret.h"
+#include "tools/shared/text.h"
+
+namespace pool {
+namespace {
+
+using tool::printable;
+
+constexpr uint32_t kNoSuchFile = 2001;  // events of docs/wire-protocol.md
+constexpr uint32_t kNoSelection = 3001;
+constexpr uint32_t kNoImage = 3003;
+constexpr uint32_t kBadLogin = 1001;
+constexpr uint32_t kNotAllowed = 1002;
+
+constexpr uint32_t kTransportLast = CR_STATUS_TRANSPORT_BASE + 99;
+
+constexpr char kNotConfigured[] =
+    "not configured: there is no file $KSPOOL_AGENT_CONFIG, $XDG_CONFIG_HOME/kspool/agent.cfg or "
+    "/etc/kspool/agent.cfg; give --config FILE";
+
+constexpr char kPerhapsDone[] = "if it was a change, it may have been made";
+
+struct Hint {
+    uint32_t status;
+    const char* text;
+};
+
+constexpr Hint kHints[] = {
+    {WS_STATUS_NO_SERVER, "a server is http://HOST[:PORT] or https://HOST[:PORT]"},
+    {WS_STATUS_PLAINTEXT, "use https, or set KSPOOL_ALLOW_PLAINTEXT=1"},
+    {WS_STATUS_NO_CONNECT, "is it running there? --retry SECONDS waits for it"},
+    {WS_STATUS_TIMED_OUT, kPerhapsDone},
+    {WS_STATUS_CUT, kPerhapsDone},
+    {WS_STATUS_BAD_ANSWER, "is it a pool server?"},
+    {WS_STATUS_TOO_LARGE, kPerhapsDone},
+};
+
+/// Why a query may be refused, by event.
+constexpr Hint kReasons[] = {
+    {kBadLogin, "Permission denied: unknown login or wrong password"},
+    {kNotAllowed, "Permission denied: the login may not read"},
+    {kNoSelection, "no such data selection"},
+};
+
+bool isTransport(uint32_t status) {
+    return status >= CR_STATUS_TRANSPORT_BASE && status <= kTransportLast;
+}
+
+/// Without user name and password, should somebody have put them there.
+std::string shownUrl(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t host = scheme == std::string::npos ? 0 : scheme + 3;
+    const size_t at = url.rfind('@', url.find_first_of("/?#", host));
+    if (at == std::string::npos || at < host) return printable(url);
+    return printable(url.substr(0, host) + url.substr(at + 1));
+}
+
+int exitCode(uint32_t status, uint32_t event) {
+    if (status == CR_STATUS_OK) return tool::kExitOk;
+    if (status == CR_STATUS_PERMISSION_DENIED) return tool::kExitPermission;
+    const bool nothing = event == kNoSuchFile || event == kNoSelection || event == kNoImage;
+    if (status == CR_STATUS_REMOTE_ERROR && nothing) return tool::kExitNothing;
+    return isTransport(status) ? tool::kExitNetwork : tool::kExitFailed;
+}
+
+int refuse(int code, const std::string& text) {
+    tool::complain(kProgram, text);
+    return code;
+}
+
+KSOption textOption(uint32_t code, const char* text) {
+    return {.code = code, .value = {.text = text}};
+}
+
+}  // namespace
+
+Session::Session(const SessionOptions& options)
+    : messages_(options.verbose), login_(options.login), code_(open(options)) {}
+
+int Session::open(const SessionOptions& options) {
+    const std::string problem = readConfiguration(options);
+    if (!problem.empty()) return refuse(tool::kExitUsage, problem);
+    // The configuration has defaults for what it could not read, which nobody asked for.
+    if (const uint32_t reason = messages_.notRead(); reason != 0) {
+        return refuse(tool::kExitFailed,
+                      configFile_ + ": could not be read as a whole: " + CRStatusToStringA(reason));
+    }
+    const std::string url = options.server.empty() ? configUrl_ : options.server;
+    if (url.empty()) {
+        return refuse(tool::kExitUsage,
+                      configFile_ + ": names no Metabase server; give --server URL");
+    }
+    server_ = shownUrl(url);
+    if (const int code = create(options, url)) return code;
+    return enableRetries(options);
+}
+
+/// What is wrong with it, else an empty text. When there is none but a server is given, whether
+/// that is enough is for the library to say.
+std::string Session::readConfiguration(const SessionOptions& options) {
+    const auto config = std::make_unique<KSConfig>();
+    const char* path = options.config.empty() ? nullptr : options.config.c_str();
+    uint32_t& slot = *__cr_errno_location();
+    slot = CR_STATUS_OK;
+    KSConfigInitWithAgentCfg(config.get(), path);
+    const uint32_t reason = slot;
+    if (reason != CR_STATUS_OK) {
+        std::array<char, 4096> found{};
+        if (path == nullptr) path = CRConfigLocate("Agent", found.data(), found.size());
+        if (path != nullptr) return printable(path) + ": " + CRStatusToStringA(reason);
+        return options.server.empty() ? kNotConfigured : "";
+    }
+    configFile_ = printable(options.config.empty() ? config->configFile : options.config);
+    if ((config->flags & KS_CFG_MBS_URL) != 0) configUrl_ = config->mbsUrl;
+    if ((config->flags & KS_CFG_SSL_KEY) != 0) keyLocation_ = printable(config->sslKeyLocation);
+    reconnectTimeout_ = config->reconnectTimeout;
+    return {};
+}
+
+int Session::create(const SessionOptions& options, const std::string& url) {
+    Secret secret;
+    const std::string problem = takePassword(options.passwordFile, secret);
+    if (!problem.empty()) return refuse(tool::kExitUsage, problem);
+    hasPassword_ = !secret.empty();
+    // The transport learns where its server is only from an option.
+    std::vector<KSOption> list = {textOption(KS_OPT_MBS_URL, url.c_str())};
+    if (!login_.empty()) list.push_back(textOption(KS_OPT_LOGIN, login_.c_str()));
+    if (hasPassword_) list.push_back(textOption(KS_OPT_PASSWORD, secret.text()));
+    session_.reset(MBCreateWithAgentCfg(0, list.data(), static_cast<uint32_t>(list.size()),
+                                        options.config.empty() ? nullptr : options.config.c_str()));
+    if (session_ != nullptr) return tool::kExitOk;
+    if (configFile_.empty()) return refuse(tool::kExitUsage, kNotConfigured);
+    const uint32_t reason = *__cr_errno_location();
+    return refuse(exitCode(reason, 0),
+                  std::string("no session could be made: ") + CRStatusToStringA(reason));
+}
+
+int Session::enableRetries(const SessionOptions& options) {
+    if (options.retry == 0) return tool::kExitOk;
+    const uint32_t status = MBEnableResiliency(session_.get(), options.retry);
+    if (reconnectTimeout_ == 0) {
+        if (status == CR_STATUS_OK) return tool::kExitOk;
+        return refuse(exitCode(status, 0), std::string("--retry: ") + CRStatusToStringA(status));
+    }
+    if (!options.quiet && reconnectTimeout_ != options.retry) {
+        tool::complain(kProgram, "note: --retry changes nothing, because the configuration says " +
+                                     std::to_string(reconnectTimeout_) + " s");
+    }
+    return tool::kExitOk;
+}
+
+void Session::complain(const std::string& subject, const std::string& text) {
+    tool::complain(kProgram, subject.empty() ? text : subject + ": " + text);
+}
+
+int Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call) {
+    messages_.forget();
+    reason_.clear();
+    const uint32_t status = call(session_.get());
+    if (status == CR_STATUS_OK) return tool::kExitOk;
+    complain(subject, explain(status));
+    return exitCode(status, messages_.event());
+}
+
+/// The status that a server's event comes to, which some calls return in its place.
+uint32_t Session::statusOfEvent(uint32_t result) {
+    if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
+    messages_.noteEvent(result);
+    const bool permission = result == kBadLogin || result == kNotAllowed;
+    return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
+}
+
+int Session::attemptEvent(const std::string& subject,
+                          const std::function<uint32_t(MBSession*)>& call) {
+    return attempt(subject, [&](MBSession* session) { return statusOfEvent(call(session)); });
+}
+
+int Session::attemptQuery(uint32_t dataselection, const std::function<uint32_t(MBSession*)>& call) {
+    return attempt("query", [&](MBSession* session) -> uint32_t {
+        const uint32_t status = call(session);
+        if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
+        if (status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_BAD_HANDLE) return status;
+        // What refuses a query for its login or its data selection refuses this as well.
+        char* images = nullptr;
+        const uint32_t event =
+            MBGetLastImages(session, dataselection, nullptr, nullptr, -1, INT64_MAX, &images);
+        free(images);
+        const auto* known = std::find_if(std::begin(kReasons), std::end(kReasons),
+                                         [=](const Hint& r) { return r.status == event; });
+        if (known == std::end(kReasons)) return status;
+        reason_ = known->text;
+        return statusOfEvent(event);
+    });
+}
+
+/// What happened, to what it happened, and what to do next where that can be known.
+std::string Session::explain(uint32_t status) const {
+    const bool permission = status == CR_STATUS_PERMISSION_DENIED;
+    const bool remote = permission || status == CR_STATUS_REMOTE_ERROR;
+    const std::string said = !remote ? "" : reason_.empty() ? messages_.description() : reason_;
+    std::string text = (said.empty() ? CRStatusToStringA(status) : said) + " (";
+    if (remote && messages_.event() != 0) {
+        text += "event " + std::to_string(messages_.event()) + ", ";
+    }
+    text += "server " + server_;
+    if (permission) {
+        text += login_.empty() ? ", no login" : ", login " + printable(login_);
+        if (!hasPassword_) text += ", no password";
+    }
+    text += ")";
+    if (permission && (login_.empty() || !hasPassword_)) {
+        return text + "; give --login NAME and --password-file FILE";
+    }
+    if (status == WS_STATUS_TLS) {
+        return text + "; the configuration's SSL key location is " +
+               (keyLocation_.empty() ? "not set" : keyLocation_);
+    }
+    const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
+                                    [=](const Hint& h) { return h.status == status; });
+    return hint != std::end(kHints) ? text + "; " + hint->text : text;
+}
+
+}  // namespace pool

@@ -1,0 +1,45 @@
+#include "tools/shared/session_options.h"
+
+namespace pool {
+namespace {
+
+constexpr size_t kLongestLogin = 255;
+constexpr size_t kLongestUrl = 1023;
+constexpr size_t kLongestPath = 4095;
+
+}  // namespace
+
+CLI::Validator textUpTo(size_t longest) {
+    return {[longest](std::string& text) -> std::string {
+                if (text.empty()) return "may not be empty";
+                if (text.size() <= longest) return {};
+                return "may have up to " + std::to_string(longest) + " characters";
+            },
+            ""};
+}
+
+void addSessionOptions(CLI::App& app, SessionOptions& session) {
+    app.add_option("--config", session.config, "Agent configuration [the one that is found]")
+        ->type_name("FILE")
+        ->check(textUpTo(kLongestPath));
+    app.add_option("--server", session.server, "Metabase server [the configuration's]")
+        ->type_name("URL")
+        ->check(textUpTo(kLongestUrl));
+    app.add_option("--login", session.login, "Login")
+        ->type_name("NAME")
+        ->envname("KSPOOL_LOGIN")
+        ->check(textUpTo(kLongestLogin));
+    app.add_option("--password-file", session.passwordFile,
+                   "File whose first line is the password; - for standard input")
+        ->type_name("FILE")
+        ->check(textUpTo(kLongestPath));
+    app.add_option("--retry", session.retry, "Try again so long to reach the server [0]")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0, 3600));
+    CLI::Option* quiet = app.add_flag("-q,--quiet", session.quiet, "No notes");
+    app.add_flag("-v,--verbose", session.verbose,
+                 "Show the library's messages and traces on stderr")
+        ->excludes(quiet);
+}
+
+}  // namespace pool
