@@ -2,7 +2,7 @@
 // failure, never two of these, and no control character reaches a log.
 #include <cstring>
 
-#include "platform/standin/standin_ws_int.h"
+#include "platform/standin/transport/transport.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <random>
 #include <thread>
 
-#include "platform/standin/standin_ws_int.h"
+#include "platform/standin/transport/transport.h"
 #include "platform/status.h"
 
 namespace ws {

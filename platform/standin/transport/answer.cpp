@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "platform/standin/standin_ws_int.h"
+#include "platform/standin/transport/transport.h"
 
 namespace ws {
 namespace {

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <new>
 
-#include "platform/standin/standin_ws_int.h"
+#include "platform/standin/transport/transport.h"
 #include "platform/status.h"
 
 namespace ws {

@@ -5,7 +5,7 @@
 #include <iterator>
 #include <new>
 
-#include "platform/standin/standin_ws_int.h"
+#include "platform/standin/transport/transport.h"
 
 namespace ws {
 namespace {

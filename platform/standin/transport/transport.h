@@ -1,6 +1,6 @@
 // The transport as its own files see it: what was set, what is sent, what came back.
-#ifndef PLATFORM_STANDIN_WS_INT_H
-#define PLATFORM_STANDIN_WS_INT_H
+#ifndef PLATFORM_STANDIN_TRANSPORT_TRANSPORT_H
+#define PLATFORM_STANDIN_TRANSPORT_TRANSPORT_H
 
 #include <curl/curl.h>
 #include <sys/stat.h>
