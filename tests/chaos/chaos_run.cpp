@@ -17,7 +17,7 @@
 
 #include "platform/ws.h"
 #include "sandbox/sandbox.h"
-#include "sandbox/sandbox_database.h"
+#include "sandbox/store/database.h"
 #include "tests/chaos/chaos_client.h"
 #include "tests/support/raw_server.h"
 

@@ -1,0 +1,273 @@
+#include "sandbox/core.h"
+
+#include <openssl/evp.h>
+#include <openssl/sha.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <memory>
+
+namespace sandbox {
+namespace {
+
+constexpr char kSourceApplication[] = "kspool-sandbox";
+constexpr int64_t kRememberedAnswers = 10'000;
+
+struct EventRow {
+    EventCode code;
+    unsigned status;
+    const char* title;
+};
+
+constexpr EventRow kEvents[] = {
+    {kUnknownLogin, 401, "Unauthorized"},
+    {kNoPermission, 403, "Forbidden"},
+    {kBadRequest, 400, "Bad request"},
+    {kNotFound, 404, "Not found"},
+    {kExists, 409, "Already exists"},
+    {kNotDirectory, 409, "Not a directory"},
+    {kNotEmpty, 409, "Directory not empty"},
+    {kNeedsRecursive, 409, "Needs recursive"},
+    {kIntoItself, 409, "Not possible"},
+    {kBadPath, 400, "Path not valid"},
+    {kNoSelection, 404, "No such data selection"},
+    {kBadPO, 400, "Not a PO"},
+    {kNoImage, 404, "No such image"},
+    {kServerFailed, 500, "Server failed"},
+};
+
+/// What makes two requests the same.
+std::string digestOf(const Request& request, const std::string& login) {
+    std::string text;
+    for (const std::string* part :
+         {&login, &request.service, &request.query, &request.contentType, &request.body}) {
+        text.append(std::to_string(part->size())).append(":").append(*part);
+    }
+    std::array<uint8_t, SHA256_DIGEST_LENGTH> digest{};
+    SHA256(reinterpret_cast<const uint8_t*>(text.data()), text.size(), digest.data());
+    std::string encoded((digest.size() + 2) / 3 * 4 + 1, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<uint8_t*>(encoded.data()), digest.data(),
+                                       static_cast<int>(digest.size()));
+    encoded.resize(static_cast<size_t>(length));
+    return encoded;
+}
+
+bool hasMediaType(const std::string& header, std::string_view type) {
+    return header.starts_with(type) && (header.size() == type.size() || header[type.size()] == ';');
+}
+
+void checkMediaType(const Request& request, const char* type) {
+    if (!hasMediaType(request.contentType, type))
+        throw Event{kBadRequest, std::string("Content-Type is not ") + type};
+}
+
+/// For a description: what a client sent, but not all of it.
+std::string quoted(const std::string& text) {
+    constexpr size_t kLongest = 100;
+    return "'" + (text.size() > kLongest ? text.substr(0, kLongest) + "..." : text) + "'";
+}
+
+/// A request with a query has its parameters there, and a text as its body.
+Pairs pairsOf(const Request& request) {
+    return decodePairs(request.query.empty() ? request.body : request.query);
+}
+
+const Action& actionOf(const Request& request, const Pairs& pairs) {
+    if (pairs.empty() || pairs[0].first != "action")
+        throw Event{kBadRequest, "the first parameter is not 'action'"};
+    const Action* action = findAction(request.service, pairs[0].second);
+    if (action == nullptr) {
+        throw Event{kBadRequest,
+                    "unknown action " + quoted(pairs[0].second) + " of service " + request.service};
+    }
+    if (request.query.empty() != (action->bodyText == nullptr)) {
+        throw Event{kBadRequest, std::string("the parameters of ") + action->name +
+                                     (action->bodyText == nullptr
+                                          ? " belong into the body of the request"
+                                          : " belong into the URL, its text into the body")};
+    }
+    checkMediaType(
+        request, action->bodyText == nullptr ? "application/x-www-form-urlencoded" : "text/plain");
+    return *action;
+}
+
+/// Each parameter of the action once, and no other.
+Parameters parametersOf(const Action& action, const Pairs& pairs, const Request& request) {
+    Parameters parameters;
+    for (auto pair = pairs.begin() + 1; pair != pairs.end(); ++pair) {
+        const auto row = std::find_if(
+            action.parameters.begin(), action.parameters.end(),
+            [&](const Parameter& one) { return one.name != nullptr && pair->first == one.name; });
+        if (row == action.parameters.end()) {
+            throw Event{kBadRequest,
+                        std::string(action.name) + " has no parameter " + quoted(pair->first)};
+        }
+        const bool again = std::any_of(pairs.begin() + 1, pair, [&](const auto& earlier) {
+            return earlier.first == pair->first;
+        });
+        if (again) throw Event{kBadRequest, "parameter " + quoted(pair->first) + " is there twice"};
+        checkValue(*row, pair->second);
+        parameters.set(pair->first, pair->second);
+    }
+    for (const Parameter& row : action.parameters) {
+        const auto named = [&](const auto& pair) { return pair.first == row.name; };
+        if (row.name != nullptr && !row.optional &&
+            std::none_of(pairs.begin() + 1, pairs.end(), named))
+            throw Event{kBadRequest, "parameter '" + std::string(row.name) + "' is missing"};
+    }
+    if (action.bodyText != nullptr) parameters.set(action.bodyText, request.body);
+    return parameters;
+}
+
+}  // namespace
+
+Core::Core(const Settings& settings)
+    : database_(settings.database),
+      names_(database_),
+      pos_(database_),
+      selections_(database_),
+      images_(database_),
+      architectureMode_(settings.architectureMode) {
+    if (!settings.database.empty())
+        database_.script("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
+    database_.script(
+        "CREATE TABLE IF NOT EXISTS answers (number INTEGER PRIMARY KEY AUTOINCREMENT,"
+        " id TEXT NOT NULL UNIQUE, digest TEXT NOT NULL, status INTEGER NOT NULL,"
+        " type TEXT NOT NULL, body TEXT NOT NULL)");
+    if (!settings.accountsFile.empty()) accounts_.addFile(settings.accountsFile);
+    if (!settings.accounts.empty()) accounts_.addText(accountsText(settings.accounts));
+    if (accounts_.empty()) throw std::runtime_error("there is no account, so nobody could log in");
+}
+
+int64_t Core::now() const {
+    return fixedClock_ ? *fixedClock_ : static_cast<int64_t>(time(nullptr));
+}
+
+nlohmann::ordered_json Core::reporter() const {
+    return {{"serverAddress", serverAddress_}, {"sourceApplication", kSourceApplication}};
+}
+
+Answer Core::eventAnswer(const Event& event) const {
+    const EventRow& row =
+        *std::find_if(std::begin(kEvents), std::end(kEvents),
+                      [&](const EventRow& one) { return one.code == event.code; });
+    nlohmann::ordered_json members = {{"title", row.title},
+                                      {"detail", event.text},
+                                      {"eventCode", static_cast<uint32_t>(event.code)},
+                                      {"severity", "ERROR"}};
+    members.update(reporter());
+    Answer answer = problem(row.status, members);
+    if (row.status == 401)
+        answer.headers.emplace_back("WWW-Authenticate",
+                                    "Basic realm=\"kspool\", charset=\"UTF-8\"");
+    return answer;
+}
+
+Answer Core::answer(const Request& request, LogEntry& log) {
+    try {
+        return carryOut(request, log);
+    } catch (const Event& event) {
+        return eventAnswer(event);
+    } catch (const std::exception& error) {
+        return eventAnswer({kServerFailed, error.what()});
+    }
+}
+
+bool Core::knows(const std::string& id) {
+    return database_.query("SELECT 1 FROM answers WHERE id = ?", id).step();
+}
+
+void Core::describe(const Request& request, LogEntry& log) {
+    log.id = request.id;
+    log.service = request.service;
+    try {
+        log.parameters = pairsOf(request);
+    } catch (const Event&) {
+        log.parameters.clear();
+    }
+    if (request.service == "arch") log.action = "arch";
+    if (!log.parameters.empty() && log.parameters[0].first == "action") {
+        log.action = log.parameters[0].second;
+        log.parameters.erase(log.parameters.begin());
+    }
+}
+
+Answer Core::carryOut(const Request& request, LogEntry& log) {
+    const Accounts::Entry* account = accounts_.verify(request.authorization);
+    if (account == nullptr)
+        throw Event{kUnknownLogin, "Permission denied: unknown login or wrong password"};
+    log.login = account->login;
+    if (request.service == "arch") return {.body = std::to_string(architectureMode_)};
+    checkRequestId(request.id);
+    if (request.tooLarge) throw Event{kBadRequest, "the body of the request is too large"};
+
+    const Pairs pairs = pairsOf(request);
+    const Action& action = actionOf(request, pairs);
+    if (!Accounts::may(*account, action.permission)) {
+        throw Event{kNoPermission,
+                    "Permission denied: " + account->login + " may not " + action.name};
+    }
+    const Parameters parameters = parametersOf(action, pairs, request);
+    if (action.changes) return change(request, action, parameters, log);
+    Context context{names_, pos_, selections_, images_, now()};
+    Answer answer;
+    answer.body = action.handle(context, parameters);
+    answer.more = std::move(context.more);
+    return answer;
+}
+
+Answer Core::change(const Request& request, const Action& action, const Parameters& parameters,
+                    LogEntry& log) {
+    const std::string digest = digestOf(request, log.login);
+    auto transaction = std::make_unique<Transaction>(database_);
+    if (auto earlier = remembered(request, digest)) {
+        log.replayed = true;
+        return *earlier;
+    }
+    Answer answer;
+    try {
+        Context context{names_, pos_, selections_, images_, now()};
+        answer.body = action.handle(context, parameters);
+    } catch (const Event& event) {
+        // What is refused is remembered too, but changes nothing, whatever the handler did before.
+        answer = eventAnswer(event);
+        transaction.reset();
+        transaction = std::make_unique<Transaction>(database_);
+    }
+    remember(request, digest, answer);
+    transaction->commit();
+    return answer;
+}
+
+std::optional<Answer> Core::remembered(const Request& request, const std::string& digest) {
+    Query row =
+        database_.query("SELECT digest, status, type, body FROM answers WHERE id = ?", request.id);
+    if (!row.step()) return std::nullopt;
+    if (row.text(0) != digest) throw Event{kBadRequest, "Request-Id was used for another request"};
+    Answer answer;
+    answer.status = static_cast<unsigned>(row.number(1));
+    answer.type = row.text(2);
+    answer.body = row.text(3);
+    return answer;
+}
+
+void Core::remember(const Request& request, const std::string& digest, const Answer& answer) {
+    database_.run("INSERT INTO answers (id, digest, status, type, body) VALUES (?, ?, ?, ?, ?)",
+                  request.id, digest, answer.status, answer.type, answer.body);
+    database_.run("DELETE FROM answers WHERE number <= (SELECT max(number) FROM answers) - ?",
+                  kRememberedAnswers);
+}
+
+void Core::reset() {
+    Transaction transaction(database_);
+    names_.clear();
+    pos_.clear();
+    selections_.clear();
+    images_.clear();
+    database_.run("DELETE FROM answers");
+    transaction.commit();
+    fixedClock_.reset();
+}
+
+}  // namespace sandbox

@@ -1,0 +1,178 @@
+#include "sandbox/http/exchange.h"
+
+#include <memory>
+
+#include "sandbox/http/admin.h"
+#include "sandbox/http/delivery.h"
+
+namespace sandbox {
+namespace {
+
+struct Endpoint {
+    const char* service;
+    const char* method;
+};
+
+constexpr Endpoint kEndpoints[] = {
+    {"metabase", "POST"}, {"spa", "POST"}, {"keepalive", "POST"}, {"arch", "GET"}};
+
+constexpr std::string_view kServices = "/ws/";
+
+std::string header(MHD_Connection* connection, const char* name) {
+    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    return value != nullptr ? value : "";
+}
+
+Answer plain(unsigned status, const char* text) {
+    Answer answer;
+    answer.status = status;
+    answer.body = text;
+    return answer;
+}
+
+void readHead(Exchange& exchange, const std::string& prefix, MHD_Connection* connection,
+              const char* method) {
+    Request& request = exchange.request;
+    request.method = method;
+    request.contentType = header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
+    request.authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION);
+    request.id = header(connection, "Request-Id");
+    const bool admin = request.path.starts_with(kAdminFolder);
+    if (!prefix.empty() && !admin) {
+        if (request.path.starts_with(prefix + "/")) {
+            request.path.erase(0, prefix.size());
+        } else {
+            request.path.clear();
+        }
+    }
+    if (request.path.starts_with(kServices))
+        request.service = request.path.substr(kServices.size());
+    exchange.begun = true;
+}
+
+void readBody(Request& request, uint64_t limit, const char* data, size_t size) {
+    if (request.tooLarge || size > limit - request.body.size()) {
+        request.tooLarge = true;
+        std::string().swap(request.body);
+        return;
+    }
+    request.body.append(data, size);
+}
+
+Answer administer(const Exchange& exchange, State& state, MHD_Connection* connection) {
+    // No page that a browser shows may steer the server.
+    if (!header(connection, MHD_HTTP_HEADER_ORIGIN).empty())
+        return plain(403, "not for browsers\n");
+    const Request& request = exchange.request;
+    if (request.tooLarge) return plain(413, "too large\n");
+    const std::string path = request.path.substr(sizeof kAdminFolder - 1);
+    return administrate(state, request.method, path, request.body);
+}
+
+const Endpoint* findEndpoint(const std::string& service) {
+    for (const Endpoint& endpoint : kEndpoints) {
+        if (service == endpoint.service) return &endpoint;
+    }
+    return nullptr;
+}
+
+MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connection) {
+    State& state = service.state;
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    if (!exchange.described) {
+        exchange.described = true;
+        Core::describe(exchange.request, exchange.log);
+        exchange.fault = state.faults.take(exchange.log.action);
+        if (exchange.fault && exchange.fault->kind->refuses &&
+            state.core.knows(exchange.request.id)) {
+            exchange.fault.reset();
+        }
+        const uint64_t delay = exchange.fault ? exchange.fault->delay() : 0;
+        // Called again when the time is over.
+        if (delay > 0 && service.alarm.suspend(connection, delay)) return MHD_YES;
+    }
+    const Fault* fault = exchange.fault ? &*exchange.fault : nullptr;
+    Answer answer;
+    if (fault == nullptr || fault->kind->carriedOut)
+        answer = state.core.answer(exchange.request, exchange.log);
+    if (answer.more != nullptr && fault != nullptr) {  // which changes whole answers only
+        for (std::string block = answer.more(); !block.empty(); block = answer.more())
+            answer.body += block;
+        answer.more = nullptr;
+    }
+    if (answer.more != nullptr) {
+        answer.more = [more = std::move(answer.more), &state] {
+            const std::lock_guard<std::mutex> hold(state.mutex);
+            return more();
+        };
+    }
+    if (fault != nullptr) {
+        fault->kind->change(*fault, state.core.reporter(), answer);
+        exchange.log.fault = fault->kind->name;
+    }
+    exchange.log.status = isAnswered(fault) ? answer.status : 0;
+    state.log.add(std::move(exchange.log));
+    return deliver(connection, service.alarm, std::move(answer), fault);
+}
+
+MHD_Result finish(Service& service, Exchange& exchange, MHD_Connection* connection) {
+    const Request& request = exchange.request;
+    if (request.path.starts_with(kAdminFolder)) {
+        return deliver(connection, service.alarm, administer(exchange, service.state, connection),
+                       nullptr);
+    }
+    const Endpoint* endpoint = findEndpoint(request.service);
+    if (endpoint == nullptr)
+        return deliver(connection, service.alarm, plain(404, "no such service\n"), nullptr);
+    if (request.method != endpoint->method) {
+        Answer answer = plain(405, "not with this method\n");
+        answer.headers.emplace_back("Allow", endpoint->method);
+        return deliver(connection, service.alarm, std::move(answer), nullptr);
+    }
+    return serve(service, exchange, connection);
+}
+
+}  // namespace
+
+void* beginExchange(void* /*service*/, const char* uri, MHD_Connection* /*connection*/) noexcept {
+    try {
+        auto exchange = std::make_unique<Exchange>();
+        const std::string_view text = uri;
+        const size_t mark = text.find('?');
+        exchange->request.path = text.substr(0, mark);
+        if (mark != std::string_view::npos) exchange->request.query = text.substr(mark + 1);
+        return exchange.release();
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
+MHD_Result continueExchange(void* closure, MHD_Connection* connection, const char* /*url*/,
+                            const char* method, const char* /*version*/, const char* data,
+                            size_t* size, void** closureOfRequest) noexcept {
+    auto& service = *static_cast<Service*>(closure);
+    auto* exchange = static_cast<Exchange*>(*closureOfRequest);
+    if (exchange == nullptr) return MHD_NO;
+    try {
+        if (!exchange->begun) {
+            readHead(*exchange, service.state.prefix, connection, method);
+            return MHD_YES;
+        }
+        if (*size > 0) {
+            readBody(exchange->request, service.state.bodyLimit, data, *size);
+            *size = 0;
+            return MHD_YES;
+        }
+        return finish(service, *exchange, connection);
+    } catch (...) {
+        return MHD_NO;
+    }
+}
+
+void endExchange(void* /*service*/, MHD_Connection* /*connection*/, void** exchange,
+                 MHD_RequestTerminationCode /*code*/) noexcept {
+    delete static_cast<Exchange*>(*exchange);
+    *exchange = nullptr;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,212 @@
+// Folders for `serve`: what is in them, and the names of the configuration's entries.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "platform/ini.h"
+#include "sandbox/accounts.h"
+#include "sandbox/sandbox.h"
+#include "sandbox/setup/certificates.h"
+#include "sandbox/setup/url.h"
+
+namespace sandbox {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kConfiguration[] = "agent.cfg";
+constexpr char kAccounts[] = "accounts.json";
+constexpr char kDatabase[] = "pool.db";
+constexpr char kServerKeys[] = "tls/server";
+constexpr char kClientKeys[] = "tls/client";
+constexpr char kRoutes[] = "routes";
+
+enum class Value { kText, kUrl, kFolder, kKeys };
+
+/// An entry by the offsets of its names, as whoever reads the file addresses it.
+struct ConfigurationRow {
+    int section;
+    int entry;
+    Value kind;
+    const char* value;  ///< a folder is below the setup's
+    const char* comment;
+
+    const char* sectionName() const { return _qlx_config_section_string_table_ + section; }
+    const char* entryName() const { return _qlx_config_entry_string_table_ + entry; }
+};
+
+// Rows of a section stand together.
+constexpr ConfigurationRow kConfigurationRows[] = {
+    {171, 977, Value::kText, "Norvale", "Who provides the pool."},
+    {171, 763, Value::kText, "kspool sandbox", "A name for people."},
+    {206, 1322, Value::kUrl, nullptr, "The SPA server. The sandbox is both servers."},
+    {144, 1322, Value::kUrl, nullptr,
+     "The Metabase. kspool-sandbox serve takes port and path from here."},
+    {139, 1080, Value::kText, "1", "The number of the pool."},
+    {139, 7, Value::kText, "1", "The number of this agent in the pool."},
+    {139, 3072, Value::kText, "0",
+     "Seconds to go on trying when a server does not answer; 0: not at all."},
+    {9, 1487, Value::kText, "3", "Type of fingerprints; 3 has 32 bytes."},
+    {165, 905, Value::kFolder, kRoutes, "Folder for route tables."},
+    {165, 1503, Value::kKeys, kClientKeys, "Folder with ca.pem, cert.pem and key.pem for TLS."},
+};
+constexpr const ConfigurationRow& kUrlRow = kConfigurationRows[3];
+
+[[noreturn]] void fail(const std::string& text) {
+    throw std::runtime_error(text);
+}
+
+std::string configurationText(const std::string& url, const std::string& folder, bool tls) {
+    std::string text = "# Configuration of an agent of the sandbox in this folder.\n";
+    std::string section;
+    for (const ConfigurationRow& row : kConfigurationRows) {
+        if (row.kind == Value::kKeys && !tls) continue;
+        if (section != row.sectionName()) {
+            section = row.sectionName();
+            text.append("\n[").append(section).append("]\n");
+        }
+        const std::string value = row.kind == Value::kUrl    ? url
+                                  : row.kind == Value::kText ? row.value
+                                                             : folder + "/" + row.value;
+        text.append("# ").append(row.comment).append("\n");
+        text.append(row.entryName()).append(" = ").append(value).append("\n");
+    }
+    return text;
+}
+
+/// The value of an entry, which must be there.
+std::string configurationValue(const std::string& file, const ConfigurationRow& wanted) {
+    if (access(file.c_str(), R_OK) != 0) fail(file + ": " + strerror(errno));
+    char value[1024];
+    const int length = InifileGetValueA(wanted.sectionName(), wanted.entryName(), value,
+                                        sizeof value - 1, nullptr, file.c_str());
+    if (length > 0) return value;
+    fail(file + ": no " + wanted.entryName() + " in section " + wanted.sectionName());
+}
+
+/// A file that only its owner may read.
+void writeFile(const std::string& path, const std::string& text) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const bool opened = fd >= 0;
+    const bool written =
+        opened && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const int error = errno;
+    const bool closed = opened && close(fd) == 0;
+    if (!written) fail(path + ": " + strerror(error));
+    if (!closed) fail(path + ": " + strerror(errno));
+}
+
+void writeKeys(const std::string& folder, const std::string& authority, const KeyPair& pair) {
+    fs::create_directories(folder);
+    writeFile(folder + "/ca.pem", authority);
+    writeFile(folder + "/cert.pem", pair.certificate);
+    writeFile(folder + "/key.pem", pair.key);
+}
+
+/// A folder beside the one that is wanted, until rename() makes it that.
+class NewFolder {
+  public:
+    explicit NewFolder(const std::string& wanted) : path_(wanted + ".XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr) {
+            const std::string reason = strerror(errno);
+            path_.clear();
+            fail(wanted + ": " + reason);
+        }
+    }
+    NewFolder(const NewFolder&) = delete;
+    NewFolder& operator=(const NewFolder&) = delete;
+    ~NewFolder() {
+        std::error_code ignored;
+        if (!path_.empty()) fs::remove_all(path_, ignored);
+    }
+
+    const std::string& path() const { return path_; }
+    void rename(const std::string& wanted) {
+        if (::rename(path_.c_str(), wanted.c_str()) != 0) fail(wanted + ": " + strerror(errno));
+        path_.clear();
+    }
+
+  private:
+    std::string path_;
+};
+
+std::string absoluteFolder(const std::string& folder) {
+    if (folder.empty()) fail("an empty path names no folder");
+    std::string path = fs::weakly_canonical(fs::absolute(folder)).string();
+    while (path.size() > 1 && path.ends_with('/'))
+        path.pop_back();
+    for (const char c : path) {
+        if (static_cast<unsigned char>(c) < 0x20)
+            fail("a folder whose name has control characters cannot be configured");
+    }
+    return path;
+}
+
+void checkEmpty(const std::string& folder) {
+    if (!fs::exists(fs::symlink_status(folder))) return;
+    if (!fs::is_directory(folder)) fail(folder + ": exists and is no folder");
+    if (!fs::is_empty(folder)) fail(folder + ": exists and is not empty");
+}
+
+void fillFolder(const NewFolder& made, const std::string& folder, const Setup& setup,
+                const Url& url) {
+    const std::string& path = made.path();
+    const std::vector<Account> accounts = {
+        {"agent", randomPassword(), {"read", "write", "delete"}},
+        {"reader", randomPassword(), {"read"}},
+    };
+    for (const Account& account : accounts)
+        writeFile(path + "/" + account.login + ".password", account.password + "\n");
+    writeFile(path + "/" + kAccounts, accountsText(accounts));
+    std::string shown = setup.url;
+    while (shown.ends_with('/'))
+        shown.pop_back();
+    writeFile(path + "/" + kConfiguration, configurationText(shown, folder, setup.tls));
+    fs::create_directory(path + "/" + kRoutes);
+    if (!setup.tls) return;
+    const CertificateSet set = makeCertificates(url.host);
+    writeKeys(path + "/" + kServerKeys, set.authority, set.server);
+    writeKeys(path + "/" + kClientKeys, set.authority, set.client);
+}
+
+}  // namespace
+
+bool setUp(const Setup& setup, std::string& error) {
+    try {
+        const Url url = parseUrl(setup.url);
+        if (url.tls != setup.tls)
+            fail(setup.tls ? "TLS needs an https:// URL" : "an https:// URL needs TLS");
+        const std::string folder = absoluteFolder(setup.folder);
+        checkEmpty(folder);
+        NewFolder made(folder);
+        fillFolder(made, folder, setup, url);
+        made.rename(folder);
+        return true;
+    } catch (const std::exception& failure) {
+        error = failure.what();
+        return false;
+    }
+}
+
+bool readSetup(const std::string& folder, Settings& settings, std::string& error) {
+    try {
+        const std::string path = absoluteFolder(folder);
+        const Url url = parseUrl(configurationValue(path + "/" + kConfiguration, kUrlRow));
+        settings.port = url.port;
+        settings.prefix = url.prefix;
+        settings.database = path + "/" + kDatabase;
+        settings.accountsFile = path + "/" + kAccounts;
+        if (url.tls) settings.tlsFolder = path + "/" + kServerKeys;
+        return true;
+    } catch (const std::exception& failure) {
+        error = failure.what();
+        return false;
+    }
+}
+
+}  // namespace sandbox

@@ -1,0 +1,195 @@
+// Inside, a path has no slash at its end, so that the root is the empty text. What is below a path
+// P lies between P + '/' and P + '0', the character that follows the slash; names such as "P.b"
+// sort before that range, which is why nothing here relies on neighbours.
+#include "sandbox/store/names.h"
+
+#include "sandbox/store/event.h"
+#include "sandbox/store/path.h"
+
+namespace sandbox {
+namespace {
+
+constexpr char kAfterSlash = '/' + 1;
+
+std::string startBelow(const std::string& path) {
+    return path + '/';
+}
+
+std::string endBelow(const std::string& path) {
+    return path + kAfterSlash;
+}
+
+std::string line(char kind, int64_t size, int64_t mtime, std::string_view name) {
+    std::string text(1, kind);
+    text.append(" ").append(std::to_string(size)).append(" ").append(std::to_string(mtime));
+    text.append(" ").append(name).append("\n");
+    return text;
+}
+
+}  // namespace
+
+NameSpace::NameSpace(Database& database) : database_(database) {
+    database_.script(
+        "CREATE TABLE IF NOT EXISTS entries (path TEXT PRIMARY KEY, kind TEXT NOT NULL,"
+        " size INTEGER NOT NULL, mtime INTEGER NOT NULL) WITHOUT ROWID");
+}
+
+std::optional<NameSpace::Entry> NameSpace::find(const std::string& path) {
+    if (path.empty()) return Entry{'d', 0, 0};
+    Query row = database_.query("SELECT kind, size, mtime FROM entries WHERE path = ?", path);
+    if (!row.step()) return std::nullopt;
+    return Entry{row.text(0).front(), row.number(1), row.number(2)};
+}
+
+/// Says why there is nothing: what is above the path tells.
+void NameSpace::missing(const std::string& path, const std::string& shown) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        const std::string parent = path.substr(0, slash);
+        const auto entry = find(parent);
+        if (!entry) break;
+        if (entry->kind != 'd') throw Event{kNotDirectory, "not a directory: " + parent};
+    }
+    throw Event{kNotFound, "no such file or directory: " + shown};
+}
+
+NameSpace::Entry NameSpace::need(const std::string& path, const std::string& shown) {
+    const auto entry = find(path);
+    if (!entry) missing(path, shown);
+    return *entry;
+}
+
+/// Nothing at the path, and a directory to hold it.
+void NameSpace::needFree(const std::string& path, const std::string& shown) {
+    if (find(path)) throw Event{kExists, "already exists: " + shown};
+    const std::string parent = parentOf(path);
+    if (need(parent, parent).kind != 'd') throw Event{kNotDirectory, "not a directory: " + parent};
+}
+
+bool NameSpace::isEmpty(const std::string& path) {
+    return !database_
+                .query("SELECT 1 FROM entries WHERE path > ? AND path < ? LIMIT 1",
+                       startBelow(path), endBelow(path))
+                .step();
+}
+
+void NameSpace::mkdir(const std::string& text, int64_t now) {
+    const std::string path = normalPath(text);
+    needFree(path, shownPath(path));
+    database_.run("INSERT INTO entries VALUES (?, 'd', 0, ?)", path, now);
+}
+
+void NameSpace::prepareTransfer(const std::string& source, const std::string& destination,
+                                const char* verb) {
+    const std::string shown = shownPath(source);
+    need(source, shown);
+    if (destination.starts_with(startBelow(source)))
+        throw Event{kIntoItself, shown + " cannot be " + verb + " into itself"};
+    needFree(destination, shownPath(destination));
+}
+
+void NameSpace::copy(const std::string& from, const std::string& to, bool recursive) {
+    const std::string source = normalPath(from);
+    const std::string destination = normalPath(to);
+    prepareTransfer(source, destination, "copied");
+    if (!recursive && !isEmpty(source)) {
+        throw Event{kNeedsRecursive,
+                    "is a directory that is not empty, needs recursive: " + shownPath(source)};
+    }
+    static constexpr char kCopy[] =
+        "INSERT INTO entries SELECT ?2 || substr(path, length(?1) + 1), kind, size, mtime"
+        " FROM entries WHERE path = ?1 OR (path > ?3 AND path < ?4)";
+    database_.run(kCopy, source, destination, startBelow(source), endBelow(source));
+}
+
+void NameSpace::move(const std::string& from, const std::string& to) {
+    const std::string source = normalPath(from);
+    const std::string destination = normalPath(to);
+    if (source.empty()) throw Event{kIntoItself, "the root cannot be moved"};
+    prepareTransfer(source, destination, "moved");
+    static constexpr char kMove[] =
+        "UPDATE entries SET path = ?2 || substr(path, length(?1) + 1)"
+        " WHERE path = ?1 OR (path > ?3 AND path < ?4)";
+    database_.run(kMove, source, destination, startBelow(source), endBelow(source));
+}
+
+void NameSpace::remove(const std::string& text, bool recursive) {
+    const std::string path = normalPath(text);
+    if (path.empty()) throw Event{kIntoItself, "the root cannot be deleted"};
+    need(path, shownPath(path));
+    if (!recursive && !isEmpty(path))
+        throw Event{kNotEmpty, "directory not empty: " + shownPath(path)};
+    database_.run("DELETE FROM entries WHERE path = ?1 OR (path > ?2 AND path < ?3)", path,
+                  startBelow(path), endBelow(path));
+}
+
+std::string NameSpace::list(const std::string& text, bool recursive) {
+    const std::string path = normalPath(text);
+    const Entry entry = need(path, shownPath(path));
+    if (entry.kind != 'd') {
+        const std::string name = path.substr(path.rfind('/') + 1);
+        return line(entry.kind, entry.size, entry.mtime, name);
+    }
+    return recursive ? listBelow(path) : listChildren(path);
+}
+
+std::string NameSpace::listBelow(const std::string& path) {
+    const std::string first = startBelow(path);
+    const std::string end = endBelow(path);
+    std::string listing;
+    Query row = database_.query(
+        "SELECT path, kind, size, mtime FROM entries WHERE path > ? AND path < ? ORDER BY path",
+        first, end);
+    while (row.step()) {
+        listing += line(row.text(1).front(), row.number(2), row.number(3),
+                        row.text(0).substr(first.size()));
+    }
+    return listing;
+}
+
+/// Goes on behind the contents of a directory as soon as it meets them.
+std::string NameSpace::listChildren(const std::string& path) {
+    const std::string first = startBelow(path);
+    const std::string end = endBelow(path);
+    std::string next = first;
+    std::string listing;
+    Query row = database_.query(
+        "SELECT path, kind, size, mtime FROM entries WHERE path >= ? AND path < ? ORDER BY path",
+        next, end);
+    while (row.step()) {
+        const std::string_view name = row.text(0).substr(first.size());
+        const size_t slash = name.find('/');
+        if (slash == std::string_view::npos) {
+            listing += line(row.text(1).front(), row.number(2), row.number(3), name);
+            continue;
+        }
+        std::string behind = endBelow(first + std::string(name.substr(0, slash)));
+        row.reset();
+        next.swap(behind);
+        row.bind(next, end);
+    }
+    return listing;
+}
+
+void NameSpace::place(const std::string& text, char kind, int64_t size, int64_t mtime,
+                      int64_t now) {
+    const std::string path = normalPath(text);
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        const std::string parent = path.substr(0, slash);
+        const auto there = find(parent);
+        if (!there) database_.run("INSERT INTO entries VALUES (?, 'd', 0, ?)", parent, now);
+        if (there && there->kind != 'd') throw Event{kNotDirectory, "not a directory: " + parent};
+    }
+    const auto there = find(path);
+    if (there && there->kind != kind)
+        throw Event{kExists, "already exists as something else: " + shownPath(path)};
+    database_.run("INSERT OR REPLACE INTO entries VALUES (?, ?, ?, ?)", path,
+                  std::string_view(&kind, 1), size, mtime);
+}
+
+void NameSpace::clear() {
+    database_.run("DELETE FROM entries");
+}
+
+}  // namespace sandbox
