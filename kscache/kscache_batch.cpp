@@ -1,6 +1,7 @@
 // Batches: the single calls in a loop, with the memory that they are going to touch on its way.
 #include <algorithm>
 
+#include "kscache/kscache_entries.h"
 #include "kscache/kscache_int.h"
 #include "kscache/kscache_lanes.h"
 

@@ -90,17 +90,6 @@ inline void pushFree(KSCache* cache, KSCacheNode* slot) noexcept {
     ++cache->freeListCount;
 }
 
-/// The system's memory page size in bytes.
-uint64_t systemPageSize() noexcept;
-
-/// Advises huge pages for memory that is large enough to hold one.
-void adviseHugePages(void* memory, uint64_t length) noexcept;
-
-/// `multiple` is a power of two.
-constexpr uint64_t roundUp(uint64_t value, uint64_t multiple) noexcept {
-    return (value + multiple - 1) & ~(multiple - 1);
-}
-
 /// 0 for a good handle, else its status, which is then in the slot too.
 inline uint32_t checkHandle(const KSCache* cache) noexcept {
     if (cache == nullptr) return storeStatus(CR_STATUS_NULL_HANDLE);

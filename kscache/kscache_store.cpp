@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "kscache/kscache_int.h"
+#include "kscache/kscache_memory.h"
 
 namespace kspool {
 namespace {

@@ -150,24 +150,6 @@ inline KSCacheNode* findNode(const KSCache* cache, const Key& key) noexcept {
     return isMarked(root, key.head) ? findBelow(nodeIn(root), key) : nullptr;
 }
 
-/// What a presence test makes of what was found.
-inline uint32_t countLookup(KSCache* cache, KSCacheNode* node, uint64_t* valueOut) noexcept {
-    if (node == nullptr) {
-        ++cache->misses;
-        return CR_STATUS_NOT_FOUND;
-    }
-    countReference(*node);
-    if (valueOut != nullptr) *valueOut = node->value;
-    ++cache->hits;
-    return CR_STATUS_OK;
-}
-
-inline uint32_t tellValue(const KSCacheNode* node, uint64_t* valueOut) noexcept {
-    if (node == nullptr) return CR_STATUS_NOT_FOUND;
-    if (valueOut != nullptr) *valueOut = node->value;
-    return CR_STATUS_OK;
-}
-
 }  // namespace kspool
 
 #endif

@@ -1,0 +1,29 @@
+// Statuses and counters of lookups, shared by single calls and batches.
+#ifndef KSCACHE_ENTRIES_H
+#define KSCACHE_ENTRIES_H
+
+#include "kscache/kscache_tree.h"
+
+namespace kspool {
+
+/// What a presence test makes of what was found.
+inline uint32_t countLookup(KSCache* cache, KSCacheNode* node, uint64_t* valueOut) noexcept {
+    if (node == nullptr) {
+        ++cache->misses;
+        return CR_STATUS_NOT_FOUND;
+    }
+    countReference(*node);
+    if (valueOut != nullptr) *valueOut = node->value;
+    ++cache->hits;
+    return CR_STATUS_OK;
+}
+
+inline uint32_t tellValue(const KSCacheNode* node, uint64_t* valueOut) noexcept {
+    if (node == nullptr) return CR_STATUS_NOT_FOUND;
+    if (valueOut != nullptr) *valueOut = node->value;
+    return CR_STATUS_OK;
+}
+
+}  // namespace kspool
+
+#endif
