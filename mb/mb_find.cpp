@@ -5,6 +5,9 @@
 
 #include "mb/mb_int.h"
 
+int32_t ksvfs_conf_ws_timeout = 120;
+int32_t ksvfs_conf_ws_retrycount = 3;
+
 namespace kspool {
 namespace {
 
@@ -159,3 +162,16 @@ MBPOCursor* _mbFindFirst(MBSession* session, uint32_t dataselection,
 }
 
 }  // namespace kspool
+
+void MBSetTimeOut(int32_t step) noexcept {
+    ksvfs_conf_ws_timeout = step;
+}
+int32_t MBGetTimeOut() noexcept {
+    return ksvfs_conf_ws_timeout;
+}
+void MBSetRetryCount(int32_t count) noexcept {
+    ksvfs_conf_ws_retrycount = count;
+}
+int32_t MBGetRetryCount() noexcept {
+    return ksvfs_conf_ws_retrycount;
+}

@@ -57,22 +57,6 @@ inline constexpr char kMbSource[] = "../mb";
 /// What ends a list of parameters.
 inline constexpr char* kEndOfParameters = nullptr;
 
-/// Frees an answer's text unless it was handed on.
-class Answer : public WSResult {
-  public:
-    Answer() noexcept : WSResult{} {}
-    ~Answer();
-    Answer(const Answer&) = delete;
-    Answer& operator=(const Answer&) = delete;
-
-    /// The text, which is the taker's from now on.
-    char* takeData() noexcept {
-        char* taken = data;
-        data = nullptr;
-        return taken;
-    }
-};
-
 /// Prints a filter as the server wants it, as snprintf() does: returns the length, or a negative
 /// value with the reason in the slot.
 int _mbFilterToStringPrint(char* buffer, size_t size, const MBPOFilter* filter) noexcept;

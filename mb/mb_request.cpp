@@ -1,5 +1,6 @@
 #include "mb/mb_request.h"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace kspool {
@@ -101,6 +102,10 @@ uint32_t statusOf(const MBSession& session, const Operation& op, const WSResult&
 }
 
 }  // namespace
+
+Answer::~Answer() {
+    free(data);
+}
 
 const Operation& operation(Op op) noexcept {
     return kOperations[static_cast<size_t>(op)];

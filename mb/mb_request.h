@@ -33,6 +33,22 @@ struct Operation {
     bool storesStatus;  ///< a status that is not 0 goes to the slot
 };
 
+/// Frees an answer's text unless it was handed on.
+class Answer : public WSResult {
+  public:
+    Answer() noexcept : WSResult{} {}
+    ~Answer();
+    Answer(const Answer&) = delete;
+    Answer& operator=(const Answer&) = delete;
+
+    /// The text, which is the taker's from now on.
+    char* takeData() noexcept {
+        char* taken = data;
+        data = nullptr;
+        return taken;
+    }
+};
+
 /// The operations, in the order of the rows of their table.
 enum class Op : uint8_t {
     DirCreate,
@@ -77,6 +93,13 @@ uint32_t checkArguments(const MBSession* session, Pointers... required) {
     if (session == nullptr) return CR_STATUS_NULL_HANDLE;
     const bool complete = (... && (required != nullptr));
     return complete ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
+}
+
+/// For these operations a missing argument of any kind counts as a missing handle.
+template <typename... Pointers>
+uint32_t checkAll(const MBSession* session, Pointers... required) {
+    const bool complete = session != nullptr && (... && (required != nullptr));
+    return complete ? CR_STATUS_OK : CR_STATUS_NULL_HANDLE;
 }
 
 }  // namespace kspool

@@ -1,18 +1,11 @@
-// The life of a session after its creation: teardown, keep-alive, time-outs, tunables.
+// The life of a session after its creation: teardown, keep-alive, time-outs.
 #include <cstdlib>
 #include <ctime>
 
 #include "common/secret.h"
-#include "mb/mb_int.h"
+#include "mb/mb_request.h"
 
 using namespace kspool;
-
-int32_t ksvfs_conf_ws_timeout = 120;
-int32_t ksvfs_conf_ws_retrycount = 3;
-
-Answer::~Answer() {
-    free(data);
-}
 
 void MBSessionTeardown(MBSession* session) noexcept {
     session->state |= MB_STATE_CLOSING;
@@ -44,17 +37,4 @@ uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) noexcept {
     if (current != 0) return static_cast<uint32_t>(current);
     return WSSetOptVa(session->transport, uint32_t{WS_OPT_RECONNECT_TIMEOUT}, int64_t{seconds},
                       uint32_t{0});
-}
-
-void MBSetTimeOut(int32_t step) noexcept {
-    ksvfs_conf_ws_timeout = step;
-}
-int32_t MBGetTimeOut() noexcept {
-    return ksvfs_conf_ws_timeout;
-}
-void MBSetRetryCount(int32_t count) noexcept {
-    ksvfs_conf_ws_retrycount = count;
-}
-int32_t MBGetRetryCount() noexcept {
-    return ksvfs_conf_ws_retrycount;
 }
