@@ -175,8 +175,8 @@ KSPOOL_API void MBSetRetryCount(int32_t count) KSPOOL_NOEXCEPT;
 KSPOOL_API int32_t MBGetRetryCount(void) KSPOOL_NOEXCEPT;
 
 /* The variables behind these four; programs may read and write them. */
-extern KSPOOL_API int32_t ksvfs_conf_ws_timeout;    /* of MBSetTimeOut() */
-extern KSPOOL_API int32_t ksvfs_conf_ws_retrycount; /* of MBSetRetryCount() */
+extern KSPOOL_API int32_t ksvfs_conf_ws_timeout;    /* the step of MBSetTimeOut(), in seconds */
+extern KSPOOL_API int32_t ksvfs_conf_ws_retrycount; /* the count of MBSetRetryCount() */
 
 /* ---- Files, directories, time ---- */
 

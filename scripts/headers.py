@@ -8,6 +8,7 @@ DECLARATION = re.compile(r"((?:extern |typedef )?(?:KSPOOL_API )?[^;{}#/]*?\([^;
                          r"(?:\s*(?:QLX_PRINTF\([^)]*\)|__attribute__\(\(.*?\)\)))?;", re.S)
 # "  name   what it means", in a comment.
 TERM = re.compile(r"^ {2,4}(\S.*?) {2,}(\S.*)$")
+VARIABLE = re.compile(r"^extern KSPOOL_API ([^;]*?(\w+));\s*/\*(.*?)\*/", re.M | re.S)
 SHARED = "Arguments that mean the same everywhere:"
 
 
@@ -60,6 +61,12 @@ class Function:
                      without(comment, [name for name in explained if name in shared or name in self.says]))
 
 
+class Variable:
+    def __init__(self, found):
+        self.declaration, self.name = f"extern {found[1]}", found[2]
+        self.text = text_of(found[3])
+
+
 class Header:
     def __init__(self, path):
         source = open(path, encoding="utf-8").read()
@@ -67,6 +74,7 @@ class Header:
         head, _, table = self.introduction.partition(SHARED)
         self.shared = terms(table)
         self.introduction = head.strip()
+        self.variables = [Variable(found) for found in VARIABLE.finditer(source)]
         self.functions = []
         for comment in COMMENT.finditer(source):
             begin, end, further = comment.start(), comment.end() + 1, False
