@@ -3,10 +3,9 @@
 #ifndef KSCACHE_FILE_H
 #define KSCACHE_FILE_H
 
-#include <unistd.h>
+#include <cstddef>
 
-#include <cstring>
-
+#include "common/owned.h"
 #include "kscache/kscache_int.h"
 #include "kscache/kscache_tree.h"
 
@@ -24,26 +23,6 @@ static_assert(kRecordSize == 41);
 /// Records are written and read in blocks that callers with small stacks can bear.
 inline constexpr size_t kBlockRecords = 1536;
 inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
-
-/// Closes a descriptor at its end, without a trace in errno.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) noexcept : fd_(fd) {}
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const noexcept { return fd_; }
-    void close() noexcept {
-        if (fd_ < 0) return;
-        const ErrorsKept kept;
-        ::close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
 
 /// For save and load: a good handle and a path; the status of what is missing is in the slot.
 inline uint32_t checkFileRequest(const KSCache* cache, const char* path) noexcept {
