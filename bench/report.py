@@ -67,9 +67,9 @@ def machine():
 
 NODE_BYTES = 72
 MACHINE = {
-    "latency": "a read that waits for the one before",
-    "lines": "a line of 64 bytes, many on the way",
-    "copy": "a line of a copy",
+    "latency": "a read that depends on the read before",
+    "lines": "a cache line, many prefetched to the first level",
+    "copy": "a cache line of a copy",
 }
 
 
@@ -97,7 +97,7 @@ BARS = [  # what, figure of n entries, bar (a least when positive, a most when n
 
 
 def bars(counts):
-    out = ["## What we aim at", "",
+    out = ["## Aims", "",
            "| | at " + " | at ".join(f"{n:,}" for n in counts) + " | aim |", "|---|" + "---:|" * (len(counts) + 1)]
     for title, figure, bar in BARS:
         cells = []
@@ -112,7 +112,7 @@ def bars(counts):
 
 
 def line_limit(n):
-    """Nanoseconds that the lines of a hit take at least: one of the roots, two of the nodes."""
+    """Nanoseconds for the lines of a hit, one of the roots and two of the nodes, with this prefetch."""
     sizes = sorted(size for work, _, size in times if work == "lines")
     root, node = {1_000_000: sizes[:2], 10_000_000: sizes[2:]}[n]
     return median["lines", "machine", root] + 2 * median["lines", "machine", node]
@@ -120,36 +120,37 @@ def line_limit(n):
 
 def machine_limits():
     sizes = sorted(size for work, _, size in times if work == "lines")
-    out = ["## What the machine can do", "",
-           "Nanoseconds each, in memory of huge pages as large as the roots and the nodes of a million",
-           "entries (16 and 72 MB) and of ten million (256 and 720 MB).", "",
+    out = ["## The memory of the machine", "",
+           "Nanoseconds for each access to memory in huge pages, as large as the roots and the nodes of a",
+           "million entries (16 and 72 MB) and of ten million (256 and 720 MB).", "",
            "| | " + " | ".join(f"{size >> 20} MB" for size in sizes) + " |", "|---|" + "---:|" * len(sizes)]
     for work, title in MACHINE.items():
         out.append(f"| {title} | " + " | ".join(f"{median[work, 'machine', size]:.2f}" for size in sizes) + " |")
     million, ten = line_limit(1_000_000), line_limit(10_000_000)
     return out + [
         "",
-        f"A hit is one line of the roots and two of a node: {million:.0f} ns at a million entries and {ten:.0f} ns",
-        "at ten million, however it is programmed. Batches of hits take",
-        f"{median['hit', 'batch', 1_000_000]:.0f} and {median['hit', 'batch', 10_000_000]:.0f} ns, with"
-        " a second node for each fourth key or fewer, and at a million",
-        "entries pages too small for huge ones. A single hit waits for its root and then for its node;",
-        "abseil's first line is one of so few that it is near, and with half as many entries as roots the",
-        "node of a root is another key's for each fifth hit, which a processor cannot guess. A single add takes its root's line and new memory, which the",
-        "system clears first. A limit check passes over all pages three times: once to count, once to drop,",
-        "once to sort what is free.",
+        "A hit touches one line of the roots and two of a node. With a prefetch to the first level, which the",
+        f"lanes use, these lines alone take {million:.0f} ns at a million entries and {ten:.0f} ns at ten million;",
+        "batches of hits take",
+        f"{median['hit', 'batch', 1_000_000]:.0f} and {median['hit', 'batch', 10_000_000]:.0f} ns. A fourth of the"
+        " keys or fewer need a second node, and at a million",
+        "entries the pages are too small for huge pages. A single hit waits for its root and then for its node,",
+        "while abseil's control bytes mostly lie in a near cache. With half as many entries as roots, the first",
+        "node belongs to another key in a fifth of the hits, and the processor mispredicts that branch. A single",
+        "add needs the line of its root, and new memory that the system clears first. A limit check passes over",
+        "all pages three times: to count, to drop, and to rebuild the free list.",
     ]
 
 
 def cache_report():
     out = ["# The cache beside hash tables", ""]
     out += [
-        "Made by `scripts/bench`: all tables in one run, their rounds mixed, on memory that was touched",
-        "before. Nanoseconds an operation, median of the rounds; in brackets the ratio to",
+        "Written by `scripts/bench`: all tables in one run, rounds interleaved, on warmed-up memory.",
+        "Nanoseconds for each operation, median of the rounds; in brackets the ratio to",
         f"{NAMES[PEER]} (below 1 is faster). Keys are random 32-byte digests, looked up in another order",
-        "than they were added in. The cache has pages of a 200th of its entries, in whole huge pages if as",
-        "large, and `bits` as KSCacheBitsFor() tells.", "",
-        "![Nanoseconds an operation by number of entries](cache.svg)", "",
+        "than they were added in. A page of the cache has a 200th of the entries, rounded to whole huge",
+        "pages where it is large enough, and `bits` is the result of KSCacheBitsFor().", "",
+        "![Nanoseconds for each operation by number of entries](cache.svg)", "",
     ]
     for work, title in WORKS.items():
         out += [f"## {title[0].upper()}{title[1:]}", ""]
@@ -166,7 +167,7 @@ def cache_report():
         )
         rounds = len(times[work, "kspool", counts[0]])
         out += ["", f"Fastest to slowest of the {rounds} rounds of single calls: {spread} ns.", ""]
-    out += ["## What keeps a cache in order", "",
+    out += ["## File, checksum and memory limit", "",
             "Nanoseconds for each entry (or byte); the ratio is kspool's time divided by the peer's.", "",
             "| work | entries | kspool | peer | ratio |", "|---|---:|---:|---:|---:|"]
     for work, (title, *peers) in CARE.items():
@@ -200,14 +201,14 @@ SESSION = {  # work: title, peer
 def session_report():
     out = [
         "# Sessions beside bare libcurl", "",
-        "Made by `scripts/bench session`: each pair in one run, its rounds mixed. How many were done in a",
-        "second, median of the rounds; in brackets the slowest and the fastest round. A ratio above 1 is",
-        "faster than the peer.", "",
+        "Written by `scripts/bench session`: each pair in one run, rounds interleaved. Operations in a second,",
+        "median of the rounds; in brackets the slowest and the fastest round. A ratio above 1 is faster than",
+        "the peer.", "",
         "Requests go to the development server in the same process, one connection a round. The libcurl",
         "loop sends the same bytes with the same options and collects the answer; the session gives each",
-        "request an id, checks the answer and converts it. A query's answer comes from a server that only",
-        "sends it, on a connection of its own; its cursor is compared with a loop that finds each line's",
-        "end by memchr and overwrites it.", "",
+        "request an id, checks the answer and converts it. The answer of a query comes from a server that only",
+        "sends this answer, on a connection of its own; the cursor is compared with a loop that finds the end",
+        "of each line by memchr and overwrites it.", "",
         "| | kspool | peer | ratio |", "|---|---:|---:|---:|",
     ]
     for work, (title, peer) in SESSION.items():
@@ -220,7 +221,7 @@ def session_report():
         out.append(f"| {title} | {cells[0]} | {peer} {cells[1]} | {ratio:.2f} |")
     threads = sorted(count for name, _, count in times if name == "sessions")
     out += ["", "## More sessions at once", "",
-            "Each has its thread; client and server share the machine's processors.", "",
+            "Each session has a thread; client and server share the processors of the machine.", "",
             "| sessions | " + " | ".join(map(str, threads)) + " |", "|---|" + "---:|" * len(threads),
             "| requests a second | "
             + " | ".join(f"{1e9 / median['sessions', 'kspool', n]:,.0f}" for n in threads) + " |",
@@ -256,16 +257,17 @@ def growth_table(prefix, caption, name_of):
 
 def growth_report():
     out = ["# How cost grows", "",
-           "Made by `scripts/bench growth`: nanoseconds for each entry, median of three rounds (one from 30",
-           "million entries on). Keys are made when they are needed; lookups are of random ones. Pages and",
+           "Written by `scripts/bench growth`: nanoseconds for each entry, median of three rounds (one from 30",
+           "million entries on). Keys are computed when they are needed; lookups choose at random. Pages and",
            "roots are as in [cache.md](cache.md).", "", "![Nanoseconds by number of entries](growth.svg)", ""]
     out += growth_table("grow-", "entries", lambda n: f"{n:,}")
-    out += ["", "A limit of whole megabytes leaves 10,000 entries alone. Up to 100,000 entries all is near; from there on",
-            "single calls pay for each line that is not, while batches wait for many at once.",
+    out += ["", "A limit of whole MiB is too coarse for the smallest caches: nothing was dropped there. Up to 100,000",
+            "entries fit the caches of the processor; beyond, single calls wait for each line from memory, while",
+            "batches wait for many lines at once.",
             "", "## Ten million entries by number of roots", "", "![Nanoseconds by bits](bits.svg)", ""]
     out += growth_table("bits-", "bits", str)
-    out += ["", "KSCacheBitsFor() tells 25. With few roots a search goes down a tree of many levels, each a line that",
-            "it has to wait for.", ""]
+    out += ["", "KSCacheBitsFor() gives 25. With few roots a search descends many levels, and each level is one more",
+            "line from memory that depends on the line before.", ""]
     write("growth.md", out + machine())
 
 
@@ -275,24 +277,24 @@ def limit_report():
     rows = {(row["stream"], row["percent"]): row for row in report}
     streams = list(dict.fromkeys(row["stream"] for row in report))
     out = ["# What the memory limit keeps", "",
-           "Made by `scripts/bench limit`: share of hits among 8 million lookups of 400,000 different keys (and",
-           "those that come once only), at a limit of a part of the memory that all would need. `KSCacheCheck()`",
-           "was called after each 4,000 lookups; what was not found was added.", "",
-           "- kspool: the cache as it is; a check drops what was asked for least often.",
+           "Written by `scripts/bench limit`: share of hits among 8 million lookups of 400,000 different keys (and",
+           "of keys that occur once only), under a limit that is a part of the memory for all keys.",
+           "`KSCacheCheck()` was called after each 4,000 lookups; unknown keys were added.", "",
+           "- kspool: the cache as it is; a check drops the entries with the lowest reference counts.",
            "- until full: nothing is added to a full cache, and nothing dropped.",
-           "- last used: what was used longest ago is dropped (LRU), one for one.",
-           "- ideal: what will be needed last is dropped.", "",
+           "- last used: the least recently used entry is dropped (LRU), one for one.",
+           "- ideal: the entry that is needed last of all is dropped (Belady's optimum).", "",
            "| stream | limit | " + " | ".join(kinds.values()) + " |", "|---|---:|" + "---:|" * len(kinds)]
     for stream in streams:
         for percent in percents:
             row = rows[stream, percent]
             out.append(f"| {stream} | {percent} % | " + " | ".join(f"{row[k]:.3f}" for k in kinds) + " |")
-    out += ["", "Counting references does better than the order of use nearly wherever some keys are asked for more often",
-            "than others, the more so the smaller the cache, and with scans of new keys too. It keeps nothing of data that come round as a whole, when not all of them",
-            "fit: all have the same count, and a check drops all that have it. Neither does the order of use.",
-            "A cache that takes nothing more when it is full keeps its part then; see",
+    out += ["", "Reference counts beat LRU nearly wherever some keys are asked for more often than others, by more in",
+            "smaller caches, and with scans of new keys too. Cyclic scans larger than the limit defeat count-based",
+            "eviction and LRU alike: all entries have equal counts, and a check drops every entry with the lowest",
+            "count. A cache that takes nothing more when it is full keeps its part of the cycle; see",
             "[capacity.md](../capacity.md).", "",
-            "## What checks cost", "",
+            "## Cost of checks", "",
             "| stream | limit | checks that dropped | entries dropped each | longest, ms | ns an entry dropped |"
             " ns a lookup |", "|---|---:|---:|---:|---:|---:|---:|"]
     for stream in streams:
@@ -301,9 +303,9 @@ def limit_report():
             out.append(f"| {stream} | {percent} % | {row['checks']:,} | {row['dropped'] / row['checks']:,.0f} | "
                        f"{row['longest check'] * 1e3:.1f} | {row['check seconds'] / row['dropped'] * 1e9:.0f} | "
                        f"{row['check seconds'] / row['lookups'] * 1e9:.0f} |")
-    out += ["", "Each check goes through all pages, so what it costs a lookup falls with the number of lookups between",
-            "two of them. A cache that was cut keeps its pages until there are free slots for a whole one; a check",
-            "before that counts once more and drops a few."]
+    out += ["", "Each check passes over all pages, so the cost for each lookup falls with the number of lookups between",
+            "two checks. After a check the cache keeps its pages until a whole page of slots is free; an earlier check",
+            "counts once more and drops a few entries."]
     write("limit.md", out + [""])
 
 

@@ -1,20 +1,20 @@
-# Warnings of our own code, as errors, hardening, and the sanitizers. Everything of ours links kspool_compiler.
+# Warnings as errors, hardening, and the sanitizers. Every target of ours links kspool_compiler.
 add_library(kspool_compiler INTERFACE)
 target_compile_options(kspool_compiler INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
-  # What nobody set is not 0 by chance.
+  # Fill uninitialised variables with a pattern: zero would hide a missing assignment.
   $<$<CONFIG:Debug>:-ftrivial-auto-var-init=pattern>
-  # gcc 12 warns of overlaps inside its own std::string when it optimises.
+  # gcc 12 warns of overlaps inside its own std::string in optimised builds.
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
-  # Calls between our own exported functions need not go through the linker's table.
+  # Calls between our own exported functions bypass the linker's table; nobody replaces these functions.
   $<$<C_COMPILER_ID:GNU>:-fno-semantic-interposition>)
 target_include_directories(kspool_compiler INTERFACE ${PROJECT_SOURCE_DIR}
                                                      ${PROJECT_SOURCE_DIR}/include)
 if(KSPOOL_HARDEN AND NOT KSPOOL_SANITIZE)
   target_compile_options(kspool_compiler INTERFACE
     -fstack-protector-strong -fstack-clash-protection -fcf-protection
-    # Checked buffers are for optimised code only.
+    # Checked buffers work in optimised code only.
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE>
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=3>)
   target_link_options(kspool_compiler INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)

@@ -5,9 +5,9 @@ function(kspool_module name)
 endfunction()
 
 # kspool_library(NAME MODULES...): lib<NAME>.so.1 and lib<NAME>.a (target <NAME>_static) from
-# modules. The shared library exports what cmake/exports.list names for it, and nothing else.
-# Symbols of libkspool carry a version; those of the platform do not, so that another implementation
-# needs no more than the names.
+# modules. The shared library exports the symbols that cmake/exports.list names for it, and no others.
+# Symbols of libkspool carry a version; symbols of the platform do not, so that another implementation
+# needs the names only.
 function(kspool_library name)
   set(list ${PROJECT_SOURCE_DIR}/cmake/exports.list)
   set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})

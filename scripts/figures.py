@@ -1,4 +1,4 @@
-"""The tables in docs/reliability.md that scripts write: each between two marks, under a name."""
+"""The tables that scripts write into docs/reliability.md: each lies between two marks, under a name."""
 import os
 
 DOCUMENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs", "reliability.md")
@@ -18,7 +18,7 @@ def read(name):
 
 
 def write(name, head, rows):
-    """Prints a table and puts it in the place of the one before. Columns but the first are numbers."""
+    """Prints a table and replaces the one of that name. Columns but the first are numbers."""
     lines = ["| " + " | ".join(head) + " |", "|---" + "|---:" * (len(head) - 1) + "|"]
     lines += ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows]
     table = "\n".join(lines) + "\n"

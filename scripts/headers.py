@@ -1,5 +1,5 @@
-"""The public headers as a reference sees them: each function with its comment, its arguments, and
-what is said of these, there or once for all at the top of the header."""
+"""The public headers for a reference: each function with its comment and its arguments, which are
+explained in that comment or once for all at the top of the header."""
 import re
 import textwrap
 
@@ -19,7 +19,7 @@ def text_of(comment):
 
 
 def terms(text):
-    """What is explained in a comment as a table: names to texts."""
+    """The table of a comment: names to explanations."""
     found, name = {}, None
     for line in text.splitlines():
         term = TERM.match(line)
@@ -99,7 +99,7 @@ def numbered(lines):
 
 
 def paragraphs(text):
-    """A comment's paragraphs: texts, tables as lists of pairs, and what stands as it is as lines."""
+    """A comment's paragraphs: texts, tables as lists of pairs, and verbatim lines."""
     for block in re.split(r"\n\s*\n", text):
         lines = block.splitlines()
         if re.match(r"\d+\. ", block):
