@@ -1,5 +1,8 @@
-// How every module reports: the status slot, failed system calls, traces and log messages. Modules
-// write no message and store no status but through this file.
+// How every module reports: the status slot, failed system calls, traces and log messages. This
+// file is the only way to store a status or to write a message, so that the slot rule is kept in
+// one place: a message leaves errno and the slot as they were.
+//
+// Thread rule: any thread; errno and the slot are the calling thread's own.
 #ifndef COMMON_DIAGNOSTICS_H
 #define COMMON_DIAGNOSTICS_H
 
@@ -22,35 +25,36 @@ inline uint32_t storeStatus(uint32_t status) noexcept {
     return status;
 }
 
-/// Another thread may turn tracing on or off at any time.
+/// A relaxed atomic load: another thread may switch tracing at any time, and no other data depends
+/// on the switch.
 inline bool tracing() noexcept {
     return __atomic_load_n(__qlxlog_trace_location(), __ATOMIC_RELAXED) != 0;
 }
 
-/// Puts errno and the slot back at its end: for calls that may disturb them but must not be seen
-/// to.
-class ErrorsKept {
+/// Restores errno and the status slot at its end: for calls that may change them, inside functions
+/// whose contract leaves them alone.
+class ErrnoAndSlotGuard {
   public:
-    ErrorsKept() noexcept : errno_(errno), status_(statusSlot()) {}
-    ~ErrorsKept() {
+    ErrnoAndSlotGuard() noexcept : errno_(errno), status_(statusSlot()) {}
+    ~ErrnoAndSlotGuard() {
         errno = errno_;
         statusSlot() = status_;
     }
-    ErrorsKept(const ErrorsKept&) = delete;
-    ErrorsKept& operator=(const ErrorsKept&) = delete;
+    ErrnoAndSlotGuard(const ErrnoAndSlotGuard&) = delete;
+    ErrnoAndSlotGuard& operator=(const ErrnoAndSlotGuard&) = delete;
 
   private:
     int errno_;
     uint32_t status_;
 };
 
-/// The status of the system call that has just failed, stored in the slot. errno stays for the
-/// message that follows.
+/// Maps errno of the system call that has just failed to a status, and stores it in the slot. errno
+/// stays as it is, for the message that follows.
 inline uint32_t storeSystemError(const char* function, const char* sourceFile,
                                  int line = __builtin_LINE()) noexcept {
     uint32_t status = 0;
     {
-        const ErrorsKept kept;
+        const ErrnoAndSlotGuard kept;
         status = _crMapError(function, sourceFile, line);
     }
     return storeStatus(status);
@@ -58,13 +62,13 @@ inline uint32_t storeSystemError(const char* function, const char* sourceFile,
 
 }  // namespace kspool
 
-// Messages are macros, so that the arguments of one that is not written are not computed either and
-// the compiler checks each against its format. They leave errno and the slot as they were; an
-// argument may still read both.
-#define KS_MESSAGE_(call, ...)          \
-    do {                                \
-        const kspool::ErrorsKept kept_; \
-        call(__VA_ARGS__);              \
+// Messages are macros, so that the arguments of a trace that is not written are not computed, and
+// the compiler checks each message's arguments against its format. They leave errno and the slot as
+// they were; an argument may still read both.
+#define KS_MESSAGE_(call, ...)                 \
+    do {                                       \
+        const kspool::ErrnoAndSlotGuard kept_; \
+        call(__VA_ARGS__);                     \
     } while (false)
 
 #define KS_ERROR(status, ...) KS_MESSAGE_(ErrorA, status, __VA_ARGS__)

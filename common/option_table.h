@@ -1,4 +1,5 @@
-// The option-code space as one table: what each consumer does with each code.
+// The space of option codes as one table: how each consumer treats each code. Sessions and agent
+// configurations read the same rows, so that they cannot disagree about a code.
 #ifndef COMMON_OPTION_TABLE_H
 #define COMMON_OPTION_TABLE_H
 
@@ -40,15 +41,15 @@ enum class ConfigField : uint8_t {
     DoType,
 };
 
-/// Which texts an agent configuration accepts besides full ones.
+/// Which texts an agent configuration accepts besides non-empty ones.
 enum class ConfigText : uint8_t {
     NotText,
     NonEmpty,      ///< neither NULL nor empty
     MayBeEmpty,    ///< empty, but not NULL
-    ClearsIfNone,  ///< NULL or empty clears the field
+    ClearsIfNone,  ///< NULL and empty clear the field
 };
 
-/// One run of codes that are treated alike.
+/// A range of codes that are treated alike.
 struct OptionRow {
     uint32_t first;
     uint32_t last;
@@ -61,7 +62,7 @@ struct OptionRow {
     uint32_t capacity;  ///< texts must be shorter than this
 };
 
-/// How many records of a kind one call takes.
+/// The most records of a kind in one call.
 enum OptionLimit : uint32_t {
     kMaxVaOptions = 32,
     kMaxForwardedOptions = 31,

@@ -1,4 +1,5 @@
-// Records that hold a password are wiped when they go.
+// Wiping of records that hold a password: freed or reused memory would still show it, in a core
+// dump for example.
 #ifndef COMMON_SECRET_H
 #define COMMON_SECRET_H
 
@@ -7,16 +8,17 @@
 
 namespace kspool {
 
-/// Overwrites a record at its end, in a way that no compiler leaves out.
+/// Overwrites a record at the end of the scope. explicit_bzero(), since a compiler may drop
+/// memset() of memory that nobody reads again.
 template <typename Record>
-class WipedAtEnd {
+class ScopedWipe {
     static_assert(std::is_trivially_copyable_v<Record>);
 
   public:
-    explicit WipedAtEnd(Record& record) noexcept : record_(record) {}
-    ~WipedAtEnd() { explicit_bzero(&record_, sizeof record_); }
-    WipedAtEnd(const WipedAtEnd&) = delete;
-    WipedAtEnd& operator=(const WipedAtEnd&) = delete;
+    explicit ScopedWipe(Record& record) noexcept : record_(record) {}
+    ~ScopedWipe() { explicit_bzero(&record_, sizeof record_); }
+    ScopedWipe(const ScopedWipe&) = delete;
+    ScopedWipe& operator=(const ScopedWipe&) = delete;
 
   private:
     Record& record_;

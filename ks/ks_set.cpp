@@ -85,7 +85,7 @@ using namespace kspool;
 uint32_t KSConfigSet(KSConfig* config, const KSOption* options, uint32_t count) noexcept {
     if (config == nullptr || (options == nullptr && count > 0)) return CR_STATUS_INVALID_PARAMETER;
     KSConfig copy = *config;
-    const WipedAtEnd wiped(copy);
+    const ScopedWipe wiped(copy);
     copy.doType = kNoDoType;
     uint32_t status = CR_STATUS_OK;
     for (uint32_t i = 0; i < count; ++i) {

@@ -9,15 +9,17 @@ namespace {
 
 constexpr uint32_t kModulus = 65521;
 
-/// As many bytes as can be added up, from reduced sums on, before the second sum outgrows 32 bits.
+/// The most bytes that can be added to reduced sums before the second sum overflows 32 bits, so
+/// that the modulo is taken once for as many bytes.
 constexpr size_t kReduceAfter = 5552;
 
 constexpr uint32_t join(uint32_t first, uint32_t second) {
     return second << 16 | first;
 }
 
-/// Bytes that one step of the vector version takes. The vectors' second sum counts a byte once for
-/// every step after its own, its place within the step comes on top.
+/// Bytes of one step of the vector version. A byte counts in the second sum once for each byte from
+/// it to the end of the block: 64 times for each step after its own (`earlier`), and its weight
+/// within its step on top.
 constexpr uint32_t kStep = 64;
 constexpr size_t kStepsBeforeReduce = kReduceAfter / kStep;
 
@@ -28,10 +30,10 @@ __attribute__((target("avx2"))) uint32_t sumOfWords(__m256i words) {
     return static_cast<uint32_t>(_mm_cvtsi128_si32(half));
 }
 
-/// Folds whole steps: what is left over is the caller's.
+/// Folds whole steps; the caller folds the rest.
 __attribute__((target("avx2"))) uint32_t foldSteps(uint32_t sum, const uint8_t* bytes,
                                                    size_t steps) {
-    // A byte's weight within its half of a step: the first counts 32 times, the last once.
+    // The weight of a byte within its half of a step: the first counts 32 times, the last once.
     const __m256i weights =
         _mm256_setr_epi8(32, 31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14,
                          13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1);
@@ -52,7 +54,7 @@ __attribute__((target("avx2"))) uint32_t foldSteps(uint32_t sum, const uint8_t* 
             earlier = _mm256_add_epi32(earlier, sums);
             sums = _mm256_add_epi32(sums, _mm256_add_epi32(sumA, _mm256_sad_epu8(b, zero)));
             firstHalves = _mm256_add_epi32(firstHalves, sumA);
-            // At most 255 x (32 + 31) x 2 in 16 bits: 32130.
+            // At most 255 x (32 + 31) x 2 = 32130 in a lane of 16 bits: no saturation.
             const __m256i places = _mm256_add_epi16(_mm256_maddubs_epi16(a, weights),
                                                     _mm256_maddubs_epi16(b, weights));
             weighted = _mm256_add_epi32(weighted, _mm256_madd_epi16(places, ones));

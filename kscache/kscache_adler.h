@@ -1,5 +1,6 @@
-// Adler-32, the checksum of cache files: two sums modulo 65521, of the bytes, and of the first sum
-// after each byte. Starts at 1; folding pieces one after the other gives the sum of all of them.
+// Adler-32, the checksum of cache files: two sums modulo 65521, the first of all bytes, the second
+// of the first sum after each byte. The checksum starts at 1, and folding pieces in turn gives the
+// checksum of the whole.
 #ifndef KSCACHE_ADLER_H
 #define KSCACHE_ADLER_H
 
@@ -10,10 +11,10 @@ namespace kspool {
 
 inline constexpr uint32_t kAdlerStart = 1;
 
-/// Folds bytes into a checksum, with vector instructions where the processor has them.
+/// Folds bytes into a checksum, with AVX2 instructions if the processor has them.
 uint32_t adlerFold(uint32_t sum, const void* bytes, size_t length) noexcept;
 
-/// The same without them.
+/// The same with plain instructions: for processors without AVX2, and for the rest of a block.
 uint32_t adlerFoldPlain(uint32_t sum, const uint8_t* bytes, size_t length) noexcept;
 
 }  // namespace kspool

@@ -1,4 +1,5 @@
-// Batches: the single calls in a loop, with the memory that they are going to touch on its way.
+// Batches: the single calls in a loop, in the same order and with the same effects,
+// software-pipelined (kscache_lanes.h) so that the cache misses of many keys overlap.
 #include <algorithm>
 
 #include "kscache/kscache_entries.h"
@@ -20,12 +21,12 @@ uint32_t checkBatch(const KSCache* cache, const KSCacheKey* keys, size_t count) 
     return keys != nullptr && !holdsNull(keys, count) ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
-/// Answers each key in turn with what its search found. Lookups leave the trees alone, so a search
-/// that was followed ahead is as good as one that starts now.
+/// Calls `answer` for each key in turn with the node of the key, or NULL. Lookups do not change
+/// trees, so each search goes on from the node at which its lane arrived.
 template <typename Answer>
 void lookUp(const KSCache* cache, const KSCacheKey* keys, size_t count, uint32_t* statuses,
             Answer answer) {
-    Lanes<Purpose::kTell>(cache, keys, count).follow([=](size_t i, KSCacheNode* node) {
+    Lanes<Purpose::kLookup>(cache, keys, count).follow([=](size_t i, KSCacheNode* node) {
         const uint32_t status =
             answer(findBelow(node, makeKey(keys[i].fingerprint, keys[i].type)), i);
         if (statuses != nullptr) statuses[i] = status;
@@ -51,7 +52,7 @@ uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* keys, size_t 
                            uint64_t* values, uint32_t* statuses) noexcept {
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
     lookUp(cache, keys, count, statuses,
-           [=](const KSCacheNode* node, size_t i) { return tellValue(node, valueAt(values, i)); });
+           [=](const KSCacheNode* node, size_t i) { return copyValue(node, valueAt(values, i)); });
     return CR_STATUS_OK;
 }
 
@@ -60,7 +61,9 @@ uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t*
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
     if (count != 0 && values == nullptr) return CR_STATUS_INVALID_PARAMETER;
     uint32_t failure = CR_STATUS_OK;
-    // Nothing is looked at ahead while a callback may run, which may even release pages.
+    // Lanes are not kept across adds: an add changes trees, and its callback may even release pages
+    // (by a compaction), from which a lane would read. So a batch of keys is prefetched first, and
+    // each add then searches anew.
     for (size_t first = 0; first < count; first += kPathsAtOnce) {
         const size_t end = std::min(first + kPathsAtOnce, count);
         prefetchPaths(cache, keys + first, end - first);

@@ -10,7 +10,8 @@ using namespace kspool;
 namespace {
 
 void fillNode(KSCacheNode& node, const Key& key, uint64_t value) {
-    // The key may lie in the slot itself: a walk may delete its entry and add it again.
+    // memmove: the key may lie in the slot itself, when a walk's callback deletes its entry and
+    // adds it again.
     memmove(node.fingerprint, key.digest, digestLength(key.type));
     node.higher = nullptr;
     node.lower = nullptr;
@@ -19,13 +20,13 @@ void fillNode(KSCacheNode& node, const Key& key, uint64_t value) {
     node.type = key.type;
 }
 
-/// Takes a node out of its tree. Its place goes to the next entry in the order, the lowest of those
-/// above it.
+/// Unlinks a node from its tree. If it has both children, its in-order successor takes its place:
+/// the lowest node of its `higher` subtree. The slot itself is left to the caller.
 void unlinkNode(KSCacheNode** link) {
     const KSCacheNode* node = nodeAt(link);
     KSCacheNode* successor = node->higher;
     if (successor == nullptr || node->lower == nullptr) {
-        hang(link, successor != nullptr ? successor : node->lower);
+        attach(link, successor != nullptr ? successor : node->lower);
         return;
     }
     if (successor->lower != nullptr) {
@@ -36,7 +37,7 @@ void unlinkNode(KSCacheNode** link) {
         successor->higher = node->higher;
     }
     successor->lower = node->lower;
-    hang(link, successor);
+    attach(link, successor);
 }
 
 }  // namespace
@@ -58,15 +59,15 @@ uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type, uint
     if (node == nullptr) return statusSlot();
     ++cache->cachedItems;
     fillNode(*node, key, value);
-    hang(link, node);
-    mark(rootOf(cache, key), key);
+    attach(link, node);
+    setMark(rootOf(cache, key), key);
     return CR_STATUS_OK;
 }
 
 uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, uint32_t type,
                       uint64_t* valueOut) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
-    return tellValue(findNode(cache, makeKey(fingerprint, type)), valueOut);
+    return copyValue(findNode(cache, makeKey(fingerprint, type)), valueOut);
 }
 
 uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint32_t type,

@@ -6,7 +6,7 @@
 
 namespace kspool {
 
-/// What a presence test makes of what was found.
+/// The presence test of a search's result: counts the hit or miss and the reference.
 inline uint32_t countLookup(KSCache* cache, KSCacheNode* node, uint64_t* valueOut) noexcept {
     if (node == nullptr) {
         ++cache->misses;
@@ -18,7 +18,8 @@ inline uint32_t countLookup(KSCache* cache, KSCacheNode* node, uint64_t* valueOu
     return CR_STATUS_OK;
 }
 
-inline uint32_t tellValue(const KSCacheNode* node, uint64_t* valueOut) noexcept {
+/// The fetch of a search's result: nothing is counted.
+inline uint32_t copyValue(const KSCacheNode* node, uint64_t* valueOut) noexcept {
     if (node == nullptr) return CR_STATUS_NOT_FOUND;
     if (valueOut != nullptr) *valueOut = node->value;
     return CR_STATUS_OK;

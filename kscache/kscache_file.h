@@ -1,5 +1,6 @@
-// The cache file: a magic header whose value is the Adler-32 of all that follows, then one record
-// for each entry, without count, padding or trailer. docs/cache-format.md describes it to the byte.
+// The cache file: a magic header whose value is the Adler-32 checksum of all bytes after it, then
+// one record for each entry, without count, padding or trailer. docs/cache-format.md describes it
+// to the byte.
 #ifndef KSCACHE_FILE_H
 #define KSCACHE_FILE_H
 
@@ -13,18 +14,20 @@ namespace kspool {
 
 inline constexpr uint32_t kCacheFileType = 64;
 
-/// A record: the whole fingerprint field of the node, whatever its type; the type; the value in the
-/// machine's byte order.
+/// A record: the whole 32-byte fingerprint field of the node, whatever its type; the type; the
+/// value in the machine's byte order.
 inline constexpr size_t kTypeOffset = kLongDigest;
 inline constexpr size_t kValueOffset = kTypeOffset + sizeof(KSCacheNode::type);
 inline constexpr size_t kRecordSize = kValueOffset + sizeof(KSCacheNode::value);
 static_assert(kRecordSize == 41);
 
-/// Records are written and read in blocks that callers with small stacks can bear.
+/// Records are written and read in blocks of 63 kB, which lie on the stack: larger ones would save
+/// few system calls and overflow small thread stacks.
 inline constexpr size_t kBlockRecords = 1536;
 inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
 
-/// For save and load: a good handle and a path; the status of what is missing is in the slot.
+/// For save and load: checks the handle and the path; the status of a bad one is in the status
+/// slot.
 inline uint32_t checkFileRequest(const KSCache* cache, const char* path) noexcept {
     if (const uint32_t bad = checkHandle(cache)) return bad;
     if (path == nullptr) return storeStatus(CR_STATUS_INVALID_PARAMETER);

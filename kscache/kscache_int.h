@@ -1,4 +1,21 @@
-// The cache's records, and what its source files call of each other.
+// The cache's records, and the functions that its source files call of each other.
+//
+// Thread rule: one thread at a time per cache, lookups included, since they update counters and
+// reference counts. No lock is taken; different caches share no data.
+// Invariants, between any two calls:
+//  1. Each slot is in exactly one of: the tree of the root that its key selects (refCount >= 1),
+//     the free list, or the area (refCount 0 in both). Passes over pages tell used slots by
+//     refCount alone: a free slot still holds the bytes of its last key.
+//  2. The area is the end of the last page, from `areaPointer` on. No other page has one: a page
+//     is only added when the area is used up.
+//  3. A search for the key of a node ends at that node (kscache_tree.h has the invariants of a
+//     tree). So a key is in one node at most.
+//  4. Every page has `areaSize` slots. `areaSize`, `bits` and `mask` change only in cacheInit(),
+//     when there are no pages.
+//  5. A node keeps its address as long as its entry lives, except in KSCacheReclaim(), which
+//     `busy` keeps out while a walk is under way.
+//  6. The counters are exact: `cachedItems` nodes in the trees, `freeListCount` on the free list,
+//     `nodesAvailable` in the area. `KSCachePage::freeCount` alone is not (see there).
 #ifndef KSCACHE_INT_H
 #define KSCACHE_INT_H
 
@@ -9,33 +26,37 @@
 #include "common/diagnostics.h"
 #include "kscache.h"
 
-/// A page: one mapping of `areaSize` slots. This header lies in slot 0; slots 1 to areaSize - 1
-/// hold nodes. The pages of a cache form a list in the order in which they were mapped; slots are
-/// issued in address order from the last one.
+/// A page: one memory mapping of `areaSize` slots of 72 bytes. This header lies in slot 0, slots 1
+/// to areaSize - 1 hold nodes. A slot has no header of its own: used and free slots are both
+/// KSCacheNode records, so that a pass over a page is a walk over an array. The pages form a
+/// doubly linked list in the order in which they were mapped, which is that of their addresses
+/// wherever the system honours the address hint (kscache_memory.h).
 struct KSCachePage {
     uint64_t size;    ///< length in bytes
     uint32_t locked;  ///< 1: locked into memory
-    /// areaSize - 1 at first, one less for each slot that the area issues; compaction sets it to
-    /// areaSize less the used slots
+    /// For reports only, and not exact: areaSize - 1 at first, one less for each slot that the area
+    /// issues, unchanged by deletion; compaction sets it to areaSize less the used slots, which
+    /// counts the header as free.
     uint32_t freeCount;
     KSCachePage* prev;
     KSCachePage* next;
     KSCacheNode* end;  ///< just past the last slot
 };
 
-/// A cache. Each node slot is in exactly one of three places: in the tree of the root that its
-/// fingerprint selects (refCount >= 1), on the free list, or in the area, the free end of the last
-/// page (refCount 0 in both).
+/// A cache: a hash table of 2^bits roots, each the root of a binary search tree whose nodes are
+/// slots of the pages. The settings (`lockPages`, `areaSize`, `bits`, callback) survive a reset,
+/// all other fields start anew. The area serves new entries in address order; the free list is a
+/// stack of deleted ones, so that a slot that is still in the processor's cache is used first.
 struct KSCache {
     uint32_t magic;
     uint32_t busy;            ///< 1: a walk is under way, memory must stay where it is
-    KSCacheNode** roots;      ///< links with marks; on the heap, or &inlineRoot
-    KSCacheNode* inlineRoot;  ///< the root table when no memory could be had for another
+    KSCacheNode** roots;      ///< links with Bloom marks; on the heap, or &inlineRoot
+    KSCacheNode* inlineRoot;  ///< a table of one root, for when no other could be allocated
     uint32_t mask;            ///< 2^bits - 1
     KSCacheNode* freeList;    ///< linked through `higher`
     KSCachePage* firstPage;
     KSCachePage* lastPage;
-    KSCacheNode* areaPointer;  ///< next slot of the area
+    KSCacheNode* areaPointer;  ///< next slot of the area; no slot if nodesAvailable is 0
     uint32_t disabled;         ///< 1: no page could be had, and this was reported
     uint32_t pageCount;
     uint32_t nodesAvailable;  ///< slots of the area
@@ -64,18 +85,19 @@ inline constexpr uint64_t kNodeSize = sizeof(KSCacheNode);
 inline constexpr char kSourceFile[] = "../kscache";
 
 /// (Re)initialises a handle whose settings hold the wanted values: rounds them, makes the root
-/// table and clears everything else. The pages are forgotten, not released.
+/// table and clears everything else. Pages are not released: the caller has done so before.
 void cacheInit(KSCache* cache) noexcept;
 
 /// Unlocks and unmaps every page of a page list.
 void cacheRelease(KSCachePage* firstPage) noexcept;
 
-/// One slot for a node, holding whatever it held; NULL with the status in the slot when no page
-/// could be had, which leaves the cache as it was but for `disabled`.
+/// Takes one slot for a node, from the free list, the area or a new page. The slot still holds the
+/// bytes of its last entry. NULL with the status in the status slot when no page can be mapped;
+/// only `disabled` has changed then.
 KSCacheNode* newnode(KSCache* cache) noexcept;
 
-/// Unlocks and unmaps the last page of a cache and takes it off the list. The area and the free
-/// list are not looked at.
+/// Unlocks and unmaps the last page of a cache and takes it off the page list. The area and the
+/// free list may still point into it: the caller rebuilds both.
 void releaseLastPage(KSCache* cache) noexcept;
 
 /// The node slots of a page, used or free.
@@ -83,27 +105,28 @@ inline std::span<KSCacheNode> slotsOf(KSCachePage* page) noexcept {
     return {reinterpret_cast<KSCacheNode*>(page) + 1, page->end};
 }
 
-/// Puts a slot without references and links on the free list, to be taken next.
+/// Puts a slot on the free list, to be taken next. Its refCount and `lower` are cleared already.
 inline void pushFree(KSCache* cache, KSCacheNode* slot) noexcept {
     slot->higher = cache->freeList;
     cache->freeList = slot;
     ++cache->freeListCount;
 }
 
-/// 0 for a good handle, else its status, which is then in the slot too.
+/// 0 for a valid handle, else its status, which is then in the status slot too.
 inline uint32_t checkHandle(const KSCache* cache) noexcept {
     if (cache == nullptr) return storeStatus(CR_STATUS_NULL_HANDLE);
     if (cache->magic != kCacheMagic) return storeStatus(CR_STATUS_BAD_HANDLE);
     return CR_STATUS_OK;
 }
 
-/// The same, and a fingerprint that is there, without which the slot is left alone.
+/// As checkHandle(), and CR_STATUS_INVALID_PARAMETER for a NULL fingerprint, which leaves the
+/// status slot alone.
 inline uint32_t checkRequest(const KSCache* cache, const void* fingerprint) noexcept {
     if (const uint32_t bad = checkHandle(cache)) return bad;
     return fingerprint != nullptr ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
-/// A good handle, and a cache without a walk under way.
+/// As checkHandle(), and CR_STATUS_BUSY while a walk is under way.
 inline uint32_t checkIdle(const KSCache* cache) noexcept {
     if (const uint32_t bad = checkHandle(cache)) return bad;
     if (cache->busy != 0) return storeStatus(CR_STATUS_BUSY);

@@ -1,10 +1,24 @@
-// Looking ahead: the memory that searches are about to touch is on its way before they start.
+// Software-pipelined lookup: searches of many keys advance side by side, so that their cache misses
+// overlap.
 //
-// A search is a chain of a few reads, each of which waits for memory and tells where the next one
-// goes. The chains of different keys do not depend on each other, so many are followed side by
-// side: for each key that is done, one further on takes its first step, another its second, and so
-// on, each with the lines that its next step needs on the way. What cannot be guessed is chosen
-// without a branch, since a wrong guess costs more than the whole step.
+// A search is a chain of dependent loads (root, node, next node), each of which may miss the
+// processor's caches. Chains of different keys are independent. For each key that is answered, key
+// i + 64 prefetches its root, i + 48 reads the root and prefetches its first node, i + 32 compares
+// and prefetches the next node, i + 16 does so again if it must. A lane is the state of one key
+// between these stages. Whether a root is empty, and whether a node is left by `higher` or by
+// `lower`, is random: a branch on it would often be mispredicted, and each misprediction discards
+// the instructions of the following lanes that the processor has started already. So these choices
+// are made without a branch. docs/internals/cache-memory.md has a drawing.
+//
+// Thread rule: one thread at a time per cache (kscache_int.h).
+// Invariants of Lanes, while follow() runs:
+//  1. Lanes hold addresses of nodes of later keys, which later stages read. So an action must not
+//     release a page; and once an action has changed a tree, the nodes handed to later actions may
+//     be stale, good for prefetching only.
+//  2. Lane i % kLanes belongs to key i from start(i) until act(i). Fewer than kLanes keys are under
+//     way at once.
+//  3. A lane's node is never NULL: a search without a result stays at the sentinel `end_`, both of
+//     whose links lead to itself, so that a step needs no test for NULL.
 #ifndef KSCACHE_LANES_H
 #define KSCACHE_LANES_H
 
@@ -16,9 +30,9 @@
 
 namespace kspool {
 
-/// What the keys are looked up for: to tell what is there, or to change a tree, for which the place
-/// where the search ends is wanted even if nothing is there.
-enum class Purpose { kTell, kChange };
+/// Why keys are searched. A lookup ends at the root if the Bloom filter excludes the key; a change
+/// descends all the same, since an add needs the link at which its search ends.
+enum class Purpose { kLookup, kChange };
 
 template <Purpose purpose>
 class Lanes {
@@ -31,10 +45,9 @@ class Lanes {
     Lanes(const Lanes&) = delete;
     Lanes& operator=(const Lanes&) = delete;
 
-    /// Calls `act(i, node)` for each key in turn. `node` is where the key's search had come to when
-    /// it was looked at ahead: NULL if it had ended without the key, otherwise it goes on there.
-    /// Only an action that leaves the trees alone may rely on it. While keys are acted on, nodes of
-    /// later ones are read: no page may be released.
+    /// Calls `act(i, node)` for each key in turn. `node` is where the key's search has arrived:
+    /// NULL if it has ended without the key, otherwise the node at which findBelow() goes on. Only
+    /// an action that leaves the trees as they are may use `node`, and none may release a page.
     template <typename Act>
     void follow(Act act) noexcept {
         constexpr size_t kFilled = kStages * kAhead;
@@ -56,8 +69,9 @@ class Lanes {
 
   private:
     static constexpr size_t kStages = 4;
-    /// Keys between two stages of one: enough for memory to answer meanwhile.
+    /// Keys between two stages of one key: enough work for a prefetch to arrive meanwhile.
     static constexpr size_t kAhead = 16;
+    /// A ring buffer; a power of two, so that the index is masked and not divided.
     static constexpr size_t kLanes = 128;
     static_assert(kLanes > kStages * kAhead);
 
@@ -71,9 +85,10 @@ class Lanes {
 
     Lane& lane(size_t i) { return lanes_[i % kLanes]; }
 
-    /// One round of all stages, where the first or the last keys are not to be found in each.
+    /// One round of all stages for the first and last keys, when some stages are empty.
     void advance(size_t i) {
-        const auto isKey = [&](size_t number) { return number < count_; };  // nor is one below 0
+        // i - kAhead wraps around for small i and fails this test.
+        const auto isKey = [&](size_t number) { return number < count_; };
         if (isKey(i)) start(i);
         if (isKey(i - kAhead)) enter(i - kAhead);
         if (isKey(i - 2 * kAhead)) step(i - 2 * kAhead);
@@ -91,12 +106,12 @@ class Lanes {
         Lane& l = lane(i);
         const uintptr_t root = bitsOf(l.root);
         KSCacheNode* node = nodeIn(root);
-        if (purpose == Purpose::kTell && !isMarked(root, l.head)) node = nullptr;
+        if (purpose == Purpose::kLookup && !isMarked(root, l.head)) node = nullptr;
         goTo(l, orEnd(node));
     }
 
-    /// Goes to where the first word tells; stays where it is the key's, which is nearly always the
-    /// end.
+    /// Descends by the first word; stays if it matches, for the node is then nearly always the
+    /// key's. Both links are loaded before the choice, so that it can be a conditional move.
     void step(size_t i) noexcept {
         const uint64_t ours = lane(i).head;
         KSCacheNode* node = lane(i).node;
@@ -106,7 +121,8 @@ class Lanes {
         KSCacheNode* next = __builtin_bswap64(head) < __builtin_bswap64(ours) ? higher : lower;
         goTo(lane(i), head == ours ? node : orEnd(next));
     }
-    /// Few searches are not at their end by now.
+    /// A second step, for the few keys whose search has not ended. This branch is usually predicted
+    /// right, while a second step for all keys would cost more than it saves.
     void stepAgain(size_t i) noexcept {
         const KSCacheNode* node = lane(i).node;
         if (node == &end_ || digestWord(node->fingerprint, 0) == lane(i).head) [[likely]]
@@ -114,7 +130,8 @@ class Lanes {
         step(i);
     }
     KSCacheNode* orEnd(KSCacheNode* node) { return node != nullptr ? node : &end_; }
-    /// A node lies across two lines, whatever its address.
+    /// Prefetches both cache lines of a node: 72 bytes at a multiple of 8 always take exactly two,
+    /// the second of which holds the type.
     void goTo(Lane& lane, KSCacheNode* node) {
         lane.node = node;
         __builtin_prefetch(lane.node);
@@ -126,17 +143,19 @@ class Lanes {
     uint32_t mask_;
     const KSCacheKey* keys_;
     size_t count_;
-    KSCacheNode end_{};  ///< where searches without a result stay
+    KSCacheNode end_{};  ///< sentinel: its links lead to itself
     std::array<Lane, kLanes> lanes_;
 };
 
-/// Paths whose lines stay near while the keys are acted on.
+/// Keys of one prefetchPaths() call: few enough that their cache lines (a root, one or two nodes)
+/// are still in the processor's caches when the last key is acted on.
 inline constexpr size_t kPathsAtOnce = 256;
 
-/// Brings in what the searches for some keys will touch, and leaves the rest to them.
+/// Prefetches the roots and nodes that searches for some keys are going to read. The searches are
+/// the caller's, who may then change the trees and release pages.
 inline void prefetchPaths(const KSCache* cache, const KSCacheKey* keys, size_t count) noexcept {
-    // To the compiler, a function that only prefetches has no effect and need not be called; an
-    // empty instruction that it may not drop keeps this one.
+    // A prefetch is not a side effect to the compiler, which would treat this function as pure and
+    // drop the call; an empty volatile asm keeps it.
     Lanes<Purpose::kChange>(cache, keys, count).follow([](size_t, const KSCacheNode*) {
         asm volatile("");
     });

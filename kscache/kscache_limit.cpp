@@ -1,4 +1,13 @@
-// The memory limit: which entries to drop, by how often they were asked for.
+// The memory limit: which entries to drop, by their reference counts. A histogram of the counts
+// gives the threshold in one pass, without sorting: entries with equal counts stay or go together.
+//
+// Thread rule: one thread at a time per cache (kscache_int.h), and no walk under way, since a
+// compaction follows.
+// Invariants:
+//  1. Only slots with refCount >= 1 are deleted: a free slot still holds the key of its last entry,
+//     which may live in another slot.
+//  2. Entries are deleted by key, not by address, so the structure is changed by KSCacheDelete()
+//     alone.
 #include <algorithm>
 #include <array>
 
@@ -11,14 +20,14 @@ namespace {
 
 constexpr uint64_t kMebibyte = uint64_t{1} << 20;
 
-/// What to drop: all entries with a reference count up to `highest`.
+/// All entries with a reference count up to `highest` are dropped.
 struct Threshold {
     uint64_t highest;
-    uint64_t bytesKept;
+    uint64_t bytesKept;  ///< by the entries above it
 };
 
-/// The highest threshold that is needed for the entries above it to fit into the budget; 0 when all
-/// fit.
+/// The lowest threshold above which the entries fit into the budget; 0 when all fit. Counts add up
+/// from the most referenced downwards, so that the least referenced entries go.
 Threshold findThreshold(const KSCache* cache, uint64_t budget) {
     std::array<uint32_t, kMaximumRefCount + 1> slots{};  // by reference count
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
@@ -34,8 +43,7 @@ Threshold findThreshold(const KSCache* cache, uint64_t budget) {
     return {0, bytes};
 }
 
-/// Entries on their way to KSCacheDelete(), a few at a time, so that their trees can be on their
-/// way meanwhile.
+/// Entries to be deleted, gathered into batches whose trees are prefetched before the deletes.
 class Victims {
   public:
     explicit Victims(KSCache* cache) : cache_(cache) {}
@@ -57,7 +65,7 @@ class Victims {
     size_t count_ = 0;
 };
 
-/// Free slots are passed over: they keep the key of their last entry, which may live on elsewhere.
+/// The keys are read where they lie: a delete leaves the fingerprint in the slot it frees.
 void dropUpTo(KSCache* cache, uint64_t highest) {
     Victims victims(cache);
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
@@ -96,8 +104,8 @@ uint64_t KSCachePrune(KSCache* cache) noexcept {
     if (checkIdle(cache) != CR_STATUS_OK) return 0;
     KS_TRACE("KSCachePrune: before: %lu nodes on free list",
              static_cast<unsigned long>(cache->freeListCount));
-    // Slots without references are on the free list or were never issued: there is no entry to
-    // drop.
+    // A delete frees its slot at once, so no slot is used without an entry: there is nothing to
+    // prune, and only the two traces are left of it.
     KS_TRACE("KSCachePrune: after: %lu nodes on free list",
              static_cast<unsigned long>(cache->freeListCount));
     return cache->freeListCount;

@@ -1,4 +1,5 @@
-// Load: a cache file is checked as a whole, then its records are added.
+// Load: a cache file is read twice, once to check it as a whole and once to add its records, so
+// that a damaged file adds none of them.
 #include <fcntl.h>
 
 #include <array>
@@ -19,8 +20,8 @@ ssize_t readSome(int fd, char* bytes, size_t length) {
     }
 }
 
-/// A readable file, or a descriptor below 1, with errno set. Descriptor 0 is not for files: it is
-/// given back.
+/// Opens a file for reading; -1 with errno set on failure. Descriptor 0 counts as a failure and is
+/// closed again.
 int openForReading(const char* path) {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd != 0) return fd;
@@ -29,7 +30,7 @@ int openForReading(const char* path) {
     return -1;
 }
 
-/// The checksum of the file from its position to its end; false when it cannot be read.
+/// The checksum of the file from its position to its end; false on a read error.
 bool checksumOfRest(int fd, Block& block, uint32_t& checksum) {
     checksum = kAdlerStart;
     for (;;) {
@@ -39,7 +40,8 @@ bool checksumOfRest(int fd, Block& block, uint32_t& checksum) {
     }
 }
 
-/// All checks of a file; on success it is positioned at its first record.
+/// Checks the header and the checksum; on success the file is positioned at its first record. The
+/// position after the header is asked for, since its length is the platform library's.
 uint32_t checkFile(int fd, const char* path, Block& block) {
     QLXMagic header{};
     if (qlxMagicRead(fd, &header) != kCacheFileType) {
@@ -65,8 +67,8 @@ uint32_t checkFile(int fd, const char* path, Block& block) {
     return storeStatus(CR_STATUS_SEEK_FAILED);
 }
 
-/// Adds whole records. Nothing is made of what a single add returns: a record whose fingerprint is
-/// known or that finds no memory counts as read.
+/// Adds whole records. The statuses of single adds are ignored: a record whose key is known
+/// already, or for which no page can be mapped, counts as read.
 void addRecords(KSCache* cache, const char* records, size_t count) {
     std::array<KSCacheKey, kBlockRecords> keys;
     std::array<uint64_t, kBlockRecords> values;
@@ -77,11 +79,11 @@ void addRecords(KSCache* cache, const char* records, size_t count) {
     KSCacheAddBatch(cache, keys.data(), values.data(), nullptr, count, nullptr);
 }
 
-/// Adds all records up to the end of the file, or to where it cannot be read any more; a last piece
-/// shorter than a record is left out. Returns their number.
+/// Adds all records up to the end of the file or the first read error, and returns their number. A
+/// last piece shorter than a record is ignored.
 uint64_t loadRecords(KSCache* cache, int fd, Block& block) {
     uint64_t count = 0;
-    size_t kept = 0;  // the beginning of a record that the last read cut
+    size_t kept = 0;  // bytes of a record that the last read split
     for (;;) {
         const ssize_t got = readSome(fd, block.data() + kept, block.size() - kept);
         if (got <= 0) return count;

@@ -1,4 +1,3 @@
-// The system's memory: where pages are mapped, and how it is asked for.
 #include "kscache/kscache_memory.h"
 
 #include <sys/mman.h>
@@ -13,15 +12,16 @@ namespace {
 
 constexpr uint64_t kHugePageSize = uint64_t{2} << 20;
 
-/// The address span looked for when a cache maps its first page. Room for 900 million nodes; a
-/// cache that outgrows it goes on above it or wherever the system wants.
+/// The free address span that is searched for when a cache maps its first page. It has room for 900
+/// million nodes; a cache that outgrows it goes on above it, or wherever the system maps.
 constexpr uint64_t kAddressSpan = uint64_t{64} << 30;
 
-/// Larger pages are populated as they are used. With a page for a 200th of the entries, that is
-/// from 90 million entries on.
+/// Larger pages are populated by first touch, so that a careless area size does not take gigabytes
+/// at once. With pages of a 200th of the entries, that is from 90 million entries on.
 constexpr uint64_t kPopulatedAtOnce = uint64_t{32} << 20;
 
-/// NULL with errno set when it fails.
+/// NULL with errno set when it fails, also for a mapping at address 0, which callers could not tell
+/// from a failure.
 void* mapMemory(void* hint, uint64_t length, int protection, int extraFlags) {
     void* memory = mmap(hint, length, protection, MAP_PRIVATE | MAP_ANONYMOUS | extraFlags, -1, 0);
     if (memory == MAP_FAILED) return nullptr;
@@ -32,15 +32,17 @@ void* mapMemory(void* hint, uint64_t length, int protection, int extraFlags) {
     return memory;
 }
 
-/// The first multiple of a power of two from an address on.
+/// The address rounded up to a multiple of a power of two.
 char* firstBoundary(void* address, uint64_t multiple) {
     const auto number = reinterpret_cast<uintptr_t>(address);
     return static_cast<char*>(address) + (roundUp(number, multiple) - number);
 }
 
-/// The base of a large free span of addresses: reserved, and given back at once.
+/// The base of a large free span of addresses, or NULL. It is reserved and given back at once: this
+/// is only a place where pages can ascend for long, and a lasting reservation would count against
+/// the process's address-space limit.
 void* freeSpan(uint64_t atLeast) {
-    const ErrorsKept kept;
+    const ErrnoAndSlotGuard kept;
     for (uint64_t span = kAddressSpan; span >= atLeast; span /= 2) {
         if (void* base = mapMemory(nullptr, span, PROT_NONE, MAP_NORESERVE)) {
             munmap(base, span);
@@ -50,18 +52,17 @@ void* freeSpan(uint64_t atLeast) {
     return nullptr;
 }
 
-/// Has a page's memory made at once, with huge pages where they fit, instead of at the first touch
-/// of each piece: that is where most of the time of an add goes otherwise. Very large pages grow as
-/// they are used.
+/// Populates a page at once, with huge pages where they fit. Otherwise the first touch of each
+/// 4 KiB is a page fault, and these faults take most of the time of an add.
 void populate(void* memory, uint64_t length) {
     adviseHugePages(memory, roundUp(length, systemPageSize()));
     if (length > kPopulatedAtOnce) return;
-    const ErrorsKept kept;
+    const ErrnoAndSlotGuard kept;
     madvise(memory, length, MADV_POPULATE_WRITE);
 }
 
-/// An address above all pages of a cache, on a boundary of the system, and of a huge page where one
-/// fits: a page rarely ends on such a boundary.
+/// An address above all pages of a cache, rounded up to a system page, or to a huge page for pages
+/// as large: pages rarely end on such a boundary. NULL (no hint) when no span is free.
 void* hintAbove(void* lastEnd, uint64_t length) {
     void* above = lastEnd != nullptr ? lastEnd : freeSpan(length);
     return firstBoundary(above, length >= kHugePageSize ? kHugePageSize : systemPageSize());
@@ -83,7 +84,7 @@ void adviseHugePages(void* memory, uint64_t length) noexcept {
     const char* end = static_cast<char*>(memory) + length;
     if (firstBoundary(memory, kHugePageSize) + kHugePageSize > end) return;
     char* begin = firstBoundary(memory, systemPageSize());
-    const ErrorsKept kept;
+    const ErrnoAndSlotGuard kept;
     madvise(begin, static_cast<size_t>(end - begin), MADV_HUGEPAGE);
 }
 

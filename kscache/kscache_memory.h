@@ -1,4 +1,8 @@
-// The system's memory: where pages are mapped, and how it is asked for.
+// Memory from the system: at which address pages are mapped, and with which advice.
+//
+// No state; any thread. Both the address and the advice are hints: a failed one costs speed, or
+// keeps compaction from moving entries, but is not an error, and leaves errno and the status slot
+// alone.
 #ifndef KSCACHE_MEMORY_H
 #define KSCACHE_MEMORY_H
 
@@ -14,12 +18,16 @@ constexpr uint64_t roundUp(uint64_t value, uint64_t multiple) noexcept {
     return (value + multiple - 1) & ~(multiple - 1);
 }
 
-/// Maps zeroed memory, above `lastEnd` where the system lets it: compaction moves nodes to lower
-/// addresses only, and the system by itself hands out descending ones. The address is only a hint;
-/// any works. `lastEnd` is NULL for the first page of a cache. NULL with errno set on failure.
+/// Maps zeroed memory, above `lastEnd` if the system honours the address hint. Compaction moves
+/// nodes to lower addresses only, and Linux by itself maps at descending addresses, so that without
+/// the hint the last page would be the lowest and no node could move. Any other address works as
+/// well. `lastEnd` is NULL for the first page of a cache. NULL with errno set on failure.
 void* mapAbove(void* lastEnd, uint64_t length) noexcept;
 
-/// Advises huge pages for memory that is large enough to hold one.
+/// Advises huge pages (2 MiB) for memory that holds at least one whole, aligned huge page. A random
+/// lookup then needs one TLB entry for 2 MiB instead of one for 4 KiB. `length` may include the
+/// rest of the last system page: 29,127 slots are 8 bytes short of a huge page, yet their mapping
+/// fills one.
 void adviseHugePages(void* memory, uint64_t length) noexcept;
 
 }  // namespace kspool

@@ -1,4 +1,14 @@
-// Pages of node slots: how they are locked, handed out slot by slot, and released.
+// Pages of node slots: mapped when the area is used up, handed out slot by slot, and released as a
+// whole.
+//
+// Thread rule: one thread at a time per cache (kscache_int.h).
+// Invariants:
+//  1. The free list comes first, then the area, then a new page: the area is handed out only while
+//     the free list is empty, and a page is mapped only when both are.
+//  2. A page that cannot be mapped changes nothing but `disabled`, so that the add fails and the
+//     cache works on. A page that cannot be locked is used unlocked.
+//  3. Only the last page of the list is ever released alone: the area lies in it, and compaction
+//     empties pages from the end.
 #include <sys/mman.h>
 
 #include <cstring>
@@ -9,7 +19,8 @@
 namespace kspool {
 namespace {
 
-/// Maps a page and fills its header. NULL with errno set when there is no memory.
+/// Maps a page and fills its header; the rest of the header and all slots are 0, as mapped memory
+/// is. NULL with errno set when there is no memory.
 KSCachePage* mapPage(const KSCache* cache) {
     const uint64_t length = cache->areaSize * kNodeSize;
     void* memory = mapAbove(cache->lastPage != nullptr ? cache->lastPage->end : nullptr, length);
@@ -31,7 +42,7 @@ void lockPage(KSCachePage* page) {
                strerror(errno));
 }
 
-/// Unlocks a page that is locked; false when that fails.
+/// Unlocks a locked page; false when that fails.
 bool unlockPage(const KSCachePage* page) {
     if (page->locked == 0) return true;
     auto* memory = const_cast<KSCachePage*>(page);
@@ -45,7 +56,8 @@ bool unlockPage(const KSCachePage* page) {
     return true;
 }
 
-/// Stores the status of a failed mapping, and reports it unless the last one failed as well.
+/// Stores the status of a failed mapping. It is reported once until a mapping succeeds again, or
+/// every add to a full cache would log an error.
 void reportNoPage(KSCache* cache) {
     const uint32_t status = storeSystemError("newnode", kSourceFile);
     if (cache->disabled != 0) return;
@@ -72,7 +84,8 @@ void appendPage(KSCache* cache, KSCachePage* page) {
     cache->nodesAvailable = cache->areaSize - 1;
 }
 
-/// Makes a new page the last one and its slots the area; false, with all reported, if it fails.
+/// Makes a new page the last one and its slots the area; false, with the status stored and
+/// reported, when it cannot be mapped.
 bool addPage(KSCache* cache) {
     KSCachePage* page = mapPage(cache);
     if (page == nullptr) {
@@ -80,6 +93,7 @@ bool addPage(KSCache* cache) {
         return false;
     }
     cache->disabled = 0;
+    // Populated and advised already: locking first would fill the page with small system pages.
     if (cache->lockPages != 0) lockPage(page);
     appendPage(cache, page);
     return true;
@@ -112,11 +126,13 @@ void releaseLastPage(KSCache* cache) noexcept {
     (page->prev != nullptr ? page->prev->next : cache->firstPage) = nullptr;
     --cache->pageCount;
     cache->cacheSize -= page->size;
-    const ErrorsKept kept;
+    const ErrnoAndSlotGuard kept;
     if (page->locked != 0) munlock(page, page->size);
     munmap(page, page->size);
 }
 
+// All pages are unlocked before the first is unmapped. If one cannot be unlocked, munlockall()
+// unlocks all memory of the process, pages of other caches included (kscache.h, convention 5).
 void cacheRelease(KSCachePage* firstPage) noexcept {
     bool unlockFailed = false;
     for (const KSCachePage* page = firstPage; page != nullptr; page = page->next) {

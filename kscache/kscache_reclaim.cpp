@@ -1,5 +1,21 @@
-// Compaction, in stages: the free list is sorted, entries of the last pages move into the lowest
-// free slots, the pages that this empties are released, and what is free is sorted anew.
+// Compaction, in stages:
+//  1. rebuild the free list, so that it holds every free slot, in the order of pages and slots;
+//  2. relocate: entries of the last pages move into the first free slots;
+//  3. release the empty pages at the end of the list;
+//  4. rebuild the area and the free list;
+//  5. report, while tracing is on.
+//
+// Thread rule: one thread at a time per cache (kscache_int.h), and no walk under way (`busy`),
+// since a walk holds the address of a slot.
+//
+// Invariants:
+//  1. A node moves only to a page at a lower address than its own, so that compaction always ends
+//     and no two moves undo each other.
+//  2. Between moves, each entry is in exactly one slot, and its tree leads there: a node is copied
+//     before its link is changed, and its old slot is free (refCount 0) but on no list.
+//  3. From stage 1 to stage 4 the area is void: its slots are on the free list, and `areaPointer`
+//     and `nodesAvailable` are not used. newnode() must not run in between.
+//  4. After stage 4 the invariants of kscache_int.h hold again.
 #include <algorithm>
 #include <array>
 
@@ -22,7 +38,7 @@ unsigned long freeNodes(const KSCache* cache) {
     return cache->freeListCount;
 }
 
-/// Resident memory of the process, as the messages print it.
+/// Resident memory of the process, in the 32 bits that the messages print.
 uint32_t residentMemory() {
     return static_cast<uint32_t>(OSGetRSS());
 }
@@ -31,7 +47,7 @@ void countFree(const KSCache* cache, KSCachePage* page, uint32_t used) {
     page->freeCount = cache->areaSize - used;
 }
 
-/// Counts a page's used slots, and its free ones into its header.
+/// Counts a page's used slots, and updates the free count in its header.
 uint32_t countSlots(const KSCache* cache, KSCachePage* page) {
     const auto slots = slotsOf(page);
     const auto used = static_cast<uint32_t>(std::count_if(slots.begin(), slots.end(), isUsed));
@@ -45,16 +61,18 @@ void traceCounts(const KSCache* cache, const KSCachePage* page, uint32_t used) {
     KS_TRACE("Page free count   : %i", static_cast<int>(page->freeCount - 1));
 }
 
-/// Puts the free slots of a stretch on the free list, the lowest at its head.
+/// Pushes the free slots of a range on the free list, from the last to the first, so that the
+/// lowest is at the head.
 void pushFreeSlots(KSCache* cache, std::span<KSCacheNode> slots) {
     for (auto slot = slots.rbegin(); slot != slots.rend(); ++slot) {
         if (!isUsed(*slot)) pushFree(cache, &*slot);
     }
 }
 
-/// Stage 1: every free slot, those that were never issued included, from the first page's lowest at
-/// the head of the list to the last page's highest.
-void sortFreeList(KSCache* cache) {
+/// Stage 1: links every free slot, those of the area included, from the first page's lowest at the
+/// head of the list to the last page's highest. So the head is always the first free slot, the
+/// target of the next move.
+void rebuildFreeList(KSCache* cache) {
     KSCacheNode** end = &cache->freeList;
     cache->freeListCount = 0;
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
@@ -68,8 +86,8 @@ void sortFreeList(KSCache* cache) {
     *end = nullptr;
 }
 
-/// Whether a node of a page can move: the head of the free list must lie below the page. What one
-/// sees when it does not is the end of the stage.
+/// Whether a node of a page can move: the head of the free list must lie below the page; if not,
+/// this is traced and stage 2 ends.
 bool canMove(const KSCache* cache, const KSCachePage* page, const KSCacheNode* node) {
     const auto* target = reinterpret_cast<const KSCachePage*>(cache->freeList);
     if (target != nullptr && target < page) return true;
@@ -80,8 +98,9 @@ bool canMove(const KSCache* cache, const KSCachePage* page, const KSCacheNode* n
     return false;
 }
 
-/// Moves a node with all that hangs on it into the first free slot. One that is in no tree is
-/// dropped, and false returned: the slot stays free.
+/// Moves a node, with its links, into the first free slot, and makes the link that led to it lead
+/// there. A node that is in no tree (a broken cache) is dropped: its target stays free, and false
+/// is returned.
 bool moveNode(KSCache* cache, KSCacheNode* node) {
     KSCacheNode* target = cache->freeList;
     cache->freeList = target->higher;
@@ -90,7 +109,7 @@ bool moveNode(KSCache* cache, KSCacheNode* node) {
     const bool inTree = nodeAt(link) == node;
     if (inTree) {
         *target = *node;
-        hang(link, target);
+        attach(link, target);
     } else {
         char text[65];
         KS_WARNING(CR_STATUS_NO_MEMORY, "KSCache inconsistency: node %s had no parent node",
@@ -102,12 +121,13 @@ bool moveNode(KSCache* cache, KSCacheNode* node) {
     return inTree;
 }
 
-/// The next used slots of a page downwards, with their trees on the way.
+/// The used slots of a page from its end downwards, in batches whose trees and targets are
+/// prefetched.
 class NodesToMove {
   public:
     explicit NodesToMove(const KSCache* cache) : front_(cache->firstPage) {}
 
-    /// Takes them from the end of `slots`, which is cut to what lies below them.
+    /// The next batch from the end of `slots`, which is cut to the slots below the batch.
     std::span<KSCacheNode* const> take(const KSCache* cache, std::span<KSCacheNode>& slots) {
         size_t count = 0;
         for (; !slots.empty() && count < nodes_.size(); slots = slots.first(slots.size() - 1)) {
@@ -116,21 +136,22 @@ class NodesToMove {
         for (size_t i = 0; i < count; ++i)
             keys_[i] = {nodes_[i]->fingerprint, nodes_[i]->type};
         prefetchPaths(cache, keys_.data(), count);
-        bringTargets(cache, count);
+        prefetchTargets(cache, count);
         return std::span(nodes_).first(count);
     }
 
   private:
-    /// Reads on to the free slots that come next. The list would lead from each to the next one by
-    /// a read that waits for memory; in the order of slots, memory comes by itself.
-    void bringTargets(const KSCache* cache, size_t count) {
+    /// Reads the slots up to the next `count` free ones. Following the free list instead would be a
+    /// chain of dependent cache misses; since stage 1 the list is in the order of slots, and the
+    /// processor's hardware prefetcher recognises a sequential read.
+    void prefetchTargets(const KSCache* cache, size_t count) {
         const KSCacheNode* slot = cache->freeList;
         while (front_ != nullptr && !holdsSlot(front_, slot))
             front_ = front_->next;
         for (; front_ != nullptr && slot < front_->end && count > 0; ++slot) {
             if (!isUsed(*slot)) --count;
         }
-        asm volatile("" : : "r"(count));  // has been read for a reason
+        asm volatile("" : : "r"(count));  // keeps the compiler from dropping the reads
     }
 
     KSCachePage* front_;
@@ -141,11 +162,11 @@ class NodesToMove {
 /// How far stage 2 came.
 struct Relocation {
     const KSCachePage* reached = nullptr;
-    bool dropped = false;  ///< a node that was in no tree, for which a slot in front stayed free
+    bool dropped = false;  ///< a node was in no tree, and a free slot was skipped for it
 };
 
 /// Moves nodes off a page, from its last slot down. Returns false when no more can move; `used` is
-/// lowered by each that did.
+/// decremented for each node that moved or was dropped.
 bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used, Relocation& relocation) {
     NodesToMove next(cache);
     std::span<KSCacheNode> slots = slotsOf(page);
@@ -159,7 +180,8 @@ bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used, Relocation& re
     return true;
 }
 
-/// Stage 2, from the last page backwards.
+/// Stage 2, from the last page backwards, until the pages from behind and the free slots from the
+/// front meet.
 Relocation relocateNodes(KSCache* cache) {
     Relocation relocation;
     bool more = true;
@@ -178,8 +200,8 @@ Relocation relocateNodes(KSCache* cache) {
     return relocation;
 }
 
-/// Stage 3: empty pages at the end of the list go. Counted again, since only the pages that stage 2
-/// came to have true counts.
+/// Stage 3: releases the empty pages at the end of the list. Their slots are counted again, since
+/// only the pages that stage 2 reached have current counts.
 void releaseEmptyPages(KSCache* cache) {
     int freed = 0;
     while (cache->lastPage != nullptr && countSlots(cache, cache->lastPage) == 0) {
@@ -192,8 +214,8 @@ void releaseEmptyPages(KSCache* cache) {
              static_cast<int>(cache->pageCount));
 }
 
-/// Makes the free slots at the end of the last page the area again.
-void seatArea(KSCache* cache) {
+/// Makes the free slots after the last used slot of the last page the area.
+void resetArea(KSCache* cache) {
     KSCachePage* page = cache->lastPage;
     const auto slots = slotsOf(page);
     const auto lastUsed = std::find_if(slots.rbegin(), slots.rend(), isUsed);
@@ -213,9 +235,9 @@ void seatArea(KSCache* cache) {
         static_cast<int>(cache->nodesAvailable));
 }
 
-/// After stage 2: pages at the beginning of the list that are full. They end at the page with the
-/// first slot that is still free, or at the one that stage 2 came to, from which on it emptied
-/// some.
+/// After stage 2: the number of pages at the beginning of the list that are full, so that stage 4
+/// need not pass over them. They end before the page of the first slot that is still free, or
+/// before the page that stage 2 reached, from which on it has emptied slots.
 uint32_t countFullPages(const KSCache* cache, const Relocation& relocation) {
     uint32_t full = 0;
     if (relocation.dropped) return full;
@@ -226,8 +248,9 @@ uint32_t countFullPages(const KSCache* cache, const Relocation& relocation) {
     return full;
 }
 
-/// Stage 4: the area, and a free list of all other free slots; a cache without pages starts over.
-void sortFreeSlots(KSCache* cache, uint32_t fullPages) {
+/// Stage 4: the area, and a free list of all other free slots, the lowest at its head. A cache
+/// without pages is initialised anew.
+void rebuildAreaAndFreeList(KSCache* cache, uint32_t fullPages) {
     KSCachePage* page = cache->lastPage;
     if (page == nullptr) {
         KS_TRACE("KSCacheReclaim: Cache is empty, last page was processed");
@@ -236,7 +259,7 @@ void sortFreeSlots(KSCache* cache, uint32_t fullPages) {
     }
     cache->freeList = nullptr;
     cache->freeListCount = 0;
-    seatArea(cache);
+    resetArea(cache);
     auto slots = slotsOf(page);
     slots = slots.first(slots.size() - cache->nodesAvailable);
     for (uint32_t left = cache->pageCount; left > fullPages; --left) {
@@ -247,7 +270,7 @@ void sortFreeSlots(KSCache* cache, uint32_t fullPages) {
     KS_TRACE("KSCacheReclaim: stage #4: completed, %lu nodes on free list", freeNodes(cache));
 }
 
-/// Stage 5, for whoever reads the traces.
+/// Stage 5: the page statistics of the trace.
 void reportPages(const KSCache* cache) {
     KS_TRACE("KSCacheReclaim: stage #5: page statistics");
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
@@ -274,7 +297,7 @@ void KSCacheReclaim(KSCache* cache) noexcept {
     KS_TRACE("KSCacheReclaim: memory usage before rebuild: %u", residentMemory());
     KS_TRACE("KSCacheReclaim: start, %lu items on free list", freeNodes(cache));
     KS_TRACE("KSCacheReclaim: stage #1: rebuilding free list");
-    sortFreeList(cache);
+    rebuildFreeList(cache);
     const uint64_t before = cache->freeListCount;
     KS_TRACE("KSCacheReclaim: stage #1: done, %lu nodes on free list", freeNodes(cache));
     KS_TRACE("KSCacheReclaim: stage #2: relocate used nodes");
@@ -285,6 +308,6 @@ void KSCacheReclaim(KSCache* cache) noexcept {
     KS_TRACE("KSCacheReclaim: stage #3: release empty pages");
     releaseEmptyPages(cache);
     KS_TRACE("KSCacheReclaim: stage #4: rebuild free list");
-    sortFreeSlots(cache, fullPages);
+    rebuildAreaAndFreeList(cache, fullPages);
     if (tracing()) reportPages(cache);
 }

@@ -1,4 +1,5 @@
-// Reports on the contents and the shape of a cache, for people.
+// Reports on the contents and the shape of a cache, for people to read. No recursion: a tree can be
+// as deep as it has nodes, and would exhaust the caller's stack.
 #include <cstdlib>
 
 #include "kscache/kscache_int.h"
@@ -14,7 +15,8 @@ double megabytes(uint64_t bytes) {
     return static_cast<double>(bytes) / kMegabyte;
 }
 
-/// A fingerprint as text, good until the end of the expression.
+/// A fingerprint as text, valid as long as the object: to the end of the full expression if it is a
+/// temporary.
 class FingerprintText {
   public:
     explicit FingerprintText(const KSCacheNode& node)
@@ -41,9 +43,9 @@ FILE* outputTo(FILE* stream) {
     return stream != nullptr ? stream : stdout;
 }
 
-/// The nodes above the present one in a tree that are still to be printed, nearest last. A tree can
-/// be as deep as it has nodes, so they are kept on the heap. When there is no memory for that, they
-/// are looked for from the top each time, which is slow in a deep tree but complete.
+/// The stack of an in-order traversal: the ancestors of the current node that are still to be
+/// printed, the nearest on top. It is on the heap. When it cannot grow, each ancestor is searched
+/// from the root of the tree instead, which is slow in a deep tree but complete.
 class NodesAbove {
   public:
     explicit NodesAbove(const KSCacheNode* top) : top_(top) {}
@@ -55,7 +57,7 @@ class NodesAbove {
         if (count_ == capacity_ && !grow()) lost_ = true;
         if (!lost_) nodes_[count_++] = node;
     }
-    /// The next one to print after all below `last`, or NULL.
+    /// The next node to print after `last` and its subtree, or NULL.
     const KSCacheNode* pop(const KSCacheNode* last) {
         if (lost_) return search(last);
         return count_ > 0 ? nodes_[--count_] : nullptr;
@@ -63,7 +65,7 @@ class NodesAbove {
 
   private:
     bool grow() {
-        const ErrorsKept kept;
+        const ErrnoAndSlotGuard kept;
         const size_t wanted = capacity_ == 0 ? 64 : 2 * capacity_;
         void* memory = realloc(static_cast<void*>(nodes_), wanted * sizeof(void*));
         if (memory == nullptr) return false;
@@ -71,7 +73,7 @@ class NodesAbove {
         capacity_ = wanted;
         return true;
     }
-    /// The last node on the way to `last` at which the way turned to `higher`.
+    /// The last node on the path to `last` at which the path turned to `higher`.
     const KSCacheNode* search(const KSCacheNode* last) const {
         const Key key = makeKey(last->fingerprint, last->type);
         const KSCacheNode* found = nullptr;

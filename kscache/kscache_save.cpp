@@ -1,4 +1,5 @@
-// Save: every entry, in the order of memory, into a cache file.
+// Save: writes every entry, in the order of memory, into a cache file. Write errors are not
+// reported; the checksum in the header makes the next load refuse an incomplete file.
 #include <fcntl.h>
 
 #include <array>
@@ -10,7 +11,7 @@ using namespace kspool;
 
 namespace {
 
-/// Writes all bytes, in as many calls as the system wants; what cannot be written goes unseen.
+/// Writes all bytes; a short or interrupted write is continued, an error is silent.
 void writeAll(int fd, const char* bytes, size_t length) {
     while (length > 0) {
         const ssize_t written = write(fd, bytes, length);
@@ -21,7 +22,8 @@ void writeAll(int fd, const char* bytes, size_t length) {
     }
 }
 
-/// Gathers records into blocks, and folds each block into the checksum before it is written.
+/// Gathers records into blocks, and folds each block into the checksum while it is still in the
+/// processor's cache, before it is written.
 class RecordWriter {
   public:
     explicit RecordWriter(int fd) : fd_(fd) {}

@@ -10,7 +10,7 @@
 namespace kspool {
 namespace {
 
-/// Pages stay below 4 GiB.
+/// The most slots that a page below 4 GiB holds.
 constexpr uint64_t kMaximumAreaSize = UINT32_MAX / kNodeSize;
 
 void freeRoots(KSCache* cache) {
@@ -18,8 +18,8 @@ void freeRoots(KSCache* cache) {
     cache->roots = nullptr;
 }
 
-/// Forgets all but the settings.
-void keepSettings(KSCache* cache) {
+/// Sets every field to its start but the settings, which survive.
+void clearAllButSettings(KSCache* cache) {
     KSCache fresh{};
     fresh.magic = kCacheMagic;
     fresh.lockPages = cache->lockPages;
@@ -30,13 +30,15 @@ void keepSettings(KSCache* cache) {
     *cache = fresh;
 }
 
-void settleBits(KSCache* cache) {
+/// Bits outside their range, 0 among them, mean the default.
+void clampBits(KSCache* cache) {
     if (cache->bits < 1 || cache->bits > kMaximumBits) cache->bits = kDefaultBits;
     KS_TRACE("KSCacheInit: bits = %i", static_cast<int>(cache->bits));
 }
 
-/// Rounds the area size up to whole system pages and holds it between its limits.
-void settleAreaSize(KSCache* cache) {
+/// Rounds the area size up to whole system pages, so that a mapping wastes less than a slot, and
+/// clamps it. The product is computed in 64 bits: 32 would overflow for large area sizes.
+void clampAreaSize(KSCache* cache) {
     const int asked = static_cast<int>(cache->areaSize);
     const uint64_t slots = roundUp(cache->areaSize * kNodeSize, systemPageSize()) / kNodeSize;
     if (slots < kMinimumAreaSize) {
@@ -55,8 +57,8 @@ uint32_t printedSize(uint64_t bytes) {
     return static_cast<uint32_t>(std::min<uint64_t>(bytes, UINT32_MAX));
 }
 
-/// Makes the root table: as large as wanted, else halved until it can be had, at last the root in
-/// the handle itself.
+/// Allocates the root table, halved until the allocation succeeds; at last the one root in the
+/// handle itself. So a cache never fails for want of a table: it is slower with fewer roots.
 void makeRoots(KSCache* cache) {
     for (;;) {
         const uint64_t bytes = sizeof(KSCacheNode*) << cache->bits;
@@ -86,9 +88,9 @@ void makeRoots(KSCache* cache) {
 void cacheInit(KSCache* cache) noexcept {
     if (cache == nullptr) return;
     freeRoots(cache);
-    keepSettings(cache);
-    settleBits(cache);
-    settleAreaSize(cache);
+    clearAllButSettings(cache);
+    clampBits(cache);
+    clampAreaSize(cache);
     makeRoots(cache);
 }
 

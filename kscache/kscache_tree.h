@@ -1,10 +1,19 @@
-// The search structure: 2^bits roots, and below each an unbalanced binary tree.
+// The search structure: a hash table of 2^bits roots, and below each an unbalanced binary search
+// tree. With as many roots as KSCacheBitsFor() advises most trees hold one node or none.
 //
-// Nodes are ordered by type and digest. Nodes of one type compare all bytes of their digests. Nodes
-// of two types compare 16 bytes, and when these agree a node of type 3 sorts after the key, one of
-// any other type before it. With three or more types that share 16 bytes this is no total order
-// (each of two types other than 3 sorts before the other), yet a search takes the same turns as the
-// insert did, so it is sound.
+// Order. Nodes are ordered by digest and type. Nodes of one type compare all bytes of their
+// digests. Nodes of two types compare 16 bytes, and when these agree a node of type 3 sorts after
+// the key, one of any other type before it. With three or more types that share 16 bytes this is
+// not a total order (each of two types other than 3 sorts before the other), yet a search takes the
+// same turns as the insert did, so it is sound. No code may assume a symmetric comparison.
+//
+// Thread rule: one thread at a time per cache (kscache_int.h).
+// Invariants:
+//  1. A node is in the tree of root `rootIndex(fingerprint, mask)`, at the place where a search for
+//     its key ends.
+//  2. A root's Bloom filter holds the mark of each key in its tree: no false negatives. An empty
+//     tree has no marks, so its root is NULL. Links inside nodes never have marks.
+//  3. Node addresses need at most 48 bits.
 #ifndef KSCACHE_TREE_H
 #define KSCACHE_TREE_H
 
@@ -23,14 +32,14 @@ constexpr size_t digestLength(uint8_t type) noexcept {
     return type == kLongType ? kLongDigest : kShortDigest;
 }
 
-/// Eight bytes of a digest, as they lie in memory: for telling whether two are the same.
+/// Eight bytes of a digest as one native word: fit for equality only.
 inline uint64_t digestWord(const uint8_t* digest, size_t at) noexcept {
     uint64_t word = 0;
     memcpy(&word, digest + at, sizeof word);
     return word;
 }
 
-/// The same as a number that compares as the bytes do.
+/// The same eight bytes as a big-endian number, which compares as memcmp() compares the bytes.
 inline uint64_t orderedWord(const uint8_t* digest, size_t at) noexcept {
     return __builtin_bswap64(digestWord(digest, at));
 }
@@ -46,9 +55,10 @@ inline Key makeKey(const void* fingerprint, uint32_t type) noexcept {
     return {digest, digestWord(digest, 0), static_cast<uint8_t>(type)};
 }
 
-/// Whether a node holds the key. Nearly always the first word tells, and no other part of the node
-/// is touched. The rest is compared word by word, with branches that are nearly always guessed: a
-/// sum of differences would have all that comes after wait for the node.
+/// Whether a node holds the key. The first word nearly always decides, so that a node of another
+/// key costs one cache line. The comparison branches word by word, on purpose: these branches are
+/// nearly always predicted, and the processor goes on to the next lookup before the node arrives,
+/// while a branch-free comparison would make later instructions depend on this load.
 inline bool holdsKey(const KSCacheNode& node, const Key& key) noexcept {
     const auto same = [&](size_t at) {
         return digestWord(node.fingerprint, at) == digestWord(key.digest, at);
@@ -58,8 +68,8 @@ inline bool holdsKey(const KSCacheNode& node, const Key& key) noexcept {
     return key.type != kLongType || (same(16) && same(24));
 }
 
-/// Whether a node that does not hold the key sorts before it, which is then to be looked for at
-/// `higher`, otherwise at `lower`.
+/// Whether a node that does not hold the key sorts before it: the search goes on at `higher` then,
+/// at `lower` otherwise.
 inline bool sortsBefore(const KSCacheNode& node, const Key& key) noexcept {
     const uint64_t head = orderedWord(node.fingerprint, 0);
     const uint64_t keyHead = __builtin_bswap64(key.head);
@@ -74,14 +84,17 @@ inline bool sortsBefore(const KSCacheNode& node, const Key& key) noexcept {
     return node.type != kLongType;
 }
 
-/// What hangs on a link is a node or nothing. The links of the root table say a little more in the
-/// 16 bits that no address needs: each key that is hung below one sets a mark there, and a key
-/// whose mark is missing is not in the tree, so that most misses need not look at a node. An empty
-/// tree has no marks; until then one may outlive its key, which costs a look and no more.
+/// A link holds the address of a node, or NULL. Addresses of user space need at most 48 bits, so a
+/// link of the root table keeps a Bloom filter of its tree in the other 16: one hash function, four
+/// bits of the digest, picks the mark that an added key sets. A key whose mark is not set is not in
+/// the tree, so most misses end at the root, without the cache miss and the branch misprediction of
+/// a node with another key. As in any Bloom filter a bit cannot be cleared for one key alone; all
+/// are cleared when the tree is empty. Until then a stale bit only causes a false positive: a
+/// search that finds nothing.
 inline constexpr uint32_t kAddressBits = 48;
 inline constexpr uint64_t kMarks = 64 - kAddressBits;
 
-/// All of a link, marks included.
+/// The raw bits of a link, marks included.
 inline uintptr_t bitsOf(KSCacheNode* const* link) noexcept {
     return reinterpret_cast<uintptr_t>(*link);
 }
@@ -94,8 +107,9 @@ inline KSCacheNode* nodeAt(KSCacheNode* const* link) noexcept {
     return nodeIn(bitsOf(link));
 }
 
-/// Puts a node on a link that keeps its marks, or nothing.
-inline void hang(KSCacheNode** link, KSCacheNode* node) noexcept {
+/// Stores a node in a link and keeps the link's marks; NULL clears both, since the tree of a root
+/// is empty then.
+inline void attach(KSCacheNode** link, KSCacheNode* node) noexcept {
     const uintptr_t marks = bitsOf(link) ^ reinterpret_cast<uintptr_t>(nodeAt(link));
     const uintptr_t bits = node != nullptr ? marks | reinterpret_cast<uintptr_t>(node) : 0;
     *link = std::bit_cast<KSCacheNode*>(bits);
@@ -105,7 +119,7 @@ constexpr uintptr_t markOf(uint64_t keyHead) noexcept {
     return uintptr_t{1} << (kAddressBits + keyHead % kMarks);
 }
 
-inline void mark(KSCacheNode** root, const Key& key) noexcept {
+inline void setMark(KSCacheNode** root, const Key& key) noexcept {
     *root = std::bit_cast<KSCacheNode*>(bitsOf(root) | markOf(key.head));
 }
 
@@ -137,14 +151,14 @@ inline KSCacheNode** findLink(const KSCache* cache, const Key& key) noexcept {
     return link;
 }
 
-/// The key's node at or below a node, or NULL.
+/// The key's node in the subtree of a node, or NULL.
 inline KSCacheNode* findBelow(KSCacheNode* node, const Key& key) noexcept {
     while (node != nullptr && !holdsKey(*node, key))
         node = sortsBefore(*node, key) ? node->higher : node->lower;
     return node;
 }
 
-/// The key's node, or NULL.
+/// The key's node, or NULL. Only for lookups: an add needs the link even if the mark is not set.
 inline KSCacheNode* findNode(const KSCache* cache, const Key& key) noexcept {
     const uintptr_t root = bitsOf(rootOf(cache, key));
     return isMarked(root, key.head) ? findBelow(nodeIn(root), key) : nullptr;

@@ -104,7 +104,7 @@ uint32_t MBOptionsSet(MBSession* session, const KSOption* options, uint32_t coun
     if (session == nullptr) return CR_STATUS_NULL_HANDLE;
     if (options == nullptr && count > 0) return storeStatus(CR_STATUS_INVALID_PARAMETER);
     MBSession copy = *session;
-    const WipedAtEnd wiped(copy);
+    const ScopedWipe wiped(copy);
     const uint32_t status = apply(copy, options, count);
     if (status == CR_STATUS_OK) *session = copy;
     return storeStatus(status);

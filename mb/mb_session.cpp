@@ -11,7 +11,7 @@ void MBSessionTeardown(MBSession* session) noexcept {
     session->state |= MB_STATE_CLOSING;
     POReset(&session->scratchPO);
     if (session->transport != nullptr) WSShutdown(session->transport);
-    { const WipedAtEnd wiped(*session); }
+    { const ScopedWipe wiped(*session); }
     free(session);
 }
 
