@@ -1,8 +1,9 @@
 /*
  * KSCache: a fingerprint cache in the caller's memory.
  *
- * It answers "is this block of data known, and with which value?" for blocks that are named by
- * their fingerprints (digests). Conventions that hold for every function here:
+ * The cache answers "is this block of data known, and with which value?" for blocks that are named
+ * by their fingerprints (digests). Lookups are exact: false positives occur only between blocks
+ * with the same digest. Conventions that hold for every function here:
  *
  * 1. Keys. A key is a pointer to digest bytes and a fingerprint type, of which only the low 8 bits
  *    count. Type 3 means a 32-byte digest, any other type a 16-byte digest, and that many bytes are
@@ -12,17 +13,20 @@
  * 2. Statuses. Functions that return a status return 0 (CR_STATUS_OK) for success. A NULL handle
  *    gives CR_STATUS_NULL_HANDLE (44), a handle without its magic CR_STATUS_BAD_HANDLE (82); both
  *    are stored in the calling thread's status slot as well. Any other missing argument gives
- *    CR_STATUS_INVALID_PARAMETER (9) and, save and load excepted, leaves the slot alone.
+ *    CR_STATUS_INVALID_PARAMETER (9) and, except in save and load, leaves the slot alone.
  *    Handles are checked first.
- * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function that does not
- *    say that it stores something there leaves it alone.
+ * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves it alone
+ *    unless its description says that it stores a status there.
  * 4. Ownership. The caller owns a cache from KSCacheCreate() to KSCacheDestroy(). The cache copies
- *    keys and values and keeps no pointer to the caller's memory but the callback's argument.
- * 5. Threads. The library takes no lock. One cache is used by one thread at a time, lookups
- *    included, since they count. Different caches are independent, with one exception: when a page
- *    of a cache with `lockPages` cannot be unlocked, all memory of the process is unlocked.
+ *    keys and values; the callback's argument is the only pointer of the caller's that it keeps.
+ * 5. Threads. The library takes no lock. One cache is used by one thread at a time, including
+ *    lookups, which update counters. Different caches are independent, with one exception: when a
+ *    page of a cache with `lockPages` cannot be unlocked, all memory of the process is unlocked.
  * 6. Memory. An entry takes one slot of 72 bytes in a page of `areaSize` slots (one memory mapping
  *    each), the root table 8 bytes for each of its 2^bits roots. Nothing is allocated per entry.
+ * 7. Batches. A batch function does what a loop of its single calls does, in the same order, but
+ *    the cache misses of many keys overlap: about twice as fast for a cache that does not fit into
+ *    the processor's own. Pass hundreds of keys or more at once.
  *
  * Arguments that mean the same everywhere:
  *
@@ -35,7 +39,7 @@
  *   count          number of keys
  *   values         NULL, or room for a value for each key
  *   statuses       NULL, or room for a status for each key
- *   arg            handed to the callback as it is; may be NULL
+ *   arg            passed to the callback unchanged; may be NULL
  *   callbackArg    as given to KSCacheCreate()
  *   stream         where the report goes; NULL: standard output
  */
@@ -72,13 +76,13 @@ typedef struct KSCacheKey {
     uint32_t type;           /* fingerprint type, of which the low 8 bits count */
 } KSCacheKey;
 
-/* What KSCacheStats() reports. Sizes are in bytes. */
+/* The statistics of KSCacheStats(). Sizes are in bytes. */
 typedef struct KSCacheStatsRecord {
     uint64_t cacheSize;      /* all pages mapped now */
     uint64_t cachedItems;    /* entries */
     uint64_t hits;           /* adds and presence tests that found their fingerprint */
     uint64_t misses;         /* presence tests that did not */
-    uint64_t freeListCount;  /* free slots but those at the end of the newest page */
+    uint64_t freeListCount;  /* free slots, without those of `nodesAvailable` */
     uint32_t pageCount;      /* pages mapped now */
     uint32_t nodesAvailable; /* free slots at the end of the newest page */
     uint32_t lockPages;      /* as given to KSCacheCreate() */
@@ -88,16 +92,16 @@ typedef struct KSCacheStatsRecord {
 } KSCacheStatsRecord;
 
 /*
- * Told of an add that found its fingerprint already there, on the caller's thread, before the add
- * returns. It must not throw. It must not reset or destroy the cache.
+ * Called for each add whose fingerprint is known already, on the caller's thread, before the add
+ * returns. The callback must not throw, and must not reset or destroy the cache.
  *
  *   addArg  the last argument of that add
  */
 typedef void (*KSCacheAddCallback)(void* addArg, void* callbackArg);
 
 /*
- * Told of each entry of a walk. Returns 0 to go on, anything else to end the walk. It must not
- * throw, and must not reset or destroy the cache.
+ * Called for each entry of a walk. Returns 0 to go on, anything else to end the walk. The callback
+ * must not throw, and must not reset or destroy the cache.
  *
  *   node      the live entry, which may be read during the call
  *   reserved  0
@@ -107,7 +111,8 @@ typedef int (*KSCacheIterateCallback)(KSCache* cache, KSCacheNode* node, uint64_
 
 /*
  * The `bits` to pass to KSCacheCreate() for a number of entries: the base-2 logarithm, rounded up,
- * and one more, within 1 to 29. That is two to four roots an entry.
+ * and one more, within 1 to 29. The root table then has two to four roots for each entry, so that
+ * most searches meet one node or none.
  *
  *   expectedItems  entries that the cache is to hold
  */
@@ -117,14 +122,16 @@ KSPOOL_API uint32_t KSCacheBitsFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
  * Makes an empty cache.
  *
  *   areaSize   slots of 72 bytes per page. Rounded up to whole system pages, at least 1024, and
- *              held below pages of 4 GiB. A 200th of the expected entries is a good choice.
+ *              held below pages of 4 GiB. A 200th of the expected entries is a good choice: memory
+ *              is given back in whole pages, and the newest page is partly unused.
  *   bits       the root table gets 2^bits roots of 8 bytes: 1 to 29; anything else means 4.
- *              KSCacheBitsFor() tells which. When memory for the table is short, it is halved until
- *              it can be had.
+ *              KSCacheBitsFor() gives a good value. The table does not grow with the cache: too few
+ *              roots make deep trees and slow searches. When memory for the table is short, it is
+ *              halved until it can be allocated.
  *   lockPages  not 0: every page is locked into memory. A failed lock is reported as a warning, and
  *              the page is used unlocked.
- *   callback   told of each add of a known fingerprint; may be NULL.
- *   callbackArg  handed to the callback as it is; may be NULL.
+ *   callback   called for each add of a known fingerprint; may be NULL.
+ *   callbackArg  passed to the callback unchanged; may be NULL.
  *
  * Returns the cache, which the caller must pass to KSCacheDestroy(), or NULL when there is no
  * memory, with the status of the failed system call in the status slot. No page is mapped yet.
@@ -140,12 +147,12 @@ KSPOOL_API void KSCacheDestroy(KSCache* cache) KSPOOL_NOEXCEPT;
 
 /*
  * Empties a cache: all pages are released, counters start at 0, the settings of KSCacheCreate()
- * stay. NULL is allowed. The handle is not checked.
+ * stay. The root table is allocated anew. NULL is allowed. The handle is not checked.
  */
 KSPOOL_API void KSCacheReset(KSCache* cache) KSPOOL_NOEXCEPT;
 
 /*
- * Copies the cache's counters and settings. Costs no walk.
+ * Copies the cache's counters and settings, in constant time.
  *
  *   stats  the caller's record, which is filled
  *
@@ -157,7 +164,7 @@ KSPOOL_API uint32_t KSCacheStats(const KSCache* cache, KSCacheStatsRecord* stats
  * Records a fingerprint with a value, or notes that it is already known.
  *
  *   value   the caller's 64 bits, kept with a new entry. A known entry keeps its own value.
- *   addArg  handed to the cache's callback when the fingerprint is known; NULL: no callback.
+ *   addArg  passed to the cache's callback when the fingerprint is known; NULL: no callback.
  *
  * Returns
  *   CR_STATUS_OK (0)      a new entry was made, with reference count 1;
@@ -166,15 +173,15 @@ KSPOOL_API uint32_t KSCacheStats(const KSCache* cache, KSCacheStatsRecord* stats
  *   44, 82                bad handle, also in the status slot;
  *   9                     NULL fingerprint;
  *   any other value       the status of a page that could not be mapped, also in the status slot.
- *                         The cache is as it was and works on; this is logged once until a page
- *                         can be had again.
+ *                         No entry was made, and the cache remains usable; this is logged once
+ *                         until a page can be mapped again.
  */
 KSPOOL_API uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type,
                                uint64_t value, void* addArg) KSPOOL_NOEXCEPT;
 
 /*
- * Gets the value of a fingerprint and changes nothing, counters included. `valueOut` belongs to
- * the caller, may be NULL, and is written only when the fingerprint is found.
+ * Gets the value of a fingerprint and changes nothing, not even counters. `valueOut` belongs to the
+ * caller, may be NULL, and is written only when the fingerprint is found.
  *
  * Returns 0; CR_STATUS_NOT_FOUND (2), slot left alone; 44 or 82, also in the status slot; 9 for a
  * NULL fingerprint.
@@ -183,9 +190,9 @@ KSPOOL_API uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, 
                                  uint64_t* valueOut) KSPOOL_NOEXCEPT;
 
 /*
- * Tests whether a fingerprint is known and counts the answer: a hit raises the entry's reference
- * count (up to 16383), by which a memory limit later tells what to keep. `valueOut` as for
- * KSCacheFetch().
+ * Tests whether a fingerprint is known and counts the hit or miss. A hit raises the entry's
+ * reference count (up to 16383), by which KSCacheCheck() chooses the entries that it keeps.
+ * `valueOut` as for KSCacheFetch().
  *
  * Returns as KSCacheFetch().
  */
@@ -201,7 +208,7 @@ KSPOOL_API uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint3
 KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
                                   uint32_t type) KSPOOL_NOEXCEPT;
 
-/* ---- Batches: what a loop of single calls does, in the same order, several times faster ---- */
+/* ---- Batches: convention 7 ---- */
 
 /*
  * KSCacheExists() for each of `count` keys.
@@ -209,10 +216,11 @@ KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
  *   keys      belong to the caller, as do their digests.
  *   values    NULL, or room for `count` values. As with single calls, the value of a key that is
  *             not found is not written.
- *   statuses  NULL, or room for `count` statuses: for each key what the single call returns.
+ *   statuses  NULL, or room for `count` statuses: for each key that of the single call.
  *
  * Returns 0, also when keys were not found; 44 or 82, also in the status slot; 9 when `count` is
- * not 0 and `keys` or the fingerprint of one of them is NULL. Nothing was done when it is not 0.
+ * not 0 and `keys` or the fingerprint of one of them is NULL. After any status but 0 nothing was
+ * done.
  */
 KSPOOL_API uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count,
                                        uint64_t* values, uint32_t* statuses) KSPOOL_NOEXCEPT;
@@ -222,16 +230,16 @@ KSPOOL_API uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* ke
                                       uint64_t* values, uint32_t* statuses) KSPOOL_NOEXCEPT;
 
 /*
- * KSCacheAdd() for each of `count` keys. A key that is in the batch twice is known the second time.
+ * KSCacheAdd() for each of `count` keys. The second occurrence of a key in a batch is a known one.
  *
  *   values    `count` values; read only.
  *   addArgs   NULL for no callbacks, or one argument a key.
- *   statuses  NULL, or room for `count` statuses: for each key what the single call returns.
+ *   statuses  NULL, or room for `count` statuses: for each key that of the single call.
  *
  * Returns 0, also when keys were known already; 44 or 82, also in the status slot; 9 when `count`
- * is not 0 and `keys`, `values` or the fingerprint of a key is NULL. Nothing was done for these
- * three. Any other value is the status of the first page that could not be mapped: all keys were
- * handled, `statuses` tells how, and the status slot holds the last such status.
+ * is not 0 and `keys`, `values` or the fingerprint of a key is NULL. After 44, 82 and 9 nothing was
+ * done. Any other value is the status of the first page that could not be mapped: all keys were
+ * handled, `statuses` has the result of each, and the status slot holds the last such status.
  */
 KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t* values,
                                     void* const* addArgs, size_t count,
@@ -241,11 +249,11 @@ KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, cons
 
 /*
  * Calls `callback` for each entry, in the order of memory: page by page, slot by slot. The callback
- * may use the cache: an entry that it deletes is no longer met, one that it adds is met only if its
- * slot lies ahead. While a walk is under way, nothing moves: KSCacheCheck() and KSCachePrune()
- * refuse and KSCacheReclaim() does nothing. Walks may be nested.
+ * may use the cache: an entry that it deletes is not visited any more, one that it adds is visited
+ * only if its slot lies ahead. While a walk is under way no entry moves: KSCacheCheck() and
+ * KSCachePrune() refuse (CR_STATUS_BUSY) and KSCacheReclaim() does nothing. Walks may be nested.
  *
- *   callback  told of each entry
+ *   callback  called for each entry
  *
  * Returns 0, also when the callback ended the walk; 44 or 82, also in the status slot; 9 for a NULL
  * callback.
@@ -257,37 +265,37 @@ KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callba
 
 /*
  * Saves all entries to a file, whose format docs/cache-format.md describes: fingerprints, types and
- * values; reference counts and counters are not kept. The file is made anew (mode 0644). An empty
- * cache leaves no file: one of that name is removed.
+ * values; reference counts and counters are not saved. An existing file is truncated, a new one has
+ * mode 0644. An empty cache leaves no file: one of that name is removed.
  *
  *   path   file name, read during the call only.
  *   count  NULL, or receives the number of entries saved when the call succeeds.
  *
  * Returns 0; 44, 82, or 9 for a NULL path; the status of the system error when the file cannot be
- * opened, which is logged as a warning. All are stored in the status slot. Errors in writing go
- * unseen, so the file may be incomplete; KSCacheLoad() refuses such a file.
+ * opened, which is logged as a warning. All but 0 are stored in the status slot. Write errors are
+ * not reported: the file may then be incomplete, and KSCacheLoad() refuses it.
  */
 KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
                                 uint64_t* count) KSPOOL_NOEXCEPT;
 
 /*
- * Adds all entries of a file to a cache, as KSCacheAdd() without argument does: a fingerprint that
- * is known already counts a hit. The file is checked as a whole before the first is added, so that
- * a file that is refused leaves the cache as it was; it must not change meanwhile.
+ * Adds all entries of a file to a cache, as KSCacheAdd() with a NULL `addArg` does: a fingerprint
+ * that is known already counts a hit. The whole file is checked before the first entry is added, so
+ * that a refused file leaves the cache as it was. The file must not change meanwhile.
  *
  *   path   file name, read during the call only.
- *   count  NULL, or receives the number of entries read when the call succeeds, those included that
- *          were known or found no memory. The latter are logged and leave their status in the slot,
- *          as with KSCacheAdd().
+ *   count  NULL, or receives the number of entries read when the call succeeds, including entries
+ *          that were known already and entries for which no page could be mapped. The latter are
+ *          logged and leave their status in the slot, as with KSCacheAdd().
  *
  * Returns 0; all others are stored in the status slot as well:
  *   44, 82                       bad handle;
  *   9                            NULL path;
- *   CR_STATUS_BAD_HANDLE (82)    the file is no cache file;
- *   CR_STATUS_SEEK_FAILED (23)   it is something in which there are no positions, a pipe perhaps;
- *   CR_STATUS_READ_FAILED (25)   it could not be read;
- *   CR_STATUS_CORRUPT (32)       its checksum differs;
- *   any other value              the status of the system error when it cannot be opened.
+ *   CR_STATUS_BAD_HANDLE (82)    the file is not a cache file;
+ *   CR_STATUS_SEEK_FAILED (23)   the file is not seekable (a pipe);
+ *   CR_STATUS_READ_FAILED (25)   the file could not be read;
+ *   CR_STATUS_CORRUPT (32)       the checksum of the file differs;
+ *   any other value              the status of the system error when the file cannot be opened.
  */
 KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* count) KSPOOL_NOEXCEPT;
 
@@ -296,9 +304,10 @@ KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* coun
 /*
  * Holds a cache to a memory limit. When its pages take more, entries with low reference counts are
  * dropped until the others take at most the limit, and the pages are compacted (KSCacheReclaim()).
- * Entries with equal counts go together: a cache in which everything was asked for once may be
- * emptied. The pages of what is left may take somewhat more than the limit: their headers, the end
- * of the last page, and another page when too few slots are free for a compaction.
+ * This is count-based eviction. Entries with equal counts go together, so a cache in which every
+ * entry has the same count may be emptied: cyclic scans larger than the limit defeat it. The pages
+ * of the remaining entries may take somewhat more than the limit: their headers, the end of the
+ * last page, and another page when too few slots are free for a compaction.
  *
  *   limit  MiB; 0 for no limit, which compacts only. The root table does not count.
  *
@@ -307,37 +316,39 @@ KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* coun
 KSPOOL_API uint32_t KSCacheCheck(KSCache* cache, uint32_t limit) KSPOOL_NOEXCEPT;
 
 /*
- * Reports the free slots and returns their number. Deletion frees slots at once, so nothing is left
- * for it to do. Returns 0 with 44, 82, or CR_STATUS_BUSY (11) during a walk, in the status slot.
+ * Returns the number of free slots on the free list and reports it as a trace. A deletion frees its
+ * slot at once, so that there is nothing to prune. Returns 0 with 44, 82, or CR_STATUS_BUSY (11)
+ * during a walk, in the status slot.
  */
 KSPOOL_API uint64_t KSCachePrune(KSCache* cache) KSPOOL_NOEXCEPT;
 
 /*
  * Compacts: moves entries from the last pages into free slots at lower addresses and releases the
- * pages that this empties. Entries keep all but their addresses; a cache that is left without pages
- * starts over, with no hits and misses. Does nothing for a NULL handle, during a walk, and while
- * `freeListCount` is below `areaSize`. The handle is not checked.
+ * pages that this empties. Only the addresses of entries change. A cache that is left without pages
+ * is initialised anew, with no hits and misses. Does nothing for a NULL handle, during a walk, and
+ * while `freeListCount` is below `areaSize`, when hardly a page could be emptied. The handle is not
+ * checked.
  */
 KSPOOL_API void KSCacheReclaim(KSCache* cache) KSPOOL_NOEXCEPT;
 
 /* ---- Reports ---- */
 
 /*
- * Write to `stream` (NULL: standard output), which is not flushed: one line each for all slots,
- * free ones included; for all entries, tree by tree, from the highest to the lowest; or for all
- * slots and the free list, with a summary (the heading of a page tells one less than its free
- * slots, which prints as 4294967295 for a full one). They do nothing for a NULL cache. The handle
- * is not checked.
+ * Write a report to `stream` (NULL: standard output), which is not flushed. KSCacheDump() writes a
+ * line for each slot, including free ones; KSCacheDumpSorted() a line for each entry, tree by tree,
+ * from the highest to the lowest; KSCacheDumpRaw() a summary, each slot of each page, and the free
+ * list (the heading of a page has its free count less one, which prints as 4294967295 for a full
+ * page that was never compacted). All three do nothing for a NULL cache. The handle is not checked.
  */
 KSPOOL_API void KSCacheDump(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
 KSPOOL_API void KSCacheDumpSorted(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
 KSPOOL_API void KSCacheDumpRaw(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
 
 /*
- * Writes a summary of a cache, under a name, as one trace message; nothing while tracing is off or
- * for a NULL cache. The handle is not checked.
+ * Writes a summary of a cache as one trace message; nothing while tracing is off or for a NULL
+ * cache. The handle is not checked.
  *
- *   name  what the summary calls the cache; not NULL
+ *   name  the name of the cache in the summary; not NULL
  */
 KSPOOL_API void _ksCacheDump(const KSCache* cache, const char* name) KSPOOL_NOEXCEPT;
 
