@@ -93,7 +93,7 @@ bool addPage(KSCache* cache) {
         return false;
     }
     cache->disabled = 0;
-    // Populated and advised already: locking first would fill the page with small system pages.
+    // Locked last: mlock() populates memory, with small system pages unless huge ones were advised.
     if (cache->lockPages != 0) lockPage(page);
     appendPage(cache, page);
     return true;
