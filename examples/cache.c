@@ -1,4 +1,4 @@
-/* Which files are the same? Reads what sha256sum prints, and needs no table of its own.
+/* Which files are the same? Reads the output of sha256sum; the cache is its only table.
  *
  *     cc cache.c $(pkg-config --cflags --libs kspool) -o cache
  *     find /usr/share -type f -exec sha256sum {} + | ./cache
@@ -20,7 +20,7 @@ int main(void) {
         if (strlen(line) < 67) continue; /* a digest, two blanks, a name */
         while (i < 32 && sscanf(line + 2 * i, "%2hhx", &digest[i]) == 1)
             ++i;
-        if (i < 32) continue; /* no digest */
+        if (i < 32) continue; /* not a digest */
         ++number;
         if (KSCacheExists(cache, digest, 3, &first) == CR_STATUS_OK) {
             printf("line %lu is line %lu again: %s", number, (unsigned long)first, line + 66);

@@ -1,4 +1,4 @@
-/* Goes through a cache file and keeps what has at least a value.
+/* Copies a cache file without the entries whose value is below a minimum.
  *
  *     cc iterate.c $(pkg-config --cflags --libs kspool) -o iterate
  *     ./iterate blocks.cache 100 newer.cache
@@ -14,12 +14,13 @@ struct Work {
     unsigned long dropped;
 };
 
-/* Called for each entry. It may delete the entry that it is called for; 0 goes on. */
-static int dropOld(KSCache* cache, KSCacheNode* node, uint64_t value, int type, void* arg) {
+/* Called for each entry, which it may delete; 0 continues the walk. */
+static int dropOld(KSCache* cache, KSCacheNode* node, uint64_t value, int reserved, void* arg) {
     struct Work* work = arg;
+    (void)reserved;
     if (value >= work->least) return 0;
     ++work->dropped;
-    return KSCacheDelete(cache, node->fingerprint, (uint32_t)type) == CR_STATUS_OK ? 0 : 1;
+    return KSCacheDelete(cache, node->fingerprint, node->type) == CR_STATUS_OK ? 0 : 1;
 }
 
 static int failed(const char* what, uint32_t status) {
