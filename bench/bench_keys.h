@@ -1,4 +1,4 @@
-// Keys that the benchmarks of the cache have alike.
+// The random keys of all cache benchmarks.
 #ifndef BENCH_KEYS_H
 #define BENCH_KEYS_H
 

@@ -1,4 +1,4 @@
-// Timing that the benchmarks have alike.
+// Timing and registration, shared by the benchmarks.
 #ifndef BENCH_RUN_H
 #define BENCH_RUN_H
 
@@ -20,7 +20,8 @@ double secondsOf(Work work) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Registers "WORK/TABLE/COUNT": `run` takes the benchmark's state and times itself.
+/// Registers "WORK/TABLE/COUNT". `run` takes the benchmark's state, does one round and times it
+/// itself, so that the preparation of a round is not measured.
 template <typename Run>
 void registerWork(const std::string& work, const std::string& table, size_t count, int rounds,
                   Run run) {
@@ -32,16 +33,16 @@ void registerWork(const std::string& work, const std::string& table, size_t coun
         ->Unit(benchmark::kMillisecond);
 }
 
-/// Tells what one round's work took.
+/// Reports the time of one round.
 inline void report(benchmark::State& state, double seconds, size_t items) {
     for (auto _ : state)
         state.SetIterationTime(seconds);
     state.SetItemsProcessed(static_cast<int64_t>(items));
 }
 
-/// Makes the machine hand over the memory that a round needs, so that nobody pays for being the
-/// first to touch it. A virtual machine gives back what has been free for seconds, so this is done
-/// before each round that takes memory.
+/// Touches as much memory as a round needs and frees it, so that no table pays for the host's first
+/// mapping of it. A virtual machine returns memory that was free for seconds to its host, so this
+/// is done before each round that allocates.
 inline void warmMemory(size_t bytes) {
     constexpr size_t kHugePage = size_t{2} << 20;
     bytes = (bytes + kHugePage - 1) / kHugePage * kHugePage;
@@ -53,7 +54,7 @@ inline void warmMemory(size_t bytes) {
     free(memory);
 }
 
-/// Numbers of entries from the command line, or some of ours, once the framework took its options.
+/// Numbers of entries from the command line, after the framework took its options; else the usual.
 inline std::vector<size_t> countsFrom(int argc, char** argv, const std::vector<size_t>& usual) {
     std::vector<size_t> counts;
     for (int i = 1; i < argc; ++i)

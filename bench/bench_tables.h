@@ -1,4 +1,5 @@
-// The tables that are compared: the cache and its peers, behind the same three calls.
+// The tables that are compared, the cache and other hash tables, behind the same three calls: add,
+// exists (counted where the table counts) and fetch.
 #ifndef BENCH_TABLES_H
 #define BENCH_TABLES_H
 
@@ -20,7 +21,7 @@ namespace bench {
 
 using Digest = std::array<uint8_t, 32>;
 
-/// Keys that a table is asked for at once; tables without batches go through them one by one.
+/// Keys of one call; tables without batches look them up one by one.
 inline constexpr size_t kStretch = 1000;
 
 /// Digests are random already, so eight of their bytes are as good a hash as any.
@@ -32,14 +33,14 @@ struct DigestHash {
     }
 };
 
-/// What a stretch of lookups found.
+/// The result of a stretch of lookups.
 struct Found {
     size_t count = 0;
-    uint64_t values = 0;  ///< their sum
+    uint64_t values = 0;  ///< sum of the values, so that each value is read
 };
 
-/// Slots that fill a huge page, header included. Pages of a 200th of the entries, in whole huge
-/// pages when they are as large.
+/// The area size that the documentation advises: a 200th of the entries, rounded down to whole huge
+/// pages when it is as large as one. A huge page has 29,127 slots, the header's included.
 inline uint32_t areaFor(size_t entries) {
     constexpr size_t kHugePageSlots = 29'127;
     const size_t slots = entries / 200;
@@ -47,7 +48,7 @@ inline uint32_t areaFor(size_t entries) {
                                                         : slots / kHugePageSlots * kHugePageSlots);
 }
 
-/// The cache, with the settings that its documentation advises.
+/// The cache by its single calls, with the settings that its documentation advises.
 class CacheTable {
   public:
     explicit CacheTable(size_t entries)
@@ -84,7 +85,7 @@ class CacheTable {
     KSCache* cache_;
 };
 
-/// The same by its batch calls.
+/// The cache by its batch calls.
 class BatchTable {
   public:
     explicit BatchTable(size_t entries) : table_(entries) {}
@@ -128,7 +129,7 @@ class BatchTable {
     std::array<uint32_t, kStretch> statuses_;
 };
 
-/// A hash map as a user would take it: nothing reserved.
+/// A hash map as a user would use it first: nothing reserved.
 template <typename Map>
 class MapTable {
   public:
@@ -159,7 +160,7 @@ class MapTable {
     Map map_;
 };
 
-/// A map that can be told which key comes soon.
+/// A map with a prefetch call: each key is prefetched 16 keys ahead.
 template <typename Map>
 class PrefetchTable : public MapTable<Map> {
   public:

@@ -1,8 +1,9 @@
 // Add, hit, miss and fetch of the cache beside hash tables that a user would take instead.
 //
-// Run it with random interleaving (scripts/bench does): the rounds of all benchmarks are then
-// mixed, and kept short, so that drift of the machine meets all tables alike. Each table is built,
-// and gone through once, before its first timed round. Rounds of lookups move on through the keys.
+// Run it with random interleaving (scripts/bench does): the short rounds of all benchmarks are then
+// mixed, so that drift of the machine affects all tables alike. Each table is built, and all of its
+// keys are looked up once, before its first timed round. Each round of lookups starts where the
+// last one ended, so that it does not find its keys in the processor's caches.
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -17,13 +18,13 @@ namespace {
 /// Operations of a round, unless filling a table takes more.
 constexpr size_t kOperations = 1'000'000;
 constexpr int kAddRounds = 5;
-/// Of an entry, while a table grows: the old and the new memory of the largest.
+/// Bytes of an entry while a table grows: the old and the new array of the largest table.
 constexpr size_t kBytesToGrow = 200;
 constexpr int kLookupRounds = 21;
 
 struct Keys {
     std::vector<Digest> known;
-    std::vector<Digest> shuffled;  ///< the known ones in another order, as asked for
+    std::vector<Digest> shuffled;  ///< the known ones in the order of lookups, another than of adds
     std::vector<Digest> absent;
 };
 
@@ -46,7 +47,7 @@ void fill(Table& table, const std::vector<Digest>& keys) {
     }
 }
 
-/// A filled table of a kind and size, made once and kept.
+/// A filled table of a kind and size, built once for all rounds.
 template <typename Table>
 Table& filledTable(size_t count) {
     static std::map<size_t, std::unique_ptr<Table>> made;
@@ -79,7 +80,7 @@ void benchAdd(benchmark::State& state, size_t count) {
     state.SetItemsProcessed(static_cast<int64_t>(rounds * count));
 }
 
-/// Looks up the keys from `next` on, and fails the run if one is answered wrongly.
+/// Looks up the keys from `next` on, and fails the run if a result is wrong.
 template <typename Lookup>
 void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, size_t& next,
                  bool expected, Lookup lookup) {

@@ -1,5 +1,6 @@
-// What keeps a cache in order, beside the least that the same bytes cost: checksums beside those of
-// libraries, save beside one write, load beside batched adds, the limit beside a copy of the pages.
+// The maintenance of a cache, each beside a lower bound for the same bytes: checksums beside those
+// of other libraries, save beside one write, load beside batched adds, the limit beside a copy of
+// the pages.
 #include <fcntl.h>
 #include <libdeflate.h>
 #include <malloc.h>
@@ -21,9 +22,9 @@ using benchmark::State;
 constexpr int kRounds = 7;
 constexpr size_t kRecordSize = 41;
 constexpr size_t kNodeSize = 72;
-constexpr size_t kBytesToFill = 120;  ///< of an entry, roots included
+constexpr size_t kBytesToFill = 120;  ///< bytes per entry of a filled cache, roots included
 
-/// In memory where that can be had: how fast a disk is at the moment is no matter of ours.
+/// In a memory file system if there is one, so that the speed of the disk is not measured.
 const std::string& fileName() {
     static const std::string name =
         std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + "/care_bench.cache";
@@ -46,7 +47,7 @@ std::unique_ptr<Table> filled(size_t count) {
     return table;
 }
 
-/// A checksum of 42 KB that lie in a near cache, as they do when a file is written.
+/// A checksum of 42 KB in the processor's near caches, where a block lies when a file is written.
 template <typename Sum>
 void checksum(State& state, Sum sum) {
     static const std::vector<uint8_t> block(1024 * kRecordSize, 0xa7);
@@ -97,7 +98,7 @@ void addBatches(State& state, size_t count) {
     report(state, secondsOf([&] { table = filled<BatchTable>(count); }), count);
 }
 
-/// A tenth of the entries was asked for less often than the others, and has to go.
+/// A tenth of the entries has a lower reference count than the others, and is dropped.
 void limit(State& state, size_t count) {
     const std::unique_ptr<BatchTable> table = filled<BatchTable>(count);
     const std::vector<Digest>& keys = keysFor(count);
@@ -119,7 +120,7 @@ uint64_t residentBytes() {
     return uint64_t{pages} * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
-/// Not nanoseconds but bytes: what a filled cache takes of memory.
+/// The resident bytes per entry of a filled cache, reported as if they were nanoseconds.
 void memory(State& state, size_t count) {
     keysFor(count);
     malloc_trim(0);

@@ -1,5 +1,5 @@
 // A query with a 100 MB answer: its download beside a bare libcurl download of the same bytes, and
-// its cursor beside a loop that does nothing but find and cut lines.
+// its cursor beside a loop that only finds the line ends and terminates the lines.
 #include <curl/curl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -23,7 +23,7 @@ constexpr int kRounds = 9;
 constexpr size_t kLines = 710'000;
 constexpr size_t kLineSize = 140;
 
-/// An answer of POs, as long as they are in practice.
+/// An answer of POs of a usual length.
 const std::string& answer() {
     static const std::string text = [] {
         std::string made = "names\ntypes\n" + std::to_string(kLines) + "\n";
@@ -34,7 +34,7 @@ const std::string& answer() {
     return text;
 }
 
-/// Sends that answer to whatever it is asked, without thinking.
+/// A server that sends the same answer to every request, so that its own work is not measured.
 class Server {
   public:
     Server() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -121,7 +121,8 @@ void download(benchmark::State& state) {
     report(state, seconds, kLines);
 }
 
-/// Fresh copies of an answer's lines, as many as make the time of one round long enough.
+/// Fresh copies of an answer's lines, since a cursor changes them; as many as make a round long
+/// enough to be timed.
 class Copies {
   public:
     explicit Copies(size_t lines) {

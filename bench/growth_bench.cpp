@@ -1,7 +1,7 @@
-// How the cost of an entry grows with the number of entries, and with the number of roots.
+// The cost of an entry by the number of entries, and by the number of roots.
 //
-// Keys are made from their number when they are needed, and not held: a hundred million of them
-// would take more memory than other things leave. Making them is not timed.
+// Keys are computed from their number when they are needed and not stored: a hundred million of
+// them would not fit into memory beside the cache. Computing them is not timed.
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +19,7 @@ using benchmark::State;
 
 constexpr size_t kLookups = 2'000'000;
 constexpr size_t kNodeSize = 72;
-constexpr size_t kBytesToFill = 110;  ///< of an entry, roots included
+constexpr size_t kBytesToFill = 110;  ///< bytes per entry of a filled cache, roots included
 constexpr size_t kEntriesForBits = 10'000'000;
 
 const std::string& fileName() {
@@ -29,7 +29,7 @@ const std::string& fileName() {
     return name;
 }
 
-/// A well-mixed number for each number.
+/// A bijective hash of numbers (splitmix64).
 uint64_t mixed(uint64_t number) {
     number += 0x9e3779b97f4a7c15;
     number = (number ^ (number >> 30)) * 0xbf58476d1ce4e5b9;
@@ -37,14 +37,14 @@ uint64_t mixed(uint64_t number) {
     return number ^ (number >> 31);
 }
 
-/// A stretch of keys.
+/// The keys and results of one call.
 struct Stretch {
     std::array<Digest, kStretch> digests;
     std::array<KSCacheKey, kStretch> keys;
     std::array<uint64_t, kStretch> values{};
     std::array<uint32_t, kStretch> statuses;
 
-    /// Makes `count` keys from numbers that `numberOf` tells.
+    /// Makes `count` keys from the numbers `numberOf(0)`, `numberOf(1)` and so on.
     template <typename NumberOf>
     void make(size_t count, NumberOf numberOf) {
         for (size_t i = 0; i < count; ++i) {
@@ -62,7 +62,8 @@ struct Stretch {
     }
 };
 
-/// Seconds that `act(stretch, count)` takes over keys 0 to `total` - 1 in turn.
+/// Calls `act(stretch, count)` for keys 0 to `total` - 1 in turn, and returns the seconds of `act`
+/// alone.
 template <typename Act>
 double eachStretch(size_t total, Act act) {
     static Stretch stretch;
@@ -80,7 +81,7 @@ struct Settings {
     uint32_t bits;
 };
 
-/// The cache that is worked on, made anew whenever another one is asked for.
+/// A filled cache. with() keeps the last one, since filling takes longer than most measurements.
 class Cache {
   public:
     explicit Cache(Settings wanted, bool batches) : settings(wanted) {
@@ -105,8 +106,8 @@ class Cache {
 
     KSCache* handle;
     Settings settings;
-    double seconds;        ///< that filling it took
-    bool spoiled = false;  ///< no longer holds all keys
+    double seconds;        ///< to fill it
+    bool spoiled = false;  ///< no longer holds all keys, so it must not be used again
 
   private:
     void addBatch(Stretch& s, size_t count) const {
@@ -120,13 +121,13 @@ class Cache {
 
 template <bool batches>
 void add(State& state, Settings settings) {
-    Cache::with({1, 1});  // lets go of a large one
+    Cache::with({1, 1});  // releases the last cache, which may be large
     warmMemory(settings.entries * kBytesToFill);
     const Cache cache(settings, batches);
     report(state, cache.seconds, settings.entries);
 }
 
-/// Random keys, known ones or others.
+/// Lookups of random keys, all of them known or all unknown.
 template <bool batches, bool known>
 void lookUp(State& state, Settings settings) {
     static Stretch s;
@@ -173,7 +174,7 @@ void load(State& state, Settings settings) {
     report(state, seconds, settings.entries);
 }
 
-/// All but a tenth are asked for once more, and the limit leaves room for no more than those.
+/// All but a tenth are looked up once more, and the limit leaves room for these only.
 void check(State& state, Settings settings) {
     Cache::with({1, 1});
     Cache cache(settings, true);
@@ -185,7 +186,7 @@ void check(State& state, Settings settings) {
     report(state, secondsOf([&] { KSCacheCheck(cache.handle, megabytes); }), settings.entries);
 }
 
-/// Every tenth entry was deleted.
+/// Compaction after every tenth entry was deleted.
 void reclaim(State& state, Settings settings) {
     Cache& cache = Cache::with(settings);
     cache.spoiled = true;
@@ -225,7 +226,8 @@ void registerGrowth(const std::vector<size_t>& counts) {
     }
 }
 
-/// Few roots make deep trees; what a root more or less costs is seen near the advised number.
+/// Ten million entries with 2^4 to 2^28 roots: few roots make deep trees. The advised number is
+/// 2^25.
 void registerBits() {
     for (uint32_t bits = 4; bits <= 28; bits += 4) {
         for (const auto& row : kWorks) {

@@ -1,5 +1,6 @@
-// What the memory limit keeps: streams of fingerprints run through a cache that is held at a part
-// of what they would need, beside one that keeps what was used last and one that knows the future.
+// The hit rate under a memory limit: streams of fingerprints are looked up in a cache that is
+// limited to a part of the memory that they need, beside an LRU cache and the optimal one (Belady),
+// which knows the future.
 //
 // Usage: limit_sim OUT.json
 #include <algorithm>
@@ -34,8 +35,7 @@ constexpr uint32_t kAreaSize = 1024;
 /// Lookups between two checks: a hundredth of the keys.
 constexpr size_t kBetweenChecks = kKeys / 100;
 
-/// Keys by a Zipf distribution: the k-th of them is asked for k^-exponent times as often as the
-/// first.
+/// Keys by a Zipf distribution: the k-th key is k^-exponent times as frequent as the first.
 class Zipf {
   public:
     explicit Zipf(double exponent) : sums_(kKeys) {
@@ -63,7 +63,7 @@ Stream zipf(double exponent) {
     return stream;
 }
 
-/// After each fifth of the lookups, as many keys as there are pass by that never come again.
+/// Zipf with scans: each fifth of the lookups ends with kKeys keys that occur only once.
 Stream scans() {
     constexpr size_t kStretches = 5;
     const Zipf pick(0.9);
@@ -79,7 +79,7 @@ Stream scans() {
     return stream;
 }
 
-/// The same data once more each day, in the same order, with a fiftieth of it replaced.
+/// A cyclic scan: the same data each day, in the same order, with a fiftieth replaced each time.
 Stream days() {
     std::mt19937_64 random(1);
     Stream data(kKeys), stream;
@@ -125,7 +125,7 @@ uint64_t entriesOf(const KSCache* cache) {
     return stats.cachedItems;
 }
 
-/// Checks are timed, and count when they dropped something.
+/// One timed check; only checks that dropped entries are counted.
 void check(KSCache* cache, uint32_t megabytes, Outcome& outcome) {
     const uint64_t before = entriesOf(cache);
     const auto start = Clock::now();
@@ -139,7 +139,7 @@ void check(KSCache* cache, uint32_t megabytes, Outcome& outcome) {
     outcome.longestCheck = std::max(outcome.longestCheck, seconds);
 }
 
-/// Hits of a cache that takes nothing more once it is full.
+/// Hits of a cache to which nothing is added once it is full.
 size_t untilFull(const Stream& stream, size_t room) {
     KSCache* cache = KSCacheCreate(kAreaSize, KSCacheBitsFor(kKeys), 0, nullptr, nullptr);
     size_t hits = 0, entries = 0;
@@ -173,7 +173,7 @@ Outcome limited(const Stream& stream, uint32_t megabytes) {
     return outcome;
 }
 
-/// Hits of a cache of so many entries that drops what was used longest ago.
+/// Hits of an LRU cache of `room` entries.
 size_t lastUsed(const Stream& stream, size_t room) {
     std::list<uint32_t> order;
     std::unordered_map<uint32_t, std::list<uint32_t>::iterator> where;
@@ -194,7 +194,7 @@ size_t lastUsed(const Stream& stream, size_t room) {
     return hits;
 }
 
-/// Hits of a cache of so many entries that drops what is needed again last.
+/// Hits of the optimal cache of `room` entries: it drops the entry whose next use is farthest away.
 size_t ideal(const Stream& stream, size_t room) {
     const auto never = static_cast<uint32_t>(stream.size());
     const uint32_t keys = *std::max_element(stream.begin(), stream.end()) + 1;
@@ -203,7 +203,7 @@ size_t ideal(const Stream& stream, size_t room) {
         next[i] = latest[stream[i]];
         latest[stream[i]] = static_cast<uint32_t>(i);
     }
-    std::vector<uint32_t> nextOf(keys, 0);  // of what is kept; 0: is not
+    std::vector<uint32_t> nextOf(keys, 0);  // next use of a key in the cache; 0: not in the cache
     std::priority_queue<std::pair<uint32_t, uint32_t>> farthest;
     size_t hits = 0, kept = 0;
     for (size_t i = 0; i < stream.size(); ++i) {
@@ -214,7 +214,7 @@ size_t ideal(const Stream& stream, size_t room) {
         while (kept > room) {
             const auto [when, victim] = farthest.top();
             farthest.pop();
-            if (nextOf[victim] != when) continue;  // has been used since
+            if (nextOf[victim] != when) continue;  // stale: used since
             nextOf[victim] = 0;
             --kept;
         }

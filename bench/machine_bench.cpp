@@ -1,5 +1,5 @@
-// What the machine can do at best: a read that waits for the one before, reads of random lines with
-// many on the way, and a copy. No table can be faster than its lines arrive.
+// The limits of the machine: the latency of dependent reads, the rate of independent reads of
+// random cache lines, and a copy. No table can be faster than its lines arrive.
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ constexpr size_t kLine = 64;
 constexpr size_t kReads = 1'000'000;
 constexpr size_t kHugePage = size_t{2} << 20;
 
-/// Memory in huge pages, in which each line leads to another: one round trip through all of them.
+/// Memory in huge pages whose lines form one random cycle: each holds the address of the next.
 char* memoryOf(size_t bytes) {
     static std::map<size_t, char*> made;  // kept until the program ends
     char*& memory = made[bytes];
@@ -50,7 +50,7 @@ void latency(State& state, size_t bytes) {
     report(state, seconds, kReads);
 }
 
-/// Lines are asked for well before they are read.
+/// Independent reads: each line is prefetched 64 reads ahead.
 void lines(State& state, size_t bytes) {
     constexpr size_t kAhead = 64;
     static std::mt19937_64 random(2);

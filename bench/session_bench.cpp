@@ -45,7 +45,8 @@ class Pool {
     const std::string& url() const { return server_->url(); }
     std::string config() const { return folder_ + "/agent.cfg"; }
     std::string key(const char* file) const { return folder_ + "/tls/client/" + file; }
-    /// Once more for each peer, so that none of them pays for more than one connection.
+    /// Aborts unless the server saw so many connections: one for each round of each peer, so that
+    /// no peer pays for reconnecting.
     void expectConnections(size_t most) {
         const std::string wanted = "\"connections\":" + std::to_string(most) + ",";
         if (server_->admin("GET", "requests").find(wanted) == std::string::npos) abort();
@@ -69,7 +70,8 @@ void session(benchmark::State& state, Pool& pool) {
     report(state, seconds, kRequests);
 }
 
-/// As many sessions at once, each with its thread; together they send as many requests as one.
+/// `count` sessions at once, each in a thread of its own; together they send as many requests as
+/// one.
 void sessions(benchmark::State& state, const Pool& pool, size_t count) {
     std::vector<MBSession*> all(count);
     uint32_t time = 0;
