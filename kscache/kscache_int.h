@@ -4,7 +4,7 @@
 // reference counts. No lock is taken; different caches share no data.
 // Invariants, between any two calls:
 //  1. Each slot is in exactly one of: the tree of the root that its key selects (refCount >= 1),
-//     the free list, or the area (refCount 0 in both). Passes over pages tell used slots by
+//     the free list, or the area (refCount 0 in both). Passes over pages recognise used slots by
 //     refCount alone: a free slot still holds the bytes of its last key.
 //  2. The area is the end of the last page, from `areaPointer` on. No other page has one: a page
 //     is only added when the area is used up.
@@ -57,7 +57,7 @@ struct KSCache {
     KSCachePage* firstPage;
     KSCachePage* lastPage;
     KSCacheNode* areaPointer;  ///< next slot of the area; no slot if nodesAvailable is 0
-    uint32_t disabled;         ///< 1: no page could be had, and this was reported
+    uint32_t disabled;         ///< 1: no page could be mapped, and this was reported
     uint32_t pageCount;
     uint32_t nodesAvailable;  ///< slots of the area
     uint64_t freeListCount;

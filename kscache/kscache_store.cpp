@@ -1,4 +1,10 @@
 // The life of a cache: create, reset, destroy, statistics.
+//
+// Thread rule: one thread at a time per cache (kscache_int.h); KSCacheStats() reads counters that
+// lookups update, so it is no exception.
+// Invariants:
+//  1. The settings are rounded once, in cacheInit(), and a cache has no pages then.
+//  2. A cache always has a root table, if only the one root in the handle.
 #include <algorithm>
 #include <bit>
 #include <cerrno>
