@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,18 +26,12 @@ class Pool {
     explicit Pool(bool tls) {
         char name[] = "/tmp/session-bench-XXXXXX";
         folder_ = std::string(mkdtemp(name)) + "/pool";
-        std::string error;
         const std::string url = tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1";
-        sandbox::Settings settings;
-        if (!sandbox::setUp({folder_, url, tls}, error) ||
-            !sandbox::readSetup(folder_, settings, error)) {
-            fprintf(stderr, "%s\n", error.c_str());
-            abort();
-        }
+        sandbox::setUp({folder_, url, tls});
+        sandbox::Settings settings = sandbox::readSetup(folder_);
         settings.port = 0;
         settings.accounts = {{"bench", "secret", {"read"}}};
-        server_ = sandbox::Server::start(settings, error);
-        if (server_ == nullptr) abort();
+        server_ = std::make_unique<sandbox::Server>(settings);
     }
     ~Pool() { std::filesystem::remove_all(std::filesystem::path(folder_).parent_path()); }
     Pool(const Pool&) = delete;

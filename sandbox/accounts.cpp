@@ -5,16 +5,22 @@
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
+
+#include "sandbox/store/characters.h"
 
 namespace sandbox {
 namespace {
 
 constexpr int kIterations = 100'000;
+/// A file with more is refused: one login would hold up all connections for many seconds.
 constexpr int kMostIterations = 10'000'000;
 constexpr size_t kSaltSize = 16;
 constexpr size_t kPasswordLength = 24;
@@ -47,12 +53,9 @@ Accounts::Digest hashPassword(const std::string& password, const std::vector<uin
 
 template <typename Bytes>
 std::string toHex(const Bytes& bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
-    for (const uint8_t byte : bytes) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
+    for (const uint8_t byte : bytes)
+        appendHex(text, byte, kSmallHex);
     return text;
 }
 
@@ -64,7 +67,7 @@ std::vector<uint8_t> fromHex(const std::string& text) {
     return bytes;
 }
 
-/// Empty for anything but base64.
+/// Empty for invalid base64.
 std::string fromBase64(std::string_view text) {
     if (text.empty() || text.size() % 4 != 0) return {};
     std::string decoded(text.size() / 4 * 3, '\0');
@@ -77,6 +80,7 @@ std::string fromBase64(std::string_view text) {
     return decoded;
 }
 
+/// The password is wiped at the end; otherwise it would stay in freed memory.
 struct Credentials {
     std::string login;
     std::string password;
@@ -87,6 +91,7 @@ struct Credentials {
     ~Credentials() { OPENSSL_cleanse(password.data(), password.size()); }
 };
 
+/// False unless the header is HTTP Basic authentication.
 bool parseHeader(std::string_view header, Credentials& credentials) {
     constexpr std::string_view kScheme = "Basic ";
     constexpr size_t kLongest = 8192;
@@ -175,7 +180,8 @@ Accounts::Digest Accounts::headerDigest(const std::string& header) const {
     return digest;
 }
 
-/// Costs one hashed password, whether or not there is such a login.
+/// Hashes one password even when the login is unknown, with the first account's salt: the time of
+/// an answer would otherwise tell which logins exist. Of equal logins the one added last counts.
 Accounts::Entry* Accounts::verifyPassword(const std::string& header) {
     Credentials credentials;
     if (!parseHeader(header, credentials)) return nullptr;
@@ -189,6 +195,8 @@ Accounts::Entry* Accounts::verifyPassword(const std::string& header) {
     return same ? found : nullptr;
 }
 
+/// Comparisons take constant time (CRYPTO_memcmp): the time of an early end would tell how many
+/// bytes of a guess are right.
 const Accounts::Entry* Accounts::verify(const std::string& header) {
     if (entries_.empty() || header.empty()) return nullptr;
     const Digest digest = headerDigest(header);

@@ -59,11 +59,12 @@ uint32_t selectionOf(Context& context, const Parameters& given) {
 
 std::string addPOs(Context& context, const Parameters& given) {
     return context.pos.add(selectionOf(context, given), given.text("data"),
-                           POStore::OnKnown::Replace);
+                           POStore::OnKnown::kReplace);
 }
 
 std::string addNewPOs(Context& context, const Parameters& given) {
-    return context.pos.add(selectionOf(context, given), given.text("data"), POStore::OnKnown::Keep);
+    return context.pos.add(selectionOf(context, given), given.text("data"),
+                           POStore::OnKnown::kKeep);
 }
 
 std::string expirePOs(Context& context, const Parameters& given) {
@@ -74,7 +75,8 @@ std::string findPOs(Context& context, const Parameters& given) {
     return context.pos.find(selectionOf(context, given), given.text("filter"), context.more);
 }
 
-/// What of an image is given; the rest is as in a new one.
+/// The given members of an image; the others keep their defaults. An image that is given by its
+/// dofp alone has that as its name. Throws Event for an unknown data selection.
 Image imageOf(Context& context, const Parameters& given) {
     const auto text = [&](const char* name) { return given.has(name) ? given.text(name) : ""; };
     const auto number = [&](const char* name) { return given.has(name) ? given.number(name) : 0; };

@@ -15,33 +15,37 @@
 
 namespace sandbox {
 
-/// What handlers work on. They return the answer's text or throw Event.
+/// The state that a handler works on, for one request.
 struct Context {
     NameSpace& names;
     POStore& pos;
     Selections& selections;
     ImageStore& images;
-    int64_t now;
-    /// What follows the text that a handler returns, block by block, if it is long.
+    int64_t now;  ///< seconds since 1970
+    /// Set by a handler whose answer is long: the source of the blocks after the returned text, as
+    /// in Answer::more.
     std::function<std::string()> more{};
 };
 
 constexpr size_t kMostParameters = 9;
 
+/// One row of the protocol's table. The row decides everything but the effect: which service has
+/// the action, who may ask for it, where its parameters are and of which types.
 struct Action {
     const char* name;
     const char* service;
     const char* permission;  ///< NULL: any login
-    /// In one transaction, and its answer is kept for when the request comes again.
+    /// True: runs in a transaction, and its answer is stored for a resend (see core.h).
     bool changes;
-    /// The name under which the handler has the request's body, when the parameters are in the URL;
-    /// NULL: the body is the parameters.
+    /// NULL: the body holds the parameters. Otherwise they are in the URL, and the handler gets the
+    /// body as the parameter of this name.
     const char* bodyText;
-    std::array<Parameter, kMostParameters> parameters;  ///< those that have a name
+    std::array<Parameter, kMostParameters> parameters;  ///< rows without a name are unused
+    /// Returns the answer's text. Throws Event, which rolls its effects back if `changes`.
     std::string (*handle)(Context&, const Parameters&);
 };
 
-/// NULL when the service has no such action.
+/// The row of an action, NULL when the service has none of this name.
 const Action* findAction(const std::string& service, const std::string& name);
 
 }  // namespace sandbox

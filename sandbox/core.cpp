@@ -6,13 +6,20 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <iterator>
 #include <memory>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "sandbox/store/folder.h"
 
 namespace sandbox {
 namespace {
 
 constexpr char kSourceApplication[] = "kspool-sandbox";
-constexpr int64_t kRememberedAnswers = 10'000;
+/// A client resends within its reconnect time-out, so the newest ids are enough.
+constexpr int64_t kStoredAnswers = 10'000;
 
 struct EventRow {
     EventCode code;
@@ -37,7 +44,8 @@ constexpr EventRow kEvents[] = {
     {kServerFailed, 500, "Server failed"},
 };
 
-/// What makes two requests the same.
+/// Requests with equal digests are attempts of one request. Each part has its length in front: a
+/// byte that moves from the end of one part to the start of the next gives another digest.
 std::string digestOf(const Request& request, const std::string& login) {
     std::string text;
     for (const std::string* part :
@@ -62,13 +70,13 @@ void checkMediaType(const Request& request, const char* type) {
         throw Event{kBadRequest, std::string("Content-Type is not ") + type};
 }
 
-/// For a description: what a client sent, but not all of it.
+/// A client's text for a description, cut so that the answer stays short.
 std::string quoted(const std::string& text) {
     constexpr size_t kLongest = 100;
     return "'" + (text.size() > kLongest ? text.substr(0, kLongest) + "..." : text) + "'";
 }
 
-/// A request with a query has its parameters there, and a text as its body.
+/// The parameters are in the query if there is one, with a text as the body; else in the body.
 Pairs pairsOf(const Request& request) {
     return decodePairs(request.query.empty() ? request.body : request.query);
 }
@@ -92,7 +100,8 @@ const Action& actionOf(const Request& request, const Pairs& pairs) {
     return *action;
 }
 
-/// Each parameter of the action once, and no other.
+/// Accepts each parameter of the action once, and no other: a misspelt optional parameter would
+/// otherwise go unnoticed.
 Parameters parametersOf(const Action& action, const Pairs& pairs, const Request& request) {
     Parameters parameters;
     for (auto pair = pairs.begin() + 1; pair != pairs.end(); ++pair) {
@@ -129,6 +138,11 @@ Core::Core(const Settings& settings)
       selections_(database_),
       images_(database_),
       architectureMode_(settings.architectureMode) {
+    // A write-ahead log lets other programs read the database while the server writes, and a commit
+    // is an append. NORMAL does not sync the log at each commit: a server that is killed keeps
+    // every change that it confirmed (the bytes are in the system's page cache), while a power
+    // failure may lose the last ones. To sync each commit would cost a test far more than the
+    // request.
     if (!settings.database.empty())
         database_.script("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
     database_.script(
@@ -151,10 +165,10 @@ nlohmann::ordered_json Core::reporter() const {
 Answer Core::eventAnswer(const Event& event) const {
     const EventRow& row =
         *std::find_if(std::begin(kEvents), std::end(kEvents),
-                      [&](const EventRow& one) { return one.code == event.code; });
+                      [&](const EventRow& one) { return one.code == event.code(); });
     nlohmann::ordered_json members = {{"title", row.title},
-                                      {"detail", event.text},
-                                      {"eventCode", static_cast<uint32_t>(event.code)},
+                                      {"detail", event.text()},
+                                      {"eventCode", static_cast<uint32_t>(event.code())},
                                       {"severity", "ERROR"}};
     members.update(reporter());
     Answer answer = problem(row.status, members);
@@ -221,7 +235,7 @@ Answer Core::change(const Request& request, const Action& action, const Paramete
                     LogEntry& log) {
     const std::string digest = digestOf(request, log.login);
     auto transaction = std::make_unique<Transaction>(database_);
-    if (auto earlier = remembered(request, digest)) {
+    if (auto earlier = storedAnswer(request, digest)) {
         log.replayed = true;
         return *earlier;
     }
@@ -230,17 +244,18 @@ Answer Core::change(const Request& request, const Action& action, const Paramete
         Context context{names_, pos_, selections_, images_, now()};
         answer.body = action.handle(context, parameters);
     } catch (const Event& event) {
-        // What is refused is remembered too, but changes nothing, whatever the handler did before.
+        // The handler may have changed rows before it refused: roll these back, then store the
+        // refusal by itself.
         answer = eventAnswer(event);
         transaction.reset();
         transaction = std::make_unique<Transaction>(database_);
     }
-    remember(request, digest, answer);
+    storeAnswer(request, digest, answer);
     transaction->commit();
     return answer;
 }
 
-std::optional<Answer> Core::remembered(const Request& request, const std::string& digest) {
+std::optional<Answer> Core::storedAnswer(const Request& request, const std::string& digest) {
     Query row =
         database_.query("SELECT digest, status, type, body FROM answers WHERE id = ?", request.id);
     if (!row.step()) return std::nullopt;
@@ -252,11 +267,35 @@ std::optional<Answer> Core::remembered(const Request& request, const std::string
     return answer;
 }
 
-void Core::remember(const Request& request, const std::string& digest, const Answer& answer) {
+void Core::storeAnswer(const Request& request, const std::string& digest, const Answer& answer) {
     database_.run("INSERT INTO answers (id, digest, status, type, body) VALUES (?, ?, ?, ?, ?)",
                   request.id, digest, answer.status, answer.type, answer.body);
     database_.run("DELETE FROM answers WHERE number <= (SELECT max(number) FROM answers) - ?",
-                  kRememberedAnswers);
+                  kStoredAnswers);
+}
+
+void Core::select(const nlohmann::json& selections) {
+    Transaction transaction(database_);
+    for (const auto& one : selections) {
+        selections_.add(one.at("number").get<uint32_t>(), one.value("tag", std::string()));
+    }
+    transaction.commit();
+}
+
+void Core::place(const nlohmann::json& files) {
+    Transaction transaction(database_);
+    for (const nlohmann::json& file : files) {
+        names_.place(file.at("path").get<std::string>(), 'f', file.value("size", int64_t{0}),
+                     file.value("mtime", now()), now());
+    }
+    transaction.commit();
+}
+
+uint64_t Core::placeFolder(const std::string& folder) {
+    Transaction transaction(database_);
+    const uint64_t leftOut = sandbox::placeFolder(names_, folder, now());
+    transaction.commit();
+    return leftOut;
 }
 
 void Core::reset() {

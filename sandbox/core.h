@@ -1,4 +1,18 @@
-// The server without HTTP: requests in, answers out. One thread at a time.
+// The server without HTTP: a request in, its answer out.
+//
+// Thread rule: one thread at a time. The HTTP side holds State::mutex during each call.
+//
+// Invariants:
+//  1. A request that changes something is one transaction: it looks the Request-Id up, applies the
+//     effect and stores the answer under the id. A server that is killed has done all of it or
+//     nothing. With the effect alone, the client's next attempt would be carried out a second time;
+//     with the answer alone, that attempt would be told of an effect that is not there.
+//  2. A change that is refused (Event) is rolled back, and its answer is stored by a transaction of
+//     its own: the next attempt gets the same refusal, even when the change would succeed by then.
+//  3. Only these answers are stored. Requests that only read are idempotent anyway; a request that
+//     is refused before its handler runs (login, permission, parameters) or that fails with 9001
+//     changed nothing, and the next attempt is tried anew.
+//  4. An id belongs to one digest of login and content; the newest 10,000 ids are kept.
 #ifndef SANDBOX_CORE_H
 #define SANDBOX_CORE_H
 
@@ -14,6 +28,7 @@
 #include "sandbox/sandbox.h"
 #include "sandbox/store/database.h"
 #include "sandbox/store/event.h"
+#include "sandbox/store/images.h"
 #include "sandbox/store/names.h"
 #include "sandbox/store/pos.h"
 #include "sandbox/store/selections.h"
@@ -22,29 +37,38 @@ namespace sandbox {
 
 class Core {
   public:
-    /// Throws std::exception.
+    /// Opens the database and reads the accounts. Throws std::exception.
     explicit Core(const Settings& settings);
 
-    /// Carries a request under /ws/ out, and notes in `log` what it was.
+    /// Carries out a request under /ws/; a failure becomes an event's answer. Notes in `log` the
+    /// login and whether the answer was a stored one. Call `more` of the answer by the thread rule.
     Answer answer(const Request& request, LogEntry& log);
-    /// Whether a request with this id was answered before.
+    /// True when an answer is stored under this id: the request was carried out, or refused,
+    /// before. Throws DatabaseError.
     bool knows(const std::string& id);
-    /// Fills in what can be told of a request that is not carried out.
+    /// Notes in `log` the id, service, action and parameters, as far as they can be read. Reads the
+    /// request alone, because a fault may keep the request from being carried out.
     static void describe(const Request& request, LogEntry& log);
 
     void setServerAddress(const std::string& address) { serverAddress_ = address; }
+    /// Stops the clock at this time; without one, the machine's clock counts.
     void setClock(std::optional<int64_t> fixed) { fixedClock_ = fixed; }
     std::optional<int64_t> fixedClock() const { return fixedClock_; }
+    /// Seconds since 1970.
     int64_t now() const;
-    /// The entries of {path, size, mtime} objects. Throws Event or an exception.
+    /// Places the files of an array of {path, size, mtime} objects, all or none. Throws
+    /// std::exception, an Event for an invalid path.
     void place(const nlohmann::json& files);
-    /// Takes names, sizes and times of a real folder; returns how many had to be left out.
+    /// Places the entries of a real folder; returns the number of those that are left out. Throws
+    /// std::exception.
     uint64_t placeFolder(const std::string& folder);
-    /// From now on there are these data selections only. {number, tag} objects.
+    /// Adds the data selections of an array of {number, tag} objects, all or none; once there is
+    /// one, no number that was not added is a data selection. Throws std::exception.
     void select(const nlohmann::json& selections);
-    /// Names, POs, images, remembered answers and the clock, as new.
+    /// Empties the name space, POs, data selections, images and stored answers, and lets the clock
+    /// go. Accounts stay. Throws DatabaseError.
     void reset();
-    /// The members that say who reports an event.
+    /// The members of an event that name the server and the program.
     nlohmann::ordered_json reporter() const;
 
   private:
@@ -52,9 +76,10 @@ class Core {
     Answer carryOut(const Request& request, LogEntry& log);
     Answer change(const Request& request, const Action& action, const Parameters& parameters,
                   LogEntry& log);
-    std::optional<Answer> remembered(const Request& request, const std::string& digest);
-    void remember(const Request& request, const std::string& digest, const Answer& answer);
+    std::optional<Answer> storedAnswer(const Request& request, const std::string& digest);
+    void storeAnswer(const Request& request, const std::string& digest, const Answer& answer);
 
+    // The stores refer to the database, which is therefore the first member and destroyed last.
     Database database_;
     NameSpace names_;
     POStore pos_;

@@ -1,6 +1,9 @@
 #include "sandbox/faults.h"
 
+#include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 #include "sandbox/store/event.h"
 
@@ -36,7 +39,7 @@ void redirect(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
     answer.headers.emplace_back("Location", fault.text("location", "/"));
 }
 
-/// Members of the fault replace those that an event has anyway; null takes one away.
+/// An event's answer. A member that the fault gives replaces the default one; null leaves it out.
 void eventWithCode(const Fault& fault, const Json& reporter, const Json& code, Answer& answer) {
     nlohmann::ordered_json members = {{"title", "Ordered"},
                                       {"detail", "ordered"},
@@ -59,7 +62,7 @@ void event(const Fault& fault, const Json& reporter, Answer& answer) {
     eventWithCode(fault, reporter, kServerFailed, answer);
 }
 
-/// The code goes out as it was given, whatever it is; without one there is none.
+/// The code goes out as ordered, whatever its JSON type and value; by default it is left out.
 void badEvent(const Fault& fault, const Json& reporter, Answer& answer) {
     eventWithCode(fault, reporter, nullptr, answer);
 }
@@ -92,7 +95,8 @@ bool listed(const std::string& members, const std::string& name) {
     return at != std::string::npos && (at == 0 || members[at - 1] == ' ');
 }
 
-/// What numbers and texts are read as later, so that it cannot fail then.
+/// Checks types and ranges now, so that Fault::number() and Fault::text() cannot throw when the
+/// fault strikes: the client would see a closed connection, and nobody the mistake in the order.
 void checkMember(const FaultKind& kind, const std::string& name, const Json& value) {
     const bool event = std::string_view(kind.members).starts_with("code status");
     const bool number = listed("ms bytes status times seed ", name) || (name == "code" && !event);
@@ -130,7 +134,8 @@ Fault parse(const Json& json) {
     return fault;
 }
 
-/// The standard's distributions differ between libraries; this one does not.
+/// True with the fault's chance: the upper 53 bits as a number from 0 to below 1. The distributions
+/// of the standard library are not portable, this is: a seed means the same faults everywhere.
 bool comesUp(Fault& fault) {
     return static_cast<double>(fault.random() >> 11) * 0x1p-53 < fault.chance;
 }

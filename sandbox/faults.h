@@ -1,4 +1,22 @@
-// Faults to order: what goes wrong with the next requests.
+// Fault injection: a queue of faults, each of which spoils one of the next requests.
+//
+// A fault strikes on one of two sides of the effect:
+//  - carried out: the core handles the request, then its answer is late or spoilt on the way out
+//    (delay, lose, cut, stall, nul, unbounded, chunked, type). A client without a valid answer does
+//    not know that the request was done, and can only resend it with the same id.
+//  - not carried out: the core never sees the request, and the fault makes an answer of its own, or
+//    none (reset, oversize, garbage, status, redirect, event, bad-event).
+// An injected event also refuses: it promises the client that no attempt of the request was carried
+// out. For an id that the core knows that would be false, and a client would report a failure of a
+// change that was made; the HTTP side drops the fault then, and the stored answer goes out.
+//
+// Thread rule: one thread at a time, under State::mutex.
+//
+// Invariants:
+//  1. `timesLeft` of each fault in the queue is at least 1; a fault at 0 is removed.
+//  2. The members of each fault are checked when it is added: to read them cannot throw later.
+//  3. Each fault has a random generator of its own, with a given seed, and draws only for requests
+//     of its action: the same requests in the same order meet the same faults in each run.
 #ifndef SANDBOX_FAULTS_H
 #define SANDBOX_FAULTS_H
 
@@ -13,37 +31,40 @@
 
 namespace sandbox {
 
-/// How an answer goes out.
+/// The way an answer goes out.
 enum class Delivery {
     kPlain,
-    kReset,      ///< the connection is reset, nothing is answered
-    kClose,      ///< the connection is closed, nothing is answered
+    kReset,      ///< no answer; the connection is reset (TCP RST)
+    kClose,      ///< no answer; the connection is closed
     kGarbage,    ///< bytes that are not HTTP, then closed
     kCut,        ///< the head, a part of the body, then closed
-    kStall,      ///< the head, then nothing for some time
-    kOversize,   ///< a body of any length, made while it is sent
-    kUnbounded,  ///< the body ends where the connection does
-    kChunked,
+    kStall,      ///< the head, a pause, then the body
+    kOversize,   ///< a body of the ordered length, made while it is sent
+    kUnbounded,  ///< no length; the end of the connection ends the body
+    kChunked,    ///< in chunks instead of with a length
 };
 
 struct Fault;
 
+/// One row for each kind.
 struct FaultKind {
     const char* name;
-    bool carriedOut;  ///< the request is carried out, and its answer is what goes wrong
-    bool refuses;     ///< the answer says so, which must not be told of what was carried out
+    bool carriedOut;  ///< the request is carried out, and only its answer is spoilt
+    bool refuses;     ///< the answer promises that the request was not done
     Delivery delivery;
-    /// Makes the answer another: that of the request, or an empty one.
+    /// Changes the answer: the core's if `carriedOut`, else an empty one with status 200.
+    /// `reporter` is Core::reporter().
     void (*change)(const Fault& fault, const nlohmann::json& reporter, Answer& answer);
-    const char* members;  ///< further ones, each followed by a blank
+    const char* members;  ///< JSON members beside the common ones, each followed by a blank
 };
 
+/// An ordered fault. take() hands out copies, so that the one in the queue can go on.
 struct Fault {
     const FaultKind* kind = nullptr;
-    nlohmann::json members;
-    uint64_t timesLeft = 1;
-    double chance = 1;
-    std::mt19937_64 random;
+    nlohmann::json members;  ///< as ordered
+    uint64_t timesLeft = 1;  ///< requests that it still strikes
+    double chance = 1;       ///< of each request, 0 to 1
+    std::mt19937_64 random;  ///< draws for `chance`
 
     uint64_t number(const char* member, uint64_t otherwise) const {
         return members.value(member, otherwise);
@@ -51,23 +72,23 @@ struct Fault {
     std::string text(const char* member, const std::string& otherwise) const {
         return members.value(member, otherwise);
     }
-    /// Before anything is done.
+    /// Milliseconds to wait before the request is handled.
     uint64_t delay() const;
 };
 
-/// The faults that are still to come. One thread at a time.
+/// The queue.
 class Faults {
   public:
-    /// Adds all of a JSON array or none. Throws std::exception.
+    /// Adds all faults of a JSON array, or none if one is invalid. Throws std::exception.
     void add(const nlohmann::json& list);
     void clear();
-    /// The first fault that is for this action and whose chance comes up.
+    /// The first fault that is for this action and whose chance comes up; it counts as used.
     std::optional<Fault> take(const std::string& action);
     nlohmann::ordered_json report() const;
 
   private:
     std::deque<Fault> faults_;
-    uint64_t taken_ = 0;
+    uint64_t taken_ = 0;  ///< since the last clear()
 };
 
 }  // namespace sandbox

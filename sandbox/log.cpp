@@ -1,5 +1,8 @@
 #include "sandbox/log.h"
 
+#include <nlohmann/json.hpp>
+#include <utility>
+
 namespace sandbox {
 namespace {
 
@@ -15,6 +18,7 @@ std::string cut(const std::string& text) {
 
 OrderedJson entryJson(const LogEntry& entry) {
     auto parameters = OrderedJson::object();
+    // No action has such a parameter; a client that sends one by mistake is not exposed.
     for (const auto& [name, value] : entry.parameters) {
         if (name != "password") parameters[name] = value;
     }
@@ -39,7 +43,7 @@ void RequestLog::add(LogEntry entry) {
         if (name.size() > kLoggedLength) name = cut(name);
         if (value.size() > kLoggedLength) value = cut(value);
     }
-    // Whoever makes names up must not fill the memory.
+    // Names come from clients, valid or not: without a limit, invented ones would fill the memory.
     if (actions_.size() < kMostActionNames || actions_.contains(entry.action)) {
         ++actions_[entry.action];
     } else {

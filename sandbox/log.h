@@ -1,4 +1,11 @@
-// The log of requests.
+// The request log: tests read from it how many requests and connections there were, and which.
+//
+// Thread rule: one thread at a time, under State::mutex.
+//
+// Invariants:
+//  1. `last_` has at most 100 entries, the newest at the end; their texts that a client chooses are
+//     cut to 200 bytes each.
+//  2. `actions_` has at most 101 names: further ones are counted together as "...".
 #ifndef SANDBOX_LOG_H
 #define SANDBOX_LOG_H
 
@@ -12,16 +19,16 @@
 
 namespace sandbox {
 
-/// A line of the request log.
+/// One request of the log.
 struct LogEntry {
     std::string id;
     std::string service;
     std::string action;
-    std::string login;
-    std::string fault;
+    std::string login;  ///< empty unless the login was verified
+    std::string fault;  ///< the kind that struck, or empty
     Pairs parameters;
-    unsigned status = 0;  ///< 0: no answer
-    bool replayed = false;
+    unsigned status = 0;    ///< 0: no answer
+    bool replayed = false;  ///< answered with a stored answer
 };
 
 /// The requests under /ws/.
@@ -33,8 +40,8 @@ class RequestLog {
     nlohmann::ordered_json report() const;
 
   private:
-    uint64_t total_ = 0;
-    uint64_t connections_ = 0;
+    uint64_t total_ = 0;        ///< requests, also those that `last_` has no more
+    uint64_t connections_ = 0;  ///< connections of any request, /__admin/ too
     std::map<std::string, uint64_t> actions_;
     std::deque<LogEntry> last_;
 };

@@ -1,4 +1,5 @@
-// kspool-sandbox: the command line.
+// kspool-sandbox: the command line. Every function that fails throws std::exception; only main()
+// and the parser's result become exit codes.
 #include <signal.h>
 #include <unistd.h>
 
@@ -7,18 +8,25 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <stdexcept>
+#include <string>
 
 #include "sandbox/sandbox.h"
 
 namespace {
 
-enum ExitCode { kExitOk = 0, kExitFailed = 1, kExitUsage = 2 };
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
 
 constexpr char kProgram[] = "kspool-sandbox";
 
-int complain(const std::string& text, int code = kExitFailed) {
+void complain(const std::string& text) {
     fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
-    return code;
+}
+
+[[noreturn]] void fail(const std::string& text) {
+    throw std::runtime_error(text);
 }
 
 struct ServeOptions {
@@ -31,53 +39,55 @@ struct ServeOptions {
     uint32_t architectureMode = 1;
 };
 
-/// Complete or not there, so that whoever waits for it reads no half of it.
-bool writePortFile(const std::string& path, uint16_t port) {
+/// The file appears complete, by rename: a reader that waits for it never sees half a number.
+void writePortFile(const std::string& path, uint16_t port) {
     const std::string temporary = path + ".new";
     FILE* file = fopen(temporary.c_str(), "we");
-    if (file == nullptr) return false;
+    if (file == nullptr) fail(path + ": " + strerror(errno));
     const bool written = fprintf(file, "%u\n", unsigned{port}) > 0;
     const bool closed = fclose(file) == 0;
-    if (written && closed && rename(temporary.c_str(), path.c_str()) == 0) return true;
-    const int error = errno;
+    if (written && closed && rename(temporary.c_str(), path.c_str()) == 0) return;
+    const std::string reason = strerror(errno);
     remove(temporary.c_str());
-    errno = error;
-    return false;
+    fail(path + ": " + reason);
 }
 
-int serve(const ServeOptions& options) {
+sandbox::Settings settingsOf(const ServeOptions& options) {
     sandbox::Settings settings;
-    std::string error;
-    if (!sandbox::readSetup(options.folder, settings, error)) {
-        return complain(error + " (" + kProgram + " init makes such a folder)");
+    try {
+        settings = sandbox::readSetup(options.folder);
+    } catch (const std::exception& error) {
+        fail(std::string(error.what()) + " (" + kProgram + " init makes such a folder)");
     }
     if (!options.database.empty()) settings.database = options.database;
     if (options.port) settings.port = *options.port;
     if (!options.tlsFolder.empty()) settings.tlsFolder = options.tlsFolder;
     settings.tree = options.tree;
     settings.architectureMode = options.architectureMode;
+    return settings;
+}
 
+void serve(const ServeOptions& options) {
+    const sandbox::Settings settings = settingsOf(options);
+    // Blocked in every thread, so that a signal waits for sigwait() instead of ending the program
+    // before the server's destructor has run.
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
     sigaddset(&ends, SIGINT);
     sigprocmask(SIG_BLOCK, &ends, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    const auto server = sandbox::Server::start(settings, error);
-    if (server == nullptr) return complain(error);
-    if (!server->warning().empty()) complain(server->warning());
-    if (!options.portFile.empty() && !writePortFile(options.portFile, server->port()))
-        return complain(options.portFile + ": " + strerror(errno));
-    printf("READY url=%s pid=%ld\n", server->url().c_str(), static_cast<long>(getpid()));
-    if (fflush(stdout) != 0) return complain(std::string("standard output: ") + strerror(errno));
+    const sandbox::Server server(settings);
+    if (!server.warning().empty()) complain(server.warning());
+    if (!options.portFile.empty()) writePortFile(options.portFile, server.port());
+    printf("READY url=%s pid=%ld\n", server.url().c_str(), static_cast<long>(getpid()));
+    if (fflush(stdout) != 0) fail(std::string("standard output: ") + strerror(errno));
     int signalNumber = 0;
     sigwait(&ends, &signalNumber);
-    return kExitOk;
 }
 
-int init(const sandbox::Setup& setup) {
-    std::string error;
-    if (!sandbox::setUp(setup, error)) return complain(error);
+void init(const sandbox::Setup& setup) {
+    sandbox::setUp(setup);
     const char* folder = setup.folder.c_str();
     printf("%s: configuration agent.cfg, accounts agent (may do everything) and reader%s\n", folder,
            setup.tls ? ", keys for TLS" : "");
@@ -92,10 +102,10 @@ int init(const sandbox::Setup& setup) {
     } else {
         printf("  curl %s/__admin/health\n", setup.url.c_str());
     }
-    return fflush(stdout) == 0 ? kExitOk : complain("standard output could not be written");
+    if (fflush(stdout) != 0) fail("standard output could not be written");
 }
 
-void addServe(CLI::App& app, ServeOptions& options, int& code) {
+void addServe(CLI::App& app, ServeOptions& options) {
     CLI::App* command = app.add_subcommand("serve", "Serve a folder that init made");
     command->add_option("DIR", options.folder, "The folder")->required();
     command->add_option("--db", options.database, "SQLite file of the pool [DIR/pool.db]");
@@ -110,10 +120,10 @@ void addServe(CLI::App& app, ServeOptions& options, int& code) {
     command->footer(
         "Prints READY url=URL pid=PID when it serves. SIGTERM and SIGINT end it.\n"
         "Exit code: 0 ended by a signal; 1 it could not serve; 2 bad options.");
-    command->callback([&] { code = serve(options); });
+    command->callback([&] { serve(options); });
 }
 
-void addInit(CLI::App& app, sandbox::Setup& setup, int& code) {
+void addInit(CLI::App& app, sandbox::Setup& setup) {
     CLI::App* command = app.add_subcommand("init", "Make a folder to serve");
     command->add_option("DIR", setup.folder, "The folder, which must not exist or be empty")
         ->required();
@@ -121,7 +131,7 @@ void addInit(CLI::App& app, sandbox::Setup& setup, int& code) {
         ->required();
     command->add_flag("--tls", setup.tls, "Make keys and certificates for server and client");
     command->footer("Exit code: 0 made; 1 it could not be made; 2 bad options.");
-    command->callback([&] { code = init(setup); });
+    command->callback([&] { init(setup); });
 }
 
 int parseAndWork(int argc, char** argv) {
@@ -129,17 +139,17 @@ int parseAndWork(int argc, char** argv) {
     app.set_version_flag("--version", std::string(kProgram) + " " KSPOOL_VERSION);
     ServeOptions options;
     sandbox::Setup setup;
-    int code = kExitOk;
-    addServe(app, options, code);
-    addInit(app, setup, code);
+    addServe(app, options);
+    addInit(app, setup);
     app.require_subcommand(1);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        return complain(std::string(error.what()) + " (see " + kProgram + " --help)", kExitUsage);
+        complain(std::string(error.what()) + " (see " + kProgram + " --help)");
+        return kExitUsage;
     }
-    return code;
+    return kExitOk;
 }
 
 }  // namespace
@@ -148,6 +158,7 @@ int main(int argc, char** argv) {
     try {
         return parseAndWork(argc, argv);
     } catch (const std::exception& error) {
-        return complain(error.what());
+        complain(error.what());
+        return kExitFailed;
     }
 }

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "sandbox/store/characters.h"
 #include "sandbox/store/event.h"
 
 namespace sandbox {
@@ -15,22 +18,8 @@ constexpr size_t kRequestIdLength = 32;
     throw Event{kBadRequest, text};
 }
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-bool isLetter(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
 bool standsForItself(char c) {
-    return isDigit(c) || isLetter(c) || c == '-' || c == '.' || c == '_' || c == '~';
-}
-
-/// -1 for anything but the digits that a client writes.
-int hexDigit(char c) {
-    if (isDigit(c)) return c - '0';
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    return isLetterOrDigit(c) || c == '-' || c == '.' || c == '_' || c == '~';
 }
 
 std::string decode(std::string_view text) {
@@ -41,8 +30,9 @@ std::string decode(std::string_view text) {
             decoded += text[at];
             continue;
         }
-        const int high = text[at] == '%' && at + 2 < text.size() ? hexDigit(text[at + 1]) : -1;
-        const int low = high >= 0 ? hexDigit(text[at + 2]) : -1;
+        const int high =
+            text[at] == '%' && at + 2 < text.size() ? capitalHexValue(text[at + 1]) : -1;
+        const int low = high >= 0 ? capitalHexValue(text[at + 2]) : -1;
         if (low < 0) {
             refuse(
                 "malformed parameters: only letters, digits and -._~ stand for themselves, "
@@ -105,10 +95,7 @@ void checkValue(const Parameter& row, const std::string& value) {
 }
 
 void checkRequestId(const std::string& id) {
-    const bool digits = std::all_of(id.begin(), id.end(), [](char c) {
-        return isDigit(c) || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
-    });
-    if (id.size() != kRequestIdLength || !digits)
+    if (id.size() != kRequestIdLength || !std::all_of(id.begin(), id.end(), isHexDigit))
         refuse("Request-Id is missing or not 32 hexadecimal digits");
 }
 
@@ -120,7 +107,8 @@ Answer problem(unsigned status, const nlohmann::ordered_json& members) {
     Answer answer;
     answer.status = status;
     answer.type = "application/problem+json";
-    // Texts may hold what a client sent, UTF-8 or not.
+    // A detail may quote a client's bytes. JSON is UTF-8, so invalid bytes are replaced by U+FFFD;
+    // dump() would throw otherwise.
     answer.body =
         document.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
     return answer;

@@ -1,4 +1,4 @@
-// A request as it came, its parameters taken apart, and an answer.
+// A request as received, its parameters after parsing, and an answer.
 #ifndef SANDBOX_REQUEST_H
 #define SANDBOX_REQUEST_H
 
@@ -13,16 +13,17 @@
 
 namespace sandbox {
 
+/// A request as received: every text may be empty or invalid.
 struct Request {
     std::string method;
-    std::string path;   ///< as it came, without the server's prefix
-    std::string query;  ///< what follows the '?'
-    std::string body;
+    std::string path;   ///< without the server's prefix; empty when the prefix is missing
+    std::string query;  ///< the part after the '?', not decoded
+    std::string body;   ///< empty if `tooLarge`
     std::string contentType;
     std::string authorization;
-    std::string id;
-    std::string service;  ///< the last part of /ws/...
-    bool tooLarge = false;
+    std::string id;         ///< Request-Id
+    std::string service;    ///< the part of `path` after /ws/
+    bool tooLarge = false;  ///< the body exceeds Settings::bodyLimit
 };
 
 struct Answer {
@@ -30,16 +31,19 @@ struct Answer {
     std::string type = "text/plain";
     std::string body{};
     std::vector<std::pair<const char*, std::string>> headers{};
-    /// What comes after `body`, a block at a time while the answer is sent; empty at the end.
+    /// Returns the next block after `body`, empty at the end. A long answer is made while it is
+    /// sent: whole, it would fill the memory, and the client would wait for the last line before it
+    /// gets the first. NULL: `body` is the whole answer.
     std::function<std::string()> more{};
 };
 
-/// A problem document. A member that is null is left out.
+/// A problem document of RFC 9457. A member that is null is left out.
 Answer problem(unsigned status, const nlohmann::ordered_json& members);
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-/// Takes name=value&... apart, strictly as the wire protocol writes it. Throws Event.
+/// Parses name=value&..., strictly as the wire protocol writes it: a lenient server would hide a
+/// client's mistakes. Throws Event.
 Pairs decodePairs(std::string_view text);
 
 enum class Type { kText, kUint32, kInt32, kUint64, kInt64 };
@@ -50,13 +54,14 @@ struct Parameter {
     bool optional = false;
 };
 
-/// Parameters that fit their rows: texts as they are, numbers checked.
+/// Parameters of an action after checkValue(): numbers are in the range of their types.
 class Parameters {
   public:
     void set(std::string name, std::string value) { values_[std::move(name)] = std::move(value); }
     bool has(const char* name) const { return values_.contains(name); }
+    /// REQUIRES of both: has(name).
     const std::string& text(const char* name) const { return values_.at(name); }
-    /// uint64_t is had by a cast.
+    /// A kUint64 above INT64_MAX is negative here; a cast to uint64_t restores it.
     int64_t number(const char* name) const;
     bool flag(const char* name) const { return number(name) != 0; }
 
@@ -64,10 +69,10 @@ class Parameters {
     std::map<std::string, std::string, std::less<>> values_;
 };
 
-/// Throws Event when `value` is none of the type.
+/// Throws Event when `value` is not of the row's type.
 void checkValue(const Parameter& row, const std::string& value);
 
-/// Throws Event unless it is 32 hexadecimal digits.
+/// Throws Event unless the id is 32 hexadecimal digits.
 void checkRequestId(const std::string& id);
 
 }  // namespace sandbox

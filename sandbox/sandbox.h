@@ -1,5 +1,8 @@
-// A pool server for development: docs/wire-protocol.md on 127.0.0.1, with its data in SQLite and
-// with faults to order.
+// A pool server for development: speaks docs/wire-protocol.md on 127.0.0.1, keeps its data in
+// SQLite, and injects faults on demand.
+//
+// Errors: a function that fails throws std::exception, with a text for people in what(). Only
+// Server::admin() reports a failure in its answer.
 #ifndef SANDBOX_SANDBOX_H
 #define SANDBOX_SANDBOX_H
 
@@ -18,55 +21,55 @@ struct Account {
 
 struct Settings {
     std::string database;           ///< SQLite file, made when missing; empty: in memory
-    uint16_t port = 0;              ///< 0: a free one
+    uint16_t port = 0;              ///< 0: the system chooses a free one
     std::string prefix;             ///< path of the URL, such as "/pool"; empty: none
     std::string tlsFolder;          ///< with ca.pem, cert.pem and key.pem; empty: plain http
     std::string accountsFile;       ///< as setUp() writes it
-    std::vector<Account> accounts;  ///< further ones
-    std::string tree;               ///< folder whose names, sizes and times are taken over
+    std::vector<Account> accounts;  ///< more accounts; they win over equal logins of the file
+    std::string tree;               ///< folder whose names, sizes and times go into the name space
     uint32_t architectureMode = 1;
     uint64_t bodyLimit = uint64_t{64} << 20;  ///< bytes of a request's body
 };
 
-/// A server that works in threads of its own while it lives.
+/// A running server, from its construction to its destruction. It works in two threads of its own:
+/// libmicrohttpd's, and the alarm's that ends delays. Both block all signals. Its functions may be
+/// called from any thread.
 class Server {
   public:
-    /// NULL with the reason in `error`.
-    static std::unique_ptr<Server> start(const Settings& settings, std::string& error);
-
+    /// Returns when the server accepts connections.
+    explicit Server(const Settings& settings);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
+    /// Ends all delays and closes the connections.
     ~Server();
 
-    /// "http://127.0.0.1:PORT" and the prefix.
+    /// "http://127.0.0.1:PORT" and the prefix; "https" with a TLS folder.
     const std::string& url() const;
     uint16_t port() const;
-    /// What of the tree could not be taken over, empty when all was.
+    /// Says how many entries of Settings::tree were left out; empty when none was.
     const std::string& warning() const;
 
-    /// The functions under /__admin/ without HTTP: admin("POST", "faults", "[...]"). Returns the
-    /// answer's body; that of a call that failed is {"error": "..."}.
+    /// Calls a function under /__admin/ without HTTP: admin("POST", "faults", "[...]"). Returns the
+    /// answer's body, {"error": "..."} when the function failed.
     std::string admin(const std::string& method, const std::string& path,
                       const std::string& body = {});
 
   private:
     struct Parts;
-    explicit Server(std::unique_ptr<Parts> parts);
     std::unique_ptr<Parts> parts_;
 };
 
 struct Setup {
-    std::string folder;  ///< to be made; an empty one is allowed
+    std::string folder;  ///< must be missing or empty
     std::string url;     ///< http://HOST[:PORT][/PATH], or https with `tls`
     bool tls = false;
 };
 
-/// Makes a folder with configuration, accounts and keys, complete or not at all. False with the
-/// reason in `error`.
-bool setUp(const Setup& setup, std::string& error);
+/// Makes a folder with configuration, accounts and keys, complete or not at all.
+void setUp(const Setup& setup);
 
 /// The settings for a server of such a folder.
-bool readSetup(const std::string& folder, Settings& settings, std::string& error);
+Settings readSetup(const std::string& folder);
 
 }  // namespace sandbox
 

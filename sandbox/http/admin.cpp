@@ -1,8 +1,11 @@
-// What tests and people ask of the server itself.
 #include "sandbox/http/admin.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 
 namespace sandbox {
@@ -102,11 +105,10 @@ Answer administrate(State& state, const std::string& method, const std::string& 
                      [&](const Function& one) { return method == one.method && path == one.path; });
     try {
         if (function == std::end(kFunctions)) return failure(404, "no such function");
+        // Outside the lock: a large body would hold up all other requests.
         const Json given = body.empty() ? Json() : Json::parse(body);
         const std::lock_guard<std::mutex> lock(state.mutex);
         return json(200, function->run(state, given));
-    } catch (const Event& event) {
-        return failure(400, event.text);
     } catch (const std::exception& error) {
         return failure(400, error.what());
     }

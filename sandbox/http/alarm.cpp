@@ -9,6 +9,7 @@ namespace sandbox {
 Alarm::Alarm() : thread_([this] { work(); }) {}
 
 bool Alarm::suspend(MHD_Connection* connection, uint64_t milliseconds) {
+    // A time of 2^64 milliseconds would overflow the clock.
     constexpr uint64_t kDay = 86'400'000;
     const std::chrono::milliseconds time(std::min(milliseconds, kDay));
     const std::lock_guard<std::mutex> lock(mutex_);

@@ -1,4 +1,18 @@
-// Suspends connections for a time, so that one that waits does not hold up the others.
+// Delays: suspends a connection and resumes it later.
+//
+// One thread of libmicrohttpd serves all connections, so a callback that sleeps would hold up each
+// of them. A suspended connection is out of the event loop until it is resumed; libmicrohttpd then
+// calls its handler, or the reader of its answer, again.
+//
+// Thread rule: suspend() in libmicrohttpd's thread, stop() in the one that ends the server; the
+// alarm's own thread resumes.
+//
+// Invariants, under `mutex_`:
+//  1. A connection is in `waiting_` if and only if suspend() suspended it and it was not resumed.
+//     Both happen in one critical section: otherwise the alarm could resume a connection before it
+//     is suspended, and it would sleep for ever.
+//  2. Once `stopping_` is set, nothing is added, and the alarm's thread empties the list before it
+//     ends: libmicrohttpd aborts the program when it is stopped with suspended connections.
 #ifndef SANDBOX_HTTP_ALARM_H
 #define SANDBOX_HTTP_ALARM_H
 
@@ -20,9 +34,12 @@ class Alarm {
     Alarm& operator=(const Alarm&) = delete;
     ~Alarm() { stop(); }
 
-    /// To be called by a handler of the connection. False when the server is stopping.
+    /// Suspends a connection for this time, a day at most. REQUIRES: called in a callback of the
+    /// connection, which must return without an answer afterwards. False, and not suspended, when
+    /// the server is stopping.
     bool suspend(MHD_Connection* connection, uint64_t milliseconds);
-    /// Wakes all; must come before the server is stopped.
+    /// Resumes all connections and ends the thread. REQUIRED before libmicrohttpd is stopped. May
+    /// be called again.
     void stop();
 
   private:
@@ -31,9 +48,9 @@ class Alarm {
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::multimap<Clock::time_point, MHD_Connection*> waiting_;
+    std::multimap<Clock::time_point, MHD_Connection*> waiting_;  ///< by the time of resuming
     bool stopping_ = false;
-    std::thread thread_;
+    std::thread thread_;  // the last member: the thread uses the others from its start
 };
 
 }  // namespace sandbox

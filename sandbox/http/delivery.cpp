@@ -3,12 +3,17 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace sandbox {
 namespace {
 
+/// The length that the head of a cut answer declares at least: an empty body could not be cut.
 constexpr uint64_t kSmallestCut = 16;
 constexpr size_t kBlockSize = 32768;
 
@@ -17,16 +22,19 @@ struct DestroyResponse {
 };
 using Response = std::unique_ptr<MHD_Response, DestroyResponse>;
 
-/// A body that is made while it is sent: the text, then any number of fillers.
+/// A body that is made while it is sent, so that an oversize one of gigabytes needs no memory: the
+/// text, then 'x' up to the length. Owned by its response, which is destroyed before the
+/// connection.
 struct Stream {
     std::string text;
-    uint64_t length = 0;   ///< where it ends
-    bool complete = true;  ///< its end is that of the answer
-    uint64_t stall = 0;    ///< milliseconds before the first byte
+    uint64_t length = 0;   ///< bytes that are sent
+    bool complete = true;  ///< false: the connection is closed after them
+    uint64_t stall = 0;    ///< milliseconds to wait before the first byte; 0 once waited
     Alarm* alarm = nullptr;
     MHD_Connection* connection = nullptr;
 };
 
+/// Reader of libmicrohttpd. 0 means no data yet, which is allowed for a suspended connection.
 ssize_t readStream(void* closure, uint64_t position, char* buffer, size_t size) noexcept {
     auto& stream = *static_cast<Stream*>(closure);
     const uint64_t stall = std::exchange(stream.stall, 0);
@@ -57,13 +65,16 @@ Response streamResponse(Stream stream, uint64_t declared) {
     return response;
 }
 
-/// A body of unknown length, of which only a block is there.
+/// A long answer, of which one block at a time is in memory. It goes out in chunks, since its
+/// length is not known when the head is sent.
 struct Blocks {
     std::string block;
     std::function<std::string()> more;
-    size_t sent = 0;
+    size_t sent = 0;  ///< bytes of `block`
 };
 
+/// Reader of libmicrohttpd. After a failure the connection is closed without the last chunk: the
+/// client sees that the answer is incomplete.
 ssize_t readBlocks(void* closure, uint64_t /*position*/, char* buffer, size_t size) noexcept {
     auto& blocks = *static_cast<Blocks*>(closure);
     try {
@@ -111,7 +122,7 @@ Response makeResponse(MHD_Connection* connection, Alarm& alarm, std::string body
         stream.length = std::min(fault->number("bytes", declared / 2), declared - 1);
         stream.complete = false;
     } else if (delivery == Delivery::kStall) {
-        // With a length of 0 the answer would be over with its head.
+        // With a length of 0 the answer would end with its head, and the reader never be called.
         if (declared == 0) declared = MHD_SIZE_UNKNOWN;
         stream.stall = fault->number("ms", 1000);
     } else if (delivery == Delivery::kOversize) {
@@ -129,15 +140,18 @@ int descriptorOf(MHD_Connection* connection) {
     return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
 }
 
-/// On Linux, to connect to nowhere resets at once. Closing with SO_LINGER would come too late:
-/// libmicrohttpd ends the stream in an orderly way first.
+/// Resets a connection (TCP RST). The usual way, to close with a zero SO_LINGER, comes too late
+/// here: libmicrohttpd shuts the sending side down before it closes, so that the client gets a FIN
+/// and sees an orderly end. To connect a socket to AF_UNSPEC dissolves its connection, and Linux
+/// sends the RST at once.
 void resetConnection(MHD_Connection* connection) {
     sockaddr nowhere{};
     nowhere.sa_family = AF_UNSPEC;
-    // If it cannot be done, it is closed like any other.
+    // A failure is not reported: the connection is closed anyway.
     static_cast<void>(connect(descriptorOf(connection), &nowhere, sizeof nowhere));
 }
 
+/// Past libmicrohttpd, which would put a valid head in front; over TLS past the encryption too.
 void sendGarbage(MHD_Connection* connection, const Fault& fault) {
     const std::string bytes = fault.text("text", "\x01\xfe no HTTP at all \r\n\r\n");
     static_cast<void>(send(descriptorOf(connection), bytes.data(), bytes.size(), MSG_NOSIGNAL));

@@ -1,4 +1,4 @@
-// Answers on their way out, with the faults that were ordered.
+// An answer on its way out, spoilt by the fault that was taken for its request.
 #ifndef SANDBOX_HTTP_DELIVERY_H
 #define SANDBOX_HTTP_DELIVERY_H
 
@@ -6,13 +6,15 @@
 
 #include "sandbox/faults.h"
 #include "sandbox/http/alarm.h"
+#include "sandbox/request.h"
 
 namespace sandbox {
 
-/// Sends an answer as its fault, if there is one, wants it. MHD_NO closes the connection.
+/// Queues an answer for sending, in the way of its fault (NULL: none). Returns the result of the
+/// callback: MHD_NO closes the connection. REQUIRES: a fault gets whole answers, without `more`.
 MHD_Result deliver(MHD_Connection* connection, Alarm& alarm, Answer answer, const Fault* fault);
 
-/// Whether anything of an answer with this fault is HTTP.
+/// False when the fault sends no HTTP at all; the status of the answer means nothing then.
 bool isAnswered(const Fault* fault);
 
 }  // namespace sandbox

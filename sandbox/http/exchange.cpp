@@ -1,7 +1,14 @@
 #include "sandbox/http/exchange.h"
 
+#include <exception>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
 
+#include "sandbox/core.h"
 #include "sandbox/http/admin.h"
 #include "sandbox/http/delivery.h"
 
@@ -50,6 +57,8 @@ void readHead(Exchange& exchange, const std::string& prefix, MHD_Connection* con
     exchange.begun = true;
 }
 
+/// Beyond the limit the body is dropped and the rest read and ignored, so that the answer still
+/// reaches a client that sends first and reads then.
 void readBody(Request& request, uint64_t limit, const char* data, size_t size) {
     if (request.tooLarge || size > limit - request.body.size()) {
         request.tooLarge = true;
@@ -60,7 +69,8 @@ void readBody(Request& request, uint64_t limit, const char* data, size_t size) {
 }
 
 Answer administer(const Exchange& exchange, State& state, MHD_Connection* connection) {
-    // No page that a browser shows may steer the server.
+    // Browsers send Origin with each POST and DELETE, and with scripted requests to other sites: no
+    // web page can steer the server through its visitor.
     if (!header(connection, MHD_HTTP_HEADER_ORIGIN).empty())
         return plain(403, "not for browsers\n");
     const Request& request = exchange.request;
@@ -76,6 +86,15 @@ const Endpoint* findEndpoint(const std::string& service) {
     return nullptr;
 }
 
+/// Takes the blocks of a long answer together, for a fault that changes whole answers.
+void gather(Answer& answer) {
+    for (std::string block = answer.more(); !block.empty(); block = answer.more())
+        answer.body += block;
+    answer.more = nullptr;
+}
+
+/// Handles a request under /ws/: describes it and takes a fault, waits for the fault's delay,
+/// carries the request out, spoils its answer, and queues that.
 MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connection) {
     State& state = service.state;
     const std::lock_guard<std::mutex> lock(state.mutex);
@@ -88,18 +107,16 @@ MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connectio
             exchange.fault.reset();
         }
         const uint64_t delay = exchange.fault ? exchange.fault->delay() : 0;
-        // Called again when the time is over.
+        // libmicrohttpd calls again when the time is over; `described` is set by then.
         if (delay > 0 && service.alarm.suspend(connection, delay)) return MHD_YES;
     }
     const Fault* fault = exchange.fault ? &*exchange.fault : nullptr;
     Answer answer;
     if (fault == nullptr || fault->kind->carriedOut)
         answer = state.core.answer(exchange.request, exchange.log);
-    if (answer.more != nullptr && fault != nullptr) {  // which changes whole answers only
-        for (std::string block = answer.more(); !block.empty(); block = answer.more())
-            answer.body += block;
-        answer.more = nullptr;
-    }
+    if (answer.more != nullptr && fault != nullptr) gather(answer);
+    // libmicrohttpd reads the blocks later, outside this lock. Other requests go on in between:
+    // each block is a snapshot of its own.
     if (answer.more != nullptr) {
         answer.more = [more = std::move(answer.more), &state] {
             const std::lock_guard<std::mutex> hold(state.mutex);

@@ -1,32 +1,43 @@
-// Requests on their way in: libmicrohttpd's callbacks.
+// A request on its way in: libmicrohttpd's callbacks.
+//
+// libmicrohttpd calls, in its one thread and for each request: beginExchange() with the first line;
+// continueExchange() after the head, for each piece of the body, at its end, and again after each
+// suspension; endExchange() when the answer is out or the connection ended. No exception may pass
+// through its C frames.
 #ifndef SANDBOX_HTTP_EXCHANGE_H
 #define SANDBOX_HTTP_EXCHANGE_H
 
 #include <microhttpd.h>
 
+#include <cstddef>
 #include <optional>
 
+#include "sandbox/faults.h"
 #include "sandbox/http/alarm.h"
 #include "sandbox/http/state.h"
+#include "sandbox/log.h"
+#include "sandbox/request.h"
 
 namespace sandbox {
 
-/// What the callbacks share.
+/// The closure of all callbacks.
 struct Service {
     State& state;
     Alarm& alarm;
 };
 
-/// One request on its way, from its first line to the end of its answer.
+/// One request, from its first line to the end of its answer. Owned by libmicrohttpd's request
+/// between beginExchange() and endExchange(). The callbacks run again and again for one request,
+/// and the flags keep each step from being taken twice.
 struct Exchange {
     Request request;
     LogEntry log;
     std::optional<Fault> fault;
-    bool begun = false;
-    bool described = false;
+    bool begun = false;      ///< the head was read
+    bool described = false;  ///< noted in `log`, and a fault was taken for it
 };
 
-// Callbacks for libmicrohttpd, whose closure is a Service.
+// REQUIRES: `service` is a Service that outlives the daemon.
 void* beginExchange(void* service, const char* uri, MHD_Connection* connection) noexcept;
 MHD_Result continueExchange(void* service, MHD_Connection* connection, const char* url,
                             const char* method, const char* version, const char* data, size_t* size,

@@ -1,8 +1,8 @@
+// Server of sandbox.h: its parts, its socket and libmicrohttpd.
 #include <arpa/inet.h>
 #include <gnutls/gnutls.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -11,10 +11,18 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
+#include <mutex>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
+#include "common/owned.h"
 #include "sandbox/http/admin.h"
+#include "sandbox/http/alarm.h"
 #include "sandbox/http/exchange.h"
+#include "sandbox/http/state.h"
+#include "sandbox/sandbox.h"
 
 namespace sandbox {
 namespace {
@@ -29,7 +37,8 @@ std::string contents(const std::string& file) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-/// The server's key and certificate, and whose clients it believes.
+/// PEM texts: the server's key and certificate, and the authority that its clients' certificates
+/// must be signed by. All empty without TLS.
 struct Keys {
     std::string authority;
     std::string certificate;
@@ -44,43 +53,34 @@ struct Keys {
     bool used() const { return !key.empty(); }
 };
 
-/// A listening socket of 127.0.0.1, until release().
-class Listener {
-  public:
-    explicit Listener(uint16_t port)
-        : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-        const int yes = 1;
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        socklen_t length = sizeof address;
-        if (socket_ < 0 || setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) != 0 ||
-            bind(socket_, generic, length) != 0 || listen(socket_, SOMAXCONN) != 0 ||
-            getsockname(socket_, generic, &length) != 0) {
-            const std::string reason = strerror(errno);
-            close(socket_);
-            fail("port " + std::to_string(port) + " of 127.0.0.1: " + reason);
-        }
-        port_ = ntohs(address.sin_port);
-    }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-    ~Listener() {
-        if (socket_ >= 0) close(socket_);
-    }
-
-    int socket() const { return socket_; }
-    uint16_t port() const { return port_; }
-    void release() { socket_ = -1; }
-
-  private:
-    int socket_;
-    uint16_t port_ = 0;
+/// A listening socket of 127.0.0.1 and its port.
+struct Listener {
+    kspool::Descriptor socket;
+    uint16_t port;
 };
 
-/// Signals are for the program's own threads: those that are started meanwhile block them.
+/// The socket is made here and not by libmicrohttpd, so that port 0 can be resolved and the reason
+/// of a failure is known.
+Listener listenOn(uint16_t port) {
+    kspool::Descriptor made(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int yes = 1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t length = sizeof address;
+    // SO_REUSEADDR: a server that is started anew must not wait for old connections in TIME_WAIT.
+    if (made.get() < 0 || setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) != 0 ||
+        bind(made.get(), generic, length) != 0 || listen(made.get(), SOMAXCONN) != 0 ||
+        getsockname(made.get(), generic, &length) != 0) {
+        fail("port " + std::to_string(port) + " of 127.0.0.1: " + strerror(errno));
+    }
+    return {std::move(made), ntohs(address.sin_port)};
+}
+
+/// Threads that are started meanwhile block all signals, which therefore reach the program's own
+/// threads only: main() waits for SIGTERM, and a test's handlers must not run in the server's.
 class SignalsBlocked {
   public:
     SignalsBlocked() {
@@ -96,7 +96,8 @@ class SignalsBlocked {
     sigset_t before_{};
 };
 
-/// The first complaint of libmicrohttpd says why it does not start.
+/// Keeps libmicrohttpd's first message, which says why it does not start. The daemon may log from
+/// its thread; listen() reads `first` only when there is no daemon, and so no thread.
 struct Complaints {
     std::mutex mutex;
     std::string first;
@@ -121,7 +122,8 @@ void noteConnection(void* closure, MHD_Connection* connection, void** /*own*/,
     }
     const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
     if (info == nullptr || info->tls_session == nullptr) return;
-    // libmicrohttpd asks for a client's certificate, but neither demands nor verifies one.
+    // libmicrohttpd asks for a client's certificate, but accepts a client without one, or with one
+    // of a foreign authority. GnuTLS is told to require and verify it during the handshake.
     auto* session = static_cast<gnutls_session_t>(info->tls_session);
     gnutls_certificate_server_set_request(session, GNUTLS_CERT_REQUIRE);
     gnutls_session_set_verify_cert(session, nullptr, 0);
@@ -132,14 +134,13 @@ void noteConnection(void* closure, MHD_Connection* connection, void** /*own*/,
 struct Server::Parts {
     explicit Parts(const Settings& settings)
         : keys(settings.tlsFolder), state(settings), service{state, alarm} {
-        state.prefix = settings.prefix;
-        state.bodyLimit = settings.bodyLimit;
         if (!settings.tree.empty()) placeTree(settings.tree);
         listen(settings.port);
     }
     Parts(const Parts&) = delete;
     Parts& operator=(const Parts&) = delete;
     ~Parts() {
+        // libmicrohttpd must not be stopped while connections are suspended.
         alarm.stop();
         if (daemon != nullptr) MHD_stop_daemon(daemon);
     }
@@ -155,6 +156,8 @@ struct Server::Parts {
 
     void listen(uint16_t wanted);
 
+    // The daemon's callbacks use all of these: the destructor stops it before any of them is
+    // destroyed.
     Keys keys;
     State state;
     Alarm alarm;
@@ -166,8 +169,8 @@ struct Server::Parts {
 };
 
 void Server::Parts::listen(uint16_t wanted) {
-    Listener listener(wanted);
-    port = listener.port();
+    Listener listener = listenOn(wanted);
+    port = listener.port;
     const std::string address = "127.0.0.1:" + std::to_string(port);
     state.url = (keys.used() ? "https://" : "http://") + address + state.prefix;
     state.core.setServerAddress(address);
@@ -181,30 +184,21 @@ void Server::Parts::listen(uint16_t wanted) {
     if (keys.used()) flags |= MHD_USE_TLS;
     daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, continueExchange, &service,  //
                               MHD_OPTION_EXTERNAL_LOGGER, complain, &complaints,       //
-                              MHD_OPTION_LISTEN_SOCKET, listener.socket(),             //
+                              MHD_OPTION_LISTEN_SOCKET, listener.socket.get(),         //
                               MHD_OPTION_URI_LOG_CALLBACK, beginExchange, &service,    //
                               MHD_OPTION_NOTIFY_COMPLETED, endExchange, &service,      //
                               MHD_OPTION_NOTIFY_CONNECTION, noteConnection, &service,  //
                               MHD_OPTION_ARRAY, keys.used() ? tls : tls + 3, MHD_OPTION_END);
     if (daemon == nullptr) fail("the HTTP server does not start: " + complaints.first);
-    listener.release();
+    static_cast<void>(listener.socket.release());  // the daemon closes it
 }
 
-Server::Server(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
+Server::Server(const Settings& settings) {
+    const SignalsBlocked blocked;
+    parts_ = std::make_unique<Parts>(settings);
+}
 
 Server::~Server() = default;
-
-std::unique_ptr<Server> Server::start(const Settings& settings, std::string& error) {
-    const SignalsBlocked blocked;
-    try {
-        return std::unique_ptr<Server>(new Server(std::make_unique<Parts>(settings)));
-    } catch (const std::exception& failure) {
-        error = failure.what();
-    } catch (const Event& event) {
-        error = event.text;
-    }
-    return nullptr;
-}
 
 const std::string& Server::url() const {
     return parts_->state.url;

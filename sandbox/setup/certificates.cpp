@@ -15,7 +15,7 @@
 namespace sandbox {
 namespace {
 
-constexpr long kDay = 24L * 60 * 60;
+constexpr long kDay = 24L * 60 * 60;  // seconds
 constexpr long kLifetime = 3650 * kDay;
 
 template <auto Free>
@@ -37,7 +37,9 @@ void need(bool done) {
 
 using Extensions = std::vector<std::pair<int, std::string>>;
 
-/// Signed by `issuer`, or by itself without one.
+/// Makes a certificate, signed by `issuer` with its key, or by itself when they are NULL. Valid
+/// from the day before, since the clocks of two machines differ. The serial number is random:
+/// clients refuse a second certificate with a serial number that they know of the same issuer.
 Certificate certify(EVP_PKEY* key, const char* name, const Extensions& extensions, X509* issuer,
                     EVP_PKEY* issuerKey) {
     Certificate certificate(X509_new());

@@ -6,20 +6,21 @@
 
 namespace sandbox {
 
-/// PEM texts.
+/// A certificate and its private key, as PEM texts.
 struct KeyPair {
     std::string certificate;
     std::string key;
 };
 
 struct CertificateSet {
-    std::string authority;  ///< its key is forgotten: nothing more can be signed
+    std::string authority;  ///< certificate; its key is dropped, so that nothing more can be signed
     KeyPair server;
     KeyPair client;
 };
 
-/// A new authority with a certificate for a server of that host name or address (and for this
-/// machine's own names), and one for its client. Throws std::runtime_error.
+/// Makes an authority, and two certificates signed by it: one for a server with this host name or
+/// IPv4 address, which also names localhost, 127.0.0.1 and ::1, and one for a client. Throws
+/// std::runtime_error.
 CertificateSet makeCertificates(const std::string& host);
 
 }  // namespace sandbox

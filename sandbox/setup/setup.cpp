@@ -1,13 +1,19 @@
-// Folders for `serve`: what is in them, and the names of the configuration's entries.
+// setUp() and readSetup() of sandbox.h: the files of a folder that is served, and the entries of
+// its agent configuration.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
 
+#include "common/owned.h"
 #include "platform/ini.h"
 #include "sandbox/accounts.h"
 #include "sandbox/sandbox.h"
@@ -79,7 +85,7 @@ std::string configurationText(const std::string& url, const std::string& folder,
     return text;
 }
 
-/// The value of an entry, which must be there.
+/// The value of an entry. Throws when the entry is missing.
 std::string configurationValue(const std::string& file, const ConfigurationRow& wanted) {
     if (access(file.c_str(), R_OK) != 0) fail(file + ": " + strerror(errno));
     char value[1024];
@@ -89,16 +95,14 @@ std::string configurationValue(const std::string& file, const ConfigurationRow& 
     fail(file + ": no " + wanted.entryName() + " in section " + wanted.sectionName());
 }
 
-/// A file that only its owner may read.
+/// Makes a file that only its owner may read: passwords and keys are among them.
 void writeFile(const std::string& path, const std::string& text) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    const bool opened = fd >= 0;
-    const bool written =
-        opened && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    const int error = errno;
-    const bool closed = opened && close(fd) == 0;
-    if (!written) fail(path + ": " + strerror(error));
-    if (!closed) fail(path + ": " + strerror(errno));
+    kspool::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (file.get() < 0 ||
+        write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        close(file.release()) != 0) {
+        fail(path + ": " + strerror(errno));
+    }
 }
 
 void writeKeys(const std::string& folder, const std::string& authority, const KeyPair& pair) {
@@ -108,7 +112,9 @@ void writeKeys(const std::string& folder, const std::string& authority, const Ke
     writeFile(folder + "/key.pem", pair.key);
 }
 
-/// A folder beside the one that is wanted, until rename() makes it that.
+/// A temporary folder beside the wanted one, so that rename() can put it in place in one step: the
+/// wanted folder is complete or missing, also when the program is killed. Removed by the destructor
+/// unless it was renamed.
 class NewFolder {
   public:
     explicit NewFolder(const std::string& wanted) : path_(wanted + ".XXXXXX") {
@@ -126,6 +132,7 @@ class NewFolder {
     }
 
     const std::string& path() const { return path_; }
+    /// The system accepts an empty folder as the target and replaces it.
     void rename(const std::string& wanted) {
         if (::rename(path_.c_str(), wanted.c_str()) != 0) fail(wanted + ": " + strerror(errno));
         path_.clear();
@@ -135,6 +142,8 @@ class NewFolder {
     std::string path_;
 };
 
+/// Absolute, because the configuration names files of the folder and is read from elsewhere. A line
+/// end in the name would end the configuration's line.
 std::string absoluteFolder(const std::string& folder) {
     if (folder.empty()) fail("an empty path names no folder");
     std::string path = fs::weakly_canonical(fs::absolute(folder)).string();
@@ -176,37 +185,27 @@ void fillFolder(const NewFolder& made, const std::string& folder, const Setup& s
 
 }  // namespace
 
-bool setUp(const Setup& setup, std::string& error) {
-    try {
-        const Url url = parseUrl(setup.url);
-        if (url.tls != setup.tls)
-            fail(setup.tls ? "TLS needs an https:// URL" : "an https:// URL needs TLS");
-        const std::string folder = absoluteFolder(setup.folder);
-        checkEmpty(folder);
-        NewFolder made(folder);
-        fillFolder(made, folder, setup, url);
-        made.rename(folder);
-        return true;
-    } catch (const std::exception& failure) {
-        error = failure.what();
-        return false;
-    }
+void setUp(const Setup& setup) {
+    const Url url = parseUrl(setup.url);
+    if (url.tls != setup.tls)
+        fail(setup.tls ? "TLS needs an https:// URL" : "an https:// URL needs TLS");
+    const std::string folder = absoluteFolder(setup.folder);
+    checkEmpty(folder);
+    NewFolder made(folder);
+    fillFolder(made, folder, setup, url);
+    made.rename(folder);
 }
 
-bool readSetup(const std::string& folder, Settings& settings, std::string& error) {
-    try {
-        const std::string path = absoluteFolder(folder);
-        const Url url = parseUrl(configurationValue(path + "/" + kConfiguration, kUrlRow));
-        settings.port = url.port;
-        settings.prefix = url.prefix;
-        settings.database = path + "/" + kDatabase;
-        settings.accountsFile = path + "/" + kAccounts;
-        if (url.tls) settings.tlsFolder = path + "/" + kServerKeys;
-        return true;
-    } catch (const std::exception& failure) {
-        error = failure.what();
-        return false;
-    }
+Settings readSetup(const std::string& folder) {
+    const std::string path = absoluteFolder(folder);
+    const Url url = parseUrl(configurationValue(path + "/" + kConfiguration, kUrlRow));
+    Settings settings;
+    settings.port = url.port;
+    settings.prefix = url.prefix;
+    settings.database = path + "/" + kDatabase;
+    settings.accountsFile = path + "/" + kAccounts;
+    if (url.tls) settings.tlsFolder = path + "/" + kServerKeys;
+    return settings;
 }
 
 }  // namespace sandbox

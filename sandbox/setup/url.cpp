@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "sandbox/store/characters.h"
+
 namespace sandbox {
 namespace {
 
@@ -14,8 +16,7 @@ namespace {
 
 bool onlyOf(std::string_view text, std::string_view further) {
     return std::all_of(text.begin(), text.end(), [&](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-               further.find(c) != std::string_view::npos;
+        return isLetterOrDigit(c) || further.find(c) != std::string_view::npos;
     });
 }
 

@@ -1,4 +1,4 @@
-// The URL that a sandbox is reached by.
+// The URL of a sandbox.
 #ifndef SANDBOX_SETUP_URL_H
 #define SANDBOX_SETUP_URL_H
 
@@ -11,10 +11,10 @@ struct Url {
     bool tls = false;
     std::string host;
     uint16_t port = 0;
-    std::string prefix;  ///< "/pool", or empty
+    std::string prefix;  ///< "/pool", or empty; without a slash at its end
 };
 
-/// Throws std::runtime_error for what is no URL of a sandbox.
+/// Parses http://HOST[:PORT][/PATH], or https. Throws std::runtime_error for anything else.
 Url parseUrl(const std::string& text);
 
 }  // namespace sandbox

@@ -1,5 +1,7 @@
 #include "sandbox/store/database.h"
 
+#include <exception>
+
 namespace sandbox {
 namespace {
 
@@ -31,7 +33,7 @@ void Query::bindNumber(int at, int64_t number) {
 }
 
 void Query::bindText(int at, std::string_view text) {
-    // A text at NULL would be bound as NULL.
+    // SQLite takes a NULL pointer, which an empty string_view may have, for the value NULL.
     check(sqlite3_bind_text64(statement_, at, text.data() != nullptr ? text.data() : "",
                               text.size(), SQLITE_STATIC, SQLITE_UTF8));
 }
@@ -43,6 +45,7 @@ Database::Database(const std::string& file) {
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(opened);
     if (code != SQLITE_OK) fail(opened);
+    // Another program may hold the lock for a moment.
     sqlite3_busy_timeout(opened, 2000);
 }
 
@@ -74,7 +77,7 @@ Transaction::~Transaction() {
     try {
         database_.run("ROLLBACK");
     } catch (const std::exception&) {
-        // SQLite has undone it already, which some of its own failures do.
+        // Some failures (a full disk, lack of memory) make SQLite roll back by itself.
         open_ = false;
     }
 }

@@ -1,4 +1,20 @@
-// SQLite with prepared statements that are kept. Errors are exceptions.
+// SQLite with exceptions, and with prepared statements that are compiled once.
+//
+// Thread rule: one thread at a time. The connection is opened without SQLite's own mutex.
+//
+// Invariants:
+//  1. A statement is found by the address of its SQL text, at the cost of a few pointer
+//  comparisons;
+//     to compile the text anew would cost as much as a short query. Hence an address means one text
+//     for the life of the database. Literals and kept() guarantee that; a temporary does not: its
+//     address may be another text's later, and the wrong statement would run.
+//  2. A statement has at most one Query at a time; a second one could not bind its values, and
+//  would
+//     end the run of the first.
+//  3. Without a Query, a statement is reset and has no bound values. Otherwise a read would keep
+//  its
+//     snapshot open, and bound texts would dangle.
+//  4. Statements are finalized before the database is closed.
 #ifndef SANDBOX_STORE_DATABASE_H
 #define SANDBOX_STORE_DATABASE_H
 
@@ -20,7 +36,7 @@ class DatabaseError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// One run of a prepared statement, over when it is destroyed.
+/// One run of a prepared statement, ended by the destructor.
 class Query {
   public:
     template <typename... Values>
@@ -35,22 +51,23 @@ class Query {
         sqlite3_clear_bindings(statement_);
     }
 
-    /// Texts are not copied: they must outlive the query.
+    /// Binds all values, in order. Texts are not copied: they must outlive the query.
     template <typename... Values>
     void bind(const Values&... values) {
         int at = 0;
         (bindOne(++at, values), ...);
     }
-    /// The same for one value; places count from 1.
+    /// Binds one value; places count from 1.
     template <typename Value>
     void bindAt(int at, const Value& value) {
         bindOne(at, value);
     }
-    /// To run it again from the start, with what is bound then.
+    /// Ends the run; the next step() starts anew, and values may be bound before. They stay bound.
     void reset() { sqlite3_reset(statement_); }
-    /// True while there is a row.
+    /// Goes to the next row; false at the end. Throws DatabaseError.
     bool step();
 
+    /// A column of the row, valid until the next step(). NULL is an empty text.
     std::string_view text(int column) const;
     int64_t number(int column) const { return sqlite3_column_int64(statement_, column); }
 
@@ -71,13 +88,14 @@ class Query {
     sqlite3_stmt* statement_;
 };
 
+/// A connection. All functions throw DatabaseError.
 class Database {
   public:
-    /// An empty name: in memory.
+    /// An empty name opens a database in memory.
     explicit Database(const std::string& file);
 
-    /// `sql` must be a literal or kept(): it is known again by its address. It must not run
-    /// already.
+    /// REQUIRES of query() and run(): `sql` is a literal or from kept() (invariant 1), and no other
+    /// Query of it exists (invariant 2).
     template <typename... Values>
     Query query(const char* sql, const Values&... values) {
         return Query(database_.get(), prepared(sql), values...);
@@ -88,9 +106,10 @@ class Database {
         while (made.step()) {
         }
     }
-    /// The same text at the same address, for statements that are put together.
+    /// A copy that lives as long as the database, equal texts at one address: for SQL that is
+    /// composed at run time. Each different text stays, so values are bound and never pasted in.
     const char* kept(const std::string& sql) { return texts_.insert(sql).first->c_str(); }
-    /// Statements without values, not kept.
+    /// Runs statements without values; they are compiled for this call only.
     void script(const char* sql);
 
   private:
@@ -102,12 +121,15 @@ class Database {
     };
     sqlite3_stmt* prepared(const char* sql);
 
+    // In this order, so that the statements are destroyed first.
     std::unique_ptr<sqlite3, Close> database_;
-    std::set<std::string> texts_;
+    std::set<std::string> texts_;  // a set's elements never move
     std::map<const char*, std::unique_ptr<sqlite3_stmt, Finalize>> statements_;
 };
 
-/// Undone when it is destroyed without commit().
+/// Rolled back by the destructor unless commit() succeeded. IMMEDIATE takes the write lock at once:
+/// a transaction that reads first and writes later may fail in between when another program, such
+/// as the sqlite3 shell, wrote meanwhile.
 class Transaction {
   public:
     explicit Transaction(Database& database) : database_(database) {

@@ -1,5 +1,7 @@
 #include "sandbox/store/images.h"
 
+#include <string_view>
+
 #include "sandbox/store/event.h"
 
 namespace sandbox {

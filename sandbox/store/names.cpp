@@ -1,6 +1,3 @@
-// Inside, a path has no slash at its end, so that the root is the empty text. What is below a path
-// P lies between P + '/' and P + '0', the character that follows the slash; names such as "P.b"
-// sort before that range, which is why nothing here relies on neighbours.
 #include "sandbox/store/names.h"
 
 #include "sandbox/store/event.h"
@@ -41,7 +38,7 @@ std::optional<NameSpace::Entry> NameSpace::find(const std::string& path) {
     return Entry{row.text(0).front(), row.number(1), row.number(2)};
 }
 
-/// Says why there is nothing: what is above the path tells.
+/// Throws the event that tells why a path does not exist: a parent is a file, or there is nothing.
 void NameSpace::missing(const std::string& path, const std::string& shown) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
@@ -59,7 +56,7 @@ NameSpace::Entry NameSpace::need(const std::string& path, const std::string& sho
     return *entry;
 }
 
-/// Nothing at the path, and a directory to hold it.
+/// Throws unless nothing is at the path, and its parent is a directory.
 void NameSpace::needFree(const std::string& path, const std::string& shown) {
     if (find(path)) throw Event{kExists, "already exists: " + shown};
     const std::string parent = parentOf(path);
@@ -147,7 +144,9 @@ std::string NameSpace::listBelow(const std::string& path) {
     return listing;
 }
 
-/// Goes on behind the contents of a directory as soon as it meets them.
+/// A loose index scan (skip scan): when the scan meets the first row below a child, it seeks to the
+/// end of that child's range. The cost is one seek for each child, however many rows lie below; a
+/// plain scan would read all of these.
 std::string NameSpace::listChildren(const std::string& path) {
     const std::string first = startBelow(path);
     const std::string end = endBelow(path);

@@ -1,4 +1,16 @@
-// The name space: directories and files by their paths.
+// The name space: directories and files by their paths, one row each.
+//
+// Thread rule: one thread at a time. No state but the table: changes are part of the transaction
+// that is open.
+//
+// Invariants:
+//  1. A path in the table starts with a slash and ends without one. The root is the empty text, and
+//     always exists; it has no row.
+//  2. The parent of each row is the root or the row of a directory. Copies and moves therefore need
+//     to check one parent, and nothing can lie below a path that does not exist.
+//  3. Paths are compared as bytes (SQLite's BINARY). The rows below a directory P are those between
+//     P + '/' and P + '0', the character after the slash: one range of the primary key. They do not
+//     follow P's own row at once: names such as "P.b" sort in between.
 #ifndef SANDBOX_STORE_NAMES_H
 #define SANDBOX_STORE_NAMES_H
 
@@ -11,11 +23,12 @@
 
 namespace sandbox {
 
-/// All but place() and clear() are actions of the wire protocol; they throw Event. Paths are taken
-/// as they come from a client.
+/// Paths are those of a client, unchecked. All functions throw Event and DatabaseError.
 class NameSpace {
   public:
     explicit NameSpace(Database& database);
+
+    // Actions of the wire protocol.
 
     void mkdir(const std::string& path, int64_t now);
     void copy(const std::string& source, const std::string& destination, bool recursive);
@@ -23,7 +36,10 @@ class NameSpace {
     void remove(const std::string& path, bool recursive);
     std::string list(const std::string& path, bool recursive);
 
-    /// A file or directory that is just there, with its parents.
+    // To prepare a pool.
+
+    /// Puts a file ('f') or directory ('d') at a path, and makes missing parents at the time `now`.
+    /// Replaces size and time of one of the same kind.
     void place(const std::string& path, char kind, int64_t size, int64_t mtime, int64_t now);
     void clear();
 
@@ -33,6 +49,8 @@ class NameSpace {
         int64_t size;
         int64_t mtime;
     };
+    // All paths below are normal ones; `shown` is the path for a description.
+
     std::optional<Entry> find(const std::string& path);
     Entry need(const std::string& path, const std::string& shown);
     [[noreturn]] void missing(const std::string& path, const std::string& shown);
@@ -40,6 +58,7 @@ class NameSpace {
     bool isEmpty(const std::string& path);
     std::string listChildren(const std::string& path);
     std::string listBelow(const std::string& path);
+    /// The checks that copy and move have in common.
     void prepareTransfer(const std::string& source, const std::string& destination,
                          const char* verb);
 

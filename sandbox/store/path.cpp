@@ -15,9 +15,9 @@ constexpr size_t kLongestPath = 65'535;
     throw Event{kBadPath, "path not valid: " + why};
 }
 
-/// The length of the UTF-8 character at the start of `text`, 0 when there is none. The table has
-/// the range of the second byte, which alone keeps out overlong forms, surrogates and what lies
-/// beyond Unicode.
+/// The length of the UTF-8 character at the start of `text`, 0 if it is invalid. The ranges of the
+/// first and the second byte alone exclude overlong forms, surrogates and numbers beyond U+10FFFF;
+/// the further bytes have the same range in each row.
 size_t characterLength(std::string_view text) {
     struct Row {
         uint8_t first, last, secondFrom, secondTo;
@@ -41,6 +41,7 @@ size_t characterLength(std::string_view text) {
     return 0;
 }
 
+/// C0 controls and DEL, and the C1 controls U+0080 to U+009F.
 bool isControl(std::string_view character) {
     const auto first = static_cast<uint8_t>(character[0]);
     if (character.size() == 1) return first < 0x20 || first == 0x7f;

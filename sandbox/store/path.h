@@ -1,4 +1,5 @@
-// Paths of the name space.
+// Paths of the name space. A normal path starts with a slash and has neither a double slash nor one
+// at its end; the root is the empty text.
 #ifndef SANDBOX_STORE_PATH_H
 #define SANDBOX_STORE_PATH_H
 
@@ -7,13 +8,13 @@
 
 namespace sandbox {
 
-/// A path without double slashes and without one at its end: the root is the empty text. Throws
-/// Event when the text is no path.
+/// The normal path of a client's text. Throws Event when the text is not a path.
 std::string normalPath(std::string_view text);
 
-/// For people: the root is "/".
+/// A normal path for a description: the root is "/".
 std::string shownPath(const std::string& path);
 
+/// REQUIRES: a normal path, not the root.
 std::string parentOf(const std::string& path);
 
 }  // namespace sandbox

@@ -5,45 +5,49 @@
 #include <charconv>
 #include <iterator>
 #include <memory>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include "sandbox/store/event.h"
 
 namespace sandbox {
 namespace {
 
-enum class Kind : uint8_t { Int, Long, Text, Char };
+enum class Kind : uint8_t { kInt, kLong, kText, kChar };
 
 struct Field {
     const char* name;
     Kind kind;
-    const char* any;  ///< as a filter's value, what matches every PO
+    const char* any;  ///< a filter's value that matches every PO
 };
 
 constexpr Field kFields[kPOFields] = {
-    {"dsid", Kind::Int, "0"},         {"kind", Kind::Int, "0"},
-    {"origin", Kind::Text, ""},       {"owner", Kind::Int, "-1"},
-    {"group", Kind::Int, "-1"},       {"client", Kind::Text, "*"},
-    {"policy", Kind::Text, "*"},      {"image", Kind::Text, "*"},
-    {"folder", Kind::Text, "*"},      {"name", Kind::Text, "*"},
-    {"digest", Kind::Text, "*"},      {"type", Kind::Char, "*"},
-    {"format", Kind::Text, "*"},      {"label", Kind::Text, "*"},
-    {"application", Kind::Text, "*"}, {"size", Kind::Long, "-1"},
-    {"mtime", Kind::Long, "-1"},      {"ctime", Kind::Long, "-1"},
-    {"backuptime", Kind::Long, "-1"}, {"expires", Kind::Long, "-1"},
-    {"segments", Kind::Long, "-1"},   {"newsegments", Kind::Long, "-1"},
-    {"dcid", Kind::Long, "-1"},       {"mode", Kind::Int, "-1"},
-    {"flags", Kind::Int, "-1"},       {"comment", Kind::Text, "*"},
+    {"dsid", Kind::kInt, "0"},         {"kind", Kind::kInt, "0"},
+    {"origin", Kind::kText, ""},       {"owner", Kind::kInt, "-1"},
+    {"group", Kind::kInt, "-1"},       {"client", Kind::kText, "*"},
+    {"policy", Kind::kText, "*"},      {"image", Kind::kText, "*"},
+    {"folder", Kind::kText, "*"},      {"name", Kind::kText, "*"},
+    {"digest", Kind::kText, "*"},      {"type", Kind::kChar, "*"},
+    {"format", Kind::kText, "*"},      {"label", Kind::kText, "*"},
+    {"application", Kind::kText, "*"}, {"size", Kind::kLong, "-1"},
+    {"mtime", Kind::kLong, "-1"},      {"ctime", Kind::kLong, "-1"},
+    {"backuptime", Kind::kLong, "-1"}, {"expires", Kind::kLong, "-1"},
+    {"segments", Kind::kLong, "-1"},   {"newsegments", Kind::kLong, "-1"},
+    {"dcid", Kind::kLong, "-1"},       {"mode", Kind::kInt, "-1"},
+    {"flags", Kind::kInt, "-1"},       {"comment", Kind::kText, "*"},
 };
 
 constexpr const char* kTypes[] = {"int", "long", "text", "char"};
 constexpr size_t kDsid = 0;
-constexpr size_t kKey[] = {5, 6, 7, 8, 9};    ///< what a PO is known by
-constexpr size_t kOrder[] = {8, 9, 5, 6, 7};  ///< how POs are sorted
+constexpr size_t kKey[] = {5, 6, 7, 8, 9};    ///< identify a PO in its data selection
+constexpr size_t kOrder[] = {8, 9, 5, 6, 7};  ///< the same fields in the order of an answer
 
 using Fields = std::array<std::string_view, kPOFields>;
 
 bool isNumber(const Field& field) {
-    return field.kind == Kind::Int || field.kind == Kind::Long;
+    return field.kind == Kind::kInt || field.kind == Kind::kLong;
 }
 
 [[noreturn]] void refuse(const std::string& what, size_t line) {
@@ -55,15 +59,15 @@ int64_t numberOf(const Field& field, std::string_view text, size_t line) {
     int64_t wide = 0;
     int32_t narrow = 0;
     const char* end = text.data() + text.size();
-    const auto result = field.kind == Kind::Int ? std::from_chars(text.data(), end, narrow)
-                                                : std::from_chars(text.data(), end, wide);
+    const auto result = field.kind == Kind::kInt ? std::from_chars(text.data(), end, narrow)
+                                                 : std::from_chars(text.data(), end, wide);
     if (result.ec != std::errc() || result.ptr != end) {
         refuse(std::string(field.name) + " is no " + kTypes[static_cast<size_t>(field.kind)], line);
     }
-    return field.kind == Kind::Int ? narrow : wide;
+    return field.kind == Kind::kInt ? narrow : wide;
 }
 
-/// Takes a line apart; line 0 is a filter.
+/// Splits a line into its fields and checks their types. Line 0 means a filter, for descriptions.
 Fields split(std::string_view text, size_t line) {
     Fields fields;
     for (size_t i = 0; i < kPOFields; ++i) {
@@ -79,7 +83,7 @@ Fields split(std::string_view text, size_t line) {
             refuse(std::string(kFields[i].name) + " has a control character", line);
         }
         if (isNumber(kFields[i])) numberOf(kFields[i], fields[i], line);
-        if (kFields[i].kind == Kind::Char && fields[i].size() != 1) {
+        if (kFields[i].kind == Kind::kChar && fields[i].size() != 1) {
             refuse(std::string(kFields[i].name) + " is not one character", line);
         }
     }
@@ -132,6 +136,7 @@ std::vector<size_t> allFields() {
     return fields;
 }
 
+/// Visits the POs of a text: its lines but a first one that holds the names.
 template <typename Visit>
 void eachLine(const std::string& text, Visit visit) {
     size_t number = 0;
@@ -153,7 +158,7 @@ void checkSelection(const Fields& fields, uint32_t dataselection, size_t line) {
     }
 }
 
-/// Binds the fields after the data selection.
+/// Binds the data selection, then all fields. A dsid of 0 becomes the data selection's number.
 void bindFields(Query& query, uint32_t dataselection, const Fields& fields, size_t line) {
     int at = 0;
     query.bindAt(++at, dataselection);
@@ -168,13 +173,14 @@ void bindFields(Query& query, uint32_t dataselection, const Fields& fields, size
     }
 }
 
-/// A filter as a condition, with the values that it compares with.
+/// A filter as an SQL condition. Values are bound and not part of the SQL: filters that set the
+/// same criteria share one prepared statement, and no value can be mistaken for SQL.
 struct Condition {
     std::string sql = "ds = ?";
     std::vector<std::string> texts;
     std::vector<std::pair<int, int64_t>> numbers;
     std::vector<std::pair<int, size_t>> textPlaces;  ///< place in the statement, index in `texts`
-    int places = 1;
+    int places = 1;  ///< values in the statement so far; the first is the data selection
 
     void number(const std::string& test, int64_t value) {
         sql += " AND " + test;
@@ -186,7 +192,8 @@ struct Condition {
         textPlaces.emplace_back(++places, texts.size() - 1);
     }
 
-    /// What a pattern begins with is a range of the index; the rest is matched one by one.
+    /// The characters before the first wildcard are a range, which an index on the field can seek;
+    /// GLOB then tests the rows of the range only. Of a pattern alone SQLite would test every row.
     void pattern(const std::string& name, std::string_view value) {
         const size_t wild = value.find_first_of("*?");
         if (wild == std::string_view::npos) return text(name + " = ?", std::string(value));
@@ -195,9 +202,10 @@ struct Condition {
             text(name + " >= ?", prefix);
             std::string after = prefix;
             after.back() = static_cast<char>(static_cast<unsigned char>(after.back()) + 1);
-            // Bytes of 0xff are in no UTF-8.
+            // No carry is needed: UTF-8 has no byte 0xff.
             text(name + " < ?", after);
         }
+        // A '[' would start a set of characters, which filters do not have.
         std::string glob;
         for (const char c : value)
             glob += c == '[' ? "[[]" : std::string(1, c);
@@ -243,6 +251,7 @@ POStore::POStore(Database& database) : database_(database) {
     database_.script(
         ("CREATE INDEX IF NOT EXISTS pos_order ON pos (ds, " + columns(kOrder, ", ", "") + ")")
             .c_str());
+    // f10 is the name: a filter that gives nothing else would otherwise read all rows.
     database_.script("CREATE INDEX IF NOT EXISTS pos_name ON pos (ds, f10)");
 }
 
@@ -254,7 +263,7 @@ std::string POStore::add(uint32_t dataselection, const std::string& text, OnKnow
         return " INTO pos VALUES (" + marks + ") RETURNING 1";
     }();
     const char* sql = database_.kept(
-        (onKnown == OnKnown::Replace ? "INSERT OR REPLACE" : "INSERT OR IGNORE") + values);
+        (onKnown == OnKnown::kReplace ? "INSERT OR REPLACE" : "INSERT OR IGNORE") + values);
     uint64_t taken = 0;
     eachLine(text, [&](const Fields& fields, size_t line) {
         checkSelection(fields, dataselection, line);
@@ -308,7 +317,9 @@ void appendLine(const Query& query, std::string& lines) {
     lines += '\n';
 }
 
-/// A long answer, a page at a time: each begins behind the last line of the one before.
+/// A long answer by keyset pagination: each page starts behind the sort key of the last line, by a
+/// seek in the index of the order. With OFFSET instead, each page would read all rows before it
+/// again. No statement stays open between two pages, so that writers are not held up.
 class Pages {
   public:
     Pages(Database& database, uint32_t dataselection, Condition condition)
@@ -317,6 +328,7 @@ class Pages {
           condition_(std::move(condition)),
           last_(std::size(kOrder)) {}
 
+    /// The lines of the next page, empty at the end.
     std::string next() {
         Query query = database_.query(database_.kept(
             selection() + "INDEXED BY pos_order WHERE " + condition_.sql + " AND (" +
@@ -340,14 +352,14 @@ class Pages {
     Database& database_;
     uint32_t dataselection_;
     Condition condition_;
-    std::vector<std::string> last_;  ///< what the order goes by, of the last line
+    std::vector<std::string> last_;  ///< the sort key of the last line; at first five empty texts
 };
 
 }  // namespace
 
 std::string POStore::find(uint32_t dataselection, const std::string& filter,
                           std::function<std::string()>& more) {
-    constexpr uint64_t kAtOnce = 20'000;
+    constexpr uint64_t kAtOnce = 20'000;  // a few megabytes of lines
     Condition condition = conditionOf(filter);
     uint64_t count = 0;
     {
@@ -361,7 +373,8 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
         more = [pages] { return pages->next(); };
         return head(count);
     }
-    // Sorted afterwards: the order's index would have all POs looked at for the few that match.
+    // The unary plus keeps SQLite from reading in the order of pos_order, which would visit all POs
+    // of the data selection; to sort the few that match is cheaper.
     static const std::string sorted = " ORDER BY +" + columns(kOrder, ", +", "");
     Query query = database_.query(database_.kept(selection() + "WHERE " + condition.sql + sorted));
     condition.bind(query, dataselection);

@@ -1,21 +1,22 @@
 #include "sandbox/store/selections.h"
 
+#include <string_view>
+
+#include "sandbox/store/characters.h"
 #include "sandbox/store/event.h"
 
 namespace sandbox {
 namespace {
 
-/// A tag as a URL has it.
+/// URL-encoded: all but letters and digits, so that no '|' or LF of a tag breaks the answer's line.
 std::string encoded(std::string_view text) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
     std::string out;
     for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool letter = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
-        if (letter || (byte >= '0' && byte <= '9')) {
+        if (isLetterOrDigit(c)) {
             out += c;
         } else {
-            out += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+            out += '%';
+            appendHex(out, static_cast<uint8_t>(c), kCapitalHex);
         }
     }
     return out;

@@ -1,4 +1,7 @@
-// Data selections: numbers that POs and images belong to, each with a tag or none.
+// Data selections: the numbers that POs and images belong to, each with a tag or without.
+//
+// Thread rule: one thread at a time. No state but the table: changes are part of the transaction
+// that is open.
 #ifndef SANDBOX_STORE_SELECTIONS_H
 #define SANDBOX_STORE_SELECTIONS_H
 
@@ -9,7 +12,8 @@
 
 namespace sandbox {
 
-/// As long as no selection was added, every number above 0 is one.
+/// While the table is empty, every number above 0 is a data selection without a tag: most tests
+/// need no more. After the first add() only the added numbers are.
 class Selections {
   public:
     explicit Selections(Database& database);
@@ -18,6 +22,7 @@ class Selections {
     void need(uint32_t number);
     /// The answer of getHVXTag. Throws Event.
     std::string tag(uint32_t number);
+    /// An empty tag is none. Replaces the tag of a number that is there.
     void add(uint32_t number, const std::string& tag);
     void clear();
 

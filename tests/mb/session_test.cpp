@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "cr_status.h"
@@ -83,16 +84,12 @@ class Pool {
   public:
     explicit Pool(bool tls) : folder_(witness->folder + (tls ? "/tls" : "/http")) {
         std::filesystem::remove_all(folder_);
-        std::string error;
-        EXPECT_TRUE(sandbox::setUp(
-            {folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls}, error))
-            << error;
-        EXPECT_TRUE(sandbox::readSetup(folder_, settings, error)) << error;
+        sandbox::setUp({folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls});
+        settings = sandbox::readSetup(folder_);
         settings.port = 0;
         settings.accounts = {{"canary", kCanary, {"read", "write", "delete"}},
                              {"reader", "r", {"read"}}};
-        server = sandbox::Server::start(settings, error);
-        EXPECT_NE(server, nullptr) << error;
+        server = std::make_unique<sandbox::Server>(settings);
         server->admin("POST", "clock", "1700000000");
     }
 
@@ -356,16 +353,14 @@ TEST_P(Sessions, ApplyAResentRequestOnce) {
 TEST_P(Sessions, AreTheParents) {
     sandbox::Settings settings = pool_.settings;
     settings.database.clear();
-    std::string error;
-    const auto other = sandbox::Server::start(settings, error);
-    ASSERT_NE(other, nullptr) << error;
+    sandbox::Server other(settings);
     const auto ask = [&](const std::string& url) {
         uint32_t time = 0;
         const KSOption option{KS_OPT_MBS_URL, {.text = url.c_str()}};
         EXPECT_EQ(MBOptionsSet(session_, &option, 1), 0U);
         EXPECT_EQ(MBGetTime(session_, &time), 0U);
     };
-    ask(other->url());
+    ask(other.url());
     ask(pool_.server->url());
     uint32_t time = 0;
     const pid_t child = fork();
@@ -378,9 +373,9 @@ TEST_P(Sessions, AreTheParents) {
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
     ask(pool_.server->url());
-    ask(other->url());
+    ask(other.url());
     EXPECT_EQ(connections(*pool_.server), 1);
-    EXPECT_EQ(connections(*other), 1);
+    EXPECT_EQ(connections(other), 1);
 }
 
 TEST_P(Sessions, KeepOneConnection) {
@@ -394,8 +389,7 @@ TEST_P(Sessions, KeepOneConnection) {
 TEST(SessionTls, IsNotMadeWithoutTheRightKeys) {
     const Pool pool(true);
     const std::string folder = witness->folder + "/stranger";
-    std::string error;
-    ASSERT_TRUE(sandbox::setUp({folder, "https://127.0.0.1:1", true}, error)) << error;
+    sandbox::setUp({folder, "https://127.0.0.1:1", true});
     // A server that nobody vouches for, a client that nobody vouches for, and no keys at all.
     const std::string ours = witness->folder + "/tls/tls/client/", theirs = folder + "/tls/client/";
     const struct {

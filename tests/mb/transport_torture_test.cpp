@@ -166,13 +166,9 @@ class Pool {
     explicit Pool(bool tls) {
         char name[] = "/tmp/kspool-torture-XXXXXX";
         folder_ = mkdtemp(name);
-        std::string error;
         const std::string made = folder_ + "/pool";
-        sandbox::Settings settings;
-        EXPECT_TRUE(sandbox::setUp({made, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls},
-                                   error) &&
-                    sandbox::readSetup(made, settings, error))
-            << error;
+        sandbox::setUp({made, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls});
+        sandbox::Settings settings = sandbox::readSetup(made);
         settings.port = 0;
         settings.accounts = {{"me", "secret", {"read", "write", "delete"}}};
         config = made + "/agent.cfg";

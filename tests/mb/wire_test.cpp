@@ -175,11 +175,9 @@ TEST_F(Wire, IsWhatTheServerSpeaks) {
     sandbox::Settings settings;
     settings.accounts = {{"agent", "secret", {"read", "write", "delete"}},
                          {"reader", "secret", {"read"}}};
-    std::string error;
-    const auto server = sandbox::Server::start(settings, error);
-    ASSERT_NE(server, nullptr) << error;
-    server->admin("POST", "clock", "1700000000");
-    server->admin("POST", "dataselections", kSelections);
+    sandbox::Server server(settings);
+    server.admin("POST", "clock", "1700000000");
+    server.admin("POST", "dataselections", kSelections);
     // Ports differ, and so may their number of digits.
     const auto plain = [](const std::string& text) {
         std::string out = comparable(text);
@@ -193,7 +191,7 @@ TEST_F(Wire, IsWhatTheServerSpeaks) {
         return out;
     };
     for (const Exchange& exchange : exchanges())
-        EXPECT_EQ(plain(rawExchange(server->port(), exchange.request)), plain(exchange.answer))
+        EXPECT_EQ(plain(rawExchange(server.port(), exchange.request)), plain(exchange.answer))
             << exchange.name;
 }
 

@@ -19,10 +19,8 @@ class Sandbox : public testing::Test {
     void SetUp() override { restart(); }
 
     void restart() {
-        std::string error;
         server.reset();
-        server = sandbox::Server::start(settings, error);
-        ASSERT_NE(server, nullptr) << error;
+        server = std::make_unique<sandbox::Server>(settings);
         server->admin("POST", "clock", "1000");
     }
     Reply ask(const Call& call) { return Client(server->port()).ask(request(call)); }
@@ -385,20 +383,23 @@ TEST_F(Sandbox, TakesAFolderOver) {
 }
 
 TEST(SandboxStart, SaysWhatIsWrong) {
-    std::string error;
-    EXPECT_EQ(sandbox::Server::start({}, error), nullptr);
-    EXPECT_NE(error.find("no account"), std::string::npos);
+    const auto reason = [](const sandbox::Settings& settings) -> std::string {
+        try {
+            const sandbox::Server server(settings);
+            return "it started";
+        } catch (const std::exception& error) {
+            return error.what();
+        }
+    };
+    EXPECT_EQ(reason({}), "there is no account, so nobody could log in");
     sandbox::Settings settings;
     settings.accounts = {{"a", "b", {"read"}}};
-    const auto first = sandbox::Server::start(settings, error);
-    ASSERT_NE(first, nullptr);
-    settings.port = first->port();
-    EXPECT_EQ(sandbox::Server::start(settings, error), nullptr);
-    EXPECT_NE(error.find("Address already in use"), std::string::npos) << error;
+    const sandbox::Server first(settings);
+    settings.port = first.port();
+    EXPECT_NE(reason(settings).find("Address already in use"), std::string::npos);
     settings.port = 0;
     settings.accounts[0].permissions = {"fly"};
-    EXPECT_EQ(sandbox::Server::start(settings, error), nullptr);
-    EXPECT_NE(error.find("'fly'"), std::string::npos) << error;
+    EXPECT_NE(reason(settings).find("'fly'"), std::string::npos);
 }
 
 }  // namespace

@@ -26,9 +26,14 @@ class Setup : public testing::Test {
         std::ifstream file(folder + "/" + name);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    bool setUp(const std::string& url, bool tls = false) {
-        error.clear();
-        return sandbox::setUp({folder, url, tls}, error);
+    /// Empty, or the reason of a failure.
+    std::string setUp(const std::string& url, bool tls = false) {
+        try {
+            sandbox::setUp({folder, url, tls});
+            return {};
+        } catch (const std::exception& error) {
+            return error.what();
+        }
     }
     size_t filesBeside() const {
         return static_cast<size_t>(
@@ -38,12 +43,11 @@ class Setup : public testing::Test {
     // Tests run side by side.
     const std::string top = testing::TempDir() + "kspool-setup-test-" + std::to_string(getpid());
     const std::string folder = top + "/made";
-    std::string error;
 };
 
 TEST_F(Setup, MakesAFolderThatServes) {
     fs::create_directory(folder);
-    ASSERT_TRUE(setUp("http://127.0.0.1:45678/pool/")) << error;
+    ASSERT_EQ(setUp("http://127.0.0.1:45678/pool/"), "");
     EXPECT_NE(contents("agent.cfg").find("\nurl = http://127.0.0.1:45678/pool\n"),
               std::string::npos);
     EXPECT_EQ(contents("agent.cfg").find("ssl-key"), std::string::npos);
@@ -55,21 +59,19 @@ TEST_F(Setup, MakesAFolderThatServes) {
     const std::string password = contents("agent.password");
     EXPECT_EQ(contents("accounts.json").find(password.substr(0, password.size() - 1)),
               std::string::npos);
-    sandbox::Settings settings;
-    ASSERT_TRUE(sandbox::readSetup(folder, settings, error)) << error;
+    sandbox::Settings settings = sandbox::readSetup(folder);
     EXPECT_EQ(settings.port, 45678);
     settings.port = 0;
-    const auto server = sandbox::Server::start(settings, error);
-    ASSERT_NE(server, nullptr) << error;
-    EXPECT_TRUE(server->url().ends_with(std::to_string(server->port()) + "/pool"));
+    const sandbox::Server server(settings);
+    EXPECT_TRUE(server.url().ends_with(std::to_string(server.port()) + "/pool"));
     EXPECT_TRUE(fs::exists(folder + "/pool.db"));
 }
 
 TEST_F(Setup, RefusesAndLeavesNothing) {
     fs::create_directory(folder);
     std::ofstream(folder + "/mine") << "precious";
-    EXPECT_FALSE(setUp("http://127.0.0.1:1"));
-    EXPECT_NE(error.find("not empty"), std::string::npos) << error;
+    const std::string reason = setUp("http://127.0.0.1:1");
+    EXPECT_NE(reason.find("not empty"), std::string::npos) << reason;
     EXPECT_EQ(contents("mine"), "precious");
     EXPECT_EQ(filesBeside(), 1U);
     fs::remove_all(folder);
@@ -80,13 +82,12 @@ TEST_F(Setup, RefusesAndLeavesNothing) {
         {"http://127.0.0.1:80", true},
     };
     for (const auto& [url, tls] : bad) {
-        EXPECT_FALSE(setUp(url, tls)) << url;
-        EXPECT_FALSE(error.empty());
+        EXPECT_NE(setUp(url, tls), "") << url;
         EXPECT_EQ(filesBeside(), 0U) << url;
     }
     std::ofstream(folder) << "a file";
-    EXPECT_FALSE(setUp("http://127.0.0.1:1"));
-    EXPECT_EQ(sandbox::setUp({top + "/no/made", "http://a", false}, error), false);
+    EXPECT_NE(setUp("http://127.0.0.1:1"), "");
+    EXPECT_THROW(sandbox::setUp({top + "/no/made", "http://a", false}), std::runtime_error);
     EXPECT_EQ(filesBeside(), 1U);
 }
 
@@ -115,16 +116,14 @@ std::string fetch(const std::string& url, const std::string& keys, const std::st
 }
 
 TEST_F(Setup, TlsDemandsACertificateOfItsOwnAuthority) {
-    ASSERT_TRUE(setUp("https://127.0.0.1:45678", true)) << error;
-    ASSERT_TRUE(sandbox::setUp({top + "/other", "https://pool.example:1", true}, error)) << error;
-    sandbox::Settings settings;
-    ASSERT_TRUE(sandbox::readSetup(folder, settings, error)) << error;
+    ASSERT_EQ(setUp("https://127.0.0.1:45678", true), "");
+    sandbox::setUp({top + "/other", "https://pool.example:1", true});
+    sandbox::Settings settings = sandbox::readSetup(folder);
     settings.port = 0;
-    const auto server = sandbox::Server::start(settings, error);
-    ASSERT_NE(server, nullptr) << error;
+    sandbox::Server server(settings);
     const std::string keys = folder + "/tls/client";
     const std::string foreign = top + "/other/tls/client";
-    const std::string place = ":" + std::to_string(server->port()) + "/__admin/health";
+    const std::string place = ":" + std::to_string(server.port()) + "/__admin/health";
     EXPECT_NE(fetch("https://127.0.0.1" + place, keys, keys).find("\"ok\""), std::string::npos);
     EXPECT_NE(fetch("https://localhost" + place, keys, keys).find("\"ok\""), std::string::npos);
     EXPECT_EQ(fetch("https://127.0.0.1" + place, keys, ""), "failed");
@@ -133,8 +132,8 @@ TEST_F(Setup, TlsDemandsACertificateOfItsOwnAuthority) {
     EXPECT_EQ(fetch("http://127.0.0.1" + place, keys, keys), "failed");
     // A refused client leaves the server fit for others.
     EXPECT_NE(fetch("https://127.0.0.1" + place, keys, keys).find("\"ok\""), std::string::npos);
-    std::string text = server->admin("POST", "faults", R"([{"kind": "cut"}, {"kind": "garbage"}])");
-    const std::string arch = "https://127.0.0.1:" + std::to_string(server->port()) + "/ws/arch";
+    std::string text = server.admin("POST", "faults", R"([{"kind": "cut"}, {"kind": "garbage"}])");
+    const std::string arch = "https://127.0.0.1:" + std::to_string(server.port()) + "/ws/arch";
     EXPECT_EQ(fetch(arch, keys, keys), "failed");
     EXPECT_EQ(fetch(arch, keys, keys), "failed");
 }

@@ -39,13 +39,15 @@ class SandboxProcess {
   private:
     [[noreturn]] static void serve(const sandbox::Settings& settings, int answer) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        std::string error;
-        const auto server = sandbox::Server::start(settings, error);
-        if (server == nullptr) _exit(1);
-        server->admin("POST", "clock", "1700000000");
-        if (write(answer, server->url().data(), server->url().size()) < 0) _exit(1);
-        for (;;)
-            pause();
+        try {
+            sandbox::Server server(settings);
+            server.admin("POST", "clock", "1700000000");
+            if (write(answer, server.url().data(), server.url().size()) < 0) _exit(1);
+            for (;;)
+                pause();
+        } catch (...) {
+            _exit(1);
+        }
     }
 
     pid_t child_ = -1;
