@@ -52,7 +52,7 @@ with tempfile.TemporaryDirectory() as top:
         assert (cache["entries"], cache["hits"], cache["misses"], cache["bits"]) == (4, 3, 4, 3)
 
     people = run("scan", "--trace", "--lock", top)
-    assert "Dedup ratio" in people.stdout and "KSCacheInit: bits = 4" in people.stderr
+    assert "Dedup ratio" in people.stdout and "KSCacheInit: bits = 3" in people.stderr
 
     for bad in ((top + "/none",), (top + "/link",), (top + "/pipe",), ("--bits", "30", top),
                 ("--segment", "1", top), ("--digest", "crc32", top), ("--nonsense", top), ()):

@@ -2,25 +2,30 @@
 
 #include <openssl/sha.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <optional>
 #include <set>
 
 #include "platform/status.h"
+#include "tools/agent/backup_report.h"
 #include "tools/agent/cache.h"
 #include "tools/agent/files.h"
 #include "tools/agent/progress.h"
+#include "tools/agent/query.h"
 #include "tools/agent/record.h"
+#include "tools/agent/segments.h"
+#include "tools/shared/cache.h"
 #include "tools/shared/text.h"
 
 namespace agent {
 namespace {
+
+using tool::ExitCode;
 
 constexpr size_t kLongestList = size_t{1} << 20;
 
@@ -46,18 +51,11 @@ class Stopwatch {
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-std::string hexOf(const unsigned char* bytes, size_t length) {
-    std::string text(2 * length, '\0');
-    for (size_t i = 0; i < length; ++i)
-        snprintf(text.data() + 2 * i, 3, "%02x", bytes[i]);
-    return text;
-}
-
-/// One run: files go into a list, lists to the server, and what a confirmed list holds to the
-/// cache. So the cache never knows of data that no PO stands for.
+/// One run: files go into a list, lists to the server, and the new fingerprints of a confirmed list
+/// into the cache. So the cache never knows a segment that no PO records.
 class Run {
   public:
-    Run(const BackupOptions& options, uint32_t type, pool::Session& session, BackupCache& cache,
+    Run(const BackupOptions& options, uint32_t type, tool::Session& session, BackupCache& cache,
         Progress& progress, BackupResult& result)
         : options_(options),
           type_(type),
@@ -66,11 +64,12 @@ class Run {
           progress_(progress),
           result_(result) {}
 
-    /// Takes a file's segments in; `code` is not 0 once the server has failed.
+    /// Adds a file with its segments to the list. Throws Failure when the list is full and the
+    /// server does not confirm it.
     void addFile(FileRecord file, const std::vector<Digest>& digests,
                  const std::vector<size_t>& lengths) {
         ask(digests, lengths, file);
-        file.digest = hexOf(digestOf(digests).data(), sizeof(Digest));
+        file.digest = tool::digestText(digestOf(digests).data(), CR_FP_SHA256);
         file.segments = digests.size();
         list_ += poLine(options_.name, file, time(nullptr));
         ++listed_;
@@ -79,15 +78,14 @@ class Run {
     }
 
     void send() {
-        if (listed_ == 0 || code_ != tool::kExitOk) return;
+        if (listed_ == 0) return;
         progress_.clear();
         {
             const Stopwatch server(result_.serverSeconds);
-            code_ = session_.attempt(std::to_string(listed_) + " files", [&](MBSession* session) {
+            session_.attempt(std::to_string(listed_) + " files", [&](MBSession* session) {
                 return MBPOAddList(session, options_.name.dataselection, list_.c_str());
             });
         }
-        if (code_ != tool::kExitOk) return;
         result_.recorded += listed_;
         {
             const Stopwatch cache(result_.cacheSeconds);
@@ -97,8 +95,6 @@ class Run {
         newDigests_.clear();
         listed_ = 0;
     }
-
-    int code() const { return code_; }
 
   private:
     static Digest digestOf(const std::vector<Digest>& digests) {
@@ -137,69 +133,67 @@ class Run {
 
     const BackupOptions& options_;
     uint32_t type_;
-    pool::Session& session_;
+    tool::Session& session_;
     BackupCache& cache_;
     Progress& progress_;
     BackupResult& result_;
     std::string list_;
-    std::set<Digest> newDigests_;  ///< of the files in the list; the cache does not know them yet
+    std::set<Digest> newDigests_;  ///< of the files in the list, not confirmed yet
     uint32_t listed_ = 0;
-    int code_ = tool::kExitOk;
 };
 
+/// Backs up the files until all are done, a signal arrives, or the server fails (Failure).
 void walk(const BackupOptions& options, Segmenter& segmenter, Progress& progress, Run& run,
           BackupResult& result) {
     const auto skip = [&](const std::string& path, const std::string& problem) {
         ++result.skipped;
-        progress.message(std::string(pool::kProgram) + ": " + tool::printable(path) + ": " +
-                         problem);
+        progress.complain(tool::printable(path) + ": " + problem);
     };
-    const auto goesOn = [&] { return run.code() == tool::kExitOk && interrupted == 0; };
     const auto file = [&](const std::string& path, uint64_t) {
-        if (!goesOn()) return;
+        if (interrupted != 0) return;
         FileRecord record;
         std::vector<Digest> digests;
         std::vector<size_t> lengths;
         record.path = std::filesystem::absolute(path).lexically_normal();
-        if (lstat(path.c_str(), &record.status) != 0) return skip(path, strerror(errno));
-        const std::string problem =
-            segmenter.cutFile(path, [&](const Digest& digest, size_t length) {
+        std::optional<std::string> problem;
+        if (lstat(path.c_str(), &record.status) != 0) {
+            problem = strerror(errno);
+        } else {
+            problem = segmenter.cutFile(path, [&](const Digest& digest, size_t length) {
                 digests.push_back(digest);
                 lengths.push_back(length);
                 progress.advance(length);
             });
-        if (!problem.empty()) return skip(path, problem);
+        }
+        if (problem) return skip(path, *problem);
         run.addFile(std::move(record), digests, lengths);
     };
     walkFiles(options.paths, options.oneFileSystem,
               {file, [&](const std::string& path, const std::string& problem) {
-                   if (goesOn()) skip(path, problem);
+                   if (interrupted == 0) skip(path, problem);
                }});
     run.send();
 }
 
-/// The image's record, its retention, and whether the server knows as many files as were sent.
-int finish(const BackupOptions& options, pool::Session& session, BackupResult& result) {
+/// Records the image and its retention, and checks that the server knows as many files as were
+/// sent.
+void finish(const BackupOptions& options, tool::Session& session, BackupResult& result) {
     const Stopwatch server(result.serverSeconds);
     const ImageName& n = options.name;
-    int code = session.attemptEvent("image " + n.image, [&](MBSession* s) {
+    session.attemptEvent("image " + n.image, [&](MBSession* s) {
         return MBSetLastImageV2(s, n.dataselection, n.client.c_str(), n.policy.c_str(), 0,
                                 static_cast<uint64_t>(time(nullptr)), n.image.c_str(), 0);
     });
-    if (code == tool::kExitOk && options.retention != 0) {
-        code = session.attemptEvent("retention", [&](MBSession* s) {
+    if (options.retention != 0) {
+        session.attemptEvent("retention", [&](MBSession* s) {
             return MBSetImageRetention(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
                                        n.image.c_str(), 0, 0, options.retention);
         });
     }
-    if (code == tool::kExitOk) code = countFiles(n, session, result.found);
-    if (code == tool::kExitOk && result.found < result.recorded) {
-        tool::complain(pool::kProgram, "the server knows of " + std::to_string(result.found) +
-                                           " files only; " + std::to_string(result.recorded) +
-                                           " were recorded");
-        return tool::kExitFailed;
-    }
-    return code;
+    result.found = countFiles(n, session);
+    if (result.found >= result.recorded) return;
+    throw tool::Failure("the server knows of " + std::to_string(result.found) + " files only; " +
+                        std::to_string(result.recorded) + " were recorded");
 }
 
 uint64_t totalSize(const BackupOptions& options, uint64_t& segments) {
@@ -213,63 +207,53 @@ uint64_t totalSize(const BackupOptions& options, uint64_t& segments) {
     return bytes;
 }
 
-int exitCode(const BackupResult& result, int code) {
-    if (code != tool::kExitOk) return code;
+ExitCode exitCode(const BackupResult& result, ExitCode code) {
+    if (code != ExitCode::kOk) return code;
     const bool whole = !result.interrupted && result.skipped == 0;
-    return whole ? tool::kExitOk : tool::kExitPartial;
+    return whole ? ExitCode::kOk : ExitCode::kPartial;
 }
 
 }  // namespace
 
-int backup(const BackupOptions& options) {
-    if (!pathsAreGood(options.paths)) return tool::kExitUsage;
-    const DigestKind& kind = *digestKind(options.digest);
-    Segmenter segmenter(kind, options.segmentSize);
-    pool::Session session(options.session);
-    if (session.code() != tool::kExitOk) return session.code();
+ExitCode backup(const BackupOptions& options) {
+    if (const ExitCode code = checkPaths(options.paths); code != ExitCode::kOk) return code;
+    tool::Session session(options.session);
     signal(SIGINT, onSignal);
     signal(SIGTERM, onSignal);
 
     uint64_t segments = 0;
     const uint64_t bytes = totalSize(options, segments);
-    BackupCache cache(options, segments);
-    if (cache.get() == nullptr || !segmenter.problem().empty()) {
-        tool::complain(pool::kProgram,
-                       cache.get() == nullptr ? "no cache could be made" : segmenter.problem());
-        return tool::kExitFailed;
-    }
-    const std::string unread = cache.load();
-    if (!unread.empty()) {
-        tool::complain(pool::kProgram, "note: " + options.cacheFile + " is not used: " + unread);
+    BackupCache cache(options.cacheFile, uint64_t{options.limit} << 20, segments);
+    const DigestKind& kind = *digestKind(options.digest);
+    Segmenter segmenter(kind, options.segmentSize);
+    if (const auto problem = cache.load()) {
+        tool::complain("note: " + options.cacheFile + " is not used: " + *problem);
     }
 
     BackupResult result;
-    int code = tool::kExitOk;
+    tool::Steps steps;
     const auto start = std::chrono::steady_clock::now();
     {
         Progress progress(bytes, /*takesMessages=*/false);
         Run run(options, kind.fingerprintType, session, cache, progress, result);
-        walk(options, segmenter, progress, run, result);
-        code = run.code();
+        steps.run([&] { walk(options, segmenter, progress, run, result); });
     }
     result.interrupted = interrupted != 0;
-    if (code == tool::kExitOk && !result.interrupted) code = finish(options, session, result);
-    std::string unsaved;
-    {
+    if (steps.allDone() && !result.interrupted) {
+        steps.run([&] { finish(options, session, result); });
+    }
+    // After a failure too: the cache has the fingerprints of all lists that were confirmed.
+    steps.run([&] {
         const Stopwatch watch(result.cacheSeconds);
-        unsaved = cache.save(code == tool::kExitOk && !result.interrupted);
-    }
-    if (!unsaved.empty()) {
-        tool::complain(pool::kProgram, options.cacheFile + ": " + unsaved);
-        code = std::max(code, int{tool::kExitFailed});
-    }
+        cache.save(steps.allDone() && !result.interrupted);
+    });
     KSCacheStatsRecord stats{};
     KSCacheStats(cache.get(), &stats);
     result.cached = stats.cachedItems;
     const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
     result.seconds = spent.count();
     printBackup(options, result);
-    return exitCode(result, code);
+    return exitCode(result, steps.code());
 }
 
 }  // namespace agent

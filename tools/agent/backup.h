@@ -1,5 +1,5 @@
-// kspool-agent backup: files are fingerprinted, the cache tells what is new, the pool's server is
-// told of each file by one PO.
+// kspool-agent backup: fingerprints files, asks the cache which segments are new, and records each
+// file by one PO on the pool's server.
 #ifndef TOOLS_AGENT_BACKUP_H
 #define TOOLS_AGENT_BACKUP_H
 
@@ -7,23 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/agent/image.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/session.h"
 
 namespace agent {
 
-/// What names a backup on the server.
-struct ImageName {
-    uint32_t dataselection = 1;
-    std::string client;
-    std::string policy = "default";
-    std::string image;
-};
-
-/// The name of this machine.
-std::string thisHost();
-
 struct BackupOptions {
-    pool::SessionOptions session;
+    tool::SessionOptions session;
     ImageName name;
     std::vector<std::string> paths;
     std::string cacheFile;  ///< empty: the cache is made for this run and forgotten
@@ -36,39 +27,10 @@ struct BackupOptions {
     bool json = false;
 };
 
-struct BackupResult {
-    uint64_t files = 0;     ///< read to their ends
-    uint64_t recorded = 0;  ///< of these, confirmed by the server
-    uint64_t skipped = 0;   ///< files and folders that could not be read, or not wholly
-    uint64_t bytes = 0;
-    uint64_t segments = 0;
-    uint64_t newSegments = 0;
-    uint64_t newBytes = 0;
-    uint64_t found = 0;  ///< POs of the image on the server, afterwards
-    uint64_t cached = 0;
-    bool interrupted = false;
-    double seconds = 0;
-    double cacheSeconds = 0;   ///< of these, in the cache
-    double serverSeconds = 0;  ///< and waiting for the server
-};
-
-/// Backs up and reports; returns the program's exit code.
-int backup(const BackupOptions& options);
-
-void printBackup(const BackupOptions& options, const BackupResult& result);
-
-struct QueryOptions {
-    pool::SessionOptions session;
-    ImageName name;
-    std::string pattern = "*";  ///< of file names
-    bool json = false;
-};
-
-/// Lists what the server knows of; kExitNothing when that is nothing.
-int find(const QueryOptions& options);
-
-/// Expires the POs of an image and deletes its record.
-int expire(const QueryOptions& options);
+/// Backs up and reports: kOk, or kPartial when files were skipped or the run was interrupted; the
+/// code of a failure, which has then been reported, after a run that ended early. Throws Failure
+/// when no file was backed up at all.
+tool::ExitCode backup(const BackupOptions& options);
 
 }  // namespace agent
 

@@ -1,7 +1,8 @@
+#include "tools/agent/backup_report.h"
+
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "tools/agent/backup.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 

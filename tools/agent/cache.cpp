@@ -2,20 +2,23 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "platform/status.h"
+#include "tools/shared/failure.h"
+#include "tools/shared/replacement.h"
 
 namespace agent {
 namespace {
 
-/// A page for a 200th of the segments, and at least a dozen within the limit.
-uint32_t areaFor(uint64_t segments, uint64_t limit) {
-    constexpr uint64_t kSmallest = 1024, kPages = 12, kNodeSize = sizeof(KSCacheNode);
-    return static_cast<uint32_t>(
-        std::max(kSmallest, std::min(segments / 200, limit / kNodeSize / kPages)));
+constexpr uint64_t kFewestPages = 12;
+
+/// Slots of a page, so that the limit has room for a dozen pages: memory is counted in whole pages.
+uint64_t mostSlots(uint64_t limit) {
+    return limit / sizeof(KSCacheNode) / kFewestPages;
 }
 
-/// Deletes the entries that `drops` tells.
+/// Deletes the entries for which `drops` returns true.
 template <typename Drops>
 void drop(KSCache* cache, Drops drops) {
     const auto visit = [](KSCache* walked, KSCacheNode* node, uint64_t, int, void* which) {
@@ -28,16 +31,18 @@ void drop(KSCache* cache, Drops drops) {
 
 }  // namespace
 
-BackupCache::BackupCache(const BackupOptions& options, uint64_t segments)
-    : path_(options.cacheFile), limit_(uint64_t{options.limit} << 20) {
-    const uint32_t bits = KSCacheBitsFor(std::max<uint64_t>(segments, 1));
-    cache_.reset(KSCacheCreate(areaFor(segments, limit_), bits, 0, nullptr, nullptr));
+BackupCache::BackupCache(std::string path, uint64_t limit, uint64_t segments)
+    : path_(std::move(path)), limit_(limit) {
+    const tool::CacheSettings settings = tool::settingsFor(segments, mostSlots(limit));
+    cache_.reset(KSCacheCreate(settings.areaSize, settings.bits, 0, nullptr, nullptr));
+    if (cache_ == nullptr) throw tool::Failure("no cache could be made");
 }
 
-std::string BackupCache::load() {
+std::optional<std::string> BackupCache::load() {
     if (path_.empty() || !std::filesystem::exists(path_)) return {};
     const uint32_t status = KSCacheLoad(cache_.get(), path_.c_str(), nullptr);
-    return status == CR_STATUS_OK ? "" : CRStatusToStringA(status);
+    if (status != CR_STATUS_OK) return CRStatusToStringA(status);
+    return {};
 }
 
 void BackupCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) {
@@ -45,30 +50,33 @@ void BackupCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) 
     const size_t count = std::min<size_t>(keys.size(), room());
     full_ = full_ || count < keys.size();
     KSCacheAddBatch(cache_.get(), keys.data(), values.data(), nullptr, count, nullptr);
-    // Counted once more than what was only loaded.
+    // Raises the counts above those of entries that were only loaded.
     KSCacheExistsBatch(cache_.get(), keys.data(), count, nullptr, nullptr);
 }
 
-std::string BackupCache::save(bool sawAll) {
-    if (path_.empty()) return {};
+void BackupCache::save(bool sawAll) {
+    if (path_.empty()) return;
     if (full_ || stats().cacheSize > limit_) makeRoom(sawAll);
     const std::string fresh = path_ + ".new";
     uint64_t count = 0;
     const uint32_t status = KSCacheSave(cache_.get(), fresh.c_str(), &count);
-    if (status != CR_STATUS_OK) return CRStatusToStringA(status);
+    if (status != CR_STATUS_OK) fail(CRStatusToStringA(status));
+    tool::Replacement replacement(path_, fresh);
+    if (count == 0) {  // KSCacheSave() leaves no file of an empty cache
+        if (const auto problem = replacement.removeTarget()) fail(*problem);
+        return;
+    }
+    // KSCacheSave() does not report write errors, as those of a full disk.
     std::error_code error;
-    if (count == 0) {  // there is no file of nothing
-        std::filesystem::remove(path_, error);
-        return error ? error.message() : "";
-    }
-    // A save does not tell of a full disk.
     const uint64_t length = std::filesystem::file_size(fresh, error);
-    if (!error && length < count * tool::kRecordSize) {
-        std::filesystem::remove(fresh, error);
-        return "the new cache could not be written as a whole; the old one is kept";
-    }
-    if (!error) std::filesystem::rename(fresh, path_, error);
-    return error ? error.message() : "";
+    if (error) fail(error.message());
+    if (length < count * tool::kRecordSize)
+        fail("the new cache could not be written as a whole; the old one is kept");
+    if (const auto problem = replacement.place()) fail(*problem);
+}
+
+void BackupCache::fail(const std::string& why) const {
+    throw tool::Failure(path_ + ": " + why);
 }
 
 KSCacheStatsRecord BackupCache::stats() const {
@@ -77,7 +85,7 @@ KSCacheStatsRecord BackupCache::stats() const {
     return stats;
 }
 
-/// Entries that can be added without a page too many.
+/// Entries that can be added before a page exceeds the limit.
 uint64_t BackupCache::room() const {
     const KSCacheStatsRecord s = stats();
     const uint64_t page = uint64_t{s.areaSize} * s.nodeSize;
@@ -85,8 +93,8 @@ uint64_t BackupCache::room() const {
     return s.freeListCount + s.nodesAvailable + pages * (s.areaSize - 1);
 }
 
-/// Drops what a whole run did not come across; then anything, should the limit be lower than it
-/// was.
+/// Drops the entries that a whole run did not meet; then any entries, in case the limit is lower
+/// than in the run before.
 void BackupCache::makeRoom(bool sawAll) {
     if (sawAll) drop(cache_.get(), [](const KSCacheNode& node) { return node.refCount == 1; });
     const uint64_t fit = limit_ / stats().nodeSize, items = stats().cachedItems;

@@ -1,43 +1,57 @@
 // The fingerprint cache of backups: kept in a file between two runs, and under a limit.
+//
+// Thread rule: one thread at a time per cache, as for KSCache.
+// Invariants:
+//  1. A fingerprint is in the cache only after the server has confirmed a file that has the
+//  segment.
+//     Otherwise a lost request would leave segments that are known here and recorded nowhere.
+//  2. Entries that were loaded and not met in this run have reference count 1; entries that were
+//     met or added have more. makeRoom() tells them apart by that.
+//  3. The file at the path is a whole cache at any time: the new one is complete before it takes
+//     the name of the old one.
+//
+// A full cache takes no more entries, and makes room at the end of the run by dropping entries that
+// the run did not meet. KSCacheCheck() would not do: backups read all data in turn, and cyclic
+// scans larger than the limit defeat count-based eviction, since every entry has the same count.
 #ifndef TOOLS_AGENT_CACHE_H
 #define TOOLS_AGENT_CACHE_H
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kscache.h"
-#include "tools/agent/backup.h"
 #include "tools/shared/cache.h"
 
 namespace agent {
 
-/// Data that come round as a whole are of no use to a cache that drops by reference counts when
-/// they do not fit: all of them are asked for equally often. So a full cache takes nothing more,
-/// and makes room at the end by dropping what this run did not come across.
 class BackupCache {
   public:
-    BackupCache(const BackupOptions& options, uint64_t segments);
+    /// For the cache file `path` (empty: none) and a limit in bytes. Throws Failure.
+    BackupCache(std::string path, uint64_t limit, uint64_t segments);
 
     KSCache* get() { return cache_.get(); }
 
-    /// Empty, or why it was not loaded: the cache is as it was, then.
-    std::string load();
+    /// Loads the file, if there is one. Returns why it was not loaded: the cache is then empty.
+    std::optional<std::string> load();
 
-    /// Adds what was recorded. What finds no room, or no memory, is new once more the next time.
+    /// Adds fingerprints of confirmed files. An entry without room, or memory, is left out: its
+    /// segment counts as new in the next run.
     void remember(const std::vector<KSCacheKey>& keys, uint64_t value);
 
-    /// Beside the old file, which is replaced when the new one is whole; `sawAll` tells that the
-    /// run came to its end. Empty, or what went wrong.
-    std::string save(bool sawAll);
+    /// Saves into the file, under the limit. `sawAll`: the run met all of its data. Throws Failure.
+    void save(bool sawAll);
 
   private:
     KSCacheStatsRecord stats() const;
     uint64_t room() const;
     void makeRoom(bool sawAll);
+    [[noreturn]] void fail(const std::string& why) const;
 
     std::string path_;
     uint64_t limit_;     ///< bytes
-    bool full_ = false;  ///< something found no room
+    bool full_ = false;  ///< an entry was left out
     tool::CachePointer cache_;
 };
 

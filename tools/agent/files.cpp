@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "tools/shared/text.h"
 
@@ -55,8 +56,8 @@ void visitEntry(FTS* tree, FTSENT& entry, const FileVisitor& visitor) {
     }
 }
 
-/// What is wrong with a path, or nothing.
-std::string pathProblem(const std::string& path) {
+/// Why a path cannot be walked.
+std::optional<std::string> pathProblem(const std::string& path) {
     struct stat status {};
     if (path.empty()) return "an empty path names nothing";
     if (lstat(path.c_str(), &status) != 0) return strerror(errno);
@@ -88,15 +89,17 @@ void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
     }
 }
 
-bool pathsAreGood(const std::vector<std::string>& paths) {
-    bool good = true;
+tool::ExitCode checkPaths(const std::vector<std::string>& paths) {
+    tool::Steps steps;
     for (const std::string& path : paths) {
-        const std::string problem = pathProblem(path);
-        if (problem.empty()) continue;
-        tool::complain("kspool-agent", tool::printable(path) + ": " + problem);
-        good = false;
+        steps.run([&] {
+            if (const auto problem = pathProblem(path)) {
+                throw tool::Failure(tool::ExitCode::kUsage,
+                                    tool::printable(path) + ": " + *problem);
+            }
+        });
     }
-    return good;
+    return steps.code();
 }
 
 }  // namespace agent

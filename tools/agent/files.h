@@ -7,9 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "tools/shared/failure.h"
+
 namespace agent {
 
-/// What a walk meets: a regular file with its size, or a problem with its text.
+/// Told of each regular file with its size, and of each problem.
 struct FileVisitor {
     std::function<void(const std::string& path, uint64_t size)> file;
     std::function<void(const std::string& path, const std::string& problem)> problem;
@@ -21,8 +23,9 @@ struct FileVisitor {
 void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
                const FileVisitor& visitor);
 
-/// Whether all paths that a user named can be walked; complains of those that cannot.
-bool pathsAreGood(const std::vector<std::string>& paths);
+/// kOk when all paths that a user named can be walked, else kUsage: each of the others has then
+/// been complained of.
+tool::ExitCode checkPaths(const std::vector<std::string>& paths);
 
 }  // namespace agent
 

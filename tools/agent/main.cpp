@@ -4,18 +4,19 @@
 #include <memory>
 
 #include "tools/agent/backup.h"
+#include "tools/agent/image.h"
+#include "tools/agent/query.h"
 #include "tools/agent/scan.h"
 #include "tools/agent/segments.h"
+#include "tools/shared/cache.h"
 #include "tools/shared/program.h"
 #include "tools/shared/session_options.h"
-#include "tools/shared/text.h"
 
 namespace {
 
 constexpr uint64_t kSmallestSegment = 512;
 constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
 constexpr size_t kLongestName = 255;
-constexpr uint32_t kLargestArea = 59'652'323;
 
 constexpr char kScanFooter[] =
     "Symbolic links are not followed; a file with two links or paths is read twice. Sizes take\n"
@@ -23,11 +24,10 @@ constexpr char kScanFooter[] =
     "Exit code: 0 all scanned; 1 failed; 2 bad options or paths; 3 scanned, but some files\n"
     "or folders could not be read, or some fingerprints found no memory.";
 
-void addScan(CLI::App& app, int& code) {
+void addScan(CLI::App& app, tool::ExitCode& code) {
     const auto kept = std::make_shared<agent::ScanOptions>();
     agent::ScanOptions& options = *kept;
-    CLI::App* scan =
-        app.add_subcommand("scan", "Show how much of some trees is the same data twice");
+    CLI::App* scan = app.add_subcommand("scan", "Show how much data of some trees is repeated");
     scan->add_option("PATH", options.paths, "Files and folders to scan")->required();
     scan->add_option("--segment", options.segmentSize, "Segment size")
         ->transform(CLI::AsSizeValue(false))
@@ -37,9 +37,9 @@ void addScan(CLI::App& app, int& code) {
         ->check(CLI::IsMember(agent::digestNames()))
         ->capture_default_str();
     scan->add_option("--bits", options.bits, "The cache gets 2^BITS roots [from the data]")
-        ->check(CLI::Range(1U, 29U));
+        ->check(CLI::Range(1U, tool::kLargestBits));
     scan->add_option("--area", options.areaSize, "Slots per cache page [from the data]")
-        ->check(CLI::Range(1U, kLargestArea));
+        ->check(CLI::Range(1U, tool::kLargestArea));
     scan->add_flag("--lock", options.lock, "Lock the cache's pages into memory");
     scan->add_flag("-x,--one-file-system", options.oneFileSystem,
                    "Do not enter other file systems");
@@ -57,8 +57,8 @@ constexpr char kBackupFooter[] =
     "was\n"
     "interrupted; 10 nothing found; 12 permission denied; 13 no answer from the server.";
 
-/// A name as a field of a PO holds it. One that a pattern could be would stand for others as well,
-/// which is for finding only.
+/// A name as a field of a PO holds it. Patterns are for finding only: with one, expire would match
+/// other images as well.
 CLI::Validator nameText(bool pattern) {
     const std::string excluded = pattern ? "|%" : "|%*?";
     return {[=](std::string& text) -> std::string {
@@ -73,7 +73,7 @@ CLI::Validator nameText(bool pattern) {
             ""};
 }
 
-/// Adds what names an image, and returns the option for the image itself.
+/// Adds the options that name an image, and returns that for the image itself.
 CLI::Option* addImageName(CLI::App& command, agent::ImageName& name, bool patterns) {
     name.client = agent::thisHost();
     command.add_option("--ds", name.dataselection, "Data selection")->capture_default_str();
@@ -85,12 +85,12 @@ CLI::Option* addImageName(CLI::App& command, agent::ImageName& name, bool patter
         ->check(nameText(patterns));
 }
 
-void addBackup(CLI::App& app, int& code) {
+void addBackup(CLI::App& app, tool::ExitCode& code) {
     const auto kept = std::make_shared<agent::BackupOptions>();
     agent::BackupOptions& options = *kept;
     CLI::App* command = app.add_subcommand("backup", "Record files on the pool's server");
     command->add_option("PATH", options.paths, "Files and folders to back up")->required();
-    pool::addSessionOptions(*command, options.session);
+    tool::addSessionOptions(*command, options.session);
     addImageName(*command, options.name, false)->required();
     command->add_option("--cache", options.cacheFile, "File of the fingerprint cache [none]");
     command->add_option("--limit", options.limit, "Memory limit of the cache, MiB")
@@ -111,11 +111,11 @@ void addBackup(CLI::App& app, int& code) {
     command->callback([kept, &code] { code = agent::backup(*kept); });
 }
 
-void addQueries(CLI::App& app, int& code) {
+void addQueries(CLI::App& app, tool::ExitCode& code) {
     constexpr struct {
         const char* name;
         const char* description;
-        int (*run)(const agent::QueryOptions&);
+        tool::ExitCode (*run)(const agent::QueryOptions&);
         bool finds;
     } kQueries[] = {
         {"find", "List the files that are recorded", agent::find, true},
@@ -124,7 +124,7 @@ void addQueries(CLI::App& app, int& code) {
     for (const auto& row : kQueries) {
         const auto kept = std::make_shared<agent::QueryOptions>();
         CLI::App* command = app.add_subcommand(row.name, row.description);
-        pool::addSessionOptions(*command, kept->session);
+        tool::addSessionOptions(*command, kept->session);
         CLI::Option* image = addImageName(*command, kept->name, row.finds);
         if (row.finds) {
             command->add_option("NAME", kept->pattern, "Pattern of file names [*]");
@@ -137,7 +137,7 @@ void addQueries(CLI::App& app, int& code) {
     }
 }
 
-void addCommands(CLI::App& app, int& code) {
+void addCommands(CLI::App& app, tool::ExitCode& code) {
     addScan(app, code);
     addBackup(app, code);
     addQueries(app, code);
@@ -145,13 +145,11 @@ void addCommands(CLI::App& app, int& code) {
 
 }  // namespace
 
-const char* const pool::kProgram = "kspool-agent";
-
 int main(int argc, char** argv) {
     return tool::runProgram(
         {.name = "kspool-agent",
          .description = "Backup agent of a storage pool that knows data by its fingerprints.",
-         .failed = tool::kExitFailed,
+         .failed = tool::ExitCode::kFailed,
          .addCommands = addCommands},
         argc, argv);
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "platform/support.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/text.h"
 
 namespace agent {
@@ -39,9 +40,9 @@ void Progress::advance(uint64_t bytes) {
     draw(now);
 }
 
-void Progress::message(const std::string& line) {
+void Progress::complain(const std::string& text) {
     clear();
-    fprintf(stderr, "%s\n", line.c_str());
+    tool::complain(text);
 }
 
 void Progress::receive(uint32_t level, uint32_t status, const char* text, void* progress) {

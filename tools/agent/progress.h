@@ -1,4 +1,10 @@
-// A progress bar on stderr that gets out of the way of messages.
+// A progress bar on stderr, which makes room for messages.
+//
+// Thread rule: one thread, which also makes the calls that the library reports on.
+// Invariants:
+//  1. drawn_ tells whether the bar is on the terminal's line. Whoever writes to stderr clears it
+//     first; otherwise the text would land inside the bar.
+//  2. Nothing is drawn unless stderr is a terminal: a file of messages has no bars in it.
 #ifndef TOOLS_AGENT_PROGRESS_H
 #define TOOLS_AGENT_PROGRESS_H
 
@@ -8,11 +14,10 @@
 
 namespace agent {
 
-/// Draws only when stderr is a terminal. While it lives, the library's messages may come through
-/// it, so that they do not land inside the bar.
 class Progress {
   public:
-    /// `takesMessages`: unless somebody else listens to the library.
+    /// `takesMessages`: the library's messages come through here. The library has one sink, so a
+    /// program that has a Session, which takes them, passes false.
     explicit Progress(uint64_t totalBytes, bool takesMessages = true);
     ~Progress();
     Progress(const Progress&) = delete;
@@ -21,10 +26,10 @@ class Progress {
     /// Moves the bar; drawn a few times a second at most.
     void advance(uint64_t bytes);
 
-    /// Writes a line on stderr.
-    void message(const std::string& line);
+    /// tool::complain(), beside the bar.
+    void complain(const std::string& text);
 
-    /// Takes the bar away until it is drawn again.
+    /// Removes the bar until advance() draws it again.
     void clear();
 
   private:

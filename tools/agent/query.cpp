@@ -1,18 +1,18 @@
-// kspool-agent find and expire: what the server knows of a client's files.
-#include <unistd.h>
+#include "tools/agent/query.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
 #include <nlohmann/json.hpp>
 
-#include "tools/agent/backup.h"
+#include "common/owned.h"
 #include "tools/agent/record.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
 namespace agent {
 namespace {
+
+using tool::ExitCode;
 
 /// A filter and the texts that it points to.
 struct Filter {
@@ -33,22 +33,28 @@ struct Filter {
     }
 };
 
-/// The whole answer to a query, empty when nothing was found.
-int query(pool::Session& session, const ImageName& name, const std::string& pattern,
-          std::string& answer, uint32_t& count) {
+struct Answer {
+    std::string text;  ///< empty when nothing was found
+    uint32_t count = 0;
+};
+
+Answer query(tool::Session& session, const ImageName& name, const std::string& pattern) {
     const Filter filter(name, pattern);
-    char* text = nullptr;
-    count = 0;
+    Answer answer;
+    kspool::OwnedText text;
     MBSetRetryCount(0);
-    const int code = session.attemptQuery(name.dataselection, [&](MBSession* s) {
-        return MBPOFind(s, name.dataselection, &filter.criteria, &text, nullptr, &count);
+    session.attemptQuery(name.dataselection, [&](MBSession* s) {
+        char* received = nullptr;
+        const uint32_t status =
+            MBPOFind(s, name.dataselection, &filter.criteria, &received, nullptr, &answer.count);
+        text.reset(received);
+        return status;
     });
-    const tool::LibraryText owned(text);
-    answer = text != nullptr ? text : "";
-    return code;
+    if (text != nullptr) answer.text = text.get();
+    return answer;
 }
 
-/// Where the POs of an answer begin: behind its three lines.
+/// The offset of the POs in an answer, which begins with three lines: names, types, number.
 size_t firstPO(const std::string& answer) {
     size_t at = 0;
     for (int line = 0; line < 3 && at != std::string::npos; ++line)
@@ -60,7 +66,7 @@ template <typename Visit>
 void eachPO(const std::string& answer, Visit visit) {
     for (size_t at = firstPO(answer); at < answer.size();) {
         const size_t end = std::min(answer.find('\n', at), answer.size());
-        visit(fieldsOf(answer.substr(at, end - at)));
+        visit(tool::fieldsOf(std::string_view(answer).substr(at, end - at)));
         at = end + 1;
     }
 }
@@ -72,13 +78,14 @@ struct Row {
 };
 
 Row rowOf(const std::vector<std::string>& fields) {
-    const auto field = [&](uint32_t number) {
+    const auto field = [&](POField which) {
+        const auto number = static_cast<uint32_t>(which);
         return fields.size() >= number ? fields[number - 1] : std::string();
     };
-    const std::string folder = plainText(field(kFolderField));
-    return {(folder == "/" ? "" : folder) + "/" + plainText(field(kNameField)),
-            plainText(field(kImageField)), strtoull(field(kSizeField).c_str(), nullptr, 10),
-            strtoll(field(kMtimeField).c_str(), nullptr, 10)};
+    const std::string folder = plainText(field(POField::kFolder));
+    return {(folder == "/" ? "" : folder) + "/" + plainText(field(POField::kName)),
+            plainText(field(POField::kImage)), strtoull(field(POField::kSize).c_str(), nullptr, 10),
+            strtoll(field(POField::kMtime).c_str(), nullptr, 10)};
 }
 
 void printRows(const QueryOptions& options, const std::string& answer) {
@@ -101,53 +108,40 @@ void printRows(const QueryOptions& options, const std::string& answer) {
 
 }  // namespace
 
-std::string thisHost() {
-    char name[256] = "";
-    return gethostname(name, sizeof name - 1) == 0 && *name != '\0' ? name : "localhost";
+uint64_t countFiles(const ImageName& name, tool::Session& session) {
+    return query(session, name, "*").count;
 }
 
-int countFiles(const ImageName& name, pool::Session& session, uint64_t& count) {
-    std::string answer;
-    uint32_t found = 0;
-    const int code = query(session, name, "*", answer, found);
-    count = found;
-    return code;
+ExitCode find(const QueryOptions& options) {
+    tool::Session session(options.session);
+    const Answer answer = query(session, options.name, options.pattern);
+    printRows(options, answer.text);
+    return answer.count > 0 ? ExitCode::kOk : ExitCode::kNothing;
 }
 
-int find(const QueryOptions& options) {
-    pool::Session session(options.session);
-    if (session.code() != tool::kExitOk) return session.code();
-    std::string answer;
-    uint32_t count = 0;
-    const int code = query(session, options.name, options.pattern, answer, count);
-    if (code != tool::kExitOk) return code;
-    printRows(options, answer);
-    return count > 0 ? tool::kExitOk : tool::kExitNothing;
-}
-
-int expire(const QueryOptions& options) {
+ExitCode expire(const QueryOptions& options) {
     const ImageName& n = options.name;
-    pool::Session session(options.session);
-    if (session.code() != tool::kExitOk) return session.code();
-    std::string answer;
-    uint32_t count = 0;
-    int code = query(session, n, "*", answer, count);
-    if (code == tool::kExitOk && count > 0) {
-        code = session.attempt("expire", [&](MBSession* s) {
-            return MBPOExpire(s, n.dataselection, answer.c_str() + firstPO(answer));
+    tool::Session session(options.session);
+    const Answer answer = query(session, n, "*");
+    if (answer.count > 0) {
+        session.attempt("expire", [&](MBSession* s) {
+            return MBPOExpire(s, n.dataselection, answer.text.c_str() + firstPO(answer.text));
         });
     }
-    if (code != tool::kExitOk) return code;
-    code = session.attemptEvent("image " + n.image, [&](MBSession* s) {
-        return MBDeleteImage(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
-                             n.image.c_str(), 0);
+    // The files are expired whether or not their image has a record.
+    tool::Steps steps;
+    steps.run([&] {
+        session.attemptEvent("image " + n.image, [&](MBSession* s) {
+            return MBDeleteImage(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
+                                 n.image.c_str(), 0);
+        });
     });
     if (options.json) {
-        tool::printJson({{"expired", count}}, 2);
+        tool::printJson({{"expired", answer.count}}, 2);
     } else {
-        printf("%s files expired\n", tool::humanCount(count).c_str());
+        printf("%s files expired\n", tool::humanCount(answer.count).c_str());
     }
-    return code;
+    return steps.code();
 }
 
 }  // namespace agent

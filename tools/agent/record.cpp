@@ -1,6 +1,5 @@
 #include "tools/agent/record.h"
 
-#include <cctype>
 #include <cstdio>
 
 #include "platform/net.h"
@@ -61,18 +60,6 @@ std::string poLine(const ImageName& name, const FileRecord& file, int64_t now) {
     number(static_cast<int32_t>(s.st_mode));
     number(0);  // flags
     return line + "\n";
-}
-
-std::vector<std::string> fieldsOf(const std::string& line) {
-    std::vector<std::string> fields(1);
-    for (const char c : line) {
-        if (c == '|') {
-            fields.emplace_back();
-        } else {
-            fields.back() += c;
-        }
-    }
-    return fields;
 }
 
 }  // namespace agent

@@ -1,4 +1,4 @@
-// What the server is told of files: one PO each, in lists of bounded size.
+// The PO by which a file is recorded on the server.
 #ifndef TOOLS_AGENT_RECORD_H
 #define TOOLS_AGENT_RECORD_H
 
@@ -6,20 +6,18 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
-#include "tools/agent/backup.h"
-#include "tools/agent/segments.h"
+#include "tools/agent/image.h"
 
 namespace agent {
 
 /// Fields of a PO that the agent reads again; fields count from 1.
-enum POField : uint32_t {
-    kImageField = 8,
-    kFolderField = 9,
-    kNameField = 10,
-    kSizeField = 16,
-    kMtimeField = 17,
+enum class POField : uint32_t {
+    kImage = 8,
+    kFolder = 9,
+    kName = 10,
+    kSize = 16,
+    kMtime = 17,
 };
 
 /// One file that was read.
@@ -34,17 +32,11 @@ struct FileRecord {
 /// A text as a field may hold it: `|`, `%` and control characters as %XX.
 std::string fieldText(const std::string& text);
 
-/// The other way.
+/// Undoes fieldText().
 std::string plainText(std::string field);
 
 /// The line of a file, with its LF.
 std::string poLine(const ImageName& name, const FileRecord& file, int64_t now);
-
-/// The fields of a line.
-std::vector<std::string> fieldsOf(const std::string& line);
-
-/// How many POs of an image the server knows. Returns the exit code of the query.
-int countFiles(const ImageName& name, pool::Session& session, uint64_t& count);
 
 }  // namespace agent
 

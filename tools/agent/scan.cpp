@@ -1,25 +1,24 @@
 #include "tools/agent/scan.h"
 
-#include <algorithm>
-#include <bit>
 #include <chrono>
-#include <memory>
+#include <optional>
 
 #include "platform/status.h"
 #include "platform/support.h"
 #include "tools/agent/files.h"
 #include "tools/agent/progress.h"
+#include "tools/agent/scan_report.h"
+#include "tools/agent/segments.h"
 #include "tools/shared/cache.h"
 #include "tools/shared/text.h"
 
 namespace agent {
 namespace {
 
-constexpr char kProgram[] = "kspool-agent";
-
 using tool::CachePointer;
+using tool::ExitCode;
 
-/// Where a segment was met first: the value that the cache keeps with its fingerprint.
+/// The place where a segment was met first: the value that the cache keeps with its fingerprint.
 struct Location {
     uint32_t file;
     uint32_t segment;
@@ -28,7 +27,7 @@ struct Location {
     static uint32_t fileOf(uint64_t value) { return static_cast<uint32_t>(value >> 32); }
 };
 
-/// What is there to scan, by the sizes of the files.
+/// The amount to scan, by the sizes of the files before they are read.
 struct Survey {
     uint64_t bytes = 0;
     uint64_t segments = 0;
@@ -46,20 +45,17 @@ Survey survey(const ScanOptions& options) {
 }
 
 CachePointer makeCache(const ScanOptions& options, uint64_t segments) {
-    constexpr uint64_t kSmallestArea = 1024;
-    constexpr uint64_t kLargestArea = 1 << 20;
-    const auto log2RoundedUp =
-        static_cast<uint32_t>(std::bit_width(std::max<uint64_t>(segments, 1) - 1));
-    const uint32_t bits = std::clamp(log2RoundedUp, 4U, 29U);
-    const auto area =
-        static_cast<uint32_t>(std::clamp(segments / 200, kSmallestArea, kLargestArea));
-    return CachePointer(KSCacheCreate(options.areaSize != 0 ? options.areaSize : area,
-                                      options.bits != 0 ? options.bits : bits, options.lock ? 1 : 0,
-                                      nullptr, nullptr));
+    const tool::CacheSettings chosen = tool::settingsFor(segments);
+    CachePointer cache(KSCacheCreate(options.areaSize != 0 ? options.areaSize : chosen.areaSize,
+                                     options.bits != 0 ? options.bits : chosen.bits,
+                                     options.lock ? 1 : 0, nullptr, nullptr));
+    if (cache != nullptr) return cache;
+    throw tool::Failure(std::string("no cache could be made: ") +
+                        CRStatusToStringA(*__cr_errno_location()));
 }
 
-/// Collects fingerprints and takes them to the cache many at a time, so that the time spent there
-/// can be measured without slowing it down.
+/// Collects fingerprints and asks the cache many at a time: reading the clock around each single
+/// lookup would take longer than the lookup.
 class Feeder {
   public:
     Feeder(KSCache* cache, uint32_t fingerprintType, ScanResult& result)
@@ -113,22 +109,19 @@ void scanFiles(const ScanOptions& options, const DigestKind& kind, Segmenter& se
     Feeder feeder(cache, kind.fingerprintType, result);
     const auto skip = [&](const std::string& path, const std::string& problem) {
         ++result.skipped;
-        progress.message(std::string(kProgram) + ": " + tool::printable(path) + ": " + problem);
+        progress.complain(tool::printable(path) + ": " + problem);
     };
     uint32_t fileNumber = 0;
     const auto file = [&](const std::string& path, uint64_t) {
         Location location{fileNumber++, 0};
-        const std::string problem =
+        const std::optional<std::string> problem =
             segmenter.cutFile(path, [&](const Digest& digest, size_t length) {
                 feeder.add(digest, length, location);
                 ++location.segment;
                 progress.advance(length);
             });
-        if (problem.empty()) {
-            ++result.files;
-        } else {
-            skip(path, problem);
-        }
+        if (problem) return skip(path, *problem);
+        ++result.files;
     };
     walkFiles(options.paths, options.oneFileSystem, {file, skip});
     feeder.flush();
@@ -136,14 +129,10 @@ void scanFiles(const ScanOptions& options, const DigestKind& kind, Segmenter& se
 
 }  // namespace
 
-int scan(const ScanOptions& options) {
-    if (!pathsAreGood(options.paths)) return tool::kExitUsage;
+ExitCode scan(const ScanOptions& options) {
+    if (const ExitCode code = checkPaths(options.paths); code != ExitCode::kOk) return code;
     const DigestKind& kind = *digestKind(options.digest);
     Segmenter segmenter(kind, options.segmentSize);
-    if (!segmenter.problem().empty()) {
-        tool::complain(kProgram, segmenter.problem());
-        return tool::kExitFailed;
-    }
     const Survey found = survey(options);
     *__qlxlog_trace_location() = options.trace ? 1 : 0;
 
@@ -152,19 +141,14 @@ int scan(const ScanOptions& options) {
         Progress progress(found.bytes);
         const auto start = std::chrono::steady_clock::now();
         const CachePointer cache = makeCache(options, found.segments);
-        if (cache == nullptr) {
-            progress.message(std::string(kProgram) + ": no cache could be made: " +
-                             CRStatusToStringA(*__cr_errno_location()));
-            return tool::kExitFailed;
-        }
         scanFiles(options, kind, segmenter, cache.get(), progress, result);
         const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
         result.seconds = spent.count();
         KSCacheStats(cache.get(), &result.cache);
     }
     printScan(options, result);
-    return result.skipped == 0 && result.uncached.segments == 0 ? tool::kExitOk
-                                                                : tool::kExitPartial;
+    return result.skipped == 0 && result.uncached.segments == 0 ? ExitCode::kOk
+                                                                : ExitCode::kPartial;
 }
 
 }  // namespace agent

@@ -1,8 +1,8 @@
-// What a scan found, for people and for programs.
+#include "tools/agent/scan_report.h"
+
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "tools/agent/scan.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 

@@ -10,7 +10,9 @@
 #include <cstring>
 #include <iterator>
 
+#include "common/owned.h"
 #include "platform/status.h"
+#include "tools/shared/failure.h"
 
 namespace agent {
 namespace {
@@ -24,25 +26,19 @@ class File {
   public:
     explicit File(const std::string& path)
         : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY)) {}
-    ~File() {
-        if (fd_ >= 0) close(fd_);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
+    int fd() const { return fd_.get(); }
 
-    int fd() const { return fd_; }
-
-    /// It may have been replaced since the walk saw it.
+    /// Asked again, since the file may have been replaced after the walk met it.
     bool isRegular() const {
         struct stat status {};
-        return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode);
+        return fstat(fd(), &status) == 0 && S_ISREG(status.st_mode);
     }
 
     /// Fills the buffer up to the end of the file. Negative, with errno set, when reading fails.
     ssize_t fill(std::vector<unsigned char>& buffer) const {
         size_t length = 0;
         while (length < buffer.size()) {
-            const ssize_t got = read(fd_, buffer.data() + length, buffer.size() - length);
+            const ssize_t got = read(fd(), buffer.data() + length, buffer.size() - length);
             if (got < 0 && errno == EINTR) continue;
             if (got < 0) return got;
             if (got == 0) break;
@@ -52,7 +48,7 @@ class File {
     }
 
   private:
-    int fd_;
+    kspool::Descriptor fd_;
 };
 
 }  // namespace
@@ -84,7 +80,7 @@ Segmenter::Segmenter(const DigestKind& kind, size_t segmentSize)
     crypto_->algorithm.reset(EVP_MD_fetch(nullptr, kind.provided, nullptr));
     crypto_->context.reset(EVP_MD_CTX_new());
     if (crypto_->algorithm == nullptr || crypto_->context == nullptr) {
-        problem_ = std::string("the crypto library does not provide ") + kind.provided;
+        throw tool::Failure(std::string("the crypto library does not provide ") + kind.provided);
     }
 }
 
@@ -97,7 +93,7 @@ bool Segmenter::digestOf(size_t length, Digest& digest) {
            EVP_DigestFinal_ex(context, digest.data(), nullptr) == 1;
 }
 
-std::string Segmenter::cutFile(
+std::optional<std::string> Segmenter::cutFile(
     const std::string& path,
     const std::function<void(const Digest& digest, size_t length)>& segment) {
     const File file(path);

@@ -1,4 +1,7 @@
 // Cutting files into segments and fingerprinting them.
+//
+// Thread rule: a Segmenter has one buffer and one digest context, so it works for one thread, on
+// one file at a time.
 #ifndef TOOLS_AGENT_SEGMENTS_H
 #define TOOLS_AGENT_SEGMENTS_H
 
@@ -6,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +24,7 @@ struct DigestKind {
     uint32_t fingerprintType;
 };
 
-/// NULL when there is none of that name.
+/// NULL for an unknown name.
 const DigestKind* digestKind(const std::string& name);
 
 /// The names, for help and checks.
@@ -29,19 +33,18 @@ std::vector<std::string> digestNames();
 /// Fingerprints the segments of files, one file after the other.
 class Segmenter {
   public:
-    /// Segments are `segmentSize` bytes long, the last of a file may be shorter.
+    /// Segments are `segmentSize` bytes long; the last of a file may be shorter. Throws Failure
+    /// when the crypto library does not provide the algorithm.
     Segmenter(const DigestKind& kind, size_t segmentSize);
     ~Segmenter();
     Segmenter(const Segmenter&) = delete;
     Segmenter& operator=(const Segmenter&) = delete;
 
-    /// Empty when the algorithm can be used, else why not.
-    const std::string& problem() const { return problem_; }
-
-    /// Hands the digest and length of each segment over, in order. Returns empty, or what went
-    /// wrong: the segments before that point have then been handed over.
-    std::string cutFile(const std::string& path,
-                        const std::function<void(const Digest& digest, size_t length)>& segment);
+    /// Hands the digest and length of each segment over, in order. Returns the problem that kept
+    /// the file from being read to its end: the segments before have then been handed over.
+    std::optional<std::string> cutFile(
+        const std::string& path,
+        const std::function<void(const Digest& digest, size_t length)>& segment);
 
   private:
     struct Crypto;
@@ -50,7 +53,6 @@ class Segmenter {
 
     std::unique_ptr<Crypto> crypto_;
     std::vector<unsigned char> buffer_;
-    std::string problem_;
 };
 
 }  // namespace agent

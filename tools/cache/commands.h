@@ -1,4 +1,4 @@
-// The subcommands. Each returns the program's exit code.
+// The subcommands. Each returns the program's exit code, or throws tool::Failure.
 #ifndef TOOLS_CACHE_COMMANDS_H
 #define TOOLS_CACHE_COMMANDS_H
 
@@ -6,7 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "tools/shared/failure.h"
+
 namespace cache {
+
+using tool::ExitCode;
 
 struct Options {
     std::vector<std::string> files;
@@ -19,12 +23,12 @@ struct Options {
     bool json = false;
 };
 
-int stat(const Options& options);
-int verify(const Options& options);
-int dump(const Options& options);
-int diff(const Options& options);
-int shape(const Options& options);
-int shrink(const Options& options);
+ExitCode stat(const Options& options);
+ExitCode verify(const Options& options);
+ExitCode dump(const Options& options);
+ExitCode diff(const Options& options);
+ExitCode shape(const Options& options);
+ExitCode shrink(const Options& options);
 
 }  // namespace cache
 

@@ -1,21 +1,18 @@
 #include "tools/cache/contents.h"
 
-#include <algorithm>
-#include <array>
 #include <exception>
-#include <stdexcept>
 
 #include "platform/status.h"
+#include "tools/shared/failure.h"
 
 namespace cache {
 namespace {
 
-constexpr uint64_t kSmallestArea = 1024;
-constexpr uint64_t kPagesWanted = 200;  ///< the unused end of the last is then half a percent
+using tool::Failure;
 
-CachePointer makeCache(const Settings& settings) {
+CachePointer makeCache(const tool::CacheSettings& settings) {
     CachePointer cache(KSCacheCreate(settings.areaSize, settings.bits, 0, nullptr, nullptr));
-    if (cache == nullptr) throw std::runtime_error(CRStatusToStringA(*__cr_errno_location()));
+    if (cache == nullptr) throw Failure(CRStatusToStringA(*__cr_errno_location()));
     return cache;
 }
 
@@ -30,7 +27,8 @@ struct Walk {
     std::exception_ptr failure;
 };
 
-/// No exception may pass through the library.
+/// Keeps an exception until the walk has ended: none may pass through the C functions of the
+/// library.
 int visitNode(KSCache* /*cache*/, KSCacheNode* node, uint64_t /*value*/, int /*reserved*/,
               void* arg) {
     auto* walk = static_cast<Walk*>(arg);
@@ -44,12 +42,6 @@ int visitNode(KSCache* /*cache*/, KSCacheNode* node, uint64_t /*value*/, int /*r
 
 }  // namespace
 
-Settings settingsFor(uint64_t entries) {
-    const uint64_t area =
-        std::clamp<uint64_t>(entries / kPagesWanted, kSmallestArea, uint64_t{UINT32_MAX});
-    return {KSCacheBitsFor(entries), static_cast<uint32_t>(area)};
-}
-
 uint64_t pagesFor(uint64_t entries, uint64_t pageSlots) {
     return (entries + pageSlots - 2) / (pageSlots - 1);
 }
@@ -58,17 +50,17 @@ uint32_t roundedArea(uint32_t areaSize) {
     return statsOf(makeCache({1, areaSize}).get()).areaSize;
 }
 
-Loaded load(const FileReport& file, const Settings& settings) {
+Loaded load(const FileReport& file, const tool::CacheSettings& settings) {
     Loaded loaded{makeCache(settings), {}};
     uint64_t count = 0;
     const uint32_t status = KSCacheLoad(loaded.cache.get(), file.path.c_str(), &count);
-    if (status != CR_STATUS_OK)
-        throw std::runtime_error(file.name + ": " + CRStatusToStringA(status));
-    if (count != file.records) throw std::runtime_error(file.name + ": changed while it was read");
+    if (status != CR_STATUS_OK) throw Failure(file.name + ": " + CRStatusToStringA(status));
+    if (count != file.records) throw Failure(file.name + ": changed while it was read");
     loaded.stats = statsOf(loaded.cache.get());
-    // A record is an entry, or a hit on one; the library does not count those without memory.
+    // Each record becomes an entry or a hit on one. A record that found no memory is neither, and
+    // the library does not report it otherwise.
     if (loaded.stats.cachedItems + loaded.stats.hits != count)
-        throw std::runtime_error(file.name + ": not enough memory for its entries");
+        throw Failure(file.name + ": not enough memory for its entries");
     return loaded;
 }
 
@@ -76,11 +68,6 @@ void forEachEntry(KSCache* cache, const std::function<bool(const KSCacheNode&)>&
     Walk walk{visit, nullptr};
     KSCacheIterate(cache, visitNode, &walk);
     if (walk.failure) std::rethrow_exception(walk.failure);
-}
-
-std::string digestText(const KSCacheNode& entry) {
-    std::array<char, 2 * sizeof entry.fingerprint + 1> text{};
-    return CRFPDigestToString_r(entry.fingerprint, entry.type, text.data(), text.size());
 }
 
 }  // namespace cache

@@ -12,10 +12,12 @@ namespace cache {
 namespace {
 
 using nlohmann::ordered_json;
+using tool::digestText;
 using tool::humanCount;
+using tool::settingsFor;
 
 ordered_json entryJson(const KSCacheNode& entry) {
-    return {{"fingerprint", digestText(entry)}, {"type", entry.type}};
+    return {{"fingerprint", digestText(entry.fingerprint, entry.type)}, {"type", entry.type}};
 }
 
 ordered_json entryJson(const KSCacheNode& entry, uint64_t value) {
@@ -31,7 +33,7 @@ void dumpJson(KSCache* cache) {
     });
 }
 
-/// What differs, printed as it is found, or gathered for one JSON object.
+/// The differences: printed as they are found, or gathered for one JSON object.
 class Differences {
   public:
     explicit Differences(bool json) : json_(json) {}
@@ -43,8 +45,8 @@ class Differences {
         if (json_) {
             list.entries.push_back(entryJson(entry, entry.value));
         } else {
-            printf("%c %u %s %" PRIu64 "\n", sign, entry.type, digestText(entry).c_str(),
-                   entry.value);
+            printf("%c %u %s %" PRIu64 "\n", sign, entry.type,
+                   digestText(entry.fingerprint, entry.type).c_str(), entry.value);
         }
     }
     void noteChanged(const KSCacheNode& entry, uint64_t newValue) {
@@ -55,8 +57,8 @@ class Differences {
             json["new"] = newValue;
             changed_.entries.push_back(std::move(json));
         } else {
-            printf("~ %u %s %" PRIu64 " -> %" PRIu64 "\n", entry.type, digestText(entry).c_str(),
-                   entry.value, newValue);
+            printf("~ %u %s %" PRIu64 " -> %" PRIu64 "\n", entry.type,
+                   digestText(entry.fingerprint, entry.type).c_str(), entry.value, newValue);
         }
     }
     void noteSame() { ++same_; }
@@ -116,9 +118,9 @@ void compare(KSCache* first, KSCache* second, Differences& differences) {
 
 }  // namespace
 
-int dump(const Options& options) {
-    const FileReport file = inspectAloud(options.files[0]);
-    if (const int code = loadability(file)) return code;
+ExitCode dump(const Options& options) {
+    const FileReport file = inspectAndReport(options.files[0]);
+    if (const ExitCode code = loadingCode(file); code != ExitCode::kOk) return code;
     const Loaded loaded = load(file, settingsFor(file.records));
     KSCache* cache = loaded.cache.get();
     if (options.json) {
@@ -130,21 +132,21 @@ int dump(const Options& options) {
     } else {
         KSCacheDump(stdout, cache);
     }
-    return tool::kExitOk;
+    return ExitCode::kOk;
 }
 
-int diff(const Options& options) {
-    const FileReport firstFile = inspectAloud(options.files[0]);
-    const FileReport secondFile = inspectAloud(options.files[1]);
+ExitCode diff(const Options& options) {
+    const FileReport firstFile = inspectAndReport(options.files[0]);
+    const FileReport secondFile = inspectAndReport(options.files[1]);
     for (const FileReport* file : {&firstFile, &secondFile}) {
-        if (loadability(*file) != tool::kExitOk) return tool::kExitTrouble;
+        if (loadingCode(*file) != ExitCode::kOk) return ExitCode::kTrouble;
     }
     const Loaded first = load(firstFile, settingsFor(firstFile.records));
     const Loaded second = load(secondFile, settingsFor(secondFile.records));
     Differences differences(options.json);
     compare(first.cache.get(), second.cache.get(), differences);
     differences.printSummary();
-    return differences.none() ? tool::kExitOk : tool::kExitNo;
+    return differences.none() ? ExitCode::kOk : ExitCode::kNo;
 }
 
 }  // namespace cache

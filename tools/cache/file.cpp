@@ -9,8 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/owned.h"
 #include "platform/status.h"
-#include "tools/shared/descriptor.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/text.h"
 
 namespace cache {
@@ -19,7 +20,7 @@ namespace {
 constexpr uint32_t kCacheFileType = 64;
 constexpr size_t kTypeOffset = 32;
 constexpr size_t kBlockSize = 16384 * kRecordSize;
-constexpr uint64_t kNamedTypes = 10;  ///< so many records of unknown types are named one by one
+constexpr uint64_t kNamedTypes = 10;  ///< records of unknown types that are named one by one
 
 std::string hex(uint64_t number) {
     std::array<char, 32> text{};
@@ -33,37 +34,32 @@ void refuse(FileReport& report, const char* kind, std::string text) {
     report.refused = true;
 }
 
-/// The header, from the position to which it leaves the file. False when records need not be looked
-/// for: what follows another header is nothing that can be judged.
-bool readHeader(int fd, FileReport& report) {
+[[noreturn]] void failToRead() {
+    throw tool::Failure(strerror(errno));
+}
+
+/// Reads the header and leaves the position behind it. Refuses the file when it is not that of a
+/// cache file: records of another kind of file cannot be judged. Throws Failure when the file
+/// cannot be read.
+void readHeader(int fd, FileReport& report) {
     char probe = 0;
     struct stat status {};
-    // Asked first, because a failed qlxMagicRead() does not tell an error from a wrong header. A
+    // Probed first, because qlxMagicRead() fails alike for a read error and for a wrong header. A
     // pipe fails here as well, and so does a folder.
-    if (pread(fd, &probe, 1, 0) < 0 || fstat(fd, &status) != 0) {
-        report.trouble = strerror(errno);
-        return false;
-    }
+    if (pread(fd, &probe, 1, 0) < 0 || fstat(fd, &status) != 0) failToRead();
     report.size = static_cast<uint64_t>(status.st_size);
     const uint32_t type = qlxMagicRead(fd, &report.header);
-    if (type == 0) {
-        refuse(report, "header", "no whole magic header: it is no cache file");
-        return false;
-    }
+    if (type == 0) return refuse(report, "header", "no whole magic header: it is no cache file");
     const off_t position = lseek(fd, 0, SEEK_CUR);
-    if (position < 0) {
-        report.trouble = strerror(errno);
-        return false;
-    }
+    if (position < 0) failToRead();
     report.headerSize = static_cast<uint64_t>(position);
-    if (type == kCacheFileType) return true;
+    if (type == kCacheFileType) return;
     refuse(report, "header",
            "header of type " + std::to_string(type) + ", where cache files have " +
                std::to_string(kCacheFileType));
-    return false;
 }
 
-/// Counts whole records by their types, and says which types are unknown.
+/// Counts whole records by their types, and notes records of unknown types as damage.
 class RecordCounter {
   public:
     explicit RecordCounter(FileReport& report) : report_(report) {}
@@ -107,19 +103,17 @@ class RecordCounter {
     uint64_t firstUnnamed_ = 0;
 };
 
-/// Counts and checksums all that follows the header; false when it cannot be read.
-bool readRecords(int fd, FileReport& report) {
+/// Counts the records behind the header, and computes their checksum. Throws Failure when they
+/// cannot be read.
+void readRecords(int fd, FileReport& report) {
     std::vector<uint8_t> block(kBlockSize);
     RecordCounter counter(report);
     uLong checksum = adler32(0, nullptr, 0);
-    size_t kept = 0;  // the beginning of a record that the last read cut
+    size_t kept = 0;  // bytes at the front: a record of which the rest is still to be read
     for (;;) {
         const ssize_t got = read(fd, block.data() + kept, block.size() - kept);
         if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            report.trouble = strerror(errno);
-            return false;
-        }
+        if (got < 0) failToRead();
         if (got == 0) break;
         checksum = adler32(checksum, block.data() + kept, static_cast<uInt>(got));
         const size_t filled = kept + static_cast<size_t>(got);
@@ -130,10 +124,9 @@ bool readRecords(int fd, FileReport& report) {
     }
     counter.finish(kept);
     report.checksum = static_cast<uint32_t>(checksum);
-    return true;
 }
 
-/// A sum cannot say where a file is damaged.
+/// The checksum covers the whole contents, so it cannot tell where they are damaged.
 void compareChecksums(FileReport& report) {
     if (report.header.value > UINT32_MAX) {
         refuse(report, "header", "checksum of more than 32 bits: " + hex(report.header.value));
@@ -150,27 +143,31 @@ FileReport inspect(const std::string& path) {
     FileReport report;
     report.path = path;
     report.name = tool::printable(path);
-    // Not to wait for whoever may write into a pipe.
-    const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (file.get() < 0) {
-        report.trouble = strerror(errno);
-    } else if (readHeader(file.get(), report) && readRecords(file.get(), report)) {
+    try {
+        // O_NONBLOCK: opening a pipe would wait for a writer.
+        const kspool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (file.get() < 0) failToRead();
+        readHeader(file.get(), report);
+        if (report.refused) return report;
+        readRecords(file.get(), report);
         compareChecksums(report);
+    } catch (const tool::Failure& failure) {
+        report.trouble = failure.what();
     }
     return report;
 }
 
-FileReport inspectAloud(const std::string& path) {
+FileReport inspectAndReport(const std::string& path) {
     FileReport report = inspect(path);
     for (const Damage& damage : report.damage)
-        tool::complain(kProgram, report.name + ": " + damage.text);
-    if (!report.trouble.empty()) tool::complain(kProgram, report.name + ": " + report.trouble);
+        tool::complain(report.name + ": " + damage.text);
+    if (report.trouble) tool::complain(report.name + ": " + *report.trouble);
     return report;
 }
 
-int loadability(const FileReport& file) {
-    if (!file.trouble.empty()) return tool::kExitTrouble;
-    return file.refused ? tool::kExitNo : tool::kExitOk;
+tool::ExitCode loadingCode(const FileReport& file) {
+    if (file.trouble) return tool::ExitCode::kTrouble;
+    return file.refused ? tool::ExitCode::kNo : tool::ExitCode::kOk;
 }
 
 nlohmann::ordered_json damageJson(const FileReport& file) {

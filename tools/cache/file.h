@@ -1,19 +1,19 @@
-// A cache file as a stream of bytes: what is in it, and what is wrong with it.
+// A cache file as a stream of bytes: its header, its records, its damage.
 #ifndef TOOLS_CACHE_FILE_H
 #define TOOLS_CACHE_FILE_H
 
 #include <array>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/support.h"
 #include "tools/shared/cache.h"
+#include "tools/shared/failure.h"
 
 namespace cache {
-
-inline constexpr char kProgram[] = "kspool-cache";
 
 using tool::kRecordSize;
 
@@ -25,10 +25,11 @@ struct Damage {
 
 struct FileReport {
     std::string path;
-    std::string name;     ///< the path as a terminal may show it
-    std::string trouble;  ///< why it could not be opened or read; the rest is then incomplete
+    std::string name;  ///< the path as a terminal may show it
+    /// Why it could not be opened or read; the other members are incomplete then.
+    std::optional<std::string> trouble;
     uint64_t size = 0;
-    uint64_t headerSize = 0;  ///< the platform's affair, so it is found out
+    uint64_t headerSize = 0;  ///< as read: the platform decides how long its headers are
     QLXMagic header{};
     uint32_t checksum = 0;  ///< of what follows the header
     uint64_t records = 0;
@@ -40,12 +41,12 @@ struct FileReport {
 /// Reads a file once, in bounded memory.
 FileReport inspect(const std::string& path);
 
-/// The same, with all that is wrong named on stderr.
-FileReport inspectAloud(const std::string& path);
+/// Inspects a file, and names all of its damage and trouble on stderr.
+FileReport inspectAndReport(const std::string& path);
 
-/// kExitOk when the file can be loaded, kExitNo when it is damaged beyond that, kExitTrouble when
-/// it could not be read.
-int loadability(const FileReport& file);
+/// The exit code of a program that must load the file: kOk when KSCacheLoad() takes it, kNo when it
+/// would be refused as damaged, kTrouble when it could not be read.
+tool::ExitCode loadingCode(const FileReport& file);
 
 nlohmann::ordered_json damageJson(const FileReport& file);
 

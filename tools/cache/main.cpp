@@ -4,15 +4,12 @@
 #include <memory>
 
 #include "tools/cache/commands.h"
+#include "tools/shared/cache.h"
 #include "tools/shared/program.h"
-#include "tools/shared/text.h"
 
 namespace {
 
 using cache::Options;
-
-constexpr uint32_t kLargestBits = 29;
-constexpr uint32_t kLargestArea = 59'652'323;
 
 constexpr char kAnswerFooter[] =
     "Exit code: 0 fine; 1 the file is damaged; 2 bad options, or it could not be done.";
@@ -21,7 +18,7 @@ constexpr char kDiffFooter[] =
     "changed.\n"
     "Exit code: 0 no difference; 1 differences; 2 bad options, or it could not be done.";
 constexpr char kShrinkFooter[] =
-    "OUT may be FILE. It is replaced when the new file is complete, and untouched otherwise.\n"
+    "OUT may be FILE. OUT is replaced when the new file is complete, and untouched otherwise.\n"
     "Exit code: 0 saved; 2 bad options, a damaged FILE, or it could not be done.";
 
 void addDumpOptions(CLI::App& command, Options& options) {
@@ -36,8 +33,9 @@ void addDumpOptions(CLI::App& command, Options& options) {
 
 void addShapeOptions(CLI::App& command, Options& options) {
     command
-        .add_option("--bits", options.bits, "Hang the entries in 2^BITS trees [from their number]")
-        ->check(CLI::Range(1U, kLargestBits));
+        .add_option("--bits", options.bits,
+                    "Spread the entries over 2^BITS trees [from their number]")
+        ->check(CLI::Range(1U, tool::kLargestBits));
 }
 
 void addShrinkOptions(CLI::App& command, Options& options) {
@@ -47,7 +45,7 @@ void addShrinkOptions(CLI::App& command, Options& options) {
     command.add_option("-o,--output", options.out, "The file to write")->required();
     command
         .add_option("--area", options.areaSize, "Slots per page of that cache [from the entries]")
-        ->check(CLI::Range(1U, kLargestArea));
+        ->check(CLI::Range(1U, tool::kLargestArea));
 }
 
 void addNoOptions(CLI::App& /*command*/, Options& /*options*/) {}
@@ -58,7 +56,7 @@ struct Command {
     const char* footer;
     int leastFiles;
     int mostFiles;
-    int (*run)(const Options&);
+    tool::ExitCode (*run)(const Options&);
     void (*addOptions)(CLI::App&, Options&);
 };
 
@@ -69,17 +67,17 @@ constexpr Command kCommands[] = {
      1, cache::stat, addNoOptions},
     {"verify", "Check cache files; damage is named on stderr", kAnswerFooter, 1, kAnyNumber,
      cache::verify, addNoOptions},
-    {"dump", "List the slots of a cache of the file, entries first, in the order of the file",
+    {"dump", "Load a file and list the slots of its cache, entries first, in the order of the file",
      kAnswerFooter, 1, 1, cache::dump, addDumpOptions},
-    {"diff", "Show what the second file has otherwise than the first", kDiffFooter, 2, 2,
-     cache::diff, addNoOptions},
-    {"shape", "Show how deep and how full the trees of a cache of the file are", kAnswerFooter, 1,
-     1, cache::shape, addShapeOptions},
+    {"diff", "Show how the second file differs from the first", kDiffFooter, 2, 2, cache::diff,
+     addNoOptions},
+    {"shape", "Load a file and show how deep and how full the trees of its cache are",
+     kAnswerFooter, 1, 1, cache::shape, addShapeOptions},
     {"shrink", "Drop the first entries, so that the others fit into a memory limit", kShrinkFooter,
      1, 1, cache::shrink, addShrinkOptions},
 };
 
-void addCommands(CLI::App& app, int& code) {
+void addCommands(CLI::App& app, tool::ExitCode& code) {
     const auto options = std::make_shared<Options>();
     for (const Command& row : kCommands) {
         CLI::App* command = app.add_subcommand(row.name, row.description);
@@ -99,7 +97,7 @@ int main(int argc, char** argv) {
     return tool::runProgram(
         {.name = "kspool-cache",
          .description = "Inspector of fingerprint cache files, as KSCacheSave() writes them.",
-         .failed = tool::kExitTrouble,
+         .failed = tool::ExitCode::kTrouble,
          .addCommands = addCommands},
         argc, argv);
 }

@@ -1,10 +1,9 @@
-// shape: how deep and how full the trees of a cache are, and why they are too deep.
+// shape: how deep and how full the trees of a cache are, and the reasons where they are too deep.
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
 #include <vector>
 
 #include "tools/cache/commands.h"
@@ -22,8 +21,8 @@ using tool::humanCount;
 /// Spread digests under the bits of KSCacheBitsFor() reach 1.25 on average; this is twice as deep.
 constexpr double kTooDeep = 2.5;
 
-/// Counts numbers: each up to 10 by itself, larger ones in ranges that double, so that a tree that
-/// is a list of all entries takes a few rows more.
+/// Counts numbers: each up to 10 in a row of its own, larger ones in ranges that double. So even a
+/// degenerated tree, a list of all entries, adds only a few rows.
 class Histogram {
   public:
     struct Row {
@@ -81,21 +80,22 @@ struct Shape {
     uint64_t cacheSize = 0;
     Histogram depths;    ///< entries by depth; 1 is the top of a tree
     Histogram loads;     ///< roots by the entries below them
-    double squares = 0;  ///< of the loads, their sum
+    double squares = 0;  ///< sum of the squares of the loads
 
     bool tooDeep() const { return depths.average() > kTooDeep; }
     bool tooFewBits() const { return tooDeep() && bits < bitsToUse; }
-    /// Entries in the tree of an average entry, and what spread digests would have there.
+    /// Entries in the tree of an average entry: as measured, and for evenly spread digests.
     double meanTreeSize() const { return squares / static_cast<double>(entries); }
     double expectedTreeSize() const {
         return 1 + static_cast<double>(entries - 1) / static_cast<double>(roots);
     }
-    /// With enough bits, trees that are less crowded than this cannot be too deep, even if they are
-    /// lists: there is always a reason.
+    /// With enough bits, trees below this bound are too small to be too deep, even as lists. So a
+    /// shape that is too deep always has one of the two reasons.
     bool unspread() const { return tooDeep() && meanTreeSize() > 2 * expectedTreeSize() + 1; }
 };
 
-/// Measures the tree below its top. It can be as deep as it has nodes, so no recursion.
+/// Measures a tree from its top. No recursion: a tree can be as deep as it has nodes, and would
+/// overflow the stack.
 void measureTree(const KSCacheNode& top, Shape& shape) {
     struct Step {
         const KSCacheNode* node;
@@ -127,7 +127,7 @@ uint64_t rootOf(const KSCacheNode& entry, uint64_t roots) {
 }
 
 Shape measure(const FileReport& file, uint32_t bits) {
-    Settings settings = settingsFor(file.records);
+    tool::CacheSettings settings = tool::settingsFor(file.records);
     if (bits != 0) settings.bits = bits;
     const Loaded loaded = load(file, settings);
     Shape shape;
@@ -138,8 +138,8 @@ Shape measure(const FileReport& file, uint32_t bits) {
     shape.bitsAsked = settings.bits;
     shape.bitsToUse = KSCacheBitsFor(shape.entries);
     shape.cacheSize = loaded.stats.cacheSize;
-    // Nothing was deleted, so slots lie in the order of the adds: the first node of a tree is its
-    // top.
+    // A walk meets slots in the order of the adds, since nothing was deleted, and the first entry
+    // added to a tree stays its top.
     std::vector<bool> met(shape.roots);
     forEachEntry(loaded.cache.get(), [&](const KSCacheNode& entry) {
         const uint64_t root = rootOf(entry, shape.roots);
@@ -149,7 +149,7 @@ Shape measure(const FileReport& file, uint32_t bits) {
     });
     shape.loads.add(0, shape.roots - shape.trees);
     if (shape.loads.sum() != shape.entries)
-        throw std::runtime_error(file.name + ": the trees of its cache are not as expected");
+        throw tool::Failure(file.name + ": the trees of its cache are not as expected");
     return shape;
 }
 
@@ -232,11 +232,11 @@ void printShapeJson(const Shape& shape) {
 
 }  // namespace
 
-int shape(const Options& options) {
-    const FileReport file = inspectAloud(options.files[0]);
-    if (const int code = loadability(file)) return code;
+ExitCode shape(const Options& options) {
+    const FileReport file = inspectAndReport(options.files[0]);
+    if (const ExitCode code = loadingCode(file); code != ExitCode::kOk) return code;
     (options.json ? printShapeJson : printShape)(measure(file, options.bits));
-    return tool::kExitOk;
+    return ExitCode::kOk;
 }
 
 }  // namespace cache

@@ -1,4 +1,5 @@
-// shrink: a cache file for less memory. It is replaced when the new one is known to be complete.
+// shrink: a cache file with fewer entries, for less memory. The output is replaced only after the
+// new file was read back and is complete.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,14 +9,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <stdexcept>
 
+#include "common/owned.h"
 #include "platform/status.h"
 #include "tools/cache/commands.h"
 #include "tools/cache/contents.h"
 #include "tools/cache/file.h"
-#include "tools/shared/descriptor.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/json.h"
+#include "tools/shared/replacement.h"
 #include "tools/shared/text.h"
 
 namespace cache {
@@ -27,10 +29,10 @@ using tool::humanCount;
 constexpr uint64_t kMebibyte = uint64_t{1} << 20;
 
 [[noreturn]] void fail(const std::string& path, const std::string& why) {
-    throw std::runtime_error(tool::printable(path) + ": " + why);
+    throw tool::Failure(tool::printable(path) + ": " + why);
 }
 
-/// Whose a file is and who may use it.
+/// Owner and permissions of a file.
 struct Access {
     bool isThere;
     uid_t owner;
@@ -42,8 +44,8 @@ struct Access {
     }
 };
 
-/// Those of the file that is there, or of a new one. What is there may be no device or pipe, which
-/// a rename would replace.
+/// Those of the file at a path, or the usual ones of a new file. Refuses devices and pipes, which a
+/// rename would replace by a file.
 Access accessTo(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {
@@ -56,7 +58,8 @@ Access accessTo(const std::string& path) {
     return {false, 0, 0, 0644 & ~mask};
 }
 
-/// Where a path leads to, links followed, though the file itself need not be there.
+/// A path with symbolic links resolved, so that the link's target is replaced and not the link. The
+/// file itself need not exist.
 std::string resolved(const std::string& path) {
     std::error_code failure;
     const auto target = std::filesystem::weakly_canonical(path, failure);
@@ -64,40 +67,40 @@ std::string resolved(const std::string& path) {
     return target;
 }
 
-/// A file in the folder of another one, which it replaces in the end or leaves as it was.
-class Replacement {
+/// The file that becomes OUT, with the owner and the permissions of OUT.
+class Output {
   public:
-    explicit Replacement(const std::string& path)
+    explicit Output(const std::string& path)
         : target_(resolved(path)),
           access_(accessTo(target_)),
           path_(target_ + ".XXXXXX"),
-          file_(mkstemp(path_.data())) {
-        if (file_.get() < 0) fail(target_, strerror(errno));
-    }
-    ~Replacement() {
-        if (!placed_) unlink(path_.c_str());
-    }
-    Replacement(const Replacement&) = delete;
-    Replacement& operator=(const Replacement&) = delete;
+          file_(make(path_)),
+          replacement_(target_, path_) {}
 
     const std::string& path() const { return path_; }
 
-    void replace() {
-        if (!access_.grant(file_.get()) || fsync(file_.get()) != 0 ||
-            rename(path_.c_str(), target_.c_str()) != 0)
-            fail(target_, strerror(errno));
-        placed_ = true;
+    void place() {
+        // Contents first: after a crash, a renamed file could be empty.
+        if (!access_.grant(file_.get()) || fsync(file_.get()) != 0) fail(target_, strerror(errno));
+        if (const auto problem = replacement_.place()) fail(target_, *problem);
     }
     void removeTarget() {
-        if (unlink(target_.c_str()) != 0 && errno != ENOENT) fail(target_, strerror(errno));
+        if (const auto problem = replacement_.removeTarget()) fail(target_, *problem);
     }
 
   private:
+    /// Makes the new file, and completes its path.
+    int make(std::string& path) const {
+        const int fd = mkstemp(path.data());
+        if (fd < 0) fail(target_, strerror(errno));
+        return fd;
+    }
+
     std::string target_;
     Access access_;
     std::string path_;
-    tool::Descriptor file_;
-    bool placed_ = false;
+    kspool::Descriptor file_;
+    tool::Replacement replacement_;
 };
 
 struct Plan {
@@ -114,39 +117,39 @@ Plan makePlan(const Options& options, const KSCacheStatsRecord& stats) {
     const uint64_t pages = options.limit * kMebibyte / pageBytes;
     if (pages == 0) {
         const uint64_t smallest = (pageBytes + kMebibyte - 1) / kMebibyte;
-        throw std::runtime_error("not one page of " + humanCount(stats.areaSize) +
-                                 " slots fits; with such pages the smallest limit is " +
-                                 std::to_string(smallest));
+        throw tool::Failure("not one page of " + humanCount(stats.areaSize) +
+                            " slots fits; with such pages the smallest limit is " +
+                            std::to_string(smallest));
     }
     const uint64_t room = pages * (stats.areaSize - 1);
     return {stats.areaSize, stats.cachedItems, std::min(room, stats.cachedItems)};
 }
 
-/// Drops the first entries of the file. The others stay where they are: the file has no gaps
-/// anyway, and compacting would bring its last entries to its front, where the next shrink drops
+/// Drops the first entries of the file. The cache is not compacted: a saved file has no gaps
+/// anyway, and compacting moves the last entries to the front, where the next shrink would drop
 /// them.
 void dropFirst(KSCache* cache, uint64_t surplus) {
     forEachEntry(cache, [&](const KSCacheNode& entry) {
         if (surplus == 0) return false;
         const KSCacheNode copy = entry;
         if (KSCacheDelete(cache, copy.fingerprint, copy.type) != CR_STATUS_OK)
-            throw std::runtime_error("an entry could not be dropped");
+            throw tool::Failure("an entry could not be dropped");
         --surplus;
         return true;
     });
 }
 
-/// KSCacheSave() does not tell of errors in writing.
+/// Saves, and reads the new file back, since KSCacheSave() does not report write errors.
 void save(const KSCache* cache, const Plan& plan, const std::string& out) {
-    Replacement replacement(out);
+    Output output(out);
     uint64_t count = 0;
-    const uint32_t status = KSCacheSave(cache, replacement.path().c_str(), &count);
+    const uint32_t status = KSCacheSave(cache, output.path().c_str(), &count);
     if (status != CR_STATUS_OK) fail(out, CRStatusToStringA(status));
-    if (plan.kept == 0) return replacement.removeTarget();
-    const FileReport saved = inspect(replacement.path());
-    if (loadability(saved) != tool::kExitOk || saved.records != plan.kept)
+    if (plan.kept == 0) return output.removeTarget();
+    const FileReport saved = inspect(output.path());
+    if (loadingCode(saved) != ExitCode::kOk || saved.records != plan.kept)
         fail(out, "could not be written completely; nothing was changed");
-    replacement.replace();
+    output.place();
 }
 
 void print(const Options& options, const FileReport& file, const Plan& plan) {
@@ -180,18 +183,19 @@ void print(const Options& options, const FileReport& file, const Plan& plan) {
 
 }  // namespace
 
-int shrink(const Options& options) {
-    const FileReport file = inspectAloud(options.files[0]);
-    if (loadability(file) != tool::kExitOk) return tool::kExitTrouble;
-    Settings settings =
-        settingsFor(std::min(file.records, options.limit * kMebibyte / sizeof(KSCacheNode)));
+ExitCode shrink(const Options& options) {
+    const FileReport file = inspectAndReport(options.files[0]);
+    // A damaged file is trouble here: "no" is no answer to a request for work.
+    if (loadingCode(file) != ExitCode::kOk) return ExitCode::kTrouble;
+    tool::CacheSettings settings =
+        tool::settingsFor(std::min(file.records, options.limit * kMebibyte / sizeof(KSCacheNode)));
     if (options.areaSize != 0) settings.areaSize = options.areaSize;
     const Loaded loaded = load(file, settings);
     const Plan plan = makePlan(options, loaded.stats);
     dropFirst(loaded.cache.get(), plan.entries - plan.kept);
     save(loaded.cache.get(), plan, options.out);
     print(options, file, plan);
-    return tool::kExitOk;
+    return ExitCode::kOk;
 }
 
 }  // namespace cache

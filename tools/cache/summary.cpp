@@ -1,4 +1,4 @@
-// stat and verify: what can be told of cache files without loading them.
+// stat and verify: facts about cache files that need no loading.
 #include <algorithm>
 #include <cstdio>
 
@@ -34,13 +34,13 @@ const char* typeName(size_t type) {
 /// The figures that both forms of the report need.
 struct Figures {
     explicit Figures(const FileReport& file)
-        : settings(settingsFor(file.records)),
+        : settings(tool::settingsFor(file.records)),
           pageSlots(roundedArea(settings.areaSize)),
           pages(pagesFor(file.records, pageSlots)),
           pageBytes(pages * pageSlots * sizeof(KSCacheNode)),
           roots(uint64_t{1} << settings.bits) {}
 
-    Settings settings;
+    tool::CacheSettings settings;
     uint64_t pageSlots;
     uint64_t pages;
     uint64_t pageBytes;
@@ -98,38 +98,38 @@ void printStatJson(const FileReport& file) {
 
 struct Verdict {
     const char* state;
-    int code;
+    ExitCode code;
 };
 
 Verdict judge(const FileReport& file) {
-    if (!file.trouble.empty()) return {"unreadable", tool::kExitTrouble};
-    if (!file.damage.empty()) return {"damaged", tool::kExitNo};
-    return {"good", tool::kExitOk};
+    if (file.trouble) return {"unreadable", ExitCode::kTrouble};
+    if (!file.damage.empty()) return {"damaged", ExitCode::kNo};
+    return {"good", ExitCode::kOk};
 }
 
 }  // namespace
 
-int stat(const Options& options) {
-    const FileReport file = inspectAloud(options.files[0]);
-    if (const int code = loadability(file)) return code;
+ExitCode stat(const Options& options) {
+    const FileReport file = inspectAndReport(options.files[0]);
+    if (const ExitCode code = loadingCode(file); code != ExitCode::kOk) return code;
     (options.json ? printStatJson : printStat)(file);
-    return tool::kExitOk;
+    return ExitCode::kOk;
 }
 
-int verify(const Options& options) {
-    int code = tool::kExitOk;
+ExitCode verify(const Options& options) {
+    ExitCode code = ExitCode::kOk;
     auto list = ordered_json::array();
     for (const std::string& path : options.files) {
-        const FileReport file = inspectAloud(path);
+        const FileReport file = inspectAndReport(path);
         const Verdict verdict = judge(file);
         code = std::max(code, verdict.code);
         if (options.json) {
             list.push_back({{"file", file.name},
                             {"state", verdict.state},
                             {"records", file.records},
-                            {"trouble", file.trouble},
+                            {"trouble", file.trouble.value_or("")},
                             {"damage", damageJson(file)}});
-        } else if (verdict.code == tool::kExitOk) {
+        } else if (verdict.code == ExitCode::kOk) {
             printf("%s: good, %s records\n", file.name.c_str(), humanCount(file.records).c_str());
         } else {
             printf("%s: %s\n", file.name.c_str(), verdict.state);

@@ -1,4 +1,4 @@
-// The subcommands. Each returns the program's exit code.
+// The subcommands. Each returns the program's exit code, or throws tool::Failure.
 #ifndef TOOLS_MB_COMMANDS_H
 #define TOOLS_MB_COMMANDS_H
 
@@ -7,11 +7,14 @@
 #include <vector>
 
 #include "tools/mb/filter.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/session.h"
 
-namespace pool {
+namespace mb {
 
-/// What names an image, and what is set of it.
+using tool::ExitCode;
+
+/// The names of an image, and the values that are set for it.
 struct ImageOptions {
     std::string client, policy, name;
     int32_t parent = 0;
@@ -23,7 +26,7 @@ struct ImageOptions {
 };
 
 struct Options {
-    SessionOptions session;
+    tool::SessionOptions session;
     std::vector<std::string> paths;
     std::string source;
     std::string destination;
@@ -38,27 +41,27 @@ struct Options {
     bool json = false;
 };
 
-int list(const Options& options);
-int makeDirectories(const Options& options);
-int copy(const Options& options);
-int move(const Options& options);
-int remove(const Options& options);
+ExitCode list(const Options& options);
+ExitCode makeDirectories(const Options& options);
+ExitCode copy(const Options& options);
+ExitCode move(const Options& options);
+ExitCode remove(const Options& options);
 
-int time(const Options& options);
-int ping(const Options& options);
+ExitCode time(const Options& options);
+ExitCode ping(const Options& options);
 
-int addPOs(const Options& options);
-int importPOs(const Options& options);
-int expirePOs(const Options& options);
-int findPOs(const Options& options);
+ExitCode addPOs(const Options& options);
+ExitCode importPOs(const Options& options);
+ExitCode expirePOs(const Options& options);
+ExitCode findPOs(const Options& options);
 
-int setImage(const Options& options);
-int lastImages(const Options& options);
-int deleteImage(const Options& options);
-int imageRetention(const Options& options);
-int imagePolicy(const Options& options);
-int hvxTag(const Options& options);
+ExitCode setImage(const Options& options);
+ExitCode lastImages(const Options& options);
+ExitCode deleteImage(const Options& options);
+ExitCode imageRetention(const Options& options);
+ExitCode imagePolicy(const Options& options);
+ExitCode hvxTag(const Options& options);
 
-}  // namespace pool
+}  // namespace mb
 
 #endif

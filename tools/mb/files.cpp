@@ -1,88 +1,82 @@
-// ls, mkdir, cp, mv and rm: the server's name space.
-#include <algorithm>
-#include <cstdlib>
+// ls, mkdir, cp, mv and rm: files and directories of the server.
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 
+#include "common/owned.h"
 #include "tools/mb/commands.h"
 #include "tools/mb/listing.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace mb {
 namespace {
 
 using tool::printable;
+using tool::Session;
 
-/// One call for each path, whatever became of the one before.
-int forEachPath(const Options& options,
-                const std::function<uint32_t(MBSession*, const char* path)>& call) {
+/// One call for each path, also after a failure.
+ExitCode forEachPath(const Options& options,
+                     const std::function<uint32_t(MBSession*, const char* path)>& call) {
     Session session(options.session);
-    int worst = session.code();
-    if (worst != tool::kExitOk) return worst;
+    tool::Steps steps;
     for (const std::string& path : options.paths) {
-        worst = std::max(worst, session.attempt(printable(path), [&](MBSession* mb) {
-            return call(mb, path.c_str());
-        }));
+        steps.run([&] {
+            session.attempt(printable(path), [&](MBSession* s) { return call(s, path.c_str()); });
+        });
     }
-    return worst;
+    return steps.code();
 }
 
 /// One call with source and destination.
-int fromTo(const Options& options, const std::function<uint32_t(MBSession*)>& call) {
+ExitCode fromTo(const Options& options, const std::function<uint32_t(MBSession*)>& call) {
     Session session(options.session);
-    if (const int code = session.code()) return code;
-    return session.attempt(printable(options.source) + " to " + printable(options.destination),
-                           call);
+    session.attempt(printable(options.source) + " to " + printable(options.destination), call);
+    return ExitCode::kOk;
 }
 
 }  // namespace
 
-int list(const Options& options) {
+ExitCode list(const Options& options) {
     Session session(options.session);
-    if (const int code = session.code()) return code;
     const std::string name = printable(options.paths[0]);
-    char* received = nullptr;
-    size_t length = 0;
-    int code = session.attempt(name, [&](MBSession* mb) {
-        return MBDirList(mb, options.paths[0].c_str(), &received, &length, options.recursive);
+    kspool::OwnedText text;
+    size_t length = 0;  // with the NUL
+    session.attempt(name, [&](MBSession* s) {
+        char* received = nullptr;
+        const uint32_t status =
+            MBDirList(s, options.paths[0].c_str(), &received, &length, options.recursive);
+        text.reset(received);
+        return status;
     });
-    const tool::LibraryText text(received);
-    if (code != tool::kExitOk) return code;
-
-    // The length counts the NUL.
     const Listing listing =
         parseListing(length > 0 ? std::string_view(text.get(), length - 1) : "");
     (options.json ? printListingJson : printListing)(listing);
-    for (const std::string& problem : listing.problems) {
-        Session::complain(name, problem);
-        code = tool::kExitFailed;
-    }
-    return code;
+    for (const std::string& problem : listing.problems)
+        tool::complain(name + ": " + problem);
+    return listing.problems.empty() ? ExitCode::kOk : ExitCode::kFailed;
 }
 
-int makeDirectories(const Options& options) {
+ExitCode makeDirectories(const Options& options) {
     return forEachPath(options, MBDirCreate);
 }
 
-int copy(const Options& options) {
-    return fromTo(options, [&](MBSession* mb) {
-        return MBFileCopy(mb, options.source.c_str(), options.destination.c_str(),
+ExitCode copy(const Options& options) {
+    return fromTo(options, [&](MBSession* s) {
+        return MBFileCopy(s, options.source.c_str(), options.destination.c_str(),
                           options.recursive);
     });
 }
 
-int move(const Options& options) {
-    return fromTo(options, [&](MBSession* mb) {
-        return MBFileMove(mb, options.source.c_str(), options.destination.c_str(), 0);
+ExitCode move(const Options& options) {
+    return fromTo(options, [&](MBSession* s) {
+        return MBFileMove(s, options.source.c_str(), options.destination.c_str(), 0);
     });
 }
 
-int remove(const Options& options) {
-    return forEachPath(options, [&](MBSession* mb, const char* path) {
-        return MBFileDelete(mb, path, options.recursive);
+ExitCode remove(const Options& options) {
+    return forEachPath(options, [&](MBSession* s, const char* path) {
+        return MBFileDelete(s, path, options.recursive);
     });
 }
 
-}  // namespace pool
+}  // namespace mb

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cstring>
 
-namespace pool {
+namespace mb {
 namespace {
 
 using K = CriterionKind;
@@ -26,32 +26,33 @@ void put(MBPOFilter& filter, const Criterion& row, Value value) {
 
 // clang-format off
 const std::array<Criterion, kCriteria> kCriterionRows = {{
-    {"dsid", K::Number, FIELD(1)},          {"kind", K::Number, FIELD(2)},
-    {"origin", K::HeldText, FIELD(3)},      {"owner", K::Number, FIELD(4)},
-    {"group", K::Number, FIELD(5)},         {"client", K::Text, FIELD(6)},
-    {"policy", K::Text, FIELD(7)},          {"image", K::Text, FIELD(8)},
-    {"folder", K::Text, FIELD(9)},          {"name", K::Text, FIELD(10)},
-    {"digest", K::Text, FIELD(11)},         {"type", K::Character, FIELD(12)},
-    {"format", K::Text, FIELD(13)},         {"label", K::Text, FIELD(14)},
-    {"application", K::HeldText, FIELD(15)}, {"size", K::LongNumber, FIELD(16)},
-    {"mtime", K::LongNumber, FIELD(17)},    {"ctime", K::LongNumber, FIELD(18)},
-    {"backuptime", K::LongNumber, FIELD(19)}, {"expires", K::LongNumber, FIELD(20)},
-    {"segments", K::LongNumber, FIELD(21)}, {"newsegments", K::LongNumber, FIELD(22)},
-    {"dcid", K::LongNumber, FIELD(23)},     {"mode", K::Number, FIELD(24)},
-    {"flags", K::Number, FIELD(25)},        {"comment", K::Text, FIELD(26)},
+    {"dsid", K::kNumber, FIELD(1)},          {"kind", K::kNumber, FIELD(2)},
+    {"origin", K::kHeldText, FIELD(3)},      {"owner", K::kNumber, FIELD(4)},
+    {"group", K::kNumber, FIELD(5)},         {"client", K::kText, FIELD(6)},
+    {"policy", K::kText, FIELD(7)},          {"image", K::kText, FIELD(8)},
+    {"folder", K::kText, FIELD(9)},          {"name", K::kText, FIELD(10)},
+    {"digest", K::kText, FIELD(11)},         {"type", K::kCharacter, FIELD(12)},
+    {"format", K::kText, FIELD(13)},         {"label", K::kText, FIELD(14)},
+    {"application", K::kHeldText, FIELD(15)}, {"size", K::kLongNumber, FIELD(16)},
+    {"mtime", K::kLongNumber, FIELD(17)},    {"ctime", K::kLongNumber, FIELD(18)},
+    {"backuptime", K::kLongNumber, FIELD(19)}, {"expires", K::kLongNumber, FIELD(20)},
+    {"segments", K::kLongNumber, FIELD(21)}, {"newsegments", K::kLongNumber, FIELD(22)},
+    {"dcid", K::kLongNumber, FIELD(23)},     {"mode", K::kNumber, FIELD(24)},
+    {"flags", K::kNumber, FIELD(25)},        {"comment", K::kText, FIELD(26)},
 }};
 // clang-format on
 #undef FIELD
 
-std::string criterionProblem(const Criterion& row, const std::string& value) {
+std::optional<std::string> criterionProblem(const Criterion& row, const std::string& value) {
     int32_t number = 0;
     int64_t wide = 0;
-    if (row.kind == K::Number && !parse(value, number)) return "is no 32-bit number";
-    if (row.kind == K::LongNumber && !parse(value, wide)) return "is no number";
-    if (row.kind == K::Character && value.size() != 1) return "is not one character";
-    if (row.kind == K::HeldText && value.size() >= row.capacity) return "is too long";
+    if (row.kind == K::kNumber && !parse(value, number)) return "is no 32-bit number";
+    if (row.kind == K::kLongNumber && !parse(value, wide)) return "is no number";
+    if (row.kind == K::kCharacter && value.size() != 1) return "is not one character";
+    if (row.kind == K::kHeldText && value.size() >= row.capacity) return "is too long";
     if (value.find('|') != std::string::npos) return "may not hold |";
-    return value.empty() ? "may not be empty" : "";
+    if (value.empty()) return "may not be empty";
+    return {};
 }
 
 void setFilter(MBPOFilter& filter, const CriterionValues& values) {
@@ -64,26 +65,26 @@ void setFilter(MBPOFilter& filter, const CriterionValues& values) {
         int32_t number = 0;
         int64_t wide = 0;
         switch (row.kind) {
-            case K::Number:
+            case K::kNumber:
                 parse(value, number);
                 put(filter, row, number);
                 break;
-            case K::LongNumber:
+            case K::kLongNumber:
                 parse(value, wide);
                 put(filter, row, wide);
                 break;
-            case K::Text:
+            case K::kText:
                 put(filter, row, value.c_str());
                 break;
-            case K::HeldText:
+            case K::kHeldText:
                 strncpy(reinterpret_cast<char*>(&filter) + row.offset, value.c_str(),
                         row.capacity - 1);
                 break;
-            case K::Character:
+            case K::kCharacter:
                 put(filter, row, value[0]);
                 break;
         }
     }
 }
 
-}  // namespace pool
+}  // namespace mb

@@ -1,38 +1,42 @@
-// What a query looks for, as the command line names it.
+// The criteria of a query, as options of the command line.
 #ifndef TOOLS_MB_FILTER_H
 #define TOOLS_MB_FILTER_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "mb.h"
 
-namespace pool {
+namespace mb {
 
-enum class CriterionKind : uint8_t { Number, LongNumber, Text, HeldText, Character };
+/// How a filter holds a criterion. kText is a pointer to the caller's text; kHeldText is an array
+/// in the filter itself.
+enum class CriterionKind : uint8_t { kNumber, kLongNumber, kText, kHeldText, kCharacter };
 
 /// Criterion k of a filter, for field k of a PO.
 struct Criterion {
     const char* name;  ///< of the field
     CriterionKind kind;
     size_t offset;    ///< in the filter
-    size_t capacity;  ///< of a text held in it
+    size_t capacity;  ///< of the filter's member: for kHeldText, bytes with the NUL
 };
 
 inline constexpr size_t kCriteria = 26;
 extern const std::array<Criterion, kCriteria> kCriterionRows;
 
-/// Values by criterion; empty ones are not given.
+/// Values by criterion; an empty value is no criterion.
 using CriterionValues = std::array<std::string, kCriteria>;
 
-/// Whether a value can be one of the criterion: what is wrong with it, else empty.
-std::string criterionProblem(const Criterion& row, const std::string& value);
+/// Why a value is not one of the criterion.
+std::optional<std::string> criterionProblem(const Criterion& row, const std::string& value);
 
-/// Sets a filter, which points into the values.
+/// Sets a filter, which points into the values: they must outlive it. Each value must have passed
+/// criterionProblem().
 void setFilter(MBPOFilter& filter, const CriterionValues& values);
 
-}  // namespace pool
+}  // namespace mb
 
 #endif

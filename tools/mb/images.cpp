@@ -1,23 +1,22 @@
 // image and hvx: records of backup images, and tags.
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 
+#include "common/owned.h"
 #include "tools/mb/commands.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace mb {
 namespace {
 
 /// Opens a session and makes one call, whose result may be the server's event.
 template <typename Call>
-int once(const Options& options, Call call) {
-    Session session(options.session);
-    if (const int code = session.code()) return code;
+void once(const Options& options, Call call) {
+    tool::Session session(options.session);
     const std::string& name = options.image.name;
-    return session.attemptEvent(name.empty() ? "images" : "image " + tool::printable(name), call);
+    session.attemptEvent(name.empty() ? "images" : "image " + tool::printable(name), call);
 }
 
 void print(const Options& options, const char* member, const char* text) {
@@ -30,60 +29,62 @@ void print(const Options& options, const char* member, const char* text) {
 
 }  // namespace
 
-int setImage(const Options& options) {
+ExitCode setImage(const Options& options) {
     const ImageOptions& i = options.image;
     const uint64_t when = i.time != 0 ? i.time : static_cast<uint64_t>(::time(nullptr));
-    return once(options, [&](MBSession* mb) {
-        return MBSetLastImageV2(mb, options.dataselection, i.client.c_str(), i.policy.c_str(),
+    once(options, [&](MBSession* s) {
+        return MBSetLastImageV2(s, options.dataselection, i.client.c_str(), i.policy.c_str(),
                                 i.parent, when, i.name.c_str(), i.flags);
     });
+    return ExitCode::kOk;
 }
 
-int lastImages(const Options& options) {
+ExitCode lastImages(const Options& options) {
     const ImageOptions& i = options.image;
-    char* answer = nullptr;
-    int code = once(options, [&](MBSession* mb) {
-        const uint32_t status = MBGetLastImages(mb, options.dataselection, i.client.c_str(),
-                                                i.policy.c_str(), i.wantedParent, i.time, &answer);
-        // No answer is no image.
+    kspool::OwnedText answer;
+    once(options, [&](MBSession* s) {
+        char* text = nullptr;
+        const uint32_t status = MBGetLastImages(s, options.dataselection, i.client.c_str(),
+                                                i.policy.c_str(), i.wantedParent, i.time, &text);
+        answer.reset(text);
+        // The status of an empty answer: there is no such image.
         return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;
     });
-    const tool::LibraryText owned(answer);
-    if (code != tool::kExitOk) return code;
     if (options.json) {
-        tool::printJson({{"images", answer != nullptr ? answer : ""}}, 2);
+        tool::printJson({{"images", answer != nullptr ? answer.get() : ""}}, 2);
     } else if (answer != nullptr) {
-        fputs(answer, stdout);
+        fputs(answer.get(), stdout);
     }
-    return answer != nullptr ? tool::kExitOk : tool::kExitNothing;
+    return answer != nullptr ? ExitCode::kOk : ExitCode::kNothing;
 }
 
-int deleteImage(const Options& options) {
+ExitCode deleteImage(const Options& options) {
     const ImageOptions& i = options.image;
-    return once(options, [&](MBSession* mb) {
-        return MBDeleteImage(mb, options.dataselection, i.client.c_str(), i.policy.c_str(),
+    once(options, [&](MBSession* s) {
+        return MBDeleteImage(s, options.dataselection, i.client.c_str(), i.policy.c_str(),
                              i.name.c_str(), i.flags);
     });
+    return ExitCode::kOk;
 }
 
-int imageRetention(const Options& options) {
+ExitCode imageRetention(const Options& options) {
     const ImageOptions& i = options.image;
     if (i.retention >= 0) {
-        return once(options, [&](MBSession* mb) {
-            return MBSetImageRetention(mb, options.dataselection, i.client.c_str(),
-                                       i.policy.c_str(), i.name.c_str(), i.flags, i.worm,
-                                       i.retention);
+        once(options, [&](MBSession* s) {
+            return MBSetImageRetention(s, options.dataselection, i.client.c_str(), i.policy.c_str(),
+                                       i.name.c_str(), i.flags, i.worm, i.retention);
         });
+        return ExitCode::kOk;
     }
     const auto info = std::make_unique<MBImageRetentionInfo>();
     bool none = false;
-    const int code = once(options, [&](MBSession* mb) {
-        const uint32_t status = MBGetImageRetention(mb, options.dataselection, i.client.c_str(),
+    once(options, [&](MBSession* s) {
+        const uint32_t status = MBGetImageRetention(s, options.dataselection, i.client.c_str(),
                                                     i.policy.c_str(), i.name.c_str(), info.get());
         none = status == CR_STATUS_REMOTE_ERROR;
         return none ? uint32_t{CR_STATUS_OK} : status;
     });
-    if (code != tool::kExitOk || none) return none ? int{tool::kExitNothing} : code;
+    if (none) return ExitCode::kNothing;
     const MBImageRetentionInfo& r = *info;
     if (options.json) {
         tool::printJson(
@@ -96,33 +97,36 @@ int imageRetention(const Options& options) {
                static_cast<long long>(r.retentionValue2), static_cast<long long>(r.retentionValue3),
                static_cast<long long>(r.retentionValue4), tool::printable(r.retentionText).c_str());
     }
-    return tool::kExitOk;
+    return ExitCode::kOk;
 }
 
-int imagePolicy(const Options& options) {
+ExitCode imagePolicy(const Options& options) {
     const ImageOptions& i = options.image;
-    char* policy = nullptr;
-    const int code = once(options, [&](MBSession* mb) {
-        return MBFindImagePolicy(mb, options.dataselection, i.client.c_str(), i.name.c_str(),
-                                 &policy);
+    kspool::OwnedText policy;
+    once(options, [&](MBSession* s) {
+        char* text = nullptr;
+        const uint32_t status =
+            MBFindImagePolicy(s, options.dataselection, i.client.c_str(), i.name.c_str(), &text);
+        policy.reset(text);
+        return status;
     });
-    const tool::LibraryText owned(policy);
-    if (code == tool::kExitOk) print(options, "policy", policy);
-    return code;
+    print(options, "policy", policy.get());
+    return ExitCode::kOk;
 }
 
-int hvxTag(const Options& options) {
-    Session session(options.session);
-    if (const int code = session.code()) return code;
-    char* tag = nullptr;
-    int32_t digit = 0;
-    const int code = session.attempt(
-        "tag", [&](MBSession* mb) { return MBGetHVXTag(mb, options.dataselection, &digit, &tag); });
-    const tool::LibraryText owned(tag);
-    if (code != tool::kExitOk) return code;
-    if (tag == nullptr) return tool::kExitNothing;
-    print(options, "tag", tag);
-    return tool::kExitOk;
+ExitCode hvxTag(const Options& options) {
+    tool::Session session(options.session);
+    kspool::OwnedText tag;
+    session.attempt("tag", [&](MBSession* s) {
+        char* text = nullptr;
+        int32_t digit = 0;
+        const uint32_t status = MBGetHVXTag(s, options.dataselection, &digit, &text);
+        tag.reset(text);
+        return status;
+    });
+    if (tag == nullptr) return ExitCode::kNothing;
+    print(options, "tag", tag.get());
+    return ExitCode::kOk;
 }
 
-}  // namespace pool
+}  // namespace mb

@@ -6,7 +6,7 @@
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace mb {
 namespace {
 
 constexpr size_t kShownOfProblem = 100;
@@ -71,4 +71,4 @@ void printListingJson(const Listing& listing) {
     tool::printJson(list, 2);
 }
 
-}  // namespace pool
+}  // namespace mb

@@ -1,4 +1,4 @@
-// A listing, as the server sends it (docs/wire-protocol.md).
+// The server's listing of a directory (docs/wire-protocol.md has its format).
 #ifndef TOOLS_MB_LISTING_H
 #define TOOLS_MB_LISTING_H
 
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace pool {
+namespace mb {
 
 struct Entry {
     char type;  ///< d or f
@@ -18,7 +18,7 @@ struct Entry {
 
 struct Listing {
     std::vector<Entry> entries;
-    std::vector<std::string> problems;  ///< lines that are no entries
+    std::vector<std::string> problems;  ///< one for each line that is not an entry
 };
 
 Listing parseListing(std::string_view text);
@@ -26,6 +26,6 @@ Listing parseListing(std::string_view text);
 void printListing(const Listing& listing);
 void printListingJson(const Listing& listing);
 
-}  // namespace pool
+}  // namespace mb
 
 #endif

@@ -13,7 +13,7 @@
 
 namespace {
 
-using pool::Options;
+using mb::Options;
 
 #define EXIT_CODES                                                                         \
     "Exit code: 0 ok; 1 error; 2 bad options, no configuration or no server; 10 nothing\n" \
@@ -27,11 +27,11 @@ constexpr char kCommandFooter[] = "Options of all subcommands: kspool-mb --help\
 #undef EXIT_CODES
 
 CLI::Validator pathText() {
-    return pool::textUpTo(SIZE_MAX);
+    return tool::textUpTo(SIZE_MAX);
 }
 
 void addOptions(CLI::App& app, Options& options) {
-    pool::addSessionOptions(app, options.session);
+    tool::addSessionOptions(app, options.session);
     app.add_flag("--json", options.json, "Report as JSON");
 }
 
@@ -54,7 +54,7 @@ void addOnePath(CLI::App& command, Options& options) {
 
 constexpr int kAnyNumber = 1 << 20;
 
-void addDoomedPaths(CLI::App& command, Options& options) {
+void addPathsToDelete(CLI::App& command, Options& options) {
     addRecursive(command, options);
     addPaths(command, options, kAnyNumber);
 }
@@ -106,13 +106,16 @@ void addNewList(CLI::App& command, Options& options) {
 
 void addCriteria(CLI::App& command, Options& options) {
     addSelection(command, options);
-    for (size_t i = 0; i < pool::kCriteria; ++i) {
-        const pool::Criterion& row = pool::kCriterionRows[i];
+    for (size_t i = 0; i < mb::kCriteria; ++i) {
+        const mb::Criterion& row = mb::kCriterionRows[i];
         command.add_option(std::string("--") + row.name, options.criteria[i])
             ->group("Fields (texts may have * and ?)")
             ->type_name("")
             ->check(CLI::Validator(
-                [&row](std::string& value) { return pool::criterionProblem(row, value); }, ""));
+                [&row](std::string& value) {
+                    return mb::criterionProblem(row, value).value_or("");
+                },
+                ""));
     }
     command.add_flag("--count", options.countOnly, "Print only how many there are");
     command.add_option("--retries", options.retries, "Send a query that fails again so often")
@@ -162,30 +165,30 @@ struct Command {
     const char* group;  ///< NULL: a command of its own
     const char* name;
     const char* description;
-    int (*run)(const Options&);
+    tool::ExitCode (*run)(const Options&);
     void (*addOptions)(CLI::App&, Options&);
 };
 
 constexpr Command kCommands[] = {
-    {nullptr, "ls", "List a directory or a file", pool::list, addOnePath},
-    {nullptr, "mkdir", "Create directories", pool::makeDirectories, addNewPaths},
-    {nullptr, "cp", "Copy a file, or with -R a directory", pool::copy, addCopyOptions},
-    {nullptr, "mv", "Move a file or a directory", pool::move, addSourceAndDestination},
-    {nullptr, "rm", "Delete files and empty directories, or with -R full ones", pool::remove,
-     addDoomedPaths},
-    {"po", "add", "Add POs, in place of those that are there", pool::addPOs, addNewList},
-    {"po", "import", "Import POs, in place of those that are there", pool::importPOs, addListFile},
-    {"po", "expire", "Expire the POs that a text names", pool::expirePOs, addListFile},
-    {"po", "find", "Find POs by their fields", pool::findPOs, addCriteria},
-    {"image", "set", "Record an image", pool::setImage, addNewImage},
-    {"image", "last", "List the last images", pool::lastImages, addImageQuery},
-    {"image", "delete", "Delete an image's record", pool::deleteImage, addImage},
-    {"image", "retention", "Show or set how long an image is kept", pool::imageRetention,
+    {nullptr, "ls", "List a directory or a file", mb::list, addOnePath},
+    {nullptr, "mkdir", "Create directories", mb::makeDirectories, addNewPaths},
+    {nullptr, "cp", "Copy a file, or with -R a directory", mb::copy, addCopyOptions},
+    {nullptr, "mv", "Move a file or a directory", mb::move, addSourceAndDestination},
+    {nullptr, "rm", "Delete files and empty directories, or with -R full ones", mb::remove,
+     addPathsToDelete},
+    {"po", "add", "Add POs, in place of those that are there", mb::addPOs, addNewList},
+    {"po", "import", "Import POs, in place of those that are there", mb::importPOs, addListFile},
+    {"po", "expire", "Expire the POs that a text names", mb::expirePOs, addListFile},
+    {"po", "find", "Find POs by their fields", mb::findPOs, addCriteria},
+    {"image", "set", "Record an image", mb::setImage, addNewImage},
+    {"image", "last", "List the last images", mb::lastImages, addImageQuery},
+    {"image", "delete", "Delete an image's record", mb::deleteImage, addImage},
+    {"image", "retention", "Show or set how long an image is kept", mb::imageRetention,
      addRetention},
-    {"image", "policy", "Show the policy of an image", pool::imagePolicy, addImage},
-    {nullptr, "hvx", "Show the HVX tag of a data selection", pool::hvxTag, addSelection},
-    {nullptr, "time", "Show the server's time", pool::time, addNoOptions},
-    {nullptr, "ping", "Measure how long the server takes to answer", pool::ping, addCount},
+    {"image", "policy", "Show the policy of an image", mb::imagePolicy, addImage},
+    {nullptr, "hvx", "Show the HVX tag of a data selection", mb::hvxTag, addSelection},
+    {nullptr, "time", "Show the server's time", mb::time, addNoOptions},
+    {nullptr, "ping", "Measure how long the server takes to answer", mb::ping, addCount},
 };
 
 constexpr std::pair<const char*, const char*> kGroups[] = {
@@ -205,7 +208,7 @@ CLI::App* groupOf(CLI::App& app, const char* name, std::map<std::string, CLI::Ap
     return group;
 }
 
-void addCommands(CLI::App& app, int& code) {
+void addCommands(CLI::App& app, tool::ExitCode& code) {
     const auto options = std::make_shared<Options>();
     app.fallthrough();
     app.footer(kFooter);
@@ -222,12 +225,10 @@ void addCommands(CLI::App& app, int& code) {
 
 }  // namespace
 
-const char* const pool::kProgram = "kspool-mb";
-
 int main(int argc, char** argv) {
-    return tool::runProgram({.name = pool::kProgram,
+    return tool::runProgram({.name = "kspool-mb",
                              .description = "Client of a storage pool's Metabase server.",
-                             .failed = tool::kExitFailed,
+                             .failed = tool::ExitCode::kFailed,
                              .addCommands = addCommands},
                             argc, argv);
 }

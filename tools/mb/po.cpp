@@ -9,19 +9,23 @@
 #include <memory>
 #include <vector>
 
+#include "common/owned.h"
 #include "platform/status.h"
 #include "tools/mb/commands.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace mb {
 namespace {
+
+using tool::Failure;
+using tool::Session;
 
 struct CloseCursor {
     void operator()(MBPOCursor* cursor) const { MBPOFindClose(cursor); }
 };
 
-/// The text of POs, from a file or standard input. Empty, with a complaint, when there is none.
+/// The text of POs, from a file or standard input.
 std::string readList(const std::string& file) {
     std::string text;
     if (file.empty() || file == "-") {
@@ -29,41 +33,30 @@ std::string readList(const std::string& file) {
     } else {
         std::ifstream stream(file, std::ios::binary);
         if (!stream) {
-            Session::complain(tool::printable(file), strerror(errno));
-            return {};
+            throw Failure(ExitCode::kUsage, tool::printable(file) + ": " + strerror(errno));
         }
         text.assign(std::istreambuf_iterator<char>(stream), {});
     }
-    const bool usable = !text.empty() && text.find('\0') == std::string::npos;
-    if (!usable) {
-        Session::complain(
-            "", text.empty() ? "there are no POs to send" : "the POs have a NUL byte among them");
+    if (text.empty()) throw Failure(ExitCode::kUsage, "there are no POs to send");
+    // The library takes a C string, and would send the part before the NUL only.
+    if (text.find('\0') != std::string::npos) {
+        throw Failure(ExitCode::kUsage, "the POs have a NUL byte among them");
     }
-    return usable ? text : "";
+    return text;
 }
 
 using ListCall = uint32_t (*)(MBSession*, uint32_t, const char*);
 
-int sendList(const Options& options, ListCall call) {
+ExitCode sendList(const Options& options, ListCall call) {
     const std::string text = readList(options.source);
-    if (text.empty()) return tool::kExitUsage;
     Session session(options.session);
-    if (const int code = session.code()) return code;
-    return session.attempt(
-        "POs", [&](MBSession* mb) { return call(mb, options.dataselection, text.c_str()); });
+    session.attempt("POs",
+                    [&](MBSession* s) { return call(s, options.dataselection, text.c_str()); });
+    return ExitCode::kOk;
 }
 
-std::vector<std::string> fieldsOf(std::string_view line) {
-    std::vector<std::string> fields;
-    for (;;) {
-        const size_t end = line.find('|');
-        fields.emplace_back(line.substr(0, end));
-        if (end == std::string_view::npos) return fields;
-        line.remove_prefix(end + 1);
-    }
-}
-
-/// Objects with the names and types that the server gives.
+/// The POs of an answer as objects. Its first two lines are the names and the types of the fields,
+/// the third is the number of POs.
 nlohmann::ordered_json objectsOf(std::string_view text) {
     const auto takeLine = [&] {
         const size_t end = std::min(text.find('\n'), text.size());
@@ -71,12 +64,12 @@ nlohmann::ordered_json objectsOf(std::string_view text) {
         text.remove_prefix(std::min(end + 1, text.size()));
         return line;
     };
-    const std::vector<std::string> names = fieldsOf(takeLine());
-    const std::vector<std::string> types = fieldsOf(takeLine());
+    const std::vector<std::string> names = tool::fieldsOf(takeLine());
+    const std::vector<std::string> types = tool::fieldsOf(takeLine());
     takeLine();
     auto list = nlohmann::ordered_json::array();
     while (!text.empty()) {
-        const std::vector<std::string> fields = fieldsOf(takeLine());
+        const std::vector<std::string> fields = tool::fieldsOf(takeLine());
         nlohmann::ordered_json object;
         for (size_t i = 0; i < names.size() && i < fields.size(); ++i) {
             const bool number = i < types.size() && (types[i] == "int" || types[i] == "long");
@@ -91,69 +84,68 @@ nlohmann::ordered_json objectsOf(std::string_view text) {
     return list;
 }
 
-int findAsJson(const Options& options, Session& session, const MBPOFilter& filter) {
-    char* text = nullptr;
-    const int code = session.attemptQuery(options.dataselection, [&](MBSession* mb) {
-        return MBPOFind(mb, options.dataselection, &filter, &text, nullptr, nullptr);
+ExitCode findAsJson(const Options& options, Session& session, const MBPOFilter& filter) {
+    kspool::OwnedText text;
+    session.attemptQuery(options.dataselection, [&](MBSession* s) {
+        char* answer = nullptr;
+        const uint32_t status =
+            MBPOFind(s, options.dataselection, &filter, &answer, nullptr, nullptr);
+        text.reset(answer);
+        return status;
     });
-    const tool::LibraryText owned(text);
-    if (code != tool::kExitOk) return code;
-    tool::printJson(text != nullptr ? objectsOf(text) : nlohmann::ordered_json::array(), 2);
-    return text != nullptr ? tool::kExitOk : tool::kExitNothing;
+    tool::printJson(text != nullptr ? objectsOf(text.get()) : nlohmann::ordered_json::array(), 2);
+    return text != nullptr ? ExitCode::kOk : ExitCode::kNothing;
 }
 
-/// Prints the lines of a cursor. A server may announce more than it sends: the line then no longer
-/// advances.
-int printLines(MBPOCursor* cursor, char* line) {
+/// Prints the lines of a cursor. A server may announce more POs than it sends. After the last one
+/// the cursor then stays on its line, or reaches the empty text behind it.
+void printLines(MBPOCursor* cursor, char* line) {
     char* last = nullptr;
     uint32_t status = CR_STATUS_OK;
     for (; status == CR_STATUS_OK; status = MBPOStringFindNext(cursor, &line)) {
         if (line == last || *line == '\0') {
-            Session::complain("query", "the server sent fewer POs than it announced");
-            return tool::kExitFailed;
+            throw Failure("query: the server sent fewer POs than it announced");
         }
         puts(line);
         last = line;
     }
-    return tool::kExitOk;
 }
 
-int findAsLines(const Options& options, Session& session, const MBPOFilter& filter) {
+ExitCode findAsLines(const Options& options, Session& session, const MBPOFilter& filter) {
     char* line = nullptr;
     uint32_t count = 0;
     std::unique_ptr<MBPOCursor, CloseCursor> cursor;
-    const int code = session.attemptQuery(options.dataselection, [&](MBSession* mb) {
-        cursor.reset(MBPOStringFindFirst(mb, options.dataselection, &filter, &line, &count));
+    session.attemptQuery(options.dataselection, [&](MBSession* s) {
+        cursor.reset(MBPOStringFindFirst(s, options.dataselection, &filter, &line, &count));
         return cursor != nullptr ? uint32_t{CR_STATUS_OK} : *__cr_errno_location();
     });
-    if (code != tool::kExitOk) return code;
     if (options.countOnly) printf("%u\n", count);
-    if (cursor == nullptr) return tool::kExitNothing;
-    return options.countOnly ? tool::kExitOk : printLines(cursor.get(), line);
+    if (cursor == nullptr) return ExitCode::kNothing;
+    if (!options.countOnly) printLines(cursor.get(), line);
+    return ExitCode::kOk;
 }
 
 }  // namespace
 
-int addPOs(const Options& options) {
+ExitCode addPOs(const Options& options) {
     return sendList(options, options.keep ? MBPOZELTAddList : MBPOAddList);
 }
 
-int importPOs(const Options& options) {
+ExitCode importPOs(const Options& options) {
     return sendList(options, MBPOImport);
 }
 
-int expirePOs(const Options& options) {
+ExitCode expirePOs(const Options& options) {
     return sendList(options, MBPOExpire);
 }
 
-int findPOs(const Options& options) {
+ExitCode findPOs(const Options& options) {
     MBPOFilter filter{};
     setFilter(filter, options.criteria);
     MBSetRetryCount(options.retries);
     Session session(options.session);
-    if (const int code = session.code()) return code;
     return options.json && !options.countOnly ? findAsJson(options, session, filter)
                                               : findAsLines(options, session, filter);
 }
 
-}  // namespace pool
+}  // namespace mb

@@ -9,7 +9,7 @@
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace mb {
 namespace {
 
 using nlohmann::ordered_json;
@@ -47,19 +47,17 @@ void printPings(const Options& options, const std::vector<double>& times) {
 
 }  // namespace
 
-int time(const Options& options) {
-    Session session(options.session);
-    if (const int code = session.code()) return code;
+ExitCode time(const Options& options) {
+    tool::Session session(options.session);
     uint32_t answer = 0;
     const std::time_t before = std::time(nullptr);
-    if (const int code = session.attempt("", [&](MBSession* mb) { return MBGetTime(mb, &answer); }))
-        return code;
+    session.attempt("", [&](MBSession* s) { return MBGetTime(s, &answer); });
     const std::time_t local = before + (std::time(nullptr) - before) / 2;
     if (answer == 0) {
-        tool::complain(kProgram, "the answer holds no time (server " + session.server() + ")");
-        return tool::kExitFailed;
+        throw tool::Failure("the answer holds no time (server " + session.server() + ")");
     }
-    // The answer is the time's low 32 bits; the local clock is right to 68 years.
+    // The answer is the low 32 bits of the time. They are the whole time while the two clocks
+    // differ by less than 68 years.
     const auto difference = static_cast<int32_t>(answer - static_cast<uint32_t>(local));
     const int64_t server = local + difference;
     if (options.json) {
@@ -67,29 +65,29 @@ int time(const Options& options) {
     } else {
         printf("%s, %s\n", tool::isoTime(server).c_str(), differenceText(difference).c_str());
     }
-    return tool::kExitOk;
+    return ExitCode::kOk;
 }
 
-int ping(const Options& options) {
-    Session session(options.session);
-    int worst = session.code();
-    if (worst != tool::kExitOk) return worst;
+ExitCode ping(const Options& options) {
+    tool::Session session(options.session);
+    tool::Steps steps;
     std::vector<double> times;
     for (uint32_t i = 1; i <= options.count; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        const int code = session.attemptEvent("request " + std::to_string(i),
-                                              [](MBSession* s) { return MBKeepAlive(s, 0); });
+        const bool answered = steps.run([&] {
+            session.attemptEvent("request " + std::to_string(i),
+                                 [](MBSession* s) { return MBKeepAlive(s, 0); });
+        });
         const std::chrono::duration<double, std::milli> spent =
             std::chrono::steady_clock::now() - start;
-        worst = std::max(worst, code);
-        if (code != tool::kExitOk) continue;
+        if (!answered) continue;
         times.push_back(spent.count());
         if (options.json || options.session.quiet) continue;
         printf("%s: answer %u: %.3f ms\n", session.server().c_str(), i, spent.count());
         fflush(stdout);
     }
     printPings(options, times);
-    return worst;
+    return steps.code();
 }
 
-}  // namespace pool
+}  // namespace mb

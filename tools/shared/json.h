@@ -6,7 +6,8 @@
 
 namespace tool {
 
-/// Writes it to standard output as one line (indent -1) or many. Names of files need not be UTF-8.
+/// Writes it to standard output, as one line for indent -1. Bytes that are not UTF-8, which names
+/// of files may have, are replaced; otherwise the library would throw.
 void printJson(const nlohmann::ordered_json& json, int indent);
 
 }  // namespace tool

@@ -8,9 +8,10 @@
 
 #include "cr_status.h"
 #include "platform/support.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace tool {
 namespace {
 
 struct LevelName {
@@ -28,11 +29,11 @@ void show(uint32_t level, uint32_t status, const char* text) {
                                    [=](const LevelName& l) { return l.level == level; });
     std::string head = row != std::end(kLevelNames) ? row->name : "level " + std::to_string(level);
     if (level != QLX_LEVEL_TRACE) head += " " + std::to_string(status);
-    tool::complain(kProgram, head + ": " + tool::printable(text));
+    complain(head + ": " + printable(text));
 }
 
-/// The report of an event has the event's code; what else is said of a failure has a status that
-/// operations return, or none.
+/// Errors about an event carry the event's code as their status. Other errors carry a status that
+/// operations return, or no status (0xFFFFFFFF).
 bool mayBeEvent(uint32_t level, uint32_t status) {
     return level == QLX_LEVEL_ERROR && status != CR_STATUS_OK && status != UINT32_MAX &&
            status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_PERMISSION_DENIED;
@@ -58,7 +59,7 @@ void Messages::hear(uint32_t level, uint32_t status, const char* text, void* sel
     try {
         show(level, status, text);
     } catch (const std::exception&) {
-        fputs("kspool-mb: a message was lost for want of memory\n", stderr);
+        fprintf(stderr, "%s: a message was lost for want of memory\n", programName());
     }
 }
 
@@ -70,10 +71,10 @@ void Messages::forget() {
 std::string Messages::description() const {
     std::array<char, 4096> text{};
     qlxGetFatalError(nullptr, 0, text.data(), text.size());
-    std::string said = text.data();
-    while (!said.empty() && (said.back() == '\n' || said.back() == ' '))
-        said.pop_back();
-    return tool::printable(said);
+    std::string description = text.data();
+    while (!description.empty() && (description.back() == '\n' || description.back() == ' '))
+        description.pop_back();
+    return printable(description);
 }
 
-}  // namespace pool
+}  // namespace tool

@@ -1,31 +1,36 @@
-// What the library says while the program works.
+// The library's messages: shown or swallowed, and remembered as far as exit codes depend on them.
+//
+// Thread rule: one thread. The library reports on the thread that called it, so that everything
+// here runs on the program's only thread.
+// Invariants:
+//  1. The library has one sink. There is at most one Messages, and no other sink beside it.
+//  2. event() is the last event since forget(), or 0: whoever forgets before each request knows
+//     that the event belongs to that request.
+//  3. hear() lets no exception out, since C code called it.
 #ifndef TOOLS_SHARED_MESSAGES_H
 #define TOOLS_SHARED_MESSAGES_H
 
 #include <cstdint>
 #include <string>
 
-namespace pool {
+namespace tool {
 
-/// The program whose session it is; each defines its own.
-extern const char* const kProgram;
-
-/// Takes the library's messages as long as it lives: shows them on stderr, traces included, or
-/// swallows them. Either way it remembers which event the server reported last.
 class Messages {
   public:
+    /// Takes the library's messages until it is destroyed. `shown`: they go to stderr, traces
+    /// included.
     explicit Messages(bool shown);
     ~Messages();
     Messages(const Messages&) = delete;
     Messages& operator=(const Messages&) = delete;
 
-    /// Forgets the event and its description: before a request.
+    /// Forgets the event and its description; to be called before each request.
     void forget();
     void noteEvent(uint32_t code) { event_ = code; }
-    uint32_t event() const { return event_; }  ///< 0: none was heard of
-    /// Why a file or memory for its contents was not to be had when something was read, else 0.
+    uint32_t event() const { return event_; }  ///< 0: no event since forget()
+    /// The status with which reading a file failed, or 0.
     uint32_t notRead() const { return notRead_; }
-    /// What the server said, as a terminal may show it; empty when it said nothing.
+    /// The server's description of the event, as a terminal may show it; empty when it sent none.
     std::string description() const;
 
   private:
@@ -36,6 +41,6 @@ class Messages {
     uint32_t notRead_ = 0;
 };
 
-}  // namespace pool
+}  // namespace tool
 
 #endif

@@ -6,44 +6,54 @@
 #include <new>
 
 #include "kspool_version.h"
-#include "tools/shared/text.h"
 
 namespace tool {
 namespace {
 
-int parseAndWork(const Program& program, int argc, char** argv) {
-    CLI::App app(program.description, program.name);
-    int code = kExitOk;
-    app.set_version_flag("--version", std::string(program.name) + " " + kspoolVersion());
+ExitCode parseAndWork(const Program& program, int argc, char** argv) {
+    const std::string name = program.name;
+    CLI::App app(program.description, name);
+    ExitCode code = ExitCode::kOk;
+    app.set_version_flag("--version", name + " " + kspoolVersion());
     program.addCommands(app, code);
     app.require_subcommand(0, 1);
     try {
-        app.parse(argc, argv);
+        app.parse(argc, argv);  // which calls the subcommand
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);
-        const std::string name = program.name;
-        complain(name, std::string(error.what()) + " (see " + name + " --help)");
-        return kExitUsage;
+        if (error.get_exit_code() == 0) {
+            app.exit(error);  // prints the help or the version
+            return ExitCode::kOk;
+        }
+        throw Failure(ExitCode::kUsage, std::string(error.what()) + " (see " + name + " --help)");
     }
     if (!app.get_subcommands().empty()) return code;
-    complain(program.name, std::string("a subcommand is needed (see ") + program.name + " --help)");
-    return kExitUsage;
+    throw Failure(ExitCode::kUsage, "a subcommand is needed (see " + name + " --help)");
+}
+
+/// A failure may come after a part of the report, whose loss is then reported as well.
+ExitCode workAndReport(const Program& program, int argc, char** argv) {
+    Steps steps;
+    ExitCode code = ExitCode::kOk;
+    steps.run([&] { code = parseAndWork(program, argc, argv); });
+    if (!steps.allDone()) code = steps.code();
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) return code;
+    throw Failure(program.failed, "the report could not be written");
 }
 
 }  // namespace
 
 int runProgram(const Program& program, int argc, char** argv) noexcept {
     setlocale(LC_CTYPE, "");
+    setProgram(program.name, program.failed);
+    ExitCode code = program.failed;
     try {
-        const int code = parseAndWork(program, argc, argv);
-        if (fflush(stdout) == 0 && ferror(stdout) == 0) return code;
-        complain(program.name, "the report could not be written");
+        code = workAndReport(program, argc, argv);
     } catch (const std::bad_alloc&) {
-        fprintf(stderr, "%s: not enough memory\n", program.name);  // which needs none
+        fprintf(stderr, "%s: not enough memory\n", program.name);  // complain() would need some
     } catch (const std::exception& error) {
-        complain(program.name, error.what());
+        complain(error.what());
     }
-    return program.failed;
+    return static_cast<int>(code);
 }
 
 }  // namespace tool

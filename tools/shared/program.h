@@ -1,6 +1,8 @@
-// What is alike in main() of all programs.
+// main() of every program.
 #ifndef TOOLS_SHARED_PROGRAM_H
 #define TOOLS_SHARED_PROGRAM_H
+
+#include "tools/shared/failure.h"
 
 namespace CLI {
 class App;
@@ -11,13 +13,14 @@ namespace tool {
 struct Program {
     const char* name;
     const char* description;
-    int failed;  ///< exit code when the work, or its report, could not be done
+    ExitCode failed;  ///< when the work could not be done, or its report not be written
     /// Adds the subcommands, whose callbacks do the work and leave the exit code in `code`.
-    void (*addCommands)(CLI::App& app, int& code);
+    void (*addCommands)(CLI::App& app, ExitCode& code);
 };
 
-/// Runs a program and returns its exit code: kExitUsage for bad options, with one line on stderr;
-/// `failed` after an exception, or when not all of standard output could be written.
+/// Runs a program and returns its exit code: kUsage for bad options, with one line on stderr; that
+/// of a Failure, with its text on stderr; `failed` after any other exception, or when not all of
+/// standard output could be written.
 int runProgram(const Program& program, int argc, char** argv) noexcept;
 
 }  // namespace tool

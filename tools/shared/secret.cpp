@@ -8,37 +8,44 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
-#include "tools/shared/descriptor.h"
+#include "common/owned.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace tool {
 namespace {
+
+using Problem = std::optional<std::string>;
 
 constexpr char kVariable[] = "KSPOOL_PASSWORD";
 constexpr char kTooLong[] = "the password is longer than 255 characters";
 
-/// Byte by byte, so that no buffer keeps a copy and standard input goes on with its second line.
-std::string readFirstLine(int fd, Secret& secret) {
+/// Byte by byte: a buffer would keep a copy of the password, and would take more than the first
+/// line from standard input.
+Problem readFirstLine(int fd, Secret& secret) {
     char character = 0;
-    std::string problem;
-    for (;;) {
+    Problem problem;
+    while (!problem) {
         const ssize_t got = read(fd, &character, 1);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) problem = strerror(errno);
         if (got <= 0 || character == '\n') break;
-        if (character == '\0') problem = "the password holds a NUL";
-        if (problem.empty() && !secret.append(character)) problem = kTooLong;
-        if (!problem.empty()) break;
+        if (character == '\0') {
+            problem = "the password holds a NUL";
+        } else if (!secret.append(character)) {
+            problem = kTooLong;
+        }
     }
     explicit_bzero(&character, sizeof character);
     if (secret.last() == '\r') secret.dropLast();
-    if (problem.empty() && secret.empty()) problem = "the first line holds no password";
+    if (!problem && secret.empty()) problem = "the first line holds no password";
     return problem;
 }
 
-std::string readFile(const std::string& path, Secret& secret) {
-    const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+Problem readFile(const std::string& path, Secret& secret) {
+    const kspool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     struct stat status {};
     if (file.get() < 0 || fstat(file.get(), &status) != 0) return strerror(errno);
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
@@ -47,13 +54,14 @@ std::string readFile(const std::string& path, Secret& secret) {
     return readFirstLine(file.get(), secret);
 }
 
-std::string readStandardInput(Secret& secret) {
+Problem readStandardInput(Secret& secret) {
     if (isatty(STDIN_FILENO) != 0) return "is a terminal, which would show the password";
     return readFirstLine(STDIN_FILENO, secret);
 }
 
-/// The process's environment can be read from outside, so the value is wiped where it stands.
-std::string takeVariable(bool wanted, Secret& secret) {
+/// Wipes the value in place, since the environment of a process can be read from outside. `wanted`:
+/// the value is the password.
+Problem takeVariable(bool wanted, Secret& secret) {
     char* value = getenv(kVariable);
     if (value == nullptr) return {};
     const size_t length = strlen(value);
@@ -62,7 +70,12 @@ std::string takeVariable(bool wanted, Secret& secret) {
         fits = secret.append(value[i]);
     explicit_bzero(value, length);
     unsetenv(kVariable);
-    return fits ? "" : kTooLong;
+    if (!fits) return kTooLong;
+    return {};
+}
+
+void require(const std::string& source, const Problem& problem) {
+    if (problem) throw Failure(ExitCode::kUsage, source + ": " + *problem);
 }
 
 }  // namespace
@@ -81,14 +94,14 @@ void Secret::dropLast() {
     text_[--length_] = '\0';
 }
 
-std::string takePassword(const std::string& file, Secret& secret) {
-    const std::string variable = takeVariable(file.empty(), secret);
-    if (!variable.empty()) return std::string("$") + kVariable + ": " + variable;
-    if (file.empty()) return {};
-    const bool standardInput = file == "-";
-    const std::string problem = standardInput ? readStandardInput(secret) : readFile(file, secret);
-    if (problem.empty()) return {};
-    return (standardInput ? "standard input" : tool::printable(file)) + ": " + problem;
+void takePassword(const std::string& file, Secret& secret) {
+    require(std::string("$") + kVariable, takeVariable(file.empty(), secret));
+    if (file.empty()) return;
+    if (file == "-") {
+        require("standard input", readStandardInput(secret));
+    } else {
+        require(printable(file), readFile(file, secret));
+    }
 }
 
-}  // namespace pool
+}  // namespace tool

@@ -1,4 +1,9 @@
-// The password: where it comes from, and that it does not stay.
+// The password: where it comes from, and that no copy of it stays.
+//
+// Invariants:
+//  1. Outside the library, a Secret holds the only copy of the password: it is read byte by byte,
+//     since a buffered stream would keep another one.
+//  2. The Secret, and the environment variable that the password may have come from, are wiped.
 #ifndef TOOLS_SHARED_SECRET_H
 #define TOOLS_SHARED_SECRET_H
 
@@ -6,9 +11,8 @@
 #include <cstddef>
 #include <string>
 
-namespace pool {
+namespace tool {
 
-/// A password. It has one place in memory, which is wiped.
 class Secret {
   public:
     static constexpr size_t kLongest = 255;  ///< characters that KS_OPT_PASSWORD takes
@@ -20,7 +24,7 @@ class Secret {
 
     bool empty() const { return length_ == 0; }
     const char* text() const { return text_.data(); }
-    /// False when it is as long as may be.
+    /// False when it has kLongest characters already.
     bool append(char character);
     void dropLast();
     char last() const { return length_ > 0 ? text_[length_ - 1] : '\0'; }
@@ -31,10 +35,10 @@ class Secret {
 };
 
 /// Reads the password from the first line of a file ("-": standard input), or without one from
-/// $KSPOOL_PASSWORD, which is wiped and unset in any case. Returns what is wrong, else an empty
-/// text; no password at all is not wrong.
-std::string takePassword(const std::string& file, Secret& secret);
+/// $KSPOOL_PASSWORD, which is wiped and unset in any case. Throws Failure with kUsage for a source
+/// that cannot be used; that there is no password at all is no failure.
+void takePassword(const std::string& file, Secret& secret);
 
-}  // namespace pool
+}  // namespace tool
 
 #endif

@@ -6,16 +6,16 @@
 #include <iterator>
 #include <vector>
 
+#include "common/owned.h"
 #include "ks.h"
 #include "platform/status.h"
 #include "platform/ws.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/secret.h"
 #include "tools/shared/text.h"
 
-namespace pool {
+namespace tool {
 namespace {
-
-using tool::printable;
 
 constexpr uint32_t kNoSuchFile = 2001;  // events of docs/wire-protocol.md
 constexpr uint32_t kNoSelection = 3001;
@@ -57,7 +57,7 @@ bool isTransport(uint32_t status) {
     return status >= CR_STATUS_TRANSPORT_BASE && status <= kTransportLast;
 }
 
-/// Without user name and password, should somebody have put them there.
+/// The URL without user name and password, which some people write into it.
 std::string shownUrl(const std::string& url) {
     const size_t scheme = url.find("://");
     const size_t host = scheme == std::string::npos ? 0 : scheme + 3;
@@ -66,17 +66,11 @@ std::string shownUrl(const std::string& url) {
     return printable(url.substr(0, host) + url.substr(at + 1));
 }
 
-int exitCode(uint32_t status, uint32_t event) {
-    if (status == CR_STATUS_OK) return tool::kExitOk;
-    if (status == CR_STATUS_PERMISSION_DENIED) return tool::kExitPermission;
+ExitCode exitCode(uint32_t status, uint32_t event) {
+    if (status == CR_STATUS_PERMISSION_DENIED) return ExitCode::kPermission;
     const bool nothing = event == kNoSuchFile || event == kNoSelection || event == kNoImage;
-    if (status == CR_STATUS_REMOTE_ERROR && nothing) return tool::kExitNothing;
-    return isTransport(status) ? tool::kExitNetwork : tool::kExitFailed;
-}
-
-int refuse(int code, const std::string& text) {
-    tool::complain(kProgram, text);
-    return code;
+    if (status == CR_STATUS_REMOTE_ERROR && nothing) return ExitCode::kNothing;
+    return isTransport(status) ? ExitCode::kNetwork : ExitCode::kFailed;
 }
 
 KSOption textOption(uint32_t code, const char* text) {
@@ -86,29 +80,26 @@ KSOption textOption(uint32_t code, const char* text) {
 }  // namespace
 
 Session::Session(const SessionOptions& options)
-    : messages_(options.verbose), login_(options.login), code_(open(options)) {}
-
-int Session::open(const SessionOptions& options) {
-    const std::string problem = readConfiguration(options);
-    if (!problem.empty()) return refuse(tool::kExitUsage, problem);
-    // The configuration has defaults for what it could not read, which nobody asked for.
+    : messages_(options.verbose), login_(options.login) {
+    readConfiguration(options);
+    // Where a file could not be read, the library goes on with defaults, which nobody asked for.
     if (const uint32_t reason = messages_.notRead(); reason != 0) {
-        return refuse(tool::kExitFailed,
+        throw Failure(ExitCode::kFailed,
                       configFile_ + ": could not be read as a whole: " + CRStatusToStringA(reason));
     }
     const std::string url = options.server.empty() ? configUrl_ : options.server;
     if (url.empty()) {
-        return refuse(tool::kExitUsage,
+        throw Failure(ExitCode::kUsage,
                       configFile_ + ": names no Metabase server; give --server URL");
     }
     server_ = shownUrl(url);
-    if (const int code = create(options, url)) return code;
-    return enableRetries(options);
+    create(options, url);
+    enableRetries(options);
 }
 
-/// What is wrong with it, else an empty text. When there is none but a server is given, whether
-/// that is enough is for the library to say.
-std::string Session::readConfiguration(const SessionOptions& options) {
+/// A missing configuration is a failure only where no server is given either: then the library
+/// decides whether the server alone is enough.
+void Session::readConfiguration(const SessionOptions& options) {
     const auto config = std::make_unique<KSConfig>();
     const char* path = options.config.empty() ? nullptr : options.config.c_str();
     uint32_t& slot = *__cr_errno_location();
@@ -118,62 +109,59 @@ std::string Session::readConfiguration(const SessionOptions& options) {
     if (reason != CR_STATUS_OK) {
         std::array<char, 4096> found{};
         if (path == nullptr) path = CRConfigLocate("Agent", found.data(), found.size());
-        if (path != nullptr) return printable(path) + ": " + CRStatusToStringA(reason);
-        return options.server.empty() ? kNotConfigured : "";
+        if (path != nullptr) {
+            throw Failure(ExitCode::kUsage, printable(path) + ": " + CRStatusToStringA(reason));
+        }
+        if (options.server.empty()) throw Failure(ExitCode::kUsage, kNotConfigured);
+        return;
     }
     configFile_ = printable(options.config.empty() ? config->configFile : options.config);
     if ((config->flags & KS_CFG_MBS_URL) != 0) configUrl_ = config->mbsUrl;
     if ((config->flags & KS_CFG_SSL_KEY) != 0) keyLocation_ = printable(config->sslKeyLocation);
     reconnectTimeout_ = config->reconnectTimeout;
-    return {};
 }
 
-int Session::create(const SessionOptions& options, const std::string& url) {
+void Session::create(const SessionOptions& options, const std::string& url) {
     Secret secret;
-    const std::string problem = takePassword(options.passwordFile, secret);
-    if (!problem.empty()) return refuse(tool::kExitUsage, problem);
+    takePassword(options.passwordFile, secret);
     hasPassword_ = !secret.empty();
-    // The transport learns where its server is only from an option.
+    // The configuration's URL too: the transport takes the server's place from an option only.
     std::vector<KSOption> list = {textOption(KS_OPT_MBS_URL, url.c_str())};
     if (!login_.empty()) list.push_back(textOption(KS_OPT_LOGIN, login_.c_str()));
     if (hasPassword_) list.push_back(textOption(KS_OPT_PASSWORD, secret.text()));
     session_.reset(MBCreateWithAgentCfg(0, list.data(), static_cast<uint32_t>(list.size()),
                                         options.config.empty() ? nullptr : options.config.c_str()));
-    if (session_ != nullptr) return tool::kExitOk;
-    if (configFile_.empty()) return refuse(tool::kExitUsage, kNotConfigured);
+    if (session_ != nullptr) return;
+    if (configFile_.empty()) throw Failure(ExitCode::kUsage, kNotConfigured);
     const uint32_t reason = *__cr_errno_location();
-    return refuse(exitCode(reason, 0),
+    throw Failure(exitCode(reason, 0),
                   std::string("no session could be made: ") + CRStatusToStringA(reason));
 }
 
-int Session::enableRetries(const SessionOptions& options) {
-    if (options.retry == 0) return tool::kExitOk;
+void Session::enableRetries(const SessionOptions& options) {
+    if (options.retry == 0) return;
     const uint32_t status = MBEnableResiliency(session_.get(), options.retry);
     if (reconnectTimeout_ == 0) {
-        if (status == CR_STATUS_OK) return tool::kExitOk;
-        return refuse(exitCode(status, 0), std::string("--retry: ") + CRStatusToStringA(status));
+        if (status == CR_STATUS_OK) return;
+        throw Failure(exitCode(status, 0), std::string("--retry: ") + CRStatusToStringA(status));
     }
     if (!options.quiet && reconnectTimeout_ != options.retry) {
-        tool::complain(kProgram, "note: --retry changes nothing, because the configuration says " +
-                                     std::to_string(reconnectTimeout_) + " s");
+        complain("note: --retry changes nothing, because the configuration says " +
+                 std::to_string(reconnectTimeout_) + " s");
     }
-    return tool::kExitOk;
 }
 
-void Session::complain(const std::string& subject, const std::string& text) {
-    tool::complain(kProgram, subject.empty() ? text : subject + ": " + text);
-}
-
-int Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call) {
+void Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call) {
     messages_.forget();
     reason_.clear();
     const uint32_t status = call(session_.get());
-    if (status == CR_STATUS_OK) return tool::kExitOk;
-    complain(subject, explain(status));
-    return exitCode(status, messages_.event());
+    if (status == CR_STATUS_OK) return;
+    const std::string text = explain(status);
+    throw Failure(exitCode(status, messages_.event()),
+                  subject.empty() ? text : subject + ": " + text);
 }
 
-/// The status that a server's event comes to, which some calls return in its place.
+/// The status for a result that may be an event of the server, which some calls return.
 uint32_t Session::statusOfEvent(uint32_t result) {
     if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
     messages_.noteEvent(result);
@@ -181,21 +169,22 @@ uint32_t Session::statusOfEvent(uint32_t result) {
     return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
 }
 
-int Session::attemptEvent(const std::string& subject,
-                          const std::function<uint32_t(MBSession*)>& call) {
-    return attempt(subject, [&](MBSession* session) { return statusOfEvent(call(session)); });
+void Session::attemptEvent(const std::string& subject,
+                           const std::function<uint32_t(MBSession*)>& call) {
+    attempt(subject, [&](MBSession* session) { return statusOfEvent(call(session)); });
 }
 
-int Session::attemptQuery(uint32_t dataselection, const std::function<uint32_t(MBSession*)>& call) {
-    return attempt("query", [&](MBSession* session) -> uint32_t {
+void Session::attemptQuery(uint32_t dataselection,
+                           const std::function<uint32_t(MBSession*)>& call) {
+    attempt("query", [&](MBSession* session) -> uint32_t {
         const uint32_t status = call(session);
         if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
         if (status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_BAD_HANDLE) return status;
-        // What refuses a query for its login or its data selection refuses this as well.
+        // A login or a data selection that may not be queried may not list its images either.
         char* images = nullptr;
         const uint32_t event =
             MBGetLastImages(session, dataselection, nullptr, nullptr, -1, INT64_MAX, &images);
-        free(images);
+        const kspool::OwnedText owned(images);
         const auto* known = std::find_if(std::begin(kReasons), std::end(kReasons),
                                          [=](const Hint& r) { return r.status == event; });
         if (known == std::end(kReasons)) return status;
@@ -204,7 +193,7 @@ int Session::attemptQuery(uint32_t dataselection, const std::function<uint32_t(M
     });
 }
 
-/// What happened, to what it happened, and what to do next where that can be known.
+/// The text of a failure: what happened, at which server, and what to do next where that is known.
 std::string Session::explain(uint32_t status) const {
     const bool permission = status == CR_STATUS_PERMISSION_DENIED;
     const bool remote = permission || status == CR_STATUS_REMOTE_ERROR;
@@ -231,4 +220,4 @@ std::string Session::explain(uint32_t status) const {
     return hint != std::end(kHints) ? text + "; " + hint->text : text;
 }
 
-}  // namespace pool
+}  // namespace tool

@@ -1,6 +1,6 @@
 #include "tools/shared/session_options.h"
 
-namespace pool {
+namespace tool {
 namespace {
 
 constexpr size_t kLongestLogin = 255;
@@ -42,4 +42,4 @@ void addSessionOptions(CLI::App& app, SessionOptions& session) {
         ->excludes(quiet);
 }
 
-}  // namespace pool
+}  // namespace tool

@@ -6,13 +6,14 @@
 
 #include "tools/shared/session.h"
 
-namespace pool {
+namespace tool {
 
-/// Text that an unset variable of a script did not leave empty, and that the library takes.
+/// Refuses empty texts, as an unset variable of a script leaves them, and texts that are longer
+/// than the library takes.
 CLI::Validator textUpTo(size_t longest);
 
 void addSessionOptions(CLI::App& app, SessionOptions& session);
 
-}  // namespace pool
+}  // namespace tool
 
 #endif

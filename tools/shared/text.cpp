@@ -15,7 +15,7 @@ std::string formatted(const char* format, double number, const char* unit) {
     return text.data();
 }
 
-/// A year that no calendar has leaves the number.
+/// The bare number when the year does not fit into a calendar date.
 std::string calendarTime(int64_t seconds, const char* format) {
     const std::time_t time = seconds;
     std::tm parts{};
@@ -28,10 +28,6 @@ std::string calendarTime(int64_t seconds, const char* format) {
 }
 
 }  // namespace
-
-void complain(const std::string& program, const std::string& text) {
-    fprintf(stderr, "%s: %s\n", program.c_str(), text.c_str());
-}
 
 std::string humanBytes(double bytes) {
     constexpr std::array kUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
@@ -66,7 +62,7 @@ std::string localTime(int64_t seconds) {
 
 std::string isoTime(int64_t seconds) {
     std::string text = calendarTime(seconds, "%Y-%m-%dT%H:%M:%S%z");
-    // strftime() gives the zone as +0100, which ISO 8601 has not beside a time with colons.
+    // strftime() writes the zone as +0100; ISO 8601 wants +01:00 after a time with colons.
     if (text.find('T') != std::string::npos) text.insert(text.size() - 2, ":");
     return text;
 }
@@ -77,8 +73,9 @@ std::string printable(const std::string& name) {
     for (size_t at = 0; at < name.size();) {
         wchar_t wide = 0;
         const size_t length = std::mbrtowc(&wide, name.data() + at, name.size() - at, &state);
-        const bool whole = length != 0 && length <= name.size() - at;
-        if (whole && name[at] != '\\' && std::iswprint(static_cast<std::wint_t>(wide)) != 0) {
+        // mbrtowc() returns huge numbers for invalid and truncated sequences, and 0 for NUL.
+        const bool valid = length != 0 && length <= name.size() - at;
+        if (valid && name[at] != '\\' && std::iswprint(static_cast<std::wint_t>(wide)) != 0) {
             text.append(name, at, length);
             at += length;
             continue;
@@ -90,6 +87,16 @@ std::string printable(const std::string& name) {
         ++at;
     }
     return text;
+}
+
+std::vector<std::string> fieldsOf(std::string_view line) {
+    std::vector<std::string> fields;
+    for (;;) {
+        const size_t end = line.find('|');
+        fields.emplace_back(line.substr(0, end));
+        if (end == std::string_view::npos) return fields;
+        line.remove_prefix(end + 1);
+    }
 }
 
 }  // namespace tool

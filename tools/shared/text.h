@@ -1,38 +1,13 @@
-// Texts that all programs write alike: errors, sizes, counts, times.
+// Texts that all programs write alike: sizes, counts, times, names; and lines of fields.
 #ifndef TOOLS_SHARED_TEXT_H
 #define TOOLS_SHARED_TEXT_H
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace tool {
-
-/// What the programs exit with. A program that answers a question (kspool-cache) does as diff and
-/// cmp do: 0 for yes, kExitNo, and kExitTrouble for whatever kept it from an answer.
-enum ExitCode {
-    kExitOk = 0,
-    kExitFailed = 1,   ///< the work could not be done
-    kExitUsage = 2,    ///< bad options or arguments
-    kExitPartial = 3,  ///< done, but something was left out and reported
-
-    kExitNothing = 10,     ///< what was asked for is not there
-    kExitPermission = 12,  ///< the server denied it
-    kExitNetwork = 13,     ///< no answer from the server
-
-    kExitNo = 1,       ///< the answer is no: damaged, different
-    kExitTrouble = 2,  ///< no answer, bad options included
-};
-
-/// A text that the library allocated for its caller.
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-using LibraryText = std::unique_ptr<char, FreeText>;
-
-/// Writes "PROGRAM: TEXT" as one line on stderr.
-void complain(const std::string& program, const std::string& text);
 
 /// "1.50 GiB", "512 B".
 std::string humanBytes(double bytes);
@@ -49,6 +24,9 @@ std::string isoTime(int64_t seconds);
 
 /// A name as a terminal may show it: bytes that the locale cannot print, and backslashes, as \xHH.
 std::string printable(const std::string& name);
+
+/// The fields of a line, which are separated by `|`: one more than there are separators.
+std::vector<std::string> fieldsOf(std::string_view line);
 
 }  // namespace tool
 
