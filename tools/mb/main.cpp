@@ -44,7 +44,7 @@ void addPaths(CLI::App& command, Options& options, int most) {
 }
 
 void addRecursive(CLI::App& command, Options& options) {
-    command.add_flag("-R,--recursive", options.recursive, "With what is in directories");
+    command.add_flag("-R,--recursive", options.recursive, "Directories with their contents");
 }
 
 void addOnePath(CLI::App& command, Options& options) {
@@ -117,8 +117,8 @@ void addCriteria(CLI::App& command, Options& options) {
                 },
                 ""));
     }
-    command.add_flag("--count", options.countOnly, "Print only how many there are");
-    command.add_option("--retries", options.retries, "Send a query that fails again so often")
+    command.add_flag("--count", options.countOnly, "Print only the number of POs");
+    command.add_option("--retries", options.retries, "Times to send a failed query again")
         ->check(CLI::Range(0, 100))
         ->capture_default_str();
 }

@@ -1,10 +1,11 @@
-# Completion for the kspool programs. What there is to complete, their help tells.
+# Bash completion for the kspool programs: options and subcommands are read from their --help, so that
+# this file needs no change when they get new ones.
 _kspool() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
     local -a command=("${COMP_WORDS[0]}")
     local help word subcommands options
     help=$("${command[0]}" --help 2>/dev/null) || return
-    # As far as the words are subcommands.
+    # The help of the innermost subcommand on the line.
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         subcommands=$(sed -n '/^Subcommands:/,/^$/s/^  \([a-z][a-z-]*\) .*/\1/p' <<<"$help")
         grep -qx -- "$word" <<<"$subcommands" || continue

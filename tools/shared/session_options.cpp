@@ -19,7 +19,7 @@ CLI::Validator textUpTo(size_t longest) {
 }
 
 void addSessionOptions(CLI::App& app, SessionOptions& session) {
-    app.add_option("--config", session.config, "Agent configuration [the one that is found]")
+    app.add_option("--config", session.config, "Agent configuration [the first that exists]")
         ->type_name("FILE")
         ->check(textUpTo(kLongestPath));
     app.add_option("--server", session.server, "Metabase server [the configuration's]")
@@ -33,7 +33,7 @@ void addSessionOptions(CLI::App& app, SessionOptions& session) {
                    "File whose first line is the password; - for standard input")
         ->type_name("FILE")
         ->check(textUpTo(kLongestPath));
-    app.add_option("--retry", session.retry, "Try again so long to reach the server [0]")
+    app.add_option("--retry", session.retry, "Seconds to try again to reach the server [0]")
         ->type_name("SECONDS")
         ->check(CLI::Range(0, 3600));
     CLI::Option* quiet = app.add_flag("-q,--quiet", session.quiet, "No notes");
