@@ -1,56 +1,135 @@
 #!/usr/bin/env python3
-"""kspool-sandbox as a program. Usage: sandbox_program_test.py PROGRAM"""
+"""kspool-sandbox as a program: folders that init makes, and servers of them. Usage: sandbox_program_test.py PROGRAM"""
 import base64
-import atexit
 import os
 import re
+import shutil
 import signal
+import socket
+import ssl
 import subprocess
 import sys
 import tempfile
+import urllib.parse
 import urllib.request
 
-PROGRAM = sys.argv[1]
+sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
+from pool_server import OPENER, PoolServer  # noqa: E402
+
+PROGRAM = os.path.abspath(sys.argv[1])
 
 
-def run(*arguments, code=0):
+def run(*arguments, code=1, says=""):
     done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60)
-    assert done.returncode == code, (arguments, done.returncode, done.stderr)
-    assert code == 0 or done.stderr.count("\n") == 1, done.stderr
-    return done
+    assert done.returncode == code and says in done.stderr, (arguments, done.returncode, done.stderr)
+    assert done.stderr.count("\n") == (code != 0), done.stderr
+    return done.stdout
 
 
-def serve(number, *arguments):
-    """Starts, asks for the time, and ends with a signal."""
-    process = subprocess.Popen([PROGRAM, "serve", "made", *arguments], stdout=subprocess.PIPE, text=True)
-    atexit.register(process.kill)  # however the test ends
-    url, pid = re.fullmatch(r"READY url=(\S+) pid=(\d+)\n", process.stdout.readline()).groups()
-    assert int(pid) == process.pid
-    with open("made/agent.password", encoding="ascii") as file:
-        login = base64.b64encode(b"agent:" + file.read().strip().encode()).decode()
-    request = urllib.request.Request(url + "/ws/metabase", b"action=gettime",
-                                     {"Authorization": "Basic " + login, "Request-Id": "0" * 32})
-    opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-    assert re.fullmatch(rb"\d{10,}\n", opener.open(request, timeout=20).read())
-    process.send_signal(number)
-    assert process.wait(20) == 0
-    return url
+def ask(server, number=[0], **form):
+    number[0] += 1
+    login = base64.b64encode(f"agent:{server.password}".encode()).decode()
+    request = urllib.request.Request(server.url + "/ws/metabase", urllib.parse.urlencode(form).encode(),
+                                     {"Authorization": "Basic " + login, "Request-Id": f"{number[0]:032}"})
+    return OPENER.open(request, timeout=20).read().decode()
 
 
-with tempfile.TemporaryDirectory() as folder:
-    os.chdir(folder)
-    run(code=2)
-    run("serve", code=2)
-    run("init", "made", code=2)
-    run("serve", "made", code=1)
-    run("init", "made", "--url", "http://127.0.0.1", "--tls", code=1)
-    assert not os.path.exists("made")
-    said = run("init", "made", "--url", "http://127.0.0.1:9/p").stdout
-    assert "serve" in said and "made" in said
-    assert f"route-tables = {os.path.realpath('made')}/routes\n" in open("made/agent.cfg", encoding="utf-8").read()
-    url = serve(signal.SIGTERM, "--port", "0", "--port-file", "port")
-    assert url == "http://127.0.0.1:" + open("port", encoding="ascii").read().strip() + "/p"
-    serve(signal.SIGINT, "--port", "0", "--db", "other.db", "--tree", "made")
+def secure(port, host, authority, keys):
+    """Whether a server is believed, and believes its client."""
+    context = ssl.create_default_context(cafile=authority + "/ca.pem")
+    if keys:
+        context.load_cert_chain(keys + "/cert.pem", keys + "/key.pem")
+    try:
+        with context.wrap_socket(socket.create_connection(("127.0.0.1", port)), server_hostname=host) as tls:
+            tls.settimeout(20)
+            tls.sendall(b"GET /__admin/health HTTP/1.1\r\nHost: x\r\n\r\n")
+            return b" 200 OK" in tls.recv(4096)
+    except OSError:
+        return False
+
+
+def check_refusals():
+    for arguments, says in (((), ""), (("serve",), ""), (("init", "made"), "")):
+        run(*arguments, code=2, says=says)
+    run("serve", "made", says="init makes such a folder")
+    for url, says in (("ftp://127.0.0.1", "http:// nor"), ("http://", "its host"), ("http://a:0", "its port"),
+                      ("http://a:65536", "its port"), ("http://a:1x", "its port"), ("http://u@a", "its host"),
+                      ("http://a/b?c", "its path"), ("http://[::1]:80", "its host"), ("https://a", "needs TLS")):
+        run("init", "made", "--url", url, says=says)
+    run("init", "made", "--url", "http://127.0.0.1", "--tls", says="needs an https:// URL")
+    run("init", "no/made", "--url", "http://a", says="No such file")
+    run("init", "a\nb", "--url", "http://a", says="control characters")
+    assert not os.listdir()
+    os.mkdir("mine")
+    with open("mine/file", "w", encoding="ascii") as file:
+        file.write("precious")
+    run("init", "mine", "--url", "http://127.0.0.1:1", says="is not empty")
+    run("init", "mine/file", "--url", "http://127.0.0.1:1", says="is no folder")
+    assert (os.listdir(), os.listdir("mine")) == (["mine"], ["file"])
+
+
+def check_folder():
+    os.mkdir("made")
+    said = run("init", "made", "--url", "http://127.0.0.1:9/p", code=0)
+    assert "serve" in said and "made" in said and "TLS" not in said
+    shutil.rmtree("made")
+    server = PoolServer(PROGRAM, "made", url="http://127.0.0.1:{}/p/")
+    with open(server.config, encoding="utf-8") as file:
+        config = file.read()
+    assert f"\nurl = {server.url[:-1]}\n" in config and "ssl-key" not in config, config
+    assert f"route-tables = {os.path.realpath('made')}/routes\n" in config, config
+    for name in ("agent.cfg", "accounts.json", "agent.password", "reader.password"):
+        assert os.stat(f"made/{name}").st_mode & 0o777 == 0o600, name
+    with open("made/accounts.json", encoding="utf-8") as file:
+        accounts = file.read()
+    assert len(server.password) == 24 and server.password not in accounts
+    return server, accounts
+
+
+def check_serving(server, accounts):
+    shown = server.url
+    server.start()
+    assert server.url == shown[:-1] and os.path.exists("made/pool.db")
+    assert re.fullmatch(r"\d{10,}\n", ask(server, action="gettime"))
+    run("serve", "made", says="Address already in use")
+    server.stop()
+    os.makedirs("tree/d")
+    for name, content in (("d/f", "12345"), ("bad\nname", "x")):
+        with open("tree/" + name, "w", encoding="ascii") as file:
+            file.write(content)
+    os.symlink("/", "tree/link")
+    server.start("--port", "0", "--port-file", "port", "--db", "other.db", "--tree", "tree", stderr=subprocess.PIPE)
+    assert "2 entries left out" in server.process.stderr.readline()
+    assert server.url == "http://127.0.0.1:" + open("port", encoding="ascii").read().strip() + "/p"
+    assert re.fullmatch(r"d 0 \d+ d\nf 5 \d{10,} d/f\n", ask(server, action="dir", path="/", recursive=1))
+    server.stop(signal.SIGINT)
     assert os.path.exists("other.db")
-    run("serve", "made", "--port", "0", "--tree", "nowhere", code=1)
-    run("serve", "made", "--port", "0", "--tls-dir", "nowhere", code=1)
+    for bad in (("--tree", "nowhere"), ("--tls-dir", "nowhere"), ("--port-file", "nowhere/port")):
+        run("serve", "made", "--port", "0", *bad, says="nowhere")
+    for text, says in ((accounts.replace("write", "fly"), "'fly'"), ('{"accounts": []}', "no account"), ("x", "accounts.json: ")):
+        with open("made/accounts.json", "w", encoding="utf-8") as file:
+            file.write(text)
+        run("serve", "made", "--port", "0", says=says)
+
+
+def check_tls():
+    run("init", "foreign", "--url", "https://pool.example:1", "--tls", code=0)
+    server = PoolServer(PROGRAM, "secure", "--tls", url="https://pool.example:{}")
+    server.start()
+    assert server.url.startswith("https://127.0.0.1:")
+    ours, theirs = "secure/tls/client", "foreign/tls/client"
+    # A refused client leaves the server fit for others.
+    for host, authority, keys, believed in (
+            ("127.0.0.1", ours, ours, True), ("localhost", ours, ours, True), ("127.0.0.1", ours, None, False),
+            ("127.0.0.1", ours, theirs, False), ("127.0.0.1", theirs, ours, False), ("else.example", ours, ours, False),
+            ("pool.example", ours, ours, True)):
+        assert secure(int(server.url.split(":")[2]), host, authority, keys) == believed, (host, authority, keys)
+    server.stop()
+
+
+with tempfile.TemporaryDirectory() as place:
+    os.chdir(place)
+    check_refusals()
+    check_serving(*check_folder())
+    check_tls()
+    os.chdir("/")

@@ -50,17 +50,61 @@ std::string headerOf(const std::string& request, const std::string& name) {
     return request.substr(start, request.find("\r\n", start) - start);
 }
 
-std::string rawExchange(uint16_t port, const std::string& request) {
-    const int fd = loopback::connectTo(port);
-    std::string answer;
-    char block[4096];
-    ssize_t moved = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    while (moved > 0 && !isWhole(answer)) {
-        moved = recv(fd, block, sizeof block, 0);
-        if (moved > 0) answer.append(block, static_cast<size_t>(moved));
+std::string Received::brief() const {
+    const auto typed = [&](const char* type) {
+        return headerOf(head, "Content-Type").starts_with(type);
+    };
+    std::string text = end == "kept" ? "" : end + " ";
+    text += head.size() > 12 ? head.substr(9, 3) + " " : "";
+    if (end == "kept" && typed("application/problem+json")) {
+        const size_t at = body.find("\"eventCode\":");
+        text += at == std::string::npos ? "event" : "event " + body.substr(at + 12);
+        return text.substr(0, text.find_first_of(",}"));
     }
-    close(fd);
-    return answer;
+    if (end == "kept" && !typed("text/plain")) text += headerOf(head, "Content-Type") + " ";
+    text += body;
+    return text.substr(0, text.size() - (text.ends_with(' ') ? 1 : 0));
+}
+
+RawClient::RawClient(uint16_t port) : socket_(loopback::connectTo(port)) {}
+
+RawClient::~RawClient() {
+    close(socket_);
+}
+
+Received RawClient::ask(const std::string& bytes, int milliseconds) {
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t count =
+            ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count <= 0) break;
+        sent += static_cast<size_t>(count);
+    }
+    Received received;
+    for (std::string all;;) {
+        const size_t split = all.find("\r\n\r\n");
+        received.head = all.substr(0, split);
+        received.body = split == std::string::npos ? "" : all.substr(split + 4);
+        const bool chunked = received.head.find("chunked") != std::string::npos;
+        const bool known = received.head.find("Content-Length: ") != std::string::npos;
+        if ((known && isWhole(all)) || (chunked && received.body.ends_with("0\r\n\r\n"))) {
+            received.end = "kept";
+            return received;
+        }
+        pollfd ready{socket_, POLLIN, 0};
+        char block[8192];
+        const bool any = poll(&ready, 1, milliseconds) == 1;
+        const ssize_t count = any ? recv(socket_, block, sizeof block, 0) : -1;
+        if (count <= 0) {
+            received.end = !any ? "silent" : count == 0 ? "closed" : "reset";
+            return received;
+        }
+        all.append(block, static_cast<size_t>(count));
+    }
+}
+
+std::string rawExchange(uint16_t port, const std::string& request) {
+    const Received received = RawClient(port).ask(request);
+    return received.head + "\r\n\r\n" + received.body;
 }
 
 RawServer::RawServer(Reply otherwise) : otherwise_(std::move(otherwise)) {

@@ -1,4 +1,4 @@
-// A server that speaks whatever bytes a test puts into its mouth.
+// Two peers that speak whatever bytes a test puts into their mouths: a server and a client.
 #ifndef TESTS_RAW_SERVER_H
 #define TESTS_RAW_SERVER_H
 
@@ -65,11 +65,36 @@ class RawServer {
     std::thread acceptor_;
 };
 
-/// Sends a request to a server on the loopback interface and returns its answer as it stands on the
-/// wire.
+/// An answer, as far as it came.
+struct Received {
+    std::string end;  ///< "kept" (complete), "closed", "reset", "silent" (nothing more in time)
+    std::string head;
+    std::string body;
+
+    /// On one line: END (unless kept), STATUS, the content type (unless text/plain) and BODY, or
+    /// "STATUS event CODE" for a problem document.
+    std::string brief() const;
+};
+
+/// One connection to a server on the loopback interface, whose every byte is seen.
+class RawClient {
+  public:
+    explicit RawClient(uint16_t port);
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+    ~RawClient();
+
+    /// Sends some bytes, and waits for an answer as long as it goes on coming.
+    Received ask(const std::string& bytes, int milliseconds = 5000);
+
+  private:
+    int socket_;
+};
+
+/// A request on a connection of its own, and the answer as it stands on the wire.
 std::string rawExchange(uint16_t port, const std::string& request);
 
-/// The value of a header of a request, empty when it has none.
+/// The value of a header of a request or an answer, empty without that header.
 std::string headerOf(const std::string& request, const std::string& name);
 
 #endif
