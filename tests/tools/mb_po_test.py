@@ -1,14 +1,12 @@
 #!/usr/bin/env python3
 """kspool-mb po, image and hvx against a pool server. Usage: mb_po_test.py MB SANDBOX"""
-import http.server
 import json
 import os
 import subprocess
 import sys
 import tempfile
-import threading
 
-from pool_server import PoolServer
+from pool_server import PoolServer, answering
 
 MB, SANDBOX = sys.argv[1:]
 
@@ -65,24 +63,9 @@ with tempfile.TemporaryDirectory() as top:
         assert done.returncode == 12 and "wrong password" in done.stderr, done
 
     # A server that announces more POs than it sends.
-    class Liar(http.server.BaseHTTPRequestHandler):
-        def do_POST(self):
-            body = b"names\ntypes\n4294967295\na|1\nb|2\n"
-            self.send_response(200)
-            self.send_header("Content-Type", "text/plain")
-            self.send_header("Content-Length", str(len(body)))
-            self.end_headers()
-            self.wfile.write(body)
-
-        def log_message(self, *_):
-            pass
-
-    with http.server.HTTPServer(("127.0.0.1", 0), Liar) as liar:
-        threading.Thread(target=liar.serve_forever).start()
-        lied = run("--server", f"http://127.0.0.1:{liar.server_port}", "po", "find", "1", code=1,
-                   out="a|1\nb|2\n")
-        assert "fewer POs than it announced" in lied.stderr, lied.stderr
-        liar.shutdown()
+    with answering(lambda _: "names\ntypes\n4294967295\na|1\nb|2\n") as url:
+        lied = run("--server", url, "po", "find", "1", code=1, out="a|1\nb|2\n").stderr
+        assert "fewer POs than it announced" in lied, lied
 
     # Images and tags.
     image = ("--client", "c", "--policy", "p", "--image", "i")
