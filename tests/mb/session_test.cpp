@@ -80,11 +80,8 @@ auto* const witness =
 class Pool {
   public:
     explicit Pool(bool tls) : folder_(witness->folder + (tls ? "/tls" : "/http")) {
-        std::string error;
-        EXPECT_TRUE(sandbox::setUp(
-            {folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls}, error))
-            << error;
-        EXPECT_TRUE(sandbox::readSetup(folder_, settings, error)) << error;
+        sandbox::setUp({folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls});
+        settings = sandbox::readSetup(folder_);
         settings.port = 0;
         settings.accounts = {{"canary", kCanary, {"read", "write", "delete"}},
                              {"reader", "r", {"read"}}};
@@ -247,8 +244,7 @@ TEST_P(Sessions, AreTheParents) {
 TEST(SessionTls, IsNotMadeWithoutTheRightKeys) {
     const Pool& pool = emptyPool(true);
     const std::string folder = witness->folder + "/stranger", keys = folder + "/mixed";
-    std::string error;
-    ASSERT_TRUE(sandbox::setUp({folder, "https://127.0.0.1:1", true}, error)) << error;
+    sandbox::setUp({folder, "https://127.0.0.1:1", true});
     std::ofstream(folder + "/mixed.cfg") << "[paths]\nssl-key = " << keys << "\n";
     const std::string ours = witness->folder + "/tls/tls/client/", theirs = folder + "/tls/client/";
     const std::string port = pool.server->url().substr(strlen("https://127.0.0.1"));

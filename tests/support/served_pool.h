@@ -2,8 +2,6 @@
 #ifndef TESTS_SERVED_POOL_H
 #define TESTS_SERVED_POOL_H
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 
@@ -12,9 +10,7 @@
 /// A server whose clock stands still.
 inline std::unique_ptr<sandbox::Server> servedPool(const sandbox::Settings& settings,
                                                    const std::string& clock = "1700000000") {
-    std::string error;
-    auto server = sandbox::Server::start(settings, error);
-    EXPECT_NE(server, nullptr) << error;
+    auto server = std::make_unique<sandbox::Server>(settings);
     server->admin("POST", "clock", clock);
     return server;
 }
