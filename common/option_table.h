@@ -11,42 +11,42 @@ namespace kspool {
 
 /// A variadic option list: how the value that follows a code is read.
 enum class VaValue : uint8_t {
-    EndsList,  ///< no value follows; the list is over
-    Refused,   ///< the list is not accepted
-    Word64,    ///< 64 bits, integer or text
-    Word32,    ///< a 32-bit integer, stored zero-extended
+    kEndsList,  ///< no value follows; the list is over
+    kRefused,   ///< the list is not accepted
+    kWord64,    ///< 64 bits, integer or text
+    kWord32,    ///< a 32-bit integer, stored zero-extended
 };
 
 /// Options of a session.
 enum class SessionUse : uint8_t {
-    CrOnly,     ///< another component's: ignored with a trace
-    SpOnly,     ///< another component's: ignored with a trace
-    Ignored,    ///< ignored without a trace
-    Forwarded,  ///< passed on to the agent configuration
-    Recorded,   ///< the value is kept in the session
-    Transport,  ///< passed on to the transport under `transportCode`
-    Rejected,   ///< ends the call
+    kCrOnly,     ///< another component's: ignored with a trace
+    kSpOnly,     ///< another component's: ignored with a trace
+    kIgnored,    ///< ignored without a trace
+    kForwarded,  ///< passed on to the agent configuration
+    kRecorded,   ///< the value is kept in the session
+    kTransport,  ///< passed on to the transport under `transportCode`
+    kRejected,   ///< ends the call
 };
 
 /// Options of an agent configuration: the field that the value goes to.
 enum class ConfigField : uint8_t {
-    None,  ///< ignored
-    Login,
-    Password,
-    ApplicationName,
-    RouteTableDir,
-    SpaUrl,
-    MbsUrl,
-    FingerprintType,
-    DoType,
+    kNone,  ///< ignored
+    kLogin,
+    kPassword,
+    kApplicationName,
+    kRouteTableDir,
+    kSpaUrl,
+    kMbsUrl,
+    kFingerprintType,
+    kDoType,
 };
 
 /// Which texts an agent configuration accepts besides non-empty ones.
 enum class ConfigText : uint8_t {
-    NotText,
-    NonEmpty,      ///< neither NULL nor empty
-    MayBeEmpty,    ///< empty, but not NULL
-    ClearsIfNone,  ///< NULL and empty clear the field
+    kNotText,
+    kNonEmpty,      ///< neither NULL nor empty
+    kMayBeEmpty,    ///< empty, but not NULL
+    kClearsIfNone,  ///< NULL or empty clears the field
 };
 
 /// A range of codes that are treated alike.
@@ -56,7 +56,7 @@ struct OptionRow {
     VaValue vaValue;
     SessionUse session;
     bool refreshesTransport;  ///< login, password, URL and key go to the transport again
-    uint32_t transportCode;   ///< WS_OPT_... of a SessionUse::Transport row
+    uint32_t transportCode;   ///< WS_OPT_... of a SessionUse::kTransport row
     ConfigField field;
     ConfigText text;
     uint32_t capacity;  ///< texts must be shorter than this

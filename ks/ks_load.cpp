@@ -14,22 +14,22 @@ constexpr uint32_t kNoFingerprintType = 255;
 
 /// How a directive's value is read, and what it has to be.
 enum class Kind : uint32_t {
-    Text,             ///< a text; its fallback stands silently
-    Label,            ///< a text; without it the application's name
-    Url,              ///< a text that should be there
-    Id,               ///< a number above 0
-    Reconnect,        ///< seconds
-    FingerprintType,  ///< a type that the pool knows
-    RouteFolder,      ///< a path, from which others are made
-    Path,             ///< a path that should be there
+    kText,             ///< a text; its fallback stands silently
+    kLabel,            ///< a text; without it the application's name
+    kUrl,              ///< a text that should be there
+    kId,               ///< a number above 0
+    kReconnect,        ///< seconds
+    kFingerprintType,  ///< a type that the pool knows
+    kRouteFolder,      ///< a path, from which others are made
+    kPath,             ///< a path that should be there
 };
 
 /// One directive: the offsets of its names in the tables of the configuration library, where the
 /// value goes, and the flag that says so.
 struct Directive {
     Kind kind;
-    uint16_t section;
-    uint16_t entry;
+    InifileSection section;
+    InifileEntry entry;
     uint32_t flag;
     int capacity;  ///< characters of a text
     size_t field;
@@ -40,16 +40,16 @@ struct Directive {
 #define KS_FIELD(name) static_cast<int>(sizeof(KSConfig::name)) - 1, offsetof(KSConfig, name)
 
 constexpr Directive kDirectives[] = {
-    {Kind::Text,            171,  977, 0,                      KS_FIELD(vendorName),       "Norvale"},
-    {Kind::Label,           171,  763, 0,                      KS_FIELD(programLabel),     nullptr},
-    {Kind::Url,             206, 1322, KS_CFG_SPA_URL,         KS_FIELD(spaUrl),           nullptr},
-    {Kind::Url,             144, 1322, KS_CFG_MBS_URL,         KS_FIELD(mbsUrl),           nullptr},
-    {Kind::Id,              139, 1080, KS_CFG_STORAGE_POOL_ID, KS_FIELD(storagePoolId),    nullptr},
-    {Kind::Id,              139,    7, KS_CFG_AGENT_ID,        KS_FIELD(agentId),          nullptr},
-    {Kind::Reconnect,       139, 3072, 0,                      KS_FIELD(reconnectTimeout), nullptr},
-    {Kind::FingerprintType,   9, 1487, KS_CFG_FP_TYPE,         KS_FIELD(fingerprintType),  nullptr},
-    {Kind::RouteFolder,     165,  905, KS_CFG_ROUTE_TABLES,    kPathSize - 1, 0,           nullptr},
-    {Kind::Path,            165, 1503, KS_CFG_SSL_KEY,         KS_FIELD(sslKeyLocation),   nullptr},
+    {Kind::kText,             INI_SECTION_PRODUCT,      INI_ENTRY_VENDOR,            0,                      KS_FIELD(vendorName),       "Norvale"},
+    {Kind::kLabel,            INI_SECTION_PRODUCT,      INI_ENTRY_LABEL,             0,                      KS_FIELD(programLabel),     nullptr},
+    {Kind::kUrl,              INI_SECTION_SPA,          INI_ENTRY_URL,               KS_CFG_SPA_URL,         KS_FIELD(spaUrl),           nullptr},
+    {Kind::kUrl,              INI_SECTION_METABASE,     INI_ENTRY_URL,               KS_CFG_MBS_URL,         KS_FIELD(mbsUrl),           nullptr},
+    {Kind::kId,               INI_SECTION_POOL,         INI_ENTRY_POOL_ID,           KS_CFG_STORAGE_POOL_ID, KS_FIELD(storagePoolId),    nullptr},
+    {Kind::kId,               INI_SECTION_POOL,         INI_ENTRY_AGENT_ID,          KS_CFG_AGENT_ID,        KS_FIELD(agentId),          nullptr},
+    {Kind::kReconnect,        INI_SECTION_POOL,         INI_ENTRY_RECONNECT_TIMEOUT, 0,                      KS_FIELD(reconnectTimeout), nullptr},
+    {Kind::kFingerprintType,  INI_SECTION_FINGERPRINTS, INI_ENTRY_TYPE,              KS_CFG_FP_TYPE,         KS_FIELD(fingerprintType),  nullptr},
+    {Kind::kRouteFolder,      INI_SECTION_PATHS,        INI_ENTRY_ROUTE_TABLES,      KS_CFG_ROUTE_TABLES,    kPathSize - 1, 0,           nullptr},
+    {Kind::kPath,             INI_SECTION_PATHS,        INI_ENTRY_SSL_KEY,           KS_CFG_SSL_KEY,         KS_FIELD(sslKeyLocation),   nullptr},
 };
 
 #undef KS_FIELD
@@ -67,30 +67,30 @@ class Reader {
 
     void read() {
         switch (d_.kind) {
-            case Kind::Text:
+            case Kind::kText:
                 text(InifileGetValueA, textField());
                 break;
-            case Kind::Label:
+            case Kind::kLabel:
                 if (!text(InifileGetValueA, textField())) {
                     qlxstrcpy(textField(), config_.applicationName, sizeof config_.programLabel);
                 }
                 break;
-            case Kind::Url:
+            case Kind::kUrl:
                 expected(text(InifileGetValueA, textField()));
                 break;
-            case Kind::Path:
+            case Kind::kPath:
                 expected(text(InifileGetPathA, textField()));
                 break;
-            case Kind::Id:
+            case Kind::kId:
                 id();
                 break;
-            case Kind::Reconnect:
+            case Kind::kReconnect:
                 reconnectTimeout();
                 break;
-            case Kind::FingerprintType:
+            case Kind::kFingerprintType:
                 fingerprintType();
                 break;
-            case Kind::RouteFolder:
+            case Kind::kRouteFolder:
                 routeTables();
                 break;
         }

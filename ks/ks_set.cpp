@@ -18,13 +18,13 @@ struct TextField {
 
 TextField textField(KSConfig& config, ConfigField field) {
     switch (field) {
-        case ConfigField::Login:
+        case ConfigField::kLogin:
             return {config.login, KS_CFG_LOGIN};
-        case ConfigField::Password:
+        case ConfigField::kPassword:
             return {config.password, KS_CFG_PASSWORD};
-        case ConfigField::ApplicationName:
+        case ConfigField::kApplicationName:
             return {config.applicationName, 0};  // set since the record was initialised
-        case ConfigField::SpaUrl:
+        case ConfigField::kSpaUrl:
             return {config.spaUrl, KS_CFG_SPA_URL};
         default:
             return {config.mbsUrl, KS_CFG_MBS_URL};
@@ -39,15 +39,15 @@ void clearRouteTables(KSConfig& config) {
 
 uint32_t applyText(KSConfig& config, const OptionRow& row, const char* text) {
     const bool empty = text == nullptr || *text == '\0';
-    if (empty && row.text == ConfigText::ClearsIfNone) {
+    if (empty && row.text == ConfigText::kClearsIfNone) {
         clearRouteTables(config);
         return CR_STATUS_OK;
     }
-    if (text == nullptr || (empty && row.text == ConfigText::NonEmpty)) {
+    if (text == nullptr || (empty && row.text == ConfigText::kNonEmpty)) {
         return CR_STATUS_INVALID_PARAMETER;
     }
     if (strnlen(text, row.capacity) == row.capacity) return CR_STATUS_LIMIT_EXCEEDED;
-    if (row.field == ConfigField::RouteTableDir) {
+    if (row.field == ConfigField::kRouteTableDir) {
         nameRouteTables(config, text);
         return CR_STATUS_OK;
     }
@@ -62,13 +62,13 @@ uint32_t apply(KSConfig& config, const KSOption& option) {
     const OptionRow& row = optionRow(option.code);
     const uint64_t number = option.value.number;
     switch (row.field) {
-        case ConfigField::None:
+        case ConfigField::kNone:
             return CR_STATUS_OK;
-        case ConfigField::FingerprintType:
+        case ConfigField::kFingerprintType:
             if (CRFPTypeIsValid(static_cast<uint32_t>(number)) == 0) return CR_STATUS_INVALID_VALUE;
             config.fingerprintType = static_cast<uint8_t>(number);
             return CR_STATUS_OK;
-        case ConfigField::DoType:
+        case ConfigField::kDoType:
             if (CRDOTypeIsValid(static_cast<uint8_t>(number)) == 0) return CR_STATUS_INVALID_VALUE;
             config.doType = static_cast<uint8_t>(number);
             return CR_STATUS_OK;

@@ -30,11 +30,11 @@ bool readPairs(va_list& pairs, KSOption (&options)[kMaxVaOptions], uint32_t& cou
     for (count = 0;; ++count) {
         const auto code = va_arg(pairs, uint32_t);
         const VaValue value = optionRow(code).vaValue;
-        if (value == VaValue::EndsList) return true;
-        if (value == VaValue::Refused || count == kMaxVaOptions) return false;
+        if (value == VaValue::kEndsList) return true;
+        if (value == VaValue::kRefused || count == kMaxVaOptions) return false;
         options[count].code = code;
         options[count].value.number =
-            value == VaValue::Word64 ? va_arg(pairs, uint64_t) : uint64_t{va_arg(pairs, uint32_t)};
+            value == VaValue::kWord64 ? va_arg(pairs, uint64_t) : uint64_t{va_arg(pairs, uint32_t)};
     }
 }
 

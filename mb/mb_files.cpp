@@ -23,23 +23,23 @@ using namespace kspool;
 uint32_t MBDirCreate(MBSession* session, const char* path) noexcept {
     if (const uint32_t bad = checkArguments(session, path)) return bad;
     Answer answer;
-    return carryOut(*session, Op::DirCreate, answer, "path", path);
+    return carryOut(*session, Op::kDirCreate, answer, "path", path);
 }
 
 uint32_t MBFileCopy(MBSession* session, const char* source, const char* destination,
                     uint32_t recursive) noexcept {
-    return fromTo(session, Op::FileCopy, source, destination, recursive);
+    return fromTo(session, Op::kFileCopy, source, destination, recursive);
 }
 
 uint32_t MBFileMove(MBSession* session, const char* source, const char* destination,
                     uint32_t recursive) noexcept {
-    return fromTo(session, Op::FileMove, source, destination, recursive);
+    return fromTo(session, Op::kFileMove, source, destination, recursive);
 }
 
 uint32_t MBFileDelete(MBSession* session, const char* path, uint32_t recursive) noexcept {
     if (const uint32_t bad = checkArguments(session, path)) return bad;
     Answer answer;
-    return carryOut(*session, Op::FileDelete, answer, "path", path, "recursive", recursive);
+    return carryOut(*session, Op::kFileDelete, answer, "path", path, "recursive", recursive);
 }
 
 uint32_t MBDirList(MBSession* session, const char* path, char** listing, size_t* length,
@@ -49,7 +49,7 @@ uint32_t MBDirList(MBSession* session, const char* path, char** listing, size_t*
     if (length != nullptr) *length = 0;
     Answer answer;
     const uint32_t status =
-        carryOut(*session, Op::DirList, answer, "path", path, "recursive", recursive);
+        carryOut(*session, Op::kDirList, answer, "path", path, "recursive", recursive);
     if (status != CR_STATUS_OK) return status;
     *listing = answer.takeData();
     if (length != nullptr && *listing != nullptr) *length = strlen(*listing) + 1;
@@ -60,7 +60,7 @@ uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) noexcept {
     if (const uint32_t bad = checkArguments(session, serverTime)) return bad;
     *serverTime = 0;
     Answer answer;
-    const uint32_t status = carryOut(*session, Op::GetTime, answer);
+    const uint32_t status = carryOut(*session, Op::kGetTime, answer);
     if (status == CR_STATUS_OK && answer.data != nullptr) {
         *serverTime = static_cast<uint32_t>(strtoll(answer.data, nullptr, 10));
     }

@@ -31,7 +31,7 @@ uint32_t MBGetHVXTag(MBSession* session, uint32_t dataselection, int32_t* digit,
         return bad;
     }
     *tag = nullptr;
-    const Operation& op = operation(Op::GetHVXTag);
+    const Operation& op = operation(Op::kGetHVXTag);
     Answer answer;
     const uint32_t sent = WSRequestExt(session->transport, op.service, &answer, "action", op.action,
                                        "dataselection", dataselection, kEndOfParameters);

@@ -49,7 +49,7 @@ uint32_t MBSetLastImageV2(MBSession* session, uint32_t dsid, const char* client,
                           int32_t flags) noexcept {
     if (const uint32_t bad = checkImage(session, dsid)) return bad;
     Answer answer;
-    const uint32_t status = carryOut(*session, Op::SetLastImageV2, answer, "dsid", dsid, "client",
+    const uint32_t status = carryOut(*session, Op::kSetLastImageV2, answer, "dsid", dsid, "client",
                                      client, "policy", policy, "parentid", parentid, "datetime",
                                      datetime, "imagename", imagename, "flags", flags);
     if (status != CR_STATUS_OK) {
@@ -67,7 +67,7 @@ uint32_t MBSetLastImage(MBSession* session, uint32_t dsid, const char* client, c
     if (const uint32_t bad = checkImage(session, dsid)) return bad;
     Answer answer;
     const uint32_t status =
-        carryOut(*session, Op::SetLastImage, answer, "dsid", dsid, "client", client, "policy",
+        carryOut(*session, Op::kSetLastImage, answer, "dsid", dsid, "client", client, "policy",
                  policy, "datetime", datetime, "dofp", dofp, "dcid", dcid, "flags", flags);
     if (status != CR_STATUS_OK) {
         KS_ERROR(status,
@@ -82,7 +82,7 @@ uint32_t MBSetLastImage(MBSession* session, uint32_t dsid, const char* client, c
 uint32_t MBGetLastImages(MBSession* session, uint32_t dsid, const char* client, const char* policy,
                          int32_t parentid, uint64_t datetime, char** answer) noexcept {
     if (const uint32_t bad = checkAll(session, answer)) return bad;
-    const Operation& op = operation(Op::GetLastImages);
+    const Operation& op = operation(Op::kGetLastImages);
     Answer received;
     const uint32_t sent = WSRequestExt(
         session->transport, op.service, &received, "action", op.action, "dsid", dsid, "client",
@@ -100,7 +100,7 @@ uint32_t MBDeleteImage(MBSession* session, uint32_t dsid, const char* client, co
     const char* appname = OSGetProcName(0);
     if (session == nullptr) return CR_STATUS_NULL_HANDLE;
     Answer answer;
-    return carryOut(*session, Op::DeleteImage, answer, "dsid", dsid, "client", client, "policy",
+    return carryOut(*session, Op::kDeleteImage, answer, "dsid", dsid, "client", client, "policy",
                     policy, "imagename", imagename, "appname", appname, "flags", flags);
 }
 
@@ -109,7 +109,7 @@ uint32_t MBSetImageRetention(MBSession* session, uint32_t dsid, const char* clie
                              int64_t wormflags, int64_t retention) noexcept {
     if (const uint32_t bad = checkAll(session, client, policy, imagename)) return bad;
     Answer answer;
-    return carryOut(*session, Op::SetImageRetention, answer, "dsid", dsid, "client", client,
+    return carryOut(*session, Op::kSetImageRetention, answer, "dsid", dsid, "client", client,
                     "policy", policy, "imagename", imagename, "flags", flags, "wormflags",
                     wormflags, "retention", retention);
 }
@@ -119,7 +119,7 @@ uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const char* clie
                              MBImageRetentionInfo* info) noexcept {
     if (const uint32_t bad = checkAll(session, client, policy, imagename, info)) return bad;
     Answer answer;
-    const uint32_t status = carryOut(*session, Op::GetImageRetention, answer, "dsid", dsid,
+    const uint32_t status = carryOut(*session, Op::kGetImageRetention, answer, "dsid", dsid,
                                      "client", client, "policy", policy, "imagename", imagename);
     if (status != CR_STATUS_OK) return status;
     if (answer.data == nullptr) return CR_STATUS_REMOTE_ERROR;
@@ -131,7 +131,7 @@ uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const char* client
                            const char* imagename, char** policy) noexcept {
     if (const uint32_t bad = checkAll(session, client, imagename, policy)) return bad;
     Answer answer;
-    const uint32_t status = carryOut(*session, Op::FindImagePolicy, answer, "dsid", dsid, "client",
+    const uint32_t status = carryOut(*session, Op::kFindImagePolicy, answer, "dsid", dsid, "client",
                                      client, "imagename", imagename);
     if (status != CR_STATUS_OK) return status;
     return copyAnswer(answer.data, policy);

@@ -43,28 +43,28 @@ WSOption textOption(uint32_t code, const char* text) {
 uint32_t sortOne(MBSession& copy, const KSOption& option, Sorted& sorted) {
     const OptionRow& row = optionRow(option.code);
     switch (row.session) {
-        case SessionUse::CrOnly:
+        case SessionUse::kCrOnly:
             KS_TRACE("%u: CR-only option, ignored", option.code);
             break;
-        case SessionUse::SpOnly:
+        case SessionUse::kSpOnly:
             KS_TRACE("%u: SP-only option, ignored", option.code);
             break;
-        case SessionUse::Ignored:
+        case SessionUse::kIgnored:
             break;
-        case SessionUse::Recorded:
+        case SessionUse::kRecorded:
             copy.opt133Value = option.value.number;
             break;
-        case SessionUse::Forwarded:
+        case SessionUse::kForwarded:
             if (sorted.forwardedCount == kMaxForwardedOptions) return tooManyForwarded();
             sorted.forwarded[sorted.forwardedCount++] = option;
             break;
-        case SessionUse::Transport:
+        case SessionUse::kTransport:
             if (sorted.transportCount == kMaxTransportOptions) return tooManyTransport();
             sorted.transport[sorted.transportCount].code = row.transportCode;
             sorted.transport[sorted.transportCount++].value.number =
                 static_cast<int32_t>(option.value.number);
             break;
-        case SessionUse::Rejected:
+        case SessionUse::kRejected:
             return CR_STATUS_INVALID_PARAMETER;
     }
     sorted.refreshes = sorted.refreshes || row.refreshesTransport;

@@ -41,22 +41,22 @@ uint32_t MBPOImport(MBSession* session, uint32_t dataselection, const char* pos)
     if (const uint32_t bad = checkList(session, pos)) return bad;
     Answer answer;
     const uint32_t status =
-        carryOut(*session, Op::POImport, answer, "dataselection", dataselection, "data", pos);
+        carryOut(*session, Op::kPOImport, answer, "dataselection", dataselection, "data", pos);
     return checkNames(status, answer, "Missing field names in import webservice result '%s'");
 }
 
 uint32_t MBPOAddList(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
-    return postList(session, Op::POAddList, dataselection, pos,
+    return postList(session, Op::kPOAddList, dataselection, pos,
                     "Missing field names in addlist webservice result '%s'");
 }
 
 uint32_t MBPOZELTAddList(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
-    return postList(session, Op::POZELTAddList, dataselection, pos,
+    return postList(session, Op::kPOZELTAddList, dataselection, pos,
                     "Missing field names in zeltaddlist webservice result '%s'");
 }
 
 uint32_t MBPOExpire(MBSession* session, uint32_t dataselection, const char* pos) noexcept {
     if (const uint32_t bad = checkList(session, pos)) return bad;
     Answer answer;
-    return carryOut(*session, Op::POExpire, answer, "dataselection", dataselection, "data", pos);
+    return carryOut(*session, Op::kPOExpire, answer, "dataselection", dataselection, "data", pos);
 }

@@ -12,25 +12,25 @@ using E = OnEvent;
 
 // clang-format off
 constexpr Operation kOperations[] = {
-    // name                action            requested        fatal error                                           id   service              no answer    answer         event                 slot
-    {"MBDirCreate",         "mkdir",          "mkdir",         "Failed to complete mkdir webservice (%s)",           39,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
-    {"MBFileCopy",          "copy",           "copy",          "Failed to complete copy webservice (%s)",            40,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
-    {"MBFileMove",          "move",           "move",          "Failed to complete move webservice (%s)",            41,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
-    {"MBFileDelete",        "delete",         "delete",        "Failed to complete delete webservice (%s)",          42,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
-    {"MBDirList",           "dir",            "dir",           "Failed to complete dir webservice (%s)",             43,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::Report,            false},
-    {"MBGetTime",           "gettime",        "gettime",       "Failed to complete gettime webservice (%s)",         44,  WS_SERVICE_METABASE, F::Trace,    T::Always,     E::Report,            false},
-    {"MBPOImport",          "import",         "PO import",     "Failed to complete PO import webservice (%s)",       35,  WS_SERVICE_METABASE, F::Trace,    T::Always,     E::Report,            false},
-    {"MBPOAddList",         "addlist",        "PO addlist",    "Failed to complete PO addlist webservice (%s)",      36,  WS_SERVICE_METABASE, F::Error,    T::Always,     E::Report,            false},
-    {"MBPOZELTAddList",     "zeltaddlist",    "PO zeltaddlist","Failed to complete PO zeltaddlist webservice (%s)",  37,  WS_SERVICE_METABASE, F::Error,    T::Always,     E::Report,            false},
-    {"MBPOExpire",          "expire",         "PO expire",     "Failed to complete PO expire webservice (%s)",       38,  WS_SERVICE_METABASE, F::Nothing,  T::Never,      E::ReportEvenIfDead,  false},
-    {"MBSetLastImageV2",    "setlastimage",   nullptr,         nullptr,                                              0,   WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
-    {"MBSetLastImage",      "setlastimage",   nullptr,         "Failed to complete setlastimage webservice (%s)",    45,  WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
-    {"MBGetLastImages",     "getlastimage",   nullptr,         "Failed to complete getlastimage webservice (%s)",    46,  WS_SERVICE_METABASE, F::Trace,    T::AlwaysSpa,  E::Code,              true},
-    {"MBDeleteImage",       "deleteimage",    nullptr,         "Failed to complete deleteimage webservice (%s)",     47,  WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
-    {"MBSetImageRetention", "setimgretention",nullptr,         "Failed to complete setretention webservice (%s)",    117, WS_SERVICE_METABASE, F::Trace,    T::Never,      E::Code,              true},
-    {"MBGetImageRetention", "getimgretention",nullptr,         "Failed to complete getretention webservice (%s)",    118, WS_SERVICE_METABASE, F::Trace,    T::IfNoEvent,  E::Code,              false},
-    {"MBFindImagePolicy",   "findpolicy",     nullptr,         "Failed to complete findpolicy webservice (%s)",      118, WS_SERVICE_METABASE, F::Trace,    T::IfNoEvent,  E::Code,              false},
-    {"MBGetHVXTag",         "getHVXTag",      "get HVX Tag",   "Failed to complete get HVX Tag webservice (%s)",     63,  WS_SERVICE_SPA,      F::Nothing,  T::Never,      E::Report,            false},
+    // name                action            requested        fatal error                                           id   service              no answer     answer          event                  slot
+    {"MBDirCreate",         "mkdir",          "mkdir",         "Failed to complete mkdir webservice (%s)",           39,  WS_SERVICE_METABASE, F::kNothing,  T::kNever,      E::kReport,            false},
+    {"MBFileCopy",          "copy",           "copy",          "Failed to complete copy webservice (%s)",            40,  WS_SERVICE_METABASE, F::kNothing,  T::kNever,      E::kReport,            false},
+    {"MBFileMove",          "move",           "move",          "Failed to complete move webservice (%s)",            41,  WS_SERVICE_METABASE, F::kNothing,  T::kNever,      E::kReport,            false},
+    {"MBFileDelete",        "delete",         "delete",        "Failed to complete delete webservice (%s)",          42,  WS_SERVICE_METABASE, F::kNothing,  T::kNever,      E::kReport,            false},
+    {"MBDirList",           "dir",            "dir",           "Failed to complete dir webservice (%s)",             43,  WS_SERVICE_METABASE, F::kNothing,  T::kNever,      E::kReport,            false},
+    {"MBGetTime",           "gettime",        "gettime",       "Failed to complete gettime webservice (%s)",         44,  WS_SERVICE_METABASE, F::kTrace,    T::kAlways,     E::kReport,            false},
+    {"MBPOImport",          "import",         "PO import",     "Failed to complete PO import webservice (%s)",       35,  WS_SERVICE_METABASE, F::kTrace,    T::kAlways,     E::kReport,            false},
+    {"MBPOAddList",         "addlist",        "PO addlist",    "Failed to complete PO addlist webservice (%s)",      36,  WS_SERVICE_METABASE, F::kError,    T::kAlways,     E::kReport,            false},
+    {"MBPOZELTAddList",     "zeltaddlist",    "PO zeltaddlist","Failed to complete PO zeltaddlist webservice (%s)",  37,  WS_SERVICE_METABASE, F::kError,    T::kAlways,     E::kReport,            false},
+    {"MBPOExpire",          "expire",         "PO expire",     "Failed to complete PO expire webservice (%s)",       38,  WS_SERVICE_METABASE, F::kNothing,  T::kNever,      E::kReportEvenIfDead,  false},
+    {"MBSetLastImageV2",    "setlastimage",   nullptr,         nullptr,                                              0,   WS_SERVICE_METABASE, F::kTrace,    T::kNever,      E::kCode,              true},
+    {"MBSetLastImage",      "setlastimage",   nullptr,         "Failed to complete setlastimage webservice (%s)",    45,  WS_SERVICE_METABASE, F::kTrace,    T::kNever,      E::kCode,              true},
+    {"MBGetLastImages",     "getlastimage",   nullptr,         "Failed to complete getlastimage webservice (%s)",    46,  WS_SERVICE_METABASE, F::kTrace,    T::kAlwaysSpa,  E::kCode,              true},
+    {"MBDeleteImage",       "deleteimage",    nullptr,         "Failed to complete deleteimage webservice (%s)",     47,  WS_SERVICE_METABASE, F::kTrace,    T::kNever,      E::kCode,              true},
+    {"MBSetImageRetention", "setimgretention",nullptr,         "Failed to complete setretention webservice (%s)",    117, WS_SERVICE_METABASE, F::kTrace,    T::kNever,      E::kCode,              true},
+    {"MBGetImageRetention", "getimgretention",nullptr,         "Failed to complete getretention webservice (%s)",    118, WS_SERVICE_METABASE, F::kTrace,    T::kIfNoEvent,  E::kCode,              false},
+    {"MBFindImagePolicy",   "findpolicy",     nullptr,         "Failed to complete findpolicy webservice (%s)",      118, WS_SERVICE_METABASE, F::kTrace,    T::kIfNoEvent,  E::kCode,              false},
+    {"MBGetHVXTag",         "getHVXTag",      "get HVX Tag",   "Failed to complete get HVX Tag webservice (%s)",     63,  WS_SERVICE_SPA,      F::kNothing,  T::kNever,      E::kReport,            false},
 };
 // clang-format on
 
@@ -60,20 +60,20 @@ uint32_t reportEvent(const MBSession& session, const Operation& op, const WSResu
 }
 
 void sayFailure(const Operation& op, uint32_t status) {
-    if (op.onFailure == OnFailure::Trace) {
+    if (op.onFailure == OnFailure::kTrace) {
         KS_TRACE("%s: status of WSRequestExt: %d %s", op.name, static_cast<int>(status),
                  CRStatusToStringA(status));
     }
-    if (op.onFailure == OnFailure::Error) {
+    if (op.onFailure == OnFailure::kError) {
         KS_ERROR(status, "%s: WSRequestPOST failed: %s (%d)", op.name, CRStatusToStringA(status),
                  static_cast<int>(status));
     }
 }
 
 void traceAnswer(const Operation& op, const WSResult& result) {
-    if (op.traceAnswer == TraceAnswer::Never) return;
-    if (op.traceAnswer == TraceAnswer::IfNoEvent && result.eventCode != 0) return;
-    if (op.traceAnswer == TraceAnswer::AlwaysSpa) {
+    if (op.traceAnswer == TraceAnswer::kNever) return;
+    if (op.traceAnswer == TraceAnswer::kIfNoEvent && result.eventCode != 0) return;
+    if (op.traceAnswer == TraceAnswer::kAlwaysSpa) {
         KS_TRACE("SPA Response: result.data : %s", result.data);
     } else {
         KS_TRACE("MB Response: result.data : %s", result.data);
@@ -81,7 +81,7 @@ void traceAnswer(const Operation& op, const WSResult& result) {
 }
 
 uint32_t eventStatus(const MBSession& session, const Operation& op, const WSResult& result) {
-    const bool isCode = op.onEvent == OnEvent::Code;
+    const bool isCode = op.onEvent == OnEvent::kCode;
     const uint32_t status = isCode ? result.eventCode : reportEvent(session, op, result);
     if (op.fatalText != nullptr) {
         KS_FATAL(op.name, op.fatalId, op.fatalText, orElse(result.description, "unknown error"));
@@ -92,7 +92,7 @@ uint32_t eventStatus(const MBSession& session, const Operation& op, const WSResu
 uint32_t statusOf(const MBSession& session, const Operation& op, const WSResult& result,
                   uint32_t transportStatus) {
     const bool hasEvent = result.eventCode != 0;
-    const bool counts = op.onEvent == OnEvent::ReportEvenIfDead && hasEvent;
+    const bool counts = op.onEvent == OnEvent::kReportEvenIfDead && hasEvent;
     if (transportStatus != CR_STATUS_OK && !counts) {
         sayFailure(op, transportStatus);
         return transportStatus;

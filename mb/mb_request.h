@@ -7,16 +7,16 @@
 namespace kspool {
 
 /// What is said of a request that brought no answer.
-enum class OnFailure : uint8_t { Nothing, Trace, Error };
+enum class OnFailure : uint8_t { kNothing, kTrace, kError };
 
 /// Whether an answer's text is traced, and under which name.
-enum class TraceAnswer : uint8_t { Never, Always, AlwaysSpa, IfNoEvent };
+enum class TraceAnswer : uint8_t { kNever, kAlways, kAlwaysSpa, kIfNoEvent };
 
 /// What a server's event becomes.
 enum class OnEvent : uint8_t {
-    Report,            ///< reported; 106 for a permission, else 4
-    ReportEvenIfDead,  ///< the same, also when the transport failed
-    Code,              ///< the event's code is the status
+    kReport,            ///< reported; 106 for a permission, else 4
+    kReportEvenIfDead,  ///< the same, also when the transport failed
+    kCode,              ///< the event's code is the status
 };
 
 /// What one operation is, apart from its parameters.
@@ -51,24 +51,24 @@ class Answer : public WSResult {
 
 /// The operations, in the order of the rows of their table.
 enum class Op : uint8_t {
-    DirCreate,
-    FileCopy,
-    FileMove,
-    FileDelete,
-    DirList,
-    GetTime,
-    POImport,
-    POAddList,
-    POZELTAddList,
-    POExpire,
-    SetLastImageV2,
-    SetLastImage,
-    GetLastImages,
-    DeleteImage,
-    SetImageRetention,
-    GetImageRetention,
-    FindImagePolicy,
-    GetHVXTag,
+    kDirCreate,
+    kFileCopy,
+    kFileMove,
+    kFileDelete,
+    kDirList,
+    kGetTime,
+    kPOImport,
+    kPOAddList,
+    kPOZELTAddList,
+    kPOExpire,
+    kSetLastImageV2,
+    kSetLastImage,
+    kGetLastImages,
+    kDeleteImage,
+    kSetImageRetention,
+    kGetImageRetention,
+    kFindImagePolicy,
+    kGetHVXTag,
 };
 
 const Operation& operation(Op op) noexcept;

@@ -45,6 +45,31 @@ extern KSPOOL_API const char _qlx_config_section_string_table_[]; /* the section
 extern KSPOOL_API const char _qlx_config_entry_string_table_[];   /* the entries */
 
 /*
+ * Where the names that the library reads begin in the two tables. The offsets are part of the
+ * binary interface: they never change, whatever the names are. docs/agent-config.md describes the
+ * directives.
+ */
+enum InifileSection {
+    INI_SECTION_FINGERPRINTS = 9,
+    INI_SECTION_POOL = 139,
+    INI_SECTION_METABASE = 144,
+    INI_SECTION_PATHS = 165,
+    INI_SECTION_PRODUCT = 171,
+    INI_SECTION_SPA = 206
+};
+enum InifileEntry {
+    INI_ENTRY_AGENT_ID = 7,
+    INI_ENTRY_LABEL = 763,
+    INI_ENTRY_ROUTE_TABLES = 905,
+    INI_ENTRY_VENDOR = 977,
+    INI_ENTRY_POOL_ID = 1080,
+    INI_ENTRY_URL = 1322,
+    INI_ENTRY_TYPE = 1487,
+    INI_ENTRY_SSL_KEY = 1503,
+    INI_ENTRY_RECONNECT_TIMEOUT = 3072
+};
+
+/*
  * Copy a text, or the default (NULL: the empty text), into `destination`, which has room for
  * `maxCharacters` and a NUL. Return the number of characters that the file gave, 0 when the default
  * stands. InifileGetPathA() reads a path, as it stands.

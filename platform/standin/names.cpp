@@ -1,10 +1,15 @@
-// The names of sections and entries of configuration files. What an offset means is fixed; the
-// names are ours. Offsets between them belong to other components of the pool.
+// The names of sections and entries of configuration files, in two tables that are read by offset.
+//
+// Each table is a record of char arrays: an array holds one name and is as long as the distance to
+// the next one, and its unused bytes are NUL. The offsets are part of the binary interface
+// (platform/ini.h); the names are our own, and so are those that no offset of the library points at
+// ("database", "transfer", "active"), which stand for names of other components of the pool.
 #include <cstddef>
+
+#include "platform/ini.h"
 
 namespace {
 
-// Each field is a name and fills up to the next one.
 struct SectionNames {
     char database[9];
     char fingerprints[13];
@@ -29,25 +34,35 @@ struct EntryNames {
     char reconnectTimeout[20];
 };
 
-static_assert(offsetof(SectionNames, fingerprints) == 9 && offsetof(SectionNames, pool) == 139);
-static_assert(offsetof(SectionNames, metabase) == 144 && offsetof(SectionNames, paths) == 165);
-static_assert(offsetof(SectionNames, product) == 171 && offsetof(SectionNames, spa) == 206);
-static_assert(offsetof(EntryNames, agentId) == 7 && offsetof(EntryNames, label) == 763);
-static_assert(offsetof(EntryNames, routeTables) == 905 && offsetof(EntryNames, vendor) == 977);
-static_assert(offsetof(EntryNames, poolId) == 1080 && offsetof(EntryNames, url) == 1322);
-static_assert(offsetof(EntryNames, type) == 1487 && offsetof(EntryNames, sslKey) == 1503);
-static_assert(offsetof(EntryNames, reconnectTimeout) == 3072);
+static_assert(offsetof(SectionNames, fingerprints) == INI_SECTION_FINGERPRINTS);
+static_assert(offsetof(SectionNames, pool) == INI_SECTION_POOL);
+static_assert(offsetof(SectionNames, metabase) == INI_SECTION_METABASE);
+static_assert(offsetof(SectionNames, paths) == INI_SECTION_PATHS);
+static_assert(offsetof(SectionNames, product) == INI_SECTION_PRODUCT);
+static_assert(offsetof(SectionNames, spa) == INI_SECTION_SPA);
+
+static_assert(offsetof(EntryNames, agentId) == INI_ENTRY_AGENT_ID);
+static_assert(offsetof(EntryNames, label) == INI_ENTRY_LABEL);
+static_assert(offsetof(EntryNames, routeTables) == INI_ENTRY_ROUTE_TABLES);
+static_assert(offsetof(EntryNames, vendor) == INI_ENTRY_VENDOR);
+static_assert(offsetof(EntryNames, poolId) == INI_ENTRY_POOL_ID);
+static_assert(offsetof(EntryNames, url) == INI_ENTRY_URL);
+static_assert(offsetof(EntryNames, type) == INI_ENTRY_TYPE);
+static_assert(offsetof(EntryNames, sslKey) == INI_ENTRY_SSL_KEY);
+static_assert(offsetof(EntryNames, reconnectTimeout) == INI_ENTRY_RECONNECT_TIMEOUT);
 
 }  // namespace
 
-extern "C" {
-// Programs see them as plain characters, as platform/ini.h declares them.
-__attribute__((visibility("default"))) extern const SectionNames _qlx_config_section_string_table_;
-__attribute__((visibility("default"))) extern const EntryNames _qlx_config_entry_string_table_;
+// platform/ini.h declares the tables as plain characters. A variable has one type, so these have
+// names of their own and are bound to the symbols of the tables.
+#define TABLE(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
-const SectionNames _qlx_config_section_string_table_ = {
-    "database", "fingerprints", "transfer", "pool", "metabase", "paths", "product", "spa"};
-const EntryNames _qlx_config_entry_string_table_ = {
-    "active",  "agent-id", "label", "route-tables", "vendor",
-    "pool-id", "url",      "type",  "ssl-key",      "reconnect-timeout"};
+extern "C" {
+extern const SectionNames sectionNames TABLE("_qlx_config_section_string_table_");
+extern const EntryNames entryNames TABLE("_qlx_config_entry_string_table_");
+
+const SectionNames sectionNames = {"database", "fingerprints", "transfer", "pool",
+                                   "metabase", "paths",        "product",  "spa"};
+const EntryNames entryNames = {"active",  "agent-id", "label", "route-tables", "vendor",
+                               "pool-id", "url",      "type",  "ssl-key",      "reconnect-timeout"};
 }

@@ -36,8 +36,8 @@ enum class Value { kText, kUrl, kFolder, kKeys };
 
 /// An entry by the offsets of its names, as whoever reads the file addresses it.
 struct ConfigurationRow {
-    int section;
-    int entry;
+    InifileSection section;
+    InifileEntry entry;
     Value kind;
     const char* value;  ///< a folder is below the setup's
     const char* comment;
@@ -48,18 +48,23 @@ struct ConfigurationRow {
 
 // Rows of a section stand together.
 constexpr ConfigurationRow kConfigurationRows[] = {
-    {171, 977, Value::kText, "Norvale", "Who provides the pool."},
-    {171, 763, Value::kText, "kspool sandbox", "A name for people."},
-    {206, 1322, Value::kUrl, nullptr, "The SPA server. The sandbox is both servers."},
-    {144, 1322, Value::kUrl, nullptr,
+    {INI_SECTION_PRODUCT, INI_ENTRY_VENDOR, Value::kText, "Norvale", "Who provides the pool."},
+    {INI_SECTION_PRODUCT, INI_ENTRY_LABEL, Value::kText, "kspool sandbox", "A name for people."},
+    {INI_SECTION_SPA, INI_ENTRY_URL, Value::kUrl, nullptr,
+     "The SPA server. The sandbox is both servers."},
+    {INI_SECTION_METABASE, INI_ENTRY_URL, Value::kUrl, nullptr,
      "The Metabase. kspool-sandbox serve takes port and path from here."},
-    {139, 1080, Value::kText, "1", "The number of the pool."},
-    {139, 7, Value::kText, "1", "The number of this agent in the pool."},
-    {139, 3072, Value::kText, "0",
+    {INI_SECTION_POOL, INI_ENTRY_POOL_ID, Value::kText, "1", "The number of the pool."},
+    {INI_SECTION_POOL, INI_ENTRY_AGENT_ID, Value::kText, "1",
+     "The number of this agent in the pool."},
+    {INI_SECTION_POOL, INI_ENTRY_RECONNECT_TIMEOUT, Value::kText, "0",
      "Seconds to go on trying when a server does not answer; 0: not at all."},
-    {9, 1487, Value::kText, "3", "Type of fingerprints; 3 has 32 bytes."},
-    {165, 905, Value::kFolder, kRoutes, "Folder for route tables."},
-    {165, 1503, Value::kKeys, kClientKeys, "Folder with ca.pem, cert.pem and key.pem for TLS."},
+    {INI_SECTION_FINGERPRINTS, INI_ENTRY_TYPE, Value::kText, "3",
+     "Type of fingerprints; 3 has 32 bytes."},
+    {INI_SECTION_PATHS, INI_ENTRY_ROUTE_TABLES, Value::kFolder, kRoutes,
+     "Folder for route tables."},
+    {INI_SECTION_PATHS, INI_ENTRY_SSL_KEY, Value::kKeys, kClientKeys,
+     "Folder with ca.pem, cert.pem and key.pem for TLS."},
 };
 constexpr const ConfigurationRow& kUrlRow = kConfigurationRows[3];
 

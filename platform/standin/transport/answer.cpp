@@ -63,7 +63,7 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     std::string_view rest(line, length);
     rest = rest.substr(0, rest.find_last_not_of(" \t\r\n") + 1);
     if (startsWith(rest, "HTTP/")) {  // what came before was an interim answer
-        content_ = Content::Other;
+        content_ = Content::kOther;
         headIsComplete_ = isChunked_ = hasLength_ = false;
         if (!startsWith(rest, "HTTP/1.")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (headIsComplete_) {
@@ -71,9 +71,9 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     } else if (rest.empty()) {
         headIsComplete_ = true;
     } else if (takeName(rest, "content-type:")) {
-        content_ = isType(rest, "text/plain")                 ? Content::PlainText
-                   : isType(rest, "application/problem+json") ? Content::Problem
-                                                              : Content::Other;
+        content_ = isType(rest, "text/plain")                 ? Content::kPlainText
+                   : isType(rest, "application/problem+json") ? Content::kProblem
+                                                              : Content::kOther;
     } else if (takeName(rest, "content-encoding:")) {
         if (!isType(rest, "identity")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (takeName(rest, "transfer-encoding:")) {
@@ -119,7 +119,7 @@ bool Collector::grow(size_t length) noexcept {
 
 size_t Collector::body(const char* bytes, size_t length) noexcept {
     const uint64_t most =
-        content_ == Content::Problem ? std::min(answerLimit(), kMostProblemBytes) : answerLimit();
+        content_ == Content::kProblem ? std::min(answerLimit(), kMostProblemBytes) : answerLimit();
     if (size_ + length > most) {
         refusal_ = WS_STATUS_TOO_LARGE;
     } else if (!grow(length)) {
@@ -136,7 +136,7 @@ uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
     if (!isChunked_ && !hasLength_) return WS_STATUS_BAD_ANSWER;
     if (size_ > 0 && memchr(text_.get(), '\0', size_) != nullptr) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
-    if (httpStatus != 200 || content_ != Content::PlainText) return WS_STATUS_BAD_ANSWER;
+    if (httpStatus != 200 || content_ != Content::kPlainText) return WS_STATUS_BAD_ANSWER;
     if (size_ == 0) return CR_STATUS_OK;
     text_.get()[size_] = '\0';
     text = std::move(text_);
@@ -148,7 +148,7 @@ uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
 }
 
 uint32_t Collector::judgeProblem(Event& event) const {
-    if (content_ != Content::Problem || size_ == 0) return WS_STATUS_BAD_ANSWER;
+    if (content_ != Content::kProblem || size_ == 0) return WS_STATUS_BAD_ANSWER;
     const auto problem = nlohmann::json::parse(text_.get(), text_.get() + size_, nullptr,
                                                /*allow_exceptions=*/false);
     if (!problem.is_object()) return WS_STATUS_BAD_ANSWER;

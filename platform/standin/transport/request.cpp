@@ -21,7 +21,7 @@ constexpr ServicePath kServices[] = {
     {WS_SERVICE_KEEPALIVE, "/ws/keepalive"},
 };
 
-enum class Type : uint8_t { Text, Uint32, Int32, Uint64, Int64 };
+enum class Type : uint8_t { kText, kUint32, kInt32, kUint64, kInt64 };
 
 struct Parameter {
     const char* name;
@@ -30,26 +30,26 @@ struct Parameter {
 
 /// The list of a request does not say what its values are; their names do.
 constexpr Parameter kParameters[] = {
-    {"action", Type::Text},
-    {"path", Type::Text},
-    {"source", Type::Text},
-    {"destination", Type::Text},
-    {"data", Type::Text},
-    {"filter", Type::Text},
-    {"client", Type::Text},
-    {"policy", Type::Text},
-    {"imagename", Type::Text},
-    {"dofp", Type::Text},
-    {"appname", Type::Text},
-    {"recursive", Type::Uint32},
-    {"dataselection", Type::Uint32},
-    {"dsid", Type::Uint32},
-    {"parentid", Type::Int32},
-    {"flags", Type::Int32},
-    {"datetime", Type::Uint64},
-    {"dcid", Type::Uint64},
-    {"wormflags", Type::Int64},
-    {"retention", Type::Int64},
+    {"action", Type::kText},
+    {"path", Type::kText},
+    {"source", Type::kText},
+    {"destination", Type::kText},
+    {"data", Type::kText},
+    {"filter", Type::kText},
+    {"client", Type::kText},
+    {"policy", Type::kText},
+    {"imagename", Type::kText},
+    {"dofp", Type::kText},
+    {"appname", Type::kText},
+    {"recursive", Type::kUint32},
+    {"dataselection", Type::kUint32},
+    {"dsid", Type::kUint32},
+    {"parentid", Type::kInt32},
+    {"flags", Type::kInt32},
+    {"datetime", Type::kUint64},
+    {"dcid", Type::kUint64},
+    {"wormflags", Type::kInt64},
+    {"retention", Type::kInt64},
 };
 
 /// libcurl's own does not take texts whose escaped form is over 24 MB.
@@ -70,13 +70,13 @@ std::string escaped(const char* text) {
 
 std::string valueText(Type type, va_list& parameters) {
     switch (type) {
-        case Type::Uint32:
+        case Type::kUint32:
             return std::to_string(va_arg(parameters, uint32_t));
-        case Type::Int32:
+        case Type::kInt32:
             return std::to_string(va_arg(parameters, int32_t));
-        case Type::Uint64:
+        case Type::kUint64:
             return std::to_string(va_arg(parameters, uint64_t));
-        case Type::Int64:
+        case Type::kInt64:
             return std::to_string(va_arg(parameters, int64_t));
         default:
             return escaped(va_arg(parameters, const char*));

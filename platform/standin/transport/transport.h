@@ -96,10 +96,10 @@ class Collector {
     bool grow(size_t length) noexcept;
     uint32_t judgeProblem(Event& event) const;
 
-    enum class Content : uint8_t { Other, PlainText, Problem };
+    enum class Content : uint8_t { kOther, kPlainText, kProblem };
 
     size_t headerBytes_ = 0;
-    Content content_ = Content::Other;
+    Content content_ = Content::kOther;
     bool headIsComplete_ = false;
     bool isChunked_ = false;
     bool hasLength_ = false;
