@@ -47,7 +47,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     const std::string body = deliver(collector, answer, piece);
     MUST(body.size() <= kLimit);
     if (collector.refusal() != 0) return 0;
-    ws::Text text;
+    kspool::OwnedText text;
     ws::Event event;
     const uint32_t status = collector.judge(code, text, event);
     MUST(status == 0 || (text == nullptr && event.code == 0));

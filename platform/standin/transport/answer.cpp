@@ -1,4 +1,6 @@
-// The transport's stand-in: answers as they arrive, and what they mean.
+// The transport's stand-in: one answer, received piece by piece and then judged. A piece that
+// breaks the protocol or a limit ends the transfer at once, so that a server cannot make the client
+// read on or allocate without bound.
 #include <strings.h>
 
 #include <algorithm>
@@ -23,7 +25,7 @@ bool startsWith(std::string_view text, std::string_view prefix) {
            strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
 }
 
-/// Moves on to the value of a header line if it is the named one ("name:").
+/// If the header line begins with `name` ("name:"), strips it and the blanks behind it.
 bool takeName(std::string_view& line, std::string_view name) {
     if (!startsWith(line, name)) return false;
     line.remove_prefix(name.size());
@@ -31,13 +33,14 @@ bool takeName(std::string_view& line, std::string_view name) {
     return true;
 }
 
-/// Whether a header's value is the given one, whatever parameters follow.
+/// Compares a header's value without its parameters ("; charset=utf-8").
 bool isType(std::string_view value, std::string_view type) {
     const std::string_view bare = value.substr(0, value.find_first_of("; \t\r\n"));
     return bare.size() == type.size() && startsWith(bare, type);
 }
 
-/// A text that may be logged: control characters become spaces.
+/// A text member of a problem document, empty when it is missing or not a text. The text ends up in
+/// logs, so control characters become spaces: a server must not be able to forge log lines.
 std::string textMember(const nlohmann::json& problem, const char* name) {
     const auto member = problem.find(name);
     if (member == problem.end() || !member->is_string()) return {};
@@ -62,7 +65,7 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     }
     std::string_view rest(line, length);
     rest = rest.substr(0, rest.find_last_not_of(" \t\r\n") + 1);
-    if (startsWith(rest, "HTTP/")) {  // what came before was an interim answer
+    if (startsWith(rest, "HTTP/")) {  // a status line; an earlier one was of an interim answer
         content_ = Content::kOther;
         headIsComplete_ = isChunked_ = hasLength_ = false;
         if (!startsWith(rest, "HTTP/1.")) refusal_ = WS_STATUS_BAD_ANSWER;
@@ -77,7 +80,8 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     } else if (takeName(rest, "content-encoding:")) {
         if (!isType(rest, "identity")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (takeName(rest, "transfer-encoding:")) {
-        // libcurl would undo more codings than this one, and take the length for nothing.
+        // libcurl would also decode further transfer codings, and ignore a Content-Length beside
+        // this one, which a proxy in between may have believed.
         const bool plain = rest.size() == 7 && startsWith(rest, "chunked");
         if (!plain || isChunked_ || hasLength_) refusal_ = WS_STATUS_BAD_ANSWER;
         isChunked_ = true;
@@ -87,7 +91,8 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     return refusal_ == 0 ? length : 0;
 }
 
-/// A length is digits and nothing else, and there is one of them.
+/// Accepts one Content-Length of digits alone, or equal ones. Other forms are read differently by
+/// different programs, so that one of them would find another end of the answer.
 void Collector::takeLength(std::string_view text) noexcept {
     constexpr size_t kMostDigits = 19;
     const bool digits =
@@ -104,7 +109,8 @@ void Collector::takeLength(std::string_view text) noexcept {
     length_ = length;
 }
 
-/// Makes room for so many bytes more and a NUL.
+/// Makes room for `length` more bytes and a NUL. The capacity doubles: growth by a fixed step would
+/// copy a large answer a number of times that grows with its size.
 bool Collector::grow(size_t length) noexcept {
     const size_t needed = size_ + length + 1;
     if (needed <= capacity_) return true;
@@ -131,8 +137,9 @@ size_t Collector::body(const char* bytes, size_t length) noexcept {
     return length;
 }
 
-uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
+uint32_t Collector::judge(long httpStatus, kspool::OwnedText& text, Event& event) {
     if (!headIsComplete_) return WS_STATUS_CUT;
+    // A body that only the end of the connection ends cannot be told from one that was cut.
     if (!isChunked_ && !hasLength_) return WS_STATUS_BAD_ANSWER;
     if (size_ > 0 && memchr(text_.get(), '\0', size_) != nullptr) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
@@ -140,6 +147,7 @@ uint32_t Collector::judge(long httpStatus, Text& text, Event& event) {
     if (size_ == 0) return CR_STATUS_OK;
     text_.get()[size_] = '\0';
     text = std::move(text_);
+    // The caller may keep the text for long; give back what doubling left over.
     if (auto* fitting = static_cast<char*>(realloc(text.get(), size_ + 1))) {
         [[maybe_unused]] char* moved = text.release();
         text.reset(fitting);

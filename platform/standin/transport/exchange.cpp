@@ -1,7 +1,18 @@
-// The transport's stand-in: how libcurl is set up, and how a request is sent and sent again.
-#include <arpa/inet.h>
-#include <strings.h>
-#include <sys/stat.h>
+// The transport's stand-in: one request from its headers to its status.
+//
+// A request is tried in attempts, each one curl_easy_perform(). There is no multi handle: a request
+// blocks its own thread, and only its time-outs end the wait. libcurl may transmit the request
+// more than once within an attempt, when a connection that was kept open turns out to be dead.
+//
+// Invariants of a request:
+//  1. All attempts and transmissions carry the same bytes and the same Request-Id, which makes a
+//     repetition idempotent on a server that remembers ids.
+//  2. The deadline is the response plus the reconnect time-out after the start. No attempt begins
+//     later, and each is limited to the response time-out and to the time left. Two things are not
+//     covered: without a response time-out an attempt has no limit, and libcurl, at the end of one,
+//     waits for a name resolution that is still under way.
+//  3. A status that promises "nothing was done" is returned only when no transmission of any
+//     attempt can have been carried out.
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,17 +34,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr long kConnectTimeoutMs = 10'000;
 constexpr int64_t kLongestTimeout = 86'400;
-constexpr milliseconds kFirstPause{100};
-constexpr milliseconds kLongestPause{5'000};
+constexpr milliseconds kBackOffBase{100};
+constexpr milliseconds kBackOffCap{5'000};
 
 struct Meaning {
     CURLcode code;
     uint32_t status;
 };
 
-/// What libcurl's failures come to. All others are the transport's own.
+/// The status of each failure that libcurl reports. One that is not listed is WS_STATUS_FAILED.
 constexpr Meaning kMeanings[] = {
     {CURLE_COULDNT_RESOLVE_HOST, WS_STATUS_NO_CONNECT},
     {CURLE_COULDNT_RESOLVE_PROXY, WS_STATUS_NO_CONNECT},
@@ -68,152 +78,6 @@ uint32_t meaningOf(CURLcode code) {
     return row != std::end(kMeanings) ? row->status : uint32_t{WS_STATUS_FAILED};
 }
 
-bool isLoopback(std::string host) {
-    if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
-    in_addr v4;
-    in6_addr v6;
-    if (inet_pton(AF_INET, host.c_str(), &v4) == 1) return ntohl(v4.s_addr) >> 24 == 127;
-    if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) return IN6_IS_ADDR_LOOPBACK(&v6);
-    return strcasecmp(host.c_str(), "localhost") == 0;
-}
-
-struct FreeUrl {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-
-/// Whether it is so, when there was the memory to tell.
-bool isDone(CURLUcode code) {
-    if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-    return code == CURLUE_OK;
-}
-
-std::string partOf(CURLU* url, CURLUPart part) {
-    char* text = nullptr;
-    if (!isDone(curl_url_get(url, part, &text, 0))) return {};
-    const std::unique_ptr<char, FreeCurlText> owned(text);
-    return text;
-}
-
-/// Where requests go, and whether they may. Returns why they cannot, or 0.
-uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
-    const std::string& text = transport.settings.serverUrl.text();
-    if (text.empty()) return WS_STATUS_NO_SERVER;
-    const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
-    if (url == nullptr) throw std::bad_alloc();
-    if (!isDone(curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0)))
-        return WS_STATUS_NO_SERVER;
-    const std::string scheme = partOf(url.get(), CURLUPART_SCHEME);
-    if (scheme != "http" && scheme != "https") return WS_STATUS_NO_SERVER;
-    // A password in a URL would end up in logs; queries and fragments have no place in a base.
-    if (text.find_first_of("?#") != std::string::npos) return WS_STATUS_NO_SERVER;
-    for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD}) {
-        if (!partOf(url.get(), part).empty()) return WS_STATUS_NO_SERVER;
-    }
-    loopback = isLoopback(partOf(url.get(), CURLUPART_HOST));
-    const char* allowed = getenv("KSPOOL_ALLOW_PLAINTEXT");
-    if (scheme == "http" && !loopback && (allowed == nullptr || strcmp(allowed, "1") != 0)) {
-        return WS_STATUS_PLAINTEXT;
-    }
-    transport.base = text.substr(0, text.find_last_not_of('/') + 1);
-    const bool direct = scheme == "https" || loopback;
-    const size_t host = transport.base.find("://") + 3;
-    transport.pathStart =
-        direct ? std::min(transport.base.find('/', host), transport.base.size()) : 0;
-    return CR_STATUS_OK;
-}
-
-size_t onHeader(char* line, size_t, size_t length, void* collector) {
-    return static_cast<Collector*>(collector)->header(line, length);
-}
-
-size_t onBody(char* bytes, size_t, size_t length, void* collector) {
-    return static_cast<Collector*>(collector)->body(bytes, length);
-}
-
-curl_socket_t onOpen(void* transport, curlsocktype, curl_sockaddr* address) {
-    const curl_socket_t opened =
-        socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-    struct stat status {};
-    if (opened == CURL_SOCKET_BAD || fstat(opened, &status) != 0) return opened;
-    try {
-        static_cast<WSTransport*>(transport)->sockets.push_back({opened, status.st_ino});
-    } catch (const std::exception&) {
-        close(opened);
-        return CURL_SOCKET_BAD;
-    }
-    return opened;
-}
-
-int onClose(void* transport, curl_socket_t closed) {
-    std::erase_if(static_cast<WSTransport*>(transport)->sockets,
-                  [=](const Socket& one) { return one.fd == closed; });
-    return close(closed);
-}
-
-/// Called before each sending: libcurl may repeat a request by itself.
-int onSend(void* transport, char*, char*, int, int) {
-    ++static_cast<WSTransport*>(transport)->sendings;
-    return CURL_PREREQFUNC_OK;
-}
-
-/// An option that could not be set would change what is sent, or whom it is sent to.
-template <typename Value>
-void set(CURL* curl, CURLoption option, Value value) {
-    if (curl_easy_setopt(curl, option, value) != CURLE_OK) throw std::bad_alloc();
-}
-
-void setKeys(CURL* curl, const std::string& location) {
-    struct stat status {};
-    set(curl, CURLOPT_KEYPASSWD, "");  // a key that wants one is of no use; nobody is to be asked
-    if (location.empty()) return;
-    if (stat(location.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        set(curl, CURLOPT_SSLCERT, location.c_str());
-        set(curl, CURLOPT_SSLKEY, location.c_str());
-        return;
-    }
-    // Those of the system are not trusted beside it, and it is read at each connection.
-    set(curl, CURLOPT_CAPATH, static_cast<char*>(nullptr));
-    set(curl, CURLOPT_CA_CACHE_TIMEOUT, 0L);
-    set(curl, CURLOPT_CAINFO, (location + "/ca.pem").c_str());
-    set(curl, CURLOPT_SSLCERT, (location + "/cert.pem").c_str());
-    set(curl, CURLOPT_SSLKEY, (location + "/key.pem").c_str());
-}
-
-/// Gives libcurl all that is the same for each request. The open connection survives it.
-void configure(WSTransport& transport) {
-    CURL* curl = transport.curl.get();
-    const Settings& s = transport.settings;
-    bool loopback = false;
-    curl_easy_reset(curl);
-    transport.unusable = readServerUrl(transport, loopback);
-    set(curl, CURLOPT_NOSIGNAL, 1L);
-    set(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-    set(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
-    set(curl, CURLOPT_FOLLOWLOCATION, 0L);
-    set(curl, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
-    set(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    set(curl, CURLOPT_NETRC, long{CURL_NETRC_IGNORED});
-    set(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
-    set(curl, CURLOPT_TCP_KEEPALIVE, 1L);
-    set(curl, CURLOPT_USERAGENT, "kspool");
-    if (loopback) set(curl, CURLOPT_NOPROXY, "*");
-    setKeys(curl, s.keyLocation.text());
-    if (!s.login.text().empty()) {
-        set(curl, CURLOPT_HTTPAUTH, long{CURLAUTH_BASIC});
-        set(curl, CURLOPT_USERNAME, s.login.text().c_str());
-        set(curl, CURLOPT_PASSWORD, s.password.text().c_str());
-    }
-    set(curl, CURLOPT_OPENSOCKETFUNCTION, onOpen);
-    set(curl, CURLOPT_OPENSOCKETDATA, &transport);
-    set(curl, CURLOPT_CLOSESOCKETFUNCTION, onClose);
-    set(curl, CURLOPT_CLOSESOCKETDATA, &transport);
-    set(curl, CURLOPT_PREREQFUNCTION, onSend);
-    set(curl, CURLOPT_PREREQDATA, &transport);
-    set(curl, CURLOPT_HEADERFUNCTION, onHeader);
-    set(curl, CURLOPT_WRITEFUNCTION, onBody);
-    transport.configured = true;
-}
-
 void addHeader(HeaderList& list, const std::string& line) {
     curl_slist* longer = curl_slist_append(list.get(), line.c_str());
     if (longer == nullptr) throw std::bad_alloc();
@@ -221,7 +85,8 @@ void addHeader(HeaderList& list, const std::string& line) {
     list.reset(longer);
 }
 
-/// Each request has an id of its own, which all its repetitions carry.
+/// The request's own headers. "Expect:" without a value suppresses the header that libcurl adds to
+/// large bodies, which would cost a round trip.
 HeaderList headersFor(WSTransport& transport, const Request& request) {
     char id[48];
     snprintf(id, sizeof id, "Request-Id: %016" PRIx64 "%016" PRIx64, transport.idStart,
@@ -235,21 +100,22 @@ HeaderList headersFor(WSTransport& transport, const Request& request) {
     return headers;
 }
 
-/// Gives libcurl what is this request's own.
+/// Sets the options that differ from request to request. They stay the same for all its attempts.
 void prepare(WSTransport& transport, const Request& request, const curl_slist* headers) {
     CURL* curl = transport.curl.get();
     const std::string url = transport.base + request.path;
-    set(curl, CURLOPT_URL, url.c_str());
-    // Without memory for the query, libcurl would send the request without it.
+    setCurl(curl, CURLOPT_URL, url.c_str());
+    // When libcurl runs out of memory while it copies the query, it sends the path without it. A
+    // request target of our own is sent as it is.
     if (transport.pathStart != 0)
-        set(curl, CURLOPT_REQUEST_TARGET, url.c_str() + transport.pathStart);
-    set(curl, CURLOPT_HTTPHEADER, headers);
+        setCurl(curl, CURLOPT_REQUEST_TARGET, url.c_str() + transport.pathStart);
+    setCurl(curl, CURLOPT_HTTPHEADER, headers);
     if (request.contentType == nullptr) {
-        set(curl, CURLOPT_HTTPGET, 1L);
+        setCurl(curl, CURLOPT_HTTPGET, 1L);
     } else {
-        set(curl, CURLOPT_POSTFIELDS, request.body);
-        set(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.bodySize));
-        set(curl, CURLOPT_POST, 1L);
+        setCurl(curl, CURLOPT_POSTFIELDS, request.body);
+        setCurl(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.bodySize));
+        setCurl(curl, CURLOPT_POST, 1L);
     }
 }
 
@@ -257,7 +123,7 @@ milliseconds seconds(int64_t count) {
     return std::chrono::seconds(std::clamp<int64_t>(count, 0, kLongestTimeout));
 }
 
-/// One call: its attempts, and the time they have.
+/// The attempts of one request, and the time that they have.
 class Call {
   public:
     explicit Call(WSTransport& transport)
@@ -267,61 +133,64 @@ class Call {
           reconnect_(seconds(transport.settings.reconnectTimeout)),
           deadline_(Clock::now() + reconnect_ + response_) {}
 
-    uint32_t run(Text& text) {
+    uint32_t run(kspool::OwnedText& text) {
         uint32_t status = attempt(text);
         const auto firstFailure = Clock::now();
-        for (unsigned failures = 1; canTryAgain(status); ++failures) {
+        for (unsigned failures = 1; isRetryable(status); ++failures) {
             const auto left = reconnect_ - (Clock::now() - firstFailure);
             if (left <= Clock::duration::zero()) break;
-            std::this_thread::sleep_for(std::min<Clock::duration>(left, pauseAfter(failures)));
+            std::this_thread::sleep_for(std::min<Clock::duration>(left, backOff(failures)));
             transport_.event = {};
             status = attempt(text);
         }
-        // Those two say that nothing was done, which holds for the last sending alone.
+        // These statuses promise that nothing was done; that is known of the last attempt only.
         const bool unsent = status == WS_STATUS_NO_CONNECT || status == WS_STATUS_TLS;
         return unsent && mayBeDone_ ? uint32_t{WS_STATUS_CUT} : status;
     }
 
   private:
-    uint32_t attempt(Text& text) {
-        long limit = 0;  // none
+    uint32_t attempt(kspool::OwnedText& text) {
+        long limit = 0;  // for libcurl: no limit
         if (response_.count() > 0) {
             const auto left = std::chrono::duration_cast<milliseconds>(deadline_ - Clock::now());
             limit = std::max<long>(1, std::min(response_, left).count());
         }
         Collector collector;
         detail_[0] = '\0';
-        transport_.sendings = 0;
-        set(curl_, CURLOPT_TIMEOUT_MS, limit);
-        set(curl_, CURLOPT_HEADERDATA, &collector);
-        set(curl_, CURLOPT_WRITEDATA, &collector);
-        set(curl_, CURLOPT_ERRORBUFFER, detail_);
+        transport_.transmissions = 0;
+        setCurl(curl_, CURLOPT_TIMEOUT_MS, limit);
+        setCurl(curl_, CURLOPT_HEADERDATA, &collector);
+        setCurl(curl_, CURLOPT_WRITEDATA, &collector);
+        setCurl(curl_, CURLOPT_ERRORBUFFER, detail_);
         const CURLcode code = curl_easy_perform(curl_);
-        if (code != CURLE_OK) endConnections();
+        if (code != CURLE_OK) shutDownConnections();
         curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
         httpStatus_ = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &httpStatus_);
+        // A 429 or 503 says that the server did not process the transmission it answers, the last
+        // one of the attempt. Earlier ones got no answer and may have been processed.
         const bool turnedAway = httpStatus_ == 429 || httpStatus_ == 503;
-        if (transport_.sendings > (turnedAway ? 1U : 0U)) mayBeDone_ = true;
+        if (transport_.transmissions > (turnedAway ? 1U : 0U)) mayBeDone_ = true;
         const uint32_t status = meaningOf(code, collector, text);
-        if (status != CR_STATUS_OK) explain(status, code);
+        if (status != CR_STATUS_OK) logFailure(status, code);
         return status;
     }
 
-    /// libcurl keeps a connection on which it could send a part of a request only. The rest would
-    /// go out with the next one, whose answer would then be this one's.
-    void endConnections() const {
+    /// After a failure libcurl may keep a connection on which a request was sent in part. The next
+    /// request would complete it there, and be given the answer to the one before. A connection
+    /// that is shut down is found dead and replaced.
+    void shutDownConnections() const {
         for (const Socket& one : transport_.sockets)
             if (one.isOurs()) shutdown(one.fd, SHUT_RDWR);
     }
 
-    uint32_t meaningOf(CURLcode code, Collector& collector, Text& text) {
+    uint32_t meaningOf(CURLcode code, Collector& collector, kspool::OwnedText& text) {
         if (collector.refusal() != 0) return collector.refusal();
         if (code == CURLE_OK) return collector.judge(httpStatus_, text, transport_.event);
         return meaningOf(code, collector.headIsComplete());
     }
 
-    /// What a failure of libcurl comes to, by how far the request had come.
+    /// The status of a failure of libcurl, refined by how far the attempt had come.
     uint32_t meaningOf(CURLcode code, bool headIsComplete) const {
         curl_off_t sent = 0, firstByte = 0;
         long proxy = 0;
@@ -330,20 +199,22 @@ class Call {
         curl_easy_getinfo(curl_, CURLINFO_HTTP_CONNECTCODE, &proxy);
         if (proxy != 0 && proxy != 200) return WS_STATUS_NO_CONNECT;
         if (code == CURLE_OPERATION_TIMEDOUT && sent == 0) return WS_STATUS_NO_CONNECT;
-        // It holds 100 kB of one header line, and says that memory is out when it gets more.
+        // libcurl limits a header line to 100 kB and reports OUT_OF_MEMORY beyond that.
         if (code == CURLE_OUT_OF_MEMORY && firstByte > 0 && !headIsComplete) {
             return WS_STATUS_TOO_LARGE;
         }
+        // A broken chunk and a broken connection share a code; only the text tells them apart.
         if (code == CURLE_RECV_ERROR && strstr(detail_, "chunked-enc") != nullptr) {
             return WS_STATUS_BAD_ANSWER;
         }
+        // An unlisted failure after the first byte of the answer is a fault of the answer.
         const uint32_t status = ws::meaningOf(code);
         return status == WS_STATUS_FAILED && firstByte > 0 ? uint32_t{WS_STATUS_BAD_ANSWER}
                                                            : status;
     }
 
-    /// Tells the log what the status alone does not.
-    void explain(uint32_t status, CURLcode code) const {
+    /// Logs the detail that the status does not carry: libcurl's text and the HTTP status.
+    void logFailure(uint32_t status, CURLcode code) const {
         const bool ended = code == CURLE_OK || code == CURLE_WRITE_ERROR;
         const char* text = ended              ? CRStatusToStringA(status)
                            : *detail_ != '\0' ? detail_
@@ -351,19 +222,24 @@ class Call {
         NoticeA(status, "%s: %s (HTTP status %ld)", transport_.base.c_str(), text, httpStatus_);
     }
 
-    bool canTryAgain(uint32_t status) const {
+    /// True for a connection that could not be made, and for an answer by which the server, or a
+    /// gateway before it, asks for patience. An event in such an answer does not change that.
+    bool isRetryable(uint32_t status) const {
         if (status == WS_STATUS_NO_CONNECT) return true;
         if (status != CR_STATUS_OK && status != WS_STATUS_BAD_ANSWER) return false;
         return httpStatus_ == 429 || (httpStatus_ >= 502 && httpStatus_ <= 504);
     }
 
-    /// What the server asked for, or a random part of a time that doubles.
-    Clock::duration pauseAfter(unsigned failures) {
+    /// The pause before the next attempt: Retry-After when the server gave one, else exponential
+    /// back-off with full jitter, a random part of a span that doubles up to a cap. Clients that a
+    /// failing server dropped together would otherwise come back together.
+    Clock::duration backOff(unsigned failures) {
         curl_off_t wanted = 0;
         curl_easy_getinfo(curl_, CURLINFO_RETRY_AFTER, &wanted);
         if (httpStatus_ != 0 && wanted > 0) return seconds(wanted);
         const milliseconds most =
-            std::min(kFirstPause * (1U << std::min(failures, 10U)), kLongestPause);
+            std::min(kBackOffBase * (1U << std::min(failures, 10U)), kBackOffCap);
+        // The seed differs between transports, so that their pauses differ as well.
         std::minstd_rand random(static_cast<uint32_t>(transport_.idStart + failures) ^
                                 static_cast<uint32_t>(transport_.requests << 8));
         random.discard(1);
@@ -376,13 +252,13 @@ class Call {
     const milliseconds reconnect_;
     const Clock::time_point deadline_;
     long httpStatus_ = 0;
-    bool mayBeDone_ = false;  ///< a sending went out of which the server did not say that it waits
+    bool mayBeDone_ = false;  ///< an attempt may have reached the server and been carried out
     char detail_[CURL_ERROR_SIZE] = "";
 };
 
 }  // namespace
 
-uint32_t exchange(WSTransport& transport, const Request& request, Text& text) {
+uint32_t exchange(WSTransport& transport, const Request& request, kspool::OwnedText& text) {
     if (transport.owner != getpid()) return WS_STATUS_FORKED;
     transport.event = {};
     if (!transport.configured) configure(transport);
@@ -392,8 +268,9 @@ uint32_t exchange(WSTransport& transport, const Request& request, Text& text) {
     prepare(transport, request, headers.get());
     const uint32_t status = Call(transport).run(text);
     curl_easy_setopt(transport.curl.get(), CURLOPT_HTTPHEADER, nullptr);
-    // libcurl counts how often it repeated a request over the life of its handle and does so five
-    // times only; being set up anew it forgets. It repeats on a new connection.
+    // libcurl repeats a request on a new connection when a reused one is dead, but only five times
+    // in the life of a handle, unless it is reset. So a request that needed a new connection has
+    // the next one configure, and thereby reset, the handle.
     long connects = 0;
     curl_easy_getinfo(transport.curl.get(), CURLINFO_NUM_CONNECTS, &connects);
     if (connects > 0) transport.configured = false;

@@ -1,4 +1,5 @@
-// The transport's stand-in: requests as they are called, put into the words of the wire.
+// The transport's stand-in: the two calls that send requests. Their parameters are encoded for the
+// wire (docs/wire-protocol.md), and the result is handed to the caller.
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
@@ -28,7 +29,8 @@ struct Parameter {
     Type type;
 };
 
-/// The list of a request does not say what its values are; their names do.
+/// The parameters by name. A variadic list does not carry the types of its values, so the name
+/// tells how to read the value that follows.
 constexpr Parameter kParameters[] = {
     {"action", Type::kText},
     {"path", Type::kText},
@@ -52,7 +54,8 @@ constexpr Parameter kParameters[] = {
     {"retention", Type::kInt64},
 };
 
-/// libcurl's own does not take texts whose escaped form is over 24 MB.
+/// Percent-encodes all but the unreserved characters of a URL. curl_easy_escape() fails when the
+/// escaped form is over 24 MB, which a list of POs can be.
 std::string escaped(const char* text) {
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string out;
@@ -83,7 +86,8 @@ std::string valueText(Type type, va_list& parameters) {
     }
 }
 
-/// False when a name is not in the table.
+/// Writes the parameters as a form. False when a name is not in the table: the type of its value is
+/// unknown, so the rest of the list cannot be read either.
 bool writeForm(va_list& parameters, std::string& form) {
     while (const char* name = va_arg(parameters, const char*)) {
         const auto* row =
@@ -104,22 +108,22 @@ const char* pathOf(uint32_t service) {
     return row != std::end(kServices) ? row->path : nullptr;
 }
 
-const char* known(const std::string& text) {
+const char* nullIfEmpty(const std::string& text) {
     return text.empty() ? nullptr : text.c_str();
 }
 
-/// Sends a request and hands out what came back.
+/// Sends a request and fills the result. The event's texts stay with the transport.
 uint32_t send(WSTransport& transport, const Request& request, WSResult& result) {
-    Text text;
+    kspool::OwnedText text;
     const uint32_t status = exchange(transport, request, text);
     if (status != CR_STATUS_OK) return status;
     const Event& event = transport.event;
     result.eventCode = event.code;
     result.data = text.release();
-    result.severity = known(event.severity);
-    result.serverAddress = known(event.serverAddress);
-    result.sourceApplication = known(event.sourceApplication);
-    result.description = known(event.description);
+    result.severity = nullIfEmpty(event.severity);
+    result.serverAddress = nullIfEmpty(event.serverAddress);
+    result.sourceApplication = nullIfEmpty(event.sourceApplication);
+    result.description = nullIfEmpty(event.description);
     return CR_STATUS_OK;
 }
 

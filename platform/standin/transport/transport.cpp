@@ -1,4 +1,5 @@
-// The transport's stand-in: its life, its options and what can be asked of it.
+// The transport's stand-in: creation, options, queries and shutdown. The invariants of the record
+// are in transport.h.
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -19,10 +20,10 @@ namespace ws {
 namespace {
 
 constexpr size_t kLongestText = 4095;
-constexpr uint32_t kMostPairs = 8;
+constexpr uint32_t kMostPairs = 8;  // of WSSetOptVa()
 constexpr uint32_t kNoArchMode = 0xFFFFFFFF;
 
-/// Where the value of a text or an integer goes.
+/// The member of Settings that an option sets.
 struct TextRow {
     uint32_t code;
     Secret Settings::*text;
@@ -45,7 +46,7 @@ constexpr NumberRow kNumbers[] = {
     {WS_OPT_RECONNECT_TIMEOUT, &Settings::reconnectTimeout},
 };
 
-/// NULL when the option is not in the table.
+/// The row of an option; NULL when the table has none.
 template <typename Row, size_t size>
 const Row* rowOf(const Row (&table)[size], uint32_t code) {
     const Row* row =
@@ -56,14 +57,15 @@ const Row* rowOf(const Row (&table)[size], uint32_t code) {
 uint32_t checkText(const WSOption& option) {
     const char* text = option.value.text;
     if (text == nullptr) return CR_STATUS_INVALID_PARAMETER;
-    // Behind a colon, the server would take the rest for the password.
+    // HTTP Basic sends "login:password", so a server would split the login at its colon.
     if (option.code == WS_OPT_LOGIN && strchr(text, ':') != nullptr) {
         return CR_STATUS_INVALID_PARAMETER;
     }
     return strnlen(text, kLongestText + 1) > kLongestText ? CR_STATUS_LIMIT_EXCEEDED : CR_STATUS_OK;
 }
 
-/// All records or none: they go to a copy, and nothing can fail once it is taken over.
+/// Applies all records or none: they go to a copy, and swapping it in cannot fail. The copy leaves
+/// with the old texts, which its Secrets wipe.
 uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t count) {
     Settings next = transport.settings;
     for (uint32_t i = 0; i < count; ++i) {
@@ -87,6 +89,8 @@ uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t co
     return CR_STATUS_OK;
 }
 
+/// curl_global_init() must not run twice at the same time, and its result is kept for all
+/// transports of the process.
 bool globalInit() {
     static std::once_flag once;
     static CURLcode result = CURLE_FAILED_INIT;
@@ -106,7 +110,9 @@ std::unique_ptr<WSTransport> makeTransport() {
     return transport;
 }
 
-/// In a child of the owner, whose copies of connections must not say good-bye on its behalf.
+/// Called in a child of the owner. Its descriptors refer to the parent's connections, on which the
+/// close_notify that libcurl sends would end the parent's TLS session. So each socket is replaced
+/// by /dev/null, which swallows the bytes, or closed where that fails.
 void muteConnections(const WSTransport& transport) {
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const Socket& one : transport.sockets) {
@@ -116,8 +122,10 @@ void muteConnections(const WSTransport& transport) {
     if (nowhere >= 0) close(nowhere);
 }
 
+/// Asks for the architecture mode and remembers it. The answer is a number below kNoArchMode, which
+/// stands for a failure in WSArchMode(), and perhaps line ends.
 uint32_t askArchMode(WSTransport& transport) {
-    Text text;
+    kspool::OwnedText text;
     const uint32_t status = exchange(transport, {"/ws/arch", nullptr, nullptr, 0}, text);
     if (status != CR_STATUS_OK) return status;
     if (transport.event.code != 0) return CR_STATUS_REMOTE_ERROR;
@@ -132,11 +140,16 @@ uint32_t askArchMode(WSTransport& transport) {
 
 }  // namespace
 
+/// Wipes the whole capacity, not the size alone: behind a shorter text stand the bytes of the
+/// longer one that was there before.
 void Secret::wipe() noexcept {
     text_.resize(text_.capacity());
     explicit_bzero(text_.data(), text_.size());
 }
 
+/// The new text is built first: assigning to `text_` could reallocate and free the old block as it
+/// is. The old block is wiped before `next` takes it over and frees it. Not covered: swap() may
+/// copy a text of up to 15 characters by way of the stack.
 void Secret::set(const char* text) {
     std::string next(text);
     wipe();
@@ -164,7 +177,8 @@ WSTransport* WSInit(int, int, int, int, int) noexcept {
 void WSShutdown(WSTransport* transport) noexcept {
     if (transport == nullptr) return;
     if (transport->owner != getpid()) muteConnections(*transport);
-    transport->curl.reset();  // while its callbacks still have the rest
+    // The handle goes first: closing its connections calls onClose(), which needs the record.
+    transport->curl.reset();
     delete transport;
 }
 

@@ -1,4 +1,5 @@
-// The transport as its own files see it: what was set, what is sent, what came back.
+// The transport's internals: settings, one request, one answer, and the record that ties them
+// together. docs/internals/transport.md follows a request through these files.
 #ifndef PLATFORM_STANDIN_TRANSPORT_TRANSPORT_H
 #define PLATFORM_STANDIN_TRANSPORT_TRANSPORT_H
 
@@ -7,19 +8,21 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "common/owned.h"
 #include "cr_status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
 
 namespace ws {
 
-/// A text that is wiped when it goes.
+/// A text whose memory is overwritten before it is freed or reused, so that no password stays
+/// readable in a core dump or in a block that malloc() hands out again.
 class Secret {
   public:
     Secret() = default;
@@ -35,8 +38,8 @@ class Secret {
     std::string text_;
 };
 
-/// What WSSetOpt() sets. Empty texts are not set; all are kept as carefully as the one that needs
-/// it.
+/// The values of the options that WSSetOpt() sets, in seconds where they are times. An empty text
+/// is an option that is not set. All texts are wiped, although only the password must be.
 struct Settings {
     Secret serverUrl;
     Secret login;
@@ -54,16 +57,12 @@ struct FreeEasy {
 struct FreeList {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
 struct FreeCurlText {
     void operator()(char* text) const { curl_free(text); }
 };
 using HeaderList = std::unique_ptr<curl_slist, FreeList>;
-using Text = std::unique_ptr<char, FreeText>;
 
-/// One request as it is sent, perhaps more than once.
+/// One request. Its attempts all send the same bytes.
 struct Request {
     const char* path;         ///< below the server URL, with its query
     const char* contentType;  ///< NULL: a GET
@@ -71,16 +70,25 @@ struct Request {
     size_t bodySize;
 };
 
-/// What is known of an event beside its code. Empty texts are not known.
+/// An event that the server reported. Texts that the server left out are empty.
 struct Event {
     uint32_t code = 0;
     std::string severity, serverAddress, sourceApplication, description;
 };
 
-/// Takes one answer in while it arrives, and says afterwards what it is.
+/// Receives the answer to one attempt and judges it. libcurl accepts more than the protocol allows
+/// (repeated lengths, further transfer codings, bodies without a known end), so the header lines
+/// are read here as well.
+///
+/// Invariants:
+///  1. Once `refusal_` is set, the callbacks return 0, which ends the transfer.
+///  2. `text_` has `capacity_` bytes, of which `size_` are filled; unless both are 0, there is room
+///     for a NUL behind them.
+///  3. Header members describe the answer of the last status line. Interim answers (1xx) are
+///     forgotten, but their bytes count for the limit.
 class Collector {
   public:
-    /// Both return what they were given, or less to end the transfer.
+    /// The callbacks of libcurl. Both return `length`, or less to end the transfer.
     size_t header(const char* line, size_t length) noexcept;
     size_t body(const char* bytes, size_t length) noexcept;
 
@@ -89,7 +97,7 @@ class Collector {
     bool headIsComplete() const { return headIsComplete_; }
 
     /// The status of an answer that arrived whole: 0 with `text` or `event` filled, or a failure.
-    uint32_t judge(long httpStatus, Text& text, Event& event);
+    uint32_t judge(long httpStatus, kspool::OwnedText& text, Event& event);
 
   private:
     void takeLength(std::string_view text) noexcept;
@@ -105,15 +113,15 @@ class Collector {
     bool hasLength_ = false;
     uint64_t length_ = 0;
     uint32_t refusal_ = 0;
-    Text text_;
+    kspool::OwnedText text_;
     size_t size_ = 0;
     size_t capacity_ = 0;
 };
 
 uint64_t answerLimit() noexcept;
 
-/// A socket of ours. libcurl closes some without telling, so that a descriptor alone may be another
-/// one's by now.
+/// A socket that the transport opened. libcurl closes some sockets without the callback, after
+/// which the number may belong to a descriptor of the program; the inode tells them apart.
 struct Socket {
     curl_socket_t fd;
     ino_t inode;
@@ -126,28 +134,59 @@ struct Socket {
 
 }  // namespace ws
 
+// A transport: one libcurl handle, reused for every request so that its connection is, and the
+// state around it.
+//
+// Thread rule: one thread at a time per transport, no locks. Process-wide are only libcurl's global
+// state, initialised once, and the answer limit, which is atomic.
+//
+// Invariants:
+//  1. Only the process `owner` sends. In a child, requests return WS_STATUS_FORKED and WSShutdown()
+//     sends nothing, not even a TLS close_notify: either would corrupt the parent's connection.
+//  2. While `configured` is false, `settings` may be newer than the options of `curl`; the next
+//     request calls configure() first. `unusable`, `base` and `pathStart` belong to the last
+//     configure().
+//  3. While `unusable` is not 0, requests return it, and nothing is sent.
+//  4. No two requests share an id: `idStart` is random per transport, `requests` only grows. All
+//     attempts of one request carry the same id.
+//  5. `sockets` names every open socket of `curl`. It may also name closed ones: see Socket.
+//  6. Pointers that `curl` keeps into a finished call (body, collector) are dead; each attempt
+//     replaces them before curl_easy_perform().
+//  7. `archKnown` implies that `archMode` is that of `settings.serverUrl`.
+//  8. `event` owns the texts that the last WSResult points to; the next request clears it.
 struct WSTransport {
     std::unique_ptr<CURL, ws::FreeEasy> curl;
     pid_t owner = 0;
-    std::vector<ws::Socket> sockets;  ///< opened and not closed by a callback
+    std::vector<ws::Socket> sockets;
     ws::Settings settings;
-    bool configured = false;  ///< `curl` has been given `settings`
-    uint32_t unusable = 0;    ///< why no request can be sent with them, or 0
-    std::string base;         ///< the server URL without a slash at its end
-    size_t pathStart = 0;     ///< where the path begins in it; 0: a proxy wants the whole URL
+    bool configured = false;
+    uint32_t unusable = 0;  ///< the status of the server URL: 0 when it can be used
+    std::string base;       ///< the server URL without a slash at its end
+    size_t pathStart = 0;   ///< where the path begins in `base`; 0: a proxy wants the whole URL
     int64_t lastUse = 0;
-    uint64_t idStart = 0;  ///< request ids: this and a count
+    uint64_t idStart = 0;
     uint64_t requests = 0;
     bool archKnown = false;
     uint32_t archMode = 0;
-    unsigned sendings = 0;  ///< how often libcurl began to send the request, in one attempt
-    ws::Event event;        ///< keeps the texts of the last result alive
+    unsigned transmissions = 0;  ///< how often libcurl began to send within the current attempt
+    ws::Event event;
 };
 
 namespace ws {
 
-/// Sends a request, again while the reconnect time-out allows, and brings what came of it.
-uint32_t exchange(WSTransport& transport, const Request& request, Text& text);
+/// Sets one libcurl option. A failure ends the request: without the option, other bytes would be
+/// sent, or to another host.
+template <typename Value>
+void setCurl(CURL* curl, CURLoption option, Value value) {
+    if (curl_easy_setopt(curl, option, value) != CURLE_OK) throw std::bad_alloc();
+}
+
+/// Gives libcurl the settings and all options that are the same for every request. The open
+/// connection is kept.
+void configure(WSTransport& transport);
+
+/// Sends a request, again while the reconnect time-out allows, and returns its status.
+uint32_t exchange(WSTransport& transport, const Request& request, kspool::OwnedText& text);
 
 }  // namespace ws
 
