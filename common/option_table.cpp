@@ -1,3 +1,4 @@
+// The table of the option codes, and the proof that it is complete.
 #include "common/option_table.h"
 
 #include <algorithm>

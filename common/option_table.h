@@ -1,5 +1,5 @@
-// The space of option codes as one table: how each consumer treats each code. Sessions and agent
-// configurations read the same rows, so that they cannot disagree about a code.
+// The option codes as one table: how each consumer treats each code. A new option is a new row, and
+// a static_assert proves that the rows cover all 32-bit codes exactly once.
 #ifndef COMMON_OPTION_TABLE_H
 #define COMMON_OPTION_TABLE_H
 
@@ -9,7 +9,7 @@
 
 namespace kspool {
 
-/// A variadic option list: how the value that follows a code is read.
+/// How a variadic option list reads the value behind a code.
 enum class VaValue : uint8_t {
     kEndsList,  ///< no value follows; the list is over
     kRefused,   ///< the list is not accepted
@@ -17,7 +17,7 @@ enum class VaValue : uint8_t {
     kWord32,    ///< a 32-bit integer, stored zero-extended
 };
 
-/// Options of a session.
+/// How a session treats an option.
 enum class SessionUse : uint8_t {
     kCrOnly,     ///< another component's: ignored with a trace
     kSpOnly,     ///< another component's: ignored with a trace
@@ -28,7 +28,7 @@ enum class SessionUse : uint8_t {
     kRejected,   ///< ends the call
 };
 
-/// Options of an agent configuration: the field that the value goes to.
+/// The field of an agent configuration that an option sets.
 enum class ConfigField : uint8_t {
     kNone,  ///< ignored
     kLogin,
@@ -41,7 +41,7 @@ enum class ConfigField : uint8_t {
     kDoType,
 };
 
-/// Which texts an agent configuration accepts besides non-empty ones.
+/// Which texts an option of an agent configuration accepts.
 enum class ConfigText : uint8_t {
     kNotText,
     kNonEmpty,      ///< neither NULL nor empty
@@ -55,14 +55,14 @@ struct OptionRow {
     uint32_t last;
     VaValue vaValue;
     SessionUse session;
-    bool refreshesTransport;  ///< login, password, URL and key go to the transport again
+    bool refreshesTransport;  ///< passes URL, login, password and key to the transport again
     uint32_t transportCode;   ///< WS_OPT_... of a SessionUse::kTransport row
     ConfigField field;
     ConfigText text;
     uint32_t capacity;  ///< texts must be shorter than this
 };
 
-/// The most records of a kind in one call.
+/// The most records of each kind that one call accepts.
 enum OptionLimit : uint32_t {
     kMaxVaOptions = 32,
     kMaxForwardedOptions = 31,

@@ -5,10 +5,10 @@
  *    once given out, keeps its meaning.
  * 2. The values below are the library's own. A status that comes from a failed system call, from
  *    the transport or from another library of the pool is passed on as it is; CRStatusToStringA()
- *    (platform/status.h) has a text for all of them.
+ *    (platform/status.h) has a text for every status.
  * 3. The status slot is one status word per thread, *__cr_errno_location() (platform/status.h).
  *    Functions that return a handle leave the reason of a failure there, unless they say otherwise.
- * Functions that return a status say in their own comment whether they store it there as well.
+ *    Functions that return a status say in their comment whether they store it there as well.
  */
 #ifndef CR_STATUS_H
 #define CR_STATUS_H

@@ -1,19 +1,19 @@
 /*
  * KSConfig: the configuration of a backup agent.
  *
- * It holds what an agent needs to reach its storage pool: URLs, ids, login, fingerprint type,
- * files. Conventions that hold for every function here:
+ * A configuration holds the URLs, ids, login, fingerprint type and files with which an agent
+ * reaches its storage pool. Conventions that hold for every function here:
  *
  * 1. Ownership. The record is the caller's, holds no pointer and may be copied as it stands. Texts
  *    given are read during the call only.
  * 2. Texts in the record are NUL-terminated. `flags` tells which fields hold a value.
- * 3. Secrets. The password is kept in the record as it is, and never written to a log or trace.
- *    Who owns a record wipes it.
+ * 3. Secrets. The record holds the password in plain text; no function writes it to a log or trace.
+ *    The owner of a record wipes it.
  * 4. Threads. No lock is taken: a record is used by one thread at a time.
- * 5. Status slot. *__cr_errno_location(), declared in platform/status.h; a function that does not
- *    say that it stores something there leaves it alone.
+ * 5. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves the slot
+ *    alone unless its comment says otherwise.
  *
- * docs/agent-config.md describes the file that the record is read from.
+ * docs/agent-config.md describes the file.
  *
  * Arguments that mean the same everywhere:
  *
@@ -35,7 +35,11 @@
 extern "C" {
 #endif
 
-/* What an agent knows of its pool. */
+/*
+ * The configuration of an agent. KSConfigInitWithAgentCfg() zeroes the record and fills it;
+ * KSConfigSet() changes it; everybody else reads it. An optional field holds a value when its flag,
+ * named beside it, is set in `flags`.
+ */
 typedef struct KSConfig {
     uint32_t flags;                   /* KS_CFG_... bits: which fields hold a value */
     uint32_t storagePoolId;           /* KS_CFG_STORAGE_POOL_ID */
@@ -61,9 +65,9 @@ typedef struct KSConfig {
  * is NULL, the file that CRConfigLocate() (platform/status.h) finds. `config` NULL: nothing
  * happens. Login and password are never in the file.
  *
- * Directives that are missing or not valid are reported to the log one by one and leave their flags
- * clear. A file that cannot be found or read is reported once; the record then holds nothing, its
- * `applicationName` is empty and `flags` is KS_CFG_APPLICATION alone.
+ * Missing and invalid directives are reported to the log one by one and leave their flags clear. A
+ * file that cannot be found or read is reported once; the record is then empty, its
+ * `applicationName` included, and `flags` is KS_CFG_APPLICATION alone.
  *
  * Slot: the reason when the file cannot be found or read, otherwise left alone.
  */
@@ -71,22 +75,21 @@ KSPOOL_API void KSConfigInitWithAgentCfg(KSConfig* config,
                                          const char* agentCfgPath) KSPOOL_NOEXCEPT;
 
 /*
- * Applies `count` options to the record, all of them or none. Codes that no field belongs to are
- * ignored. `doType` becomes 255 unless an option of this call sets it. `options` may be NULL when
- * `count` is 0. KS_OPT_ROUTE_TABLE_DIR makes both paths from the folder and the storage pool id;
- * a NULL or empty folder clears them.
+ * Applies `count` options to the record, all of them or none. Codes without a field in the record
+ * are ignored. `doType` becomes 255 unless an option of this call sets it. `options` may be NULL
+ * when `count` is 0. KS_OPT_ROUTE_TABLE_DIR makes both paths from the folder and the storage pool
+ * id; a NULL or empty folder clears them.
  *
- * Returns 0, or the status of the last record that is wrong: CR_STATUS_INVALID_PARAMETER for a text
- * that is missing (and for a NULL `config`, or NULL `options` with a count),
- * CR_STATUS_LIMIT_EXCEEDED for one that does not fit, CR_STATUS_INVALID_VALUE for a type that is
- * none. The slot is left alone.
+ * Returns 0, or the status of the last invalid record: CR_STATUS_INVALID_PARAMETER for a missing
+ * text (and for a NULL `config`, or NULL `options` with a count), CR_STATUS_LIMIT_EXCEEDED for a
+ * text that does not fit, CR_STATUS_INVALID_VALUE for an unknown type. The slot is left alone.
  */
 KSPOOL_API uint32_t KSConfigSet(KSConfig* config, const KSOption* options,
                                 uint32_t count) KSPOOL_NOEXCEPT;
 
 /*
- * Writes a summary of the record to the trace when tracing is on. The password is not in it. NULL
- * is allowed.
+ * Writes a summary of the record, without the password, to the trace when tracing is on. NULL is
+ * allowed.
  */
 KSPOOL_API void _ksDump(const KSConfig* config) KSPOOL_NOEXCEPT;
 

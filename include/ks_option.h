@@ -5,7 +5,8 @@
  *    a variadic list that ends with code 0. A call applies all of its records or none.
  * 2. Records are copied whole. A text is read during the call only and stays the caller's.
  * 3. The code space, 0 to 150, is shared with other components of the pool: codes below 128 and
- *    the codes without a name here belong to them and are ignored where they may appear.
+ *    the codes without a name here belong to those components and are ignored where they may
+ * appear.
  */
 #ifndef KS_OPTION_H
 #define KS_OPTION_H

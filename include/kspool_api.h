@@ -1,11 +1,11 @@
-/* Linkage of the public functions: C names, exported, and never throwing towards C++ callers. */
+/* Linkage of the public functions: exported C names that never throw to C++ callers. */
 #ifndef KSPOOL_API_H
 #define KSPOOL_API_H
 
 /* Before each exported function. */
 #define KSPOOL_API __attribute__((visibility("default")))
 
-/* Behind each: no exception comes out. */
+/* Behind each exported function: no exception leaves it. */
 #ifdef __cplusplus
 #define KSPOOL_NOEXCEPT noexcept
 #else

@@ -7,43 +7,44 @@
  * 1. Handles. A NULL session gives CR_STATUS_NULL_HANDLE (44), another required argument that is
  *    NULL gives CR_STATUS_INVALID_PARAMETER (9); the session is checked first and neither is
  *    logged or sent.
- * 2. Statuses. Operations return 0 (CR_STATUS_OK) for success. A request that brought no answer
+ * 2. Statuses. Operations return 0 (CR_STATUS_OK) for success. A request without a valid answer
  *    returns the transport's status (WS_STATUS_..., platform/ws.h): the server may or may not have
- *    carried it out. An answer that reports an error returns CR_STATUS_PERMISSION_DENIED (106) when
- *    its description speaks of a permission, else CR_STATUS_REMOTE_ERROR (4); the log then holds a
- *    report of what the server said, and the process's fatal-error record the description.
- * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function that does not
- *    say that it stores something there leaves it alone.
+ *    carried the request out. An answer that reports an error returns CR_STATUS_PERMISSION_DENIED
+ *    (106) when its description holds the word "permission", else CR_STATUS_REMOTE_ERROR (4); the
+ * log then holds a report of the error, and the process's fatal-error record its description.
+ * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves the slot
+ *    alone unless its comment says otherwise.
  * 4. Ownership. Texts given are read during the call only. Texts received are the caller's, who
  *    releases them with free().
  * 5. Threads. No lock is taken: a session is used by one thread at a time; different sessions are
  *    independent. After a fork a session belongs to the parent; the child may only shut it down.
- * 6. Time. An operation blocks until the answer is there, at most for the transport's reconnect
- *    time-out plus its response time-out (30 seconds unless set).
+ * 6. Time. An operation blocks until the answer is complete, at most for the transport's reconnect
+ *    time-out plus its response time-out (30 seconds unless set). A name resolution that takes
+ * longer is waited for.
  *
  * Arguments that mean the same everywhere:
  *
  *   session        a session of one of the create calls
  *   callerWord     kept and not interpreted
  *   options        option records, read during the call only
- *   count          number of option records; or NULL, or receives the number of POs that were found
- *   agentCfgPath   path of the agent configuration; NULL: the one that is found, see ks.h
+ *   count          number of option records; or NULL, or receives the number of POs found
+ *   agentCfgPath   path of the agent configuration; NULL: the default one, see ks.h
  *   mbsUrl         URL of the Metabase server, or NULL
- *   login          login on it, or NULL
- *   password       password on it, or NULL
+ *   login          login on that server, or NULL
+ *   password       password on that server, or NULL
  *   path           path on the server
- *   source         path on the server of what is there
- *   destination    path on the server of what is to be there
- *   recursive      not 0: directories with what is in them
+ *   source         path on the server of the existing file or directory
+ *   destination    path on the server of the new file or directory
+ *   recursive      not 0: directories with their contents
  *   listing        receives the list, the caller's to free()
  *   length         NULL, or receives the bytes of the text, with its NUL
  *   dataselection  number of the data selection
  *   dsid           number of the data selection
  *   pos            text of POs
- *   filter         what to look for
+ *   filter         the POs to be found
  *   text           receives the answer's text, the caller's to free()
  *   po             the caller's record, zeroed before its first use, which receives a PO
- *   line           receives the text of a PO, which is the cursor's until its next step or end
+ *   line           receives the text of a PO, which the cursor owns
  *   cursor         a cursor of one of the FindFirst calls
  *   client         client of the image
  *   policy         policy of the image
@@ -77,11 +78,11 @@ typedef struct MBSession MBSession;
 /* ---- Sessions ---- */
 
 /*
- * Creates a session: reads the agent configuration from `agentCfgPath` (NULL: from where it is
- * found, see ks.h), opens a transport and applies `count` options as MBOptionsSet() does.
+ * Creates a session: reads the agent configuration from `agentCfgPath` (NULL: from the default
+ * place, see ks.h), opens a transport and applies `count` options as MBOptionsSet() does.
  * `callerWord` is kept and not interpreted. `options` may be NULL when `count` is 0. Nothing is
- * sent. The transport learns server, login, password and key only through an option that says so
- * below, so a session without one cannot reach its server.
+ * sent. The transport gets server, login, password and key only with one of the options that
+ * MBOptionsSet() names, so a session without one cannot reach its server.
  *
  * Returns the session, or NULL with the reason in the slot. After success the slot holds 0.
  */
@@ -89,24 +90,24 @@ KSPOOL_API MBSession* MBCreateWithAgentCfg(uint32_t callerWord, const KSOption* 
                                            uint32_t count,
                                            const char* agentCfgPath) KSPOOL_NOEXCEPT;
 
-/* The same with the configuration file that is found. */
+/* The same with the default configuration file. */
 KSPOOL_API MBSession* MBCreate(uint32_t callerWord, const KSOption* options,
                                uint32_t count) KSPOOL_NOEXCEPT;
 
 /*
  * The same with the options as code and value pairs, at most 32, ended by code 0. Codes are 32-bit
  * integers from 129 to 149 without 141 to 143; the values of 135, 136, 144, 145 and 147 to 149 are
- * 32-bit integers, all others 64 bits wide (integers or texts). A list that is not so gives NULL
- * with the slot left alone.
+ * 32-bit * integers, all others 64 bits wide (integers or texts). An invalid list gives NULL with
+ * the slot left alone.
  */
 KSPOOL_API MBSession* MBCreateVa(uint32_t callerWord, ...) KSPOOL_NOEXCEPT;
 
-/* MBCreateWithAgentCfg() with those of server URL, login and password that are not NULL. */
+/* MBCreateWithAgentCfg() with server URL, login and password as options, unless NULL. */
 KSPOOL_API MBSession* MBInitWithAgentCfg(const char* mbsUrl, uint32_t callerWord, const char* login,
                                          const char* password,
                                          const char* agentCfgPath) KSPOOL_NOEXCEPT;
 
-/* The same with the configuration file that is found. */
+/* The same with the default configuration file. */
 KSPOOL_API MBSession* MBInit(const char* mbsUrl, uint32_t callerWord, const char* login,
                              const char* password) KSPOOL_NOEXCEPT;
 
@@ -128,7 +129,7 @@ KSPOOL_API uint32_t MBOptionsSet(MBSession* session, const KSOption* options,
 
 /*
  * Puts login and password into the session's configuration, both or none; neither may be NULL. The
- * transport goes on with those it has until an option of MBOptionsSet() gives it the new ones.
+ * transport keeps the old ones until an option of MBOptionsSet() passes it the new ones.
  *
  * Returns 0, CR_STATUS_INVALID_PARAMETER or CR_STATUS_LIMIT_EXCEEDED.
  */
@@ -136,37 +137,37 @@ KSPOOL_API uint32_t MBAuthenticate(MBSession* session, const char* login,
                                    const char* password) KSPOOL_NOEXCEPT;
 
 /*
- * Closes the connection and releases the session with all that it holds; its passwords are wiped,
- * but not the copies that libraries below the transport made for themselves. NULL is allowed.
+ * Closes the connection and releases the session. Its copies of the password are wiped; those that
+ * libraries below the transport made are not. NULL is allowed.
  */
 KSPOOL_API void MBShutdown(MBSession* session) KSPOOL_NOEXCEPT;
 
 /*
- * Lets the server know that the session lives, when it has been idle for at least `interval`
- * seconds; 0 or less: now. Returns 0, the transport's status, or the event code that the server
- * reported.
+ * Sends a keep-alive when the session has been idle for at least `interval` seconds; 0 or less:
+ * now. Returns 0, the transport's status, or the event code that the server reported.
  *
  * Slot: the result when it is not 0.
  *
- *   interval  seconds since the last use after which the server is told that the session lives
+ *   interval  seconds of idleness after which a keep-alive is sent
  */
 KSPOOL_API uint32_t MBKeepAlive(MBSession* session, int32_t interval) KSPOOL_NOEXCEPT;
 
 /*
- * Makes requests try again for up to `seconds` when the server cannot be reached, unless a time-out
- * was set before, by the configuration or by this function. Returns that time-out unchanged when
- * there is one, else the status of setting it: 0.
+ * Sets the reconnect time-out: requests are then retried for up to `seconds` after a first failure,
+ * while the server cannot be reached or asks for patience (429, 502, 503, 504). If the
+ * configuration or an earlier call has set one, that time-out stays and is returned; otherwise
+ * returns the status of setting it: 0.
  *
- *   seconds  how long to try again
+ *   seconds  how long to retry
  */
 KSPOOL_API uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) KSPOOL_NOEXCEPT;
 
 /*
- * How PO queries are retried: each retry adds the step (seconds, 120 at first) to the response
- * time-out; the count (3 at first, none below 1) is the number of retries. They hold for all
+ * How PO queries are retried: each retry adds the step (120 seconds unless set) to the response
+ * time-out; the count (3 unless set; below 1: no retry) is the number of retries. Both apply to all
  * sessions of the process. Changes are not synchronised: make them before threads run.
  *
- *   step   seconds by which each retry waits longer
+ *   step   seconds that each retry adds to the response time-out
  *   count  number of retries
  */
 KSPOOL_API void MBSetTimeOut(int32_t step) KSPOOL_NOEXCEPT;
@@ -181,14 +182,14 @@ extern KSPOOL_API int32_t ksvfs_conf_ws_retrycount; /* the count of MBSetRetryCo
 /* ---- Files, directories, time ---- */
 
 /*
- * The name space that the server keeps. Paths are passed to the server as they are, and so is
- * `recursive`. Each is one request. Statuses are those of conventions 1 and 2.
+ * The server's name space. Paths and `recursive` are passed to the server as they are. Each
+ * function is one request. Statuses are those of conventions 1 and 2.
  */
 
 /* Creates a directory. */
 KSPOOL_API uint32_t MBDirCreate(MBSession* session, const char* path) KSPOOL_NOEXCEPT;
 
-/* Copies a file, or with `recursive` a directory with what is in it. */
+/* Copies a file, or with `recursive` a directory with its contents. */
 KSPOOL_API uint32_t MBFileCopy(MBSession* session, const char* source, const char* destination,
                                uint32_t recursive) KSPOOL_NOEXCEPT;
 
@@ -196,12 +197,12 @@ KSPOOL_API uint32_t MBFileCopy(MBSession* session, const char* source, const cha
 KSPOOL_API uint32_t MBFileMove(MBSession* session, const char* source, const char* destination,
                                uint32_t recursive) KSPOOL_NOEXCEPT;
 
-/* Deletes a file or an empty directory, or with `recursive` a directory with what is in it. */
+/* Deletes a file or an empty directory, or with `recursive` a directory with its contents. */
 KSPOOL_API uint32_t MBFileDelete(MBSession* session, const char* path,
                                  uint32_t recursive) KSPOOL_NOEXCEPT;
 
 /*
- * Lists a directory, with `recursive` also what is below it. `*listing` becomes the server's text
+ * Lists a directory, with `recursive` the whole tree below it. `*listing` becomes the server's text
  * (docs/wire-protocol.md), which the caller frees, or NULL when there is none; `*length`, unless
  * `length` is NULL, its size with the NUL, or 0. On failure after the arguments were checked both
  * are NULL and 0.
@@ -220,10 +221,10 @@ KSPOOL_API uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) KSPOOL_N
 /* ---- Lists of POs ---- */
 
 /*
- * Hand a text of POs, made by the caller, to the server for one data selection. The text is sent as
- * it is; NULL and empty ones are refused. An answer that does not begin with the server's field
- * names gives CR_STATUS_BAD_RESPONSE; MBPOExpire() does not look. Otherwise the statuses are those
- * of conventions 1 and 2.
+ * Send a text of POs to the server for one data selection. The text is sent as it is; a NULL or
+ * empty one gives CR_STATUS_INVALID_PARAMETER. An answer that does not begin with the server's
+ * field names gives CR_STATUS_BAD_RESPONSE; MBPOExpire() does not check this. Otherwise the
+ * statuses are those of conventions 1 and 2.
  */
 KSPOOL_API uint32_t MBPOImport(MBSession* session, uint32_t dataselection,
                                const char* pos) KSPOOL_NOEXCEPT;
@@ -242,7 +243,7 @@ struct PO; /* a record of the PO library, platform/po.h */
 typedef struct MBPOCursor MBPOCursor;
 
 /*
- * What a query looks for: criterion k for field k of a PO. Texts are the caller's, must not be NULL
+ * The filter of a query: criterion k for field k of a PO. Texts are the caller's, must not be NULL
  * and are sent as they are; * and ? match as in a shell. The defaults, which MBPOFilterInit() sets,
  * match everything: "*" for texts, '*' for the character, -1 for numbers, and 0, 0, "" for
  * criteria 1 to 3. Criterion 0 is not sent.
@@ -286,12 +287,14 @@ typedef struct MBPOFilter {
 KSPOOL_API uint32_t MBPOFilterInit(MBPOFilter* filter) KSPOOL_NOEXCEPT;
 
 /*
- * The three ways to a query's result. A query that fails is sent again as the tunables say, each
- * time with a longer response time-out, which stays; so it can take minutes. Common statuses, in
- * the slot too: CR_STATUS_NULL_HANDLE; CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of
- * another size; the transport's of the last attempt; CR_STATUS_REMOTE_ERROR when the server refused
- * the only attempt; CR_STATUS_BAD_HANDLE for an answer that is badly formatted; a system error
- * without memory. `count`, unless NULL, becomes the number of POs that the server announces.
+ * The three ways to a query's result. A query that fails is retried as MBSetRetryCount() and
+ * MBSetTimeOut() say, each time with a longer response time-out, which the session keeps; a query
+ * can therefore take minutes. Common statuses, in the slot too: CR_STATUS_NULL_HANDLE;
+ * CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of another size; the transport's status
+ * of the last attempt; CR_STATUS_REMOTE_ERROR when the server reported an error and no retry is
+ * allowed; CR_STATUS_BAD_HANDLE for a malformed answer, or an error that the server reported to a
+ * retry; a system error without memory. `count`, unless NULL, becomes the number of POs that the
+ * server announces.
  */
 
 /*
@@ -305,8 +308,8 @@ KSPOOL_API uint32_t MBPOFind(MBSession* session, uint32_t dataselection, const M
 
 /*
  * A cursor whose first PO is in `po` (zeroed before its first use, the caller's to release), or
- * NULL with the status in the slot: CR_STATUS_NOT_FOUND when none matches,
- * CR_STATUS_INVALID_PARAMETER for a NULL `po`, the PO library's when the first line is none.
+ * NULL with the status in the slot: CR_STATUS_NOT_FOUND when no PO matches,
+ * CR_STATUS_INVALID_PARAMETER for a NULL `po`, the PO library's when the first line is invalid.
  */
 KSPOOL_API MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection,
                                      const MBPOFilter* filter, struct PO* po,
@@ -314,12 +317,12 @@ KSPOOL_API MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection,
 
 /*
  * The next PO. 0; CR_STATUS_NOT_FOUND at the end; CR_STATUS_INVALID_PARAMETER for a NULL argument;
- * the PO library's status, which is in the slot too, for a line that is none: the next call goes on
- * behind it.
+ * the PO library's status, which is in the slot too, for an invalid line: the next call continues
+ * with the line after it.
  */
 KSPOOL_API uint32_t MBPOFindNext(MBPOCursor* cursor, struct PO* po) KSPOOL_NOEXCEPT;
 
-/* The same with lines of text. They are the cursor's and valid until MBPOFindClose(). */
+/* The same with lines of text, which the cursor owns until MBPOFindClose(). */
 KSPOOL_API MBPOCursor* MBPOStringFindFirst(MBSession* session, uint32_t dataselection,
                                            const MBPOFilter* filter, char** line,
                                            uint32_t* count) KSPOOL_NOEXCEPT;
@@ -331,15 +334,15 @@ KSPOOL_API void MBPOFindClose(MBPOCursor* cursor) KSPOOL_NOEXCEPT;
 /* ---- Backup images ---- */
 
 /*
- * Records that the server keeps of backup images. NULL texts that are not refused are sent as
- * empty. What the numbers mean is between caller and server. Unlike the operations above, these
- * return the event code when the server reports an error, and log no report of it. Texts received
- * are copies that the caller frees. A NULL session gives CR_STATUS_NULL_HANDLE.
+ * Records of backup images on the server. NULL texts that are not refused are sent as empty. The
+ * library does not interpret the numbers. Unlike the operations above, these return the event code
+ * when the server reports an error, and log no report of it. Texts received are copies that the
+ * caller frees. A NULL session gives CR_STATUS_NULL_HANDLE.
  */
 
 /*
- * Record the last image. `dsid` 0 gives CR_STATUS_INVALID_PARAMETER, before the session is looked
- * at. Slot: any status but 0 and CR_STATUS_NULL_HANDLE.
+ * Record the last image. `dsid` 0 gives CR_STATUS_INVALID_PARAMETER, also without a session. Slot:
+ * any status but 0 and CR_STATUS_NULL_HANDLE.
  *
  *   ignored  not used
  */
@@ -351,10 +354,10 @@ KSPOOL_API uint32_t MBSetLastImage(MBSession* session, uint32_t dsid, const char
                                    uint64_t ignored, uint64_t dcid, int32_t flags) KSPOOL_NOEXCEPT;
 
 /*
- * The server's list of last images. CR_STATUS_NO_MEMORY when it cannot be copied,
- * CR_STATUS_REMOTE_ERROR when there is none, CR_STATUS_NULL_HANDLE for a NULL `answer`. `*answer`
- * is left alone when the transport fails, and NULL after other failures. Slot: any status but 0 and
- * CR_STATUS_NULL_HANDLE.
+ * The server's list of last images. CR_STATUS_NO_MEMORY when the list cannot be copied,
+ * CR_STATUS_REMOTE_ERROR when the answer is empty, CR_STATUS_NULL_HANDLE for a NULL `answer`.
+ * `*answer` is left alone when the transport fails, and NULL after other failures. Slot: any status
+ * but 0 and CR_STATUS_NULL_HANDLE.
  */
 KSPOOL_API uint32_t MBGetLastImages(MBSession* session, uint32_t dsid, const char* client,
                                     const char* policy, int32_t parentid, uint64_t datetime,
@@ -376,8 +379,8 @@ typedef struct MBImageRetentionInfo {
 
 /*
  * Write and read an image's retention. NULL texts or output give CR_STATUS_NULL_HANDLE. Members
- * that the answer has no field for keep their values; CR_STATUS_REMOTE_ERROR when there is no
- * answer. Slot: of the first, any status but 0 and CR_STATUS_NULL_HANDLE; the second leaves it
+ * without a field in the answer keep their values; CR_STATUS_REMOTE_ERROR when the answer is empty.
+ * Slot: the first function stores any status but 0 and CR_STATUS_NULL_HANDLE; the second leaves it
  * alone.
  *
  *   info  the caller's record, which is filled
@@ -391,7 +394,7 @@ KSPOOL_API uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const
 
 /*
  * The policy of an image. NULL texts or output give CR_STATUS_NULL_HANDLE. CR_STATUS_NO_MEMORY
- * (output NULL) when it cannot be copied, CR_STATUS_REMOTE_ERROR when there is no answer.
+ * (output NULL) when the policy cannot be copied, CR_STATUS_REMOTE_ERROR when the answer is empty.
  *
  *   policy  receives the policy, the caller's to free()
  */
@@ -400,9 +403,9 @@ KSPOOL_API uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const c
 
 /*
  * The HVX tag of a data selection, from the SPA server. `*digit` is the answer's leading digit;
- * when it is above 0, `*tag` is the tag, else NULL. Statuses as in convention 2, and
- * CR_STATUS_NULL_HANDLE, logged, for a NULL argument; CR_STATUS_REMOTE_ERROR when there is no
- * answer; CR_STATUS_BAD_HANDLE for one that is too short; CR_STATUS_NO_MEMORY.
+ * when the digit is above 0, `*tag` is the tag, else NULL. Statuses as in convention 2, and
+ * CR_STATUS_NULL_HANDLE, logged, for a NULL argument; CR_STATUS_REMOTE_ERROR when the answer is
+ * empty; CR_STATUS_BAD_HANDLE when it is too short; CR_STATUS_NO_MEMORY.
  *
  *   digit  receives the answer's leading digit
  *   tag    receives the tag, the caller's to free()

@@ -1,4 +1,13 @@
-// The agent configuration as its own files see it.
+// The record of an agent configuration, and what its files share.
+//
+// Thread rule: one thread at a time per record. The files have no state: the record is the
+// caller's. Invariants of a record:
+//  1. Every text is NUL-terminated within its field.
+//  2. A flag says that its field was set. One field is set without it: the fingerprint type by its
+//     option. Fields that have no flag have defaults.
+//  3. An empty `applicationName` marks a record whose file could not be found or read; its flag is
+//     set all the same.
+//  4. The record holds no pointer, so it may be copied as bytes; each copy may hold the password.
 #ifndef KS_KS_INT_H
 #define KS_KS_INT_H
 
@@ -9,12 +18,12 @@
 
 namespace kspool {
 
-/// How the files of this folder name themselves to the status library.
+/// The source name that the files of this folder give to the status library.
 inline constexpr char kKsSource[] = "../ks";
 
 inline constexpr size_t kPathSize = sizeof KSConfig::configFile;
 
-// Programs keep records of their own, so the layout is fixed.
+// Programs allocate the record themselves, so its layout is part of the binary interface.
 static_assert(offsetof(KSConfig, fingerprintType) == 12 && offsetof(KSConfig, doType) == 13);
 static_assert(offsetof(KSConfig, vendorName) == 14 && offsetof(KSConfig, programLabel) == 270);
 static_assert(offsetof(KSConfig, applicationName) == 526 && offsetof(KSConfig, login) == 782);
@@ -31,7 +40,7 @@ void _configLoad(KSConfig* config, const char* path);
 /// Names both route tables after the storage pool alone.
 void nameRouteTables(KSConfig& config, const char* folder);
 
-/// Names both route tables after the storage pool and the SPA server, if there are such files, else
+/// Names both route tables after the storage pool and the SPA server if both files exist, else
 /// after the pool alone.
 void findRouteTables(KSConfig& config, const char* folder);
 

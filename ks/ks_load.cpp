@@ -1,4 +1,4 @@
-// Reads the agent's configuration file.
+// Reads the agent's configuration file: one table row for each directive, one case for each kind.
 #include <algorithm>
 #include <cstring>
 
@@ -12,20 +12,20 @@ constexpr int32_t kMaximumReconnectTimeout = 3600;
 constexpr int32_t kDefaultReconnectTimeout = 300;
 constexpr uint32_t kNoFingerprintType = 255;
 
-/// How a directive's value is read, and what it has to be.
+/// How a directive's value is read, and which values are valid.
 enum class Kind : uint32_t {
-    kText,             ///< a text; its fallback stands silently
-    kLabel,            ///< a text; without it the application's name
-    kUrl,              ///< a text that should be there
+    kText,             ///< a text with a default
+    kLabel,            ///< a text; the default is the application's name
+    kUrl,              ///< a text; reported when missing
     kId,               ///< a number above 0
     kReconnect,        ///< seconds
     kFingerprintType,  ///< a type that the pool knows
-    kRouteFolder,      ///< a path, from which others are made
-    kPath,             ///< a path that should be there
+    kRouteFolder,      ///< a folder, from which the paths of the route tables are made
+    kPath,             ///< a path; reported when missing
 };
 
-/// One directive: the offsets of its names in the tables of the configuration library, where the
-/// value goes, and the flag that says so.
+/// One directive: its names, its field, and the flag that is set with the field. Rows are read in
+/// their order: the route tables need the storage pool id and the SPA URL.
 struct Directive {
     Kind kind;
     InifileSection section;
@@ -55,7 +55,7 @@ constexpr Directive kDirectives[] = {
 #undef KS_FIELD
 // clang-format on
 
-/// A directive of the file that is being read.
+/// Reads one directive.
 class Reader {
   public:
     Reader(KSConfig& config, const char* file, const Directive& directive)
@@ -76,10 +76,10 @@ class Reader {
                 }
                 break;
             case Kind::kUrl:
-                expected(text(InifileGetValueA, textField()));
+                setFlagOrReport(text(InifileGetValueA, textField()));
                 break;
             case Kind::kPath:
-                expected(text(InifileGetPathA, textField()));
+                setFlagOrReport(text(InifileGetPathA, textField()));
                 break;
             case Kind::kId:
                 id();
@@ -99,13 +99,13 @@ class Reader {
   private:
     char* textField() { return reinterpret_cast<char*>(&config_) + d_.field; }
 
-    /// Whether the file gave a text.
+    /// True when the file gave a text; otherwise `destination` has the default.
     template <typename Call>
     bool text(Call call, char* destination) {
         return call(section_, entry_, destination, d_.capacity, d_.fallback, file_) >= 1;
     }
 
-    void expected(bool given) {
+    void setFlagOrReport(bool given) {
         if (given) {
             config_.flags |= d_.flag;
         } else {
@@ -156,7 +156,7 @@ class Reader {
         const bool given = text(InifileGetPathA, folder);
         const bool usable = given && (config_.flags & KS_CFG_STORAGE_POOL_ID) != 0;
         if (usable) findRouteTables(config_, folder);
-        expected(usable);
+        setFlagOrReport(usable);
     }
 
     KSConfig& config_;
@@ -166,7 +166,7 @@ class Reader {
     const char* file_;
 };
 
-/// An empty application name is how a failed initialisation shows.
+/// Marks the record as one whose initialisation failed.
 void fail(KSConfig* config) {
     config->applicationName[0] = '\0';
 }

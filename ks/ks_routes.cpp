@@ -1,4 +1,4 @@
-// The paths of the route-table files.
+// The paths of the route-table files: FOLDER/POOL[_HOST.PORT].recommended and .current.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -11,7 +11,8 @@
 namespace kspool {
 namespace {
 
-/// What stands between the pool's id and the ending of both names. A path that does not fit is cut.
+/// Makes both paths, with `mark` between the pool's id and the ending. A path that does not fit is
+/// truncated.
 void nameAfter(KSConfig& config, const char* folder, const char* mark) {
     const unsigned pool = config.storagePoolId;
     [[maybe_unused]] int length = snprintf(config.recommendedRouteTable, kPathSize,
@@ -20,8 +21,8 @@ void nameAfter(KSConfig& config, const char* folder, const char* mark) {
     config.flags |= KS_CFG_ROUTE_TABLES;
 }
 
-/// Host and port of the SPA server as a part of a file name. The scheme is "kbox://", or one that
-/// is as long as "https://".
+/// Host and port of the SPA server as a part of a file name, with a dot for the colon. The scheme
+/// is skipped by its length: 7 characters for "kbox://", else 8, as "https://" has.
 void spaHost(const KSConfig& config, char (&host)[1024]) {
     const char* url = config.spaUrl;
     const size_t scheme = strncmp(url, "kbox://", 7) == 0 ? 7 : 8;

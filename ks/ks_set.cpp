@@ -1,4 +1,5 @@
-// Options of an agent configuration.
+// Options of an agent configuration, applied to a copy that replaces the record only when all of
+// them are valid.
 #include <cstring>
 
 #include "common/option_table.h"
@@ -10,7 +11,7 @@ namespace {
 
 constexpr uint8_t kNoDoType = 255;
 
-/// The field of a text option, and the flag that tells that it is set.
+/// The field of a text option, and its flag.
 struct TextField {
     char* text;
     uint32_t flag;
@@ -23,7 +24,7 @@ TextField textField(KSConfig& config, ConfigField field) {
         case ConfigField::kPassword:
             return {config.password, KS_CFG_PASSWORD};
         case ConfigField::kApplicationName:
-            return {config.applicationName, 0};  // set since the record was initialised
+            return {config.applicationName, 0};  // its flag is set by the initialisation
         case ConfigField::kSpaUrl:
             return {config.spaUrl, KS_CFG_SPA_URL};
         default:
@@ -52,7 +53,8 @@ uint32_t applyText(KSConfig& config, const OptionRow& row, const char* text) {
         return CR_STATUS_OK;
     }
     const TextField field = textField(config, row.field);
-    // To the end, so that nothing stays behind a shorter password.
+    // strncpy() fills the field with NULs: the end of a longer password must not stay behind a
+    // shorter one.
     strncpy(field.text, text, row.capacity);
     config.flags |= field.flag;
     return CR_STATUS_OK;

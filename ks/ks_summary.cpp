@@ -1,3 +1,4 @@
+// The summary of a configuration in the trace. A password is shown as "*".
 #include "ks/ks_int.h"
 
 using namespace kspool;

@@ -1,4 +1,4 @@
-// The ways to create a session.
+// The ways to create a session. All end in MBCreateWithAgentCfg().
 #include <cstdarg>
 #include <cstdlib>
 
@@ -18,14 +18,16 @@ MBSession* allocateSession() {
     return session;
 }
 
-/// Tears a session down that cannot be completed. The slot keeps the reason.
+/// Tears down a session that cannot be completed. The teardown may change the slot, so the reason
+/// is stored after it.
 MBSession* giveUp(MBSession* session, uint32_t status) {
     MBSessionTeardown(session);
     storeStatus(status);
     return nullptr;
 }
 
-/// Reads the pairs of a variadic option list. False when the list is not acceptable.
+/// Reads the pairs of a variadic option list. False for an invalid list: the type of an unknown
+/// code's value is unknown as well, so nothing behind the code can be read.
 bool readPairs(va_list& pairs, KSOption (&options)[kMaxVaOptions], uint32_t& count) {
     for (count = 0;; ++count) {
         const auto code = va_arg(pairs, uint32_t);

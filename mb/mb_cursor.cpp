@@ -1,4 +1,5 @@
-// The ways in which the POs of an answer reach the caller.
+// The three ways to the POs of an answer: the text as a whole, POs one by one, lines one by one.
+// The invariants of a cursor are in mb_int.h.
 #include <cstdlib>
 #include <cstring>
 
@@ -10,7 +11,7 @@ namespace {
 constexpr uint32_t kNoArchMode = 0xFFFFFFFF;
 constexpr uint32_t kLegacyStype = 1;
 
-/// The status for what every query needs, 0 when it is there.
+/// Checks the arguments that every query needs, and stores the status of a failure.
 uint32_t checkQuery(const MBSession* session, const MBPOFilter* filter) {
     if (session == nullptr) return storeStatus(CR_STATUS_NULL_HANDLE);
     const bool usable = filter != nullptr && filter->size == sizeof *filter;
@@ -34,8 +35,8 @@ MBPOCursor* findSome(MBSession* session, uint32_t dataselection, const MBPOFilte
     return nullptr;
 }
 
-/// The line that the cursor stands at, cut out of the answer, and where the next one begins: behind
-/// its end, or at the same line when it has none.
+/// The line at a cursor, and the place of the next one: behind the line end, or the same place when
+/// the answer ends without a line end, since a cursor never moves past the NUL.
 struct Line {
     char* text;
     char* next;
@@ -48,7 +49,7 @@ Line cutLine(const MBPOCursor& cursor) {
     return {cursor.nextLine, end + 1};
 }
 
-void moveOn(MBPOCursor& cursor, const Line& line) {
+void advance(MBPOCursor& cursor, const Line& line) {
     cursor.nextLine = line.next;
     ++cursor.poIndex;
 }
@@ -71,7 +72,8 @@ void traceRemaining(const char* caller, const MBPOCursor& cursor) {
     KS_TRACE("%s: %u out of %u PO's remaining", caller, cursor.poIndex, cursor.poCount);
 }
 
-/// Makes the first PO, as the server's architecture wants it. False with the status in the slot.
+/// Makes the first PO. A legacy server (architecture mode 0) serializes POs in another form, which
+/// the record remembers for the conversions that follow. False with the status in the slot.
 bool convertFirst(MBSession* session, const MBPOCursor& cursor, const Line& line, PO* po) {
     POReset(po);
     const uint32_t mode = WSArchMode(session->transport);
@@ -118,7 +120,7 @@ MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection, const MBPO
         MBPOFindClose(cursor);
         return nullptr;
     }
-    moveOn(*cursor, line);
+    advance(*cursor, line);
     return cursor;
 }
 
@@ -129,7 +131,7 @@ uint32_t MBPOFindNext(MBPOCursor* cursor, PO* po) noexcept {
     POReset(po);
     const uint32_t status =
         convert("MBPOFindNext", *cursor, line, po) ? uint32_t{CR_STATUS_OK} : statusSlot();
-    moveOn(*cursor, line);
+    advance(*cursor, line);
     traceRemaining("MBPOFindNext", *cursor);
     return status;
 }
@@ -140,7 +142,7 @@ MBPOCursor* MBPOStringFindFirst(MBSession* session, uint32_t dataselection,
     if (cursor == nullptr) return nullptr;
     const Line first = cutLine(*cursor);
     *line = first.text;
-    moveOn(*cursor, first);
+    advance(*cursor, first);
     return cursor;
 }
 
@@ -149,7 +151,7 @@ uint32_t MBPOStringFindNext(MBPOCursor* cursor, char** line) noexcept {
     if (isAtEnd(*cursor)) return CR_STATUS_NOT_FOUND;
     const Line next = cutLine(*cursor);
     *line = next.text;
-    moveOn(*cursor, next);
+    advance(*cursor, next);
     traceRemaining("MBPOStringFindNext", *cursor);
     return CR_STATUS_OK;
 }

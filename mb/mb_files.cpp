@@ -1,4 +1,4 @@
-// Files, directories and the server's clock.
+// Files, directories and the server's clock: one request each. No state beyond the session's.
 #include <cstdlib>
 #include <cstring>
 

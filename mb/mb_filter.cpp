@@ -1,4 +1,4 @@
-// What a query looks for, and its form on the wire.
+// The filter of a query: its defaults, which match everything, and its form on the wire.
 #include <cstdio>
 #include <initializer_list>
 

@@ -1,8 +1,14 @@
 // A query: the request with its retries, and the head of its answer.
+//
+// Two mechanisms retry. The transport repeats a request while the server cannot be reached or asks
+// for patience, within one call and under one request id. Here a query that failed for any reason
+// is sent as a new request, with a longer response time-out: a large data selection can take the
+// server longer than one time-out, and a query changes nothing, so asking twice is safe.
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "common/owned.h"
 #include "mb/mb_int.h"
 
 int32_t ksvfs_conf_ws_timeout = 120;
@@ -11,17 +17,14 @@ int32_t ksvfs_conf_ws_retrycount = 3;
 namespace kspool {
 namespace {
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
 struct CloseCursor {
     void operator()(MBPOCursor* cursor) const { MBPOFindClose(cursor); }
 };
-using Text = std::unique_ptr<char, FreeText>;
 using Cursor = std::unique_ptr<MBPOCursor, CloseCursor>;
 
-/// The query string of a filter, or NULL with the reason in the slot.
-Text _mbFilterToString(const MBPOFilter* filter) {
+/// The query string of a filter, or NULL with the reason in the slot. The filter is printed twice,
+/// for its length and for its text, because its texts have no limit.
+OwnedText _mbFilterToString(const MBPOFilter* filter) {
     const int length = _mbFilterToStringPrint(nullptr, 0, filter);
     if (length < 0) {
         KS_ERROR(statusSlot(),
@@ -30,7 +33,7 @@ Text _mbFilterToString(const MBPOFilter* filter) {
         return nullptr;
     }
     const size_t size = static_cast<size_t>(length) + 1;
-    Text text(static_cast<char*>(calloc(1, size)));
+    OwnedText text(static_cast<char*>(calloc(1, size)));
     if (text == nullptr) {
         const uint32_t status = storeSystemError("_mbFilterToString", kMbSource);
         KS_ERROR(status,
@@ -40,7 +43,8 @@ Text _mbFilterToString(const MBPOFilter* filter) {
     }
     const int printed = _mbFilterToStringPrint(text.get(), size, filter);
     if (printed == length) return text;
-    // A filter that changed meanwhile leaves no reason, but a query may not fail without one.
+    // If another thread changed the filter in between, no call has failed and the slot may be 0,
+    // which MBPOFind() would return as success.
     if (printed >= 0) storeStatus(CR_STATUS_INVALID_PARAMETER);
     KS_ERROR(statusSlot(), "%s: Could not convert filter to string: %s", "_mbFilterToString",
              CRStatusToStringA(statusSlot()));
@@ -56,7 +60,9 @@ class Query {
           text_(text),
           result_(cursor.result) {}
 
-    /// False with the status of the last attempt in the slot.
+    /// False with the status of the last attempt in the slot. Before the first retry an event
+    /// counts as a failure of the attempt; in a retry it does not, and the answer then fails in
+    /// readHead().
     bool send() {
         const uint32_t status = attempt();
         if (status == CR_STATUS_OK && result_.eventCode == 0) return true;
@@ -71,7 +77,8 @@ class Query {
                             "dataselection", dataselection_, "filter", text_, kEndOfParameters);
     }
 
-    /// Each retry waits longer for its answer. The tunables are read anew each time.
+    /// Each retry raises the response time-out by the step, and the transport keeps it. The
+    /// tunables are read anew for each, since programs may write the variables.
     bool retry(uint32_t status) {
         int64_t timeout = WSGetResponseTimeout(transport_);
         for (int64_t retries = 1; retries <= ksvfs_conf_ws_retrycount; ++retries) {
@@ -99,14 +106,15 @@ class Query {
     WSResult& result_;
 };
 
-/// The number that a line begins with, its low 32 bits. The line ends at `end`, where strtol()
-/// would go on to the next one if there were nothing but blanks before.
+/// The number that a line begins with, its low 32 bits; 0 without one. strtol() skips line ends as
+/// blanks, so in a blank line it would read the number of the next.
 uint32_t leadingNumber(const char* line, const char* end) {
     line += strspn(line, " \t\v\f");
     return line < end ? static_cast<uint32_t>(strtol(line, nullptr, 10)) : 0;
 }
 
-/// Reads the three lines before the POs. False, with a report, for an answer that is not so.
+/// Reads the three lines before the POs: names, types, count. False, with a report, for a malformed
+/// answer.
 bool readHead(MBPOCursor& cursor) {
     static constexpr const char* kUnterminated[] = {"PO field names improperly terminated",
                                                     "PO field types improperly terminated",
@@ -122,7 +130,7 @@ bool readHead(MBPOCursor& cursor) {
                      unterminated);
             return false;
         }
-        cursor.poCount = leadingNumber(line, end);  // that of the last of the three stands
+        cursor.poCount = leadingNumber(line, end);  // the third line's value remains
         line = end + 1;
     }
     cursor.nextLine = line;
@@ -146,7 +154,7 @@ MBPOCursor* _mbFindFirst(MBSession* session, uint32_t dataselection,
                          const MBPOFilter* filter) noexcept {
     Cursor cursor = makeCursor();
     if (cursor == nullptr) return nullptr;
-    const Text query = _mbFilterToString(filter);
+    const OwnedText query = _mbFilterToString(filter);
     if (query == nullptr) {
         KS_ERROR(statusSlot(),
                  "Metabase query failure: could not convert find filter to query string: %s",

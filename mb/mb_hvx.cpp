@@ -7,7 +7,8 @@
 namespace kspool {
 namespace {
 
-/// Reads "DIGIT SEPARATOR TAG END" of an answer.
+/// Reads an answer of one digit, a separator, the URL-encoded tag and one end character. A first
+/// character up to '0' says that there is no tag.
 uint32_t readTag(const char* answer, int32_t* digit, char** tag) {
     *digit = static_cast<signed char>(answer[0]) - '0';
     if (*digit <= 0) return CR_STATUS_OK;
@@ -26,7 +27,7 @@ using namespace kspool;
 
 uint32_t MBGetHVXTag(MBSession* session, uint32_t dataselection, int32_t* digit,
                      char** tag) noexcept {
-    if (const uint32_t bad = checkAll(session, digit, tag)) {
+    if (const uint32_t bad = checkArgumentsAsHandles(session, digit, tag)) {
         KS_ERROR(bad, "%s: invalid parameters.", "MBGetHVXTag");
         return bad;
     }

@@ -1,4 +1,5 @@
-// Records of backup images.
+// Records of backup images. Each operation is one request; they differ in their parameters, in the
+// row of their operation and in how they check their arguments.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +15,7 @@ uint32_t checkImage(const MBSession* session, uint32_t dsid) {
     return session == nullptr ? CR_STATUS_NULL_HANDLE : CR_STATUS_OK;
 }
 
-/// Hands a copy of an answer to the caller; `*output` is NULL when there is none.
+/// Copies an answer for the caller; on failure `*output` is NULL.
 uint32_t copyAnswer(const char* answer, char** output) {
     *output = nullptr;
     if (answer == nullptr) return CR_STATUS_REMOTE_ERROR;
@@ -22,7 +23,9 @@ uint32_t copyAnswer(const char* answer, char** output) {
     return *output != nullptr ? CR_STATUS_OK : CR_STATUS_NO_MEMORY;
 }
 
-/// Takes the fields of an answer, which end with semicolons, until one is empty or the text ends.
+/// Reads the fields of an answer, each ended by a semicolon, until a field is empty or the text
+/// ends: four numbers, then a text; further fields are ignored. The end of the text is checked
+/// before the separator is skipped, because the last field may lack it.
 void readRetention(const char* text, MBImageRetentionInfo* info) {
     int64_t* const numbers[] = {&info->retentionValue1, &info->retentionValue2,
                                 &info->retentionValue3, &info->retentionValue4};
@@ -81,7 +84,7 @@ uint32_t MBSetLastImage(MBSession* session, uint32_t dsid, const char* client, c
 
 uint32_t MBGetLastImages(MBSession* session, uint32_t dsid, const char* client, const char* policy,
                          int32_t parentid, uint64_t datetime, char** answer) noexcept {
-    if (const uint32_t bad = checkAll(session, answer)) return bad;
+    if (const uint32_t bad = checkArgumentsAsHandles(session, answer)) return bad;
     const Operation& op = operation(Op::kGetLastImages);
     Answer received;
     const uint32_t sent = WSRequestExt(
@@ -107,7 +110,8 @@ uint32_t MBDeleteImage(MBSession* session, uint32_t dsid, const char* client, co
 uint32_t MBSetImageRetention(MBSession* session, uint32_t dsid, const char* client,
                              const char* policy, const char* imagename, int32_t flags,
                              int64_t wormflags, int64_t retention) noexcept {
-    if (const uint32_t bad = checkAll(session, client, policy, imagename)) return bad;
+    if (const uint32_t bad = checkArgumentsAsHandles(session, client, policy, imagename))
+        return bad;
     Answer answer;
     return carryOut(*session, Op::kSetImageRetention, answer, "dsid", dsid, "client", client,
                     "policy", policy, "imagename", imagename, "flags", flags, "wormflags",
@@ -117,7 +121,8 @@ uint32_t MBSetImageRetention(MBSession* session, uint32_t dsid, const char* clie
 uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const char* client,
                              const char* policy, const char* imagename,
                              MBImageRetentionInfo* info) noexcept {
-    if (const uint32_t bad = checkAll(session, client, policy, imagename, info)) return bad;
+    if (const uint32_t bad = checkArgumentsAsHandles(session, client, policy, imagename, info))
+        return bad;
     Answer answer;
     const uint32_t status = carryOut(*session, Op::kGetImageRetention, answer, "dsid", dsid,
                                      "client", client, "policy", policy, "imagename", imagename);
@@ -129,7 +134,8 @@ uint32_t MBGetImageRetention(MBSession* session, uint32_t dsid, const char* clie
 
 uint32_t MBFindImagePolicy(MBSession* session, uint32_t dsid, const char* client,
                            const char* imagename, char** policy) noexcept {
-    if (const uint32_t bad = checkAll(session, client, imagename, policy)) return bad;
+    if (const uint32_t bad = checkArgumentsAsHandles(session, client, imagename, policy))
+        return bad;
     Answer answer;
     const uint32_t status = carryOut(*session, Op::kFindImagePolicy, answer, "dsid", dsid, "client",
                                      client, "imagename", imagename);

@@ -1,4 +1,7 @@
-// The Metabase session as its own files see it.
+// The records of the Metabase client, and what its files share.
+//
+// Thread rule: one thread at a time per session and per cursor; a cursor does not touch its
+// session. The query tunables (mb_find.cpp) belong to the process and are not synchronised.
 #ifndef MB_MB_INT_H
 #define MB_MB_INT_H
 
@@ -12,6 +15,16 @@
 
 enum MBState : uint32_t { MB_STATE_CLOSING = 2 };
 
+/// A session: its configuration, and the transport that speaks to one server.
+///
+/// Invariants:
+///  1. The record is trivially copyable, and owns `transport` and the text of `scratchPO`. A change
+///     of options works on a copy (mb_options.cpp), which shares both and therefore never releases
+///     them.
+///  2. `transport` is NULL only in a session that is being created or torn down.
+///  3. The transport gets its reconnect time-out at creation, and URL, login, password and key
+///     location only with an option that refreshes it (common/option_table.cpp).
+///  4. A record or copy that may hold a password is wiped before its memory is released.
 struct MBSession {
     uint32_t callerWord;  ///< as given when the session was created; never interpreted
     uint32_t state;       ///< MB_STATE_... bits
@@ -25,12 +38,20 @@ static_assert(offsetof(MBSession, state) == 4 && offsetof(MBSession, config) == 
 static_assert(offsetof(MBSession, scratchPO) == 19744 && offsetof(MBSession, transport) == 19760);
 static_assert(offsetof(MBSession, opt133Value) == 19768 && sizeof(MBSession) == 19776);
 
-/// A query under way. Its lines are cut in place out of the answer that `result` owns.
+/// A query under way. Lines are terminated in place, in the answer that `result.data` owns, and
+/// handed out as pointers into it: an answer of 100 MB is in memory once.
+///
+/// Invariants:
+///  1. `nextLine` points into the answer, at the line that the next step hands out, and never moves
+///     past the answer's NUL.
+///  2. `poIndex` <= `poCount`. The count is the server's word: the answer may hold fewer lines, and
+///     its end, an empty line or the last one, is then handed out again.
+///  3. The texts of `result` other than `data` belong to the transport and are not used here.
 struct MBPOCursor {
     WSResult result;
     uint32_t poCount;  ///< as the answer announces
     uint32_t poIndex;  ///< handed out so far
-    char* nextLine;    ///< NULL: the answer is malformed
+    char* nextLine;    ///< NULL until the head of the answer was read
 };
 
 static_assert(offsetof(MBPOCursor, poCount) == 48 && offsetof(MBPOCursor, poIndex) == 52);
@@ -46,22 +67,22 @@ static_assert(sizeof(MBPOFilter) == 440);
 static_assert(offsetof(MBImageRetentionInfo, retentionText) == 32);
 static_assert(sizeof(MBImageRetentionInfo) == 1056);
 
-/// Releases a session and all that it holds; also one that is not complete.
+/// Wipes and releases a session with its transport; also one that is not complete.
 void MBSessionTeardown(MBSession* session) noexcept;
 
 namespace kspool {
 
-/// How the files of this folder name themselves to the status library.
+/// The source name that the files of this folder give to the status library.
 inline constexpr char kMbSource[] = "../mb";
 
-/// What ends a list of parameters.
+/// Ends a variadic list of parameters. A plain NULL may be passed as an int.
 inline constexpr char* kEndOfParameters = nullptr;
 
 /// Prints a filter as the server wants it, as snprintf() does: returns the length, or a negative
 /// value with the reason in the slot.
 int _mbFilterToStringPrint(char* buffer, size_t size, const MBPOFilter* filter) noexcept;
 
-/// Sends a query, again as the tunables say. Returns a cursor that stands at the first line, or
+/// Sends a query, with the retries that the tunables allow. Returns a cursor at the first PO, or
 /// NULL with the reason in the slot.
 MBPOCursor* _mbFindFirst(MBSession* session, uint32_t dataselection,
                          const MBPOFilter* filter) noexcept;

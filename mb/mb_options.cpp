@@ -1,5 +1,7 @@
 // Options of a live session. All changes go to a working copy, which is committed whole or not at
-// all. The copy is never released: its PO and its transport are the session's.
+// all. The transport is told last, because it cannot be rolled back: its own refusal is the last
+// failure that can happen. The copy is wiped but never released: it shares the PO and the transport
+// with the session.
 #include "common/option_table.h"
 #include "common/secret.h"
 #include "mb/mb_int.h"
@@ -7,7 +9,7 @@
 namespace kspool {
 namespace {
 
-/// What the transport is given anew by an option that refreshes it.
+/// The settings that a refresh passes to the transport: URL, login, password, key location.
 constexpr uint32_t kRefreshed = 4;
 
 /// The records of one call, sorted by who takes them.
@@ -16,7 +18,7 @@ struct Sorted {
     uint32_t forwardedCount;
     WSOption transport[kMaxTransportOptions];
     uint32_t transportCount;
-    bool refreshes;  ///< the transport is to be told of the configuration anew
+    bool refreshes;  ///< pass the configuration to the transport again
 };
 
 uint32_t tooMany(const char* format, uint32_t maximum) {
@@ -39,7 +41,7 @@ WSOption textOption(uint32_t code, const char* text) {
     return option;
 }
 
-/// Files one record; a status other than 0 ends the call.
+/// Sorts one record by its consumer; a status other than 0 ends the call.
 uint32_t sortOne(MBSession& copy, const KSOption& option, Sorted& sorted) {
     const OptionRow& row = optionRow(option.code);
     switch (row.session) {

@@ -1,4 +1,4 @@
-// Lists of POs, which the server takes as texts.
+// Lists of POs that are sent to the server as one text.
 #include <cstring>
 
 #include "mb/mb_request.h"
@@ -6,7 +6,7 @@
 namespace kspool {
 namespace {
 
-/// The first of the field names that an answer begins with.
+/// Answers begin with a line of field names; this is the first of them.
 constexpr char kFirstName[] = "dsid|";
 
 uint32_t checkList(const MBSession* session, const char* pos) {
@@ -14,7 +14,7 @@ uint32_t checkList(const MBSession* session, const char* pos) {
     return pos == nullptr || *pos == '\0' ? CR_STATUS_INVALID_PARAMETER : CR_STATUS_OK;
 }
 
-/// The status of an operation whose answer, if there is one, begins with field names.
+/// Checks that the answer to a successful operation, if it has a text, begins with field names.
 uint32_t checkNames(uint32_t status, const WSResult& result, const char* missingNames) {
     if (status != CR_STATUS_OK || result.data == nullptr) return status;
     if (strncmp(result.data, kFirstName, sizeof kFirstName - 1) == 0) return status;

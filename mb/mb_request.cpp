@@ -1,3 +1,4 @@
+// The table of the operations, and how the result of a request is reported and becomes a status.
 #include "mb/mb_request.h"
 
 #include <cstdlib>
@@ -38,7 +39,8 @@ const char* orElse(const char* text, const char* otherwise) {
     return text != nullptr ? text : otherwise;
 }
 
-/// Reports what the server said, and returns the status that it comes to.
+/// Reports an event, and returns its status. Event codes are the server's own; a lack of permission
+/// is recognised by the word in the description.
 uint32_t reportEvent(const MBSession& session, const Operation& op, const WSResult& result) {
     KS_ERROR(result.eventCode,
              "The requested action could not be completed due to an unexpected error on a remote "
@@ -59,7 +61,7 @@ uint32_t reportEvent(const MBSession& session, const Operation& op, const WSResu
     return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
 }
 
-void sayFailure(const Operation& op, uint32_t status) {
+void reportFailure(const Operation& op, uint32_t status) {
     if (op.onFailure == OnFailure::kTrace) {
         KS_TRACE("%s: status of WSRequestExt: %d %s", op.name, static_cast<int>(status),
                  CRStatusToStringA(status));
@@ -94,7 +96,7 @@ uint32_t statusOf(const MBSession& session, const Operation& op, const WSResult&
     const bool hasEvent = result.eventCode != 0;
     const bool counts = op.onEvent == OnEvent::kReportEvenIfDead && hasEvent;
     if (transportStatus != CR_STATUS_OK && !counts) {
-        sayFailure(op, transportStatus);
+        reportFailure(op, transportStatus);
         return transportStatus;
     }
     traceAnswer(op, result);

@@ -1,4 +1,4 @@
-// What all operations share: one request, what the server said of it, and the status that follows.
+// The common path of all operations: one request, the reports about its result, one status.
 #ifndef MB_MB_REQUEST_H
 #define MB_MB_REQUEST_H
 
@@ -6,24 +6,26 @@
 
 namespace kspool {
 
-/// What is said of a request that brought no answer.
+/// How a request without an answer is reported.
 enum class OnFailure : uint8_t { kNothing, kTrace, kError };
 
-/// Whether an answer's text is traced, and under which name.
+/// When an answer's text is traced, and under which name.
 enum class TraceAnswer : uint8_t { kNever, kAlways, kAlwaysSpa, kIfNoEvent };
 
-/// What a server's event becomes.
+/// How a server's event is reported, and the status that it becomes.
 enum class OnEvent : uint8_t {
     kReport,            ///< reported; 106 for a permission, else 4
     kReportEvenIfDead,  ///< the same, also when the transport failed
     kCode,              ///< the event's code is the status
 };
 
-/// What one operation is, apart from its parameters.
+/// One operation, apart from its parameters: where it is sent, and how its result is reported. All
+/// differences between operations are columns of this table, so that conclude() has no special
+/// case.
 struct Operation {
     const char* name;
     const char* action;
-    const char* requestedAction;  ///< how the report of a remote error calls it
+    const char* requestedAction;  ///< its name in the report of a remote error
     const char* fatalText;        ///< NULL: no fatal error is recorded
     uint32_t fatalId;
     WSService service;
@@ -33,7 +35,7 @@ struct Operation {
     bool storesStatus;  ///< a status that is not 0 goes to the slot
 };
 
-/// Frees an answer's text unless it was handed on.
+/// A result that frees the answer's text unless the caller has taken it.
 class Answer : public WSResult {
   public:
     Answer() noexcept : WSResult{} {}
@@ -41,7 +43,7 @@ class Answer : public WSResult {
     Answer(const Answer&) = delete;
     Answer& operator=(const Answer&) = delete;
 
-    /// The text, which is the taker's from now on.
+    /// Gives up the text: the caller owns it.
     char* takeData() noexcept {
         char* taken = data;
         data = nullptr;
@@ -77,7 +79,9 @@ const Operation& operation(Op op) noexcept;
 uint32_t conclude(const MBSession& session, const Operation& op, const WSResult& result,
                   uint32_t transportStatus) noexcept;
 
-/// Carries an operation out. Each value is passed in exactly the width that its parameter has.
+/// Carries an operation out. The transport reads each value by its parameter's name, so the
+/// argument must have exactly the width of that parameter: an int for an int64_t would be read with
+/// garbage in its upper half.
 template <typename... Parameters>
 uint32_t carryOut(const MBSession& session, Op which, WSResult& result,
                   Parameters... parameters) noexcept {
@@ -87,7 +91,7 @@ uint32_t carryOut(const MBSession& session, Op which, WSResult& result,
     return conclude(session, op, result, status);
 }
 
-/// The status for arguments that cannot be used, 0 for those that can.
+/// Checks a session and required arguments: 44 without a session, 9 for a missing argument, else 0.
 template <typename... Pointers>
 uint32_t checkArguments(const MBSession* session, Pointers... required) {
     if (session == nullptr) return CR_STATUS_NULL_HANDLE;
@@ -95,9 +99,9 @@ uint32_t checkArguments(const MBSession* session, Pointers... required) {
     return complete ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
-/// For these operations a missing argument of any kind counts as a missing handle.
+/// The same for the operations to which a missing argument counts as a missing handle: 44 for both.
 template <typename... Pointers>
-uint32_t checkAll(const MBSession* session, Pointers... required) {
+uint32_t checkArgumentsAsHandles(const MBSession* session, Pointers... required) {
     const bool complete = session != nullptr && (... && (required != nullptr));
     return complete ? CR_STATUS_OK : CR_STATUS_NULL_HANDLE;
 }

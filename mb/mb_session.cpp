@@ -1,4 +1,4 @@
-// The life of a session after its creation: teardown, keep-alive, time-outs.
+// A session after its creation: teardown, keep-alive, time-outs.
 #include <cstdlib>
 #include <ctime>
 

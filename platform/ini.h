@@ -3,8 +3,8 @@
  *
  * This header is a contract without code.
  *
- * Sections and entries are named by their offsets in two tables of names, each a run of
- * NUL-terminated texts. A file is
+ * A section or an entry is named by a pointer into one of two tables of NUL-terminated names. A
+ * file is
  *
  *     [section]
  *     entry = value
@@ -12,22 +12,22 @@
  * with comments on lines of their own that start with # or ;. Names are compared without regard to
  * ASCII case, values are trimmed and may stand in double quotes, lines may end with CR LF and be up
  * to 64 KiB long. A section may be given more than once; the first of equal entries counts. An
- * entry that is missing, empty, or in a file that cannot be read has the default. A file that
- * cannot be read, is no regular file or is larger than 16 MiB, and lines that cannot be used, are
- * reported as notices, once until something changes; values cut at their capacity each time. No
- * call touches the slot.
+ * entry that is missing, empty, or in a file that cannot be read has the default. Notices report a
+ * file that cannot be read, is not a regular file or is larger than 16 MiB, and invalid lines, once
+ * until the file or its contents change; a truncated value is reported each time. No call touches
+ * the slot.
  *
  * Arguments that mean the same everywhere:
  *
  *   section       the section's name, from its table
  *   entry         the entry's name, from its table
  *   destination   receives a text
- *   maxCharacters characters that it has room for, without the NUL
- *   defaultValue  what is read when there is no such entry; a text may be NULL for an empty one
+ *   maxCharacters capacity of the destination in characters, without the NUL
+ *   defaultValue  value of a missing entry; NULL stands for the empty text
  *   value         receives a number; or the number that was read
  *   file          path of the file
- *   message       what to say
- *   format        what to say, as printf() has it
+ *   message       text of the report
+ *   format        text of the report, as printf() has it
  *   unused        0
  */
 #ifndef PLATFORM_INI_H
@@ -57,6 +57,8 @@ enum InifileSection {
     INI_SECTION_PRODUCT = 171,
     INI_SECTION_SPA = 206
 };
+
+/* The same for the entries. */
 enum InifileEntry {
     INI_ENTRY_AGENT_ID = 7,
     INI_ENTRY_LABEL = 763,
@@ -71,8 +73,8 @@ enum InifileEntry {
 
 /*
  * Copy a text, or the default (NULL: the empty text), into `destination`, which has room for
- * `maxCharacters` and a NUL. Return the number of characters that the file gave, 0 when the default
- * stands. InifileGetPathA() reads a path, as it stands.
+ * `maxCharacters` and a NUL. Return the number of characters copied from the file, 0 when the
+ * default was used. InifileGetPathA() reads a path, without expanding it.
  */
 KSPOOL_API int InifileGetValueA(const char* section, const char* entry, char* destination,
                                 int maxCharacters, const char* defaultValue,
@@ -82,9 +84,9 @@ KSPOOL_API int InifileGetPathA(const char* section, const char* entry, char* des
                                const char* file) KSPOOL_NOEXCEPT;
 
 /*
- * Store a decimal integer, or the default. What follows the digits is ignored; without digits the
- * default stands; numbers that do not fit become the nearest that does. Return 1 when the file gave
- * the number, else 0.
+ * Store a decimal integer, or the default. Text behind the digits is ignored; a value without
+ * digits counts as missing; numbers out of range saturate. Return 1 when the file gave the number,
+ * else 0.
  */
 KSPOOL_API int InifileGetLongLongA(const char* section, const char* entry, int64_t* value,
                                    int64_t defaultValue, const char* file) KSPOOL_NOEXCEPT;

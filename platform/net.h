@@ -22,15 +22,15 @@ extern "C" {
 
 /*
  * Writes the host and port part of a URL into `buffer` of `size` bytes, cut to what fits and
- * NUL-terminated: what stands before the first '/', '?' or '#', without user info. A URL that
- * still has its "scheme://" loses it. The last argument is 0. Returns the length written.
+ * NUL-terminated: the part before the first '/', '?' or '#', without user info. A leading
+ * "scheme://" is skipped. The last argument is 0. Returns the length written.
  */
 KSPOOL_API int NetExtractHostAndPort(const char* url, char* buffer, size_t size,
                                      int unused) KSPOOL_NOEXCEPT;
 
 /*
- * Decodes a text in place: %XX becomes the byte. A + stays one, and a % that two hexadecimal digits
- * do not follow is copied. Returns `text`.
+ * Decodes a text in place: %XX becomes the byte. A + is not decoded, and a % without two
+ * hexadecimal digits behind it is copied. Returns `text`.
  */
 KSPOOL_API char* URLDecode(char* text) KSPOOL_NOEXCEPT;
 

@@ -25,26 +25,25 @@ extern "C" {
 /* A PO. Zeroed before its first use. It may be copied as bytes; one of the copies is released. */
 typedef struct PO {
     uint32_t stype; /* serialization type */
-    char* text;     /* what the PO holds, allocated, or NULL */
+    char* text;     /* the PO's contents, allocated, or NULL */
 } PO;
 
-/* Releases what a PO holds and empties it; the serialization type stays. */
+/* Releases a PO's contents and empties it; the serialization type stays. */
 KSPOOL_API void POReset(PO* po) KSPOOL_NOEXCEPT;
 
-/* Sets the serialization type that the next conversion is made with: 1 for a legacy server. */
+/* Sets the serialization type of the next conversion: 1 for a legacy server. */
 KSPOOL_API void POSetStype(PO* po, uint32_t stype) KSPOOL_NOEXCEPT;
 
 /*
  * Makes a PO from its serialized form, one line of fields with | between them. The line is read
  * during the call only, and may be changed. 0; otherwise not 0, with the reason in the status slot
- * and the PO empty: CR_STATUS_BAD_HANDLE for a line that is none, CR_STATUS_NO_MEMORY.
+ * and the PO empty: CR_STATUS_BAD_HANDLE for an invalid line, CR_STATUS_NO_MEMORY.
  */
 KSPOOL_API int POSetFromNonConstString(PO* po, char* line) KSPOOL_NOEXCEPT;
 
 /* ---- For programs ---- */
 
-/* The text of field `index`, of `*length` characters, which is the PO's; NULL when there is none.
- */
+/* The text of field `index`, `*length` characters that belong to the PO; NULL beyond the last. */
 KSPOOL_API const char* POGetField(const PO* po, uint32_t index, size_t* length) KSPOOL_NOEXCEPT;
 
 #ifdef __cplusplus

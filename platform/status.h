@@ -1,5 +1,5 @@
 /*
- * The status library: what the pool's components agree on about statuses and a few shared types.
+ * The status library: statuses and a few types that the pool's components share.
  *
  * This header is a contract without code. An implementation provides every function here; the one
  * in platform/standin/ does so for development, tests and installations of their own.
@@ -9,8 +9,8 @@
  *   status       any status
  *   function     name of the function that failed
  *   sourceFile   file that it is in
- *   line         line of it
- *   kind         what is looked for: "Agent"
+ *   line         line in that file
+ *   kind         kind of configuration: "Agent"
  *   buffer       receives a text
  *   size         bytes of the buffer
  *   type         a type
@@ -51,9 +51,9 @@ KSPOOL_API uint32_t* __cr_errno_location(void) KSPOOL_NOEXCEPT;
 KSPOOL_API const char* CRStatusToStringA(uint32_t status) KSPOOL_NOEXCEPT;
 
 /*
- * The status of the system call that has just failed, from errno (0 counts as EIO), noting the
- * function, source file and line that ask. Leaves errno and the slot alone: storing is the
- * caller's.
+ * The status of the system call that has just failed, from errno (0 counts as EIO); function,
+ * source file and line are for a trace. Leaves errno and the slot alone: the caller stores the
+ * status.
  */
 KSPOOL_API uint32_t _crMapError(const char* function, const char* sourceFile,
                                 int line) KSPOOL_NOEXCEPT;
@@ -66,10 +66,10 @@ KSPOOL_API uint32_t _crMapError(const char* function, const char* sourceFile,
  */
 KSPOOL_API char* CRConfigLocate(const char* kind, char* buffer, size_t size) KSPOOL_NOEXCEPT;
 
-/* Not 0 when the type is a fingerprint type that the pool knows. 255 is not. */
+/* Not 0 for a fingerprint type that the pool knows. 255 is invalid. */
 KSPOOL_API int CRFPTypeIsValid(uint32_t type) KSPOOL_NOEXCEPT;
 
-/* Not 0 when the type is a DO type that the pool knows. 255 is not. */
+/* Not 0 for a DO type that the pool knows. 255 is invalid. */
 KSPOOL_API int CRDOTypeIsValid(uint8_t type) KSPOOL_NOEXCEPT;
 
 /*

@@ -1,22 +1,22 @@
 /*
  * The support library: messages, small file and text helpers, process facts.
  *
- * This header is a contract without code. The first part is what the library calls; the second is
- * for programs that want to see or steer the messages.
+ * This header is a contract without code. The library calls the first part; the second is for
+ * programs that receive the messages themselves.
  *
  * Messages are printf-style, of any length, and may be written from any thread. No call here
  * touches the status slot; the message calls leave errno alone too.
  *
  * Arguments that mean the same everywhere:
  *
- *   status        what the message is about
+ *   status        status that the message reports
  *   level         QLX_LEVEL_...
  *   format        the message, as printf() has it
  *   function      name of the function that failed; or receives it
- *   functionSize  bytes of that
+ *   functionSize  bytes of `function`
  *   id            number of the fatal error
  *   message       receives the text of the fatal error
- *   messageSize   bytes of that
+ *   messageSize   bytes of `message`
  *   destination   receives a text
  *   source        the text
  *   size          bytes of the destination
@@ -26,7 +26,7 @@
  *   mode          as access() has it
  *   type          type of the file
  *   fd            descriptor of the file
- *   value         what the header says of the file
+ *   value         value in the header; its meaning depends on the type
  *   header        receives what was read
  *   unused        0
  *   sink          told of each message; NULL: stderr
@@ -94,7 +94,7 @@ KSPOOL_API char* qlxstrcpy(char* destination, const char* source, size_t size) K
 /* The first character of `text` that is in `set`, or NULL. */
 KSPOOL_API char* qlxstrpbrk(const char* text, const char* set) KSPOOL_NOEXCEPT;
 
-/* 0 when the file may be used so (4: read), otherwise -1 with errno set. */
+/* 0 when the file may be accessed in this mode (4: read), otherwise -1 with errno set. */
 KSPOOL_API int qlx_access(const char* path, int mode) KSPOOL_NOEXCEPT;
 
 /* Removes a file: 0, or -1 with errno set. */
@@ -102,12 +102,12 @@ KSPOOL_API int qlx_unlink(const char* path) KSPOOL_NOEXCEPT;
 
 /* What qlxMagicRead() fills. */
 typedef struct QLXMagic {
-    uint64_t value;    /* what the header says of the file */
+    uint64_t value;    /* its meaning depends on the type */
     uint32_t type;     /* type of the file */
     uint32_t reserved; /* 0 */
 } QLXMagic;
 
-enum { QLX_MAGIC_LENGTH = 24 }; /* bytes of a magic header in a file, whatever type and value */
+enum { QLX_MAGIC_LENGTH = 24 }; /* bytes of a magic header in a file, for any type and value */
 
 /*
  * Writes a magic header at the descriptor's position. On the disk, little-endian: 8 bytes of
@@ -117,15 +117,15 @@ KSPOOL_API int qlxMagicWrite(uint32_t type, int fd, uint64_t value) KSPOOL_NOEXC
 
 /*
  * Reads a magic header from the descriptor's position and leaves the position just past it.
- * Returns its type, which is never 0; returns 0 with `header` cleared when there is no whole header
- * (the position is then undefined), or one that was written otherwise.
+ * Returns its type, which is never 0; returns 0 with `header` cleared when the file ends within the
+ * header (the position is then undefined) or the header is invalid.
  */
 KSPOOL_API uint32_t qlxMagicRead(int fd, QLXMagic* header) KSPOOL_NOEXCEPT;
 
 /* The name of the running process, never NULL or empty. The argument is 0. */
 KSPOOL_API const char* OSGetProcName(int unused) KSPOOL_NOEXCEPT;
 
-/* The process's resident memory in bytes; 0 when it cannot be told. */
+/* The process's resident memory in bytes; 0 when it cannot be determined. */
 KSPOOL_API uint64_t OSGetRSS(void) KSPOOL_NOEXCEPT;
 
 /* ---- For programs ---- */
@@ -136,7 +136,9 @@ typedef void (*QLXSink)(uint32_t level, uint32_t status, const char* text, void*
 /*
  * Sends all messages to `sink` (NULL: back to stderr). Messages are handed over one at a time, from
  * the thread that writes them. The sink must not throw, must not write messages and must not call
- * this function. When the call returns, no thread is inside the old sink any more.
+ * this function. When the call returns, no thread is inside the old sink any more. A child of
+ * fork() must not write messages if another thread of the parent may have written one at that
+ * moment.
  */
 KSPOOL_API void qlxSetSink(QLXSink sink, void* arg) KSPOOL_NOEXCEPT;
 

@@ -1,8 +1,8 @@
 /*
  * The web-service transport: carries requests to the pool's servers and brings their answers.
  *
- * This header is a contract without code. The first part is what the library calls; the second is
- * for programs that want to see or steer a transport of the implementation in platform/standin/.
+ * This header is a contract without code. The library calls the first part; the second is for
+ * programs that inspect or adjust a transport of the implementation in platform/standin/.
  *
  * A transport is used by one thread at a time; different transports are independent. After a fork
  * it belongs to the parent: the child's requests fail, its WSShutdown() frees memory and sends
@@ -15,7 +15,7 @@
  *   options        option records, copied
  *   count          number of option records
  *   service        WS_SERVICE_...
- *   result         the caller's, zeroed, which receives what came
+ *   result         the caller's record, zeroed, which receives the answer
  *   dataselection  number of the data selection
  *   body           text of the request
  *   action         name of the action
@@ -69,10 +69,10 @@ enum WSOptionCode {
 /* Which service of the server a request is for. */
 enum WSService { WS_SERVICE_METABASE = 6, WS_SERVICE_SPA = 9, WS_SERVICE_KEEPALIVE = 13 };
 
-/* Why a request brought no answer. */
+/* Why a request got no valid answer. */
 enum WSStatus {
     WS_STATUS_FAILED = 2000,     /* the transport itself cannot work */
-    WS_STATUS_NO_SERVER = 2001,  /* no server URL is set, or it is none */
+    WS_STATUS_NO_SERVER = 2001,  /* no server URL is set, or it is invalid */
     WS_STATUS_PLAINTEXT = 2002,  /* plain http to another machine is not allowed */
     WS_STATUS_FORKED = 2003,     /* the transport belongs to the parent process */
     WS_STATUS_NO_CONNECT = 2004, /* connection refused, or server name unknown */
@@ -83,14 +83,18 @@ enum WSStatus {
     WS_STATUS_TOO_LARGE = 2009   /* an answer over the limit */
 };
 
-/* What a request brought. The caller zeroes it before the request. */
+/*
+ * The result of a request. The caller zeroes it before the request. The four texts of an event are
+ * NULL where the server left them out, belong to the transport and are valid until its next
+ * request.
+ */
 typedef struct WSResult {
     uint32_t eventCode;        /* 0 when the server carried the action out */
     char* data;                /* the answer's text, malloc()ed, the caller's to free(), or NULL */
-    const char* severity;      /* NULL, or the event's; these four stay the transport's */
-    const char* serverAddress; /* NULL, or whose event; until the transport's next request */
-    const char* sourceApplication; /* NULL, or what of it */
-    const char* description;       /* NULL, or what it says */
+    const char* severity;      /* severity of the event */
+    const char* serverAddress; /* address of the reporting server */
+    const char* sourceApplication; /* component that reported */
+    const char* description;       /* description for people */
 } WSResult;
 
 /* ---- What the library calls ---- */
@@ -99,8 +103,8 @@ typedef struct WSResult {
 KSPOOL_API WSTransport* WSInit(int a, int b, int c, int d, int e) KSPOOL_NOEXCEPT;
 
 /*
- * Closes the connection, wipes its own copies of what was secret and frees the transport. NULL is
- * allowed.
+ * Closes the connection, wipes its own copies of login, password and the other texts and frees the
+ * transport. NULL is allowed.
  */
 KSPOOL_API void WSShutdown(WSTransport* transport) KSPOOL_NOEXCEPT;
 
@@ -124,10 +128,10 @@ KSPOOL_API uint32_t WSSetOptVa(WSTransport* transport, ...) KSPOOL_NOEXCEPT;
  *   int32_t             parentid, flags
  *   uint64_t            datetime, dcid
  *   int64_t             wormflags, retention
- * Returns 0 when the server answered, with `result` filled: eventCode 0 and the text, or an event
- * and what is known of it. Otherwise `result` is cleared: 9 for an unknown name or service, 22
- * without memory, or a WS_STATUS_... value. The request may have been carried out all the same, but
- * not with 9, WS_STATUS_NO_SERVER, WS_STATUS_PLAINTEXT, WS_STATUS_FORKED and WS_STATUS_NO_CONNECT.
+ * Returns 0 when the server answered, with `result` filled: eventCode 0 and the text, or an event.
+ * Otherwise `result` is cleared: 9 for an unknown name or service, 22 without memory, or a
+ * WS_STATUS_... value. The request may have been carried out all the same, but not with 9,
+ * WS_STATUS_NO_SERVER, WS_STATUS_PLAINTEXT, WS_STATUS_FORKED and WS_STATUS_NO_CONNECT.
  */
 KSPOOL_API uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result,
                                  ...) KSPOOL_NOEXCEPT;
@@ -140,14 +144,14 @@ KSPOOL_API uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSRe
 /* When the transport was last used, in seconds as time() counts them: WSInit() or a request. */
 KSPOOL_API int64_t WSGetLastUseTime(const WSTransport* transport) KSPOOL_NOEXCEPT;
 
-/* The time-outs in seconds: that for reconnects is 0 without one, that for responses 30 at first.
- */
+/* The time-outs in seconds. The reconnect time-out is 0 when not set, that for responses 30. */
 KSPOOL_API int64_t WSGetReconnectTimeout(const WSTransport* transport) KSPOOL_NOEXCEPT;
 KSPOOL_API int64_t WSGetResponseTimeout(const WSTransport* transport) KSPOOL_NOEXCEPT;
 
 /*
- * The server's architecture mode, 0 for a legacy server. It is asked for once; a new server URL
- * forgets it. 0xFFFFFFFF with the reason in the status slot when it cannot be had.
+ * The server's architecture mode, 0 for a legacy server. The first call asks the server; later ones
+ * return the same value until the server URL changes. 0xFFFFFFFF, with the reason in the status
+ * slot, on failure.
  */
 KSPOOL_API uint32_t WSArchMode(WSTransport* transport) KSPOOL_NOEXCEPT;
 
@@ -156,8 +160,7 @@ KSPOOL_API uint32_t WSArchMode(WSTransport* transport) KSPOOL_NOEXCEPT;
 /* The value of WS_OPT_7 or WS_OPT_8, 0 when not set. */
 KSPOOL_API int64_t WSGetOption(const WSTransport* transport, uint32_t code) KSPOOL_NOEXCEPT;
 
-/* The largest answer in bytes that any transport of the process takes from now on; 4 GiB at first.
- */
+/* Limits answers to all transports of the process, in bytes; 4 GiB unless set. */
 KSPOOL_API void WSSetAnswerLimit(uint64_t bytes) KSPOOL_NOEXCEPT;
 
 #ifdef __cplusplus

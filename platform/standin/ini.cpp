@@ -1,4 +1,10 @@
 // The configuration support library's stand-in: reads ini files.
+//
+// The file is read anew and searched from its start for each entry. Nothing is cached, so there is
+// nothing to become stale or to share between threads, and a configuration has ten entries. The
+// one state is the mark of the last file whose faults were reported (isFirstReport).
+//
+// Thread rule: any thread may call any function here.
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -44,13 +50,14 @@ std::string_view unquoted(std::string_view text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-/// The file's bytes; empty, with the reason in `problem`, for one that cannot be read.
+/// The file's bytes, or none with the reason in `problem`. O_NONBLOCK keeps open() from waiting for
+/// the writer of a FIFO, which is then refused as not a regular file.
 std::string contentsOf(const char* file, const char*& problem) {
     std::string contents;
     const int fd = open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     struct stat status {};
     problem = fd < 0 || fstat(fd, &status) != 0 ? strerror(errno) : nullptr;
-    // Others can be read once only, or never end; the file is read for each entry.
+    // The file is read for each entry: a pipe has its bytes once only, and a device may never end.
     if (problem == nullptr && !S_ISREG(status.st_mode)) problem = "is no regular file";
     if (problem == nullptr && static_cast<size_t>(status.st_size) > kLargestFile) {
         problem = "is larger than 16 MiB";
@@ -68,8 +75,10 @@ std::string contentsOf(const char* file, const char*& problem) {
     return contents;
 }
 
-/// True once for each content of a file, so that its faults are not told with every directive.
-bool notReportedYet(const char* file, const std::string& contents) {
+/// True unless the last call had the same file and contents. Each entry reads the whole file, and
+/// every bad line would otherwise be reported once per entry. Two files that are read by turns are
+/// reported at each turn.
+bool isFirstReport(const char* file, const std::string& contents) {
     static std::mutex lock;
     static size_t last = 0;
     const size_t mark = std::hash<std::string>()(contents) * 31 + std::hash<std::string>()(file);
@@ -77,15 +86,16 @@ bool notReportedYet(const char* file, const std::string& contents) {
     return std::exchange(last, mark) != mark;
 }
 
-/// One pass over a file in search of one entry.
+/// One pass over a file in search of one entry. It goes on behind the entry, so that the bad lines
+/// there are reported too.
 class Search {
   public:
     Search(const char* section, const char* entry, const char* file)
         : section_(section), entry_(entry), file_(file), contents_(contentsOf(file, problem_)) {}
 
-    /// The value as it stands in the file; empty when it is missing.
+    /// The value without blanks and quotes around it; empty when it is missing.
     std::string value() {
-        reports_ = notReportedYet(file_, problem_ != nullptr ? problem_ : contents_);
+        reports_ = isFirstReport(file_, problem_ != nullptr ? problem_ : contents_);
         if (problem_ != nullptr && reports_) {
             NoticeA(CR_STATUS_READ_FAILED, "%s: %s", file_, problem_);
         }
@@ -147,7 +157,8 @@ std::string valueOf(const char* section, const char* entry, const char* file) {
     return value;
 }
 
-/// The value as a number, nothing when it does not begin with one. strtoll() saturates.
+/// The number that the value begins with, if any; one out of range becomes the nearest int64_t, as
+/// strtoll() has it.
 std::optional<int64_t> numberOf(const char* section, const char* entry, const char* file) {
     const std::string text = valueOf(section, entry, file);
     const int savedErrno = errno;

@@ -1,4 +1,17 @@
 // The support library's stand-in: trace switch, messages, their sink and the fatal-error record.
+//
+// Thread rule: any thread may call any function here.
+// Invariants:
+//  1. Messages are formatted without a lock and handed over under `sinkLock`: one thread at a time
+//     is in the sink, and it gets whole messages.
+//  2. qlxSetSink() takes the same lock. When it returns, no thread is in the old sink, whose `arg`
+//     may be freed. A sink that logs or calls qlxSetSink() would wait for itself.
+//  3. `fatalLock` covers the three members of the fatal-error record. No lock is taken while the
+//     other one is held.
+//  4. errno is as before after each message call; the status slot is never touched.
+// A child of fork() has copies of the locks. One that another thread held at the fork is never
+// released in the child, whose next message then waits for ever: a program that logs from several
+// threads may only call exec() in its children.
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -9,9 +22,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <mutex>
 
+#include "common/owned.h"
 #include "platform/support.h"
 
 namespace {
@@ -28,12 +41,8 @@ constexpr LevelName kLevelNames[] = {
     {QLX_LEVEL_NOTICE, "notice"}, {QLX_LEVEL_WARNING, "warning"}, {QLX_LEVEL_ERROR, "error"},
 };
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-
-/// A formatted text of any length. Short ones, and what can be kept when memory is out, stay in
-/// the object itself.
+/// A formatted text of any length. A text of up to 1023 bytes lies in the object itself; a longer
+/// one is allocated, and is cut to that size when there is no memory.
 class Message {
   public:
     QLX_PRINTF(2, 0) Message(const char* format, va_list arguments) {
@@ -51,10 +60,11 @@ class Message {
 
   private:
     char short_[1024];
-    std::unique_ptr<char, FreeText> long_;
+    kspool::OwnedText long_;
 };
 
-/// One line per message, in one write.
+/// Writes a message as one line, with a single writev(): pieces written one by one would mix with
+/// those of other processes that have the same stderr.
 void writeToStderr(uint32_t level, uint32_t status, const char* text) {
     const auto* row = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
                                    [=](const LevelName& l) { return l.level == level; });
@@ -71,7 +81,7 @@ void writeToStderr(uint32_t level, uint32_t status, const char* text) {
     const iovec parts[] = {{start, strlen(start)},
                            {const_cast<char*>(text), strlen(text)},
                            {const_cast<char*>("\n"), 1}};
-    // Nobody is left to tell when stderr cannot be written.
+    // A failure is ignored: stderr is where it would have to be reported.
     [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, parts, std::size(parts));
 }
 
@@ -111,7 +121,7 @@ void qlxSetSink(QLXSink sink, void* arg) noexcept {
     currentSinkArg = arg;
 }
 
-// A variadic function can hand on its arguments only as a va_list, so each entry has this body.
+// A variadic function can pass its arguments on only as a va_list, so each entry has this body.
 #define EMIT(level, status)                     \
     do {                                        \
         va_list arguments;                      \

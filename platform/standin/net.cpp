@@ -1,4 +1,4 @@
-// The network functions' stand-in.
+// The network functions' stand-in. No state: any thread may call any function here.
 #include <cctype>
 #include <cstring>
 #include <string_view>
@@ -38,7 +38,7 @@ int NetExtractHostAndPort(const char* url, char* buffer, size_t size, int) noexc
     const size_t scheme = rest.find("://");
     if (scheme < rest.find_first_of("/?#")) rest.remove_prefix(scheme + 3);
     rest = rest.substr(0, rest.find_first_of("/?#"));
-    // User info may hold an @ of its own.
+    // The last @ ends the user info: a password that is not encoded may hold one.
     const size_t user = rest.rfind('@');
     if (user != std::string_view::npos) rest.remove_prefix(user + 1);
     rest = rest.substr(0, size - 1);

@@ -1,4 +1,5 @@
-// The PO library's stand-in: a PO is its line.
+// The PO library's stand-in. A PO is a copy of its line; fields are found when they are asked for.
+// Thread rule: one thread at a time per PO.
 #include <cstdlib>
 #include <cstring>
 

@@ -1,4 +1,6 @@
-// The support library's stand-in: finding characters in long texts.
+// The support library's stand-in: searching long texts for characters. A cursor calls qlxstrpbrk()
+// once for each line of an answer, which can be hundreds of megabytes, with lines of some 100
+// bytes.
 #include <immintrin.h>
 
 #include <cstdint>
@@ -8,8 +10,8 @@
 
 namespace {
 
-// What follows a text is read up to the end of a block, but never of another page than that which
-// a byte of the text is in.
+// A block load may read past the terminating NUL. It cannot fault, because it never crosses into a
+// page that holds no byte of the text; the sanitizers would report it all the same.
 #define WIDE __attribute__((target("avx2"), no_sanitize("address", "thread")))
 
 constexpr uintptr_t kPage = 4096;
@@ -17,8 +19,8 @@ constexpr uintptr_t kBlock = sizeof(__m256i);
 constexpr uintptr_t kCacheLine = 64;
 constexpr uintptr_t kAhead = 1024;
 
-/// The first `a`, `b` or NUL. Line ends sort below all that lines are made of, so that one
-/// comparison tells for most blocks that there is nothing in them.
+/// The first `a`, `b` or NUL, 32 bytes at a time. CR, LF and NUL are smaller than every printable
+/// byte, so a single test, min(bytes, highest) == bytes, rejects most blocks.
 WIDE const char* findEither(const char* text, char a, char b) {
     const __m256i first = _mm256_set1_epi8(a);
     const __m256i second = _mm256_set1_epi8(b);
@@ -32,13 +34,16 @@ WIDE const char* findEither(const char* text, char a, char b) {
             _mm256_or_si256(_mm256_cmpeq_epi8(bytes, first), _mm256_cmpeq_epi8(bytes, second));
         return static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_or_si256(either, ends)));
     };
+    // An unaligned load near the end of a page would cross it. Go byte by byte into the next one.
     for (; reinterpret_cast<uintptr_t>(text) % kPage > kPage - kBlock; ++text)
         if (*text == a || *text == b || *text == '\0') return text;
-    // Where the next search begins hangs on what this one reads; until then nothing further on
-    // would be asked for.
+    // The next search depends on this result, so the hardware prefetcher cannot run ahead. Ask for
+    // what will be searched a few lines later.
     _mm_prefetch(text + kAhead, _MM_HINT_T0);
     _mm_prefetch(text + kAhead + kCacheLine, _MM_HINT_T0);
-    // Not aligned: in front of the text a line was just cut, for which the block would wait.
+    // The first load is unaligned. An aligned load would cover the NUL just stored in front of the
+    // text and stall on store forwarding: the byte is still in the store buffer, and a load that is
+    // wider than the store has to wait until it is in the cache.
     uint32_t found = matches(text);
     if (found != 0) return text + __builtin_ctz(found);
     text -= reinterpret_cast<uintptr_t>(text) % kBlock;
@@ -54,7 +59,7 @@ const bool isWide = __builtin_cpu_supports("avx2") != 0;
 }  // namespace
 
 char* qlxstrpbrk(const char* text, const char* set) noexcept {
-    // Two characters, as lines end with, are worth a loop of their own.
+    // The library asks for "\r\n" only; other sets are not worth a loop of their own.
     const bool two = set[0] != '\0' && set[1] != '\0' && set[2] == '\0';
     if (!two || !isWide) return const_cast<char*>(strpbrk(text, set));
     const char* found = findEither(text, set[0], set[1]);

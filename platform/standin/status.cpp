@@ -1,4 +1,6 @@
-// The status library's stand-in.
+// The status library's stand-in: the slot, the texts of statuses, the place of the configuration
+// file and the types of the pool. The slot is one word per thread; nothing else here is state, so
+// any thread may call any function.
 #include <unistd.h>
 
 #include <algorithm>
@@ -52,11 +54,13 @@ constexpr StatusText kTexts[] = {
     {WS_STATUS_TOO_LARGE, "the server's answer is too large"},
 };
 
+/// Leaves a reason in the slot and returns NULL, for CRConfigLocate().
 char* locateFailed(uint32_t status) {
     threadStatus = status;
     return nullptr;
 }
 
+/// An environment variable; NULL when it is not set or empty.
 const char* setVariable(const char* name) {
     const char* value = getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;

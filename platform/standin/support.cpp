@@ -1,4 +1,5 @@
-// The support library's stand-in: texts, files, magic headers and process facts.
+// The support library's stand-in: texts, files, magic headers and process facts. No state: any
+// thread may call any function here.
 #include <endian.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,7 +13,8 @@
 
 namespace {
 
-// The first byte is no text character, and a transfer that rewrites line ends breaks the rest.
+// As in PNG's signature: the first byte marks the file as not a text, and a transfer that rewrites
+// line ends or stops at ^Z changes the rest.
 constexpr char kSignature[8] = {'\x8b', 'K', 'S', 'P', '\r', '\n', '\x1a', '\n'};
 
 struct MagicOnDisk {
@@ -23,7 +25,8 @@ struct MagicOnDisk {
 };
 static_assert(sizeof(MagicOnDisk) == QLX_MAGIC_LENGTH);
 
-/// Moves all of `size` bytes with read() or write(), however short each call falls.
+/// Repeats read() or write() until all of `size` bytes are through: either may move fewer bytes
+/// than it was given, or be interrupted by a signal.
 template <typename Call, typename Byte>
 bool transferAll(Call call, int fd, Byte* bytes, size_t size) {
     while (size > 0) {
