@@ -1,10 +1,11 @@
-/* A platform of one's own, as small as it can be: no server, no configuration, messages to stderr.
- * The cache needs no more. A real one fills in what is marked.
+/* The smallest platform: no server, no configuration, messages to stderr. That is enough for the
+ * cache. Comments that say "your" mark the places that a real platform fills in.
  *
- *     cc -shared -fPIC platform.c $(pkg-config --cflags kspool) -Wl,-soname,libkspool_platform.so.1
- * \ -o libkspool_platform.so.1 LD_LIBRARY_PATH=. ./cache
+ *     name=libkspool_platform.so.1
+ *     cc -shared -fPIC platform.c $(pkg-config --cflags kspool) -Wl,-soname,$name -o $name
+ *     LD_LIBRARY_PATH=. ./cache
  *
- * What each call has to do is told in the headers of platform/.
+ * The headers of platform/ are the contracts of these calls.
  */
 #include <errno.h>
 #include <stdarg.h>
@@ -39,7 +40,7 @@ uint32_t _crMapError(const char* function, const char* file, int line) {
 }
 char* CRConfigLocate(const char* kind, char* buffer, size_t size) {
     (void)kind, (void)buffer, (void)size;
-    slot = CR_STATUS_NOT_FOUND; /* where your agents keep their configuration */
+    slot = CR_STATUS_NOT_FOUND; /* the place of your agents' configuration goes here */
     return NULL;
 }
 int CRFPTypeIsValid(uint32_t type) {
@@ -128,7 +129,7 @@ uint64_t OSGetRSS(void) {
     return 0;
 }
 
-/* A header of one's own is allowed; files of another platform cannot be read then. */
+/* The header may have any layout; files of another platform are then refused. */
 struct Header {
     char signature[8];
     uint32_t type, reserved;
@@ -152,7 +153,7 @@ uint32_t qlxMagicRead(int fd, QLXMagic* magic) {
     return header.type;
 }
 
-/* ---- Configuration: none, so that all defaults hold. Your reader goes here. ---- */
+/* ---- Configuration: none, so all defaults apply. Your reader goes here. ---- */
 
 const char _qlx_config_section_string_table_[4096] = "";
 const char _qlx_config_entry_string_table_[4096] = "";
@@ -195,7 +196,7 @@ void InifileValueErrorA(const char* file, const char* section, const char* entry
     PRINT("error");
 }
 
-/* ---- Network names, POs, the transport: nothing to speak to. Your server goes here. ---- */
+/* ---- Network names, POs, the transport: no server. Your transport goes here. ---- */
 
 int NetExtractHostAndPort(const char* url, char* buffer, size_t size, int unused) {
     (void)unused;

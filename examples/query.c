@@ -1,4 +1,4 @@
-/* A session and a query: what does a data selection hold of a name?
+/* A session and a query: prints the POs of a data selection whose name matches a pattern.
  *
  *     cc query.c $(pkg-config --cflags --libs kspool) -o query
  *     KSPOOL_PASSWORD=... ./query http://127.0.0.1:9080 agent 1 "*.h"
@@ -16,7 +16,7 @@ static int failed(const char* what) {
 
 int main(int argc, char** argv) {
     MBPOFilter filter;
-    char* line = NULL; /* the cursor's, until its next step */
+    char* line = NULL; /* owned by the cursor */
     uint32_t count = 0, status = CR_STATUS_OK;
     MBSession* session;
     MBPOCursor* found;
@@ -24,8 +24,8 @@ int main(int argc, char** argv) {
     session = MBInit(argv[1], 0, argv[2], getenv("KSPOOL_PASSWORD"));
     if (session == NULL) return failed("no session");
     filter.size = sizeof filter;
-    MBPOFilterInit(&filter);      /* everything ... */
-    filter.criterion10 = argv[4]; /* ... of that name */
+    MBPOFilterInit(&filter);      /* all POs ... */
+    filter.criterion10 = argv[4]; /* ... whose tenth field, the name, matches */
     found =
         MBPOStringFindFirst(session, (uint32_t)strtoul(argv[3], NULL, 10), &filter, &line, &count);
     if (found == NULL && *__cr_errno_location() != CR_STATUS_NOT_FOUND) return failed("find");
