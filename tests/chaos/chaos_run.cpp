@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -19,6 +18,7 @@
 #include "sandbox/sandbox.h"
 #include "sandbox/store/database.h"
 #include "tests/chaos/chaos_client.h"
+#include "tests/support/folder.h"
 #include "tests/support/raw_server.h"
 
 namespace {
@@ -77,8 +77,6 @@ constexpr char kAudit[] =
 class Server {
   public:
     Server(std::string program, uint64_t seed) : program_(std::move(program)) {
-        char name[] = "/tmp/kspool-chaos-XXXXXX";
-        folder_ = mkdtemp(name);
         sandbox::setUp({pool(), "http://127.0.0.1:1", false});
         // Below the ports that the system gives to clients: one that looks for a server that is
         // down must not find itself.
@@ -90,12 +88,9 @@ class Server {
     }
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
-    ~Server() {
-        end(SIGKILL);
-        std::filesystem::remove_all(folder_);
-    }
+    ~Server() { end(SIGKILL); }
 
-    std::string pool() const { return folder_ + "/pool"; }
+    std::string pool() const { return folder_.path + "/pool"; }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     bool start() {
@@ -131,15 +126,17 @@ class Server {
 
     std::string admin(const std::string& method, const std::string& function,
                       const std::string& body = {}) const {
-        std::string answer = rawExchange(
-            port_, method + " /__admin/" + function + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
-                       "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-        if (answer.find(" 200 ") == std::string::npos) throw std::runtime_error(answer);
-        return answer;
+        const Received answer = RawClient(port_).ask(
+            method + " /__admin/" + function + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
+            60'000);
+        if (!answer.brief().starts_with("200 ")) throw std::runtime_error(answer.brief());
+        return answer.body;
     }
 
   private:
-    std::string program_, folder_;
+    std::string program_;
+    Folder folder_;
     uint16_t port_ = 0;
     pid_t child_ = -1;
 };

@@ -19,6 +19,7 @@
 #include "platform/po.h"
 #include "platform/status.h"
 #include "platform/support.h"
+#include "tests/support/folder.h"
 
 namespace {
 
@@ -42,18 +43,6 @@ class Ear {
         static_cast<Ear*>(ear)->heard.push_back({level, status, text});
         errno = EDOM;
     }
-};
-
-/// A folder that goes with the test.
-struct Folder {
-    Folder() {
-        char name[] = "/tmp/kspool-test-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~Folder() { std::filesystem::remove_all(path); }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string path;
 };
 
 TEST(PlatformStatus, EveryStatusHasATextOfItsOwn) {

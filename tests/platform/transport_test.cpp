@@ -199,7 +199,10 @@ TEST(Transport, TriesAgainWhileItMay) {
         EXPECT_EQ(ids.size(), 1U);
         EXPECT_EQ(server.requests().size(), row.requests);
     }
-    RawServer always({busy, kOpen, 0, 0});
+}
+
+TEST(Transport, WaitsForAServerThatIsBusyOrDown) {
+    RawServer always({answer("503 Busy", "text/plain", "x"), kOpen, 0, 0});
     Transport patient(always.url());
     patient.reconnect(1);
     const auto begin = Clock::now();
@@ -209,7 +212,7 @@ TEST(Transport, TriesAgainWhileItMay) {
     Transport transport(server.url());
     transport.reconnect(1);
     server.refuse();
-    auto start = Clock::now();
+    const auto start = Clock::now();
     EXPECT_EQ(transport.get(), WS_STATUS_NO_CONNECT);
     EXPECT_GT(secondsSince(start), 0.9);
     EXPECT_LT(secondsSince(start), 2);
@@ -281,12 +284,12 @@ TEST(Transport, IsNotDisturbedByAChildOfTheProcess) {
     EXPECT_EQ(server.rest(), "");
 }
 
-TEST(Transport, ServesTenThousandRequestsOnOneConnection) {
+TEST(Transport, ServesThousandsOfRequestsOnOneConnection) {
     RawServer server;
     Transport transport(server.url());
     uint32_t failed = 0;
     std::thread other([&] {
-        for (int i = 0; i < 10000; ++i)
+        for (int i = 0; i < 5000; ++i)
             failed += transport.get() == 0 ? 0 : 1;
     });
     other.join();

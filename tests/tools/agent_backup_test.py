@@ -11,6 +11,7 @@ import sys
 import tempfile
 import time
 
+import programs
 from pool_server import PoolServer
 
 AGENT, SANDBOX = sys.argv[1:]
@@ -18,10 +19,7 @@ K = 1024
 
 
 def run(*arguments, code=0, **variables):
-    done = subprocess.run([AGENT, *arguments], capture_output=True, text=True,
-                          env={**os.environ, **variables})
-    assert done.returncode == code, (arguments, done.returncode, done.stdout, done.stderr)
-    return done
+    return programs.run(AGENT, *arguments, code=code, env={**os.environ, **variables})
 
 
 def backup(image, *options, code=0, segment="4KiB", kept=None):
@@ -30,10 +28,7 @@ def backup(image, *options, code=0, segment="4KiB", kept=None):
 
 
 def found(image):
-    done = subprocess.run([AGENT, "find", "--client", "me", "--image", image, "--json"],
-                          capture_output=True, text=True)
-    assert done.returncode in (0, 10), done
-    return json.loads(done.stdout)
+    return programs.found(AGENT, image)
 
 
 with tempfile.TemporaryDirectory() as top:
@@ -140,11 +135,10 @@ with tempfile.TemporaryDirectory() as top:
 
     # A disk that is full while the cache is saved: the old one is kept.
     before = open(top + "/small.cache", "rb").read()
-    full = subprocess.run([AGENT, "backup", tree, "--client", "me", "--image", "big8", "--cache",
-                           top + "/small.cache", "--segment", "512", "--limit", "1"],
-                          capture_output=True, text=True, restore_signals=False,
-                          preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
-    assert full.returncode == 1 and "as a whole" in full.stderr, full
+    full = programs.run(AGENT, "backup", tree, "--client", "me", "--image", "big8", "--cache", top + "/small.cache",
+                        "--segment", "512", "--limit", "1", code=1, restore_signals=False,
+                        preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
+    assert "as a whole" in full.stderr, full
     assert open(top + "/small.cache", "rb").read() == before
     assert not os.path.exists(top + "/small.cache.new")
     os.remove(tree + "/large")

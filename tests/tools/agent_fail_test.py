@@ -4,7 +4,6 @@ Usage: agent_fail_test.py AGENT SANDBOX SHIM [RUNS]
 
 Whatever fails, the run ends with a documented exit code and a word on it, and the next one completes.
 """
-import json
 import os
 import random
 import subprocess
@@ -12,6 +11,7 @@ import sys
 import tempfile
 
 from pool_server import PoolServer
+from programs import found
 
 AGENT, SANDBOX, SHIM = sys.argv[1:4]
 RUNS = int(sys.argv[4]) if len(sys.argv) > 4 else 100
@@ -36,9 +36,7 @@ with tempfile.TemporaryDirectory() as top:
     def check_whole(image):
         whole = backup(image)
         assert whole.returncode == 0, whole
-        found = subprocess.run([AGENT, "find", "--client", "me", "--image", image, "--json"],
-                               capture_output=True, text=True, check=True)
-        assert len(json.loads(found.stdout)) == FILES, found
+        assert len(found(AGENT, image)) == FILES, found(AGENT, image)
 
     counted = backup("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
     assert counted.returncode == 0, counted

@@ -12,7 +12,9 @@ import sys
 import tempfile
 import time
 
+import programs
 from pool_server import PoolServer
+from programs import run
 
 AGENT, SANDBOX, CACHE = sys.argv[1:4]
 KILLS = int(sys.argv[4]) if len(sys.argv) > 4 else 8
@@ -28,17 +30,13 @@ def options(image):
 
 def complete(image):
     """A run that nobody disturbs."""
-    done = subprocess.run([AGENT, "backup", *options(image)], capture_output=True, text=True)
-    assert done.returncode == 0, (image, done)
+    done = run(AGENT, "backup", *options(image))
     assert done.stderr == "", done.stderr
     return json.loads(done.stdout)
 
 
 def found(image):
-    done = subprocess.run([AGENT, "find", "--client", "me", "--image", image, "--json"],
-                          capture_output=True, text=True)
-    assert done.returncode in (0, 10), done
-    return {entry["path"] for entry in json.loads(done.stdout)}
+    return {entry["path"] for entry in programs.found(AGENT, image)}
 
 
 def entries(file):
@@ -49,8 +47,7 @@ def entries(file):
     assert done.returncode in (0, 1), done
     if done.returncode == 1:
         return None
-    done = subprocess.run([CACHE, "stat", file, "--json"], capture_output=True, text=True, check=True)
-    return json.loads(done.stdout)["records"]
+    return json.loads(run(CACHE, "stat", file, "--json").stdout)["records"]
 
 
 def change():

@@ -3,22 +3,17 @@
 import json
 import os
 import random
-import subprocess
 import sys
 import tempfile
+
+from programs import check_full_disk, check_usage, run
 
 AGENT = sys.argv[1]
 K = 1024
 
 
-def run(*arguments, code=0, by=()):
-    done = subprocess.run([*by, AGENT, *arguments], capture_output=True, text=True)
-    assert done.returncode == code, (arguments, done.returncode, done.stderr)
-    return done
-
-
 def scan(*arguments):
-    return json.loads(run("scan", "--json", *arguments).stdout)
+    return json.loads(run(AGENT, "scan", "--json", *arguments).stdout)
 
 
 def build(top):
@@ -51,29 +46,22 @@ with tempfile.TemporaryDirectory() as top:
         cache = found["cache"]
         assert (cache["entries"], cache["hits"], cache["misses"], cache["bits"]) == (4, 3, 4, 3)
 
-    people = run("scan", "--trace", "--lock", top)
+    people = run(AGENT, "scan", "--trace", "--lock", top)
     assert "Dedup ratio" in people.stdout and "KSCacheInit: bits = 3" in people.stderr
 
-    for bad in ((top + "/none",), (top + "/link",), (top + "/pipe",), ("--bits", "30", top),
-                ("--segment", "1", top), ("--digest", "crc32", top), ("--nonsense", top), ()):
-        stderr = run("scan", *bad, code=2).stderr
-        assert stderr.count("\n") == 1 and stderr.startswith("kspool-agent: "), stderr
+    check_usage(AGENT, *(("scan", *bad) for bad in (
+        (top + "/none",), (top + "/link",), (top + "/pipe",), ("--bits", "30", top), ("--segment", "1", top),
+        ("--digest", "crc32", top), ("--nonsense", top), ())))
 
     # An unreadable file, as somebody whom permissions bind.
     os.chmod(top + "/odd\nname", 0)
     powerless = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"] if os.geteuid() == 0 else []
-    partial = run("scan", "--json", top, code=3, by=powerless)
+    partial = run(*powerless, AGENT, "scan", "--json", top, code=3)
     assert json.loads(partial.stdout)["skipped"] == 1, partial.stdout
     assert "odd\\x0aname: Permission denied" in partial.stderr, partial.stderr
 
-    kernel = run("scan", "/proc/sys/kernel", top + "/a", code=3)
+    kernel = run(AGENT, "scan", "/proc/sys/kernel", top + "/a", code=3)
     assert kernel.stderr == "kspool-agent: /proc/sys/kernel: is the kernel's, not scanned\n", kernel.stderr
 
-# stdbuf preloads a library, which a sanitizer must be told to bear.
-bearing = dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0")
-for buffering in ("-oL", "-o4096"):  # the loss shows at once, or only at the end
-    with open("/dev/full", "w") as full:
-        lost = subprocess.run(["stdbuf", buffering, AGENT, "scan", __file__], stdout=full,
-                              stderr=subprocess.PIPE, env=bearing)
-    assert lost.returncode == 1 and b"could not be written" in lost.stderr, lost
+check_full_disk(1, AGENT, "scan", __file__)
 print("kspool-agent scan: as expected")

@@ -6,10 +6,11 @@ import random
 import re
 import resource
 import struct
-import subprocess
 import sys
 import tempfile
 import zlib
+
+import programs
 
 TOOL, DOC = sys.argv[1], sys.argv[2]
 SIGNATURE = b"\x8bKSP\r\n\x1a\n"
@@ -17,10 +18,8 @@ PAGE, MIB = 1024 * 72, 1 << 20
 random.seed(1)
 
 
-def run(*arguments, code=0, **options):
-    done = subprocess.run([TOOL, *arguments], capture_output=True, text=True, **options)
-    assert done.returncode == code, (arguments[:4], done.returncode, done.stderr[:500])
-    return done
+def run(*arguments, **options):
+    return programs.run(TOOL, *arguments, **options)
 
 
 def ask(*arguments, **options):
@@ -185,17 +184,10 @@ def check_shrink():
 
 
 def check_usage():
-    for bad in ((), ("stat",), ("stat", "A", "B"), ("diff", "A"), ("dump", "A", "--sorted", "--raw"),
-                ("dump", "A", "--json", "--raw"), ("shape", "A", "--bits", "30"), ("shrink", "A", "-o", "B"),
-                ("shrink", "A", "--limit", "0", "-o", "B"), ("shrink", "A", "--limit", "1"), ("nonsense", "A")):
-        stderr = run(*bad, code=2).stderr
-        assert stderr.count("\n") == 1 and stderr.startswith("kspool-cache: "), stderr
-    bearing = dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0")  # stdbuf preloads a library
-    for buffering in ("-oL", "-o4096"):  # the loss shows at once, or only at the end
-        with open("/dev/full", "w") as full:
-            lost = subprocess.run(["stdbuf", buffering, TOOL, "dump", "A"], stdout=full,
-                                  stderr=subprocess.PIPE, env=bearing)
-        assert lost.returncode == 2 and b"could not be written" in lost.stderr, lost
+    programs.check_usage(TOOL, (), ("stat",), ("stat", "A", "B"), ("diff", "A"), ("dump", "A", "--sorted", "--raw"),
+                         ("dump", "A", "--json", "--raw"), ("shape", "A", "--bits", "30"), ("shrink", "A", "-o", "B"),
+                         ("shrink", "A", "--limit", "0", "-o", "B"), ("shrink", "A", "--limit", "1"), ("nonsense", "A"))
+    programs.check_full_disk(2, TOOL, "dump", "A")
 
 
 TOOL, DOC = os.path.abspath(TOOL), os.path.abspath(DOC)

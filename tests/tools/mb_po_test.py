@@ -2,10 +2,10 @@
 """kspool-mb po, image and hvx against a pool server. Usage: mb_po_test.py MB SANDBOX"""
 import json
 import os
-import subprocess
 import sys
 import tempfile
 
+import programs
 from pool_server import PoolServer, answering
 
 MB, SANDBOX = sys.argv[1:]
@@ -15,9 +15,8 @@ def po(name, size, client="c"):
     return f"1|1||0|0|{client}|p|i|/f|{name}|d|f||||{size}|0|0|0|0|0|0|0|0|0|\n"
 
 
-def run(*arguments, code=0, out=None, text=""):
-    done = subprocess.run([MB, *arguments], input=text, capture_output=True, text=True)
-    assert done.returncode == code, (arguments, done.returncode, done.stdout, done.stderr)
+def run(*arguments, code=0, out=None, text="", **variables):
+    done = programs.run(MB, *arguments, code=code, input=text, env={**os.environ, **variables})
     assert out is None or done.stdout == out, (arguments, done.stdout)
     return done
 
@@ -58,9 +57,7 @@ with tempfile.TemporaryDirectory() as top:
     # Refused, each with its reason and exit code.
     run(*at, "po", "find", "0", code=10)
     for wrong in (("po", "find", "1"), ("--json", "po", "find", "1"), ("image", "last", "1")):
-        done = subprocess.run([MB, *at, *wrong], capture_output=True, text=True,
-                              env={**os.environ, "KSPOOL_PASSWORD": "wrong"})
-        assert done.returncode == 12 and "wrong password" in done.stderr, done
+        assert "wrong password" in run(*at, *wrong, code=12, KSPOOL_PASSWORD="wrong").stderr
 
     # A server that announces more POs than it sends.
     with answering(lambda _: "names\ntypes\n4294967295\na|1\nb|2\n") as url:
