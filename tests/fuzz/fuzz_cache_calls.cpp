@@ -11,7 +11,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
         return (limit <= 256 ? low : low << 8 | input.byte()) % limit;
     };
     const uint32_t bits = input.below(7);
-    CacheModel model(below, file.path(), bits, CacheModel::Repeats::Told);
+    CacheModel model({.bits = bits, .tellsRepeats = true}, file.path(), below);
     while (!input.isEmpty())
         model.step();
     model.compareAll();

@@ -4,16 +4,18 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
 
 #include "kscache/kscache_adler.h"
 #include "kscache/kscache_int.h"
+#include "tests/support/cache_model.h"
 #include "tests/support/scripted_platform.h"
 
 namespace {
+
+constexpr size_t kStack = size_t{256} * 1024;
 
 using Bytes = std::string;
 
@@ -70,21 +72,6 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
     EXPECT_EQ(load(header + payload), std::pair(0U, uint64_t{1}));
 }
 
-TEST(CacheFile, HasMoreThanOneBlock) {
-    const std::string path = testing::TempDir() + "blocks";
-    const Cache cache = makeCache(8);
-    for (uint32_t i = 0; i < 4000; ++i) {
-        const uint32_t words[8] = {i, 0, 0, i};
-        ASSERT_EQ(KSCacheAdd(cache.get(), words, 3, i, nullptr), 0U);
-    }
-    uint64_t loaded = 0;
-    ASSERT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
-    KSCacheReset(cache.get());
-    EXPECT_EQ(KSCacheLoad(cache.get(), path.c_str(), &loaded), 0U);
-    EXPECT_EQ(loaded, 4000U);
-    EXPECT_EQ(cache->cachedItems, 4000U);
-}
-
 TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
     const Cache cache = makeCache(4);
     const uint8_t key[32] = {1};
@@ -122,35 +109,18 @@ TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {
     }
 }
 
-/// Everything that goes through trees, with a stack that could not bear a frame for each level.
+/// Everything that goes through trees. A recursion over this chain would overflow the stack: no
+/// frame of a function that keeps a node and a return address is smaller than 32 bytes.
 void* liveDeep(void*) {
-    constexpr uint32_t kEntries = 20000;
-    const std::string path = testing::TempDir() + "deep";
-    const auto key = [](uint32_t i) {
-        return std::array<uint32_t, 8>{__builtin_bswap32(i), 0, 0, 0};
-    };
-    const auto count = [](KSCache*, KSCacheNode*, uint64_t, int, void* arg) {
-        ++*static_cast<uint32_t*>(arg);
-        return 0;
-    };
-    const Cache cache = makeCache(1);
-    for (uint32_t i = 0; i < kEntries; ++i)
-        EXPECT_EQ(KSCacheAdd(cache.get(), key(i).data(), 3, i, nullptr), 0U);
-    FILE* out = fopen((path + ".txt").c_str(), "w");
-    KSCacheDumpSorted(out, cache.get());
-    fclose(out);
-    EXPECT_GT(std::filesystem::file_size(path + ".txt"), kEntries * 20);
-    uint32_t met = 0;
-    EXPECT_EQ(KSCacheIterate(cache.get(), count, &met), 0U);
-    EXPECT_EQ(met, kEntries);
-    EXPECT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
-    KSCacheReset(cache.get());
-    EXPECT_EQ(KSCacheLoad(cache.get(), path.c_str(), nullptr), 0U);
-    EXPECT_EQ(cache->cachedItems, kEntries);
-    for (uint32_t i = 0; i < kEntries; i += 2)
-        EXPECT_EQ(KSCacheDelete(cache.get(), key(i).data(), 3), 0U);
-    KSCacheReclaim(cache.get());
-    EXPECT_EQ(cache->pageCount, kEntries / 2 / 1023 + 1);
+    constexpr uint32_t kEntries = kStack / 32;
+    CacheModel model({.bits = 1}, testing::TempDir() + "deep");
+    model.fill(kEntries, 0);
+    model.sortedReport();
+    model.walk();
+    model.restart();
+    model.drop(kEntries);
+    model.reclaim();
+    model.compareAll();
     return nullptr;
 }
 
@@ -158,7 +128,7 @@ TEST(CacheFile, DeepTreesNeedNoStack) {
     pthread_attr_t small;
     pthread_t thread = 0;
     pthread_attr_init(&small);
-    pthread_attr_setstacksize(&small, 256 * 1024);
+    pthread_attr_setstacksize(&small, kStack);
     ASSERT_EQ(pthread_create(&thread, &small, liveDeep, nullptr), 0);
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&small);

@@ -12,32 +12,33 @@
 namespace {
 
 using calls::Placement;
-using Repeats = CacheModel::Repeats;
 
-struct Setup {
+struct Shape {
     const char* name;
     uint32_t bits;
     Placement placement;
-    Repeats repeats;
+    bool tellsRepeats;
 };
 
-class Model : public testing::TestWithParam<Setup> {};
+class Model : public testing::TestWithParam<Shape> {};
 
 TEST_P(Model, AgreesAfterEachStep) {
+    const Shape& shape = GetParam();
     const char* given = getenv("KSPOOL_TEST_SEED");
     const uint64_t seed =
         given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device()();
-    printf("KSPOOL_TEST_SEED=%lu\n", static_cast<unsigned long>(seed));
-    fflush(stdout);
     std::mt19937_64 random(seed);
     const auto below = [&](uint64_t limit) { return random() % limit; };
     scripted::reset();
     calls::watch();
-    calls::place(GetParam().placement);
+    calls::place(shape.placement);
     {
-        CacheModel model(below, testing::TempDir() + "model-" + GetParam().name, GetParam().bits,
-                         GetParam().repeats, GetParam().placement == Placement::AsAsked);
-        for (int step = 0; step < 5000; ++step) {
+        CacheModel model({.bits = shape.bits,
+                          .tellsRepeats = shape.tellsRepeats,
+                          .pagesAscend = shape.placement == Placement::kAsAsked,
+                          .name = "KSPOOL_TEST_SEED=" + std::to_string(seed)},
+                         testing::TempDir() + "model-" + shape.name, below);
+        for (int step = 0; step < 2000; ++step) {
             constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
             calls::cutTransfers(1 + below(kPieces[below(3)]));
             if (model.step() || step < 200 || step % 97 == 0) model.compareAll();
@@ -48,12 +49,11 @@ TEST_P(Model, AgreesAfterEachStep) {
     calls::leaveAlone();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Shapes, Model,
-    testing::Values(Setup{"deep", 1, Placement::AsAsked, Repeats::Told},
-                    Setup{"descending", 2, Placement::Descending, Repeats::NotTold},
-                    Setup{"scattered", 4, Placement::Scattered, Repeats::Told},
-                    Setup{"shallow", 12, Placement::AsAsked, Repeats::NotTold}),
-    [](const auto& given) { return given.param.name; });
+INSTANTIATE_TEST_SUITE_P(Shapes, Model,
+                         testing::Values(Shape{"deep", 1, Placement::kAsAsked, true},
+                                         Shape{"descending", 2, Placement::kDescending, false},
+                                         Shape{"scattered", 4, Placement::kScattered, true},
+                                         Shape{"shallow", 12, Placement::kAsAsked, false}),
+                         [](const auto& given) { return given.param.name; });
 
 }  // namespace

@@ -105,7 +105,7 @@ void usePOs(MBSession* session) {
 TEST(SessionTorture, EveryCallFailsInTurn) {
     MBSetRetryCount(0);
     for (const char* path : {static_cast<const char*>(nullptr), "/agent.cfg"}) {
-        torture::run([=] {
+        torture::run([=](const std::string&) {
             const KSOption options[] = {textOption(KS_OPT_MBS_URL, "http://mbs"),
                                         textOption(KS_OPT_PASSWORD, "secret")};
             MBSession* session = MBCreateWithAgentCfg(1, options, 2, path);

@@ -146,7 +146,7 @@ CacheScene::CacheScene() {
     verbs = {
         {"zero",
          [](const Words& w) {
-             calls::place(w[1] == "on" ? calls::Placement::AtZero : calls::Placement::AsAsked);
+             calls::place(w[1] == "on" ? calls::Placement::kAtZero : calls::Placement::kAsAsked);
              return std::string();
          }},
         {"create",

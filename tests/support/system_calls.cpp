@@ -42,7 +42,7 @@ size_t matched = 0;
 size_t failed = 0;
 size_t mostMoved = SIZE_MAX;
 bool interrupted = false;
-Placement placement = Placement::AsAsked;
+Placement placement = Placement::kAsAsked;
 
 /// A set that allocates nothing itself: in a static program its own calls would be wrapped too.
 class Blocks {
@@ -111,7 +111,7 @@ void* placedAddress(size_t length) {
     static char* const base = static_cast<char*>(
         __real_mmap(nullptr, kSpan, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     const size_t page = mappings.size() % kSlots;
-    const size_t slot = placement == Placement::Descending ? kSlots - 1 - page : page * 37 % kSlots;
+    const size_t slot = placement == Placement::kDescending ? kSlots - 1 - page : page * 37 % kSlots;
     return length <= kSpan / kSlots ? base + slot * (kSpan / kSlots) : nullptr;
 }
 
@@ -158,7 +158,7 @@ size_t live() {
 
 void watch() {
     fail({});
-    place(Placement::AsAsked);
+    place(Placement::kAsAsked);
     cutTransfers(SIZE_MAX);
     watching = true;
 }
@@ -222,11 +222,11 @@ void* __wrap_mmap(void* hint, size_t length, int protection, int flags, int fd, 
     const bool page = protection != PROT_NONE;
     if (fails(kMmap, page)) return MAP_FAILED;
     if ((flags & MAP_PRIVATE) == 0) abort();
-    if (page && placement == Placement::AtZero) {
+    if (page && placement == Placement::kAtZero) {
         mappings.insert(nullptr, length);
         return nullptr;
     }
-    const bool placed = page && placement != Placement::AsAsked;
+    const bool placed = page && placement != Placement::kAsAsked;
     if (placed) hint = placedAddress(length);
     void* memory =
         __real_mmap(hint, length, protection, flags | (placed ? MAP_FIXED : 0), fd, offset);

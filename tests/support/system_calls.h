@@ -58,7 +58,7 @@ size_t failures();
 size_t made(Call call);
 
 /// Where page mappings go.
-enum class Placement { AsAsked, Descending, Scattered, AtZero };
+enum class Placement { kAsAsked, kDescending, kScattered, kAtZero };
 void place(Placement placement);
 
 /// read() and write() move at most so many bytes, and are interrupted before each.

@@ -21,11 +21,13 @@ void run(Scenario scenario) {
     ++scenarios;
     for (const bool fromThenOn : {false, true}) {
         for (size_t nth = 1;; ++nth) {
-            SCOPED_TRACE("call " + std::to_string(nth) + (fromThenOn ? " and all after it" : ""));
+            const std::string what =
+                "call " + std::to_string(nth) + (fromThenOn ? " and all after it" : "");
+            SCOPED_TRACE(what);
             scripted::reset();
             calls::watch();
             calls::fail({.nth = nth, .fromThenOn = fromThenOn});
-            scenario();
+            scenario(what);
             const size_t failed = calls::failures();
             EXPECT_EQ(calls::live(), 0U);
             calls::leaveAlone();
