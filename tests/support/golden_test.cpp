@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "platform/status.h"
 #include "platform/support.h"
@@ -17,105 +16,77 @@
 #include "tests/support/system_calls.h"
 
 namespace golden {
-
-uint32_t number(const std::string& word) {
-    return word.empty() ? 0 : static_cast<uint32_t>(std::stoll(word));
-}
-
-std::string withSlot(const std::string& result) {
-    return result + ", slot " + std::to_string(*__cr_errno_location());
-}
-
-std::string status(uint32_t status) {
-    return withSlot(std::to_string(status));
-}
-
 namespace {
 
-std::string fail(const Words& w) {
+void fail(Objects&, const Words& w) {
     calls::Failure failure;
     failure.pagesOnly = w[1] == "pages";
     failure.call = calls::callNamed(failure.pagesOnly ? "mmap" : w[1]);
-    failure.nth = number(w[2]);
+    failure.nth = operations::number(w[2]);
     failure.fromThenOn = w[3] == "on";
     failure.error = w[4] == "EAGAIN" ? EAGAIN : w[4] == "EPERM" ? EPERM : ENOMEM;
     calls::fail(failure);
-    return {};
 }
 
-const Verbs kCommon = {
-    {"trace",
-     [](const Words& w) {
-         *__qlxlog_trace_location() = w[1] == "on" ? 1 : 0;
-         return std::string();
-     }},
-    {"fail", fail},
-    {"slot",
-     [](const Words& w) {
-         *__cr_errno_location() = number(w[1]);
-         return std::string();
-     }},
-};
+const Operations& commonCommands() {
+    static const Operations kRows = {
+        {"trace", quietly([](Objects&, const Words& w) {
+             *__qlxlog_trace_location() = w[1] == "on" ? 1 : 0;
+         })},
+        {"slot", quietly([](Objects&, const Words& w) {
+             *__cr_errno_location() = static_cast<uint32_t>(operations::number(w[1]));
+         })},
+        {"fail", quietly(fail)},
+    };
+    return kRows;
+}
 
-class Replay {
-  public:
-    Replay() {
-        std::filesystem::current_path(testing::TempDir());
-        scripted::reset();
-        calls::watch();
-        scenes_.push_back(cacheScene());
-        scenes_.push_back(sessionScene());
-    }
-    ~Replay() {
-        scenes_.clear();
-        calls::leaveAlone();
-    }
-    Replay(const Replay&) = delete;
-    Replay& operator=(const Replay&) = delete;
-
-    /// Runs a command and returns what its transcript holds.
-    std::string run(const std::string& command) {
-        std::istringstream stream(command);
-        Words words;
-        for (std::string word; stream >> word;)
-            words.push_back(word);
-        const Verb* verb = find(words.at(0));
-        if (verb == nullptr) return "no such command\n";
-        words.resize(std::max<size_t>(words.size(), 7));
-        const std::string result = (*verb)(words);
-        return scripted::takeRecord() + (result.empty() ? "" : "= " + result + "\n");
-    }
-
-  private:
-    const Verb* find(const std::string& name) const {
-        if (const auto verb = kCommon.find(name); verb != kCommon.end()) return &verb->second;
-        for (const auto& scene : scenes_) {
-            const auto verb = scene->verbs.find(name);
-            if (verb != scene->verbs.end()) return &verb->second;
+/// Runs the commands of a transcript, and returns it as they make it.
+std::string replay(const std::string& transcript) {
+    Objects objects;
+    std::istringstream lines(transcript);
+    std::string actual;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty() || line[0] == '#') actual += line + "\n";
+        if (line.compare(0, 2, "> ") != 0) continue;
+        const Words words(line.substr(2));
+        std::string result = "no such command";
+        for (const auto* rows :
+             {&commonCommands(), &cacheCommands(), &sessionCommands(), &operations::client()}) {
+            const auto row = rows->find(words[0]);
+            if (row == rows->end()) continue;
+            result = row->second.run(objects, words);
+            break;
         }
-        return nullptr;
+        actual += line + "\n" + scripted::takeRecord();
+        if (!result.empty()) actual += "= " + result + "\n";
     }
-
-    std::vector<std::unique_ptr<Scene>> scenes_;
-};
+    KSCacheDestroy(objects.cache);
+    return actual;
+}
 
 class Golden : public testing::TestWithParam<std::filesystem::path> {};
 
 TEST_P(Golden, IsReplayedToTheLetter) {
     std::ifstream file(GetParam());
     ASSERT_TRUE(file);
-    std::string expected, actual;
-    Replay replay;
-    for (std::string line; std::getline(file, line);) {
-        expected += line + "\n";
-        if (line.empty() || line[0] == '#') actual += line + "\n";
-        if (line.rfind("> ", 0) == 0) actual += line + "\n" + replay.run(line.substr(2));
-    }
+    const std::string expected(std::istreambuf_iterator<char>(file), {});
+    const std::filesystem::path folder =
+        testing::TempDir() + "kspool-golden-" + GetParam().stem().string();
+    std::filesystem::create_directory(folder);
+    std::filesystem::current_path(folder);
+    scripted::reset();
+    calls::watch();
+    const std::string actual = replay(expected);
+    EXPECT_EQ(calls::live(), 0U);
+    calls::leaveAlone();
+    std::filesystem::current_path(folder.parent_path());
+    std::filesystem::remove_all(folder);
     EXPECT_EQ(expected, actual);
     if (expected != actual) {
         const std::string heard = testing::TempDir() + GetParam().filename().string();
         std::ofstream(heard) << actual;
-        printf("What was heard: %s\n", heard.c_str());
+        printf("heard: %s\n", heard.c_str());
     }
 }
 

@@ -18,6 +18,8 @@
 namespace scripted {
 namespace {
 
+using operations::quoted;
+
 std::string lines;
 std::map<const void*, size_t> names;
 uint32_t slot = 0;
@@ -79,16 +81,6 @@ std::string takeRecord() {
     return std::exchange(lines, {});
 }
 
-std::string quoted(const char* text) {
-    if (text == nullptr) return "NULL";
-    constexpr size_t kLongest = 1000;
-    std::string out = "\"";
-    const size_t length = strlen(text);
-    for (size_t i = 0; i < (length > kLongest ? 5 : length); ++i)
-        out += text[i] == '\n' ? "\\n" : std::string(1, text[i]);
-    return out + (length > kLongest ? "...\" of " + std::to_string(length) : "\"");
-}
-
 std::string pointerName(const void* pointer) {
     if (pointer == nullptr) return "NULL";
     return "#" + std::to_string(names.try_emplace(pointer, names.size() + 1).first->second);
@@ -109,6 +101,7 @@ void reset() {
 }  // namespace scripted
 
 using namespace scripted;
+using operations::quoted;
 
 uint32_t* __cr_errno_location() noexcept {
     return &slot;

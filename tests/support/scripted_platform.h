@@ -4,9 +4,12 @@
 #define TESTS_SCRIPTED_PLATFORM_H
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
+
+#include "tests/support/operations.h"
 
 namespace scripted {
 
@@ -25,19 +28,39 @@ std::string pointerName(const void* pointer);
 /// Names pointers from #1 again.
 void forgetPointers();
 
-/// A text as the record shows it: quoted, long ones cut, with their length.
-std::string quoted(const char* text);
+/// A value as the record shows it, and several of them with commas.
+inline std::string shown(const char* text) {
+    return operations::quoted(text);
+}
+inline std::string shown(const std::string& shownBefore) {
+    return shownBefore;
+}
+template <std::integral Number>
+std::string shown(Number number) {
+    return std::to_string(number);
+}
+template <typename... Values>
+std::string listed(const Values&... values) {
+    std::string out;
+    ((out += (out.empty() ? "" : ", ") + shown(values)), ...);
+    return out;
+}
 
 /// What one call of the configuration reader, the transport or their like gives back.
 struct Reply {
     uint32_t status = 0;  ///< also left in the slot by calls that return none
     uint32_t eventCode = 0;
-    std::optional<std::string> data, severity, serverAddress, sourceApplication, description;
+    std::optional<std::string> data = {}, severity = {}, serverAddress = {};
+    std::optional<std::string> sourceApplication = {}, description = {};
     std::function<void()> meanwhile = {};  ///< what else happens while the call is under way
 };
 
-/// Adds a reply for the next call of that name. Without one, calls succeed and bring nothing.
-void queueReply(const std::string& call, const Reply& reply);
+/// Records a call and gives back its reply. In a program without the scripted platform, which links
+/// the scripted transport alone, the program defines this.
+Reply answered(const std::string& call, const std::string& arguments, bool mayFail = true);
+
+/// The replies to the next calls of that name. Without one, calls succeed and bring nothing.
+std::deque<Reply>& queued(const std::string& call);
 
 /// Forgets the replies that were not taken.
 void forgetQueued();
