@@ -16,9 +16,7 @@
 #include <string>
 #include <tuple>
 
-#include "common/diagnostics.h"
-#include "mb.h"
-#include "mb/mb_int.h"
+#include "tests/support/operations.h"
 #include "tests/support/sandbox_process.h"
 
 namespace hooks {
@@ -158,8 +156,6 @@ char* curlStrdup(const char* text) {
     return fails(kStrdup) ? nullptr : static_cast<char*>(counted(__real_strdup(text)));
 }
 
-constexpr char kPO[] = "1|1||0|0|c|p|i|/f|n|d|f||||1|0|0|0|0|0|0|0|0|0|\n";
-
 /// A server with its folder, over http or TLS with a client's certificate.
 class Pool {
   public:
@@ -184,132 +180,12 @@ class Pool {
 };
 
 std::array<std::unique_ptr<Pool>, 2> pools;  ///< http, TLS
-const Pool* pool = nullptr;
 
-MBSession* open() {
-    MBSession* session =
-        MBInitWithAgentCfg(pool->url.c_str(), 0, "me", "secret", pool->config.c_str());
-    if (session == nullptr) return nullptr;
-    MBEnableResiliency(session, 0);
-    return session;
-}
-
-MBPOFilter everything() {
-    MBPOFilter filter{};
-    filter.size = sizeof filter;
-    MBPOFilterInit(&filter);
-    return filter;
-}
-
-/// A text that an operation gave, for as long as its caller looks at it.
-struct Text {
-    ~Text() { free(text); }
-    char* text = nullptr;
-};
-
-uint32_t addOne(MBSession* s) {
-    return MBPOAddList(s, 1, kPO);
-}
-uint32_t find(MBSession* s) {
-    const MBPOFilter filter = everything();
-    const Text found;
-    return MBPOFind(s, 1, &filter, const_cast<char**>(&found.text), nullptr, nullptr);
-}
-uint32_t walkLines(MBSession* s) {
-    const MBPOFilter filter = everything();
-    char* line = nullptr;
-    MBPOCursor* cursor = MBPOStringFindFirst(s, 1, &filter, &line, nullptr);
-    const uint32_t status = cursor != nullptr ? uint32_t{CR_STATUS_OK} : kspool::statusSlot();
-    MBPOFindClose(cursor);
-    return status;
-}
-uint32_t walkPOs(MBSession* s) {
-    const MBPOFilter filter = everything();
-    PO po{};
-    MBPOCursor* cursor = MBPOFindFirst(s, 1, &filter, &po, nullptr);
-    const uint32_t status = cursor != nullptr ? uint32_t{CR_STATUS_OK} : kspool::statusSlot();
-    MBPOFindClose(cursor);
-    POReset(&po);
-    return status;
-}
-uint32_t list(MBSession* s) {
-    Text text;
-    return MBDirList(s, "/", &text.text, nullptr, 1);
-}
-uint32_t images(MBSession* s) {
-    Text text;
-    return MBGetLastImages(s, 1, "c", "p", -1, 0, &text.text);
-}
-uint32_t policy(MBSession* s) {
-    Text text;
-    return MBFindImagePolicy(s, 1, "c", "i", &text.text);
-}
-uint32_t tag(MBSession* s) {
-    Text text;
-    int32_t digit = 0;
-    return MBGetHVXTag(s, 1, &digit, &text.text);
-}
-uint32_t retention(MBSession* s) {
-    MBImageRetentionInfo info{};
-    return MBGetImageRetention(s, 1, "c", "p", "i", &info);
-}
-uint32_t setOptions(MBSession* s) {
-    const KSOption option{KS_OPT_MBS_URL, {.text = pool->url.c_str()}};
-    return MBOptionsSet(s, &option, 1);
-}
-uint32_t openAnother(MBSession*) {
-    MBSession* session = open();
-    const uint32_t status = session != nullptr ? uint32_t{CR_STATUS_OK} : kspool::statusSlot();
-    MBShutdown(session);
-    return status;
-}
-uint32_t askTime(MBSession* s) {
-    uint32_t time = 0;
-    const uint32_t status = MBGetTime(s, &time);
-    EXPECT_TRUE(status != CR_STATUS_OK || time >= 1700000000U);
-    return status;
-}
-
-/// What may have been done when a call failed, and is refused the second time.
-constexpr uint32_t kDoneBefore = CR_STATUS_REMOTE_ERROR;
-
-const struct Scenario {
-    const char* name;
-    uint32_t (*act)(MBSession*);
-    uint32_t again = CR_STATUS_OK;              ///< also right, after a failure
-    uint32_t (*prepare)(MBSession*) = nullptr;  ///< whatever it returns
-} kScenarios[] = {
-    {"create", openAnother},
-    {"options", setOptions},
-    {"authenticate", [](MBSession* s) { return MBAuthenticate(s, "me", "secret"); }},
-    {"keepAlive", [](MBSession* s) { return MBKeepAlive(s, 0); }},
-    {"time", askTime},
-    {"mkdir", [](MBSession* s) { return MBDirCreate(s, "/d"); }, kDoneBefore,
-     [](MBSession* s) { return MBFileDelete(s, "/d", 1); }},
-    {"copy", [](MBSession* s) { return MBFileCopy(s, "/a", "/b", 1); }, kDoneBefore,
-     [](MBSession* s) { return MBDirCreate(s, "/a") | MBFileDelete(s, "/b", 1); }},
-    {"move", [](MBSession* s) { return MBFileMove(s, "/m", "/n", 0); }, kDoneBefore,
-     [](MBSession* s) { return MBFileDelete(s, "/n", 1) | MBDirCreate(s, "/m"); }},
-    {"delete", [](MBSession* s) { return MBFileDelete(s, "/e", 1); }, kDoneBefore,
-     [](MBSession* s) { return MBDirCreate(s, "/e"); }},
-    {"list", list},
-    {"import", [](MBSession* s) { return MBPOImport(s, 1, kPO); }},
-    {"addList", addOne},
-    {"zeltAddList", [](MBSession* s) { return MBPOZELTAddList(s, 1, kPO); }},
-    {"find", find, 0, addOne},
-    {"lines", walkLines, 0, addOne},
-    {"pos", walkPOs, 0, addOne},
-    {"setImageV2", [](MBSession* s) { return MBSetLastImageV2(s, 1, "c", "p", 0, 9, "i", 0); }},
-    {"setImage", [](MBSession* s) { return MBSetLastImage(s, 1, "c", "p", 9, "j", 0, 9, 1); }},
-    {"setRetention",
-     [](MBSession* s) { return MBSetImageRetention(s, 1, "c", "p", "i", 3, 2, 86400); }},
-    {"retention", retention},
-    {"images", images},
-    {"policy", policy},
-    {"tag", tag},
-    {"deleteImage", [](MBSession* s) { return MBDeleteImage(s, 1, "c", "p", "k", 0); }, 3003,
-     [](MBSession* s) { return MBSetLastImageV2(s, 1, "c", "p", 0, 9, "k", 0); }},
-    {"expire", [](MBSession* s) { return MBPOExpire(s, 1, kPO); }},
+/// Calls are made to fail within the library alone, and only while wanted.
+struct Armed : operations::Objects {
+    void enter() override { armed = isWanted; }
+    void leave() override { armed = false; }
+    bool isWanted = false;
 };
 
 size_t injections = 0;
@@ -321,54 +197,64 @@ bool isNamed(uint32_t status) {
            status == CR_STATUS_LIMIT_EXCEEDED;
 }
 
-class TransportTorture : public testing::TestWithParam<std::tuple<Scenario, bool>> {};
+class TransportTorture : public testing::TestWithParam<std::tuple<size_t, bool>> {};
 
-/// One run of a scenario; false when no call failed.
-bool runOnce(const Scenario& scenario) {
+/// One run of an operation on a session of its own; false when no call failed.
+bool runOnce(const std::vector<operations::Row>& rows, const operations::Row& row) {
     const long before = live;
     {
-        MBSession* session = open();
-        EXPECT_NE(session, nullptr);
-        if (scenario.prepare != nullptr) scenario.prepare(session);
+        Armed objects;
+        operations::run(objects, rows[0].call);
+        MBEnableResiliency(objects.session, 0);
+        for (const std::string& call : row.before)
+            operations::run(objects, call);
         seen = failed = 0;
-        armed = true;
-        const uint32_t status = scenario.act(session);
-        armed = false;
-        EXPECT_TRUE(status == CR_STATUS_OK || isNamed(status)) << status;
-        EXPECT_TRUE(status == CR_STATUS_OK || failed > 0) << status;
-        const uint32_t again = scenario.act(session);
-        EXPECT_TRUE(again == CR_STATUS_OK || again == scenario.again) << again;
-        MBShutdown(session);
+        objects.isWanted = true;
+        const std::string out = operations::run(objects, row.call);
+        objects.isWanted = false;
+        EXPECT_TRUE(objects.status == CR_STATUS_OK || (isNamed(objects.status) && failed > 0))
+            << out;
+        EXPECT_TRUE(objects.status != CR_STATUS_OK || out.find(row.shows) != std::string::npos)
+            << out;
+        const std::string again = operations::run(objects, row.call);
+        EXPECT_TRUE(objects.status == CR_STATUS_OK || objects.status == row.again) << again;
     }
     EXPECT_EQ(live, before);
     return failed > 0;
 }
 
 TEST_P(TransportTorture, EveryCallFailsInTurn) {
-    const auto& [scenario, tls] = GetParam();
-    pool = pools[tls ? 1 : 0].get();
+    const auto& [index, tls] = GetParam();
+    const Pool& pool = *pools[tls ? 1 : 0];
+    const auto rows = operations::rows(pool.url, pool.config);
+    SCOPED_TRACE(rows[index].call);
     nth = 0;
-    runOnce(scenario);  // what is made once stays
+    runOnce(rows, rows[index]);  // what is made once stays
     for (const bool all : {false, true}) {
         fromThenOn = all;
         for (nth = 1;; ++nth) {
             SCOPED_TRACE("call " + std::to_string(nth) + (all ? " and all after it" : ""));
-            if (!runOnce(scenario) || HasFailure()) break;
+            if (!runOnce(rows, rows[index]) || HasFailure()) break;
             ++injections;
         }
     }
 }
 
+const size_t kRows = operations::rows("", "").size();
+
 INSTANTIATE_TEST_SUITE_P(Scenarios, TransportTorture,
-                         testing::Combine(testing::ValuesIn(kScenarios), testing::Bool()),
+                         testing::Combine(testing::Range(size_t{0}, kRows), testing::Bool()),
                          [](const auto& given) {
-                             return std::string(std::get<0>(given.param).name) +
+                             const auto rows = operations::rows("", "");
+                             const auto& call = rows[std::get<0>(given.param)].call;
+                             return operations::Words(call)[0] +
                                     (std::get<1>(given.param) ? "OverTls" : "");
                          });
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    operations::client();  // made once
     testing::InitGoogleTest(&argc, argv);
     for (const bool tls : {false, true})
         pools[tls ? 1 : 0] = std::make_unique<Pool>(tls);
@@ -376,7 +262,7 @@ int main(int argc, char** argv) {
                          curlCalloc);
     MBSetRetryCount(0);
     int result = RUN_ALL_TESTS();
-    printf("torture: %zu scenarios, %zu injections\n", 2 * std::size(kScenarios), injections);
+    printf("torture: %zu scenarios, %zu injections\n", 2 * kRows, injections);
     const bool all = testing::GTEST_FLAG(filter) == "*";
     if (all && injections < kLeast) result = 1;
     for (size_t call = 0; all && call < kCalls; ++call) {

@@ -1,8 +1,7 @@
 #include "tests/support/operations.h"
 
-#include <algorithm>
+#include <fstream>
 #include <set>
-#include <stdexcept>
 
 #include "platform/status.h"
 
@@ -186,6 +185,32 @@ const Operations& client() {
 std::string run(Objects& objects, const std::string& line) {
     const Words words(line);
     return client().at(words[0]).run(objects, words);
+}
+
+std::vector<Row> rows(const std::string& url, const std::string& config) {
+    std::ifstream file(OPERATIONS);
+    std::vector<Row> out;
+    for (std::string line; std::getline(file, line);) {
+        for (const auto& [name, value] : {std::pair("$URL", url), std::pair("$CONFIG", config)}) {
+            const size_t at = line.find(name);
+            if (at != std::string::npos) line.replace(at, strlen(name), value);
+        }
+        std::vector<std::string> cells;
+        for (size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
+            end = line.find(" | ", at);
+            cells.push_back(line.substr(at, end - at));
+        }
+        if (cells.size() < 3) continue;
+        Row row{cells[0],
+                {},
+                static_cast<uint32_t>(number(cells[2])),
+                cells.size() > 3 ? cells[3] : ""};
+        std::istringstream before(cells[1]);
+        for (std::string call; std::getline(before, call, ';');)
+            if (!Words(call).empty()) row.before.push_back(call);
+        out.push_back(row);
+    }
+    return out;
 }
 
 }  // namespace operations

@@ -95,6 +95,15 @@ const Operations& client();
 /// Makes the call of a line.
 std::string run(Objects& objects, const std::string& line);
 
+/// A row of tests/mb/operations.txt, with "$URL" and "$CONFIG" filled in.
+struct Row {
+    std::string call;
+    std::vector<std::string> before;
+    uint32_t again;  ///< also right when a call is repeated that failed
+    std::string shows;
+};
+std::vector<Row> rows(const std::string& url, const std::string& config);
+
 /// What the arguments of one call share.
 struct Call {
     Objects& objects;
