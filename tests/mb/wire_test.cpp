@@ -2,19 +2,18 @@
 // them, each without the other, and the document shows them.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
-#include <functional>
+#include <sstream>
 
-#include "mb.h"
-#include "mb/mb_int.h"
+#include "platform/status.h"
 #include "sandbox/sandbox.h"
+#include "tests/support/operations.h"
 #include "tests/support/raw_server.h"
 
 namespace {
 
 struct Exchange {
-    std::string name, request, answer;
+    std::string name, login, call, outcome, request, answer;
 };
 
 std::string contentsOf(const char* path) {
@@ -37,12 +36,21 @@ std::vector<Exchange> exchanges() {
     std::vector<Exchange> out;
     for (size_t at = all.find("\n== "); at != std::string::npos;) {
         const size_t next = all.find("\n\n== ", at);
-        const std::string block =
-            all.substr(at + 4, (next == std::string::npos ? all.size() : next + 1) - at - 4);
-        const size_t name = block.find('\n');
-        const size_t answer = block.find("\n-- answer\n");
-        out.push_back({block.substr(0, name), wire(block.substr(name + 1, answer - name)),
-                       wire(block.substr(answer + 11))});
+        const size_t end = next == std::string::npos ? all.size() : next + 1;
+        std::istringstream head(all.substr(at, end - at));
+        Exchange exchange;
+        std::string empty, line;
+        std::getline(head, empty);
+        std::getline(head.ignore(3), exchange.name);
+        head >> empty >> exchange.login >> std::ws;
+        std::getline(head, exchange.call);
+        std::getline(head, line);
+        exchange.outcome = line.substr(2);
+        const size_t request = at + static_cast<size_t>(head.tellg());
+        const size_t answer = all.find("\n-- answer\n", at);
+        exchange.request = wire(all.substr(request, answer + 1 - request));
+        exchange.answer = wire(all.substr(answer + 11, end - answer - 11));
+        out.push_back(exchange);
         at = next == std::string::npos ? next : next + 1;
     }
     return out;
@@ -59,119 +67,30 @@ std::string comparable(std::string text) {
 
 constexpr char kSelections[] = R"([{"number":1},{"number":2,"tag":"a tag|2"}])";
 
-class Wire : public testing::Test {
-  protected:
-    /// The calls that made the captures, in their order, with what they returned.
-    struct Call {
-        std::function<uint32_t(MBSession*)> call;
-        uint32_t result;
-        const char* login = "agent";
-    };
-    static constexpr char kPO[] =
-        "1|1||0|0|web1|daily|monday|/srv|a b.txt|3f|f||||5|7|0|0|0|1|1|0|420|0|\n";
-    static constexpr char kOtherPO[] =
-        "1|1||0|0|web1|daily|monday|/srv|100%|40|f||||6|7|0|0|0|1|1|0|420|0|\n";
-
-    uint32_t find(MBSession* session, const char* name) {
-        MBPOFilter filter{};
-        filter.size = sizeof filter;
-        MBPOFilterInit(&filter);
-        filter.criterion10 = name;
-        return MBPOFind(session, 1, &filter, &found_, nullptr, nullptr);
-    }
-    std::vector<Call> calls() {
-        return {
-            {[](MBSession* s) { return MBDirCreate(s, "/backup"); }, 0},
-            {[](MBSession* s) { return MBDirCreate(s, "/backup/monday 100%"); }, 0},
-            {[](MBSession* s) { return MBFileCopy(s, "/backup", "/copy", 1); }, 0},
-            {[](MBSession* s) { return MBFileMove(s, "/copy", "/moved", 0); }, 0},
-            {[this](MBSession* s) { return MBDirList(s, "/", &listing_, nullptr, 1); }, 0},
-            {[](MBSession* s) { return MBFileDelete(s, "/moved", 1); }, 0},
-            {[this](MBSession* s) { return MBGetTime(s, &time_); }, 0},
-            {[](MBSession* s) { return MBKeepAlive(s, 0); }, 0},
-            {[](MBSession* s) { return WSArchMode(s->transport); }, 1},
-            {[](MBSession* s) { return MBDirCreate(s, "/backup"); }, CR_STATUS_REMOTE_ERROR},
-            {[](MBSession* s) { return MBDirCreate(s, "/forbidden"); }, CR_STATUS_PERMISSION_DENIED,
-             "reader"},
-            {[](MBSession* s) { return MBPOImport(s, 1, kPO); }, 0},
-            {[](MBSession* s) { return MBPOAddList(s, 1, kOtherPO); }, 0},
-            {[](MBSession* s) { return MBPOZELTAddList(s, 1, kPO); }, 0},
-            {[this](MBSession* s) { return find(s, "*"); }, 0},
-            {[](MBSession* s) { return MBPOExpire(s, 1, kOtherPO); }, 0},
-            {[](MBSession* s) {
-                 return MBSetLastImageV2(s, 1, "web1", "daily", 0, 1699999000, "monday", 0);
-             },
-             0},
-            {[](MBSession* s) {
-                 return MBSetLastImage(s, 1, "web1", "daily", 1699999500, "tuesday", 0, 9, 1);
-             },
-             0},
-            {[this](MBSession* s) {
-                 return MBGetLastImages(s, 1, "web1", "daily", -1, 1699990000, &images_);
-             },
-             0},
-            {[](MBSession* s) {
-                 return MBSetImageRetention(s, 1, "web1", "daily", "monday", 3, 2, 86400);
-             },
-             0},
-            {[this](MBSession* s) {
-                 return MBGetImageRetention(s, 1, "web1", "daily", "monday", &retention_);
-             },
-             0},
-            {[this](MBSession* s) { return MBFindImagePolicy(s, 1, "web1", "monday", &policy_); },
-             0},
-            {[](MBSession* s) { return MBDeleteImage(s, 1, "web1", "daily", "monday", 0); }, 0},
-            {[this](MBSession* s) { return MBGetHVXTag(s, 2, &digit_, &tag_); }, 0},
-            {[](MBSession* s) { return MBPOAddList(s, 1, "no PO\n"); }, CR_STATUS_REMOTE_ERROR},
-            {[this](MBSession* s) { return MBGetLastImages(s, 3, "web1", "daily", -1, 0, &none_); },
-             3001},
-            {[](MBSession* s) { return MBDeleteImage(s, 1, "web1", "daily", "monday", 0); }, 3003},
-            {[](MBSession* s) { return MBPOExpire(s, 1, kPO); }, CR_STATUS_PERMISSION_DENIED,
-             "reader"},
-        };
-    }
-    ~Wire() override {
-        for (char* text : {listing_, found_, images_, policy_, tag_, none_})
-            free(text);
-    }
-
-    char *listing_ = nullptr, *found_ = nullptr, *images_ = nullptr, *policy_ = nullptr,
-         *tag_ = nullptr, *none_ = nullptr;
-    MBImageRetentionInfo retention_{};
-    uint32_t time_ = 0;
-    int32_t digit_ = 0;
-};
-
-TEST_F(Wire, IsWhatTheClientSpeaks) {
-    const auto captured = exchanges();
-    const auto made = calls();
-    ASSERT_EQ(captured.size(), made.size());
+TEST(Wire, IsWhatTheClientSpeaks) {
     const std::string config = testing::TempDir() + "wire.cfg";
     std::ofstream(config) << "\n";
-    for (size_t i = 0; i < made.size(); ++i) {
-        SCOPED_TRACE(captured[i].name);
-        RawServer server({captured[i].answer, Reply::KeepsOpen, 0, 0});
-        MBSession* session =
-            MBInitWithAgentCfg(server.url().c_str(), 0, made[i].login, "secret", config.c_str());
-        ASSERT_NE(session, nullptr);
-        EXPECT_EQ(made[i].call(session), made[i].result);
-        MBShutdown(session);
+    for (const Exchange& exchange : exchanges()) {
+        SCOPED_TRACE(exchange.name);
+        RawServer server({exchange.answer, Reply::KeepsOpen, 0, 0});
+        operations::Objects objects;
+        operations::run(objects, "filter all 10=*");
+        operations::run(objects, "MBInitWithAgentCfg " + server.url() + " 0 " + exchange.login +
+                                     " secret =" + config);
+        ASSERT_NE(objects.session, nullptr);
+        *__cr_errno_location() = 0;
+        const std::string outcome =
+            exchange.call == "WSArchMode"
+                ? operations::withSlot(std::to_string(WSArchMode(objects.session->transport)))
+                : operations::run(objects, exchange.call);
+        EXPECT_EQ(outcome, exchange.outcome);
+        operations::run(objects, "MBShutdown");
         ASSERT_EQ(server.requests().size(), 1U);
-        EXPECT_EQ(comparable(server.requests()[0]), comparable(captured[i].request));
+        EXPECT_EQ(comparable(server.requests()[0]), comparable(exchange.request));
     }
-    EXPECT_EQ(time_, 1700000000U);
-    EXPECT_NE(std::string(listing_).find("d 0 1700000000 moved/monday 100%\n"), std::string::npos);
-    EXPECT_NE(std::string(found_).find(std::string("\n2\n") + kOtherPO + kPO), std::string::npos);
-    EXPECT_STREQ(
-        images_,
-        "1699999500|web1|daily|0|tuesday|tuesday|9|1\n1699999000|web1|daily|0|monday||0|0\n");
-    EXPECT_STREQ(policy_, "daily");
-    EXPECT_EQ(retention_.retentionValue4, 1700000000);
-    EXPECT_EQ(digit_, 1);
-    EXPECT_STREQ(tag_, "a tag|2");
 }
 
-TEST_F(Wire, IsWhatTheServerSpeaks) {
+TEST(Wire, IsWhatTheServerSpeaks) {
     sandbox::Settings settings;
     settings.accounts = {{"agent", "secret", {"read", "write", "delete"}},
                          {"reader", "secret", {"read"}}};
@@ -195,7 +114,7 @@ TEST_F(Wire, IsWhatTheServerSpeaks) {
             << exchange.name;
 }
 
-TEST_F(Wire, IsWhatTheDocumentShows) {
+TEST(Wire, IsWhatTheDocumentShows) {
     const std::string document = contentsOf(WIRE_DOCUMENT);
     for (const Exchange& exchange : exchanges()) {
         for (std::string text : {exchange.request, exchange.answer}) {
