@@ -17,13 +17,18 @@ def read(name):
     return [[cell.strip() for cell in line.strip("|").split("|")] for line in lines]
 
 
-def write(name, head, rows):
-    """Prints a table and replaces the one of that name. Columns but the first are numbers."""
+def table(head, rows):
+    """A table as text. Columns but the first are numbers."""
     lines = ["| " + " | ".join(head) + " |", "|---" + "|---:" * (len(head) - 1) + "|"]
     lines += ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows]
-    table = "\n".join(lines) + "\n"
-    print(table, end="")
+    return "\n".join(lines) + "\n"
+
+
+def write(name, head, rows):
+    """Prints a table and replaces the one of that name."""
+    text = table(head, rows)
+    print(text, end="")
     before, _, after = _parts(name)
     with open(DOCUMENT + ".new", "w", encoding="utf-8") as file:
-        file.write(before + "\n" + table + "\n" + after)
+        file.write(before + "\n" + text + "\n" + after)
     os.replace(DOCUMENT + ".new", DOCUMENT)

@@ -1,0 +1,67 @@
+"""Small faults that scripts/mutants puts into the sources: in one line, one condition is turned or one
+constant raised by one. The contents of strings stay as they are."""
+import os
+import re
+from typing import NamedTuple
+
+import source_places
+from source_places import BETWEEN, Place
+
+# Binary operators stand between spaces, brackets of templates do not.
+TURNED = {" == ": " != ", " != ": " == ", " < ": " <= ", " <= ": " < ", " > ": " >= ", " >= ": " > ",
+          " && ": " || ", " || ": " && ", " + ": " - ", " - ": " + ", "++": "--", "true": "false",
+          "false": "true", " += ": " -= ", " -= ": " += "}
+FOUND = re.compile("|".join([re.escape(text) for text in TURNED if not text.isalpha()] +
+                            [r"\b(?:true|false)\b", r"!(?=[\w(])", r"(?<![\w.\"'%])\d+(?![\w.\"'])"]))
+IGNORED = re.compile(r'^\s*(//|#|static_assert|constexpr bool covers)|^\s*"|^template')
+TEXT = re.compile(r'"(?:[^"\\]|\\.)*"|//.*|\'(?:[^\'\\]|\\.)*\'')
+
+
+class Change(NamedTuple):
+    place: Place
+    changed: str  # the line as it becomes
+
+    def __str__(self):
+        return f"{self.place}{BETWEEN}{self.changed}"
+
+    def find(self):
+        """The number of the line, from 0, and the line as it becomes, indented. Raises LookupError unless
+        the list names one line of the sources and something that may become of it."""
+        number = self.place.find()
+        for line in changed_lines(source_places.lines_of(self.place.file)[number]):
+            if source_places.plain(line) == source_places.plain(self.changed):
+                return number, line
+        raise LookupError(f"stale, no change of the line gives this: {self}")
+
+
+def turned(text):
+    if text == "!":
+        return ""
+    return TURNED[text] if text in TURNED else str(int(text) + 1)
+
+
+def changed_lines(line):
+    """All that may become of a line."""
+    if IGNORED.match(line):
+        return
+    code = TEXT.sub(lambda text: " " * len(text[0]), line)
+    for found in FOUND.finditer(code):
+        if found[0] == " + " and '"' in line[found.start() - 1] + line[found.end()]:
+            continue  # texts can be added only
+        yield line[:found.start()] + turned(found[0]) + line[found.end():]
+
+
+def changes_in(folder):
+    """All changes of the files of a folder, without the folders in it."""
+    for name in sorted(os.listdir(folder)):
+        if not name.endswith((".cpp", ".h")):
+            continue
+        file = f"{folder}/{name}"
+        for number, line in enumerate(source_places.lines_of(file)):
+            for changed in changed_lines(line):
+                yield Change(source_places.place_of(file, number), changed.strip())
+
+
+def read(path, more=0):
+    """The changes of a list in tests/, and the `more` texts after each."""
+    return [(Change(place, changed), texts) for place, (changed, *texts) in source_places.read_list(path, 1 + more)]
