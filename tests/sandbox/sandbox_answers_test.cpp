@@ -68,7 +68,9 @@ class Answers : public testing::TestWithParam<fs::path> {
   protected:
     void SetUp() override {
         settings_.accounts = {{"all", "secret", {"read", "write", "delete"}},
-                              {"reader", "see:all", {"read"}}};
+                              {"writer", "w", {"read", "write"}},
+                              {"reader", "see:all", {"read"}},
+                              {"none", "n", {}}};
         settings_.bodyLimit = 500;
         restart();
     }
