@@ -41,13 +41,10 @@ struct Keys {
 const Keys kKeys;
 const std::string kFile = "/tmp/op-counts-" + std::to_string(getpid());
 
-KSCache* newCache() {
-    return KSCacheCreate(0, KSCacheBitsFor(kEntries), 0, nullptr, nullptr);
-}
-
-KSCache* filledCache() {
-    KSCache* cache = newCache();
-    KSCacheAddBatch(cache, kKeys.keys.data(), kKeys.values.data(), nullptr, kEntries, nullptr);
+KSCache* newCache(bool filled) {
+    KSCache* cache = KSCacheCreate(0, KSCacheBitsFor(kEntries), 0, nullptr, nullptr);
+    const size_t known = filled ? kEntries : 0;
+    KSCacheAddBatch(cache, kKeys.keys.data(), kKeys.values.data(), nullptr, known, nullptr);
     return cache;
 }
 
@@ -70,29 +67,11 @@ void add(const Work& w) {
 void exists(const Work& w) {
     each(w, [&](const void* key) { KSCacheExists(w.cache, key, CR_FP_SHA256, nullptr); });
 }
-void fetch(const Work& w) {
-    each(w, [&](const void* key) { KSCacheFetch(w.cache, key, CR_FP_SHA256, nullptr); });
-}
-void erase(const Work& w) {
-    each(w, [&](const void* key) { KSCacheDelete(w.cache, key, CR_FP_SHA256); });
-}
-void addBatch(const Work& w) {
-    KSCacheAddBatch(w.cache, &kKeys.keys[w.first], kKeys.values.data(), nullptr, kEntries, nullptr);
-}
 void existsBatch(const Work& w) {
     KSCacheExistsBatch(w.cache, &kKeys.keys[w.first], kEntries, nullptr, nullptr);
 }
-void fetchBatch(const Work& w) {
-    KSCacheFetchBatch(w.cache, &kKeys.keys[w.first], kEntries, nullptr, nullptr);
-}
-void save(const Work& w) {
-    KSCacheSave(w.cache, kFile.c_str(), nullptr);
-}
-void load(const Work& w) {
-    KSCacheLoad(w.cache, kFile.c_str(), nullptr);
-}
-void check(const Work& w) {
-    KSCacheCheck(w.cache, 1);
+void addBatch(const Work& w) {
+    KSCacheAddBatch(w.cache, kKeys.keys.data(), kKeys.values.data(), nullptr, kEntries, nullptr);
 }
 void walkLines(const Work& w) {
     MBPOCursor cursor{};
@@ -116,12 +95,24 @@ constexpr struct {
     {"hit batch", existsBatch, true, false},
     {"miss", exists, true, true},
     {"miss batch", existsBatch, true, true},
-    {"fetch", fetch, true, false},
-    {"fetch batch", fetchBatch, true, false},
-    {"delete", erase, true, false},
-    {"save", save, true, false},
-    {"load", load, false, false},
-    {"limit check", check, true, false},
+    {"fetch",
+     [](const Work& w) {
+         each(w, [&](const void* key) { KSCacheFetch(w.cache, key, CR_FP_SHA256, nullptr); });
+     },
+     true, false},
+    {"fetch batch",
+     [](const Work& w) {
+         KSCacheFetchBatch(w.cache, kKeys.keys.data(), kEntries, nullptr, nullptr);
+     },
+     true, false},
+    {"delete",
+     [](const Work& w) {
+         each(w, [&](const void* key) { KSCacheDelete(w.cache, key, CR_FP_SHA256); });
+     },
+     true, false},
+    {"save", [](const Work& w) { KSCacheSave(w.cache, kFile.c_str(), nullptr); }, true, false},
+    {"load", [](const Work& w) { KSCacheLoad(w.cache, kFile.c_str(), nullptr); }, false, false},
+    {"limit check", [](const Work& w) { KSCacheCheck(w.cache, 1); }, true, false},
     {"cursor", walkLines, false, false},
 };
 
@@ -143,12 +134,10 @@ int main(int argc, char** argv) {
         std::string answer;
         for (size_t line = 0; line < kEntries; ++line)
             answer += std::string(100 + line % 40, 'x') + "\n";
-        KSCache* cache = row.filled ? filledCache() : newCache();
-        if (row.run == load) {
-            KSCache* source = filledCache();
-            save({source, 0, nullptr});
-            KSCacheDestroy(source);
-        }
+        KSCache* saved = newCache(true);  // for the load
+        KSCacheSave(saved, kFile.c_str(), nullptr);
+        KSCacheDestroy(saved);
+        KSCache* cache = newCache(row.filled);
         const Work work{cache, row.unknown ? kEntries : 0, answer.data()};
         countedOperation(i, &work);
         KSCacheDestroy(cache);

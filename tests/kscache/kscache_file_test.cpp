@@ -29,6 +29,7 @@ Cache makeCache(uint32_t bits) {
 }
 
 TEST(CacheFile, DamageIsNeverTakenForEntries) {
+    constexpr size_t kHeader = scripted::kMagicLength, kRecord = 41;
     const std::string path = testing::TempDir() + "damaged";
     const Cache cache = makeCache(4);
     for (const uint8_t type : std::initializer_list<uint8_t>{1, 3, 3, 7}) {
@@ -38,7 +39,7 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
     ASSERT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
     std::ifstream file(path, std::ios::binary);
     const Bytes whole{std::istreambuf_iterator<char>(file), {}};
-    ASSERT_EQ(whole.size(), scripted::kMagicLength + 4 * 41U);
+    ASSERT_EQ(whole.size(), kHeader + 4 * kRecord);
 
     const auto load = [&](const Bytes& bytes) {
         std::ofstream(path, std::ios::binary).write(bytes.data(), std::ssize(bytes));
@@ -49,27 +50,34 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
         EXPECT_EQ(count == 99, status != 0);
         return std::pair(status, status == 0 ? count : 0);
     };
+    const std::pair kCorrupt(uint32_t{CR_STATUS_CORRUPT}, uint64_t{0});
     EXPECT_EQ(load(whole), std::pair(0U, uint64_t{4}));
     for (size_t length = 0; length < whole.size(); ++length) {
-        const uint32_t status = load(whole.substr(0, length)).first;
-        EXPECT_EQ(status,
-                  length < scripted::kMagicLength ? CR_STATUS_BAD_HANDLE : CR_STATUS_CORRUPT);
+        EXPECT_EQ(load(whole.substr(0, length)).first,
+                  length < kHeader ? CR_STATUS_BAD_HANDLE : CR_STATUS_CORRUPT);
     }
     for (size_t bit = 0; bit < 8 * whole.size(); ++bit) {
         Bytes flipped = whole;
         flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ 1 << bit % 8);
         const auto [status, count] = load(flipped);
         // The scripted header's digits have two cases, and its last byte means nothing.
-        const bool harmless = bit / 8 < scripted::kMagicLength && count == 4;
+        const bool harmless = bit / 8 < kHeader && count == 4;
         EXPECT_TRUE(harmless || status == CR_STATUS_CORRUPT || status == CR_STATUS_BAD_HANDLE)
             << bit;
     }
-    // A piece of a record whose checksum is right: it is left out.
-    const Bytes payload = whole.substr(scripted::kMagicLength, 41 + 7);
-    char header[scripted::kMagicLength + 1];
-    snprintf(header, sizeof header, "40%016x\n",
-             kspool::adlerFold(1, payload.data(), payload.size()));
-    EXPECT_EQ(load(header + payload), std::pair(0U, uint64_t{1}));
+    // Two bytes that change places leave the sum of the bytes as it is, not the sum of these sums.
+    Bytes swapped = whole;
+    std::swap(swapped[kHeader], swapped[kHeader + kRecord]);
+    EXPECT_EQ(load(swapped), kCorrupt);
+    // A piece of a record whose checksum is right: it is left out. The checksum has 32 bits, the
+    // header room for 64.
+    const Bytes payload = whole.substr(kHeader, kRecord + 7);
+    for (const uint64_t more : {uint64_t{0}, uint64_t{1} << 32}) {
+        char header[kHeader + 1];
+        snprintf(header, sizeof header, "40%016lx\n",
+                 more + kspool::adlerFold(1, payload.data(), payload.size()));
+        EXPECT_EQ(load(header + payload), more == 0 ? std::pair(0U, uint64_t{1}) : kCorrupt);
+    }
 }
 
 TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {

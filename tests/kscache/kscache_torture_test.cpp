@@ -37,11 +37,11 @@ class CacheTorture : public testing::TestWithParam<Scenario> {};
 
 TEST_P(CacheTorture, EveryCallFailsInTurn) {
     const Scenario& s = GetParam();
-    torture::run([&](const std::string& what) {
+    torture::run([&] {
         CacheModel model({.bits = s.bits,
                           .areaSize = s.areaSize,
                           .lockPages = s.lockPages,
-                          .name = what,
+                          .name = torture::what,
                           .failed = [] { return calls::failures() > 0; }},
                          testing::TempDir() + "torture-" + s.name);
         if (model.exists()) s.live(model, s.entries);

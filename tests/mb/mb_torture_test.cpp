@@ -42,7 +42,7 @@ void useSession(const std::string& config) {
 TEST(SessionTorture, EveryCallFailsInTurn) {
     MBSetRetryCount(0);
     for (const char* config : {"null", "/agent.cfg"})
-        torture::run([=](const std::string&) { useSession(config); });
+        torture::run([=] { useSession(config); });
 }
 
 /// At the end of all scenarios: they have together reached every wrapped call.

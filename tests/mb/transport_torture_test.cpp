@@ -16,6 +16,7 @@
 #include <string>
 #include <tuple>
 
+#include "tests/support/failing_calls.h"
 #include "tests/support/operations.h"
 #include "tests/support/sandbox_process.h"
 
@@ -46,19 +47,15 @@ constexpr std::array<const char*, kCalls> kNames = {"new",
                                                     "poll"};
 
 std::array<size_t, kCalls> made;
-size_t nth = 0;  ///< the call that fails; 0: none
-bool fromThenOn = false;
-size_t seen = 0;
-size_t failed = 0;
+FailurePlan plan;
+auto& [nth, fromThenOn, seen, failed] = plan;
 long live = 0;  ///< allocations of libcurl and of C++ that were not released
 thread_local bool armed = false;
 
 bool fails(Call call) {
     if (!armed) return false;
     ++made[call];
-    ++seen;
-    if (nth == 0 || seen < nth || (seen > nth && !fromThenOn)) return false;
-    ++failed;
+    if (!failsNow(&plan)) return false;
     errno = call >= kConnect ? ECONNRESET : ENOMEM;
     return true;
 }
@@ -100,40 +97,20 @@ void operator delete(void* memory, size_t) noexcept {
 
 extern "C" {
 
-void* __real_calloc(size_t, size_t);
-void* __real_realloc(void*, size_t);
-char* __real_strdup(const char*);
-char* __real_strndup(const char*, size_t);
+#define WRAPPED(call, type, name, parameters, arguments, failure, error) \
+    type __real_##name parameters;                                       \
+    type __wrap_##name parameters {                                      \
+        return fails(kOurs) ? failure : __real_##name arguments;         \
+    }
+MEMORY_CALLS(WRAPPED)
+TEXT_CALLS(WRAPPED)
 
-void* __wrap_calloc(size_t count, size_t size) {
-    return fails(kOurs) ? nullptr : __real_calloc(count, size);
-}
-void* __wrap_realloc(void* old, size_t size) {
-    return fails(kOurs) ? nullptr : __real_realloc(old, size);
-}
-char* __wrap_strdup(const char* text) {
-    return fails(kOurs) ? nullptr : __real_strdup(text);
-}
-char* __wrap_strndup(const char* text, size_t most) {
-    return fails(kOurs) ? nullptr : __real_strndup(text, most);
-}
-
-int connect(int fd, const sockaddr* address, socklen_t length) {
-    static const auto real = next("connect", connect);
-    return fails(kConnect) ? -1 : real(fd, address, length);
-}
-ssize_t send(int fd, const void* bytes, size_t length, int flags) {
-    static const auto real = next("send", send);
-    return fails(kSend) ? -1 : real(fd, bytes, length, flags);
-}
-ssize_t recv(int fd, void* bytes, size_t length, int flags) {
-    static const auto real = next("recv", recv);
-    return fails(kRecv) ? -1 : real(fd, bytes, length, flags);
-}
-int poll(pollfd* fds, nfds_t count, int timeout) {
-    static const auto real = next("poll", poll);
-    return fails(kPoll) ? -1 : real(fds, count, timeout);
-}
+#define INTERPOSED(call, type, name, parameters, arguments, failure, error) \
+    type name parameters {                                                  \
+        static const auto real = next(#name, name);                         \
+        return fails(call) ? failure : real arguments;                      \
+    }
+SOCKET_CALLS(INTERPOSED)
 
 }  // extern "C"
 

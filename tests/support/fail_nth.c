@@ -9,18 +9,15 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fts.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-extern void* __libc_malloc(size_t);
-extern void* __libc_calloc(size_t, size_t);
-extern void* __libc_realloc(void*, size_t);
+#include "tests/support/failing_calls.h"
 
-static long nth, count;
-static int all, armed;
+static struct FailurePlan plan;
+static int armed;
 static __thread int busy;
 
 static int fails(const void* caller, int error) {
@@ -32,43 +29,30 @@ static int fails(const void* caller, int error) {
     if (known &&
         (strstr(info.dli_fname, "crypto") != NULL || strstr(info.dli_fname, "ssl") != NULL))
         return 0;
-    const long now = __sync_add_and_fetch(&count, 1);
-    if (nth == 0 || now < nth || (now > nth && !all)) return 0;
+    if (!failsNow(&plan)) return 0;
     errno = error;
     return 1;
 }
-#define FAILS(error) fails(__builtin_return_address(0), error)
-#define NEXT(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+#define NEXT(name) ((__typeof__(&failing_##name))dlsym(RTLD_NEXT, #name))
+#define DEFINITION(type, name, parameters, arguments, failure, error, next)          \
+    type failing_##name parameters __asm__(#name);                                   \
+    type failing_##name parameters {                                                 \
+        return fails(__builtin_return_address(0), error) ? failure : next arguments; \
+    }
+#define OF_MEMORY(call, type, name, parameters, arguments, failure, error) \
+    extern type __libc_##name parameters;                                  \
+    DEFINITION(type, name, parameters, arguments, failure, error, __libc_##name)
+#define OF_FILES(call, type, name, parameters, arguments, failure, error) \
+    DEFINITION(type, name, parameters, arguments, failure, error, NEXT(name))
 
-void* malloc(size_t size) {
-    return FAILS(ENOMEM) ? NULL : __libc_malloc(size);
-}
-void* calloc(size_t many, size_t size) {
-    return FAILS(ENOMEM) ? NULL : __libc_calloc(many, size);
-}
-void* realloc(void* old, size_t size) {
-    return FAILS(ENOMEM) ? NULL : __libc_realloc(old, size);
-}
-ssize_t read(int fd, void* bytes, size_t length) {
-    return FAILS(EIO) ? -1 : NEXT(read)(fd, bytes, length);
-}
-ssize_t write(int fd, const void* bytes, size_t length) {
-    return FAILS(ENOSPC) ? -1 : NEXT(write)(fd, bytes, length);
-}
-int open(const char* path, int flags, ...) {
-    va_list more;
-    va_start(more, flags);
-    const int mode = va_arg(more, int);
-    va_end(more);
-    return FAILS(EMFILE) ? -1 : NEXT(open)(path, flags, mode);
-}
-int rename(const char* from, const char* to) {
-    return FAILS(EACCES) ? -1 : NEXT(rename)(from, to);
-}
+OF_MEMORY(, void*, malloc, (size_t size), (size), NULL, ENOMEM)
+MEMORY_CALLS(OF_MEMORY)
+FILE_CALLS(OF_FILES)
+OF_FILES(, int, rename, (const char* from, const char* to), (from, to), -1, EACCES)
 
 FTS* fts_open(char* const* paths, int options, int (*order)(const FTSENT**, const FTSENT**)) {
     busy = 1;
-    FTS* walk = NEXT(fts_open)(paths, options, order);
+    FTS* walk = ((__typeof__(&fts_open))dlsym(RTLD_NEXT, "fts_open"))(paths, options, order);
     busy = 0;
     return walk;
 }
@@ -77,14 +61,14 @@ typedef int Main(int, char**, char**);
 static Main* program;
 
 static int armedMain(int argc, char** argv, char** environment) {
-    nth = getenv("FAIL_NTH") != NULL ? atol(getenv("FAIL_NTH")) : 0;
-    all = getenv("FAIL_ALL") != NULL;
+    if (getenv("FAIL_NTH") != NULL) plan.nth = strtoul(getenv("FAIL_NTH"), NULL, 10);
+    plan.fromThenOn = getenv("FAIL_ALL") != NULL;
     armed = 1;
     const int code = program(argc, argv, environment);
     armed = 0;
     if (getenv("FAIL_COUNT") != NULL) {
         FILE* out = fopen(getenv("FAIL_COUNT"), "w");
-        fprintf(out, "%ld\n", count);
+        fprintf(out, "%zu\n", plan.seen);
         fclose(out);
     }
     return code;

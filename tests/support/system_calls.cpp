@@ -14,32 +14,26 @@
 
 #include "tests/support/scripted_platform.h"
 
+#define DECLARATION(call, type, name, parameters, ...) type __real_##name parameters;
 extern "C" {
-void* __real_calloc(size_t, size_t);
-void* __real_mmap(void*, size_t, int, int, int, off_t);
-void* __real_realloc(void*, size_t);
-char* __real_strndup(const char*, size_t);
-void __real_free(void*);
-int __real_munmap(void*, size_t);
-int __real_madvise(void*, size_t, int);
-int __real_open(const char*, int, mode_t);
-int __real_close(int);
-ssize_t __real_read(int, void*, size_t);
-ssize_t __real_write(int, const void*, size_t);
-off_t __real_lseek(int, off_t, int);
+MEMORY_CALLS(DECLARATION)
+TEXT_CALLS(DECLARATION)
+FILE_CALLS(DECLARATION)
+PAGE_CALLS(DECLARATION)
+OTHER_CALLS(DECLARATION)
 }
 
 namespace calls {
 namespace {
 
+#define NAME(call, type, name, ...) #name,
 constexpr std::array<const char*, kCalls> kNames = {
-    "calloc", "realloc",  "strdup",   "mmap", "mlock",  "munlock",    "open",    "read", "write",
-    "lseek",  "platform", "snprintf", "free", "munmap", "munlockall", "madvise", "close"};
+    MEMORY_CALLS(NAME) TEXT_CALLS(NAME) FILE_CALLS(NAME) PAGE_CALLS(NAME) "platform",
+    OTHER_CALLS(NAME)};
 
 std::array<size_t, kCalls> counts;
 Failure wanted;
-size_t matched = 0;
-size_t failed = 0;
+FailurePlan plan;
 size_t mostMoved = SIZE_MAX;
 bool interrupted = false;
 Placement placement = Placement::kAsAsked;
@@ -79,12 +73,10 @@ bool watching = false;
 bool fails(Call call, bool ofPage = true) {
     if (!watching) return false;
     ++counts[call];
-    if (wanted.nth == 0) return false;
-    if (wanted.call == kAny ? call > kLastOfAny : call != wanted.call) return false;
+    const Call asked = call == kStrndup ? kStrdup : call;  // scripts know one name for both
+    if (wanted.call == kAny ? call > kLastOfAny : asked != wanted.call) return false;
     if (wanted.pagesOnly && !ofPage) return false;
-    ++matched;
-    if (matched < wanted.nth || (matched > wanted.nth && !wanted.fromThenOn)) return false;
-    ++failed;
+    if (!failsNow(&plan)) return false;
     errno = wanted.error;
     return true;
 }
@@ -111,7 +103,8 @@ void* placedAddress(size_t length) {
     static char* const base = static_cast<char*>(
         __real_mmap(nullptr, kSpan, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     const size_t page = mappings.size() % kSlots;
-    const size_t slot = placement == Placement::kDescending ? kSlots - 1 - page : page * 37 % kSlots;
+    const size_t slot =
+        placement == Placement::kDescending ? kSlots - 1 - page : page * 37 % kSlots;
     return length <= kSpan / kSlots ? base + slot * (kSpan / kSlots) : nullptr;
 }
 
@@ -131,8 +124,7 @@ Call callNamed(const std::string& name) {
 
 void fail(const Failure& failure) {
     wanted = failure;
-    matched = 0;
-    failed = 0;
+    plan = {failure.nth, failure.fromThenOn, 0, 0};
 }
 
 bool failsOnDemand(Call call) {
@@ -140,7 +132,7 @@ bool failsOnDemand(Call call) {
 }
 
 size_t failures() {
-    return failed;
+    return plan.failed;
 }
 size_t made(Call call) {
     return counts[call];
@@ -181,11 +173,15 @@ void* __wrap_calloc(size_t count, size_t size) {
     return memory;
 }
 
-char* __wrap_strndup(const char* text, size_t most) {
-    if (fails(kStrdup)) return nullptr;
+static char* copied(Call call, const char* text, size_t most) {
+    if (fails(call)) return nullptr;
     char* copy = __real_strndup(text, most);
     if (watching && copy != nullptr) allocations.insert(copy, 0);
     return copy;
+}
+
+char* __wrap_strndup(const char* text, size_t most) {
+    return copied(kStrndup, text, most);
 }
 
 static int print(char* text, size_t size, const char* format, va_list arguments) {
@@ -201,7 +197,7 @@ int __wrap_snprintf(char* text, size_t size, const char* format, ...) {
 }
 
 char* __wrap_strdup(const char* text) {
-    return __wrap_strndup(text, strlen(text));
+    return copied(kStrdup, text, strlen(text));
 }
 
 void* __wrap_realloc(void* old, size_t size) {

@@ -7,30 +7,20 @@
 #include <cstddef>
 #include <string>
 
+#include "tests/support/failing_calls.h"
+
 namespace calls {
 
-/// The wrapped calls. Those up to kSnprintf can be made to fail.
+#define ENUMERATOR(call, ...) call,
+/// The wrapped calls. Those up to kPlatform fail in turn, kSnprintf when it is asked for by name:
+/// tests use it too.
 enum Call {
-    kCalloc,
-    kRealloc,
-    kStrdup,  ///< and strndup
-    kMmap,
-    kMlock,
-    kMunlock,
-    kOpen,
-    kRead,
-    kWrite,
-    kLseek,
-    kPlatform,  ///< a call of the scripted platform that can fail, not of the system
+    MEMORY_CALLS(ENUMERATOR) TEXT_CALLS(ENUMERATOR) FILE_CALLS(ENUMERATOR) PAGE_CALLS(ENUMERATOR)
+        kPlatform,  ///< a call of the scripted platform that can fail, not of the system
     kLastOfAny = kPlatform,
-    kSnprintf,  ///< fails when it is asked for by name: tests use it too
-    kFree,
-    kMunmap,
-    kMunlockall,
-    kMadvise,
-    kClose,
-    kCalls
+    OTHER_CALLS(ENUMERATOR) kCalls
 };
+#undef ENUMERATOR
 
 /// The call of a name ("mmap"), or kCalls.
 Call callNamed(const std::string& name);

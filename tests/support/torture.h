@@ -16,18 +16,20 @@ namespace torture {
 inline size_t scenarios = 0;
 inline size_t injections = 0;
 
+/// The failing calls of the present run.
+inline std::string what;
+
 template <typename Scenario>
 void run(Scenario scenario) {
     ++scenarios;
     for (const bool fromThenOn : {false, true}) {
         for (size_t nth = 1;; ++nth) {
-            const std::string what =
-                "call " + std::to_string(nth) + (fromThenOn ? " and all after it" : "");
+            what = "call " + std::to_string(nth) + (fromThenOn ? " and all after it" : "");
             SCOPED_TRACE(what);
             scripted::reset();
             calls::watch();
             calls::fail({.nth = nth, .fromThenOn = fromThenOn});
-            scenario(what);
+            scenario();
             const size_t failed = calls::failures();
             EXPECT_EQ(calls::live(), 0U);
             calls::leaveAlone();
