@@ -228,19 +228,16 @@ class Client {
             ledger_.change("~image " + path + " " + std::to_string(flags),
                            ask("change", [&] { return setImage(path, flags); }));
         } else {
-            ledger_.make(kNames[kind] + path,
-                         ask(
-                             "make again", [&] { return makeDirectory(path); }, kExists));
+            const auto again = [&] { return makeDirectory(path); };
+            ledger_.make(kNames[kind] + path, ask("make again", again, kExists));
         }
     }
 
     void removeNothing(Kind kind) {
         constexpr uint32_t kNoSuchFile = 2001;
         const std::string path = fresh();
-        ledger_.remove(kNames[kind] + path,
-                       ask(
-                           "remove nothing",
-                           [&] { return MBFileDelete(session_, path.c_str(), 1); }, kNoSuchFile));
+        const auto remove = [&] { return MBFileDelete(session_, path.c_str(), 1); };
+        ledger_.remove(kNames[kind] + path, ask("remove nothing", remove, kNoSuchFile));
     }
 
     void list(Kind kind) { read(kind, bucket_, bucket_); }
@@ -257,13 +254,9 @@ class Client {
         free(text);
         if (outcome != kConfirmed) return;
         std::set<std::string> listed;
-        size_t head = kind == kPO ? 3 : 0;
+        size_t number = 0;
         for (std::string line; std::getline(lines, line);) {
-            if (head > 0) {
-                --head;
-            } else {
-                listed.insert(kNames[kind] + pathIn(kind, line, path));
-            }
+            if (kind != kPO || ++number > 3) listed.insert(kNames[kind] + pathIn(kind, line, path));
         }
         ledger_.compare(kNames[kind] + path + "/", listed, differences_);
     }

@@ -2,6 +2,7 @@
 #ifndef TESTS_CHAOS_CHAOS_LEDGER_H
 #define TESTS_CHAOS_CHAOS_LEDGER_H
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -64,12 +65,7 @@ class Ledger {
 
   private:
     enum State { kAbsent, kPresent, kMaybe };
-    struct Told {
-        uint64_t times[kOutcomes] = {};
-        uint64_t& operator[](Outcome outcome) { return times[outcome]; }
-        uint64_t operator[](Outcome outcome) const { return times[outcome]; }
-    };
-    std::map<std::string, Told> changes_;
+    std::map<std::string, std::array<uint64_t, kOutcomes>> changes_;  ///< how often each was told
     std::map<std::string, State> states_;
 };
 

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <deque>
 #include <fstream>
+#include <iostream>
 #include <stdexcept>
 #include <thread>
 
@@ -27,51 +28,10 @@ constexpr unsigned kSessions = 8;
 constexpr uint64_t kRequestsPerKill = 2'500;
 constexpr uint64_t kAnswerLimit = 4 << 20;
 
-/// How likely each fault is, in thousandths of the requests, and what it is.
-constexpr struct {
-    unsigned thousandths;
-    const char* fault;
-} kFaults[] = {
-    {20, R"("kind":"delay","ms":3)"},
-    {15, R"("kind":"reset")"},
-    {15, R"("kind":"lose")"},
-    {15, R"("kind":"cut")"},
-    {5, R"("kind":"stall","ms":20)"},
-    {1, R"("kind":"stall","ms":1500)"},
-    {14, R"("kind":"status","code":503)"},
-    {3, R"("kind":"status","code":504)"},
-    {3, R"("kind":"status","code":500)"},
-    {10, R"("kind":"event","code":4711)"},
-    {3, R"("kind":"bad-event")"},
-    {3, R"("kind":"redirect")"},
-    {3, R"("kind":"garbage")"},
-    {3, R"("kind":"nul")"},
-    {3, R"("kind":"type")"},
-    {3, R"("kind":"unbounded")"},
-    {3, R"("kind":"chunked")"},
-    {2, R"("kind":"oversize","bytes":8000000)"},
-};
-
-/// Writes down each change within the transaction that makes it.
-constexpr char kAudit[] =
-    "CREATE TABLE audit (what TEXT NOT NULL);"
-    "CREATE TRIGGER a AFTER INSERT ON entries BEGIN"
-    " INSERT INTO audit VALUES ('+entry ' || new.path); END;"
-    "CREATE TRIGGER b AFTER DELETE ON entries BEGIN"
-    " INSERT INTO audit VALUES ('-entry ' || old.path); END;"
-    "CREATE TRIGGER c AFTER UPDATE ON entries BEGIN"
-    " INSERT INTO audit VALUES ('-entry ' || old.path), ('+entry ' || new.path); END;"
-    "CREATE TRIGGER d AFTER INSERT ON pos BEGIN"
-    " INSERT INTO audit VALUES ('+po ' || new.f9 || '/' || new.f10); END;"
-    "CREATE TRIGGER e AFTER DELETE ON pos BEGIN"
-    " INSERT INTO audit VALUES ('-po ' || old.f9 || '/' || old.f10); END;"
-    "CREATE TRIGGER f AFTER INSERT ON images BEGIN"
-    " INSERT INTO audit VALUES ('+image ' || new.policy || '/' || new.name); END;"
-    "CREATE TRIGGER g AFTER DELETE ON images BEGIN"
-    " INSERT INTO audit VALUES ('-image ' || old.policy || '/' || old.name); END;"
-    "CREATE TRIGGER h AFTER UPDATE ON images BEGIN"
-    " INSERT INTO audit VALUES ('~image ' || new.policy || '/' || new.name || ' ' || new.flags);"
-    " END;";
+std::string data(const std::string& name) {
+    std::ifstream file(CHAOS_DATA "/" + name);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 /// The server as a program of its own, on one port.
 class Server {
@@ -157,7 +117,7 @@ class Run {
                     .append(name + std::string("\"}"));
         }
         server_.admin("POST", "tree", tree + "]");
-        sandbox::Database(database()).script(kAudit);
+        sandbox::Database(database()).script(data("audit.sql").c_str());
         orderFaults();
     }
 
@@ -211,25 +171,21 @@ class Run {
             for (int i = 0; i < chaos::kOutcomes; ++i)
                 counts[i] += client.count(static_cast<chaos::Outcome>(i));
         }
-        const auto number = [](uint64_t n) { return static_cast<unsigned long long>(n); };
-        printf(
-            "chaos: %llu requests of %u sessions, %llu faults, %llu kills; %llu confirmed, "
-            "%llu refused, %llu unknown; %llu changes made",
-            number(requests_), kSessions, number(faults_), number(kills_),
-            number(counts[chaos::kConfirmed]), number(counts[chaos::kRefused]),
-            number(counts[chaos::kUnknown]), number(changes_));
+        std::cout << "chaos: " << requests_ << " requests of " << kSessions << " sessions, "
+                  << faults_ << " faults, " << kills_ << " kills; " << counts[chaos::kConfirmed]
+                  << " confirmed, " << counts[chaos::kRefused] << " refused, "
+                  << counts[chaos::kUnknown] << " unknown; " << changes_ << " changes made";
     }
 
   private:
     std::string database() const { return server_.pool() + "/pool.db"; }
 
     void orderFaults() {
-        std::string list;
-        for (const auto& row : kFaults)
-            list += (list.empty() ? "[{" : ",{") + std::string(row.fault) +
-                    R"(,"times":1000000000,"seed":)" + std::to_string(random_() >> 12) +
-                    R"(,"chance":)" + std::to_string(row.thousandths * 0.001) + "}";
-        server_.admin("POST", "faults", list + "]");
+        std::string list = data("faults.json");
+        for (size_t at = list.find('{'); at != std::string::npos; at = list.find('{', at + 1))
+            list.insert(at + 1,
+                        R"("times":1000000000,"seed":)" + std::to_string(random_() >> 12) + ",");
+        server_.admin("POST", "faults", list);
     }
 
     void countFaults() {
@@ -276,12 +232,10 @@ int main(int argc, char** argv) {
         run.go();
         const size_t differences = run.compare();
         run.print();
-        printf(", %zu differences; KSPOOL_TEST_SEED=%llu\n", differences,
-               static_cast<unsigned long long>(seed));
+        std::cout << ", " << differences << " differences; KSPOOL_TEST_SEED=" << seed << std::endl;
         return differences == 0 ? 0 : 1;
     } catch (const std::exception& error) {
-        fprintf(stderr, "chaos_run: %s; KSPOOL_TEST_SEED=%llu\n", error.what(),
-                static_cast<unsigned long long>(seed));
+        std::cerr << "chaos_run: " << error.what() << "; KSPOOL_TEST_SEED=" << seed << std::endl;
         return 1;
     }
 }

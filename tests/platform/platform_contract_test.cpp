@@ -269,19 +269,16 @@ TEST(PlatformIni, TellsEachFaultOnceAndEachCutValue) {
 }
 
 TEST(PlatformNet, FindsHostAndPort) {
-    const struct {
-        const char *url, *part;
-    } table[] = {{"host:9000/x", "host:9000"},
-                 {"https://host", "host"},
-                 {"a:b@c@host:1?q", "host:1"},
-                 {"host#f@g", "host"},
-                 {"[::1]:80/", "[::1]:80"},
-                 {"", ""},
-                 {"h/x://y", "h"}};
-    for (const auto& row : table) {
+    for (const auto& [url, part] : {std::pair{"host:9000/x", "host:9000"},
+                                    {"https://host", "host"},
+                                    {"a:b@c@host:1?q", "host:1"},
+                                    {"host#f@g", "host"},
+                                    {"[::1]:80/", "[::1]:80"},
+                                    {"", ""},
+                                    {"h/x://y", "h"}}) {
         char buffer[10];
-        NetExtractHostAndPort(row.url, buffer, sizeof buffer, 0);
-        EXPECT_STREQ(buffer, row.part);
+        NetExtractHostAndPort(url, buffer, sizeof buffer, 0);
+        EXPECT_STREQ(buffer, part);
     }
     char small[4];
     EXPECT_EQ(NetExtractHostAndPort("host:9000", small, sizeof small, 0), 3);
@@ -289,14 +286,15 @@ TEST(PlatformNet, FindsHostAndPort) {
 }
 
 TEST(PlatformNet, DecodesInPlace) {
-    const struct {
-        const char *coded, *plain;
-    } table[] = {{"abc%20d", "abc d"}, {"a+b", "a+b"}, {"%4a%4A", "JJ"},
-                 {"%", "%"},           {"%2", "%2"},   {"%zz%2g%%41", "%zz%2g%A"}};
-    for (const auto& row : table) {
-        std::string text = row.coded;
+    for (const auto& [coded, plain] : {std::pair{"abc%20d", "abc d"},
+                                       {"a+b", "a+b"},
+                                       {"%4a%4A", "JJ"},
+                                       {"%", "%"},
+                                       {"%2", "%2"},
+                                       {"%zz%2g%%41", "%zz%2g%A"}}) {
+        std::string text = coded;
         EXPECT_EQ(URLDecode(text.data()), text.data());
-        EXPECT_STREQ(text.c_str(), row.plain);
+        EXPECT_STREQ(text.c_str(), plain);
     }
 }
 
@@ -343,14 +341,10 @@ TEST(PlatformPO, IsItsLine) {
     char line[] = "a||long";
     ASSERT_EQ(POSetFromNonConstString(&po, line), 0);
     memset(line, 'x', sizeof line - 1);
-    const struct {
-        uint32_t index;
-        const char* text;
-    } table[] = {{0, "a"}, {1, ""}, {2, "long"}};
-    for (const auto& row : table) {
-        const char* field = POGetField(&po, row.index, &length);
+    for (const auto& [index, text] : {std::pair{0U, "a"}, {1U, ""}, {2U, "long"}}) {
+        const char* field = POGetField(&po, index, &length);
         ASSERT_NE(field, nullptr);
-        EXPECT_EQ(std::string(field, length), row.text);
+        EXPECT_EQ(std::string(field, length), text);
     }
     EXPECT_EQ(POGetField(&po, 3, &length), nullptr);
     char none[] = "no PO";
