@@ -1,176 +1,109 @@
-// Any sequence of calls of a session, with any outcome of its requests. What fails leaves the
-// session as it was, and its results empty.
+// Any sequence of calls of a session, with any outcome of its requests. A call that fails leaves
+// the session as it was, and hands out no text.
 #include <cstring>
 #include <iterator>
 
-#include "mb/mb_int.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/fuzz_transport.h"
 
 namespace {
 
-class Calls {
+class Calls : public operations::Objects {
   public:
     explicit Calls(fuzz::Input& input) : input_(input) {
-        fuzz::onRequest = [this](WSResult& result) { return reply(result); };
-        fuzz::setStatus = 0;
+        fuzz::onCall = [this](const std::string& call) { return reply(call); };
         MBSetRetryCount(2);
         MBSetTimeOut(0);
-        const KSOption url = textOption(KS_OPT_MBS_URL, "http://127.0.0.1:1");
-        session_ = MBCreateWithAgentCfg(4711, &url, 1, "/dev/null");
-        MUST(session_ != nullptr);
+        operations::run(*this, "MBCreateWithAgentCfg 4711 138=http://127.0.0.1:1 1 /dev/null");
     }
-    ~Calls() {
-        MBPOFindClose(strings_);
-        MBPOFindClose(pos_);
-        POReset(&po_);
-        MBShutdown(session_);
-    }
+    ~Calls() override { MBPOFindClose(other_); }
     Calls(const Calls&) = delete;
     Calls& operator=(const Calls&) = delete;
 
     void makeOne() {
-        static void (Calls::*const kCalls[])() = {&Calls::setOptions, &Calls::query,
-                                                  &Calls::next,       &Calls::files,
-                                                  &Calls::images,     &Calls::settings};
-        (this->*kCalls[input_.below(std::size(kCalls))])();
-        MUST(session_->callerWord == 4711 && session_->transport != nullptr);
+        const auto& rows = operations::client();
+        const auto row = std::next(rows.begin(), input_.below(static_cast<uint32_t>(rows.size())));
+        // Files of any name are not for a fuzzer to read.
+        for (const char* other : {"KSConfigInit", "MBCreate", "MBInit", "MBShutdown"})
+            if (row->first.compare(0, strlen(other), other) == 0) return;
+        // Cursors live beside each other, and past other calls of their session.
+        if (input_.below(8) == 0) std::swap(cursor, other_);
+        const operations::Words words = wordsFor(row->first, row->second.kinds);
+        setting_ = input_.below(4) == 1;
+        row->second.run(*this, words);
+        MUST(status == 0 || (!changed && !gaveText));
+        MUST(session != nullptr && session->callerWord == 4711 && session->transport != nullptr);
     }
 
   private:
-    static KSOption textOption(uint32_t code, const char* text) {
-        KSOption option{code, {}};
-        option.value.text = text;
-        return option;
+    operations::Words wordsFor(const std::string& name, const std::string& kinds) {
+        operations::Words words(name);
+        size_t options = 0;
+        if (name == "filter") {
+            filter.criterion4 = input_.byte() - 128;
+            words.insert(words.end(),
+                         {"all", "10==" + input_.text(), "12=" + input_.bytes(1) + "x"});
+        }
+        for (const char kind : kinds) {
+            const bool isNull = input_.below(8) == 7;
+            if (kind == 't') {
+                words.push_back(isNull ? "null" : "=" + input_.text());
+            } else if (kind == 'p') {
+                options = input_.below(4);
+                words.push_back(optionsOf(options));
+            } else if (kind == 'n' && options > 0) {
+                words.push_back(std::to_string(std::exchange(options, 0)));
+            } else if (kind == 'n') {
+                words.push_back(std::to_string(static_cast<int>(input_.byte() % 6) - 1));
+            } else {
+                words.push_back(isNull ? "null" : ".");
+            }
+        }
+        return words;
     }
 
-    uint32_t reply(WSResult& result) {
-        static const char kAnswer[] = "a|b\nt|t\n2\n1|x\n2|y\n";
+    std::string optionsOf(size_t count) {
+        std::string out;
+        for (size_t i = 0; i < count; ++i) {
+            const uint32_t code = 127 + input_.below(26);
+            const std::string times = std::to_string(input_.byte() * 5U);
+            out +=
+                std::to_string(code) + "=" + (operations::isText(code) ? "x*" : "") + times + ",";
+        }
+        return out.empty() ? "null" : out;
+    }
+
+    scripted::Reply reply(const std::string& call) {
+        scripted::Reply reply;
+        if (call == "WSArchMode") reply.status = fuzz::modeWithSlot(input_.below(3) - 1);
+        if (call == "WSSetOpt" || call == "WSSetOptVa") reply.status = setting_ ? 22 : 0;
+        if (call.compare(0, 9, "WSRequest") != 0) return reply;
         switch (input_.below(6)) {
             case 0:
-                result.data = strdup(kAnswer);
-                return 0;
+                reply.data = "a|b\nt|t\n2\n1|x\n2|y\n";
+                break;
             case 1:
-                text_ = input_.text();
-                result.data = strdup(text_.c_str());
-                return 0;
+                reply.data = input_.text();
+                break;
             case 2:
-                return 0;
+                break;
             case 3:
-                text_ = input_.text();
-                result.eventCode = input_.byte() * 4U;
-                result.severity = input_.below(2) != 0 ? text_.c_str() : nullptr;
-                result.description = input_.below(2) != 0 ? text_.c_str() : nullptr;
-                return 0;
+                reply.eventCode = input_.byte() * 4U;
+                if (input_.below(2) != 0) reply.severity = input_.text();
+                if (input_.below(2) != 0) reply.description = input_.text();
+                break;
             case 4:
-                return WS_STATUS_FAILED + input_.below(10);
-            default:
-                return CR_STATUS_NO_MEMORY;
-        }
-    }
-
-    void setOptions() {
-        KSOption options[3] = {};
-        std::string texts[std::size(options)];
-        for (size_t i = 0; i < std::size(options); ++i) {
-            texts[i] = std::string(input_.byte() * 5U, 'x') + input_.text();
-            const bool isText = input_.below(4) != 0;
-            options[i].code = isText ? 129 + input_.below(12) : input_.byte();
-            if (isText) options[i].value.text = texts[i].c_str();
-        }
-        fuzz::setStatus = input_.below(4) == 1 ? 22 : 0;
-        const MBSession before = *session_;
-        if (MBOptionsSet(session_, options, input_.below(4)) != 0) {
-            MUST(memcmp(&before, session_, sizeof before) == 0);
-        }
-        fuzz::setStatus = 0;
-        MBAuthenticate(session_, texts[0].c_str(), texts[1].c_str());
-    }
-
-    void query() {
-        MBPOFilter filter;
-        filter.size = sizeof filter;
-        MUST(MBPOFilterInit(&filter) == 0);
-        const std::string name = input_.text();
-        if (input_.below(2) != 0) filter.criterion10 = name.c_str();
-        filter.criterion4 = input_.byte() - 128;
-        filter.criterion12 = static_cast<signed char>(input_.byte());
-        fuzz::archMode = input_.below(3) - 1;
-        char* text = nullptr;
-        size_t length = 0;
-        switch (input_.below(3)) {
-            case 0:
-                MUST((MBPOFind(session_, 1, &filter, &text, &length, nullptr) == 0) ==
-                     (text != nullptr));
-                MUST(text == nullptr ? length == 0 : length == strlen(text) + 1);
-                free(text);
-                break;
-            case 1:
-                MBPOFindClose(strings_);
-                strings_ = MBPOStringFindFirst(session_, 1, &filter, &line_, nullptr);
+                reply.status = WS_STATUS_FAILED + input_.below(10);
                 break;
             default:
-                MBPOFindClose(pos_);
-                pos_ = MBPOFindFirst(session_, 1, &filter, &po_, nullptr);
+                reply.status = CR_STATUS_NO_MEMORY;
         }
-    }
-    /// Cursors live beside each other, and past other calls of their session.
-    void next() {
-        if (MBPOStringFindNext(strings_, &line_) == 0) MUST(strlen(line_) < 300);
-        if (MBPOFindNext(pos_, &po_) == 0) MUST(po_.text != nullptr && strchr(po_.text, '|'));
-    }
-
-    void files() {
-        const std::string path = input_.text();
-        char* listing = nullptr;
-        size_t length = 0;
-        uint32_t serverTime = 0;
-        MBDirCreate(session_, path.c_str());
-        MBFileCopy(session_, path.c_str(), "/x", input_.below(2));
-        MBFileMove(session_, path.c_str(), nullptr, 0);
-        MBFileDelete(session_, path.c_str(), 1);
-        if (MBDirList(session_, path.c_str(), &listing, &length, 0) != 0) MUST(listing == nullptr);
-        free(listing);
-        MBGetTime(session_, &serverTime);
-        MBPOAddList(session_, 1, path.c_str());
-        MBPOExpire(session_, 1, nullptr);
-    }
-
-    void images() {
-        const std::string name = input_.text();
-        char *answer = nullptr, *policy = nullptr, *tag = nullptr;
-        int32_t digit = 0;
-        MBImageRetentionInfo info{};
-        MBSetLastImageV2(session_, input_.below(2), name.c_str(), nullptr, -1, 1, name.c_str(), 0);
-        MBSetLastImage(session_, 1, name.c_str(), "p", 1, nullptr, 0, 2, 0);
-        if (MBGetLastImages(session_, 1, name.c_str(), "p", 0, 0, &answer) != 0) {
-            MUST(answer == nullptr);
-        }
-        MBDeleteImage(session_, 1, name.c_str(), nullptr, "i", 0);
-        MBSetImageRetention(session_, 1, name.c_str(), "p", "i", 0, 1, -1);
-        MBGetImageRetention(session_, 1, name.c_str(), "p", "i", &info);
-        if (MBFindImagePolicy(session_, 1, name.c_str(), "i", &policy) != 0) {
-            MUST(policy == nullptr);
-        }
-        if (MBGetHVXTag(session_, 1, &digit, &tag) != 0) MUST(tag == nullptr);
-        free(answer);
-        free(policy);
-        free(tag);
-    }
-
-    void settings() {
-        MBKeepAlive(session_, input_.byte() - 1);
-        MBEnableResiliency(session_, input_.byte() - 1);
-        MBSetRetryCount(static_cast<int32_t>(input_.below(4)) - 1);
-        MBSetTimeOut(input_.byte());
+        return reply;
     }
 
     fuzz::Input& input_;
-    std::string text_;
-    MBSession* session_ = nullptr;
-    MBPOCursor *strings_ = nullptr, *pos_ = nullptr;
-    char* line_ = nullptr;
-    PO po_{};
+    MBPOCursor* other_ = nullptr;
+    bool setting_ = false;  ///< whether options are refused by the transport
 };
 
 }  // namespace

@@ -43,8 +43,12 @@ std::string withSlot(const std::string& result) {
     return result + ", slot " + std::to_string(*__cr_errno_location());
 }
 
+bool isText(uint32_t code) {
+    static const std::set<uint32_t> kTexts = {129, 130, 132, 134, 137, 138};
+    return kTexts.count(code) != 0;
+}
+
 Options::Options(const std::string& word) {
-    const std::set<uint32_t> texts = {129, 130, 132, 134, 137, 138};
     texts_.reserve(word.size());  // whose texts must not move
     std::istringstream stream(word == "null" ? "" : word);
     for (std::string pair; std::getline(stream, pair, ',');) {
@@ -52,7 +56,7 @@ Options::Options(const std::string& word) {
         const size_t cross = pair.find('#');
         KSOption option{static_cast<uint32_t>(number(pair.substr(0, equals))), {}};
         const std::string value = pair.substr(equals + 1, cross - equals - 1);
-        if (texts.count(option.code) != 0) {
+        if (isText(option.code)) {
             option.value.text = texts_.emplace_back(value).get();
         } else {
             option.value.number = number(value);

@@ -49,6 +49,9 @@ std::string quoted(const char* text);
 /// A result with the calling thread's slot behind it.
 std::string withSlot(const std::string& result);
 
+/// Whether an option of the configuration is a text.
+bool isText(uint32_t code);
+
 /// Option records from a word: "CODE=VALUE,CODE=VALUE#TIMES", or "null" for no record at all.
 class Options {
   public:
@@ -85,7 +88,7 @@ struct Objects {
 /// Makes a call and says what came back, or nothing.
 struct Operation {
     std::function<std::string(Objects&, const Words&)> run;
-    std::string kinds = {};  ///< a letter for each word: text, number, other
+    std::string kinds = {};  ///< for each word: t text, n number, p options, o other
 };
 using Operations = std::map<std::string, Operation>;
 
@@ -214,7 +217,7 @@ struct Argument<const MBPOFilter*> : Input {
 
 template <>
 struct Argument<const KSOption*> : Options, Input {
-    static constexpr char kKind = 'o';
+    static constexpr char kKind = 'p';
     explicit Argument(Call& call) : Options(call.word()) {}
     const KSOption* get() const { return records.empty() ? nullptr : records.data(); }
 };
