@@ -122,7 +122,7 @@ TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {
 void* liveDeep(void*) {
     constexpr uint32_t kEntries = kStack / 32;
     CacheModel model({.bits = 1}, testing::TempDir() + "deep");
-    model.fill(kEntries, 0);
+    model.fill(kEntries);
     model.sortedReport();
     model.walk();
     model.restart();

@@ -1,13 +1,10 @@
 // Random operations on a cache beside the same ones on a plain map, with pages and transfers as a
 // system may have them.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <random>
 
 #include "tests/support/cache_model.h"
-#include "tests/support/scripted_platform.h"
-#include "tests/support/system_calls.h"
+#include "tests/support/torture.h"
 
 namespace {
 
@@ -29,24 +26,19 @@ TEST_P(Model, AgreesAfterEachStep) {
         given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device()();
     std::mt19937_64 random(seed);
     const auto below = [&](uint64_t limit) { return random() % limit; };
-    scripted::reset();
-    calls::watch();
+    const torture::Watched watched;
     calls::place(shape.placement);
-    {
-        CacheModel model({.bits = shape.bits,
-                          .tellsRepeats = shape.tellsRepeats,
-                          .pagesAscend = shape.placement == Placement::kAsAsked,
-                          .name = "KSPOOL_TEST_SEED=" + std::to_string(seed)},
-                         testing::TempDir() + "model-" + shape.name, below);
-        for (int step = 0; step < 2000; ++step) {
-            constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
-            calls::cutTransfers(1 + below(kPieces[below(3)]));
-            if (model.step() || step < 200 || step % 97 == 0) model.compareAll();
-            scripted::takeRecord();
-        }
+    CacheModel model({.bits = shape.bits,
+                      .tellsRepeats = shape.tellsRepeats,
+                      .pagesAscend = shape.placement == Placement::kAsAsked,
+                      .name = "KSPOOL_TEST_SEED=" + std::to_string(seed)},
+                     testing::TempDir() + "model-" + shape.name, below);
+    for (int step = 0; step < 2000; ++step) {
+        constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
+        calls::cutTransfers(1 + below(kPieces[below(3)]));
+        if (model.step() || step < 200 || step % 97 == 0) model.compareAll();
+        scripted::takeRecord();
     }
-    EXPECT_EQ(calls::live(), 0U);
-    calls::leaveAlone();
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, Model,

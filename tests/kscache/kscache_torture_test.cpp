@@ -12,14 +12,14 @@ struct Scenario {
 };
 
 void fill(CacheModel& model, uint32_t entries) {
-    model.fill(entries);
+    model.fill(entries, CacheModel::kSwapped);
     model.compareAll();
 }
 
 void fillAgain(CacheModel& model, uint32_t entries) {
     fill(model, entries);
     model.reset();
-    model.fillByBatch(entries);
+    model.fill(entries, CacheModel::kBatch);
     model.compareAll();
 }
 

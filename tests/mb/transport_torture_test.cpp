@@ -22,29 +22,12 @@
 
 namespace hooks {
 
-enum Call {
-    kNew,
-    kOurs,
-    kMalloc,
-    kCalloc,
-    kRealloc,
-    kStrdup,
-    kConnect,
-    kSend,
-    kRecv,
-    kPoll,
-    kCalls
-};
-constexpr std::array<const char*, kCalls> kNames = {"new",
-                                                    "calloc, realloc, strdup",
-                                                    "libcurl's malloc",
-                                                    "libcurl's calloc",
-                                                    "libcurl's realloc",
-                                                    "libcurl's strdup",
-                                                    "connect",
-                                                    "send",
-                                                    "recv",
-                                                    "poll"};
+#define ENUMERATOR(call, ...) call,
+#define NAME(call, type, name, ...) #name,
+enum Call { kNew, kOurs, kMalloc, kCalloc, kRealloc, kStrdup, SOCKET_CALLS(ENUMERATOR) kCalls };
+constexpr std::array<const char*, kCalls> kNames = {
+    "new",         "calloc, realloc, strdup", "curl malloc", "curl calloc", "curl realloc",
+    "curl strdup", SOCKET_CALLS(NAME)};
 
 std::array<size_t, kCalls> made;
 FailurePlan plan;

@@ -43,22 +43,23 @@ class CacheModel {
 
     /// False when there was no memory for a cache.
     bool exists() const { return cache_ != nullptr; }
+    KSCache* cache() const { return cache_; }
 
     /// Does one random operation. The cheap ones are checked by what the call returns; true after
     /// one that changes much and is worth a compareAll().
     bool step();
 
     /// Adds the keys made from the numbers below `count`. In a cache of one bit they make one tree
-    /// as deep as it has entries; `swapped` 1 gives each second one a node below it.
-    void fill(uint32_t count, uint32_t swapped = 1);
-    void fillByBatch(uint32_t count);
+    /// as deep as it has entries; `kSwapped` gives each second one a node below it.
+    enum Order : uint8_t { kInOrder, kSwapped, kBatch };
+    void fill(uint32_t count, Order order = kInOrder);
     /// Deletes two of three of these keys.
     void drop(uint32_t count);
     void walk();
     void restart();
     void reclaim();
     void reset();
-    /// The sorted report is complete and in order, whatever memory there is.
+    /// The sorted report is complete whatever memory there is, and in order in a cache of one bit.
     void sortedReport();
 
     /// The number of keys added, looked up or deleted at random.

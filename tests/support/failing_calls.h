@@ -4,8 +4,9 @@
 
 #include <stddef.h>
 
-// Rows: enumerator, type, name, parameters, arguments, the result of a failure, its errno. CMake has
-// the linker wrap each call of a CALL row; libcurl makes those of a HOOK row, which no linker sees.
+// Rows: enumerator, type, name, parameters, arguments, the result of a failure, its errno. CMake
+// has the linker wrap each call of a CALL row; libcurl makes those of a HOOK row, which no linker
+// sees.
 // clang-format off
 #define MEMORY_CALLS(CALL) \
     CALL(kCalloc, void*, calloc, (size_t count, size_t size), (count, size), NULL, ENOMEM) \
@@ -35,6 +36,7 @@
     HOOK(kRecv, ssize_t, recv, (int fd, void* bytes, size_t length, int flags), (fd, bytes, length, flags), -1, ECONNRESET) \
     HOOK(kPoll, int, poll, (pollfd* fds, nfds_t count, int timeout), (fds, count, timeout), -1, ECONNRESET)
 // clang-format on
+#define FAILING_CALLS(CALL) MEMORY_CALLS(CALL) TEXT_CALLS(CALL) FILE_CALLS(CALL) PAGE_CALLS(CALL)
 
 struct FailurePlan {
     size_t nth;      ///< the call that fails; 0: none

@@ -16,10 +16,7 @@
 
 #define DECLARATION(call, type, name, parameters, ...) type __real_##name parameters;
 extern "C" {
-MEMORY_CALLS(DECLARATION)
-TEXT_CALLS(DECLARATION)
-FILE_CALLS(DECLARATION)
-PAGE_CALLS(DECLARATION)
+FAILING_CALLS(DECLARATION)
 OTHER_CALLS(DECLARATION)
 }
 
@@ -27,9 +24,8 @@ namespace calls {
 namespace {
 
 #define NAME(call, type, name, ...) #name,
-constexpr std::array<const char*, kCalls> kNames = {
-    MEMORY_CALLS(NAME) TEXT_CALLS(NAME) FILE_CALLS(NAME) PAGE_CALLS(NAME) "platform",
-    OTHER_CALLS(NAME)};
+constexpr std::array<const char*, kCalls> kNames = {FAILING_CALLS(NAME) "platform",
+                                                    OTHER_CALLS(NAME)};
 
 std::array<size_t, kCalls> counts;
 Failure wanted;
@@ -108,12 +104,21 @@ void* placedAddress(size_t length) {
     return length <= kSpan / kSlots ? base + slot * (kSpan / kSlots) : nullptr;
 }
 
-void recordLock(Call call, const void* address, size_t length, int result) {
-    if (!watching) return;
+/// Records a call on a lock, which is not made.
+int lock(Call call, const void* address, size_t length, bool fail) {
     const int error = errno;
-    scripted::record(std::string(kNames[call]) + "(" + scripted::pointerName(address) + ", " +
-                     std::to_string(length) + ") = " + std::to_string(result));
+    if (watching)
+        scripted::record(std::string(kNames[call]) + "(" + scripted::pointerName(address) + ", " +
+                         std::to_string(length) + ") = " + (fail ? "-1" : "0"));
     errno = error;
+    return fail ? -1 : 0;
+}
+
+/// Memory that was allocated, which is watched from now on.
+template <typename Memory>
+Memory* allocated(Memory* memory) {
+    if (watching && memory != nullptr) allocations.insert(memory, 0);
+    return memory;
 }
 
 }  // namespace
@@ -167,21 +172,15 @@ using namespace calls;
 extern "C" {
 
 void* __wrap_calloc(size_t count, size_t size) {
-    if (fails(kCalloc)) return nullptr;
-    void* memory = __real_calloc(count, size);
-    if (watching && memory != nullptr) allocations.insert(memory, 0);
-    return memory;
-}
-
-static char* copied(Call call, const char* text, size_t most) {
-    if (fails(call)) return nullptr;
-    char* copy = __real_strndup(text, most);
-    if (watching && copy != nullptr) allocations.insert(copy, 0);
-    return copy;
+    return fails(kCalloc) ? nullptr : allocated(__real_calloc(count, size));
 }
 
 char* __wrap_strndup(const char* text, size_t most) {
-    return copied(kStrndup, text, most);
+    return fails(kStrndup) ? nullptr : allocated(__real_strndup(text, most));
+}
+
+char* __wrap_strdup(const char* text) {
+    return fails(kStrdup) ? nullptr : allocated(__real_strdup(text));
 }
 
 static int print(char* text, size_t size, const char* format, va_list arguments) {
@@ -196,16 +195,11 @@ int __wrap_snprintf(char* text, size_t size, const char* format, ...) {
     return length;
 }
 
-char* __wrap_strdup(const char* text) {
-    return copied(kStrdup, text, strlen(text));
-}
-
 void* __wrap_realloc(void* old, size_t size) {
     if (fails(kRealloc)) return nullptr;
     void* memory = __real_realloc(old, size);
-    if (old != nullptr) allocations.erase(old, 0);
-    if (watching && memory != nullptr) allocations.insert(memory, 0);
-    return memory;
+    allocations.erase(old, 0);
+    return allocated(memory);
 }
 
 void __wrap_free(void* memory) {
@@ -237,21 +231,16 @@ int __wrap_munmap(void* memory, size_t length) {
 }
 
 int __wrap_mlock(const void* memory, size_t length) {
-    const int result = fails(kMlock) ? -1 : 0;
-    recordLock(kMlock, memory, length, result);
-    return result;
+    return lock(kMlock, memory, length, fails(kMlock));
 }
 
 int __wrap_munlock(const void* memory, size_t length) {
-    const int result = fails(kMunlock) ? -1 : 0;
-    recordLock(kMunlock, memory, length, result);
-    return result;
+    return lock(kMunlock, memory, length, fails(kMunlock));
 }
 
 int __wrap_munlockall() {
     ++counts[kMunlockall];
-    recordLock(kMunlockall, nullptr, 0, 0);
-    return 0;
+    return lock(kMunlockall, nullptr, 0, false);
 }
 
 int __wrap_madvise(void* memory, size_t length, int advice) {

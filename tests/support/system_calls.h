@@ -15,7 +15,7 @@ namespace calls {
 /// The wrapped calls. Those up to kPlatform fail in turn, kSnprintf when it is asked for by name:
 /// tests use it too.
 enum Call {
-    MEMORY_CALLS(ENUMERATOR) TEXT_CALLS(ENUMERATOR) FILE_CALLS(ENUMERATOR) PAGE_CALLS(ENUMERATOR)
+    FAILING_CALLS(ENUMERATOR)
         kPlatform,  ///< a call of the scripted platform that can fail, not of the system
     kLastOfAny = kPlatform,
     OTHER_CALLS(ENUMERATOR) kCalls

@@ -19,6 +19,20 @@ inline size_t injections = 0;
 /// The failing calls of the present run.
 inline std::string what;
 
+/// Counts and watches calls, and looks for leaks in the end.
+struct Watched {
+    Watched() {
+        scripted::reset();
+        calls::watch();
+    }
+    ~Watched() {
+        EXPECT_EQ(calls::live(), 0U);
+        calls::leaveAlone();
+    }
+    Watched(const Watched&) = delete;
+    Watched& operator=(const Watched&) = delete;
+};
+
 template <typename Scenario>
 void run(Scenario scenario) {
     ++scenarios;
@@ -26,14 +40,10 @@ void run(Scenario scenario) {
         for (size_t nth = 1;; ++nth) {
             what = "call " + std::to_string(nth) + (fromThenOn ? " and all after it" : "");
             SCOPED_TRACE(what);
-            scripted::reset();
-            calls::watch();
+            const Watched watched;
             calls::fail({.nth = nth, .fromThenOn = fromThenOn});
             scenario();
-            const size_t failed = calls::failures();
-            EXPECT_EQ(calls::live(), 0U);
-            calls::leaveAlone();
-            if (failed == 0 || testing::Test::HasFailure()) break;
+            if (calls::failures() == 0 || testing::Test::HasFailure()) break;
             ++injections;
         }
     }
