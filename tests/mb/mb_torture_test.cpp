@@ -10,7 +10,8 @@ void allOrNothing(operations::Objects& objects, const std::string& call) {
     const size_t failed = calls::failures();
     *__cr_errno_location() = 0;
     const std::string out = operations::run(objects, call);
-    EXPECT_TRUE(objects.status == CR_STATUS_OK || calls::failures() > failed) << call << ": " << out;
+    EXPECT_TRUE(objects.status == CR_STATUS_OK || calls::failures() > failed)
+        << call << ": " << out;
     EXPECT_TRUE(objects.status == CR_STATUS_OK || !objects.changed) << call << ": " << out;
     // Of the calls that make a session, one alone is not needed: the reconnect time-out.
     EXPECT_TRUE(objects.status != CR_STATUS_OK || calls::failures() == failed || !hadSession)
