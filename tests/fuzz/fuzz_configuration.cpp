@@ -5,26 +5,13 @@
 
 #include "ks.h"
 #include "tests/fuzz/fuzz.h"
+#include "tests/support/operations.h"
 
 namespace {
 
-template <size_t Size>
-void mustEnd(const char (&text)[Size]) {
-    MUST(memchr(text, '\0', Size) != nullptr);
-}
-
 void check(const KSConfig& config) {
-    mustEnd(config.vendorName);
-    mustEnd(config.programLabel);
-    mustEnd(config.applicationName);
-    mustEnd(config.login);
-    mustEnd(config.password);
-    mustEnd(config.spaUrl);
-    mustEnd(config.mbsUrl);
-    mustEnd(config.configFile);
-    mustEnd(config.recommendedRouteTable);
-    mustEnd(config.currentRouteTable);
-    mustEnd(config.sslKeyLocation);
+    for (const auto& [name, text] : operations::textsOf(config))
+        MUST(memchr(text.data(), '\0', text.size()) != nullptr);
     MUST(config.reconnectTimeout >= 0 && config.reconnectTimeout <= 3600);
     MUST((config.flags & ~0x7ffU) == 0);
     _ksDump(&config);

@@ -42,25 +42,13 @@ void meanwhile(Objects& objects, const Words& w) {
 
 std::string show(Objects& objects, const Words&) {
     const KSConfig& config = objects.session != nullptr ? objects.session->config : objects.config;
-    const std::pair<const char*, const char*> texts[] = {
-        {"vendor", config.vendorName},
-        {"label", config.programLabel},
-        {"application", config.applicationName},
-        {"login", config.login},
-        {"password", config.password},
-        {"spa", config.spaUrl},
-        {"mbs", config.mbsUrl},
-        {"file", config.configFile},
-        {"recommended", config.recommendedRouteTable},
-        {"current", config.currentRouteTable},
-        {"key", config.sslKeyLocation}};
     char head[100];
     snprintf(head, sizeof head, "flags %#x, pool %u, agent %u, fp %u, do %u, reconnect %ld",
              config.flags, config.storagePoolId, config.agentId, config.fingerprintType,
              config.doType, static_cast<long>(config.reconnectTimeout));
     std::string out = head;
-    for (const auto& [name, text] : texts) {
-        if (*text != '\0') out += std::string(", ") + name + " " + quoted(text);
+    for (const auto& [name, text] : operations::textsOf(config)) {
+        if (text[0] != '\0') out += std::string(", ") + name + " " + quoted(text.data());
     }
     return out;
 }

@@ -66,6 +66,20 @@ Options::Options(const std::string& word) {
     }
 }
 
+std::vector<std::pair<const char*, std::span<const char>>> textsOf(const KSConfig& config) {
+    return {{"vendor", config.vendorName},
+            {"label", config.programLabel},
+            {"application", config.applicationName},
+            {"login", config.login},
+            {"password", config.password},
+            {"spa", config.spaUrl},
+            {"mbs", config.mbsUrl},
+            {"file", config.configFile},
+            {"recommended", config.recommendedRouteTable},
+            {"current", config.currentRouteTable},
+            {"key", config.sslKeyLocation}};
+}
+
 Objects::Objects() {
     filter.size = sizeof filter;
     MBPOFilterInit(&filter);

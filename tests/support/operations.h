@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <span>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -61,6 +62,9 @@ class Options {
   private:
     std::vector<Text> texts_;
 };
+
+/// The texts of a configuration, by name, each with its field.
+std::vector<std::pair<const char*, std::span<const char>>> textsOf(const KSConfig& config);
 
 /// The objects that calls use, replace and leave behind.
 struct Objects {
@@ -187,32 +191,30 @@ struct Argument<MBImageRetentionInfo*> : Output<MBImageRetentionInfo> {
     void show(Call& call) const;
 };
 
-template <>
-struct Argument<PO*> {
+/// An object of the scene, or NULL.
+template <typename Object>
+struct Own : Input {
     static constexpr char kKind = 'o';
-    explicit Argument(Call& call) : po(call.isGiven() ? &call.objects.po : nullptr) {}
-    PO* get() const { return po; }
+    Own(Call& call, Object* own) : object(call.isGiven() ? own : nullptr) {}
+    Object* get() const { return object; }
+    Object* object;
+};
+
+template <>
+struct Argument<MBPOCursor*> : Own<MBPOCursor> {
+    explicit Argument(Call& call) : Own(call, call.objects.cursor) {}
+};
+template <>
+struct Argument<const MBPOFilter*> : Own<const MBPOFilter> {
+    explicit Argument(Call& call) : Own(call, &call.objects.filter) {}
+};
+template <>
+struct Argument<PO*> : Own<PO> {
+    explicit Argument(Call& call) : Own(call, &call.objects.po) {}
     void show(Call& call) const {
-        const PO& shown = call.objects.po;
-        call.show(po != nullptr, quoted(shown.text) + " of type " + std::to_string(shown.stype));
+        const PO& po = call.objects.po;
+        call.show(object != nullptr, quoted(po.text) + " of type " + std::to_string(po.stype));
     }
-    PO* po;
-};
-
-template <>
-struct Argument<MBPOCursor*> : Input {
-    static constexpr char kKind = 'o';
-    explicit Argument(Call& call) : cursor(call.isGiven() ? call.objects.cursor : nullptr) {}
-    MBPOCursor* get() const { return cursor; }
-    MBPOCursor* cursor;
-};
-
-template <>
-struct Argument<const MBPOFilter*> : Input {
-    static constexpr char kKind = 'o';
-    explicit Argument(Call& call) : filter(call.isGiven() ? &call.objects.filter : nullptr) {}
-    const MBPOFilter* get() const { return filter; }
-    const MBPOFilter* filter;
 };
 
 template <>

@@ -13,7 +13,6 @@
 #include "platform/ini.h"
 #include "platform/status.h"
 #include "platform/support.h"
-#include "tests/support/scripted_pool.h"
 
 namespace scripted {
 namespace {
@@ -133,28 +132,23 @@ uint32_t _crMapError(const char* function, const char* sourceFile, int line) noe
 void __TraceA(const char* format, ...) noexcept {
     RECORD("__TraceA", "");
 }
-void ErrorA(uint32_t status, const char* format, ...) noexcept {
-    RECORD("ErrorA", std::to_string(status) + ", ");
-}
-void WarningA(uint32_t status, const char* format, ...) noexcept {
-    RECORD("WarningA", std::to_string(status) + ", ");
-}
-void NoticeA(uint32_t status, const char* format, ...) noexcept {
-    RECORD("NoticeA", std::to_string(status) + ", ");
-}
-void InfoA(uint32_t status, const char* format, ...) noexcept {
-    RECORD("InfoA", std::to_string(status) + ", ");
-}
+#define MESSAGE(call)                                              \
+    void call(uint32_t status, const char* format, ...) noexcept { \
+        RECORD(#call, shown(status) + ", ");                       \
+    }
+MESSAGE(ErrorA)
+MESSAGE(WarningA)
+MESSAGE(NoticeA)
+MESSAGE(InfoA)
 void qlxLogA(uint32_t status, uint32_t level, const char* format, ...) noexcept {
-    RECORD("qlxLogA", std::to_string(status) + ", " + std::to_string(level) + ", ");
+    RECORD("qlxLogA", listed(status, level) + ", ");
 }
 void qlxSetFatalError(const char* function, uint32_t id, const char* format, ...) noexcept {
-    RECORD("qlxSetFatalError", quoted(function) + ", " + std::to_string(id) + ", ");
+    RECORD("qlxSetFatalError", listed(function, id) + ", ");
 }
 void InifileValueErrorA(const char* file, const char* section, const char* entry, int64_t value,
                         const char* format, ...) noexcept {
-    RECORD("InifileValueErrorA",
-           quoted(file) + ", " + nameOffsets(section, entry) + ", " + std::to_string(value) + ", ");
+    RECORD("InifileValueErrorA", listed(file, nameOffsets(section, entry), value) + ", ");
 }
 
 uint64_t OSGetRSS() noexcept {

@@ -68,8 +68,14 @@ void forgetQueued();
 /// What the configuration file holds, by the offsets of section and entry.
 void configValue(int section, int entry, const std::string& value);
 
+/// The offsets of two names in their tables.
+std::string nameOffsets(const char* section, const char* entry);
+
 /// Whether the calls of the configuration reader are recorded. They are unless told otherwise.
 void recordConfiguration(bool recorded);
+
+/// Forgets the replies and the configuration.
+void forgetReplies();
 
 /// Forgets the record and the names, the replies and the configuration; trace switch off, slot 0.
 void reset();

@@ -1,6 +1,4 @@
 // The scripted platform's configuration reader, network functions and PO library.
-#include "tests/support/scripted_pool.h"
-
 #include <unistd.h>
 
 #include <algorithm>
