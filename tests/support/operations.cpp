@@ -35,7 +35,7 @@ std::string quoted(const char* text) {
     std::string out = "\"";
     const size_t length = strlen(text);
     for (size_t i = 0; i < (length > kLongest ? 5 : length); ++i)
-        out += text[i] == '\n' ? "\\n" : std::string(1, text[i]);
+        text[i] == '\n' ? out += "\\n" : out += text[i];
     return out + (length > kLongest ? "...\" of " + std::to_string(length) : "\"");
 }
 
