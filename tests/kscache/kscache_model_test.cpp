@@ -33,11 +33,16 @@ TEST_P(Model, AgreesAfterEachStep) {
                       .pagesAscend = shape.placement == Placement::kAsAsked,
                       .name = "KSPOOL_TEST_SEED=" + std::to_string(seed)},
                      testing::TempDir() + "model-" + shape.name, below);
+    constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
     for (int step = 0; step < 2000; ++step) {
-        constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
         calls::cutTransfers(1 + below(kPieces[below(3)]));
         if (model.step() || step < 200 || step % 97 == 0) model.compareAll();
         scripted::takeRecord();
+    }
+    for (const uint64_t piece : kPieces) {  // so many steps meet few restarts
+        calls::cutTransfers(1 + below(piece));
+        model.restart();
+        model.compareAll();
     }
 }
 

@@ -224,7 +224,7 @@ int main(int argc, char** argv) {
     if (all && injections < kLeast) result = 1;
     for (size_t call = 0; all && call < kCalls; ++call) {
         if (made[call] > 0) continue;
-        printf("torture: no scenario reaches call %zu\n", call);
+        printf("torture: no scenario reaches %s\n", kNames[call]);
         result = 1;
     }
     pools = {};
