@@ -176,7 +176,8 @@ bool runOnce(const std::vector<operations::Row>& rows, const operations::Row& ro
         const std::string again = operations::run(objects, row.call);
         EXPECT_TRUE(objects.status == CR_STATUS_OK || objects.status == row.again) << again;
     }
-    EXPECT_EQ(live, before);
+    // The first run, without a failure, also makes what stays for the life of the process.
+    if (nth > 0) EXPECT_EQ(live, before);
     return failed > 0;
 }
 
