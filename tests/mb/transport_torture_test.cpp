@@ -177,7 +177,9 @@ bool runOnce(const std::vector<operations::Row>& rows, const operations::Row& ro
         EXPECT_TRUE(objects.status == CR_STATUS_OK || objects.status == row.again) << again;
     }
     // The first run, without a failure, also makes what stays for the life of the process.
-    if (nth > 0) EXPECT_EQ(live, before);
+    if (nth > 0) {
+        EXPECT_EQ(live, before);
+    }
     return failed > 0;
 }
 
