@@ -52,7 +52,7 @@ ExitCode list(const Options& options) {
         parseListing(length > 0 ? std::string_view(text.get(), length - 1) : "");
     (options.json ? printListingJson : printListing)(listing);
     for (const std::string& problem : listing.problems)
-        tool::complain(name + ": " + problem);
+        tool::complain(std::string(name).append(": ").append(problem));
     return listing.problems.empty() ? ExitCode::kOk : ExitCode::kFailed;
 }
 

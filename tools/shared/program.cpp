@@ -45,15 +45,14 @@ ExitCode workAndReport(const Program& program, int argc, char** argv) {
 int runProgram(const Program& program, int argc, char** argv) noexcept {
     setlocale(LC_CTYPE, "");
     setProgram(program.name, program.failed);
-    ExitCode code = program.failed;
     try {
-        code = workAndReport(program, argc, argv);
+        return static_cast<int>(workAndReport(program, argc, argv));
     } catch (const std::bad_alloc&) {
         fprintf(stderr, "%s: not enough memory\n", program.name);  // complain() would need some
     } catch (const std::exception& error) {
         complain(error.what());
     }
-    return static_cast<int>(code);
+    return static_cast<int>(program.failed);
 }
 
 }  // namespace tool
