@@ -2,7 +2,8 @@
 #include "mb/mb_request.h"
 
 #include <cstdlib>
-#include <cstring>
+
+#include "common/ascii.h"
 
 namespace kspool {
 namespace {
@@ -56,8 +57,7 @@ uint32_t reportEvent(const MBSession& session, const Operation& op, const WSResu
              op.requestedAction, orElse(result.serverAddress, session.config.mbsUrl),
              orElse(result.sourceApplication, "(unknown)"), orElse(result.severity, "(unknown)"),
              static_cast<int>(result.eventCode), orElse(result.description, "(unknown error)"));
-    const bool permission =
-        result.description != nullptr && strcasestr(result.description, "permission") != nullptr;
+    const bool permission = contains(orElse(result.description, ""), "permission");
     return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
 }
 

@@ -6,7 +6,6 @@
 //
 // Thread rule: any thread may call any function here.
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +24,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/ascii.h"
 #include "cr_status.h"
 #include "platform/ini.h"
 #include "platform/support.h"
@@ -33,10 +33,6 @@ namespace {
 
 constexpr size_t kLongestLine = size_t{64} << 10;
 constexpr size_t kLargestFile = size_t{16} << 20;
-
-bool sameName(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
 
 std::string_view trimmed(std::string_view text) {
     constexpr char kBlank[] = " \t\v\f\r";
@@ -118,13 +114,13 @@ class Search {
         if (text.front() == '[') {
             const size_t end = text.find(']');
             if (end == std::string_view::npos) return report("is a section without an end");
-            inSection_ = sameName(trimmed(text.substr(1, end - 1)), section_);
+            inSection_ = kspool::sameText(trimmed(text.substr(1, end - 1)), section_);
             return;
         }
         const size_t equals = text.find('=');
         if (equals == std::string_view::npos) return report("is neither a section nor an entry");
         if (!inSection_ || found_) return;
-        if (!sameName(trimmed(text.substr(0, equals)), entry_)) return;
+        if (!kspool::sameText(trimmed(text.substr(0, equals)), entry_)) return;
         found_ = true;
         value_ = unquoted(trimmed(text.substr(equals + 1)));
     }

@@ -1,17 +1,17 @@
 // The network functions' stand-in. No state: any thread may call any function here.
-#include <cctype>
 #include <cstring>
 #include <string_view>
 
+#include "common/ascii.h"
 #include "platform/net.h"
 
 namespace {
 
 /// The value of a hexadecimal digit, or -1.
 int digitOf(char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (isdigit(byte) != 0) return byte - '0';
-    return isxdigit(byte) != 0 ? tolower(byte) - 'a' + 10 : -1;
+    if (c >= '0' && c <= '9') return c - '0';
+    const char letter = kspool::asciiLower(c);
+    return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
 }
 
 }  // namespace

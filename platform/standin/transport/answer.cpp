@@ -1,14 +1,13 @@
 // The transport's stand-in: one answer, received piece by piece and then judged. A piece that
 // breaks the protocol or a limit ends the transfer at once, so that a server cannot make the client
 // read on or allocate without bound.
-#include <strings.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "common/ascii.h"
 #include "platform/standin/transport/transport.h"
 
 namespace ws {
@@ -20,14 +19,9 @@ constexpr size_t kFirstCapacity = 4096;
 
 std::atomic<uint64_t> limit = uint64_t{4} << 30;
 
-bool startsWith(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() &&
-           strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
 /// If the header line begins with `name` ("name:"), strips it and the blanks behind it.
 bool takeName(std::string_view& line, std::string_view name) {
-    if (!startsWith(line, name)) return false;
+    if (!kspool::beginsWith(line, name)) return false;
     line.remove_prefix(name.size());
     line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
     return true;
@@ -36,7 +30,7 @@ bool takeName(std::string_view& line, std::string_view name) {
 /// Compares a header's value without its parameters ("; charset=utf-8").
 bool isType(std::string_view value, std::string_view type) {
     const std::string_view bare = value.substr(0, value.find_first_of("; \t\r\n"));
-    return bare.size() == type.size() && startsWith(bare, type);
+    return kspool::sameText(bare, type);
 }
 
 /// A text member of a problem document, empty when it is missing or not a text. The text ends up in
@@ -65,10 +59,11 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     }
     std::string_view rest(line, length);
     rest = rest.substr(0, rest.find_last_not_of(" \t\r\n") + 1);
-    if (startsWith(rest, "HTTP/")) {  // a status line; an earlier one was of an interim answer
+    if (kspool::beginsWith(rest,
+                           "HTTP/")) {  // a status line; an earlier one was of an interim answer
         content_ = Content::kOther;
         headIsComplete_ = isChunked_ = hasLength_ = false;
-        if (!startsWith(rest, "HTTP/1.")) refusal_ = WS_STATUS_BAD_ANSWER;
+        if (!kspool::beginsWith(rest, "HTTP/1.")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (headIsComplete_) {
         return length;  // a trailer, which changes nothing
     } else if (rest.empty()) {
@@ -82,7 +77,7 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     } else if (takeName(rest, "transfer-encoding:")) {
         // libcurl would also decode further transfer codings, and ignore a Content-Length beside
         // this one, which a proxy in between may have believed.
-        const bool plain = rest.size() == 7 && startsWith(rest, "chunked");
+        const bool plain = kspool::sameText(rest, "chunked");
         if (!plain || isChunked_ || hasLength_) refusal_ = WS_STATUS_BAD_ANSWER;
         isChunked_ = true;
     } else if (takeName(rest, "content-length:")) {

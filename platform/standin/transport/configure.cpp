@@ -1,7 +1,6 @@
 // The transport's stand-in: the options that every request shares. The server URL is checked, and
 // libcurl is told how to connect, whom to trust and which sockets to use.
 #include <arpa/inet.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/ascii.h"
 #include "platform/standin/transport/transport.h"
 
 namespace ws {
@@ -22,7 +22,7 @@ bool isLoopback(std::string host) {
     in6_addr v6;
     if (inet_pton(AF_INET, host.c_str(), &v4) == 1) return ntohl(v4.s_addr) >> 24 == 127;
     if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) return IN6_IS_ADDR_LOOPBACK(&v6);
-    return strcasecmp(host.c_str(), "localhost") == 0;
+    return kspool::sameText(host, "localhost");
 }
 
 struct FreeUrl {
