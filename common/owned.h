@@ -24,7 +24,11 @@ class Descriptor {
   public:
     explicit Descriptor(int fd) noexcept : fd_(fd) {}
     Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
-    Descriptor& operator=(Descriptor&&) = delete;
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        close();
+        fd_ = other.release();
+        return *this;
+    }
     ~Descriptor() { close(); }
 
     int get() const noexcept { return fd_; }

@@ -1,9 +1,15 @@
-// Wiping of records that hold a password: freed or reused memory would still show it, in a core
-// dump for example.
+// Wiping of memory that holds a password: freed or reused memory would still show it, in a core
+// dump for example. This header depends on the standard library alone, so that programs and
+// stand-ins may include it as well.
 #ifndef COMMON_SECRET_H
 #define COMMON_SECRET_H
 
+#include <strings.h>
+
+#include <array>
+#include <cstddef>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 namespace kspool {
@@ -22,6 +28,48 @@ class ScopedWipe {
 
   private:
     Record& record_;
+};
+
+/// A text of up to `longest` characters that lies nowhere but in the object, which is wiped at its
+/// end. std::string would leave copies: in the block that it frees when it grows, and on the stack
+/// when a short text is moved.
+template <size_t longest>
+class SecretText {
+  public:
+    SecretText() = default;
+    SecretText(const SecretText&) = default;
+    SecretText& operator=(const SecretText&) = default;  ///< overwrites all of the former text
+    ~SecretText() { wipe(); }
+
+    /// Replaces the text. False, with the former text in place, for one that is too long.
+    bool set(std::string_view text) noexcept {
+        if (text.size() > longest) return false;
+        wipe();
+        memcpy(text_.data(), text.data(), text.size());
+        length_ = text.size();
+        return true;
+    }
+    /// False when there is no room.
+    bool append(char character) noexcept {
+        if (length_ == longest) return false;
+        text_[length_++] = character;
+        return true;
+    }
+    void dropLast() noexcept { text_[--length_] = '\0'; }
+
+    bool empty() const noexcept { return length_ == 0; }
+    char last() const noexcept { return length_ > 0 ? text_[length_ - 1] : '\0'; }
+    const char* text() const noexcept { return text_.data(); }
+    std::string_view view() const noexcept { return {text_.data(), length_}; }
+
+  private:
+    void wipe() noexcept {
+        explicit_bzero(text_.data(), text_.size());
+        length_ = 0;
+    }
+
+    std::array<char, longest + 1> text_{};
+    size_t length_ = 0;
 };
 
 }  // namespace kspool

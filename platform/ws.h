@@ -4,10 +4,10 @@
  * This header is a contract without code. The library calls the first part; the second is for
  * programs that inspect or adjust a transport of the implementation in platform/standin/.
  *
- * A transport is used by one thread at a time; different transports are independent. After a fork
- * it belongs to the parent: the child's requests fail, its WSShutdown() frees memory and sends
- * nothing. Texts are copied when they are set. Calls that return a status leave the status slot
- * alone; errno is undefined after every call.
+ * A transport is used by one thread at a time; different transports are independent. WSAbort()
+ * alone may run beside another call. After a fork a transport belongs to the parent: the child's
+ * requests fail, its WSShutdown() frees memory and sends nothing. Texts are copied when they are
+ * set. Calls that return a status leave the status slot alone; errno is undefined after every call.
  *
  * Arguments that mean the same everywhere:
  *
@@ -19,6 +19,7 @@
  *   dataselection  number of the data selection
  *   body           text of the request
  *   action         name of the action
+ *   record         receives what is asked for
  *   code           code of the option
  *   bytes          the limit
  *   a              0
@@ -58,7 +59,7 @@ enum WSOptionCode {
     WS_OPT_7 = 7,          /* integer */
     WS_OPT_8 = 8,          /* integer */
     WS_OPT_RESPONSE_TIMEOUT =
-        9, /* integer, seconds for one request, up to a day; 0 or less: none */
+        9, /* integer, seconds in which something has to move, up to a day; 0 or less: none */
     WS_OPT_SSL_KEY_LOCATION = 11,  /* text: a PEM file with key and certificate, with which the
                                       system's authorities are trusted; or a folder with all of
                                       ca.pem, cert.pem, key.pem, with which only the first is */
@@ -71,16 +72,18 @@ enum WSService { WS_SERVICE_METABASE = 6, WS_SERVICE_SPA = 9, WS_SERVICE_KEEPALI
 
 /* Why a request got no valid answer. */
 enum WSStatus {
-    WS_STATUS_FAILED = 2000,     /* the transport itself cannot work */
-    WS_STATUS_NO_SERVER = 2001,  /* no server URL is set, or it is invalid */
-    WS_STATUS_PLAINTEXT = 2002,  /* plain http to another machine is not allowed */
-    WS_STATUS_FORKED = 2003,     /* the transport belongs to the parent process */
-    WS_STATUS_NO_CONNECT = 2004, /* connection refused, or server name unknown */
-    WS_STATUS_TIMED_OUT = 2005,  /* no complete answer in time */
-    WS_STATUS_CUT = 2006,        /* the connection ended before the answer was complete */
-    WS_STATUS_TLS = 2007,        /* no secure connection: certificate, key or protocol */
-    WS_STATUS_BAD_ANSWER = 2008, /* an answer that is not of the protocol */
-    WS_STATUS_TOO_LARGE = 2009   /* an answer over the limit */
+    WS_STATUS_FAILED = 2000,            /* the transport itself cannot work */
+    WS_STATUS_NO_SERVER = 2001,         /* no server URL is set, or it is invalid */
+    WS_STATUS_PLAINTEXT = 2002,         /* plain http to another machine is not allowed */
+    WS_STATUS_FORKED = 2003,            /* the transport belongs to the parent process */
+    WS_STATUS_NO_CONNECT = 2004,        /* connection refused, or server name unknown */
+    WS_STATUS_TIMED_OUT = 2005,         /* sent, but no complete answer in time */
+    WS_STATUS_CUT = 2006,               /* the connection ended before the answer was complete */
+    WS_STATUS_TLS = 2007,               /* no secure connection: certificate, key or protocol */
+    WS_STATUS_BAD_ANSWER = 2008,        /* an answer that is not of the protocol */
+    WS_STATUS_TOO_LARGE = 2009,         /* an answer over the limit */
+    WS_STATUS_CONNECT_TIMED_OUT = 2010, /* no connection in time: name, TCP or TLS */
+    WS_STATUS_ABORTED = 2011            /* ended by WSAbort() */
 };
 
 /*
@@ -96,6 +99,34 @@ typedef struct WSResult {
     const char* sourceApplication; /* component that reported */
     const char* description;       /* description for people */
 } WSResult;
+
+/* What a transport knows of its last request. Texts are NULL where nothing is known. */
+typedef struct WSEventRecord {
+    uint32_t eventCode;            /* 0 without an event */
+    uint32_t httpStatus;           /* of the last answer; 0 without one */
+    uint32_t attempts;             /* how often it was tried; 0: it was refused before */
+    const char* requestId;         /* 32 hexadecimal digits */
+    const char* severity;          /* severity of the event */
+    const char* serverAddress;     /* address of the reporting server */
+    const char* sourceApplication; /* component that reported */
+    const char* description;       /* description for people */
+} WSEventRecord;
+
+enum { WS_LATENCIES = 32 }; /* number of classes */
+
+/* What a transport has done since WSInit(). Requests that were refused before they were sent do not
+ * count. */
+typedef struct WSStatisticsRecord {
+    uint64_t requests;                /* sent, or tried to */
+    uint64_t attempts;                /* at least one a request */
+    uint64_t connections;             /* opened */
+    uint64_t bytesSent;               /* heads and bodies, without TLS */
+    uint64_t bytesReceived;           /* the same */
+    uint64_t microseconds;            /* in requests, pauses included */
+    uint64_t latencies[WS_LATENCIES]; /* requests by their time: class k holds those of 2^(k-1) or
+                                         more and less than 2^k microseconds; the last one also all
+                                         longer ones */
+} WSStatisticsRecord;
 
 /* ---- What the library calls ---- */
 
@@ -130,8 +161,13 @@ KSPOOL_API uint32_t WSSetOptVa(WSTransport* transport, ...) KSPOOL_NOEXCEPT;
  *   int64_t             wormflags, retention
  * Returns 0 when the server answered, with `result` filled: eventCode 0 and the text, or an event.
  * Otherwise `result` is cleared: 9 for an unknown name or service, 22 without memory, or a
- * WS_STATUS_... value. The request may have been carried out all the same, but not with 9,
- * WS_STATUS_NO_SERVER, WS_STATUS_PLAINTEXT, WS_STATUS_FORKED and WS_STATUS_NO_CONNECT.
+ * WS_STATUS_... value. The request may have been carried out all the same, once, but not with 9,
+ * WS_STATUS_NO_SERVER, WS_STATUS_PLAINTEXT, WS_STATUS_FORKED, WS_STATUS_NO_CONNECT, WS_STATUS_TLS
+ * and WS_STATUS_CONNECT_TIMED_OUT.
+ *
+ * A request ends when nothing moved, in either direction, for one response time-out; and at the
+ * latest when the response and the reconnect time-out are over, and a second more for each 64 KiB
+ * that moved.
  */
 KSPOOL_API uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result,
                                  ...) KSPOOL_NOEXCEPT;
@@ -141,7 +177,10 @@ KSPOOL_API uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSRe
                                   uint32_t dataselection, const char* body,
                                   const char* action) KSPOOL_NOEXCEPT;
 
-/* When the transport was last used, in seconds as time() counts them: WSInit() or a request. */
+/*
+ * When the transport was last used, in seconds as time() counts them: WSInit(), or a request that
+ * was sent.
+ */
 KSPOOL_API int64_t WSGetLastUseTime(const WSTransport* transport) KSPOOL_NOEXCEPT;
 
 /* The time-outs in seconds. The reconnect time-out is 0 when not set, that for responses 30. */
@@ -154,6 +193,23 @@ KSPOOL_API int64_t WSGetResponseTimeout(const WSTransport* transport) KSPOOL_NOE
  * slot, on failure.
  */
 KSPOOL_API uint32_t WSArchMode(WSTransport* transport) KSPOOL_NOEXCEPT;
+
+/*
+ * The library refers to the next three weakly: an implementation may leave them out.
+ *
+ * WSAbort() ends the request under way in another thread, or in the code that a signal has
+ * interrupted, with WS_STATUS_ABORTED. Without a request under way the call has no effect. Any
+ * thread and any signal handler may call it, but not beside WSShutdown(). errno stays as it is. 0,
+ * or WS_STATUS_FORKED in a child.
+ */
+KSPOOL_API uint32_t WSAbort(WSTransport* transport) KSPOOL_NOEXCEPT;
+
+/* Tells about the last request. The texts are the transport's, valid until its next request. */
+KSPOOL_API void WSLastEvent(const WSTransport* transport, WSEventRecord* record) KSPOOL_NOEXCEPT;
+
+/* Tells what the transport has done so far. */
+KSPOOL_API void WSStatistics(const WSTransport* transport,
+                             WSStatisticsRecord* record) KSPOOL_NOEXCEPT;
 
 /* ---- For programs ---- */
 

@@ -52,6 +52,8 @@ constexpr StatusText kTexts[] = {
     {WS_STATUS_TLS, "no secure connection could be made"},
     {WS_STATUS_BAD_ANSWER, "the server's answer is not of the protocol"},
     {WS_STATUS_TOO_LARGE, "the server's answer is too large"},
+    {WS_STATUS_CONNECT_TIMED_OUT, "no connection to the server could be made in time"},
+    {WS_STATUS_ABORTED, "the request was aborted"},
 };
 
 /// Leaves a reason in the slot and returns NULL, for CRConfigLocate().

@@ -34,6 +34,8 @@ TEST(Transport, SaysWhyNothingCanBeSent) {
         {"http://127.0.0.1/?a=b", WS_STATUS_NO_SERVER},
         {"http://127.0.0.1?", WS_STATUS_NO_SERVER},
         {"http://127.0.0.1/#", WS_STATUS_NO_SERVER},
+        {"http:/127.0.0.1", WS_STATUS_NO_SERVER},
+        {"http:///127.0.0.1", WS_STATUS_NO_SERVER},
         {any, WS_STATUS_PLAINTEXT},
         {"http://127.0.0.1.example", WS_STATUS_PLAINTEXT},
         {"http://127.0.0.1:1", WS_STATUS_NO_CONNECT},
@@ -106,26 +108,6 @@ TEST(Transport, SendsLargeTexts) {
               0U);
     free(result.data);
     EXPECT_EQ(headerOf(server.requests().back(), "Content-Length"), "27000019");
-}
-
-// A machine that is down does not refuse: it says nothing. Nor does one whose queue is full.
-TEST(Transport, WaitsForAServerThatDoesNotAnswerTheConnect) {
-    uint16_t port = 0;
-    const int listener = loopback::listenOn(port, 0);
-    int waiting[4];
-    for (int& fd : waiting)
-        fd = loopback::connectTo(port, SOCK_NONBLOCK);
-    Transport transport("http://127.0.0.1:" + std::to_string(port), 1);
-    for (const int64_t reconnect : {0, 1}) {
-        transport.reconnect(reconnect);
-        const auto start = Clock::now();
-        EXPECT_EQ(transport.get(), WS_STATUS_NO_CONNECT);
-        EXPECT_GE(secondsSince(start), 0.9 * (1 + static_cast<double>(reconnect)));
-        EXPECT_LT(secondsSince(start), 3 + static_cast<double>(reconnect));
-    }
-    for (const int fd : waiting)
-        close(fd);
-    close(listener);
 }
 
 TEST(Transport, SetsAllOptionsOrNone) {
@@ -240,9 +222,10 @@ TEST(Transport, RepeatsARequestWhoseOldConnectionDied) {
     }
 }
 
-// The server may have carried out what it got before it went, but not what it turned away.
+// The server may have carried out the request before it went, unless an event of its own denies it.
 TEST(Transport, DoesNotSayThatWhatWasSentWasNot) {
     const std::string busy = answer("503 Busy", "text/plain", "x");
+    const std::string event = answer("503 Busy", "application/problem+json", R"({"eventCode":7})");
     const std::string gateway = answer("504 Gateway Timeout", "text/plain", "x");
     const struct {
         const char *name, *answer;
@@ -250,7 +233,8 @@ TEST(Transport, DoesNotSayThatWhatWasSentWasNot) {
         uint32_t status;
     } table[] = {{"died", "", 0, kCut},
                  {"died, waited for", "", 1, kCut},
-                 {"busy", busy.c_str(), 1, WS_STATUS_NO_CONNECT},
+                 {"busy", busy.c_str(), 1, kCut},
+                 {"refused by the server itself", event.c_str(), 1, WS_STATUS_NO_CONNECT},
                  {"behind a gateway", gateway.c_str(), 1, kCut}};
     for (const auto& row : table) {
         SCOPED_TRACE(row.name);
@@ -319,6 +303,135 @@ TEST(Transport, AsksForTheArchitectureModeOnce) {
     server.queue({textAnswer("0"), kOpen, 0, 0});
     EXPECT_EQ(WSArchMode(transport), 0U);
     EXPECT_EQ(server.requests().back().substr(0, 26), "GET /pool/ws/arch HTTP/1.1");
+}
+
+// The variables are those of other programs, and would show login and password to a third party.
+TEST(Transport, GoesThroughNoProxyButItsOwn) {
+    RawServer proxy({"HTTP/1.1 403 No\r\nContent-Length: 0\r\n\r\n", kClose, 0, 0});
+    const std::string address = proxy.url();
+    const struct {
+        const char *variable, *url, *value;
+        uint32_t status;
+        const char* request;  ///< the proxy gets; NULL: none
+    } table[] = {
+        {"http_proxy", "http://127.9.9.9:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"https_proxy", "https://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"all_proxy", "https://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"KSPOOL_PROXY", "http://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"KSPOOL_PROXY", "https://127.0.0.1:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"KSPOOL_PROXY", "https://0.0.0.0:1", "", WS_STATUS_NO_CONNECT, nullptr},
+        {"KSPOOL_PROXY", "https://0.0.0.0:1", "socks5://127.0.0.1", WS_STATUS_NO_SERVER, nullptr},
+        {"KSPOOL_PROXY", "https://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT,
+         "CONNECT 0.0.0.0:1 HTTP/1.1"},
+    };
+    setenv("KSPOOL_ALLOW_PLAINTEXT", "1", 1);
+    setenv("no_proxy", "0.0.0.0", 1);
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.variable) + " " + row.url);
+        setenv(row.variable, row.value, 1);
+        const size_t before = proxy.requests().size();
+        Transport transport(row.url);
+        transport.set(WS_OPT_LOGIN, "me");
+        EXPECT_EQ(transport.get(), row.status);
+        const auto requests = proxy.requests();
+        ASSERT_EQ(requests.size(), before + (row.request != nullptr ? 1 : 0));
+        if (row.request != nullptr) {
+            EXPECT_EQ(requests.back().substr(0, requests.back().find("\r\n")), row.request);
+            EXPECT_EQ(headerOf(requests.back(), "Authorization"), "");
+        }
+        unsetenv(row.variable);
+    }
+    unsetenv("no_proxy");
+    unsetenv("KSPOOL_ALLOW_PLAINTEXT");
+}
+
+TEST(Transport, TellsAboutTheLastRequest) {
+    RawServer server;
+    Transport transport(server.url());
+    transport.reconnect(3);
+    const std::string event = answer("409 Conflict", "application/problem+json",
+                                     R"({"eventCode":7,"detail":"in use","severity":"ERROR"})");
+    const struct {
+        std::vector<std::string> answers;
+        uint32_t status, eventCode, httpStatus, attempts;
+        std::string description;
+    } table[] = {
+        {{textAnswer("x")}, 0, 0, 200, 1, ""},
+        {{answer("503 Busy", "text/plain", "x"), event}, 0, 7, 409, 2, "in use"},
+        {{answer("500 Oops", "text/plain", "x")}, kBad, 0, 500, 1, ""},
+    };
+    const auto text = [](const char* given) { return std::string(given != nullptr ? given : ""); };
+    WSEventRecord last;
+    for (const auto& row : table) {
+        for (const std::string& bytes : row.answers)
+            server.queue({bytes, kOpen, 0, 0});
+        EXPECT_EQ(transport.get(), row.status);
+        WSLastEvent(transport, &last);
+        EXPECT_EQ(last.eventCode, row.eventCode);
+        EXPECT_EQ(last.httpStatus, row.httpStatus);
+        EXPECT_EQ(last.attempts, row.attempts);
+        EXPECT_EQ(text(last.description), row.description);
+        EXPECT_EQ(text(last.severity), row.eventCode != 0 ? "ERROR" : "");
+        EXPECT_EQ(last.serverAddress, nullptr);
+        EXPECT_EQ(text(last.requestId), headerOf(server.requests().back(), "Request-Id"));
+    }
+    transport.set(WS_OPT_SERVER_URL, "");
+    EXPECT_EQ(transport.get(), WS_STATUS_NO_SERVER);
+    WSLastEvent(transport, &last);
+    EXPECT_EQ(last.attempts + last.httpStatus, 0U);
+    EXPECT_EQ(last.requestId, nullptr);
+}
+
+TEST(Transport, CountsWhatItDoes) {
+    RawServer server;
+    Transport transport(server.url());
+    transport.reconnect(3);
+    const std::string replies[] = {textAnswer("x"), answer("503 Busy", "text/plain", ""),
+                                   textAnswer(std::string(100000, 'y')), textAnswer("z")};
+    size_t received = 0, sent = 0;
+    for (const std::string& bytes : replies) {
+        server.queue({bytes, kOpen, 0, 0});
+        received += bytes.size();
+    }
+    EXPECT_EQ(transport.get() + transport.get(), 0U);
+    const std::string large(200000, 'x');
+    WSResult result{};
+    EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &result, 1, large.c_str(), "x"), 0U);
+    free(result.data);
+    for (const std::string& request : server.requests())
+        sent += request.size();
+    WSStatisticsRecord s;
+    WSStatistics(transport, &s);
+    EXPECT_EQ(s.requests, 3U);
+    EXPECT_EQ(s.attempts, 4U);
+    EXPECT_EQ(s.connections, 1U);
+    EXPECT_EQ(s.bytesSent, sent);
+    EXPECT_EQ(s.bytesReceived, received);
+    uint64_t most = 0, all = 0;
+    for (size_t i = 0; i < WS_LATENCIES; ++i) {
+        all += s.latencies[i];
+        most += s.latencies[i] << i;
+    }
+    EXPECT_EQ(all, s.requests);
+    EXPECT_LT(s.microseconds, most);
+    EXPECT_GE(2 * s.microseconds, most);
+}
+
+// A request that is refused before it is sent leaves the connection to grow old.
+TEST(Transport, CountsAsUsedWhenSomethingWasSent) {
+    RawServer server;
+    Transport transport(server.url());
+    const int64_t begin = WSGetLastUseTime(transport);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    server.refuse();
+    EXPECT_EQ(transport.get(), WS_STATUS_NO_CONNECT);
+    transport.set(WS_OPT_SERVER_URL, "");
+    EXPECT_EQ(transport.get(), WS_STATUS_NO_SERVER);
+    EXPECT_EQ(WSGetLastUseTime(transport), begin);
+    server.listen();
+    transport.set(WS_OPT_SERVER_URL, server.url().c_str());
+    EXPECT_EQ(transport.get(), 0U);
+    EXPECT_GT(WSGetLastUseTime(transport), begin);
 }
 
 }  // namespace

@@ -80,20 +80,6 @@ void require(const std::string& source, const Problem& problem) {
 
 }  // namespace
 
-Secret::~Secret() {
-    explicit_bzero(text_.data(), text_.size());
-}
-
-bool Secret::append(char character) {
-    if (length_ == kLongest) return false;
-    text_[length_++] = character;
-    return true;
-}
-
-void Secret::dropLast() {
-    text_[--length_] = '\0';
-}
-
 void takePassword(const std::string& file, Secret& secret) {
     require(std::string("$") + kVariable, takeVariable(file.empty(), secret));
     if (file.empty()) return;

@@ -7,32 +7,14 @@
 #ifndef TOOLS_SHARED_SECRET_H
 #define TOOLS_SHARED_SECRET_H
 
-#include <array>
-#include <cstddef>
 #include <string>
+
+#include "common/secret.h"
 
 namespace tool {
 
-class Secret {
-  public:
-    static constexpr size_t kLongest = 255;  ///< characters that KS_OPT_PASSWORD takes
-
-    Secret() = default;
-    ~Secret();
-    Secret(const Secret&) = delete;
-    Secret& operator=(const Secret&) = delete;
-
-    bool empty() const { return length_ == 0; }
-    const char* text() const { return text_.data(); }
-    /// False when it has kLongest characters already.
-    bool append(char character);
-    void dropLast();
-    char last() const { return length_ > 0 ? text_[length_ - 1] : '\0'; }
-
-  private:
-    std::array<char, kLongest + 1> text_{};
-    size_t length_ = 0;
-};
+/// Of as many characters as KS_OPT_PASSWORD takes.
+using Secret = kspool::SecretText<255>;
 
 /// Reads the password from the first line of a file ("-": standard input), or without one from
 /// $KSPOOL_PASSWORD, which is wiped and unset in any case. Throws Failure with kUsage for a source

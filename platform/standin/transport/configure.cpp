@@ -16,6 +16,12 @@ namespace {
 
 constexpr long kConnectTimeoutMs = 10'000;
 
+/// An environment variable; NULL when it is not set or empty.
+const char* setVariable(const char* name) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
 bool isLoopback(std::string host) {
     if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
     in_addr v4;
@@ -28,6 +34,7 @@ bool isLoopback(std::string host) {
 struct FreeUrl {
     void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
+using Url = std::unique_ptr<CURLU, FreeUrl>;
 
 /// True on CURLUE_OK; throws bad_alloc when libcurl is out of memory.
 bool isOk(CURLUcode code) {
@@ -42,34 +49,60 @@ std::string partOf(CURLU* url, CURLUPart part) {
     return text;
 }
 
-/// Checks the server URL and fills `base` and `pathStart`. Returns 0, or the status that every
-/// request with this URL gets.
-uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
-    const std::string& text = transport.settings.serverUrl.text();
-    if (text.empty()) return WS_STATUS_NO_SERVER;
-    const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
+/// A URL, or NULL for a text that is not an http or https one. libcurl also takes "http:/host" and
+/// "http:///host", of which other programs make another host or none.
+Url parsed(std::string_view text) {
+    Url url(curl_url());
     if (url == nullptr) throw std::bad_alloc();
-    if (!isOk(curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0))) return WS_STATUS_NO_SERVER;
+    const std::string copy(text);
+    if (!isOk(curl_url_set(url.get(), CURLUPART_URL, copy.c_str(), 0))) return nullptr;
     const std::string scheme = partOf(url.get(), CURLUPART_SCHEME);
-    if (scheme != "http" && scheme != "https") return WS_STATUS_NO_SERVER;
+    if (scheme != "http" && scheme != "https") return nullptr;
+    const std::string_view rest = text.substr(std::min(scheme.size(), text.size()));
+    return rest.starts_with("://") && !rest.starts_with(":///") ? std::move(url) : nullptr;
+}
+
+/// Strips slashes at the end.
+std::string bare(const std::string& text) {
+    return text.substr(0, text.find_last_not_of('/') + 1);
+}
+
+/// Checks the server URL and fills `base` and `path`. Returns 0, or the status that every request
+/// with this URL gets.
+uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
+    const std::string_view text = transport.settings.serverUrl.view();
+    if (text.empty()) return WS_STATUS_NO_SERVER;
+    const Url url = parsed(text);
+    if (url == nullptr) return WS_STATUS_NO_SERVER;
     // Paths are appended to the text, which a query or a fragment would swallow.
-    if (text.find_first_of("?#") != std::string::npos) return WS_STATUS_NO_SERVER;
+    if (text.find_first_of("?#") != std::string_view::npos) return WS_STATUS_NO_SERVER;
     // The URL is logged with each failure, and a password in it would be as well.
     for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD}) {
         if (!partOf(url.get(), part).empty()) return WS_STATUS_NO_SERVER;
     }
     loopback = isLoopback(partOf(url.get(), CURLUPART_HOST));
-    const char* allowed = getenv("KSPOOL_ALLOW_PLAINTEXT");
-    if (scheme == "http" && !loopback && (allowed == nullptr || strcmp(allowed, "1") != 0)) {
+    transport.isTls = partOf(url.get(), CURLUPART_SCHEME) == "https";
+    const char* allowed = setVariable("KSPOOL_ALLOW_PLAINTEXT");
+    if (!transport.isTls && !loopback && (allowed == nullptr || strcmp(allowed, "1") != 0)) {
         return WS_STATUS_PLAINTEXT;
     }
-    transport.base = text.substr(0, text.find_last_not_of('/') + 1);
-    // Plain http to another host may go through a proxy, whose request line has the whole URL.
-    const bool direct = scheme == "https" || loopback;
-    const size_t host = transport.base.find("://") + 3;
-    transport.pathStart =
-        direct ? std::min(transport.base.find('/', host), transport.base.size()) : 0;
+    transport.base = bare(partOf(url.get(), CURLUPART_URL));
+    transport.path = bare(partOf(url.get(), CURLUPART_PATH));
     return CR_STATUS_OK;
+}
+
+/// Names the proxy, if any. libcurl would take one from http_proxy and its relatives, which are set
+/// for other programs: login and password would reach a host that nobody meant to trust with them.
+/// Only TLS goes through a proxy, as a tunnel that it cannot look into. Returns 0, or the status of
+/// an unusable KSPOOL_PROXY, since a direct connection may be what the proxy is to prevent.
+uint32_t setProxy(const WSTransport& transport, bool loopback) {
+    CURL* curl = transport.curl.get();
+    const char* proxy = transport.isTls && !loopback ? setVariable("KSPOOL_PROXY") : nullptr;
+    setCurl(curl, CURLOPT_NOPROXY, "");
+    setCurl(curl, CURLOPT_PROXY, proxy != nullptr ? proxy : "");
+    if (proxy == nullptr) return CR_STATUS_OK;
+    setCurl(curl, CURLOPT_HTTPPROXYTUNNEL, 1L);
+    return parsed(proxy) != nullptr ? uint32_t{CR_STATUS_OK} : uint32_t{WS_STATUS_NO_SERVER};
 }
 
 size_t onHeader(char* line, size_t, size_t length, void* collector) {
@@ -103,8 +136,10 @@ int onClose(void* transport, curl_socket_t closed) {
 
 /// Called when a connection is ready, just before the request goes out on it. More than one call
 /// within an attempt means that libcurl repeated the request by itself.
-int onTransmission(void* transport, char*, char*, int, int) {
-    ++static_cast<WSTransport*>(transport)->transmissions;
+int onTransmission(void* data, char*, char*, int, int) {
+    auto* transport = static_cast<WSTransport*>(data);
+    ++transport->transmissions;
+    curl_easy_getinfo(transport->curl.get(), CURLINFO_OS_ERRNO, &transport->connectErrno);
     return CURL_PREREQFUNC_OK;
 }
 
@@ -134,6 +169,7 @@ void configure(WSTransport& transport) {
     bool loopback = false;
     curl_easy_reset(curl);
     transport.unusable = readServerUrl(transport, loopback);
+    if (transport.unusable == 0) transport.unusable = setProxy(transport, loopback);
     // Signals belong to the program: no SIGALRM, no change of handlers.
     setCurl(curl, CURLOPT_NOSIGNAL, 1L);
     setCurl(curl, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -146,12 +182,13 @@ void configure(WSTransport& transport) {
     setCurl(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
     setCurl(curl, CURLOPT_TCP_KEEPALIVE, 1L);
     setCurl(curl, CURLOPT_USERAGENT, "kspool");
-    if (loopback) setCurl(curl, CURLOPT_NOPROXY, "*");
+    // A name server that never answers would hold the caller beyond the deadline.
+    setCurl(curl, CURLOPT_QUICK_EXIT, 1L);
     setKeys(curl, s.keyLocation.text());
-    if (!s.login.text().empty()) {
+    if (!s.login.empty()) {
         setCurl(curl, CURLOPT_HTTPAUTH, long{CURLAUTH_BASIC});
-        setCurl(curl, CURLOPT_USERNAME, s.login.text().c_str());
-        setCurl(curl, CURLOPT_PASSWORD, s.password.text().c_str());
+        setCurl(curl, CURLOPT_USERNAME, s.login.text());
+        setCurl(curl, CURLOPT_PASSWORD, s.password.text());
     }
     setCurl(curl, CURLOPT_OPENSOCKETFUNCTION, onOpen);
     setCurl(curl, CURLOPT_OPENSOCKETDATA, &transport);

@@ -108,10 +108,6 @@ const char* pathOf(uint32_t service) {
     return row != std::end(kServices) ? row->path : nullptr;
 }
 
-const char* nullIfEmpty(const std::string& text) {
-    return text.empty() ? nullptr : text.c_str();
-}
-
 /// Sends a request and fills the result. The event's texts stay with the transport.
 uint32_t send(WSTransport& transport, const Request& request, WSResult& result) {
     kspool::OwnedText text;
@@ -138,7 +134,7 @@ uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result
     if (path == nullptr) return CR_STATUS_INVALID_PARAMETER;
     va_list parameters;
     va_start(parameters, result);
-    uint32_t status = CR_STATUS_NO_MEMORY;
+    uint32_t status = CR_STATUS_OK;
     try {
         std::string form;
         status = writeForm(parameters, form)
@@ -146,7 +142,8 @@ uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result
                             {path, "application/x-www-form-urlencoded", form.data(), form.size()},
                             *result)
                      : uint32_t{CR_STATUS_INVALID_PARAMETER};
-    } catch (const std::exception&) {
+    } catch (...) {
+        status = statusOfException();
     }
     va_end(parameters);
     return status;
@@ -162,7 +159,7 @@ uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSResult* resul
                                    "&dataselection=" + std::to_string(dataselection);
         if (body == nullptr) body = "";
         return send(*transport, {target.c_str(), "text/plain", body, strlen(body)}, *result);
-    } catch (const std::exception&) {
-        return CR_STATUS_NO_MEMORY;
+    } catch (...) {
+        return statusOfException();
     }
 }

@@ -1,6 +1,7 @@
 // The transport's stand-in: creation, options, queries and shutdown. The invariants of the record
 // are in transport.h.
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #include "platform/standin/transport/transport.h"
 #include "platform/status.h"
@@ -19,7 +21,6 @@
 namespace ws {
 namespace {
 
-constexpr size_t kLongestText = 4095;
 constexpr uint32_t kMostPairs = 8;  // of WSSetOptVa()
 constexpr uint32_t kNoArchMode = 0xFFFFFFFF;
 
@@ -61,17 +62,17 @@ uint32_t checkText(const WSOption& option) {
     if (option.code == WS_OPT_LOGIN && strchr(text, ':') != nullptr) {
         return CR_STATUS_INVALID_PARAMETER;
     }
-    return strnlen(text, kLongestText + 1) > kLongestText ? CR_STATUS_LIMIT_EXCEEDED : CR_STATUS_OK;
+    return CR_STATUS_OK;
 }
 
-/// Applies all records or none: they go to a copy, and swapping it in cannot fail. The copy leaves
-/// with the old texts, which its Secrets wipe.
+/// Applies all records or none: they go to a copy, and assigning it cannot fail. The copy's Secrets
+/// are wiped.
 uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t count) {
     Settings next = transport.settings;
     for (uint32_t i = 0; i < count; ++i) {
         if (const TextRow* row = rowOf(kTexts, options[i].code)) {
             if (const uint32_t bad = checkText(options[i])) return bad;
-            (next.*row->text).set(options[i].value.text);
+            if (!(next.*row->text).set(options[i].value.text)) return CR_STATUS_LIMIT_EXCEEDED;
         } else if (const NumberRow* number = rowOf(kNumbers, options[i].code)) {
             next.*number->number = options[i].value.number;
         } else {
@@ -80,11 +81,9 @@ uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t co
     }
     next.reconnectTimeout = std::max<int64_t>(next.reconnectTimeout, 0);
     Settings& now = transport.settings;
-    if (next.serverUrl.text() != now.serverUrl.text()) transport.archKnown = false;
-    for (const TextRow& row : kTexts)
-        (now.*row.text).swap(next.*row.text);
-    for (const NumberRow& row : kNumbers)
-        now.*row.number = next.*row.number;
+    if (next.serverUrl.view() != now.serverUrl.view()) transport.archKnown = false;
+    static_assert(std::is_nothrow_copy_assignable_v<Settings>);
+    now = next;
     transport.configured = false;
     return CR_STATUS_OK;
 }
@@ -102,7 +101,10 @@ std::unique_ptr<WSTransport> makeTransport() {
     if (!globalInit()) return nullptr;
     auto transport = std::make_unique<WSTransport>();
     transport->curl.reset(curl_easy_init());
-    if (transport->curl == nullptr) return nullptr;
+    transport->multi.reset(curl_multi_init());
+    if (transport->curl == nullptr || transport->multi == nullptr) return nullptr;
+    transport->wake = kspool::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (transport->wake.get() < 0) return nullptr;
     const ssize_t got = getrandom(&transport->idStart, sizeof transport->idStart, 0);
     if (got != static_cast<ssize_t>(sizeof transport->idStart)) return nullptr;
     transport->owner = getpid();
@@ -140,21 +142,15 @@ uint32_t askArchMode(WSTransport& transport) {
 
 }  // namespace
 
-/// Wipes the whole capacity, not the size alone: behind a shorter text stand the bytes of the
-/// longer one that was there before.
-void Secret::wipe() noexcept {
-    text_.resize(text_.capacity());
-    explicit_bzero(text_.data(), text_.size());
-}
-
-/// The new text is built first: assigning to `text_` could reallocate and free the old block as it
-/// is. The old block is wiped before `next` takes it over and frees it. Not covered: swap() may
-/// copy a text of up to 15 characters by way of the stack.
-void Secret::set(const char* text) {
-    std::string next(text);
-    wipe();
-    text_.swap(next);
-    explicit_bzero(next.data(), next.size());
+uint32_t statusOfException() noexcept {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        return CR_STATUS_NO_MEMORY;
+    } catch (const std::exception& problem) {
+        NoticeA(WS_STATUS_FAILED, "transport: %s", problem.what());
+        return WS_STATUS_FAILED;
+    }
 }
 
 }  // namespace ws
@@ -166,9 +162,8 @@ WSTransport* WSInit(int, int, int, int, int) noexcept {
     uint32_t failed = WS_STATUS_FAILED;
     try {
         transport = makeTransport();
-    } catch (const std::bad_alloc&) {
-        failed = CR_STATUS_NO_MEMORY;
-    } catch (const std::exception&) {
+    } catch (...) {
+        failed = statusOfException();
     }
     if (transport == nullptr) *__cr_errno_location() = failed;
     return transport.release();
@@ -177,17 +172,14 @@ WSTransport* WSInit(int, int, int, int, int) noexcept {
 void WSShutdown(WSTransport* transport) noexcept {
     if (transport == nullptr) return;
     if (transport->owner != getpid()) muteConnections(*transport);
-    // The handle goes first: closing its connections calls onClose(), which needs the record.
+    // The handles go first: closing the connections calls onClose(), which needs the record.
+    transport->multi.reset();
     transport->curl.reset();
     delete transport;
 }
 
 uint32_t WSSetOpt(WSTransport* transport, const WSOption* options, uint32_t count) noexcept {
-    try {
-        return setOptions(*transport, options, count);
-    } catch (const std::exception&) {
-        return CR_STATUS_NO_MEMORY;
-    }
+    return setOptions(*transport, options, count);
 }
 
 uint32_t WSSetOptVa(WSTransport* transport, ...) noexcept {
@@ -231,12 +223,43 @@ int64_t WSGetOption(const WSTransport* transport, uint32_t code) noexcept {
 
 uint32_t WSArchMode(WSTransport* transport) noexcept {
     if (transport->archKnown) return transport->archMode;
-    uint32_t status = CR_STATUS_NO_MEMORY;
+    uint32_t status = CR_STATUS_OK;
     try {
         status = askArchMode(*transport);
-    } catch (const std::exception&) {
+    } catch (...) {
+        status = statusOfException();
     }
     if (status == CR_STATUS_OK) return transport->archMode;
     *__cr_errno_location() = status;
     return kNoArchMode;
+}
+
+// WSInit() stands in this file, too, so that a program that is linked with the archive gets these
+// three: weak references alone would not bring them in.
+
+uint32_t WSAbort(WSTransport* transport) noexcept {
+    if (transport->owner != getpid()) return WS_STATUS_FORKED;
+    const int savedErrno = errno;
+    transport->aborted = true;
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(transport->wake.get(), &one, sizeof one);
+    errno = savedErrno;
+    return CR_STATUS_OK;
+}
+
+void WSLastEvent(const WSTransport* transport, WSEventRecord* record) noexcept {
+    const Event& event = transport->event;
+    const Trace& trace = transport->trace;
+    *record = {event.code,
+               trace.httpStatus,
+               trace.attempts,
+               nullIfEmpty(trace.id),
+               nullIfEmpty(event.severity),
+               nullIfEmpty(event.serverAddress),
+               nullIfEmpty(event.sourceApplication),
+               nullIfEmpty(event.description)};
+}
+
+void WSStatistics(const WSTransport* transport, WSStatisticsRecord* record) noexcept {
+    *record = transport->statistics;
 }

@@ -7,39 +7,28 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/owned.h"
+#include "common/secret.h"
 #include "cr_status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
 
 namespace ws {
 
-/// A text whose memory is overwritten before it is freed or reused, so that no password stays
-/// readable in a core dump or in a block that malloc() hands out again.
-class Secret {
-  public:
-    Secret() = default;
-    Secret(const Secret& other) : text_(other.text_) {}
-    Secret& operator=(const Secret&) = delete;
-    ~Secret() { wipe(); }
-    void set(const char* text);
-    void swap(Secret& other) noexcept { text_.swap(other.text_); }
-    const std::string& text() const { return text_; }
-
-  private:
-    void wipe() noexcept;
-    std::string text_;
-};
+/// The longest text of an option is 4095 characters.
+using Secret = kspool::SecretText<4095>;
 
 /// The values of the options that WSSetOpt() sets, in seconds where they are times. An empty text
-/// is an option that is not set. All texts are wiped, although only the password must be.
+/// is an option that is not set. All texts are wiped, although only login and password must be.
 struct Settings {
     Secret serverUrl;
     Secret login;
@@ -53,6 +42,9 @@ struct Settings {
 
 struct FreeEasy {
     void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+struct FreeMulti {
+    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
 };
 struct FreeList {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -76,6 +68,13 @@ struct Event {
     std::string severity, serverAddress, sourceApplication, description;
 };
 
+/// What is known of the last request besides its event.
+struct Trace {
+    uint32_t httpStatus = 0;  ///< of the last answer; 0 without one
+    uint32_t attempts = 0;
+    std::string id;  ///< its Request-Id
+};
+
 /// Receives the answer to one attempt and judges it. libcurl accepts more than the protocol allows
 /// (repeated lengths, further transfer codings, bodies without a known end), so the header lines
 /// are read here as well.
@@ -94,7 +93,9 @@ class Collector {
 
     /// Why the transfer was ended from here, or 0.
     uint32_t refusal() const { return refusal_; }
-    bool headIsComplete() const { return headIsComplete_; }
+    bool isChunked() const { return isChunked_; }
+    /// Bytes of head and body so far.
+    uint64_t received() const { return headerBytes_ + size_; }
 
     /// The status of an answer that arrived whole: 0 with `text` or `event` filled, or a failure.
     uint32_t judge(long httpStatus, kspool::OwnedText& text, Event& event);
@@ -134,11 +135,13 @@ struct Socket {
 
 }  // namespace ws
 
-// A transport: one libcurl handle, reused for every request so that its connection is, and the
-// state around it.
+// A transport: one libcurl handle, reused for every request so that its connection is, the multi
+// handle that drives it, and the state around them.
 //
-// Thread rule: one thread at a time per transport, no locks. Process-wide are only libcurl's global
-// state, initialised once, and the answer limit, which is atomic.
+// Thread rule: one thread at a time per transport, no locks, but for WSAbort(): any thread or a
+// signal handler may call it, so it touches `aborted` (lock-free), `wake` and `owner` alone.
+// Process-wide are only libcurl's global state, initialised once, and the answer limit, which is
+// atomic.
 //
 // Invariants:
 //  1. Only the process `owner` sends. In a child, requests return WS_STATUS_FORKED and WSShutdown()
@@ -151,35 +154,55 @@ struct Socket {
 //     attempts of one request carry the same id.
 //  5. `sockets` names every open socket of `curl`. It may also name closed ones: see Socket.
 //  6. Pointers that `curl` keeps into a finished call (body, collector) are dead; each attempt
-//     replaces them before curl_easy_perform().
+//     replaces them before `curl` joins `multi`.
 //  7. `archKnown` implies that `archMode` is that of `settings.serverUrl`.
-//  8. `event` owns the texts that the last WSResult points to; the next request clears it.
+//  8. `event` and `trace` belong to the last request and own the texts that its WSResult and
+//     WSLastEvent() point to; the next request clears both.
+//  9. `curl` is in `multi` only during an attempt. The connections belong to `multi`.
+// 10. `aborted` is false, and `wake` is empty, when an attempt of a new request begins.
 struct WSTransport {
     std::unique_ptr<CURL, ws::FreeEasy> curl;
+    std::unique_ptr<CURLM, ws::FreeMulti> multi;
+    kspool::Descriptor wake{-1};  ///< an eventfd, which ends a wait
+    std::atomic<bool> aborted = false;
+    static_assert(std::atomic<bool>::is_always_lock_free);
     pid_t owner = 0;
     std::vector<ws::Socket> sockets;
     ws::Settings settings;
     bool configured = false;
     uint32_t unusable = 0;  ///< the status of the server URL: 0 when it can be used
-    std::string base;       ///< the server URL without a slash at its end
-    size_t pathStart = 0;   ///< where the path begins in `base`; 0: a proxy wants the whole URL
+    std::string base;       ///< the server URL as libcurl reads it, without a slash at its end
+    std::string path;       ///< its path, without a slash at its end
+    bool isTls = false;     ///< its scheme is https
     int64_t lastUse = 0;
     uint64_t idStart = 0;
     uint64_t requests = 0;
     bool archKnown = false;
     uint32_t archMode = 0;
     unsigned transmissions = 0;  ///< how often libcurl began to send within the current attempt
+    long connectErrno = 0;  ///< left by connecting, as libcurl keeps it: an address that failed
     ws::Event event;
+    ws::Trace trace;
+    WSStatisticsRecord statistics{};
 };
 
 namespace ws {
 
 /// Sets one libcurl option. A failure ends the request: without the option, other bytes would be
-/// sent, or to another host.
+/// sent, or to another host. An option that this libcurl was built without is not a lack of memory.
 template <typename Value>
 void setCurl(CURL* curl, CURLoption option, Value value) {
-    if (curl_easy_setopt(curl, option, value) != CURLE_OK) throw std::bad_alloc();
+    const CURLcode code = curl_easy_setopt(curl, option, value);
+    if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+    if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
 }
+
+inline const char* nullIfEmpty(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
+/// The status of the exception that is being handled. To be called in a handler alone.
+uint32_t statusOfException() noexcept;
 
 /// Gives libcurl the settings and all options that are the same for every request. The open
 /// connection is kept.
