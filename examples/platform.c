@@ -221,6 +221,8 @@ int POSetFromNonConstString(PO* po, char* line) {
     return po->text != NULL ? 0 : -1;
 }
 
+/* WSAbort(), WSLastEvent() and WSStatistics() may be left out, as here: MBAbort(), MBLastEvent()
+ * and MBGetStatistics() then return CR_STATUS_SYSTEM_BASE + ENOSYS. */
 struct WSTransport {
     int unused;
 };

@@ -8,19 +8,22 @@
  *    NULL gives CR_STATUS_INVALID_PARAMETER (9); the session is checked first and neither is
  *    logged or sent.
  * 2. Statuses. Operations return 0 (CR_STATUS_OK) for success. A request without a valid answer
- *    returns the transport's status (WS_STATUS_..., platform/ws.h): the server may or may not have
- *    carried the request out. An answer that reports an error returns CR_STATUS_PERMISSION_DENIED
- *    (106) when its description holds the word "permission", else CR_STATUS_REMOTE_ERROR (4); the
- * log then holds a report of the error, and the process's fatal-error record its description.
+ *    returns the transport's status (WS_STATUS_..., platform/ws.h): the server has carried the
+ *    request out once or not at all, except where platform/ws.h says that nothing was sent. An
+ * answer that reports an error returns CR_STATUS_PERMISSION_DENIED (106) when its description holds
+ * the word "permission", else CR_STATUS_REMOTE_ERROR (4); the log then holds a report of the error,
+ * and the process's fatal-error record its description.
  * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves the slot
  *    alone unless its comment says otherwise.
  * 4. Ownership. Texts given are read during the call only. Texts received are the caller's, who
  *    releases them with free().
  * 5. Threads. No lock is taken: a session is used by one thread at a time; different sessions are
- *    independent. After a fork a session belongs to the parent; the child may only shut it down.
- * 6. Time. An operation blocks until the answer is complete, at most for the transport's reconnect
- *    time-out plus its response time-out (30 seconds unless set). A name resolution that takes
- * longer is waited for.
+ *    independent. MBAbort() alone may run beside another call. After a fork a session belongs to
+ *    the parent; the child may only shut it down.
+ * 6. Time. An operation blocks until the answer is complete. A request ends when nothing moves for
+ *    one response time-out (30 seconds unless set), and at the latest when the response and the
+ *    reconnect time-out are over, and a second more for each 64 KiB that moved. MBAbort() ends it
+ *    at once.
  *
  * Arguments that mean the same everywhere:
  *
@@ -57,6 +60,8 @@
  *   wormflags      sent as they are
  *   retention      sent as it is
  *   answer         receives the list, the caller's to free()
+ *   event          the caller's record, its `size` set
+ *   statistics     the caller's record, its `size` set
  */
 #ifndef MB_H
 #define MB_H
@@ -161,6 +166,82 @@ KSPOOL_API uint32_t MBKeepAlive(MBSession* session, int32_t interval) KSPOOL_NOE
  *   seconds  how long to retry
  */
 KSPOOL_API uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) KSPOOL_NOEXCEPT;
+
+/*
+ * The response time-out of the session's requests in seconds; 0 or less: none, and then only the
+ * connection has a limit of its own. It counts for requests to come. MBGetResponseTimeOut() also
+ * shows what the retries of a query have added. 0, CR_STATUS_INVALID_PARAMETER for a NULL output,
+ * or the transport's status.
+ *
+ *   seconds  time-out in seconds, or receives it
+ */
+KSPOOL_API uint32_t MBSetResponseTimeOut(MBSession* session, int32_t seconds) KSPOOL_NOEXCEPT;
+KSPOOL_API uint32_t MBGetResponseTimeOut(const MBSession* session,
+                                         int32_t* seconds) KSPOOL_NOEXCEPT;
+
+/* ---- The request under way, and requests so far ---- */
+
+/*
+ * These three need a platform that offers them (platform/ws.h). Without one they return the status
+ * of the system error ENOSYS, 1038, and do nothing.
+ */
+
+/*
+ * Ends the request under way within 100 ms with WS_STATUS_ABORTED (2011): the server has carried it
+ * out once or not at all. A query that is aborted is not retried. The session goes on: the next
+ * request connects anew. Without a request under way the call has no effect, so who must be sure
+ * aborts again until the operation has returned.
+ *
+ * Any thread may call MBAbort(), and any signal handler, but not beside MBShutdown(). errno and the
+ * slot stay as they are. Returns 0, or WS_STATUS_FORKED in a child.
+ */
+KSPOOL_API uint32_t MBAbort(MBSession* session) KSPOOL_NOEXCEPT;
+
+/*
+ * What is known of a session's last request, and of the event that the server reported in it. The
+ * texts are NULL where nothing is known, belong to the session and are valid until its next
+ * request.
+ */
+typedef struct MBEvent {
+    uint64_t size;                 /* sizeof(MBEvent): set by the caller first */
+    uint32_t eventCode;            /* 0 without an event */
+    uint32_t httpStatus;           /* of the last answer; 0 without one */
+    uint32_t attempts;             /* how often it was tried; 0: it was refused before */
+    uint32_t reserved;             /* 0 */
+    const char* requestId;         /* the request's id in the server's log */
+    const char* severity;          /* severity of the event */
+    const char* serverAddress;     /* address of the reporting server */
+    const char* sourceApplication; /* component that reported */
+    const char* description;       /* description for people */
+} MBEvent;
+
+/*
+ * Tells about the last request, also after operations that return the event's code alone. 0, or
+ * CR_STATUS_INVALID_PARAMETER for a NULL record or one that is too small. A larger record is one of
+ * a newer library: `size` becomes the number of bytes that were filled.
+ */
+KSPOOL_API uint32_t MBLastEvent(const MBSession* session, MBEvent* event) KSPOOL_NOEXCEPT;
+
+enum { MB_LATENCIES = 32 }; /* classes of requests by their time */
+
+/* What a session has done since it was created. Requests that were refused before they were sent do
+ * not count. */
+typedef struct MBStatistics {
+    uint64_t size;                    /* sizeof(MBStatistics): set by the caller first */
+    uint64_t requests;                /* sent, or tried to */
+    uint64_t attempts;                /* at least one a request */
+    uint64_t connections;             /* opened */
+    uint64_t bytesSent;               /* heads and bodies, without TLS */
+    uint64_t bytesReceived;           /* the same */
+    uint64_t microseconds;            /* in requests, pauses included */
+    uint64_t latencies[MB_LATENCIES]; /* requests by their time: class k holds those of 2^(k-1) or
+                                         more and less than 2^k microseconds; the last one also all
+                                         longer ones */
+} MBStatistics;
+
+/* Tells what the session has done so far; statuses and `size` as with MBLastEvent(). */
+KSPOOL_API uint32_t MBGetStatistics(const MBSession* session,
+                                    MBStatistics* statistics) KSPOOL_NOEXCEPT;
 
 /*
  * How PO queries are retried: each retry adds the step (120 seconds unless set) to the response
@@ -287,14 +368,14 @@ typedef struct MBPOFilter {
 KSPOOL_API uint32_t MBPOFilterInit(MBPOFilter* filter) KSPOOL_NOEXCEPT;
 
 /*
- * The three ways to a query's result. A query that fails is retried as MBSetRetryCount() and
- * MBSetTimeOut() say, each time with a longer response time-out, which the session keeps; a query
- * can therefore take minutes. Common statuses, in the slot too: CR_STATUS_NULL_HANDLE;
- * CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of another size; the transport's status
- * of the last attempt; CR_STATUS_REMOTE_ERROR when the server reported an error and no retry is
- * allowed; CR_STATUS_BAD_HANDLE for a malformed answer, or an error that the server reported to a
- * retry; a system error without memory. `count`, unless NULL, becomes the number of POs that the
- * server announces.
+ * The three ways to a query's result. A query that fails and was not aborted is retried as
+ * MBSetRetryCount() and MBSetTimeOut() say, each time with a longer response time-out, which the
+ * session keeps; a query can therefore take minutes. Common statuses, in the slot too:
+ * CR_STATUS_NULL_HANDLE; CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of another size;
+ * the transport's status of the last attempt; CR_STATUS_REMOTE_ERROR when the server reported an
+ * error and no retry is allowed; CR_STATUS_BAD_HANDLE for a malformed answer, or an error that the
+ * server reported to a retry; a system error without memory. `count`, unless NULL, becomes the
+ * number of POs that the server announces.
  */
 
 /*

@@ -68,10 +68,17 @@ class Query {
         if (status == CR_STATUS_OK && result_.eventCode == 0) return true;
         KS_TRACE("%s: status of WSRequestExt: %d %s", "_mbFindFirst", static_cast<int>(status),
                  CRStatusToStringA(status));
+        if (isAborted(status)) return false;
         return retry(status == CR_STATUS_OK ? uint32_t{CR_STATUS_REMOTE_ERROR} : status);
     }
 
   private:
+    /// An aborted query has failed for good: its user wants it to end. Stores the status.
+    static bool isAborted(uint32_t status) {
+        if (status == WS_STATUS_ABORTED) storeStatus(status);
+        return status == WS_STATUS_ABORTED;
+    }
+
     uint32_t attempt() {
         return WSRequestExt(transport_, WS_SERVICE_METABASE, &result_, "action", "find",
                             "dataselection", dataselection_, "filter", text_, kEndOfParameters);
@@ -95,6 +102,7 @@ class Query {
             }
             KS_TRACE("%s: Retry failed: %d %s", "_mbFindFirst", static_cast<int>(status),
                      CRStatusToStringA(status));
+            if (isAborted(status)) return false;
         }
         storeStatus(status);
         return false;

@@ -1,4 +1,5 @@
 // A session after its creation: teardown, keep-alive, time-outs.
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 
@@ -29,6 +30,19 @@ uint32_t MBKeepAlive(MBSession* session, int32_t interval) noexcept {
                                    "discover", kEndOfParameters);
     if (status == CR_STATUS_OK) status = answer.eventCode;
     return status == CR_STATUS_OK ? status : storeStatus(status);
+}
+
+uint32_t MBSetResponseTimeOut(MBSession* session, int32_t seconds) noexcept {
+    if (session == nullptr) return CR_STATUS_NULL_HANDLE;
+    return WSSetOptVa(session->transport, uint32_t{WS_OPT_RESPONSE_TIMEOUT}, int64_t{seconds},
+                      uint32_t{0});
+}
+
+uint32_t MBGetResponseTimeOut(const MBSession* session, int32_t* seconds) noexcept {
+    if (const uint32_t bad = checkArguments(session, seconds)) return bad;
+    *seconds = static_cast<int32_t>(
+        std::clamp<int64_t>(WSGetResponseTimeout(session->transport), INT32_MIN, INT32_MAX));
+    return CR_STATUS_OK;
 }
 
 uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) noexcept {

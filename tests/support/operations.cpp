@@ -103,6 +103,25 @@ void Argument<MBImageRetentionInfo*>::show(Call& call) const {
                   std::to_string(value.retentionValue4) + " " + quoted(value.retentionText));
 }
 
+void Argument<MBEvent*>::show(Call& call) const {
+    const MBEvent& e = storage.record;
+    call.show(word != "null", std::to_string(e.size) + ": " + std::to_string(e.eventCode) + " " +
+                                  std::to_string(e.httpStatus) + " " + std::to_string(e.attempts) +
+                                  " " + quoted(e.requestId) + " " + quoted(e.severity) + " " +
+                                  quoted(e.serverAddress) + " " + quoted(e.sourceApplication) +
+                                  " " + quoted(e.description));
+}
+
+void Argument<MBStatistics*>::show(Call& call) const {
+    const MBStatistics& s = storage.record;
+    std::string shown = std::to_string(s.size) + ":";
+    for (const uint64_t number :
+         {s.requests, s.attempts, s.connections, s.bytesSent, s.bytesReceived, s.microseconds,
+          s.latencies[0], s.latencies[MB_LATENCIES - 1]})
+        shown += " " + std::to_string(number);
+    call.show(word != "null", shown);
+}
+
 namespace {
 
 /// Releases the session or the cursor as the library does it.
@@ -158,6 +177,7 @@ const Operations& client() {
     static const Operations kRows = {
         {"KSConfigInitWithAgentCfg", bind(KSConfigInitWithAgentCfg)},
         {"KSConfigSet", bind(KSConfigSet)},
+        {"MBAbort", bind(MBAbort)},
         {"MBAuthenticate", bind(MBAuthenticate)},
         {"MBCreate", bind(MBCreate)},
         {"MBCreateWithAgentCfg", bind(MBCreateWithAgentCfg)},
@@ -172,12 +192,15 @@ const Operations& client() {
         {"MBGetHVXTag", bind(MBGetHVXTag, "digit text")},
         {"MBGetImageRetention", bind(MBGetImageRetention, "retention")},
         {"MBGetLastImages", bind(MBGetLastImages, "text")},
+        {"MBGetResponseTimeOut", bind(MBGetResponseTimeOut, "seconds")},
         {"MBGetRetryCount", bind(MBGetRetryCount)},
+        {"MBGetStatistics", bind(MBGetStatistics)},
         {"MBGetTime", bind(MBGetTime, "time")},
         {"MBGetTimeOut", bind(MBGetTimeOut)},
         {"MBInit", bind(MBInit)},
         {"MBInitWithAgentCfg", bind(MBInitWithAgentCfg)},
         {"MBKeepAlive", bind(MBKeepAlive)},
+        {"MBLastEvent", bind(MBLastEvent)},
         {"MBOptionsSet", bind(MBOptionsSet)},
         {"MBPOAddList", bind(MBPOAddList)},
         {"MBPOExpire", bind(MBPOExpire)},
@@ -192,6 +215,7 @@ const Operations& client() {
         {"MBSetImageRetention", bind(MBSetImageRetention)},
         {"MBSetLastImage", bind(MBSetLastImage)},
         {"MBSetLastImageV2", bind(MBSetLastImageV2)},
+        {"MBSetResponseTimeOut", bind(MBSetResponseTimeOut)},
         {"MBSetRetryCount", bind(MBSetRetryCount)},
         {"MBSetTimeOut", bind(MBSetTimeOut)},
         {"MBShutdown", release<MBSession*>("")},

@@ -191,6 +191,33 @@ struct Argument<MBImageRetentionInfo*> : Output<MBImageRetentionInfo> {
     void show(Call& call) const;
 };
 
+/// A record that carries its size: "small" for one that is too small, "large" for a newer one.
+template <typename Record>
+struct Sized {
+    static constexpr char kKind = 'o';
+    explicit Sized(Call& call) : word(call.word()) {
+        storage.record.size =
+            sizeof(Record) + (word == "large" ? 8 : 0) - (word == "small" ? 1 : 0);
+    }
+    Record* get() { return word == "null" ? nullptr : &storage.record; }
+    struct {
+        Record record{};
+        uint64_t behind = 0;  ///< of a larger record
+    } storage;
+    std::string word;
+};
+
+template <>
+struct Argument<MBEvent*> : Sized<MBEvent> {
+    explicit Argument(Call& call) : Sized(call) {}
+    void show(Call& call) const;
+};
+template <>
+struct Argument<MBStatistics*> : Sized<MBStatistics> {
+    explicit Argument(Call& call) : Sized(call) {}
+    void show(Call& call) const;
+};
+
 /// An object of the scene, or NULL.
 template <typename Object>
 struct Own : Input {
@@ -247,6 +274,10 @@ struct Argument<MBSession*> : Changed<MBSession> {
     static constexpr char kKind = ' ';
     explicit Argument(Call& call)
         : Changed(call.objects.noHandle ? nullptr : call.objects.session) {}
+};
+template <>
+struct Argument<const MBSession*> : Argument<MBSession*> {
+    explicit Argument(Call& call) : Argument<MBSession*>(call) {}
 };
 template <>
 struct Argument<KSConfig*> : Changed<KSConfig> {

@@ -122,6 +122,26 @@ uint32_t WSArchMode(WSTransport*) noexcept {
 int64_t WSGetResponseTimeout(const WSTransport*) noexcept {
     return answered("WSGetResponseTimeout", "", false).status;
 }
+uint32_t WSAbort(WSTransport*) noexcept {
+    return answered("WSAbort", "", false).status;
+}
+void WSLastEvent(const WSTransport*, WSEventRecord* record) noexcept {
+    static Reply last;
+    last = answered("WSLastEvent", "", false);
+    *record = {last.eventCode,
+               last.status,
+               3,
+               "id",
+               known(last.severity),
+               known(last.serverAddress),
+               known(last.sourceApplication),
+               known(last.description)};
+}
+void WSStatistics(const WSTransport*, WSStatisticsRecord* record) noexcept {
+    answered("WSStatistics", "", false);
+    *record = {1, 2, 3, 4, 5, 6, {7}};
+    record->latencies[WS_LATENCIES - 1] = 8;
+}
 int64_t WSGetLastUseTime(const WSTransport*) noexcept {
     return time(nullptr) - answered("WSGetLastUseTime", "", false).status;
 }
