@@ -4,8 +4,6 @@
 #ifndef COMMON_SECRET_H
 #define COMMON_SECRET_H
 
-#include <strings.h>
-
 #include <array>
 #include <cstddef>
 #include <cstring>
