@@ -104,6 +104,7 @@ std::vector<Row> rows() {
         {"eventNone",        {problem(""), kOpen, 0, 0},                                   kBad, 0, nullptr, nullptr},
         {"eventOf200",       {answer("200 OK", "application/problem+json", R"({"eventCode":7})"), kOpen, 0, 0}, kBad, 0, nullptr, nullptr},
         {"eventOf302",       {answer("302 Found", "application/problem+json", R"({"eventCode":7})"), kOpen, 0, 0}, kBad, 0, nullptr, nullptr},
+        {"eventOf600",       {answer("600 Beyond", "application/problem+json", R"({"eventCode":7})"), kOpen, 0, 0}, kBad, 0, nullptr, nullptr},
         {"garbage",          {"hello\n", kClose, 0, 0},                                    kBad, 0, nullptr, nullptr},
         {"tlsBytes",         {std::string("\x15\x03\x01\x00\x02\x02\x46", 7), kClose, 0, 0}, kBad, 0, nullptr, nullptr},
         {"largeByLength",    {kHead + "Content-Length: 8388609\r\n\r\n", kOpen, 0, 100},   kLarge, 0, nullptr, nullptr},

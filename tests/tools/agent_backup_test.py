@@ -6,6 +6,7 @@ import os
 import random
 import resource
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -99,6 +100,10 @@ with tempfile.TemporaryDirectory() as top:
     os.mkdir(top + "/empty")
     run("backup", top + "/empty", "--image", "none", "--cache", top + "/none.cache")
     assert not any(name.startswith("none.cache") for name in os.listdir(top))
+
+    # Without a client, the files are those of this host.
+    run("backup", tree, "--image", "here", "--cache", top + "/here.cache")
+    run("find", "--client", socket.gethostname(), "--image", "here")
 
     # A damaged cache is not used, and is replaced.
     with open(cache, "r+b") as file:

@@ -46,6 +46,8 @@ with tempfile.TemporaryDirectory() as top:
         cache = found["cache"]
         assert (cache["entries"], cache["hits"], cache["misses"], cache["bits"]) == (4, 3, 4, 3)
 
+    assert scan(top + "/sub/c")["dedupRatio"] == 0  # nothing of nothing
+
     people = run(AGENT, "scan", "--trace", "--lock", top)
     assert "Dedup ratio" in people.stdout and "KSCacheInit: bits = 3" in people.stderr
 

@@ -23,7 +23,9 @@ def run(*arguments, **options):
 
 
 def ask(*arguments, **options):
-    return json.loads(run(*arguments, "--json", **options).stdout)
+    text = run(*arguments, "--json", **options).stdout
+    assert text.startswith(('{\n  "', "[\n  {\n")), text
+    return json.loads(text)
 
 
 def record(digest, kind=3, value=0):
@@ -93,6 +95,7 @@ def check_damage():
             assert len(lines) == len(said) * (1 + (arguments[0] == "diff")), (arguments, done.stderr)
             assert all(text in line for text, line in zip(said, lines)), (arguments, done.stderr)
             assert code == 0 or arguments[0] == "verify" or done.stdout == "", arguments
+    assert [(row["type"], row["records"]) for row in ask("stat", "types")["types"]] == [(3, 3), (200, 12)]
     run("verify", "good", "sum", "gone", "good", code=2)
     found = ask("verify", "good", "sum", "odd\nname", code=2)
     assert [one["state"] for one in found] == ["good", "damaged", "unreadable"], found
@@ -142,16 +145,18 @@ def check_shape():
     listed = write("list", image(b"".join(record(place(i, 0), 1) for i in range(3070))))
     spread = write("spread", image(b"".join(record(random.randbytes(32)) for _ in range(3070))))
     for file, bits, too_few, unspread, words in (
-            (spread, "13", False, False, ""), (spread, "4", True, False, "Too few bits"),
-            (listed, "13", False, True, "not spread"), (listed, "1", True, False, "Too few bits")):
+            (spread, "13", False, False, "  #\n"), (spread, "4", True, False, "Too few bits"),
+            (listed, "13", False, True, "by chance it would be 1.37"), (listed, "1", True, False, "Too few bits")):
         found = ask("shape", file, "--bits", bits)
         assert (found["tooFewBits"], found["unspreadDigests"]) == (too_few, unspread), (file, bits, found)
-        assert words in run("shape", file, "--bits", bits).stdout
+        text = run("shape", file, "--bits", bits).stdout
+        assert text.startswith(file + ": 3,070 entries") and words in text and "no memory" not in text, text
     found = ask("shape", listed)
     assert (found["bits"], found["greatestDepth"], found["averageDepth"]) == (13, 3070, 1535.5), found
     assert found["depths"][-1] == {"from": 2561, "to": 5120, "entries": 510}, found
     plan = ask("stat", spread)
     assert (plan["memory"]["pageBytes"], plan["settings"]) == (found["pageBytes"], {"areaSize": 1024, "bits": 13})
+    assert plan["memory"]["rootBytes"] == 8 << 13, plan
 
 
 def check_shrink():
@@ -159,12 +164,14 @@ def check_shrink():
     write("many", image(payload))
     kept = {limit: limit * MIB // PAGE * 1023 for limit in (1, 2)}
     before = sorted(os.listdir())
+    os.umask(0o022)
     for limit, file in ((9, "many"), (2, "many"), (1, "less"), (1, "many")):
         found = ask("shrink", file, "--limit", str(limit), "-o", "less")
         count = min(kept.get(limit, 30000), 30000)
         assert found["kept"] == count and found["pageBytes"] <= limit * MIB, found
         assert read("less") == image(payload[-41 * count:]), (limit, file)
         run("verify", "less")
+    assert os.stat("less").st_mode & 0o777 == 0o644
     os.chmod("less", 0o640)
     run("shrink", "less", "--limit", "1", "-o", "less")
     assert os.stat("less").st_mode & 0o777 == 0o640
@@ -185,7 +192,8 @@ def check_shrink():
 
 def check_usage():
     programs.check_usage(TOOL, (), ("stat",), ("stat", "A", "B"), ("diff", "A"), ("dump", "A", "--sorted", "--raw"),
-                         ("dump", "A", "--json", "--raw"), ("shape", "A", "--bits", "30"), ("shrink", "A", "-o", "B"),
+                         ("dump", "A", "--json", "--raw"), ("shape", "A", "--bits", "30"), ("shape", "A", "B"),
+                         ("shrink", "A", "-o", "B"),
                          ("shrink", "A", "--limit", "0", "-o", "B"), ("shrink", "A", "--limit", "1"), ("nonsense", "A"))
     programs.check_full_disk(2, TOOL, "dump", "A")
 

@@ -28,7 +28,8 @@ with tempfile.TemporaryDirectory() as top:
 
     # POs: from standard input and a file, kept, expired, looked for by each kind of criterion.
     run(*at, "po", "find", "1", code=10, out="")
-    run(*at, "po", "add", "1", text=po("a", 1) + po("b", 2))
+    run(*at, "po", "add", "1", text=po("a", 5) + po("b", 2))
+    run(*at, "po", "add", "1", text=po("a", 1))
     with open(top + "/list", "w") as file:
         file.write(po("a", 9) + po("c", 3, "d"))
     run(*at, "po", "add", "--keep", "1", top + "/list")
@@ -45,6 +46,15 @@ with tempfile.TemporaryDirectory() as top:
     assert [(f["name"], f["size"], f["dsid"]) for f in found] == [("b", 2, 1)], found
     assert len(found[0]) == 26 and found[0]["comment"] == "", found
     run(*at, "--json", "po", "find", "1", "--name", "x", code=10, out="[]\n")
+
+    # Each criterion is for the field of its name.
+    every = "1|2|o|4|5|c2|p2|i2|/f2|n|dg|t|fm|lb|ap|16|17|18|19|20|21|22|23|24|25|co\n"
+    run(*at, "po", "add", "1", text=every)
+    found = json.loads(run(*at, "--json", "po", "find", "1", "--name", "n").stdout)[0]
+    assert "|".join(map(str, found.values())) + "\n" == every, found
+    for name, value in found.items():
+        done = run(*at, "po", "find", "1", "--" + name, str(value))
+        assert done.stdout.endswith(every) and done.stdout.count("\n") == (4 if name == "dsid" else 1), done
     for bad in (("po", "find"), ("po",), ("po", "find", "1", "--size", "1x"),
                 ("po", "find", "1", "--type", "ff"), ("po", "find", "1", "--name", "a|b"),
                 ("po", "add", "1"), ("po", "add", "1", top + "/none"),
