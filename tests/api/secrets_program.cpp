@@ -85,7 +85,7 @@ void expect(const char* when, size_t most, const Needle& login, const Needle& pa
 
 /// A session's copies are its own and the transport's.
 void useAndLose(size_t length) {
-    Needle login(length, 1), password(length, 2), newLogin(16, 3), newPassword(16, 4);
+    Needle login(length, 1), password(length, 2), newLogin(15, 3), newPassword(15, 4);
     expect("before", 0, login, password);
     MBSession* session =
         MBInitWithAgentCfg("http://127.0.0.1:1", 0, login.text(), password.text(), "/dev/null");
