@@ -153,11 +153,6 @@ std::vector<std::string> RawServer::requests() {
     return requests_;
 }
 
-std::string RawServer::rest() {
-    const std::lock_guard<std::mutex> hold(lock_);
-    return rest_;
-}
-
 void RawServer::acceptAll() {
     while (readable(listener_, stopping_)) {
         const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -180,8 +175,6 @@ bool RawServer::readRequest(int fd, std::string& pending, std::string& request) 
         const ssize_t got = recv(fd, block, sizeof block, 0);
         if (got <= 0) return false;
         pending.append(block, static_cast<size_t>(got));
-        const std::lock_guard<std::mutex> hold(lock_);
-        rest_ = pending.substr(0, 4096);
     }
 }
 
@@ -220,7 +213,6 @@ void RawServer::serve(int fd) {
         {
             const std::lock_guard<std::mutex> hold(lock_);
             requests_.push_back(request);
-            rest_ = pending;
             if (!replies_.empty()) {
                 reply = replies_.front();
                 replies_.pop_front();

@@ -41,8 +41,6 @@ class RawServer {
     /// Stops listening: connections are refused until listen() is called again.
     void refuse();
     void listen();
-    /// What came in on the connection after its last whole request.
-    std::string rest();
 
   private:
     void acceptAll();
@@ -60,7 +58,6 @@ class RawServer {
     std::mutex lock_;
     std::deque<Reply> replies_;
     std::vector<std::string> requests_;
-    std::string rest_;
     std::vector<std::thread> workers_;
     std::thread acceptor_;
 };
