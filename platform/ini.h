@@ -11,7 +11,9 @@
  *
  * with comments on lines of their own that start with # or ;. Names are compared without regard to
  * ASCII case, values are trimmed and may stand in double quotes, lines may end with CR LF and be up
- * to 64 KiB long. A section may be given more than once; the first of equal entries counts. An
+ * to 64 KiB long. A comment may follow a header, nothing else. A section may be given more than
+ * once; the first of equal entries counts. An invalid header also ends the section before it: the
+ * entries below would otherwise count for the wrong section. An
  * entry that is missing, empty, or in a file that cannot be read has the default. Notices report a
  * file that cannot be read, is not a regular file or is larger than 16 MiB, and invalid lines, once
  * until the file or its contents change; a truncated value is reported each time. No call touches

@@ -4,12 +4,14 @@
 // nothing to become stale or to share between threads, and a configuration has ten entries. The
 // one state is the mark of the last file whose faults were reported (isFirstReport).
 //
-// Thread rule: any thread may call any function here.
+// Thread rule: any thread may call any function here; so may the child of a fork, because no lock
+// is taken that another thread could have held at the fork.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -18,11 +20,9 @@
 #include <cstring>
 #include <functional>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "common/ascii.h"
 #include "cr_status.h"
@@ -34,8 +34,10 @@ namespace {
 constexpr size_t kLongestLine = size_t{64} << 10;
 constexpr size_t kLargestFile = size_t{16} << 20;
 
+constexpr char kBlank[] = " \t\v\f\r";
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+
 std::string_view trimmed(std::string_view text) {
-    constexpr char kBlank[] = " \t\v\f\r";
     const size_t first = text.find_first_not_of(kBlank);
     if (first == std::string_view::npos) return {};
     return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
@@ -75,11 +77,18 @@ std::string contentsOf(const char* file, const char*& problem) {
 /// every bad line would otherwise be reported once per entry. Two files that are read by turns are
 /// reported at each turn.
 bool isFirstReport(const char* file, const std::string& contents) {
-    static std::mutex lock;
-    static size_t last = 0;
+    static std::atomic<size_t> last = 0;
     const size_t mark = std::hash<std::string>()(contents) * 31 + std::hash<std::string>()(file);
-    const std::lock_guard<std::mutex> hold(lock);
-    return std::exchange(last, mark) != mark;
+    return last.exchange(mark) != mark;
+}
+
+/// True for an unusable line that may have been meant as a header, or that hides one behind a CR
+/// which some editor took for a line end.
+bool mayBeHeader(std::string_view text) {
+    constexpr std::string_view kPassedOver(" \t\v\f\r\0\xef\xbb\xbf", 9);
+    const size_t first = text.find_first_not_of(kPassedOver);
+    if (first == std::string_view::npos) return false;
+    return text[first] == '[' || text.back() == ']' || text.find('\r') != std::string_view::npos;
 }
 
 /// One pass over a file in search of one entry. It goes on behind the entry, so that the bad lines
@@ -96,7 +105,7 @@ class Search {
             NoticeA(CR_STATUS_READ_FAILED, "%s: %s", file_, problem_);
         }
         std::string_view rest = contents_;
-        if (rest.substr(0, 3) == "\xef\xbb\xbf") rest.remove_prefix(3);
+        if (rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
         for (number_ = 1; !rest.empty(); ++number_) {
             const size_t length = rest.find('\n');
             line(rest.substr(0, length));
@@ -106,23 +115,44 @@ class Search {
     }
 
   private:
-    void line(std::string_view text) {
-        if (text.size() > kLongestLine) return report("is too long");
-        if (text.find('\0') != std::string_view::npos) return report("has a NUL byte in it");
-        text = trimmed(text);
+    /// Why a line cannot be read, or NULL.
+    static const char* faultOf(std::string_view line, std::string_view text) {
+        if (line.size() > kLongestLine) return "is too long";
+        if (text.find('\0') != std::string_view::npos) return "has a NUL byte in it";
+        if (text.find('\r') != std::string_view::npos) return "has a CR in it that ends no line";
+        return nullptr;
+    }
+
+    void line(std::string_view whole) {
+        const std::string_view text = trimmed(whole);
+        if (const char* fault = faultOf(whole, text)) return refuse(text, fault);
         if (text.empty() || text.front() == '#' || text.front() == ';') return;
-        if (text.front() == '[') {
-            const size_t end = text.find(']');
-            if (end == std::string_view::npos) return report("is a section without an end");
-            inSection_ = kspool::sameText(trimmed(text.substr(1, end - 1)), section_);
-            return;
-        }
+        if (text.front() == '[') return header(text);
         const size_t equals = text.find('=');
-        if (equals == std::string_view::npos) return report("is neither a section nor an entry");
+        if (equals == std::string_view::npos) {
+            return refuse(text, "is neither a section nor an entry");
+        }
         if (!inSection_ || found_) return;
         if (!kspool::sameText(trimmed(text.substr(0, equals)), entry_)) return;
         found_ = true;
         value_ = unquoted(trimmed(text.substr(equals + 1)));
+    }
+
+    void header(std::string_view text) {
+        const size_t end = text.find(']');
+        if (end == std::string_view::npos) return refuse(text, "is a section without an end");
+        const std::string_view rest = trimmed(text.substr(end + 1));
+        if (!rest.empty() && rest.front() != '#' && rest.front() != ';') {
+            return refuse(text, "has a text behind its section");
+        }
+        inSection_ = kspool::sameText(trimmed(text.substr(1, end - 1)), section_);
+    }
+
+    /// A header that cannot be used still ends the section before it. Its entries would otherwise
+    /// count for that section, and a login would go to another section's URL.
+    void refuse(std::string_view text, const char* fault) {
+        if (mayBeHeader(text)) inSection_ = false;
+        report(fault);
     }
 
     void report(const char* what) const {
