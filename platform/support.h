@@ -135,10 +135,12 @@ typedef void (*QLXSink)(uint32_t level, uint32_t status, const char* text, void*
 
 /*
  * Sends all messages to `sink` (NULL: back to stderr). Messages are handed over one at a time, from
- * the thread that writes them. The sink must not throw, must not write messages and must not call
- * this function. When the call returns, no thread is inside the old sink any more. A child of
- * fork() must not write messages if another thread of the parent may have written one at that
- * moment.
+ * the thread that writes them, as they are: control characters and line ends may come from a
+ * server. On stderr control characters are visible (\x1b), and each further line of a message
+ * begins with the process, the level and "| ". The sink must not throw; a message that the sink
+ * writes goes to stderr. When the call returns, no other thread is inside the old sink any more.
+ * fork() waits for the message that another thread is handing over, so that the child may write
+ * messages, too.
  */
 KSPOOL_API void qlxSetSink(QLXSink sink, void* arg) KSPOOL_NOEXCEPT;
 

@@ -2,17 +2,24 @@
 //
 // Thread rule: any thread may call any function here.
 // Invariants:
-//  1. Messages are formatted without a lock and handed over under `sinkLock`: one thread at a time
-//     is in the sink, and it gets whole messages.
-//  2. qlxSetSink() takes the same lock. When it returns, no thread is in the old sink, whose `arg`
-//     may be freed. A sink that logs or calls qlxSetSink() would wait for itself.
-//  3. `fatalLock` covers the three members of the fatal-error record. No lock is taken while the
-//     other one is held.
-//  4. errno is as before after each message call; the status slot is never touched.
-// A child of fork() has copies of the locks. One that another thread held at the fork is never
-// released in the child, whose next message then waits for ever: a program that logs from several
-// threads may only call exec() in its children.
-#include <sys/uio.h>
+//  1. Messages are formatted without a lock and handed to the sink under `sinkLock`: one thread at
+//     a time is in the sink, and it gets whole messages.
+//  2. qlxSetSink() takes the same lock. When it returns, no other thread is in the old sink, whose
+//     `arg` may be freed. A message that was on its way to stderr may still come there.
+//  3. `isInSink` marks the thread that is in the sink. That thread has the lock and does not take
+//     it again, or it would wait for itself: a message that a sink writes goes to stderr.
+//  4. `fatalLock` covers the fatal-error record. It is the inner lock: a sink may read the record,
+//     and nothing is called while `fatalLock` is held.
+//  5. fork() takes both locks, the outer one first, and releases them in parent and child. A lock
+//     that another thread held would stay locked in the child, whose next message would wait for
+//     ever; and the child gets a sink whose data no thread was changing. A thread that forks inside
+//     the sink has the outer lock already, and so has its child. stderr is written to without a
+//     lock, so that fork() does not wait for the reader of a full pipe.
+//  6. errno is as before after each message call; the status slot is never touched.
+//  7. On stderr each line of a message begins with the process and the level, and control
+//     characters are visible: a server's text could otherwise forge a line or rewrite the terminal.
+//     A program's own sink gets the text unchanged.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,7 +30,9 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
+#include <string_view>
 
+#include "common/ascii.h"
 #include "common/owned.h"
 #include "platform/support.h"
 
@@ -63,51 +72,114 @@ class Message {
     kspool::OwnedText long_;
 };
 
-/// Writes a message as one line, with a single writev(): pieces written one by one would mix with
-/// those of other processes that have the same stderr.
+/// Counts what it is given, and keeps as much of it as there is room for.
+struct Output {
+    char* text;
+    size_t room;
+    size_t size = 0;
+
+    void put(std::string_view piece) {
+        const size_t kept = std::min(piece.size(), room - std::min(room, size));
+        if (kept > 0) memcpy(text + size, piece.data(), kept);
+        size += piece.size();
+    }
+};
+
+/// The lines of a message as they go to stderr: the head and ": ", and before each further line the
+/// head and "| ", which no first line has. An LF at the message's end begins no line.
+void putLines(Output& output, std::string_view head, std::string_view text) {
+    if (text.ends_with('\n')) text.remove_suffix(1);
+    const auto putHead = [&] {
+        kspool::visible(head, [&](std::string_view piece) { output.put(piece); });
+    };
+    putHead();
+    output.put(": ");
+    kspool::visible(text, [&](std::string_view piece) {
+        output.put(piece);
+        if (piece != "\n") return;
+        putHead();
+        output.put("| ");
+    });
+    output.put("\n");
+}
+
+/// Writes a message with a single write(): pieces written one by one would mix with those of other
+/// processes that have the same stderr. Without memory for it the message is cut.
 void writeToStderr(uint32_t level, uint32_t status, const char* text) {
     const auto* row = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
                                    [=](const LevelName& l) { return l.level == level; });
-    char head[64];
+    char name[64];
     if (row == std::end(kLevelNames)) {
-        snprintf(head, sizeof head, "level %u %u", level, status);
+        snprintf(name, sizeof name, "level %u %u", level, status);
     } else if (level == QLX_LEVEL_TRACE) {
-        snprintf(head, sizeof head, "%s", row->name);
+        snprintf(name, sizeof name, "%s", row->name);
     } else {
-        snprintf(head, sizeof head, "%s %u", row->name, status);
+        snprintf(name, sizeof name, "%s %u", row->name, status);
     }
-    char start[160];
-    snprintf(start, sizeof start, "%.80s[%d] %s: ", OSGetProcName(0), getpid(), head);
-    const iovec parts[] = {{start, strlen(start)},
-                           {const_cast<char*>(text), strlen(text)},
-                           {const_cast<char*>("\n"), 1}};
+    char head[160];
+    snprintf(head, sizeof head, "%.80s[%d] %s", OSGetProcName(0), getpid(), name);
+    char few[2048];
+    Output output{few, sizeof few};
+    putLines(output, head, text);
+    kspool::OwnedText many;
+    if (output.size > sizeof few) {
+        many.reset(static_cast<char*>(malloc(output.size)));
+        if (many != nullptr) {
+            output = {many.get(), output.size};
+            putLines(output, head, text);
+        } else {
+            output.size = sizeof few;
+            few[sizeof few - 1] = '\n';
+        }
+    }
     // A failure is ignored: stderr is where it would have to be reported.
-    [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, parts, std::size(parts));
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, output.text, output.size);
 }
 
 std::mutex sinkLock;
 QLXSink currentSink = nullptr;
 void* currentSinkArg = nullptr;
-
-QLX_PRINTF(3, 0)
-void emit(uint32_t level, uint32_t status, const char* format, va_list arguments) {
-    const int savedErrno = errno;
-    const Message message(format, arguments);
-    {
-        const std::lock_guard<std::mutex> hold(sinkLock);
-        if (currentSink != nullptr) {
-            currentSink(level, status, message.text(), currentSinkArg);
-        } else {
-            writeToStderr(level, status, message.text());
-        }
-    }
-    errno = savedErrno;
-}
+thread_local bool isInSink = false;
 
 std::mutex fatalLock;
 uint32_t fatalId = 0;
 char fatalFunction[128];
 char fatalMessage[4096];
+
+void lockForFork() {
+    if (!isInSink) sinkLock.lock();
+    fatalLock.lock();
+}
+
+void unlockAfterFork() {
+    fatalLock.unlock();
+    if (!isInSink) sinkLock.unlock();
+}
+
+/// When the library is loaded, before any thread of the program can log and fork. Without memory
+/// for the handlers children may hang, and nobody could be told yet.
+[[gnu::constructor]] void watchForks() {
+    pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork);
+}
+
+/// Hands a message to the sink. False without a sink, and for a message that the sink itself wrote.
+bool hand(uint32_t level, uint32_t status, const char* text) {
+    if (isInSink) return false;
+    const std::lock_guard<std::mutex> hold(sinkLock);
+    if (currentSink == nullptr) return false;
+    isInSink = true;
+    currentSink(level, status, text, currentSinkArg);
+    isInSink = false;
+    return true;
+}
+
+QLX_PRINTF(3, 0)
+void emit(uint32_t level, uint32_t status, const char* format, va_list arguments) {
+    const int savedErrno = errno;
+    const Message message(format, arguments);
+    if (!hand(level, status, message.text())) writeToStderr(level, status, message.text());
+    errno = savedErrno;
+}
 
 }  // namespace
 
@@ -116,7 +188,8 @@ int* __qlxlog_trace_location() noexcept {
 }
 
 void qlxSetSink(QLXSink sink, void* arg) noexcept {
-    const std::lock_guard<std::mutex> hold(sinkLock);
+    std::unique_lock<std::mutex> hold(sinkLock, std::defer_lock);
+    if (!isInSink) hold.lock();
     currentSink = sink;
     currentSinkArg = arg;
 }

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
 
+#include "common/ascii.h"
 #include "platform/support.h"
 #include "tools/shared/failure.h"
 #include "tools/shared/text.h"
@@ -48,11 +50,11 @@ void Progress::complain(const std::string& text) {
 void Progress::receive(uint32_t level, uint32_t status, const char* text, void* progress) {
     // No allocation: the library may be reporting that memory has run out.
     static_cast<Progress*>(progress)->clear();
-    if (level == QLX_LEVEL_TRACE) {
-        fprintf(stderr, "%s: %s\n", OSGetProcName(0), text);
-    } else {
-        fprintf(stderr, "%s: status %u: %s\n", OSGetProcName(0), status, text);
-    }
+    fprintf(stderr, "%s: ", OSGetProcName(0));
+    if (level != QLX_LEVEL_TRACE) fprintf(stderr, "status %u: ", status);
+    kspool::visible(text,
+                    [](std::string_view piece) { fwrite(piece.data(), 1, piece.size(), stderr); });
+    fputc('\n', stderr);
 }
 
 void Progress::draw(Clock::time_point now) {

@@ -1,6 +1,9 @@
 #include "tools/shared/failure.h"
 
 #include <cstdio>
+#include <string_view>
+
+#include "common/ascii.h"
 
 namespace tool {
 namespace {
@@ -20,7 +23,9 @@ const char* programName() {
 }
 
 void complain(const std::string& text) {
-    fprintf(stderr, "%s: %s\n", nameOfProgram, text.c_str());
+    std::string line = std::string(nameOfProgram) + ": ";
+    kspool::visible(text, [&](std::string_view piece) { line += piece == "\n" ? "\\x0a" : piece; });
+    fprintf(stderr, "%s\n", line.c_str());
 }
 
 Failure::Failure(const std::string& text) : Failure(codeOfFailures, text) {}

@@ -41,7 +41,8 @@ void setProgram(const char* name, ExitCode failed);
 
 const char* programName();
 
-/// Writes "PROGRAM: TEXT" as one line on stderr.
+/// Writes "PROGRAM: TEXT" as one line on stderr, with each control character as \xHH: a terminal
+/// would obey one that a server or a file name brought.
 void complain(const std::string& text);
 
 class Failure : public std::runtime_error {
