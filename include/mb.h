@@ -16,7 +16,7 @@
  * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves the slot
  *    alone unless its comment says otherwise.
  * 4. Ownership. Texts given are read during the call only. Texts received are the caller's, who
- *    releases them with free().
+ *    releases them with free(); lines of a cursor are the cursor's and valid until MBPOFindClose().
  * 5. Threads. No lock is taken: a session is used by one thread at a time; different sessions are
  *    independent. MBAbort() alone may run beside another call. After a fork a session belongs to
  *    the parent; the child may only shut it down.
@@ -403,7 +403,7 @@ KSPOOL_API MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection,
  */
 KSPOOL_API uint32_t MBPOFindNext(MBPOCursor* cursor, struct PO* po) KSPOOL_NOEXCEPT;
 
-/* The same with lines of text, which the cursor owns until MBPOFindClose(). */
+/* The same with lines of text. */
 KSPOOL_API MBPOCursor* MBPOStringFindFirst(MBSession* session, uint32_t dataselection,
                                            const MBPOFilter* filter, char** line,
                                            uint32_t* count) KSPOOL_NOEXCEPT;

@@ -166,9 +166,11 @@ class Reader {
     const char* file_;
 };
 
-/// Marks the record as one whose initialisation failed.
+/// Makes the record one whose initialisation failed: zero but for the one flag, since programs may
+/// compare or store records as bytes.
 void fail(KSConfig* config) {
-    config->applicationName[0] = '\0';
+    *config = {};
+    config->flags = KS_CFG_APPLICATION;
 }
 
 uint32_t failUnreadable(KSConfig* config) {

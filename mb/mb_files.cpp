@@ -1,5 +1,4 @@
 // Files, directories and the server's clock: one request each. No state beyond the session's.
-#include <cstdlib>
 #include <cstring>
 
 #include "mb/mb_request.h"
@@ -62,7 +61,7 @@ uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) noexcept {
     Answer answer;
     const uint32_t status = carryOut(*session, Op::kGetTime, answer);
     if (status == CR_STATUS_OK && answer.data != nullptr) {
-        *serverTime = static_cast<uint32_t>(strtoll(answer.data, nullptr, 10));
+        *serverTime = static_cast<uint32_t>(leadingNumber(answer.data));
     }
     return status;
 }

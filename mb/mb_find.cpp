@@ -114,11 +114,11 @@ class Query {
     WSResult& result_;
 };
 
-/// The number that a line begins with, its low 32 bits; 0 without one. strtol() skips line ends as
-/// blanks, so in a blank line it would read the number of the next.
-uint32_t leadingNumber(const char* line, const char* end) {
+/// The number that a line begins with, its low 32 bits; 0 without one. leadingNumber() skips line
+/// ends as blanks, so in a blank line it would read the number of the next.
+uint32_t countOf(const char* line, const char* end) {
     line += strspn(line, " \t\v\f");
-    return line < end ? static_cast<uint32_t>(strtol(line, nullptr, 10)) : 0;
+    return line < end ? static_cast<uint32_t>(leadingNumber(line)) : 0;
 }
 
 /// Reads the three lines before the POs: names, types, count. False, with a report, for a malformed
@@ -138,7 +138,7 @@ bool readHead(MBPOCursor& cursor) {
                      unterminated);
             return false;
         }
-        cursor.poCount = leadingNumber(line, end);  // the third line's value remains
+        cursor.poCount = countOf(line, end);  // the third line's value remains
         line = end + 1;
     }
     cursor.nextLine = line;

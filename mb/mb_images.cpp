@@ -1,6 +1,5 @@
 // Records of backup images. Each operation is one request; they differ in their parameters, in the
 // row of their operation and in how they check their arguments.
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -15,29 +14,36 @@ uint32_t checkImage(const MBSession* session, uint32_t dsid) {
     return session == nullptr ? CR_STATUS_NULL_HANDLE : CR_STATUS_OK;
 }
 
-/// Copies an answer for the caller; on failure `*output` is NULL.
+/// Copies an answer for the caller. Without an answer `*output` is left alone; without memory it is
+/// NULL.
 uint32_t copyAnswer(const char* answer, char** output) {
-    *output = nullptr;
     if (answer == nullptr) return CR_STATUS_REMOTE_ERROR;
     *output = strdup(answer);
     return *output != nullptr ? CR_STATUS_OK : CR_STATUS_NO_MEMORY;
 }
 
 /// Reads the fields of an answer, each ended by a semicolon, until a field is empty or the text
-/// ends: four numbers, then a text; further fields are ignored. The end of the text is checked
-/// before the separator is skipped, because the last field may lack it.
+/// ends: four numbers, then a text; the rest is not looked at. Of a field that is longer than the
+/// text's member, the character behind that many is skipped as if it were the separator. The end of
+/// the text is checked before the separator is skipped, because the last field may lack it.
 void readRetention(const char* text, MBImageRetentionInfo* info) {
     int64_t* const numbers[] = {&info->retentionValue1, &info->retentionValue2,
                                 &info->retentionValue3, &info->retentionValue4};
     char field[sizeof info->retentionText];
-    int length = 0;
-    for (size_t i = 0; sscanf(text, "%1023[^;]%n", field, &length) == 1; ++i) {
-        if (i < std::size(numbers)) *numbers[i] = strtoll(field, nullptr, 10);
-        if (i == std::size(numbers)) {
-            qlxstrcpy(info->retentionText, field, sizeof info->retentionText);
+    for (size_t i = 0; i <= std::size(numbers); ++i) {
+        size_t length = 0;
+        while (length < sizeof field - 1 && text[length] != ';' && text[length] != '\0')
+            ++length;
+        if (length == 0) return;
+        memcpy(field, text, length);
+        field[length] = '\0';
+        if (i < std::size(numbers)) {
+            *numbers[i] = leadingNumber(field);
+        } else {
+            memcpy(info->retentionText, field, length + 1);
         }
         text += length;
-        if (*text == '\0') break;
+        if (*text == '\0') return;
         ++text;
     }
 }

@@ -5,7 +5,9 @@
 #ifndef MB_MB_INT_H
 #define MB_MB_INT_H
 
+#include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 
 #include "common/diagnostics.h"
 #include "ks.h"
@@ -77,6 +79,15 @@ inline constexpr char kMbSource[] = "../mb";
 
 /// Ends a variadic list of parameters. A plain NULL may be passed as an int.
 inline constexpr char* kEndOfParameters = nullptr;
+
+/// The number that a text begins with, 0 without one. errno stays as it was: strtoll() would leave
+/// ERANGE behind a call that succeeded.
+inline int64_t leadingNumber(const char* text) noexcept {
+    const int kept = errno;
+    const int64_t number = strtoll(text, nullptr, 10);
+    errno = kept;
+    return number;
+}
 
 /// Prints a filter as the server wants it, as snprintf() does: returns the length, or a negative
 /// value with the reason in the slot.
