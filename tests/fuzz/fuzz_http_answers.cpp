@@ -17,7 +17,7 @@ std::string deliver(ws::Collector& collector, std::string_view rest, size_t piec
     while (isHead && !rest.empty()) {
         const size_t length = std::min(rest.find('\n'), rest.size() - 1) + 1;
         if (collector.header(rest.data(), length) != length) return body;
-        isHead = !collector.headIsComplete();
+        isHead = rest.substr(0, length).find_first_not_of(" \t\r\n") != std::string_view::npos;
         rest.remove_prefix(length);
     }
     while (!rest.empty()) {

@@ -2,8 +2,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -147,6 +150,55 @@ TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
     EXPECT_TRUE(ear.heard == expected);
 }
 
+// A server's text may neither forge a line nor rewrite the terminal.
+TEST(PlatformSupport, LinesOfAMessageAreMarkedOnStderr) {
+    testing::internal::CaptureStderr();
+    ErrorA(7, "%s", "a\x1b[2J\nb\xc2\x9b\x7f\xff\xc3\xa4");
+    const std::string large(100000, '\n');
+    ErrorA(7, "%s", large.c_str());
+    const std::string said = testing::internal::GetCapturedStderr();
+    const std::string head =
+        std::string(OSGetProcName(0)) + "[" + std::to_string(getpid()) + "] error 7";
+    const std::string expected =
+        head + ": a\\x1b[2J\n" + head + "| b\\xc2\\x9b\\x7f\\xff\xc3\xa4\n" + head + ": \n";
+    EXPECT_EQ(said.substr(0, expected.size()), expected);
+    EXPECT_EQ(std::count(said.begin(), said.end(), '|'), 1 + 99999);
+}
+
+// Locks that another thread held at the fork would never be released in the child.
+TEST(PlatformSupport, AChildCanSpeakWhileOtherThreadsDo) {
+    const Folder folder;
+    const std::string path = folder.path + "/a.cfg";
+    std::ofstream(path) << "[one\n";
+    const auto speak = [&] {
+        char value[8];
+        NoticeA(2, "notice");
+        qlxSetFatalError("f", 1, "fatal");
+        InifileGetValueA("one", "a", value, 7, "d", path.c_str());
+    };
+    qlxSetSink([](uint32_t, uint32_t, const char*, void*) { usleep(500); }, nullptr);
+    std::atomic<bool> ending = false;
+    std::thread other([&] {
+        while (!ending)
+            speak();
+    });
+    for (int i = 0; i < 50; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(10);
+            speak();
+            _exit(0);
+        }
+        int status = 1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+        if (status != 0) break;
+    }
+    ending = true;
+    other.join();
+    qlxSetSink(nullptr, nullptr);
+}
+
 TEST(PlatformSupport, TheLastFatalErrorIsReadable) {
     char function[16], message[16];
     qlxSetFatalError("first", 1, "one");
@@ -205,7 +257,7 @@ const std::string kOddFile =
     "quoted = \" a b \"\nhalf = \"x\nhash = a # b\nnumber = 12abc\nwords = abc\nbig = 99999999999\n"
     "small = -99999999999\nhuge = 99999999999999999999\n no sense\n[broken\nnul = a" +
     std::string(1, '\0') + "b\nlong = " + std::string(70000, 'x') +
-    "\n[TWO]\nab=two\n[one]\nlate=l\nlast=z";
+    "\n[TWO]\nab=two\nPOOL-ID=i\n[one]\nlate=l\nlast=z";
 
 TEST(PlatformIni, ReadsOddFiles) {
     const Folder folder;
@@ -215,10 +267,10 @@ TEST(PlatformIni, ReadsOddFiles) {
         const char *section, *entry, *value;
         int found;
     } table[] = {
-        {"one", "ab", "first", 5},     {"two", "AB", "two", 3},   {"one", "empty", "d", 0},
-        {"one", "quoted", " a b ", 5}, {"one", "half", "\"x", 2}, {"one", "hash", "a # b", 5},
-        {"one", "nul", "d", 0},        {"one", "long", "d", 0},   {"one", "late", "l", 1},
-        {"one", "last", "z", 1},       {"three", "ab", "d", 0}};
+        {"one", "ab", "first", 5},     {"two", "AB", "two", 3},    {"one", "empty", "d", 0},
+        {"one", "quoted", " a b ", 5}, {"one", "half", "\"x", 2},  {"one", "hash", "a # b", 5},
+        {"one", "nul", "d", 0},        {"one", "long", "d", 0},    {"one", "late", "l", 1},
+        {"one", "last", "z", 1},       {"two", "pool-id", "i", 1}, {"three", "ab", "d", 0}};
     for (const auto& row : table) {
         char value[8] = "";
         EXPECT_EQ(InifileGetValueA(row.section, row.entry, value, 7, "d", path.c_str()), row.found);
@@ -241,6 +293,35 @@ TEST(PlatformIni, ReadsOddFiles) {
         InifileGetIntegerA("one", row.entry, &narrow, -5, path.c_str());
         EXPECT_EQ(wide, row.wide) << row.entry;
         EXPECT_EQ(narrow, row.narrow) << row.entry;
+    }
+}
+
+// The entries below a damaged header would otherwise go to the section above.
+TEST(PlatformIni, EndsASectionAtADamagedHeader) {
+    const Folder folder;
+    const std::string path = folder.path + "/damaged.cfg";
+    const struct {
+        std::string header;
+        const char *above, *named;
+        size_t reports;
+    } table[] = {{"[spa]", "d", "u", 0},
+                 {"[spa] ; the server", "d", "u", 0},
+                 {"[spa", "d", "d", 1},
+                 {" \t[spa", "d", "d", 1},
+                 {"[spa] url", "d", "d", 1},
+                 {"[spa" + std::string(70000, ' ') + "]", "d", "d", 1},
+                 {std::string("[sp\0a]", 7), "d", "d", 1},
+                 {"x = y\r[spa]", "d", "d", 1},
+                 {"no sense", "u", "d", 1}};
+    for (const auto& row : table) {
+        std::ofstream(path) << "[metabase]\n" << row.header << "\nurl = u\n";
+        const Ear ear;
+        char value[8];
+        InifileGetValueA("metabase", "url", value, 7, "d", path.c_str());
+        EXPECT_STREQ(value, row.above) << row.header;
+        InifileGetValueA("spa", "url", value, 7, "d", path.c_str());
+        EXPECT_STREQ(value, row.named) << row.header;
+        EXPECT_EQ(ear.heard.size(), row.reports) << row.header;
     }
 }
 

@@ -55,7 +55,7 @@ std::vector<Row> rows() {
         {"text",             {textAnswer("1700000000\n"), kOpen, 0, 0},                    0, 0, "1700000000\n", nullptr},
         {"textThenClose",    {textAnswer("x"), kClose, 0, 0},                              0, 0, "x", nullptr},
         {"empty",            {textAnswer(""), kOpen, 0, 0},                                0, 0, nullptr, nullptr},
-        {"charset",          {answer("200 OK", "Text/Plain; charset=utf-8", "x"), kOpen, 0, 0}, 0, 0, "x", nullptr},
+        {"charset",          {answer("200 OK", "TEXT/PLAIN; charset=utf-8", "x"), kOpen, 0, 0}, 0, 0, "x", nullptr},
         {"chunks",           {chunked("3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n"), kOpen, 0, 0},   0, 0, "abcde", nullptr},
         {"interim",          {"HTTP/1.1 103 Early Hints\r\nContent-Type: text/html\r\n\r\n" + textAnswer("x"), kOpen, 0, 0}, 0, 0, "x", nullptr},
         {"excess",           {textAnswer("x") + textAnswer("smuggled"), kOpen, 0, 0},      0, 0, "x", nullptr},

@@ -56,7 +56,10 @@ std::string show(Objects& objects, const Words&) {
 std::string configure(Objects& objects, const Words& w) {
     memset(&objects.config, 0x55, sizeof objects.config);
     operations::client().at("KSConfigInitWithAgentCfg").run(objects, w);
-    return withSlot(w[1] == "null" ? "nothing" : show(objects, w));
+    KSConfig failed{};
+    failed.flags = KS_CFG_APPLICATION;
+    const bool isEmpty = memcmp(&objects.config, &failed, sizeof failed) == 0;
+    return withSlot(w[1] == "null" ? "nothing" : isEmpty ? "empty" : show(objects, w));
 }
 
 template <size_t... Index>

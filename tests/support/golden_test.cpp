@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -41,9 +42,23 @@ const Operations& commonCommands() {
     return kRows;
 }
 
+/// Watches each call: its time, which may not grow with the square of an answer's length, and
+/// errno, which a number out of range may not change, since no call of the system has failed.
+struct Watched : Objects {
+    void enter() override {
+        errno = 0;
+        start = clock();
+    }
+    void leave() override {
+        EXPECT_NE(errno, ERANGE);
+        EXPECT_LT(clock() - start, CLOCKS_PER_SEC);
+    }
+    clock_t start = 0;
+};
+
 /// Runs the commands of a transcript, and returns it as they make it.
 std::string replay(const std::string& transcript) {
-    Objects objects;
+    Watched objects;
     std::istringstream lines(transcript);
     std::string actual;
     for (std::string line; std::getline(lines, line);) {
