@@ -74,36 +74,15 @@ TEST(TransportTime, LimitsSilenceAndNotTheWholeTransfer) {
 
 // Far more than the system's buffers hold, to a server that reads 6 MB/s.
 TEST(TransportTime, WaitsForAServerThatReadsSlowly) {
-    uint16_t port = 0;
-    const int listener = loopback::listenOn(port, 1);
-    std::thread server([listener] {
-        const int fd = accept(listener, nullptr, nullptr);
-        std::vector<char> block(64 << 10);
-        size_t left = 30'000'000;
-        while (left > 0) {
-            const ssize_t got = recv(fd, block.data(), block.size(), 0);
-            if (got <= 0) break;
-            left -= std::min(left, static_cast<size_t>(got));
-            std::this_thread::sleep_for(milliseconds(10));
-        }
-        const std::string ok = textAnswer("ok");
-        send(fd, ok.data(), ok.size(), MSG_NOSIGNAL);
-        char rest = 0;
-        while (recv(fd, &rest, 1, 0) > 0) {
-        }
-        close(fd);
-    });
-    {
-        Transport transport("http://127.0.0.1:" + std::to_string(port), 2);
-        const std::string text(30'000'000, 'x');
-        const auto start = Clock::now();
-        EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &transport.result, 1, text.c_str(),
-                                "addlist"),
-                  0U);
-        EXPECT_GT(secondsSince(start), 2.5);
-    }
-    server.join();
-    close(listener);
+    RawServer server;
+    server.readSlowly();
+    Transport transport(server.url(), 2);
+    const std::string text(30'000'000, 'x');
+    const auto start = Clock::now();
+    EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &transport.result, 1, text.c_str(),
+                            "addlist"),
+              0U);
+    EXPECT_GT(secondsSince(start), 2.5);
 }
 
 // A machine that is down does not refuse: it says nothing. Nor does one whose queue is full.
