@@ -162,14 +162,16 @@ nlohmann::ordered_json Core::reporter() const {
     return {{"serverAddress", serverAddress_}, {"sourceApplication", kSourceApplication}};
 }
 
-Answer Core::eventAnswer(const Event& event) const {
+/// `promises`: that no sending of the request's id was carried out, which is what the code tells.
+Answer Core::eventAnswer(const Event& event, bool promises) const {
     const EventRow& row =
         *std::find_if(std::begin(kEvents), std::end(kEvents),
                       [&](const EventRow& one) { return one.code == event.code(); });
     nlohmann::ordered_json members = {{"title", row.title},
                                       {"detail", event.text()},
-                                      {"eventCode", static_cast<uint32_t>(event.code())},
+                                      {"eventCode", nullptr},
                                       {"severity", "ERROR"}};
+    if (promises) members["eventCode"] = static_cast<uint32_t>(event.code());
     members.update(reporter());
     Answer answer = problem(row.status, members);
     if (row.status == 401)
@@ -182,14 +184,26 @@ Answer Core::answer(const Request& request, LogEntry& log) {
     try {
         return carryOut(request, log);
     } catch (const Event& event) {
-        return eventAnswer(event);
+        return refusal(request, event);
     } catch (const std::exception& error) {
-        return eventAnswer({kServerFailed, error.what()});
+        return refusal(request, {kServerFailed, error.what()});
     }
 }
 
-bool Core::knows(const std::string& id) {
-    return database_.query("SELECT 1 FROM answers WHERE id = ?", id).step();
+/// The only answer that a login may get which is not the id's own: it tells that the id is in use,
+/// and nothing of the stored answer.
+Answer Core::refusal(const Request& request, const Event& event) {
+    return eventAnswer(event, !mayBeDone(request.id));
+}
+
+/// An answer other than 200 was a refusal by the handler, which changed nothing.
+bool Core::mayBeDone(const std::string& id) noexcept {
+    if (open_.contains(id)) return true;
+    try {
+        return database_.query("SELECT 1 FROM answers WHERE id = ? AND status = 200", id).step();
+    } catch (const std::exception&) {
+        return true;
+    }
 }
 
 void Core::describe(const Request& request, LogEntry& log) {

@@ -13,12 +13,19 @@
 //     is refused before its handler runs (login, permission, parameters) or that fails with 9001
 //     changed nothing, and the next attempt is tried anew.
 //  4. An id belongs to one digest of login and content; the newest 10,000 ids are kept.
+//  5. An event promises that no sending of its id was carried out, nor will be one that is here
+//     already. Every refusal therefore asks mayBeDone(), and loses its event code when the answer
+//     is yes. Only a refusal by the handler needs no question: its transaction has looked the id
+//     up.
+//  6. `open_` holds the id of each sending whose head was read and which was not decided yet. Were
+//     an event given meanwhile, the sending would be carried out after the promise that it was not.
 #ifndef SANDBOX_CORE_H
 #define SANDBOX_CORE_H
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "sandbox/accounts.h"
@@ -40,12 +47,16 @@ class Core {
     /// Opens the database and reads the accounts. Throws std::exception.
     explicit Core(const Settings& settings);
 
-    /// Carries out a request under /ws/; a failure becomes an event's answer. Notes in `log` the
-    /// login and whether the answer was a stored one. Call `more` of the answer by the thread rule.
+    /// Carries out a request under /ws/; a failure becomes an event's answer, without the event's
+    /// code when a sending of the id may have been carried out. Notes in `log` the login and
+    /// whether the answer was a stored one. Call `more` of the answer by the thread rule.
     Answer answer(const Request& request, LogEntry& log);
-    /// True when an answer is stored under this id: the request was carried out, or refused,
-    /// before. Throws DatabaseError.
-    bool knows(const std::string& id);
+    /// True unless it is certain that no sending of this id was carried out, and that none is open.
+    bool mayBeDone(const std::string& id) noexcept;
+    /// A sending of this id has begun to arrive. REQUIRED afterwards, once: decide().
+    void open(const std::string& id) { open_.insert(id); }
+    /// The sending is carried out or refused now, or it ended.
+    void decide(const std::string& id) { open_.extract(id); }
     /// Notes in `log` the id, service, action and parameters, as far as they can be read. Reads the
     /// request alone, because a fault may keep the request from being carried out.
     static void describe(const Request& request, LogEntry& log);
@@ -72,7 +83,8 @@ class Core {
     nlohmann::ordered_json reporter() const;
 
   private:
-    Answer eventAnswer(const Event& event) const;
+    Answer eventAnswer(const Event& event, bool promises = true) const;
+    Answer refusal(const Request& request, const Event& event);
     Answer carryOut(const Request& request, LogEntry& log);
     Answer change(const Request& request, const Action& action, const Parameters& parameters,
                   LogEntry& log);
@@ -89,6 +101,7 @@ class Core {
     uint32_t architectureMode_;
     std::string serverAddress_;
     std::optional<int64_t> fixedClock_;
+    std::multiset<std::string> open_;
 };
 
 }  // namespace sandbox

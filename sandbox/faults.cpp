@@ -95,6 +95,11 @@ bool listed(const std::string& members, const std::string& name) {
     return at != std::string::npos && (at == 0 || members[at - 1] == ' ');
 }
 
+/// An event of a bad event would be a promise that nobody looked up: see FaultKind::refuses.
+bool isEventCode(const Json& value) {
+    return value.is_number_unsigned() && value > 0 && value <= UINT32_MAX;
+}
+
 /// Checks types and ranges now, so that Fault::number() and Fault::text() cannot throw when the
 /// fault strikes: the client would see a closed connection, and nobody the mistake in the order.
 void checkMember(const FaultKind& kind, const std::string& name, const Json& value) {
@@ -105,6 +110,7 @@ void checkMember(const FaultKind& kind, const std::string& name, const Json& val
     if ((number && !value.is_number_unsigned()) || (text && !value.is_string()) ||
         (name == "chance" && !value.is_number()) ||
         (name == "retryAfter" && !value.is_string() && !value.is_number_unsigned()) ||
+        (name == "code" && kind.change == badEvent && isEventCode(value)) ||
         (status && (value < 200 || value > 999))) {
         throw std::runtime_error(std::string("member '") + name + "' of fault " + kind.name +
                                  " has a wrong type or value");

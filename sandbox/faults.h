@@ -6,9 +6,9 @@
 //    not know that the request was done, and can only resend it with the same id.
 //  - not carried out: the core never sees the request, and the fault makes an answer of its own, or
 //    none (reset, oversize, garbage, status, redirect, event, bad-event).
-// An injected event also refuses: it promises the client that no attempt of the request was carried
-// out. For an id that the core knows that would be false, and a client would report a failure of a
-// change that was made; the HTTP side drops the fault then, and the stored answer goes out.
+// An injected event also refuses: it promises the client that no sending of the request was carried
+// out. Where the core cannot promise that, a client would report a failure of a change that was
+// made; the HTTP side drops the fault then, and the core answers.
 //
 // Thread rule: one thread at a time, under State::mutex.
 //

@@ -37,8 +37,8 @@ Answer plain(unsigned status, const char* text) {
     return answer;
 }
 
-void readHead(Exchange& exchange, const std::string& prefix, MHD_Connection* connection,
-              const char* method) {
+void readHead(Exchange& exchange, State& state, MHD_Connection* connection, const char* method) {
+    const std::string& prefix = state.prefix;
     Request& request = exchange.request;
     request.method = method;
     request.contentType = header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
@@ -55,6 +55,10 @@ void readHead(Exchange& exchange, const std::string& prefix, MHD_Connection* con
     if (request.path.starts_with(kServices))
         request.service = request.path.substr(kServices.size());
     exchange.begun = true;
+    if (request.service.empty()) return;
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    state.core.open(request.id);
+    exchange.open = true;
 }
 
 /// Beyond the limit the body is dropped and the rest read and ignored, so that the answer still
@@ -93,6 +97,11 @@ void gather(Answer& answer) {
     answer.more = nullptr;
 }
 
+/// REQUIRES: the caller holds State::mutex, up to the answer if there is one.
+void decide(Exchange& exchange, State& state) {
+    if (std::exchange(exchange.open, false)) state.core.decide(exchange.request.id);
+}
+
 /// Handles a request under /ws/: describes it and takes a fault, waits for the fault's delay,
 /// carries the request out, spoils its answer, and queues that.
 MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connection) {
@@ -102,13 +111,14 @@ MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connectio
         exchange.described = true;
         Core::describe(exchange.request, exchange.log);
         exchange.fault = state.faults.take(exchange.log.action);
-        if (exchange.fault && exchange.fault->kind->refuses &&
-            state.core.knows(exchange.request.id)) {
-            exchange.fault.reset();
-        }
         const uint64_t delay = exchange.fault ? exchange.fault->delay() : 0;
         // libmicrohttpd calls again when the time is over; `described` is set by then.
         if (delay > 0 && service.alarm.suspend(connection, delay)) return MHD_YES;
+    }
+    decide(exchange, state);
+    if (exchange.fault && exchange.fault->kind->refuses &&
+        state.core.mayBeDone(exchange.request.id)) {
+        exchange.fault.reset();
     }
     const Fault* fault = exchange.fault ? &*exchange.fault : nullptr;
     Answer answer;
@@ -172,7 +182,7 @@ MHD_Result continueExchange(void* closure, MHD_Connection* connection, const cha
     if (exchange == nullptr) return MHD_NO;
     try {
         if (!exchange->begun) {
-            readHead(*exchange, service.state.prefix, connection, method);
+            readHead(*exchange, service.state, connection, method);
             return MHD_YES;
         }
         if (*size > 0) {
@@ -186,10 +196,14 @@ MHD_Result continueExchange(void* closure, MHD_Connection* connection, const cha
     }
 }
 
-void endExchange(void* /*service*/, MHD_Connection* /*connection*/, void** exchange,
+void endExchange(void* closure, MHD_Connection* /*connection*/, void** closureOfRequest,
                  MHD_RequestTerminationCode /*code*/) noexcept {
-    delete static_cast<Exchange*>(*exchange);
-    *exchange = nullptr;
+    const std::unique_ptr<Exchange> exchange(static_cast<Exchange*>(*closureOfRequest));
+    *closureOfRequest = nullptr;
+    if (exchange == nullptr || !exchange->open) return;
+    State& state = static_cast<Service*>(closure)->state;
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    decide(*exchange, state);
 }
 
 }  // namespace sandbox

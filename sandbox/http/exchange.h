@@ -34,6 +34,7 @@ struct Exchange {
     LogEntry log;
     std::optional<Fault> fault;
     bool begun = false;      ///< the head was read
+    bool open = false;       ///< Core::open() was called, and Core::decide() was not
     bool described = false;  ///< noted in `log`, and a fault was taken for it
 };
 

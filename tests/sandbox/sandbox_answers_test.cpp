@@ -9,6 +9,7 @@
 #include <optional>
 #include <sstream>
 
+#include "sandbox/store/database.h"
 #include "tests/support/folder.h"
 #include "tests/support/raw_server.h"
 #include "tests/support/served_pool.h"
@@ -93,6 +94,7 @@ class Answers : public testing::TestWithParam<fs::path> {
     }
 
     Received ask(const std::string& bytes) {
+        if (leaves_) return left_.emplace(server_->port()).ask(bytes, 200);
         if (!client_) client_.emplace(server_->port());
         Received received = client_->ask(bytes);
         if (received.end != "kept" || headerOf(received.head, "Connection") == "close")
@@ -108,6 +110,7 @@ class Answers : public testing::TestWithParam<fs::path> {
             const std::string method = take(rest), function = take(rest);
             return {"kept", "", server_->admin(method, function, rest)};
         }
+        if (first == "late") return left_->ask({});
         if (first != "GET" && first != "POST")
             return ask(message("POST /ws/" + service_, kForm, encoded(request), id));
         const std::string target = take(rest);
@@ -117,6 +120,7 @@ class Answers : public testing::TestWithParam<fs::path> {
     void expect(std::string line) {
         const uint64_t times = line.starts_with("repeat ") ? take(line),
                        std::stoull(take(line))             : 1;
+        leaves_ = line.starts_with("leave ") && !take(line).empty();
         const std::string request = take(line, " -> ");
         Received received;
         for (uint64_t i = 0; i < times; ++i)
@@ -147,6 +151,12 @@ class Answers : public testing::TestWithParam<fs::path> {
         } else if (command == "restart") {
             settings_.database = file_.path + "/pool.db";
             restart();
+        } else if (command == "account") {
+            settings_.accounts.push_back({take(line, ":"), take(line), {}});
+            while (!line.empty())
+                settings_.accounts.back().permissions.push_back(take(line));
+        } else if (command == "sql") {
+            sandbox::Database(settings_.database).script(line.c_str());
         } else {
             ADD_FAILURE() << command;
         }
@@ -154,7 +164,8 @@ class Answers : public testing::TestWithParam<fs::path> {
 
     sandbox::Settings settings_;
     std::unique_ptr<sandbox::Server> server_;
-    std::optional<RawClient> client_;
+    std::optional<RawClient> client_, left_;
+    bool leaves_ = false;
     Folder file_;
     std::string login_ = "all:secret", service_ = "metabase",
                 head_ = "Request-Id: {id}\r\nContent-Type: text/plain\r\n";
