@@ -50,6 +50,8 @@ class Client {
 
     const std::string& folder() const { return folder_; }
     const Ledger& ledger() const { return ledger_; }
+    void abort() { MBAbort(session_); }
+    uint64_t aborted() const { return aborted_; }
     uint64_t count(Outcome outcome) const { return counts_[outcome]; }
     const std::vector<std::string>& differences() const { return differences_; }
 
@@ -105,10 +107,12 @@ class Client {
         if (status == CR_STATUS_OK) {
             outcome = kConfirmed;
         } else if (status == WS_STATUS_TIMED_OUT || status == WS_STATUS_CUT ||
-                   status == WS_STATUS_BAD_ANSWER || status == WS_STATUS_TOO_LARGE) {
+                   status == WS_STATUS_BAD_ANSWER || status == WS_STATUS_TOO_LARGE ||
+                   status == WS_STATUS_ABORTED) {
             outcome = kUnknown;
-        } else if (status == WS_STATUS_NO_CONNECT) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            aborted_ += status == WS_STATUS_ABORTED ? 1 : 0;
+        } else if (status == WS_STATUS_NO_CONNECT || status == WS_STATUS_CONNECT_TIMED_OUT) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
         } else {
             const uint32_t event = status == CR_STATUS_REMOTE_ERROR ? lastEvent : status;
             if (event != kOrderedEvent && event != refusal) {
@@ -294,7 +298,7 @@ class Client {
     MBSession* session_;
     Ledger ledger_;
     std::vector<Item> items_[kKinds];  ///< those in the bucket that are there for certain
-    uint64_t tokens_ = 0;
+    uint64_t tokens_ = 0, aborted_ = 0;
     uint64_t counts_[kOutcomes] = {};
     std::vector<std::string> differences_;
 };

@@ -1,5 +1,6 @@
 // Sessions and a server that goes wrong, which is killed and started again: what the sessions were
-// told, against what the server did. Usage: chaos_run SANDBOX [REQUESTS]
+// told, against what the server did. Usage: chaos_run SANDBOX [REQUESTS [GATEWAY]]
+// GATEWAY is tests/support/gateway.py: the sessions talk to the server through it then.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -14,6 +15,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "platform/ws.h"
 #include "sandbox/sandbox.h"
@@ -33,44 +35,38 @@ std::string data(const std::string& name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The server as a program of its own, on one port.
-class Server {
+struct Skipped {};
+
+/// A program that writes a line which begins with READY once it serves.
+class Program {
   public:
-    Server(std::string program, uint64_t seed) : program_(std::move(program)) {
-        sandbox::setUp({pool(), "http://127.0.0.1:1", false});
-        // Below the ports that the system gives to clients: one that looks for a server that is
-        // down must not find itself.
-        for (unsigned tries = 0; tries < 20; ++tries) {
-            port_ = static_cast<uint16_t>(10'000 + (seed + tries * uint64_t{997}) % 20'000);
-            if (start()) return;
-        }
-        throw std::runtime_error("the server does not start");
-    }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-    ~Server() { end(SIGKILL); }
+    Program() = default;
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    ~Program() { end(SIGKILL); }
 
-    std::string pool() const { return folder_.path + "/pool"; }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
-    bool start() {
+    bool start(std::vector<std::string> words) {
         int ready[2];
         if (pipe2(ready, O_CLOEXEC) != 0) return false;
-        const std::string folder = pool(), port = std::to_string(port_);
         child_ = fork();
         if (child_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             dup2(ready[1], STDOUT_FILENO);
-            execl(program_.c_str(), program_.c_str(), "serve", folder.c_str(), "--port",
-                  port.c_str(), nullptr);
+            std::vector<char*> arguments;
+            for (std::string& word : words)
+                arguments.push_back(word.data());
+            arguments.push_back(nullptr);
+            execv(arguments[0], arguments.data());
             _exit(127);
         }
         close(ready[1]);
         char first = '\0';
-        const bool serves = read(ready[0], &first, 1) == 1 && first == 'R';
+        const bool says = read(ready[0], &first, 1) == 1;
         close(ready[0]);
-        if (!serves) end(SIGKILL);
-        return serves;
+        if (says && first == 'R') return true;
+        end(SIGKILL);
+        if (says) throw Skipped{};
+        return false;
     }
 
     /// True when it ended as one that was told to stop.
@@ -84,6 +80,58 @@ class Server {
         return status == 0;
     }
 
+  private:
+    pid_t child_ = -1;
+};
+
+/// The server as a program of its own, on one port, and the gateway to it on the next one, if there
+/// is to be one.
+class Server {
+  public:
+    Server(std::string program, const char* gateway, uint64_t seed)
+        : program_(std::move(program)), gateway_(gateway != nullptr ? gateway : "") {
+        sandbox::setUp({pool(), "http://127.0.0.1:1", false});
+        // Below the ports that the system gives to clients: one that looks for a server that is
+        // down must not find itself.
+        for (unsigned tries = 0; tries < 20; ++tries) {
+            port_ = static_cast<uint16_t>(10'000 + (seed + tries * uint64_t{997}) % 20'000);
+            if (start()) return;
+        }
+        throw std::runtime_error("the server does not start");
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server() { before_.end(SIGTERM); }
+
+    std::string pool() const { return folder_.path + "/pool"; }
+    std::string url() const {
+        return "http://127.0.0.1:" + std::to_string(port_ + (gateway_.empty() ? 0 : 1));
+    }
+
+    bool start() {
+        const std::string port = std::to_string(port_), next = std::to_string(port_ + 1);
+        if (!server_.start({program_, "serve", pool(), "--port", port})) return false;
+        return gateway_.empty() || before_.start({gateway_, folder_.path, next, port});
+    }
+
+    /// The gateway goes first: an answer that it made of the server's end would get through.
+    bool end(int number) {
+        before_.end(SIGTERM);
+        return server_.end(number);
+    }
+
+    /// Kills the server, behind a gateway that goes on or goes as well, for longer than any session
+    /// tries again: its last attempt finds nobody, after whatever it was told before.
+    bool killAndStart(bool gatewayToo) {
+        if (gateway_.empty() || !gatewayToo) {
+            server_.end(SIGKILL);
+            return server_.start({program_, "serve", pool(), "--port", std::to_string(port_)});
+        }
+        end(SIGKILL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2'500));
+        return start();
+    }
+
     std::string admin(const std::string& method, const std::string& function,
                       const std::string& body = {}) const {
         const Received answer = RawClient(port_).ask(
@@ -95,17 +143,17 @@ class Server {
     }
 
   private:
-    std::string program_;
+    std::string program_, gateway_;
     Folder folder_;
     uint16_t port_ = 0;
-    pid_t child_ = -1;
+    Program server_, before_;
 };
 
 /// A run, from a new pool to what became of it.
 class Run {
   public:
-    Run(const char* program, uint64_t requests, uint64_t seed)
-        : server_(program, seed), requests_(requests), random_(seed) {
+    Run(const char* program, const char* gateway, uint64_t requests, uint64_t seed)
+        : server_(program, gateway, seed), requests_(requests), random_(seed) {
         chaos::Pool pool = {server_.url(), server_.pool() + "/agent.cfg", {}};
         std::ifstream(server_.pool() + "/agent.password") >> pool.password;
         std::string tree;
@@ -125,6 +173,12 @@ class Run {
         std::vector<std::thread> threads;
         for (chaos::Client& client : clients_)
             threads.emplace_back([&] { client.run(done_, requests_); });
+        std::thread aborter([&] {
+            for (size_t i = 0; done_ < requests_; ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                clients_[i % kSessions].abort();
+            }
+        });
         const uint64_t kills = std::max<uint64_t>(1, requests_ / kRequestsPerKill);
         const uint64_t part = requests_ / (kills + 1);
         while (kills_ < kills) {
@@ -132,11 +186,11 @@ class Run {
             while (done_ < moment)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             countFaults();
-            server_.end(SIGKILL);
-            if (!server_.start()) break;
+            if (!server_.killAndStart(kills_ % 2 == 0)) break;
             ++kills_;
             orderFaults();
         }
+        threads.push_back(std::move(aborter));
         for (std::thread& thread : threads)
             thread.join();
         if (kills_ < kills) throw std::runtime_error("the server did not come back");
@@ -166,15 +220,17 @@ class Run {
     }
 
     void print() const {
-        uint64_t counts[chaos::kOutcomes] = {};
+        uint64_t counts[chaos::kOutcomes] = {}, aborted = 0;
         for (const chaos::Client& client : clients_) {
+            aborted += client.aborted();
             for (int i = 0; i < chaos::kOutcomes; ++i)
                 counts[i] += client.count(static_cast<chaos::Outcome>(i));
         }
         std::cout << "chaos: " << requests_ << " requests of " << kSessions << " sessions, "
                   << faults_ << " faults, " << kills_ << " kills; " << counts[chaos::kConfirmed]
                   << " confirmed, " << counts[chaos::kRefused] << " refused, "
-                  << counts[chaos::kUnknown] << " unknown; " << changes_ << " changes made";
+                  << counts[chaos::kUnknown] << " unknown (" << aborted << " aborted); " << changes_
+                  << " changes made";
     }
 
   private:
@@ -218,7 +274,7 @@ int main(int argc, char** argv) {
     const uint64_t seed = given != nullptr ? strtoull(given, nullptr, 0) : std::random_device()();
     const uint64_t requests = argc > 2 ? strtoull(argv[2], nullptr, 10) : 5000;
     if (argc < 2 || requests < 100) {
-        fprintf(stderr, "usage: chaos_run SANDBOX [REQUESTS]\n");
+        fprintf(stderr, "usage: chaos_run SANDBOX [REQUESTS [GATEWAY]]\n");
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
@@ -228,12 +284,15 @@ int main(int argc, char** argv) {
     MBSetRetryCount(1);
     WSSetAnswerLimit(kAnswerLimit);
     try {
-        Run run(argv[1], requests, seed);
+        Run run(argv[1], argc > 3 ? argv[3] : nullptr, requests, seed);
         run.go();
         const size_t differences = run.compare();
         run.print();
         std::cout << ", " << differences << " differences; KSPOOL_TEST_SEED=" << seed << std::endl;
         return differences == 0 ? 0 : 1;
+    } catch (const Skipped&) {
+        std::cerr << "chaos_run: skipped: there is no nginx" << std::endl;
+        return 77;
     } catch (const std::exception& error) {
         std::cerr << "chaos_run: " << error.what() << "; KSPOOL_TEST_SEED=" << seed << std::endl;
         return 1;

@@ -30,6 +30,8 @@ constexpr char kNotConfigured[] =
     "/etc/kspool/agent.cfg; give --config FILE";
 
 constexpr char kPerhapsDone[] = "if it was a change, it may have been made";
+constexpr char kPerhapsDoneOrNoPool[] =
+    "if it was a change, it may have been made; is it a pool server?";
 
 struct Hint {
     uint32_t status;
@@ -37,12 +39,15 @@ struct Hint {
 };
 
 constexpr Hint kHints[] = {
+    {WS_STATUS_FAILED, kPerhapsDone},
     {WS_STATUS_NO_SERVER, "a server is http://HOST[:PORT] or https://HOST[:PORT]"},
     {WS_STATUS_PLAINTEXT, "use https, or set KSPOOL_ALLOW_PLAINTEXT=1"},
     {WS_STATUS_NO_CONNECT, "is it running there? --retry SECONDS waits for it"},
+    {WS_STATUS_CONNECT_TIMED_OUT, "is it running there? --retry SECONDS waits for it"},
+    {WS_STATUS_ABORTED, kPerhapsDone},
     {WS_STATUS_TIMED_OUT, kPerhapsDone},
     {WS_STATUS_CUT, kPerhapsDone},
-    {WS_STATUS_BAD_ANSWER, "is it a pool server?"},
+    {WS_STATUS_BAD_ANSWER, kPerhapsDoneOrNoPool},
     {WS_STATUS_TOO_LARGE, kPerhapsDone},
 };
 
@@ -201,6 +206,12 @@ std::string Session::explain(uint32_t status) const {
     std::string text = (said.empty() ? CRStatusToStringA(status) : said) + " (";
     if (remote && messages_.event() != 0) {
         text += "event " + std::to_string(messages_.event()) + ", ";
+    }
+    MBEvent last{};
+    last.size = sizeof last;
+    if (isTransport(status) && MBLastEvent(session_.get(), &last) == CR_STATUS_OK &&
+        last.httpStatus != 0) {
+        text += "HTTP status " + std::to_string(last.httpStatus) + ", ";
     }
     text += "server " + server_;
     if (permission) {

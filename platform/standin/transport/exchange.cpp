@@ -101,7 +101,8 @@ class Call {
     void attempt(kspool::OwnedText& text) {
         transport_.event = {};
         last_ = ws::attempt(transport_, limit_, text);
-        transport_.trace.httpStatus = static_cast<uint32_t>(last_.httpStatus);
+        if (last_.httpStatus != 0)
+            transport_.trace.httpStatus = static_cast<uint32_t>(last_.httpStatus);
         ++transport_.trace.attempts;
         // The server's own refusal says that no transmission of this request was carried out. A
         // gateway's answer says nothing of the kind: it may stand for a lost answer.
