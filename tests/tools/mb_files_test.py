@@ -131,7 +131,11 @@ def check_secrets(top, config, password):
         busy.wait()
 
 
-def check_network(top, url, agent):
+def check_network(top, sandbox, agent):
+    url = sandbox.url
+    for fault, says in (({"kind": "lose"}, "complete ("), ({"kind": "status", "code": 503}, "(HTTP status 503, ")):
+        sandbox.admin("faults", [fault])
+        run(*agent, "mkdir", "/perhaps", code=13, says=[says, "if it was a change, it may have been made"])
     server = PoolServer(SANDBOX, top + "/late")
     closed = server.url
     run("ls", "/", "--server", closed.replace("//", f"//user:{CANARY}@"), "--config", agent[1], code=13, says=[closed])
@@ -203,6 +207,6 @@ with tempfile.TemporaryDirectory() as top:
     check_secrets(top, config, agent[-1])
     check_odd_answers(agent)
     check_usage(top, config)
-    check_network(top, url, agent)
+    check_network(top, server, agent)
     server.stop()
 print("kspool-mb: as expected")
