@@ -103,23 +103,23 @@ void Argument<MBImageRetentionInfo*>::show(Call& call) const {
                   std::to_string(value.retentionValue4) + " " + quoted(value.retentionText));
 }
 
-void Argument<MBEvent*>::show(Call& call) const {
-    const MBEvent& e = storage.record;
-    call.show(word != "null", std::to_string(e.size) + ": " + std::to_string(e.eventCode) + " " +
-                                  std::to_string(e.httpStatus) + " " + std::to_string(e.attempts) +
-                                  " " + quoted(e.requestId) + " " + quoted(e.severity) + " " +
-                                  quoted(e.serverAddress) + " " + quoted(e.sourceApplication) +
-                                  " " + quoted(e.description));
+std::string shown(const MBEvent& e) {
+    std::string out = std::to_string(e.size) + ":";
+    for (const uint32_t number : {e.eventCode, e.httpStatus, e.attempts})
+        out += " " + std::to_string(number);
+    for (const char* text :
+         {e.requestId, e.severity, e.serverAddress, e.sourceApplication, e.description})
+        out += " " + quoted(text);
+    return out;
 }
 
-void Argument<MBStatistics*>::show(Call& call) const {
-    const MBStatistics& s = storage.record;
-    std::string shown = std::to_string(s.size) + ":";
+std::string shown(const MBStatistics& s) {
+    std::string out = std::to_string(s.size) + ":";
     for (const uint64_t number :
          {s.requests, s.attempts, s.connections, s.bytesSent, s.bytesReceived, s.microseconds,
           s.latencies[0], s.latencies[MB_LATENCIES - 1]})
-        shown += " " + std::to_string(number);
-    call.show(word != "null", shown);
+        out += " " + std::to_string(number);
+    return out;
 }
 
 namespace {

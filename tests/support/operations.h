@@ -191,31 +191,21 @@ struct Argument<MBImageRetentionInfo*> : Output<MBImageRetentionInfo> {
     void show(Call& call) const;
 };
 
+std::string shown(const MBEvent& event);
+std::string shown(const MBStatistics& statistics);
+
 /// A record that carries its size: "small" for one that is too small, "large" for a newer one.
 template <typename Record>
-struct Sized {
+requires(std::same_as<Record, MBEvent> ||
+         std::same_as<Record, MBStatistics>) struct Argument<Record*> {
     static constexpr char kKind = 'o';
-    explicit Sized(Call& call) : word(call.word()) {
-        storage.record.size =
-            sizeof(Record) + (word == "large" ? 8 : 0) - (word == "small" ? 1 : 0);
+    explicit Argument(Call& call) : word(call.word()) {
+        records[0].size = sizeof(Record) + (word == "large" ? 8 : 0) - (word == "small" ? 1 : 0);
     }
-    Record* get() { return word == "null" ? nullptr : &storage.record; }
-    struct {
-        Record record{};
-        uint64_t behind = 0;  ///< of a larger record
-    } storage;
+    Record* get() { return word == "null" ? nullptr : records; }
+    void show(Call& call) const { call.show(word != "null", shown(records[0])); }
+    Record records[2]{};  ///< the second one is room behind the first
     std::string word;
-};
-
-template <>
-struct Argument<MBEvent*> : Sized<MBEvent> {
-    explicit Argument(Call& call) : Sized(call) {}
-    void show(Call& call) const;
-};
-template <>
-struct Argument<MBStatistics*> : Sized<MBStatistics> {
-    explicit Argument(Call& call) : Sized(call) {}
-    void show(Call& call) const;
 };
 
 /// An object of the scene, or NULL.
