@@ -3,7 +3,6 @@
 
 #include <fstream>
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -61,17 +60,22 @@ struct Row {
 
 std::vector<Row> rows() {
     static const std::map<char, Reply::End> kEnds = {{'o', kOpen}, {'c', kClose}, {'r', kReset}};
-    static const std::regex kRow("(\\w+) *: (.*?) *: (\\w)\\w+ ?(\\d*)(?:\\+(\\d+))? *:(?: (.*))?");
     std::ifstream file(ANSWERS);
     std::vector<Row> out;
     for (std::string line; std::getline(file, line);) {
-        std::smatch cells;
-        if (!std::regex_match(line, cells, kRow)) continue;
-        out.push_back(
-            {cells[1],
-             expanded(cells[2]),
-             {answered(expanded(cells[6])), kEnds.at(cells.str(3)[0]), atoi(cells.str(4).c_str()),
-              static_cast<size_t>(atol(cells.str(5).c_str()))}});
+        std::vector<std::string> cells;
+        for (size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
+            end = cells.size() < 3 ? line.find(" : ", at) : std::string::npos;
+            cells.push_back(line.substr(at, end - at));
+            if (cells.size() < 4) cells.back().erase(cells.back().find_last_not_of(' ') + 1);
+        }
+        if (cells.size() < 4) continue;
+        const size_t space = cells[2].find(' '), plus = cells[2].find('+');
+        const std::string delay = space < plus ? cells[2].substr(space, plus - space) : "";
+        out.push_back({cells[0],
+                       expanded(cells[1]),
+                       {answered(expanded(cells[3])), kEnds.at(cells[2][0]), atoi(delay.c_str()),
+                        plus < cells[2].size() ? std::stoull(cells[2].substr(plus)) : 0}});
     }
     return out;
 }
