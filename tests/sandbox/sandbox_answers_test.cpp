@@ -97,7 +97,7 @@ class Answers : public testing::TestWithParam<fs::path> {
     }
 
     Received ask(const std::string& bytes) {
-        if (leaves_) return left_.emplace_back(server_->port()).ask(bytes, 800);
+        if (leaves_) return left_.emplace_back(server_->port()).ask(bytes, 600);
         if (!client_) client_.emplace(server_->port());
         Received received = client_->ask(bytes);
         if (received.end != "kept" || headerOf(received.head, "Connection") == "close")
