@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <random>
 #include <sstream>
@@ -13,7 +12,6 @@
 #include <thread>
 
 #include "mb/mb_int.h"
-#include "platform/support.h"
 #include "platform/ws.h"
 #include "tests/chaos/chaos_ledger.h"
 
@@ -45,15 +43,14 @@ class Client {
     Client& operator=(const Client&) = delete;
     ~Client() { MBShutdown(session_); }
 
-    /// Takes all messages of the process, to be called first: no status has the code of an event.
-    static void listen() { qlxSetSink(hear, nullptr); }
-
     const std::string& folder() const { return folder_; }
     const Ledger& ledger() const { return ledger_; }
-    void abort() { MBAbort(session_); }
-    uint64_t aborted() const { return aborted_; }
     uint64_t count(Outcome outcome) const { return counts_[outcome]; }
+    uint64_t aborted() const { return aborted_; }
     const std::vector<std::string>& differences() const { return differences_; }
+
+    /// Any thread may call this while the session runs.
+    void abort() { MBAbort(session_); }
 
     /// Makes requests until `done`, which it counts up, has reached `count`.
     void run(std::atomic<uint64_t>& done, uint64_t count) {
@@ -72,10 +69,11 @@ class Client {
         }
     }
 
-    /// Asks for all that it has ever made.
+    /// Asks for all that it has ever made, without faults.
     void review() {
         for (const Kind kind : {kEntry, kPO, kImage})
-            read(kind, folder_, kind == kEntry ? folder_ : "");
+            if (read(kind, folder_, kind == kEntry ? folder_ : "") != kConfirmed)
+                differences_.push_back("no review");
     }
 
   private:
@@ -91,17 +89,10 @@ class Client {
     };
     static const Row kRows[15];
     static constexpr const char* kNames[] = {"entry ", "po ", "image "};
-    inline static thread_local uint32_t lastEvent = 0;
-
-    static void hear(uint32_t, uint32_t, const char* text, void*) {
-        const char* code = strstr(text, "Event code        : ");
-        if (code != nullptr) lastEvent = static_cast<uint32_t>(strtoul(code + 20, nullptr, 10));
-    }
 
     /// Makes a request and says what may be concluded. `refusal` is the event it deserves, or 0.
     template <typename Call>
     Outcome ask(const std::string& what, Call call, uint32_t refusal = 0) {
-        lastEvent = 0;
         const uint32_t status = call();
         Outcome outcome = kRefused;
         if (status == CR_STATUS_OK) {
@@ -109,12 +100,15 @@ class Client {
         } else if (status == WS_STATUS_TIMED_OUT || status == WS_STATUS_CUT ||
                    status == WS_STATUS_BAD_ANSWER || status == WS_STATUS_TOO_LARGE ||
                    status == WS_STATUS_ABORTED) {
-            outcome = kUnknown;
             aborted_ += status == WS_STATUS_ABORTED ? 1 : 0;
+            outcome = kUnknown;
         } else if (status == WS_STATUS_NO_CONNECT || status == WS_STATUS_CONNECT_TIMED_OUT) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         } else {
-            const uint32_t event = status == CR_STATUS_REMOTE_ERROR ? lastEvent : status;
+            MBEvent last = {};
+            last.size = sizeof last;
+            MBLastEvent(session_, &last);
+            const uint32_t event = last.eventCode != 0 ? last.eventCode : status;
             if (event != kOrderedEvent && event != refusal) {
                 differences_.push_back(what + ": status " + std::to_string(status) + ", event " +
                                        std::to_string(event));
@@ -226,15 +220,20 @@ class Client {
     void makeAgain(Kind kind) {
         constexpr uint32_t kExists = 2002;
         if (items_[kind].empty()) return make(kind);
-        const std::string& path = any(kind).path;
+        std::swap(any(kind), items_[kind].back());
+        const std::string path = items_[kind].back().path;
         const auto flags = static_cast<int32_t>(++tokens_);
+        Outcome outcome;
         if (kind == kImage) {
-            ledger_.change("~image " + path + " " + std::to_string(flags),
-                           ask("change", [&] { return setImage(path, flags); }));
+            outcome = ask("change", [&] { return setImage(path, flags); });
+            ledger_.change("~image " + path + " " + std::to_string(flags), outcome);
         } else {
-            const auto again = [&] { return makeDirectory(path); };
-            ledger_.make(kNames[kind] + path, ask("make again", again, kExists));
+            outcome = ask(
+                "make again", [&] { return makeDirectory(path); }, kExists);
+            ledger_.make(kNames[kind] + path, outcome);
         }
+        // Carried out later than a remove that follows, it would make the thing once more.
+        if (outcome == kUnknown) items_[kind].pop_back();
     }
 
     void removeNothing(Kind kind) {
@@ -247,22 +246,25 @@ class Client {
     void list(Kind kind) { read(kind, bucket_, bucket_); }
 
     /// What is below a path; `where` is how to ask for it, which may be empty for all.
-    void read(Kind kind, const std::string& path, const std::string& where) {
+    Outcome read(Kind kind, const std::string& path, const std::string& where) {
         char* text = nullptr;
         const Outcome outcome = ask("list", [&]() -> uint32_t {
             if (kind == kEntry) return MBDirList(session_, where.c_str(), &text, nullptr, 1);
             if (kind == kPO) return find(where, &text);
-            return MBGetLastImages(session_, 1, name_.c_str(), where.c_str(), -1, 0, &text);
+            const uint32_t status =
+                MBGetLastImages(session_, 1, name_.c_str(), where.c_str(), -1, 0, &text);
+            return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;  // no image
         });
         std::istringstream lines(text != nullptr ? text : "");
         free(text);
-        if (outcome != kConfirmed) return;
+        if (outcome != kConfirmed) return outcome;
         std::set<std::string> listed;
         size_t number = 0;
         for (std::string line; std::getline(lines, line);) {
             if (kind != kPO || ++number > 3) listed.insert(kNames[kind] + pathIn(kind, line, path));
         }
         ledger_.compare(kNames[kind] + path + "/", listed, differences_);
+        return outcome;
     }
 
     uint32_t find(const std::string& where, char** text) {
@@ -272,9 +274,7 @@ class Client {
         filter.criterion6 = name_.c_str();
         if (!where.empty()) filter.criterion9 = where.c_str();
         const uint32_t status = MBPOFind(session_, 1, &filter, text, nullptr, nullptr);
-        if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
-        // An event that met the retry of a query; it has no report.
-        return status == CR_STATUS_BAD_HANDLE ? kOrderedEvent : status;
+        return status == CR_STATUS_NOT_FOUND ? uint32_t{CR_STATUS_OK} : status;
     }
 
     static std::string pathIn(Kind kind, const std::string& line, const std::string& above) {

@@ -1,6 +1,6 @@
 // Sessions and a server that goes wrong, which is killed and started again: what the sessions were
 // told, against what the server did. Usage: chaos_run SANDBOX [REQUESTS [GATEWAY]]
-// GATEWAY is tests/support/gateway.py: the sessions talk to the server through it then.
+// GATEWAY is tests/support/gateway.sh: the sessions talk to the server through it then.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -15,8 +15,8 @@
 #include <iostream>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
+#include "platform/support.h"
 #include "platform/ws.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/store/database.h"
@@ -35,38 +35,52 @@ std::string data(const std::string& name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-struct Skipped {};
-
-/// A program that writes a line which begins with READY once it serves.
-class Program {
+/// The server as a program of its own, on one port, and a gateway to it on the next one, unless
+/// that is NULL.
+class Server {
   public:
-    Program() = default;
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-    ~Program() { end(SIGKILL); }
+    Server(std::string program, const char* gateway, uint64_t seed)
+        : program_(std::move(program)), gateway_(gateway) {
+        sandbox::setUp({pool(), "http://127.0.0.1:1", false});
+        // Below the ports that the system gives to clients: one that looks for a server that is
+        // down must not find itself.
+        for (unsigned tries = 0; tries < 20; ++tries) {
+            port_ = static_cast<uint16_t>(10'000 + (seed + tries * uint64_t{997}) % 20'000);
+            if (start()) return;
+        }
+        throw std::runtime_error("the server does not start");
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server() { end(SIGKILL); }
 
-    bool start(std::vector<std::string> words) {
+    std::string pool() const { return folder_.path + "/pool"; }
+    std::string url() const {
+        return "http://127.0.0.1:" + std::to_string(port_ + (gateway_ != nullptr ? 1 : 0));
+    }
+
+    bool start() {
         int ready[2];
         if (pipe2(ready, O_CLOEXEC) != 0) return false;
+        const std::string folder = pool(), port = std::to_string(port_),
+                          next = std::to_string(port_ + 1);
         child_ = fork();
         if (child_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             dup2(ready[1], STDOUT_FILENO);
-            std::vector<char*> arguments;
-            for (std::string& word : words)
-                arguments.push_back(word.data());
-            arguments.push_back(nullptr);
-            execv(arguments[0], arguments.data());
+            if (gateway_ != nullptr)
+                execl(gateway_, gateway_, folder_.path.c_str(), next.c_str(), port.c_str(),
+                      program_.c_str(), "serve", folder.c_str(), "--port", port.c_str(), nullptr);
+            execl(program_.c_str(), program_.c_str(), "serve", folder.c_str(), "--port",
+                  port.c_str(), nullptr);
             _exit(127);
         }
         close(ready[1]);
         char first = '\0';
-        const bool says = read(ready[0], &first, 1) == 1;
+        const bool serves = read(ready[0], &first, 1) == 1 && first == 'R';
         close(ready[0]);
-        if (says && first == 'R') return true;
-        end(SIGKILL);
-        if (says) throw Skipped{};
-        return false;
+        if (!serves) end(SIGKILL);
+        return serves;
     }
 
     /// True when it ended as one that was told to stop.
@@ -80,55 +94,11 @@ class Program {
         return status == 0;
     }
 
-  private:
-    pid_t child_ = -1;
-};
-
-/// The server as a program of its own, on one port, and the gateway to it on the next one, if there
-/// is to be one.
-class Server {
-  public:
-    Server(std::string program, const char* gateway, uint64_t seed)
-        : program_(std::move(program)), gateway_(gateway != nullptr ? gateway : "") {
-        sandbox::setUp({pool(), "http://127.0.0.1:1", false});
-        // Below the ports that the system gives to clients: one that looks for a server that is
-        // down must not find itself.
-        for (unsigned tries = 0; tries < 20; ++tries) {
-            port_ = static_cast<uint16_t>(10'000 + (seed + tries * uint64_t{997}) % 20'000);
-            if (start()) return;
-        }
-        throw std::runtime_error("the server does not start");
-    }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-    ~Server() { before_.end(SIGTERM); }
-
-    std::string pool() const { return folder_.path + "/pool"; }
-    std::string url() const {
-        return "http://127.0.0.1:" + std::to_string(port_ + (gateway_.empty() ? 0 : 1));
-    }
-
-    bool start() {
-        const std::string port = std::to_string(port_), next = std::to_string(port_ + 1);
-        if (!server_.start({program_, "serve", pool(), "--port", port})) return false;
-        return gateway_.empty() || before_.start({gateway_, folder_.path, next, port});
-    }
-
-    /// The gateway goes first: an answer that it made of the server's end would get through.
-    bool end(int number) {
-        before_.end(SIGTERM);
-        return server_.end(number);
-    }
-
-    /// Kills the server, behind a gateway that goes on or goes as well, for longer than any session
-    /// tries again: its last attempt finds nobody, after whatever it was told before.
-    bool killAndStart(bool gatewayToo) {
-        if (gateway_.empty() || !gatewayToo) {
-            server_.end(SIGKILL);
-            return server_.start({program_, "serve", pool(), "--port", std::to_string(port_)});
-        }
+    /// The gateway ends with the server, for longer than any session tries again: the last attempt
+    /// finds nobody, whatever came before.
+    bool killAndStart() {
         end(SIGKILL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2'500));
+        if (gateway_ != nullptr) std::this_thread::sleep_for(std::chrono::milliseconds(2'500));
         return start();
     }
 
@@ -143,10 +113,11 @@ class Server {
     }
 
   private:
-    std::string program_, gateway_;
+    std::string program_;
+    const char* gateway_;
     Folder folder_;
     uint16_t port_ = 0;
-    Program server_, before_;
+    pid_t child_ = -1;
 };
 
 /// A run, from a new pool to what became of it.
@@ -173,24 +144,17 @@ class Run {
         std::vector<std::thread> threads;
         for (chaos::Client& client : clients_)
             threads.emplace_back([&] { client.run(done_, requests_); });
-        std::thread aborter([&] {
-            for (size_t i = 0; done_ < requests_; ++i) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-                clients_[i % kSessions].abort();
-            }
-        });
         const uint64_t kills = std::max<uint64_t>(1, requests_ / kRequestsPerKill);
         const uint64_t part = requests_ / (kills + 1);
         while (kills_ < kills) {
             const uint64_t moment = part * (kills_ + 1) - random_() % (part / 2);
-            while (done_ < moment)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            abortUntil(moment);
             countFaults();
-            if (!server_.killAndStart(kills_ % 2 == 0)) break;
+            if (!server_.killAndStart()) break;
             ++kills_;
             orderFaults();
         }
-        threads.push_back(std::move(aborter));
+        abortUntil(kills_ == kills ? requests_ : 0);
         for (std::thread& thread : threads)
             thread.join();
         if (kills_ < kills) throw std::runtime_error("the server did not come back");
@@ -229,12 +193,20 @@ class Run {
         std::cout << "chaos: " << requests_ << " requests of " << kSessions << " sessions, "
                   << faults_ << " faults, " << kills_ << " kills; " << counts[chaos::kConfirmed]
                   << " confirmed, " << counts[chaos::kRefused] << " refused, "
-                  << counts[chaos::kUnknown] << " unknown (" << aborted << " aborted); " << changes_
-                  << " changes made";
+                  << counts[chaos::kUnknown] << " unknown, " << aborted << " of them aborted; "
+                  << changes_ << " changes made";
     }
 
   private:
     std::string database() const { return server_.pool() + "/pool.db"; }
+
+    /// Aborts a session's request now and then, until so many were made.
+    void abortUntil(uint64_t done) {
+        while (done_ < done) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (random_() % 20 == 0) clients_[random_() % kSessions].abort();
+        }
+    }
 
     void orderFaults() {
         std::string list = data("faults.json");
@@ -278,7 +250,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     signal(SIGPIPE, SIG_IGN);
-    chaos::Client::listen();
+    qlxSetSink([](uint32_t, uint32_t, const char*, void*) {}, nullptr);
     // One retry of a query, at once.
     MBSetTimeOut(0);
     MBSetRetryCount(1);
@@ -290,9 +262,6 @@ int main(int argc, char** argv) {
         run.print();
         std::cout << ", " << differences << " differences; KSPOOL_TEST_SEED=" << seed << std::endl;
         return differences == 0 ? 0 : 1;
-    } catch (const Skipped&) {
-        std::cerr << "chaos_run: skipped: there is no nginx" << std::endl;
-        return 77;
     } catch (const std::exception& error) {
         std::cerr << "chaos_run: " << error.what() << "; KSPOOL_TEST_SEED=" << seed << std::endl;
         return 1;
