@@ -9,7 +9,8 @@ if ! said=$(localedef -i tr_TR -f UTF-8 "$folder/tr_TR.UTF-8" 2>&1); then
     exit 77
 fi
 # Texts of strerror() stay English. Three transcripts show numbers with a decimal point.
+# The system keeps a copy of LOCPATH, which counts as leaked.
 for program; do
-    LOCPATH=$folder KSPOOL_TEST_LOCALE=tr_TR.UTF-8 LANGUAGE=C "$program" --gtest_brief=1 \
+    ASAN_OPTIONS=${ASAN_OPTIONS:-}:detect_leaks=0 LOCPATH=$folder KSPOOL_TEST_LOCALE=tr_TR.UTF-8 LANGUAGE=C "$program" --gtest_brief=1 \
         --gtest_filter='-*/reports:*/limit:*/delete'
 done
