@@ -264,8 +264,7 @@ void emptyWake(const WSTransport& transport) {
 }
 
 void forgetAborts(WSTransport& transport) {
-    transport.aborted = false;
-    emptyWake(transport);
+    if (transport.aborted.exchange(false)) emptyWake(transport);
 }
 
 }  // namespace ws

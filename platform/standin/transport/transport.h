@@ -159,7 +159,8 @@ struct Socket {
 //  8. `event` and `trace` belong to the last request and own the texts that its WSResult and
 //     WSLastEvent() point to; the next request clears both.
 //  9. `curl` is in `multi` only during an attempt. The connections belong to `multi`.
-// 10. `aborted` is false, and `wake` is empty, when an attempt of a new request begins.
+// 10. `aborted` is false when an attempt of a new request begins. `wake` may hold the rest of an
+//     earlier abort, which then ends one wait early and nothing else.
 struct WSTransport {
     std::unique_ptr<CURL, ws::FreeEasy> curl;
     std::unique_ptr<CURLM, ws::FreeMulti> multi;
