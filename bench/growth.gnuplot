@@ -5,13 +5,14 @@ set grid
 set key outside right
 set linetype 9 linecolor "gray40" linewidth 2
 set linetype 10 linecolor "dark-orange" linewidth 2
-set linetype cycle 10
+set linetype 11 linecolor "brown" linewidth 2
+set linetype cycle 11
 set ylabel "nanoseconds an entry"
 set output "growth.svg"
 set logscale x
 set format x "10^{%T}"
 set xlabel "entries"
-plot for [column = 2:11] "grow-cache.dat" using 1:(column(column) > 0 ? column(column) : NaN) \
+plot for [column = 2:12] "grow-cache.dat" using 1:(column(column) > 0 ? column(column) : NaN) \
     with linespoints pointtype 7 pointsize 0.5 title columnheader(column)
 set output "bits.svg"
 unset logscale x

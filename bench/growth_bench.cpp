@@ -79,13 +79,15 @@ double eachStretch(size_t total, Act act) {
 struct Settings {
     size_t entries;
     uint32_t bits;
+    uint32_t areaSize = areaFor(entries);
+    bool operator==(const Settings&) const = default;
 };
 
 /// A filled cache. with() keeps the last one, since filling takes longer than most measurements.
 class Cache {
   public:
     explicit Cache(Settings wanted, bool batches) : settings(wanted) {
-        handle = KSCacheCreate(areaFor(wanted.entries), wanted.bits, 0, nullptr, nullptr);
+        handle = KSCacheCreate(wanted.areaSize, wanted.bits, 0, nullptr, nullptr);
         seconds = eachStretch(wanted.entries, [&](Stretch& s, size_t count) {
             batches ? addBatch(s, count) : addSingly(s, count);
         });
@@ -96,8 +98,7 @@ class Cache {
 
     static Cache& with(Settings wanted) {
         static std::unique_ptr<Cache> current;
-        if (current == nullptr || current->settings.entries != wanted.entries ||
-            current->settings.bits != wanted.bits || current->spoiled) {
+        if (current == nullptr || current->settings != wanted || current->spoiled) {
             current.reset();
             current = std::make_unique<Cache>(wanted, true);
         }
@@ -197,6 +198,12 @@ void reclaim(State& state, Settings settings) {
     report(state, secondsOf([&] { KSCacheReclaim(cache.handle); }), settings.entries);
 }
 
+/// The same with the smallest pages, of which there are most.
+void reclaimSmall(State& state, Settings settings) {
+    settings.areaSize = 1024;
+    reclaim(state, settings);
+}
+
 constexpr struct {
     const char* work;
     const char* table;
@@ -212,6 +219,7 @@ constexpr struct {
     {"load", "all", load},
     {"check", "all", check},
     {"reclaim", "all", reclaim},
+    {"reclaim", "small", reclaimSmall},
 };
 
 void registerGrowth(const std::vector<size_t>& counts) {

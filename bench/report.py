@@ -238,7 +238,7 @@ GROWTH = {
     "add": "add", "hit": "hit", "miss": "miss", "save": "save", "load": "load",
     "check": "limit check that drops a tenth", "reclaim": "compaction after a tenth was deleted",
 }
-TABLES = {"single": ", single calls", "batch": ", batches of 1,000", "all": ""}
+TABLES = {"single": ", single calls", "batch": ", batches of 1,000", "all": "", "small": ", pages of 1,024 slots"}
 
 
 def growth_table(prefix, caption, name_of):

@@ -27,7 +27,7 @@ enum CRStatus {
     CR_STATUS_INVALID_PARAMETER = 9,
     /* More option records than one call accepts, or a text that does not fit its field. */
     CR_STATUS_LIMIT_EXCEEDED = 10,
-    /* The cache is being walked, so its memory limit cannot be enforced now. */
+    /* The cache is being walked, or its file is held by another process. */
     CR_STATUS_BUSY = 11,
     /* The argument that is to receive the result is NULL. */
     CR_STATUS_NULL_OUTPUT = 14,

@@ -41,6 +41,7 @@
  *   statuses       NULL, or room for a status for each key
  *   arg            passed to the callback unchanged; may be NULL
  *   callbackArg    as given to KSCacheCreate()
+ *   hold           a hold of KSCacheHoldFile()
  *   stream         where the report goes; NULL: standard output
  */
 #ifndef KSCACHE_H
@@ -261,7 +262,7 @@ KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, cons
 KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback,
                                    void* arg) KSPOOL_NOEXCEPT;
 
-/* ---- File ---- */
+/* ---- File: these calls need up to 48 KiB of stack ---- */
 
 /*
  * Saves all entries to a file, whose format docs/cache-format.md describes: fingerprints, types and
@@ -273,7 +274,8 @@ KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callba
  *
  * Returns 0; 44, 82, or 9 for a NULL path; the status of the system error when the file cannot be
  * opened, which is logged as a warning. All but 0 are stored in the status slot. Write errors are
- * not reported: the file may then be incomplete, and KSCacheLoad() refuses it.
+ * not reported: the file may then be incomplete, and KSCacheLoad() refuses it. To keep the last
+ * good file, use KSCacheReplaceFile().
  */
 KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
                                 uint64_t* count) KSPOOL_NOEXCEPT;
@@ -281,7 +283,9 @@ KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
 /*
  * Adds all entries of a file to a cache, as KSCacheAdd() with a NULL `addArg` does: a fingerprint
  * that is known already counts a hit. The whole file is checked before the first entry is added, so
- * that a refused file leaves the cache as it was. The file must not change meanwhile.
+ * that a refused file leaves the cache as it was. A file that changes during the call gives no
+ * wrong entries: the first block that is not what was checked ends the call as the end of the file
+ * would, which is logged as a warning.
  *
  *   path   file name, read during the call only.
  *   count  NULL, or receives the number of entries read when the call succeeds, including entries
@@ -294,10 +298,64 @@ KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
  *   CR_STATUS_BAD_HANDLE (82)    the file is not a cache file;
  *   CR_STATUS_SEEK_FAILED (23)   the file is not seekable (a pipe);
  *   CR_STATUS_READ_FAILED (25)   the file could not be read;
+ *   CR_STATUS_NO_MEMORY (22)     no memory for 4 bytes for each 26 kB of the file;
  *   CR_STATUS_CORRUPT (32)       the checksum of the file differs;
  *   any other value              the status of the system error when the file cannot be opened.
  */
 KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* count) KSPOOL_NOEXCEPT;
+
+/* A cache file that is held. Opaque; made by KSCacheHoldFile(). */
+typedef struct KSCacheHold KSCacheHold;
+
+/*
+ * Holds a cache file for the caller: until the hold is released, or the process ends, no other hold
+ * can be had, and no other process replaces the file. For a program that loads a file, works, and
+ * replaces it at the end. Readers are not kept out. The hold is a lock of PATH.lock, where PATH is
+ * the path with symbolic links resolved; this file has the process id of the holder, and stays.
+ * The file itself need not exist. A child process of fork() shares the hold.
+ *
+ *   path  file name, read during the call only.
+ *   hold  receives the hold, which the caller must pass to KSCacheReleaseFile(); unchanged by a
+ *         failure.
+ *
+ * Returns 0; all others are stored in the status slot and, except for 9, logged as a warning:
+ *   9                    NULL path or `hold`;
+ *   CR_STATUS_BUSY (11)  held already; the warning names the process;
+ *   CR_STATUS_BAD_HANDLE (82)  there is a file that KSCacheReplaceFile() would refuse;
+ *   any other value      the status of the system error.
+ */
+KSPOOL_API uint32_t KSCacheHoldFile(const char* path, KSCacheHold** hold) KSPOOL_NOEXCEPT;
+
+/* Gives a hold back, and frees it. NULL is allowed. errno and the status slot are left alone. */
+KSPOOL_API void KSCacheReleaseFile(KSCacheHold* hold) KSPOOL_NOEXCEPT;
+
+/*
+ * Replaces a cache file so that a good file is there at any time, also after a crash, a full disk
+ * or a power cut. A new file PATH.new, in the format of KSCacheSave(), is written beside the old
+ * one, synced, read back and verified; then it takes the name of the old one, and the folder is
+ * synced. The new file has owner, group and mode of the old one; without an old one, mode 0600. An
+ * empty cache leaves no file: an old one is removed, and the folder is synced.
+ *
+ *   path   file name, read during the call only. Symbolic links are followed, so that the file is
+ *          replaced and not the link.
+ *   hold   a hold of the file, from KSCacheHoldFile(); NULL: the file is held for this call.
+ *   count  NULL, or receives the number of entries saved when the call succeeds.
+ *
+ * Returns 0; all others are stored in the status slot and, except for NULL arguments and bad
+ * handles, logged as a warning that names the step that failed:
+ *   44, 82                      bad handle (82 also for an invalid `hold`);
+ *   9                           NULL path, or a hold of another file;
+ *   CR_STATUS_BUSY (11)         held by another process, or by a hold that was not passed;
+ *   CR_STATUS_BAD_HANDLE (82)   there is a file that is neither empty nor a cache file;
+ *   CR_STATUS_CORRUPT (32), CR_STATUS_READ_FAILED (25), CR_STATUS_SEEK_FAILED (23),
+ *   CR_STATUS_NO_MEMORY (22)    what was read back is not what was written, or could not be read;
+ *   any other value             the status of the system error, such as that of a full disk.
+ * After any status but 0 the old file is as it was, and nothing else is left but PATH.lock. One
+ * failure comes later: when the folder cannot be synced, the new file is in place, but a power cut
+ * may bring back the old one.
+ */
+KSPOOL_API uint32_t KSCacheReplaceFile(const KSCache* cache, const char* path,
+                                       const KSCacheHold* hold, uint64_t* count) KSPOOL_NOEXCEPT;
 
 /* ---- Memory limit ---- */
 
@@ -337,8 +395,10 @@ KSPOOL_API void KSCacheReclaim(KSCache* cache) KSPOOL_NOEXCEPT;
  * Write a report to `stream` (NULL: standard output), which is not flushed. KSCacheDump() writes a
  * line for each slot, including free ones; KSCacheDumpSorted() a line for each entry, tree by tree,
  * from the highest to the lowest; KSCacheDumpRaw() a summary, each slot of each page, and the free
- * list (the heading of a page has its free count less one, which prints as 4294967295 for a full
- * page that was never compacted). All three do nothing for a NULL cache. The handle is not checked.
+ * list. The heading of a page has its free count less one: of its slots that were never used, or
+ * that were free at the last compaction of the page. Deletes and reused slots do not change it, and
+ * 0 less one prints as 4294967295. All three do nothing for a NULL cache. The handle is not
+ * checked.
  */
 KSPOOL_API void KSCacheDump(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
 KSPOOL_API void KSCacheDumpSorted(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;

@@ -1,6 +1,8 @@
 #include "kscache/kscache_adler.h"
 
+#ifdef __x86_64__
 #include <immintrin.h>
+#endif
 
 #include <algorithm>
 
@@ -16,6 +18,8 @@ constexpr size_t kReduceAfter = 5552;
 constexpr uint32_t join(uint32_t first, uint32_t second) {
     return second << 16 | first;
 }
+
+#ifdef __x86_64__
 
 /// Bytes of one step of the vector version. A byte counts in the second sum once for each byte from
 /// it to the end of the block: 64 times for each step after its own (`earlier`), and its weight
@@ -69,6 +73,8 @@ __attribute__((target("avx2"))) uint32_t foldSteps(uint32_t sum, const uint8_t* 
     return join(first, second);
 }
 
+#endif
+
 }  // namespace
 
 uint32_t adlerFoldPlain(uint32_t sum, const uint8_t* bytes, size_t length) noexcept {
@@ -91,10 +97,12 @@ uint32_t adlerFoldPlain(uint32_t sum, const uint8_t* bytes, size_t length) noexc
 uint32_t adlerFold(uint32_t sum, const void* bytes, size_t length) noexcept {
     const auto* at = static_cast<const uint8_t*>(bytes);
     size_t whole = 0;
+#ifdef __x86_64__
     if (__builtin_cpu_supports("avx2") != 0) {
         whole = length / kStep * kStep;
         sum = foldSteps(sum, at, whole / kStep);
     }
+#endif
     return adlerFoldPlain(sum, at + whole, length - whole);
 }
 

@@ -1,10 +1,12 @@
 // The cache file: a magic header whose value is the Adler-32 checksum of all bytes after it, then
 // one record for each entry, without count, padding or trailer. docs/cache-format.md describes it
-// to the byte.
+// to the byte. This header has what save, load and replace share.
 #ifndef KSCACHE_FILE_H
 #define KSCACHE_FILE_H
 
+#include <array>
 #include <cstddef>
+#include <cstdlib>
 
 #include "common/owned.h"
 #include "kscache/kscache_int.h"
@@ -21,18 +23,64 @@ inline constexpr size_t kValueOffset = kTypeOffset + sizeof(KSCacheNode::type);
 inline constexpr size_t kRecordSize = kValueOffset + sizeof(KSCacheNode::value);
 static_assert(kRecordSize == 41);
 
-/// Records are written and read in blocks of 63 kB, which lie on the stack: larger ones would save
-/// few system calls and overflow small thread stacks.
-inline constexpr size_t kBlockRecords = 1536;
+/// Records are written and read in blocks of 26 kB, which lie on the caller's stack: larger ones
+/// would save few system calls and overflow small thread stacks. A call has one block.
+inline constexpr size_t kBlockRecords = 640;
 inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
+using Block = std::array<char, kBlockSize>;
 
-/// For save and load: checks the handle and the path; the status of a bad one is in the status
-/// slot.
+/// For the functions of files: checks the handle and the path; the status of a bad one is in the
+/// status slot.
 inline uint32_t checkFileRequest(const KSCache* cache, const char* path) noexcept {
     if (const uint32_t bad = checkHandle(cache)) return bad;
     if (path == nullptr) return storeStatus(CR_STATUS_INVALID_PARAMETER);
     return CR_STATUS_OK;
 }
+
+struct Written {
+    uint64_t count;     ///< records
+    uint32_t checksum;  ///< of all records
+    int error;          ///< errno of the first write of records that failed, or 0
+};
+
+/// Writes a header with checksum 0, and a record for each entry in the order of memory. A failed
+/// write does not end it.
+Written writeEntries(const KSCache* cache, int fd, Block& block) noexcept;
+
+/// The checksum of a file at the end of each of its blocks, by which a second pass over the file
+/// recognises a block that has changed.
+class BlockSums {
+  public:
+    BlockSums() = default;
+    ~BlockSums() { free(sums_); }
+    BlockSums(const BlockSums&) = delete;
+    BlockSums& operator=(const BlockSums&) = delete;
+
+    /// False when there is no memory.
+    bool add(uint32_t sum) noexcept;
+    uint32_t operator[](size_t block) const noexcept { return sums_[block]; }
+
+  private:
+    uint32_t* sums_ = nullptr;
+    size_t count_ = 0;
+    size_t capacity_ = 0;
+};
+
+/// What checkFile() finds after the header of a file.
+struct CheckedFile {
+    uint64_t length = 0;  ///< bytes
+    uint32_t checksum = 0;
+    BlockSums sums;
+};
+
+/// Reads a file from its header at the current position to its end, and checks the header and the
+/// checksum. On success the file is positioned at its first record. Any other status is in the
+/// status slot.
+uint32_t checkFile(int fd, const char* path, Block& block, CheckedFile& checked) noexcept;
+
+/// Reads until `length` bytes are there or the file ends. Returns the bytes read, or -1 with errno
+/// set.
+ssize_t readFully(int fd, char* bytes, size_t length) noexcept;
 
 }  // namespace kspool
 

@@ -1,11 +1,16 @@
 #include "kscache/kscache_memory.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 #include "common/diagnostics.h"
+#include "common/owned.h"
 
 namespace kspool {
 namespace {
@@ -38,17 +43,37 @@ char* firstBoundary(void* address, uint64_t multiple) {
     return static_cast<char*>(address) + (roundUp(number, multiple) - number);
 }
 
-/// The base of a large free span of addresses, or NULL. It is reserved and given back at once: this
-/// is only a place where pages can ascend for long, and a lasting reservation would count against
-/// the process's address-space limit.
+/// Bytes of addresses that the process uses; UINT64_MAX when the system does not tell.
+uint64_t addressesUsed() {
+    char text[64] = "";
+    const Descriptor file(open("/proc/self/statm", O_RDONLY | O_CLOEXEC, 0));
+    if (file.get() < 0 || read(file.get(), text, sizeof text - 1) <= 0) return UINT64_MAX;
+    return strtoull(text, nullptr, 10) * systemPageSize();
+}
+
+/// The base of a free span of addresses, or NULL. It is reserved and given back at once: this is
+/// only a place where pages can ascend for long, and a lasting reservation would count against the
+/// process's address-space limit.
+void* freeSpanOf(uint64_t length) {
+    void* base = mapMemory(nullptr, length, PROT_NONE, MAP_NORESERVE);
+    if (base != nullptr) munmap(base, length);
+    return base;
+}
+
+/// A large span, halved until it can be had. With an address-space limit, one of at most a
+/// sixteenth of what is left is tried: more could make mappings of other threads fail meanwhile.
 void* freeSpan(uint64_t atLeast) {
     const ErrnoAndSlotGuard kept;
-    for (uint64_t span = kAddressSpan; span >= atLeast; span /= 2) {
-        if (void* base = mapMemory(nullptr, span, PROT_NONE, MAP_NORESERVE)) {
-            munmap(base, span);
-            return base;
-        }
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) != 0) return nullptr;
+    if (limit.rlim_cur != RLIM_INFINITY) {
+        const uint64_t used = addressesUsed();
+        const uint64_t left = limit.rlim_cur > used ? limit.rlim_cur - used : 0;
+        const uint64_t span = std::min(left / 16, kAddressSpan);
+        return span >= atLeast ? freeSpanOf(span) : nullptr;
     }
+    for (uint64_t span = kAddressSpan; span >= atLeast; span /= 2)
+        if (void* base = freeSpanOf(span)) return base;
     return nullptr;
 }
 

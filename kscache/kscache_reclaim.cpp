@@ -122,7 +122,8 @@ bool moveNode(KSCache* cache, KSCacheNode* node) {
 }
 
 /// The used slots of a page from its end downwards, in batches whose trees and targets are
-/// prefetched.
+/// prefetched. One object serves all pages: the targets ascend from page to page, and a search for
+/// them that began at the first page each time would make compaction quadratic.
 class NodesToMove {
   public:
     explicit NodesToMove(const KSCache* cache) : front_(cache->firstPage) {}
@@ -167,8 +168,8 @@ struct Relocation {
 
 /// Moves nodes off a page, from its last slot down. Returns false when no more can move; `used` is
 /// decremented for each node that moved or was dropped.
-bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used, Relocation& relocation) {
-    NodesToMove next(cache);
+bool emptyPage(KSCache* cache, KSCachePage* page, NodesToMove& next, uint32_t& used,
+               Relocation& relocation) {
     std::span<KSCacheNode> slots = slotsOf(page);
     while (used > 0) {
         for (KSCacheNode* node : next.take(cache, slots)) {
@@ -184,6 +185,7 @@ bool emptyPage(KSCache* cache, KSCachePage* page, uint32_t& used, Relocation& re
 /// front meet.
 Relocation relocateNodes(KSCache* cache) {
     Relocation relocation;
+    NodesToMove next(cache);
     bool more = true;
     for (KSCachePage* page = cache->lastPage; more && page != nullptr; page = page->prev) {
         relocation.reached = page;
@@ -191,7 +193,7 @@ Relocation relocateNodes(KSCache* cache) {
         KS_TRACE("KSCacheReclaim for page %p starting", static_cast<void*>(page));
         KS_TRACE("Page end address  : %p", static_cast<void*>(page->end));
         traceCounts(cache, page, used);
-        more = emptyPage(cache, page, used, relocation);
+        more = emptyPage(cache, page, next, used, relocation);
         countFree(cache, page, used);
         KS_TRACE("KSCacheReclaim for page %p completed", static_cast<void*>(page));
         traceCounts(cache, page, used);

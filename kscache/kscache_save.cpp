@@ -2,73 +2,81 @@
 // reported; the checksum in the header makes the next load refuse an incomplete file.
 #include <fcntl.h>
 
-#include <array>
-
 #include "kscache/kscache_adler.h"
 #include "kscache/kscache_file.h"
 
-using namespace kspool;
-
+namespace kspool {
 namespace {
 
-/// Writes all bytes; a short or interrupted write is continued, an error is silent.
-void writeAll(int fd, const char* bytes, size_t length) {
+/// Writes all bytes; a short or interrupted write is continued. Returns 0, or errno.
+int writeAll(int fd, const char* bytes, size_t length) {
     while (length > 0) {
         const ssize_t written = write(fd, bytes, length);
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
+        if (written <= 0) return written < 0 ? errno : EIO;
         bytes += written;
         length -= static_cast<size_t>(written);
     }
+    return 0;
 }
 
 /// Gathers records into blocks, and folds each block into the checksum while it is still in the
 /// processor's cache, before it is written.
 class RecordWriter {
   public:
-    explicit RecordWriter(int fd) : fd_(fd) {}
+    RecordWriter(int fd, Block& block) : fd_(fd), block_(block) {}
 
     void write(const KSCacheNode& node) {
-        char* record = next_->data();
+        char* record = block_.data() + filled_;
         memcpy(record, node.fingerprint, sizeof node.fingerprint);
         memcpy(record + kTypeOffset, &node.type, sizeof node.type);
         memcpy(record + kValueOffset, &node.value, sizeof node.value);
-        ++next_;
-        ++count_;
-        if (next_ == block_.end()) flush();
+        filled_ += kRecordSize;
+        ++written_.count;
+        if (filled_ == block_.size()) flush();
     }
-    void flush() {
-        const char* bytes = block_.data()->data();
-        const size_t length = static_cast<size_t>(next_ - block_.begin()) * kRecordSize;
-        checksum_ = adlerFold(checksum_, bytes, length);
-        writeAll(fd_, bytes, length);
-        next_ = block_.begin();
+    Written finish() {
+        flush();
+        return written_;
     }
-    uint64_t count() const { return count_; }
-    uint32_t checksum() const { return checksum_; }
 
   private:
+    void flush() {
+        written_.checksum = adlerFold(written_.checksum, block_.data(), filled_);
+        const int error = writeAll(fd_, block_.data(), filled_);
+        if (written_.error == 0) written_.error = error;
+        filled_ = 0;
+    }
+
     int fd_;
-    uint32_t checksum_ = kAdlerStart;
-    uint64_t count_ = 0;
-    std::array<std::array<char, kRecordSize>, kBlockRecords> block_;
-    static_assert(sizeof block_ == kBlockSize);
-    std::array<char, kRecordSize>* next_ = block_.begin();
+    Block& block_;
+    size_t filled_ = 0;
+    Written written_{0, kAdlerStart, 0};
 };
 
-uint32_t reportNotOpened(const char* path) {
-    const uint32_t status = storeSystemError("KSCacheSave", kSourceFile);
-    KS_WARNING(status, "Could not open cache file %s for writing: %s", path, strerror(errno));
-    return status;
-}
+}  // namespace
 
-void writeEntries(const KSCache* cache, RecordWriter& writer) {
+Written writeEntries(const KSCache* cache, int fd, Block& block) noexcept {
+    qlxMagicWrite(kCacheFileType, fd, 0);
+    RecordWriter writer(fd, block);
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
         for (const KSCacheNode& slot : slotsOf(page)) {
             if (slot.refCount != 0) writer.write(slot);
         }
     }
-    writer.flush();
+    return writer.finish();
+}
+
+}  // namespace kspool
+
+using namespace kspool;
+
+namespace {
+
+uint32_t reportNotOpened(const char* path) {
+    const uint32_t status = storeSystemError("KSCacheSave", kSourceFile);
+    KS_WARNING(status, "Could not open cache file %s for writing: %s", path, strerror(errno));
+    return status;
 }
 
 }  // namespace
@@ -78,18 +86,17 @@ uint32_t KSCacheSave(const KSCache* cache, const char* path, uint64_t* count) no
     KS_TRACE("%s: saving cache to %s", "KSCacheSave", path);
     Descriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (file.get() < 0) return reportNotOpened(path);
-    qlxMagicWrite(kCacheFileType, file.get(), 0);
-    RecordWriter writer(file.get());
-    writeEntries(cache, writer);
-    if (writer.count() == 0) {
+    Block block;
+    const Written written = writeEntries(cache, file.get(), block);
+    if (written.count == 0) {
         file.close();
         qlx_unlink(path);
     } else {
         KS_TRACE("%s: %lu nodes saved, payload CRC = %u", path,
-                 static_cast<unsigned long>(writer.count()), writer.checksum());
+                 static_cast<unsigned long>(written.count), written.checksum);
         lseek(file.get(), 0, SEEK_SET);
-        qlxMagicWrite(kCacheFileType, file.get(), writer.checksum());
+        qlxMagicWrite(kCacheFileType, file.get(), written.checksum);
     }
-    if (count != nullptr) *count = writer.count();
+    if (count != nullptr) *count = written.count;
     return CR_STATUS_OK;
 }

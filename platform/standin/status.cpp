@@ -31,7 +31,7 @@ constexpr StatusText kTexts[] = {
     {CR_STATUS_REMOTE_ERROR, "the server reported an error"},
     {CR_STATUS_INVALID_PARAMETER, "a required argument is missing or not valid"},
     {CR_STATUS_LIMIT_EXCEEDED, "too many options, or a text that is too long"},
-    {CR_STATUS_BUSY, "the cache is being walked"},
+    {CR_STATUS_BUSY, "the cache is being walked, or its file is held"},
     {CR_STATUS_NULL_OUTPUT, "no place for the result was given"},
     {CR_STATUS_NO_MEMORY, "not enough memory"},
     {CR_STATUS_SEEK_FAILED, "seeking in the file failed"},

@@ -21,10 +21,9 @@ struct Needle {
                    (0x4141414141414141 ^ kMask);
     }
     const char* text() {
-        for (size_t i = 0; i < masked.size(); ++i) {
-            const uint64_t word = masked[i] ^ kMask;
-            memcpy(open + 8 * i, &word, 8);
-        }
+        // Byte by byte: a word in a variable may stay on the stack.
+        for (size_t i = 0; i < size; ++i)
+            open[i] = static_cast<char>((masked[i / 8] ^ kMask) >> i % 8 * 8);
         open[size] = '\0';
         return open;
     }

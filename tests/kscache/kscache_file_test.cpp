@@ -2,8 +2,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -12,6 +14,7 @@
 #include "kscache/kscache_int.h"
 #include "tests/support/cache_model.h"
 #include "tests/support/scripted_platform.h"
+#include "tests/support/system_calls.h"
 
 namespace {
 
@@ -80,6 +83,80 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
     }
 }
 
+std::string changing;  ///< the file that changes between the two passes of a load
+long changeAt;
+
+TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
+    constexpr long kHeader = scripted::kMagicLength, kBlock = 640 * 41;
+    struct Row {
+        long at;  ///< a byte that changes; negative: where the file is cut
+        uint64_t loaded;
+    };
+    changing = testing::TempDir() + "changing";
+    for (const Row& row :
+         {Row{kHeader + 33, 0}, Row{kHeader + kBlock + 41 * 7 + 40, 640},
+          Row{-(kHeader + 2 * kBlock + 1), 1280}, Row{kHeader + 1500 * 41, 1500}}) {
+        const Cache cache = makeCache(4);
+        for (uint64_t i = 1; i <= 1500; ++i)
+            KSCacheAdd(cache.get(), std::array<uint64_t, 4>{i}.data(), 3, i, nullptr);
+        ASSERT_EQ(KSCacheSave(cache.get(), changing.c_str(), nullptr), 0U);
+        changeAt = row.at;
+        scripted::reset();
+        calls::watch();
+        calls::beforeSeeks([] {
+            FILE* file = fopen(changing.c_str(), "r+");
+            fseek(file, changeAt, SEEK_SET);
+            if (changeAt < 0 ? ftruncate(fileno(file), -changeAt) != 0 : fputc(77, file) != 77)
+                abort();
+            fclose(file);
+        });
+        const Cache loaded = makeCache(4);
+        uint64_t count = 99;
+        EXPECT_EQ(KSCacheLoad(loaded.get(), changing.c_str(), &count), 0U);
+        calls::leaveAlone();
+        EXPECT_EQ(count, row.loaded);
+        EXPECT_EQ(loaded->cachedItems, row.loaded);
+        EXPECT_EQ(scripted::takeRecord().find("WarningA(32") != std::string::npos, count < 1500);
+        for (uint64_t i = 1, value = 0; i <= count; ++i, value = 0) {
+            KSCacheFetch(loaded.get(), std::array<uint64_t, 4>{i}.data(), 3, &value);
+            EXPECT_EQ(value, i);
+        }
+    }
+}
+
+/// Two processes replace a file while a third one loads it.
+TEST(CacheFile, ReplacedByTwoProcessesIsWhole) {
+    constexpr uint64_t kEntries[] = {700, 1300};
+    const std::string path = testing::TempDir() + "contended";
+    std::vector<pid_t> writers;
+    for (const uint64_t entries : kEntries) {
+        writers.push_back(fork());
+        if (writers.back() != 0) continue;
+        const Cache cache = makeCache(4);
+        for (uint64_t i = 1; i <= entries; ++i)
+            KSCacheAdd(cache.get(), std::array<uint64_t, 4>{i}.data(), 3, i, nullptr);
+        for (int left = 200; left > 0;) {
+            const uint32_t status = KSCacheReplaceFile(cache.get(), path.c_str(), nullptr, nullptr);
+            if (status != 0 && status != CR_STATUS_BUSY) _exit(1);
+            left -= status == 0 ? 1 : 0;
+        }
+        _exit(0);
+    }
+    size_t whole = 0;
+    for (int ended = 0, code = 0; ended<2; ended += waitpid(-1, &code, WNOHANG)> 0 ? 1 : 0) {
+        EXPECT_EQ(code, 0);
+        uint64_t count = 0;
+        const uint32_t status = KSCacheLoad(makeCache(4).get(), path.c_str(), &count);
+        EXPECT_TRUE(status == 0 ? count == kEntries[0] || count == kEntries[1]
+                                : status == 1000 + ENOENT && whole == 0)
+            << status << " " << count;
+        whole += status == 0 ? 1 : 0;
+    }
+    EXPECT_GT(whole, 0U);
+    EXPECT_NE(access((path + ".new").c_str(), F_OK), 0);
+    unlink(path.c_str());
+}
+
 TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
     const Cache cache = makeCache(4);
     const uint8_t key[32] = {1};
@@ -132,14 +209,41 @@ void* liveDeep(void*) {
     return nullptr;
 }
 
-TEST(CacheFile, DeepTreesNeedNoStack) {
-    pthread_attr_t small;
-    pthread_t thread = 0;
-    pthread_attr_init(&small);
-    pthread_attr_setstacksize(&small, kStack);
-    ASSERT_EQ(pthread_create(&thread, &small, liveDeep, nullptr), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&small);
+/// Load, save, replace and check have no more stack than their headers ask for.
+KSCache* stacked;
+std::string stackedPath;
+void* useFiles(void*) {
+    KSCacheSave(stacked, stackedPath.c_str(), nullptr);
+    KSCacheReplaceFile(stacked, stackedPath.c_str(), nullptr, nullptr);
+    KSCacheLoad(stacked, stackedPath.c_str(), nullptr);
+    return nullptr;
+}
+void* checkLimit(void*) {
+    KSCacheCheck(stacked, 1);
+    return nullptr;
+}
+
+TEST(CacheFile, NeedsLittleStack) {
+    struct Row {
+        void* (*work)(void*);
+        size_t stack;
+    };
+    const Cache cache = makeCache(1);
+    stacked = cache.get();
+    stackedPath = testing::TempDir() + "stacked";
+    for (uint32_t i = 0; i < 20000; ++i)
+        KSCacheAdd(stacked, std::array<uint32_t, 8>{i, 0, 0, i}.data(), 3, i, nullptr);
+    for (const Row& row :
+         {Row{liveDeep, kStack}, Row{useFiles, 48 << 10}, Row{checkLimit, 80 << 10}}) {
+        pthread_attr_t small;
+        pthread_t thread = 0;
+        pthread_attr_init(&small);
+        pthread_attr_setstacksize(&small, row.stack);
+        ASSERT_EQ(pthread_create(&thread, &small, row.work, nullptr), 0);
+        pthread_join(thread, nullptr);
+        pthread_attr_destroy(&small);
+    }
+    EXPECT_EQ(stacked->cachedItems, 0U);
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 // Edges of the store that neither random operations nor transcripts reach.
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "kscache/kscache_int.h"
@@ -28,6 +32,33 @@ TEST(CacheStore, PagesAscendWhateverTheirSize) {
             EXPECT_EQ(cache->firstPage->freeCount, 0U);
         }
     }
+}
+
+/// A first page looks for a large span of addresses. Where these are limited, other threads find
+/// room meanwhile.
+TEST(CacheStore, FirstPagesShareALimitOfAddresses) {
+    rlimit kept{};
+    unsigned long used = 0;
+    FILE* statm = fopen("/proc/self/statm", "r");
+    ASSERT_EQ(fscanf(statm, "%lu", &used), 1);
+    fclose(statm);
+    getrlimit(RLIMIT_AS, &kept);
+    const rlimit low = {used * 4096 + (rlim_t{4} << 30), kept.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &low), 0);
+    std::atomic<int> failed = 0;
+    const auto work = [&] {
+        const uint8_t key[32] = {1};
+        for (int i = 0; i < 2000; ++i) {
+            KSCache* cache = KSCacheCreate(0, 4, 0, nullptr, nullptr);
+            failed += KSCacheAdd(cache, key, 3, 1, nullptr) != CR_STATUS_OK ? 1 : 0;
+            KSCacheDestroy(cache);
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
+    setrlimit(RLIMIT_AS, &kept);
+    EXPECT_EQ(failed, 0);
 }
 
 /// Very large pages take memory as they fill, others at once.

@@ -1,5 +1,8 @@
 // The life of a cache under failing calls: each call has a status, each entry that was taken is
 // there, and pages, trees and counters are sound after each step.
+#include <cstdio>
+
+#include "kscache/kscache_int.h"
 #include "tests/support/cache_model.h"
 #include "tests/support/torture.h"
 
@@ -33,6 +36,35 @@ void goOn(CacheModel& model, uint32_t entries) {
     model.compareAll();
 }
 
+/// The contents of a file, without calls that fail here.
+std::string contents(const std::string& path) {
+    std::string bytes(1 << 20, '\0');
+    FILE* file = fopen(path.c_str(), "r");
+    bytes.resize(file != nullptr ? fread(bytes.data(), 1, bytes.size(), file) : 0);
+    if (file != nullptr) fclose(file);
+    return bytes;
+}
+
+/// The old file stays whatever fails before the folder is synced, and nothing is left beside it,
+/// unless that cannot be removed either.
+void replaceFile(CacheModel& model, uint32_t entries) {
+    const std::string path = testing::TempDir() + "torture-replaced";
+    const std::string old = "400000000000000001\n";  // no entries
+    FILE* file = fopen(path.c_str(), "w");
+    fwrite(old.data(), 1, old.size(), file);
+    fclose(file);
+    model.fill(entries);
+    const size_t syncs = calls::made(calls::kFsync);
+    uint64_t count = 99;
+    const uint32_t status = KSCacheReplaceFile(model.cache(), path.c_str(), nullptr, &count);
+    const bool replaced = calls::made(calls::kFsync) == syncs + 2;
+    EXPECT_TRUE(status == 0 ? replaced : calls::failures() > 0) << status;
+    EXPECT_EQ(count == 99, status != 0);
+    EXPECT_EQ(contents(path) != old, replaced && model.cache()->cachedItems > 0);
+    EXPECT_EQ(contents(path + ".new"), "");
+    model.compareAll();
+}
+
 class CacheTorture : public testing::TestWithParam<Scenario> {};
 
 TEST_P(CacheTorture, EveryCallFailsInTurn) {
@@ -56,6 +88,7 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, CacheTorture,
                                          Scenario{"lockedReset", 2000, 1, 1, 2100, fillAgain},
                                          Scenario{"hugePages", 40000, 19, 0, 40100, fill},
                                          Scenario{"restart", 0, 6, 1, 4000, goOn},
+                                         Scenario{"replace", 0, 6, 0, 1500, replaceFile},
                                          Scenario{"deep", 0, 1, 0, 1600, goOn}),
                          [](const auto& given) { return given.param.name; });
 

@@ -18,6 +18,14 @@
     CALL(kOpen, int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), -1, EMFILE) \
     CALL(kRead, ssize_t, read, (int fd, void* bytes, size_t length), (fd, bytes, length), -1, EIO) \
     CALL(kWrite, ssize_t, write, (int fd, const void* bytes, size_t length), (fd, bytes, length), -1, ENOSPC)
+#define PLACING_CALLS(CALL) \
+    CALL(kRealpath, char*, realpath, (const char* path, char* room), (path, room), NULL, EACCES) \
+    CALL(kLstat, int, lstat, (const char* path, struct stat* found), (path, found), -1, EACCES) \
+    CALL(kFstat, int, fstat, (int fd, struct stat* found), (fd, found), -1, EIO) \
+    CALL(kFcntl, int, fcntl, (int fd, int command, void* argument), (fd, command, argument), -1, ENOLCK) \
+    CALL(kFchmod, int, fchmod, (int fd, mode_t mode), (fd, mode), -1, EPERM) \
+    CALL(kFsync, int, fsync, (int fd), (fd), -1, EIO) \
+    CALL(kRename, int, rename, (const char* from, const char* to), (from, to), -1, EACCES)
 #define PAGE_CALLS(CALL) \
     CALL(kMmap, void*, mmap, (void*, size_t, int, int, int, off_t), , , ) \
     CALL(kMlock, int, mlock, (const void*, size_t), , , ) \
@@ -36,7 +44,8 @@
     HOOK(kRecv, ssize_t, recv, (int fd, void* bytes, size_t length, int flags), (fd, bytes, length, flags), -1, ECONNRESET) \
     HOOK(kPoll, int, poll, (pollfd* fds, nfds_t count, int timeout), (fds, count, timeout), -1, ECONNRESET)
 // clang-format on
-#define FAILING_CALLS(CALL) MEMORY_CALLS(CALL) TEXT_CALLS(CALL) FILE_CALLS(CALL) PAGE_CALLS(CALL)
+#define FAILING_CALLS(CALL) \
+    MEMORY_CALLS(CALL) TEXT_CALLS(CALL) FILE_CALLS(CALL) PLACING_CALLS(CALL) PAGE_CALLS(CALL)
 
 struct FailurePlan {
     size_t nth;      ///< the call that fails; 0: none

@@ -1,8 +1,10 @@
 // The commands of transcripts about caches.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <filesystem>
+#include <fstream>
 
 #include "kscache/kscache_int.h"
 #include "kscache/kscache_tree.h"
@@ -163,6 +165,33 @@ Operation withFile(const Operation& call) {
     }};
 }
 
+/// Makes something at a path, or changes the mode of what is there.
+void makeFile(Objects&, const Words& w) {
+    const std::string& path = w[1];
+    const std::string kind = w[2].substr(0, w[2].find('='));
+    const std::string value = w[2].substr(std::min(w[2].size(), kind.size() + 1));
+    if (kind == "mode") {
+        chmod(path.c_str(), static_cast<mode_t>(strtoul(value.c_str(), nullptr, 8)));
+    } else if (kind == "pipe") {
+        mkfifo(path.c_str(), 0600);
+    } else if (kind == "folder") {
+        std::filesystem::create_directory(path);
+    } else if (kind == "link") {
+        std::filesystem::create_symlink(value, path);
+    } else {
+        std::ofstream(path) << value;
+    }
+}
+
+std::string look(Objects&, const Words& w) {
+    struct stat found {};
+    if (lstat(w[1].c_str(), &found) != 0) return "nothing";
+    char text[80];
+    snprintf(text, sizeof text, "mode %o, %lld bytes", found.st_mode,
+             S_ISREG(found.st_mode) ? static_cast<long long>(found.st_size) : 0);
+    return text;
+}
+
 }  // namespace
 
 const Operations& golden::cacheCommands() {
@@ -195,6 +224,17 @@ const Operations& golden::cacheCommands() {
         {"KSCacheIterate", {iterate}},
         {"KSCacheSave", withFile(bind(KSCacheSave, "count"))},
         {"KSCacheLoad", withFile(bind(KSCacheLoad, "count"))},
+        {"KSCacheReplaceFile", bind(KSCacheReplaceFile, "count")},
+        {"KSCacheHoldFile", {[](Objects& objects, const Words& w) {
+             KSCacheHold** hold = w[2] == "null" ? nullptr : &objects.hold;
+             return withSlot(std::to_string(KSCacheHoldFile(operations::Text(w[1]).get(), hold)));
+         }}},
+        {"KSCacheReleaseFile", {[](Objects& objects, const Words&) {
+             KSCacheReleaseFile(std::exchange(objects.hold, nullptr));
+             return withSlot("done");
+         }}},
+        {"file", quietly(makeFile)},
+        {"look", {look}},
         {"KSCacheBitsFor", bind(KSCacheBitsFor)},
         {"KSCacheCheck", bind(KSCacheCheck)},
         {"KSCacheDelete", bind(KSCacheDelete)},

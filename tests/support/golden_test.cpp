@@ -5,6 +5,7 @@
 #include "tests/support/golden.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -56,6 +57,17 @@ struct Watched : Objects {
     clock_t start = 0;
 };
 
+/// A record without what differs from run to run: the scenario's folder and the process.
+std::string lasting(std::string record) {
+    for (const auto& [from, to] :
+         {std::pair(std::filesystem::current_path().string() + "/", std::string()),
+          std::pair(", " + std::to_string(getpid()) + ")", std::string(", PID)"))}) {
+        for (size_t at = 0; (at = record.find(from, at)) != std::string::npos;)
+            record.replace(at, from.size(), to);
+    }
+    return record;
+}
+
 /// Runs the commands of a transcript, and returns it as they make it.
 std::string replay(const std::string& transcript) {
     Watched objects;
@@ -73,7 +85,7 @@ std::string replay(const std::string& transcript) {
             result = row->second.run(objects, words);
             break;
         }
-        actual += line + "\n" + scripted::takeRecord();
+        actual += line + "\n" + lasting(scripted::takeRecord());
         if (!result.empty()) actual += "= " + result + "\n";
     }
     KSCacheDestroy(objects.cache);

@@ -79,6 +79,7 @@ struct Objects {
     MBSession* session = nullptr;
     MBPOCursor* cursor = nullptr;
     KSCache* cache = nullptr;
+    KSCacheHold* hold = nullptr;
     KSConfig config{};
     MBPOFilter filter{};
     PO po{};
@@ -220,6 +221,10 @@ struct Own : Input {
 template <>
 struct Argument<MBPOCursor*> : Own<MBPOCursor> {
     explicit Argument(Call& call) : Own(call, call.objects.cursor) {}
+};
+template <>
+struct Argument<const KSCacheHold*> : Own<const KSCacheHold> {
+    explicit Argument(Call& call) : Own(call, call.objects.hold) {}
 };
 template <>
 struct Argument<const MBPOFilter*> : Own<const MBPOFilter> {

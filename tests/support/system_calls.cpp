@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,7 @@ Failure wanted;
 FailurePlan plan;
 size_t mostMoved = SIZE_MAX;
 bool interrupted = false;
+void (*seekHook)() = [] {};
 Placement placement = Placement::kAsAsked;
 
 /// A set that allocates nothing itself: in a static program its own calls would be wrapped too.
@@ -149,6 +151,9 @@ void cutTransfers(size_t most) {
     mostMoved = most;
     interrupted = false;
 }
+void beforeSeeks(void (*happens)()) {
+    seekHook = happens;
+}
 size_t live() {
     return allocations.size() + mappings.size() + descriptors.size();
 }
@@ -157,6 +162,7 @@ void watch() {
     fail({});
     place(Placement::kAsAsked);
     cutTransfers(SIZE_MAX);
+    beforeSeeks([] {});
     watching = true;
 }
 
@@ -170,6 +176,12 @@ void leaveAlone() {
 using namespace calls;
 
 extern "C" {
+
+#define WRAPPED(call, type, name, parameters, arguments, failure, error) \
+    type __wrap_##name parameters {                                      \
+        return fails(call) ? failure : __real_##name arguments;          \
+    }
+PLACING_CALLS(WRAPPED)
 
 void* __wrap_calloc(size_t count, size_t size) {
     return fails(kCalloc) ? nullptr : allocated(__real_calloc(count, size));
@@ -285,6 +297,7 @@ int __wrap___snprintf_chk(char* text, size_t size, int, size_t, const char* form
 }
 
 off_t __wrap_lseek(int fd, off_t offset, int whence) {
+    if (watching && whence == SEEK_SET) seekHook();
     return fails(kLseek) ? -1 : __real_lseek(fd, offset, whence);
 }
 

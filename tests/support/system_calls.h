@@ -54,6 +54,9 @@ void place(Placement placement);
 /// read() and write() move at most so many bytes, and are interrupted before each.
 void cutTransfers(size_t most);
 
+/// From now on, this happens before each lseek() to a place: between the two passes of a load.
+void beforeSeeks(void (*happens)());
+
 /// Allocations, mappings and descriptors that are not released.
 size_t live();
 

@@ -99,7 +99,11 @@ with tempfile.TemporaryDirectory() as top:
     # A cache of nothing has no file.
     os.mkdir(top + "/empty")
     run("backup", top + "/empty", "--image", "none", "--cache", top + "/none.cache")
-    assert not any(name.startswith("none.cache") for name in os.listdir(top))
+    assert [name for name in os.listdir(top) if name.startswith("none.cache")] == ["none.cache.lock"]
+
+    # Another's file is not replaced, and that is said before anything is sent.
+    other = "backup", tree, "--client", "me", "--image", "never", "--cache", AGENT
+    assert "not a cache file" in run(*other, code=1).stderr and not found("never")
 
     # Without a client, the files are those of this host.
     run("backup", tree, "--image", "here", "--cache", top + "/here.cache")
@@ -143,7 +147,7 @@ with tempfile.TemporaryDirectory() as top:
     full = programs.run(AGENT, "backup", tree, "--client", "me", "--image", "big8", "--cache", top + "/small.cache",
                         "--segment", "512", "--limit", "1", code=1, restore_signals=False,
                         preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
-    assert "as a whole" in full.stderr, full
+    assert "could not be replaced: File too large" in full.stderr, full
     assert open(top + "/small.cache", "rb").read() == before
     assert not os.path.exists(top + "/small.cache.new")
     os.remove(tree + "/large")

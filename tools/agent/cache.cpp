@@ -6,7 +6,6 @@
 
 #include "platform/status.h"
 #include "tools/shared/failure.h"
-#include "tools/shared/replacement.h"
 
 namespace agent {
 namespace {
@@ -16,6 +15,13 @@ constexpr uint64_t kFewestPages = 12;
 /// Slots of a page, so that the limit has room for a dozen pages: memory is counted in whole pages.
 uint64_t mostSlots(uint64_t limit) {
     return limit / sizeof(KSCacheNode) / kFewestPages;
+}
+
+std::string whyNotHeld(const std::string& path, uint32_t status) {
+    if (status == CR_STATUS_BUSY)
+        return "held by another process, whose id is in " + path + ".lock";
+    if (status == CR_STATUS_BAD_HANDLE) return "exists, and is not a cache file";
+    return CRStatusToStringA(status);
 }
 
 /// Deletes the entries for which `drops` returns true.
@@ -36,6 +42,11 @@ BackupCache::BackupCache(std::string path, uint64_t limit, uint64_t segments)
     const tool::CacheSettings settings = tool::settingsFor(segments, mostSlots(limit));
     cache_.reset(KSCacheCreate(settings.areaSize, settings.bits, 0, nullptr, nullptr));
     if (cache_ == nullptr) throw tool::Failure("no cache could be made");
+    if (path_.empty()) return;
+    KSCacheHold* hold = nullptr;
+    const uint32_t status = KSCacheHoldFile(path_.c_str(), &hold);
+    if (status != CR_STATUS_OK) fail(whyNotHeld(path_, status));
+    hold_.reset(hold);
 }
 
 std::optional<std::string> BackupCache::load() {
@@ -57,22 +68,9 @@ void BackupCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) 
 void BackupCache::save(bool sawAll) {
     if (path_.empty()) return;
     if (full_ || stats().cacheSize > limit_) makeRoom(sawAll);
-    const std::string fresh = path_ + ".new";
-    uint64_t count = 0;
-    const uint32_t status = KSCacheSave(cache_.get(), fresh.c_str(), &count);
-    if (status != CR_STATUS_OK) fail(CRStatusToStringA(status));
-    tool::Replacement replacement(path_, fresh);
-    if (count == 0) {  // KSCacheSave() leaves no file of an empty cache
-        if (const auto problem = replacement.removeTarget()) fail(*problem);
-        return;
-    }
-    // KSCacheSave() does not report write errors, as those of a full disk.
-    std::error_code error;
-    const uint64_t length = std::filesystem::file_size(fresh, error);
-    if (error) fail(error.message());
-    if (length < count * tool::kRecordSize)
-        fail("the new cache could not be written as a whole; the old one is kept");
-    if (const auto problem = replacement.place()) fail(*problem);
+    const uint32_t status = KSCacheReplaceFile(cache_.get(), path_.c_str(), hold_.get(), nullptr);
+    if (status != CR_STATUS_OK)
+        fail(std::string("could not be replaced: ") + CRStatusToStringA(status));
 }
 
 void BackupCache::fail(const std::string& why) const {

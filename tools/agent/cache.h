@@ -7,8 +7,8 @@
 //     Otherwise a lost request would leave segments that are known here and recorded nowhere.
 //  2. Entries that were loaded and not met in this run have reference count 1; entries that were
 //     met or added have more. makeRoom() tells them apart by that.
-//  3. The file at the path is a whole cache at any time: the new one is complete before it takes
-//     the name of the old one.
+//  3. The file is held from before it is loaded until it is replaced: a second run beside this one
+//     would otherwise replace it without the entries of this one.
 //
 // A full cache takes no more entries, and makes room at the end of the run by dropping entries that
 // the run did not meet. KSCacheCheck() would not do: backups read all data in turn, and cyclic
@@ -17,6 +17,7 @@
 #define TOOLS_AGENT_CACHE_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,9 +27,14 @@
 
 namespace agent {
 
+struct ReleaseHold {
+    void operator()(KSCacheHold* hold) const { KSCacheReleaseFile(hold); }
+};
+
 class BackupCache {
   public:
-    /// For the cache file `path` (empty: none) and a limit in bytes. Throws Failure.
+    /// For the cache file `path` (empty: none), which is held, and a limit in bytes. Throws
+    /// Failure, also when another process holds the file, or when it is not a cache file.
     BackupCache(std::string path, uint64_t limit, uint64_t segments);
 
     KSCache* get() { return cache_.get(); }
@@ -53,6 +59,7 @@ class BackupCache {
     uint64_t limit_;     ///< bytes
     bool full_ = false;  ///< an entry was left out
     tool::CachePointer cache_;
+    std::unique_ptr<KSCacheHold, ReleaseHold> hold_;
 };
 
 }  // namespace agent

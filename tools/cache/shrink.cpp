@@ -1,23 +1,13 @@
-// shrink: a cache file with fewer entries, for less memory. The output is replaced only after the
-// new file was read back and is complete.
-#include <sys/stat.h>
-#include <unistd.h>
-
+// shrink: a cache file with fewer entries, for less memory.
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 
-#include "common/owned.h"
 #include "platform/status.h"
 #include "tools/cache/commands.h"
 #include "tools/cache/contents.h"
 #include "tools/cache/file.h"
 #include "tools/shared/failure.h"
 #include "tools/shared/json.h"
-#include "tools/shared/replacement.h"
 #include "tools/shared/text.h"
 
 namespace cache {
@@ -27,81 +17,6 @@ using tool::humanBytes;
 using tool::humanCount;
 
 constexpr uint64_t kMebibyte = uint64_t{1} << 20;
-
-[[noreturn]] void fail(const std::string& path, const std::string& why) {
-    throw tool::Failure(tool::printable(path) + ": " + why);
-}
-
-/// Owner and permissions of a file.
-struct Access {
-    bool isThere;
-    uid_t owner;
-    gid_t group;
-    mode_t mode;
-
-    bool grant(int fd) const {
-        return (!isThere || fchown(fd, owner, group) == 0) && fchmod(fd, mode) == 0;
-    }
-};
-
-/// Those of the file at a path, or the usual ones of a new file. Refuses devices and pipes, which a
-/// rename would replace by a file.
-Access accessTo(const std::string& path) {
-    struct stat status {};
-    if (::stat(path.c_str(), &status) == 0) {
-        if (!S_ISREG(status.st_mode)) fail(path, "exists and is not a regular file");
-        return {true, status.st_uid, status.st_gid, status.st_mode & 0777};
-    }
-    if (errno != ENOENT) fail(path, strerror(errno));
-    const mode_t mask = umask(0);
-    umask(mask);
-    return {false, 0, 0, 0644 & ~mask};
-}
-
-/// A path with symbolic links resolved, so that the link's target is replaced and not the link. The
-/// file itself need not exist.
-std::string resolved(const std::string& path) {
-    std::error_code failure;
-    const auto target = std::filesystem::weakly_canonical(path, failure);
-    if (failure) fail(path, failure.message());
-    return target;
-}
-
-/// The file that becomes OUT, with the owner and the permissions of OUT.
-class Output {
-  public:
-    explicit Output(const std::string& path)
-        : target_(resolved(path)),
-          access_(accessTo(target_)),
-          path_(target_ + ".XXXXXX"),
-          file_(make(path_)),
-          replacement_(target_, path_) {}
-
-    const std::string& path() const { return path_; }
-
-    void place() {
-        // Contents first: after a crash, a renamed file could be empty.
-        if (!access_.grant(file_.get()) || fsync(file_.get()) != 0) fail(target_, strerror(errno));
-        if (const auto problem = replacement_.place()) fail(target_, *problem);
-    }
-    void removeTarget() {
-        if (const auto problem = replacement_.removeTarget()) fail(target_, *problem);
-    }
-
-  private:
-    /// Makes the new file, and completes its path.
-    int make(std::string& path) const {
-        const int fd = mkstemp(path.data());
-        if (fd < 0) fail(target_, strerror(errno));
-        return fd;
-    }
-
-    std::string target_;
-    Access access_;
-    std::string path_;
-    kspool::Descriptor file_;
-    tool::Replacement replacement_;
-};
 
 struct Plan {
     uint64_t pageSlots;
@@ -139,17 +54,10 @@ void dropFirst(KSCache* cache, uint64_t surplus) {
     });
 }
 
-/// Saves, and reads the new file back, since KSCacheSave() does not report write errors.
-void save(const KSCache* cache, const Plan& plan, const std::string& out) {
-    Output output(out);
-    uint64_t count = 0;
-    const uint32_t status = KSCacheSave(cache, output.path().c_str(), &count);
-    if (status != CR_STATUS_OK) fail(out, CRStatusToStringA(status));
-    if (plan.kept == 0) return output.removeTarget();
-    const FileReport saved = inspect(output.path());
-    if (loadingCode(saved) != ExitCode::kOk || saved.records != plan.kept)
-        fail(out, "could not be written completely; nothing was changed");
-    output.place();
+void save(const KSCache* cache, const std::string& out) {
+    const uint32_t status = KSCacheReplaceFile(cache, out.c_str(), nullptr, nullptr);
+    if (status != CR_STATUS_OK)
+        throw tool::Failure(tool::printable(out) + ": " + CRStatusToStringA(status));
 }
 
 void print(const Options& options, const FileReport& file, const Plan& plan) {
@@ -193,7 +101,7 @@ ExitCode shrink(const Options& options) {
     const Loaded loaded = load(file, settings);
     const Plan plan = makePlan(options, loaded.stats);
     dropFirst(loaded.cache.get(), plan.entries - plan.kept);
-    save(loaded.cache.get(), plan, options.out);
+    save(loaded.cache.get(), options.out);
     print(options, file, plan);
     return ExitCode::kOk;
 }

@@ -1,0 +1,192 @@
+#include "kscache/kscache_hold.h"
+
+#include <fcntl.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "kscache/kscache_file.h"
+
+namespace kspool {
+namespace {
+
+constexpr int kMostLinks = 40;  ///< as many as the system follows
+
+/// The text of a symbolic link; NULL with errno set, EINVAL when there is no link at the path.
+OwnedText linkText(const char* path) {
+    char text[PATH_MAX];
+    const ssize_t length = readlink(path, text, sizeof text - 1);
+    if (length < 0) return {};
+    text[length] = '\0';
+    return OwnedText(strdup(text));
+}
+
+/// The path to which a link at `path` leads: its text, in the folder of the link unless absolute.
+OwnedText followed(const char* path, const char* link) {
+    const char* slash = strrchr(path, '/');
+    if (*link == '/' || slash == nullptr) return OwnedText(strdup(link));
+    const OwnedText folder(strndup(path, static_cast<size_t>(slash - path) + 1));
+    return folder != nullptr ? joined(folder.get(), link) : nullptr;
+}
+
+/// Resolves the folder of a path at which there is nothing; ENOENT, as found, for a path that ends
+/// with its folder.
+OwnedText inResolvedFolder(const char* path) {
+    const char* slash = strrchr(path, '/');
+    const char* name = slash != nullptr ? slash + 1 : path;
+    if (*name == '\0') return {};
+    const OwnedText folder(slash != nullptr ? strndup(path, static_cast<size_t>(name - path))
+                                            : strdup("."));
+    if (folder == nullptr) return {};
+    const OwnedText resolved(realpath(folder.get(), nullptr));
+    if (resolved == nullptr) return {};
+    const OwnedText withSlash = joined(resolved.get(), "/");
+    return withSlash != nullptr ? joined(withSlash.get(), name) : nullptr;
+}
+
+/// A lock file is opened without waiting for anyone, as a pipe of that name would.
+int openLock(const char* path) {
+    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    struct stat found {};
+    if (fd < 0 || (fstat(fd, &found) == 0 && S_ISREG(found.st_mode))) return fd;
+    close(fd);
+    errno = EINVAL;
+    return -1;
+}
+
+/// The process id in a lock file; 0 when there is none (yet).
+long holderOf(int lock) {
+    char text[24] = "";
+    return pread(lock, text, sizeof text - 1, 0) > 0 ? strtol(text, nullptr, 10) : 0;
+}
+
+/// Without its process id a hold is as good, so that a failure is no one's concern.
+void writeHolder(int lock) {
+    const ErrnoAndSlotGuard kept;
+    char text[24];
+    const int length = snprintf(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
+    if (ftruncate(lock, 0) != 0 || pwrite(lock, text, static_cast<size_t>(length), 0) != length)
+        KS_TRACE("%s: the process id of the holder could not be written", "KSCacheHoldFile");
+}
+
+uint32_t reportHeld(const char* path, long holder) {
+    const uint32_t status = storeStatus(CR_STATUS_BUSY);
+    if (holder > 0) {
+        KS_WARNING(status, "Cache file %s is held by process %ld", path, holder);
+    } else {
+        KS_WARNING(status, "Cache file %s is held by another process", path);
+    }
+    return status;
+}
+
+}  // namespace
+
+OwnedText joined(const char* first, const char* second) noexcept {
+    const size_t length = strlen(first);
+    const size_t size = strlen(second) + 1;
+    OwnedText text(static_cast<char*>(calloc(1, length + size)));
+    if (text == nullptr) return text;
+    memcpy(text.get(), first, length);
+    memcpy(text.get() + length, second, size);
+    return text;
+}
+
+OwnedText resolvedPath(const char* path) noexcept {
+    OwnedText now(strdup(path));
+    for (int links = 0; now != nullptr && links < kMostLinks; ++links) {
+        if (char* whole = realpath(now.get(), nullptr)) return OwnedText(whole);
+        if (errno != ENOENT) return {};
+        // Nothing is there, or a link that leads to nothing.
+        const OwnedText link = linkText(now.get());
+        if (link == nullptr)
+            return errno == ENOENT || errno == EINVAL ? inResolvedFolder(now.get()) : nullptr;
+        now = followed(now.get(), link.get());
+    }
+    if (now != nullptr) errno = ELOOP;
+    return {};
+}
+
+uint32_t reportFailure(const char* function, const char* path, const char* action) noexcept {
+    const uint32_t status = storeSystemError(function, kSourceFile);
+    KS_WARNING(status, "%s: %s: could not %s: %s", function, path, action, strerror(errno));
+    return status;
+}
+
+uint32_t refuse(const char* function, const char* path, uint32_t status, const char* why) noexcept {
+    storeStatus(status);
+    KS_WARNING(status, "%s: %s: %s", function, path, why);
+    return status;
+}
+
+uint32_t examineFile(const char* function, const char* path, struct stat& found) noexcept {
+    found = {};
+    if (lstat(path, &found) != 0) {
+        found.st_mode = 0;
+        return errno == ENOENT ? uint32_t{CR_STATUS_OK}
+                               : reportFailure(function, path, "examine the file");
+    }
+    if (!S_ISREG(found.st_mode))
+        return refuse(function, path, CR_STATUS_BAD_HANDLE, "not a regular file");
+    if (found.st_size == 0) return CR_STATUS_OK;
+    const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
+    if (file.get() < 0) return reportFailure(function, path, "open the file");
+    char probe = 0;  // qlxMagicRead() fails alike for a read error and for another file
+    if (pread(file.get(), &probe, 1, 0) < 0) return reportFailure(function, path, "read the file");
+    QLXMagic header{};
+    if (qlxMagicRead(file.get(), &header) == kCacheFileType) return CR_STATUS_OK;
+    return refuse(function, path, CR_STATUS_BAD_HANDLE, "not a cache file");
+}
+
+uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noexcept {
+    hold.path = resolvedPath(path);
+    if (hold.path == nullptr) return reportFailure(function, path, "resolve the path");
+    struct stat found {};
+    if (const uint32_t bad = examineFile(function, hold.path.get(), found)) return bad;
+    const OwnedText lockPath = joined(hold.path.get(), ".lock");
+    if (lockPath == nullptr) return reportFailure(function, path, "name the lock file");
+    Descriptor lock(openLock(lockPath.get()));
+    if (lock.get() < 0) return reportFailure(function, lockPath.get(), "open the lock file");
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    if (fcntl(lock.get(), F_OFD_SETLK, &whole) != 0) {
+        if (errno == EAGAIN || errno == EACCES)
+            return reportHeld(hold.path.get(), holderOf(lock.get()));
+        return reportFailure(function, lockPath.get(), "lock the file");
+    }
+    writeHolder(lock.get());
+    hold.lock = std::move(lock);
+    hold.magic = kHoldMagic;
+    return CR_STATUS_OK;
+}
+
+void releaseHold(KSCacheHold& hold) noexcept {
+    const ErrnoAndSlotGuard kept;
+    if (hold.lock.get() >= 0 && ftruncate(hold.lock.get(), 0) != 0)
+        KS_TRACE("%s: the lock file keeps the process id", "KSCacheReleaseFile");
+    hold.lock.close();
+    hold.magic = 0;
+}
+
+}  // namespace kspool
+
+using namespace kspool;
+
+uint32_t KSCacheHoldFile(const char* path, KSCacheHold** hold) noexcept {
+    if (path == nullptr || hold == nullptr) return storeStatus(CR_STATUS_INVALID_PARAMETER);
+    std::unique_ptr<KSCacheHold> made(new (std::nothrow) KSCacheHold);
+    if (made == nullptr) {
+        errno = ENOMEM;
+        return reportFailure("KSCacheHoldFile", path, "hold the file");
+    }
+    if (const uint32_t bad = takeHold("KSCacheHoldFile", path, *made)) return bad;
+    *hold = made.release();
+    return CR_STATUS_OK;
+}
+
+void KSCacheReleaseFile(KSCacheHold* hold) noexcept {
+    if (hold == nullptr || hold->magic != kHoldMagic) return;
+    releaseHold(*hold);
+    delete hold;
+}

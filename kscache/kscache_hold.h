@@ -1,0 +1,55 @@
+// A held cache file: its path with symbolic links resolved, and the lock that keeps other holders
+// out.
+//
+// Invariants:
+//  1. The lock is one of the open file description (F_OFD_SETLK): no close() of another descriptor
+//     of the process drops it, and two holds of one process exclude each other.
+//  2. The lock file is never removed. A process that waits for a removed file's lock would
+//     otherwise hold nothing, beside the holder of a new file of that name.
+//  3. The lock file has the holder's process id while it is held, and is empty otherwise.
+#ifndef KSCACHE_HOLD_H
+#define KSCACHE_HOLD_H
+
+#include <sys/stat.h>
+
+#include "common/owned.h"
+#include "kscache/kscache_int.h"
+
+struct KSCacheHold {
+    uint32_t magic = 0;
+    kspool::OwnedText path;
+    kspool::Descriptor lock{-1};
+};
+
+namespace kspool {
+
+inline constexpr uint32_t kHoldMagic = 0x401D;
+
+/// A path with symbolic links resolved, so that the file is replaced and not the link. The file
+/// need not exist, its folder must. NULL with errno set.
+OwnedText resolvedPath(const char* path) noexcept;
+
+/// Two texts as one; NULL with errno set when there is no memory.
+OwnedText joined(const char* first, const char* second) noexcept;
+
+/// Stores the status of the system call that has just failed for a cache file, and logs it.
+/// `action` completes "could not".
+uint32_t reportFailure(const char* function, const char* path, const char* action) noexcept;
+
+/// Stores a status and logs why.
+uint32_t refuse(const char* function, const char* path, uint32_t status, const char* why) noexcept;
+
+/// Refuses anything but a missing, an empty or a cache file. `found` is what the system knows of
+/// the file, with the mode 0 when it is missing. What is not a regular file is not even opened,
+/// since opening a device can have effects.
+uint32_t examineFile(const char* function, const char* path, struct stat& found) noexcept;
+
+/// Takes the lock of a cache file for `hold`, which is released by releaseHold(). Any status but 0
+/// is in the status slot and was logged. A file that would not be replaced is refused before its
+/// lock file is made.
+uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noexcept;
+void releaseHold(KSCacheHold& hold) noexcept;
+
+}  // namespace kspool
+
+#endif
