@@ -31,6 +31,14 @@ Cache makeCache(uint32_t bits) {
     return Cache(KSCacheCreate(0, bits, 0, nullptr, nullptr));
 }
 
+/// A cache of the keys and values 1, 2, 3 and so on.
+Cache filled(uint64_t entries) {
+    Cache cache = makeCache(4);
+    for (uint64_t i = 1; i <= entries; ++i)
+        KSCacheAdd(cache.get(), std::array<uint64_t, 4>{i}.data(), 3, i, nullptr);
+    return cache;
+}
+
 TEST(CacheFile, DamageIsNeverTakenForEntries) {
     constexpr size_t kHeader = scripted::kMagicLength, kRecord = 41;
     const std::string path = testing::TempDir() + "damaged";
@@ -84,23 +92,18 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
 }
 
 std::string changing;  ///< the file that changes between the two passes of a load
-long changeAt;
+long changeAt;         ///< the byte that changes; negative: where the file is cut
 
 TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
     constexpr long kHeader = scripted::kMagicLength, kBlock = 640 * 41;
-    struct Row {
-        long at;  ///< a byte that changes; negative: where the file is cut
-        uint64_t loaded;
-    };
     changing = testing::TempDir() + "changing";
-    for (const Row& row :
-         {Row{kHeader + 33, 0}, Row{kHeader + kBlock + 41 * 7 + 40, 640},
-          Row{-(kHeader + 2 * kBlock + 1), 1280}, Row{kHeader + 1500 * 41, 1500}}) {
-        const Cache cache = makeCache(4);
-        for (uint64_t i = 1; i <= 1500; ++i)
-            KSCacheAdd(cache.get(), std::array<uint64_t, 4>{i}.data(), 3, i, nullptr);
-        ASSERT_EQ(KSCacheSave(cache.get(), changing.c_str(), nullptr), 0U);
-        changeAt = row.at;
+    const std::pair<long, uint64_t> rows[] = {{kHeader + 33, 0},
+                                              {kHeader + kBlock + 41 * 7 + 40, 640},
+                                              {-(kHeader + 2 * kBlock + 1), 1280},
+                                              {kHeader + 1500 * 41, 1500}};
+    for (const auto& [at, expected] : rows) {
+        changeAt = at;
+        ASSERT_EQ(KSCacheSave(filled(1500).get(), changing.c_str(), nullptr), 0U);
         scripted::reset();
         calls::watch();
         calls::beforeSeeks([] {
@@ -114,8 +117,7 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
         uint64_t count = 99;
         EXPECT_EQ(KSCacheLoad(loaded.get(), changing.c_str(), &count), 0U);
         calls::leaveAlone();
-        EXPECT_EQ(count, row.loaded);
-        EXPECT_EQ(loaded->cachedItems, row.loaded);
+        EXPECT_EQ(count, expected);
         EXPECT_EQ(scripted::takeRecord().find("WarningA(32") != std::string::npos, count < 1500);
         for (uint64_t i = 1, value = 0; i <= count; ++i, value = 0) {
             KSCacheFetch(loaded.get(), std::array<uint64_t, 4>{i}.data(), 3, &value);
@@ -128,29 +130,26 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
 TEST(CacheFile, ReplacedByTwoProcessesIsWhole) {
     constexpr uint64_t kEntries[] = {700, 1300};
     const std::string path = testing::TempDir() + "contended";
-    std::vector<pid_t> writers;
     for (const uint64_t entries : kEntries) {
-        writers.push_back(fork());
-        if (writers.back() != 0) continue;
-        const Cache cache = makeCache(4);
-        for (uint64_t i = 1; i <= entries; ++i)
-            KSCacheAdd(cache.get(), std::array<uint64_t, 4>{i}.data(), 3, i, nullptr);
+        if (fork() != 0) continue;
+        const Cache cache = filled(entries);
         for (int left = 200; left > 0;) {
             const uint32_t status = KSCacheReplaceFile(cache.get(), path.c_str(), nullptr, nullptr);
             if (status != 0 && status != CR_STATUS_BUSY) _exit(1);
-            left -= status == 0 ? 1 : 0;
+            left -= status == 0;
         }
         _exit(0);
     }
     size_t whole = 0;
-    for (int ended = 0, code = 0; ended<2; ended += waitpid(-1, &code, WNOHANG)> 0 ? 1 : 0) {
+    int code = 0;
+    for (int ended = 0; ended<2; ended += waitpid(-1, &code, WNOHANG)> 0) {
         EXPECT_EQ(code, 0);
         uint64_t count = 0;
         const uint32_t status = KSCacheLoad(makeCache(4).get(), path.c_str(), &count);
         EXPECT_TRUE(status == 0 ? count == kEntries[0] || count == kEntries[1]
                                 : status == 1000 + ENOENT && whole == 0)
             << status << " " << count;
-        whole += status == 0 ? 1 : 0;
+        whole += status == 0;
     }
     EXPECT_GT(whole, 0U);
     EXPECT_NE(access((path + ".new").c_str(), F_OK), 0);
@@ -158,10 +157,8 @@ TEST(CacheFile, ReplacedByTwoProcessesIsWhole) {
 }
 
 TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
-    const Cache cache = makeCache(4);
-    const uint8_t key[32] = {1};
+    const Cache cache = filled(1);
     const std::string path = testing::TempDir() + "zero";
-    KSCacheAdd(cache.get(), key, 3, 4711, nullptr);
     const int kept = dup(0);
     close(0);
     EXPECT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
@@ -209,41 +206,33 @@ void* liveDeep(void*) {
     return nullptr;
 }
 
-/// Load, save, replace and check have no more stack than their headers ask for.
-KSCache* stacked;
-std::string stackedPath;
-void* useFiles(void*) {
-    KSCacheSave(stacked, stackedPath.c_str(), nullptr);
-    KSCacheReplaceFile(stacked, stackedPath.c_str(), nullptr, nullptr);
-    KSCacheLoad(stacked, stackedPath.c_str(), nullptr);
-    return nullptr;
-}
-void* checkLimit(void*) {
-    KSCacheCheck(stacked, 1);
+void* useFiles(void* cache) {
+    static const std::string path = testing::TempDir() + "stacked";
+    KSCacheSave(static_cast<KSCache*>(cache), path.c_str(), nullptr);
+    KSCacheReplaceFile(static_cast<KSCache*>(cache), path.c_str(), nullptr, nullptr);
+    KSCacheLoad(static_cast<KSCache*>(cache), path.c_str(), nullptr);
     return nullptr;
 }
 
+void* checkLimit(void* cache) {
+    KSCacheCheck(static_cast<KSCache*>(cache), 1);
+    return nullptr;
+}
+
+/// As much as the header says.
 TEST(CacheFile, NeedsLittleStack) {
-    struct Row {
-        void* (*work)(void*);
-        size_t stack;
-    };
-    const Cache cache = makeCache(1);
-    stacked = cache.get();
-    stackedPath = testing::TempDir() + "stacked";
-    for (uint32_t i = 0; i < 20000; ++i)
-        KSCacheAdd(stacked, std::array<uint32_t, 8>{i, 0, 0, i}.data(), 3, i, nullptr);
-    for (const Row& row :
-         {Row{liveDeep, kStack}, Row{useFiles, 48 << 10}, Row{checkLimit, 80 << 10}}) {
+    const Cache cache = filled(20000);
+    for (const auto& [work, stack] :
+         {std::pair(&liveDeep, kStack), {useFiles, 48 << 10}, {checkLimit, 80 << 10}}) {
         pthread_attr_t small;
         pthread_t thread = 0;
         pthread_attr_init(&small);
-        pthread_attr_setstacksize(&small, row.stack);
-        ASSERT_EQ(pthread_create(&thread, &small, row.work, nullptr), 0);
+        pthread_attr_setstacksize(&small, stack);
+        ASSERT_EQ(pthread_create(&thread, &small, work, cache.get()), 0);
         pthread_join(thread, nullptr);
         pthread_attr_destroy(&small);
     }
-    EXPECT_EQ(stacked->cachedItems, 0U);
+    EXPECT_EQ(cache->cachedItems, 0U);
 }
 
 }  // namespace

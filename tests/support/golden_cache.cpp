@@ -186,10 +186,9 @@ void makeFile(Objects&, const Words& w) {
 std::string look(Objects&, const Words& w) {
     struct stat found {};
     if (lstat(w[1].c_str(), &found) != 0) return "nothing";
-    char text[80];
-    snprintf(text, sizeof text, "mode %o, %lld bytes", found.st_mode,
-             S_ISREG(found.st_mode) ? static_cast<long long>(found.st_size) : 0);
-    return text;
+    char mode[20];
+    snprintf(mode, sizeof mode, "mode %o, ", found.st_mode);
+    return mode + std::to_string(S_ISREG(found.st_mode) ? found.st_size : 0) + " bytes";
 }
 
 }  // namespace

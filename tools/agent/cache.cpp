@@ -17,13 +17,6 @@ uint64_t mostSlots(uint64_t limit) {
     return limit / sizeof(KSCacheNode) / kFewestPages;
 }
 
-std::string whyNotHeld(const std::string& path, uint32_t status) {
-    if (status == CR_STATUS_BUSY)
-        return "held by another process, whose id is in " + path + ".lock";
-    if (status == CR_STATUS_BAD_HANDLE) return "exists, and is not a cache file";
-    return CRStatusToStringA(status);
-}
-
 /// Deletes the entries for which `drops` returns true.
 template <typename Drops>
 void drop(KSCache* cache, Drops drops) {
@@ -45,7 +38,7 @@ BackupCache::BackupCache(std::string path, uint64_t limit, uint64_t segments)
     if (path_.empty()) return;
     KSCacheHold* hold = nullptr;
     const uint32_t status = KSCacheHoldFile(path_.c_str(), &hold);
-    if (status != CR_STATUS_OK) fail(whyNotHeld(path_, status));
+    if (status != CR_STATUS_OK) fail(tool::whyNotReplaced(path_, status));
     hold_.reset(hold);
 }
 
@@ -70,7 +63,7 @@ void BackupCache::save(bool sawAll) {
     if (full_ || stats().cacheSize > limit_) makeRoom(sawAll);
     const uint32_t status = KSCacheReplaceFile(cache_.get(), path_.c_str(), hold_.get(), nullptr);
     if (status != CR_STATUS_OK)
-        fail(std::string("could not be replaced: ") + CRStatusToStringA(status));
+        fail("could not be replaced: " + tool::whyNotReplaced(path_, status));
 }
 
 void BackupCache::fail(const std::string& why) const {

@@ -57,7 +57,7 @@ void dropFirst(KSCache* cache, uint64_t surplus) {
 void save(const KSCache* cache, const std::string& out) {
     const uint32_t status = KSCacheReplaceFile(cache, out.c_str(), nullptr, nullptr);
     if (status != CR_STATUS_OK)
-        throw tool::Failure(tool::printable(out) + ": " + CRStatusToStringA(status));
+        throw tool::Failure(tool::printable(out) + ": " + tool::whyNotReplaced(out, status));
 }
 
 void print(const Options& options, const FileReport& file, const Plan& plan) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
+#include <fstream>
 
 #include "platform/status.h"
 
@@ -12,11 +14,28 @@ constexpr uint64_t kFewestSlots = 1024;
 constexpr uint64_t kPagesWanted = 200;
 constexpr size_t kLongestDigest = 32;
 
+/// The process id in the lock file, which the library makes beside the file that a link leads to.
+/// Empty when the holder has just gone, or is about to write it.
+std::string holderOf(const std::string& path) {
+    std::error_code failure;
+    std::ifstream lock(std::filesystem::weakly_canonical(path, failure).string() + ".lock");
+    std::string process;
+    lock >> process;
+    return process;
+}
+
 }  // namespace
 
 CacheSettings settingsFor(uint64_t entries, uint64_t mostSlots) {
     const uint64_t slots = std::max(kFewestSlots, std::min(entries / kPagesWanted, mostSlots));
     return {KSCacheBitsFor(entries), static_cast<uint32_t>(slots)};
+}
+
+std::string whyNotReplaced(const std::string& path, uint32_t status) {
+    if (status == CR_STATUS_BAD_HANDLE) return "there is a file that is not a cache file";
+    if (status != CR_STATUS_BUSY) return CRStatusToStringA(status);
+    const std::string holder = holderOf(path);
+    return "held by " + (holder.empty() ? "another process" : "process " + holder);
 }
 
 std::string digestText(const void* digest, uint32_t type) {

@@ -33,6 +33,10 @@ struct CacheSettings {
 /// that where memory is limited; none has less than 1024 slots, the fewest that the library makes.
 CacheSettings settingsFor(uint64_t entries, uint64_t mostSlots = UINT32_MAX);
 
+/// Why a cache file could not be held or replaced, for a status of KSCacheHoldFile() or
+/// KSCacheReplaceFile(). Names the process that holds it.
+std::string whyNotReplaced(const std::string& path, uint32_t status);
+
 /// A digest in hexadecimal: 32 bytes of type 3, otherwise 16.
 std::string digestText(const void* digest, uint32_t type);
 
