@@ -13,7 +13,8 @@ target_include_directories(kspool_compiler INTERFACE ${PROJECT_SOURCE_DIR}
                                                      ${PROJECT_SOURCE_DIR}/include)
 if(KSPOOL_HARDEN AND NOT KSPOOL_SANITIZE)
   target_compile_options(kspool_compiler INTERFACE
-    -fstack-protector-strong -fstack-clash-protection -fcf-protection
+    -fstack-protector-strong -fstack-clash-protection
+    $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>
     # Checked buffers work in optimised code only.
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE>
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=3>)

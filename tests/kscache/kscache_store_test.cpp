@@ -4,7 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
+#include <barrier>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -37,25 +38,31 @@ TEST(CacheStore, PagesAscendWhateverTheirSize) {
 /// A first page looks for a large span of addresses. Where these are limited, other threads find
 /// room meanwhile.
 TEST(CacheStore, FirstPagesShareALimitOfAddresses) {
-    rlimit kept{};
-    unsigned long used = 0;
-    FILE* statm = fopen("/proc/self/statm", "r");
-    ASSERT_EQ(fscanf(statm, "%lu", &used), 1);
-    fclose(statm);
-    getrlimit(RLIMIT_AS, &kept);
-    const rlimit low = {used * 4096 + (rlim_t{4} << 30), kept.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &low), 0);
     std::atomic<int> failed = 0;
-    const auto work = [&] {
-        const uint8_t key[32] = {1};
-        for (int i = 0; i < 2000; ++i) {
+    std::barrier both(2);
+    const auto work = [&](int times) {
+        for (const uint8_t key[32] = {1}; times > 0; --times) {
             KSCache* cache = KSCacheCreate(0, 4, 0, nullptr, nullptr);
-            failed += KSCacheAdd(cache, key, 3, 1, nullptr) != CR_STATUS_OK ? 1 : 0;
+            failed += KSCacheAdd(cache, key, 3, 1, nullptr) != CR_STATUS_OK;
             KSCacheDestroy(cache);
         }
     };
-    std::thread other(work);
-    work();
+    std::thread other([&] {
+        work(1);
+        both.arrive_and_wait();
+        both.arrive_and_wait();
+        work(2000);
+    });
+    both.arrive_and_wait();
+    rlimit kept{};
+    getrlimit(RLIMIT_AS, &kept);
+    unsigned long used = 0;
+    std::ifstream("/proc/self/statm") >> used;
+    // A span of 4 GiB would leave less than a page.
+    const rlimit low = {used * 4096 + (rlim_t{4} << 30) + 40960, kept.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_AS, &low), 0);
+    both.arrive_and_wait();
+    work(2000);
     other.join();
     setrlimit(RLIMIT_AS, &kept);
     EXPECT_EQ(failed, 0);
