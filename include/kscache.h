@@ -27,6 +27,8 @@
  * 7. Batches. A batch function does what a loop of its single calls does, in the same order, but
  *    the cache misses of many keys overlap: about twice as fast for a cache that does not fit into
  *    the processor's own. Pass hundreds of keys or more at once.
+ * 8. Stack. A call needs up to 48 KiB of stack, KSCacheCheck() up to 80 KiB, whatever the number of
+ *    entries and the shape of their trees.
  *
  * Arguments that mean the same everywhere:
  *
@@ -262,7 +264,7 @@ KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, cons
 KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback,
                                    void* arg) KSPOOL_NOEXCEPT;
 
-/* ---- File: these calls need up to 48 KiB of stack ---- */
+/* ---- File ---- */
 
 /*
  * Saves all entries to a file, whose format docs/cache-format.md describes: fingerprints, types and

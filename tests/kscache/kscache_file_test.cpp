@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr size_t kStack = size_t{256} * 1024;
+constexpr size_t kStack = size_t{64} << 10;
 
 using Bytes = std::string;
 
@@ -31,6 +31,11 @@ Cache makeCache(uint32_t bits) {
     return Cache(KSCacheCreate(0, bits, 0, nullptr, nullptr));
 }
 
+/// The file of the test that runs.
+std::string path() {
+    return testing::TempDir() + testing::UnitTest::GetInstance()->current_test_info()->name();
+}
+
 /// A cache of the keys and values 1, 2, 3 and so on.
 Cache filled(uint64_t entries) {
     Cache cache = makeCache(4);
@@ -41,22 +46,21 @@ Cache filled(uint64_t entries) {
 
 TEST(CacheFile, DamageIsNeverTakenForEntries) {
     constexpr size_t kHeader = scripted::kMagicLength, kRecord = 41;
-    const std::string path = testing::TempDir() + "damaged";
     const Cache cache = makeCache(4);
     for (const uint8_t type : std::initializer_list<uint8_t>{1, 3, 3, 7}) {
         const uint8_t key[32] = {type, static_cast<uint8_t>(cache->cachedItems)};
         KSCacheAdd(cache.get(), key, type, 0x0102030405060708 + type, nullptr);
     }
-    ASSERT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
-    std::ifstream file(path, std::ios::binary);
+    ASSERT_EQ(KSCacheSave(cache.get(), path().c_str(), nullptr), 0U);
+    std::ifstream file(path(), std::ios::binary);
     const Bytes whole{std::istreambuf_iterator<char>(file), {}};
     ASSERT_EQ(whole.size(), kHeader + 4 * kRecord);
 
     const auto load = [&](const Bytes& bytes) {
-        std::ofstream(path, std::ios::binary).write(bytes.data(), std::ssize(bytes));
+        std::ofstream(path(), std::ios::binary).write(bytes.data(), std::ssize(bytes));
         const Cache loaded = makeCache(4);
         uint64_t count = 99;
-        const uint32_t status = KSCacheLoad(loaded.get(), path.c_str(), &count);
+        const uint32_t status = KSCacheLoad(loaded.get(), path().c_str(), &count);
         EXPECT_EQ(loaded->cachedItems, status == 0 ? count : 0);
         EXPECT_EQ(count == 99, status != 0);
         return std::pair(status, status == 0 ? count : 0);
@@ -91,23 +95,22 @@ TEST(CacheFile, DamageIsNeverTakenForEntries) {
     }
 }
 
-std::string changing;  ///< the file that changes between the two passes of a load
-long changeAt;         ///< the byte that changes; negative: where the file is cut
+/// The byte that changes between the two passes of a load; negative: where the file is cut.
+long changeAt;
 
 TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
     constexpr long kHeader = scripted::kMagicLength, kBlock = 640 * 41;
-    changing = testing::TempDir() + "changing";
     const std::pair<long, uint64_t> rows[] = {{kHeader + 33, 0},
                                               {kHeader + kBlock + 41 * 7 + 40, 640},
                                               {-(kHeader + 2 * kBlock + 1), 1280},
                                               {kHeader + 1500 * 41, 1500}};
     for (const auto& [at, expected] : rows) {
         changeAt = at;
-        ASSERT_EQ(KSCacheSave(filled(1500).get(), changing.c_str(), nullptr), 0U);
+        ASSERT_EQ(KSCacheSave(filled(1500).get(), path().c_str(), nullptr), 0U);
         scripted::reset();
         calls::watch();
         calls::beforeSeeks([] {
-            FILE* file = fopen(changing.c_str(), "r+");
+            FILE* file = fopen(path().c_str(), "r+");
             fseek(file, changeAt, SEEK_SET);
             if (changeAt < 0 ? ftruncate(fileno(file), -changeAt) != 0 : fputc(77, file) != 77)
                 abort();
@@ -115,7 +118,7 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
         });
         const Cache loaded = makeCache(4);
         uint64_t count = 99;
-        EXPECT_EQ(KSCacheLoad(loaded.get(), changing.c_str(), &count), 0U);
+        EXPECT_EQ(KSCacheLoad(loaded.get(), path().c_str(), &count), 0U);
         calls::leaveAlone();
         EXPECT_EQ(count, expected);
         EXPECT_EQ(scripted::takeRecord().find("WarningA(32") != std::string::npos, count < 1500);
@@ -129,12 +132,12 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
 /// Two processes replace a file while a third one loads it.
 TEST(CacheFile, ReplacedByTwoProcessesIsWhole) {
     constexpr uint64_t kEntries[] = {700, 1300};
-    const std::string path = testing::TempDir() + "contended";
     for (const uint64_t entries : kEntries) {
         if (fork() != 0) continue;
         const Cache cache = filled(entries);
         for (int left = 200; left > 0;) {
-            const uint32_t status = KSCacheReplaceFile(cache.get(), path.c_str(), nullptr, nullptr);
+            const uint32_t status =
+                KSCacheReplaceFile(cache.get(), path().c_str(), nullptr, nullptr);
             if (status != 0 && status != CR_STATUS_BUSY) _exit(1);
             left -= status == 0;
         }
@@ -145,29 +148,28 @@ TEST(CacheFile, ReplacedByTwoProcessesIsWhole) {
     for (int ended = 0; ended<2; ended += waitpid(-1, &code, WNOHANG)> 0) {
         EXPECT_EQ(code, 0);
         uint64_t count = 0;
-        const uint32_t status = KSCacheLoad(makeCache(4).get(), path.c_str(), &count);
+        const uint32_t status = KSCacheLoad(makeCache(4).get(), path().c_str(), &count);
         EXPECT_TRUE(status == 0 ? count == kEntries[0] || count == kEntries[1]
                                 : status == 1000 + ENOENT && whole == 0)
             << status << " " << count;
         whole += status == 0;
     }
     EXPECT_GT(whole, 0U);
-    EXPECT_NE(access((path + ".new").c_str(), F_OK), 0);
-    unlink(path.c_str());
+    EXPECT_NE(access((path() + ".new").c_str(), F_OK), 0);
+    unlink(path().c_str());
 }
 
 TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
     const Cache cache = filled(1);
-    const std::string path = testing::TempDir() + "zero";
     const int kept = dup(0);
     close(0);
-    EXPECT_EQ(KSCacheSave(cache.get(), path.c_str(), nullptr), 0U);
+    EXPECT_EQ(KSCacheSave(cache.get(), path().c_str(), nullptr), 0U);
     EXPECT_EQ(fcntl(0, F_GETFD), -1);
-    EXPECT_EQ(KSCacheLoad(cache.get(), path.c_str(), nullptr), 1000U + EBADF);
+    EXPECT_EQ(KSCacheLoad(cache.get(), path().c_str(), nullptr), 1000U + EBADF);
     EXPECT_EQ(fcntl(0, F_GETFD), -1);
     dup2(kept, 0);
     close(kept);
-    EXPECT_EQ(KSCacheLoad(makeCache(4).get(), path.c_str(), nullptr), 0U);
+    EXPECT_EQ(KSCacheLoad(makeCache(4).get(), path().c_str(), nullptr), 0U);
 }
 
 TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {
@@ -195,7 +197,7 @@ TEST(Adler, BothVersionsGiveTheSumsOfTheDefinition) {
 /// frame of a function that keeps a node and a return address is smaller than 32 bytes.
 void* liveDeep(void*) {
     constexpr uint32_t kEntries = kStack / 32;
-    CacheModel model({.bits = 1}, testing::TempDir() + "deep");
+    CacheModel model({.bits = 1}, path());
     model.fill(kEntries);
     model.sortedReport();
     model.walk();
@@ -207,10 +209,9 @@ void* liveDeep(void*) {
 }
 
 void* useFiles(void* cache) {
-    static const std::string path = testing::TempDir() + "stacked";
-    KSCacheSave(static_cast<KSCache*>(cache), path.c_str(), nullptr);
-    KSCacheReplaceFile(static_cast<KSCache*>(cache), path.c_str(), nullptr, nullptr);
-    KSCacheLoad(static_cast<KSCache*>(cache), path.c_str(), nullptr);
+    KSCacheSave(static_cast<KSCache*>(cache), path().c_str(), nullptr);
+    KSCacheReplaceFile(static_cast<KSCache*>(cache), path().c_str(), nullptr, nullptr);
+    KSCacheLoad(static_cast<KSCache*>(cache), path().c_str(), nullptr);
     return nullptr;
 }
 

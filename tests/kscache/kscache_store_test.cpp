@@ -53,8 +53,8 @@ TEST(CacheStore, FirstPagesShareALimitOfAddresses) {
         both.arrive_and_wait();
         work(2000);
     });
-    both.arrive_and_wait();
     rlimit kept{};
+    both.arrive_and_wait();
     getrlimit(RLIMIT_AS, &kept);
     unsigned long used = 0;
     std::ifstream("/proc/self/statm") >> used;

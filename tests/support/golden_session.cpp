@@ -1,6 +1,5 @@
 // The commands of transcripts about agent configurations and sessions.
 #include <cstdio>
-#include <fstream>
 #include <optional>
 
 #include "tests/support/golden.h"
@@ -100,7 +99,6 @@ const Operations& golden::sessionCommands() {
         {"ini", quietly(ini)},
         {"reply", quietly(reply)},
         {"meanwhile", quietly(meanwhile)},
-        {"touch", quietly([](Objects&, const Words& w) { std::ofstream(w[1]) << ""; })},
         {"show", {show}},
         {"word133", {[](Objects& objects, const Words&) {
              return std::to_string(objects.session->opt133Value);
