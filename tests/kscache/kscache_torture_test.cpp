@@ -46,11 +46,9 @@ void replaceFile(CacheModel& model, uint32_t entries) {
     fclose(file);
     model.fill(entries);
     const size_t syncs = calls::made(calls::kFsync);
-    uint64_t count = 99;
-    const uint32_t status = KSCacheReplaceFile(model.cache(), path.c_str(), nullptr, &count);
+    const uint32_t status = KSCacheReplaceFile(model.cache(), path.c_str(), nullptr, nullptr);
     const bool replaced = calls::made(calls::kFsync) == syncs + 2;
     EXPECT_TRUE(status == 0 ? replaced : calls::failures() > 0) << status;
-    EXPECT_EQ(count == 99, status != 0);
     std::error_code none;
     EXPECT_EQ(std::filesystem::file_size(path, none) != old.size(), replaced);
     EXPECT_FALSE(std::filesystem::exists(path + ".new", none));
