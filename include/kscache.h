@@ -314,7 +314,8 @@ typedef struct KSCacheHold KSCacheHold;
  * can be had, and no other process replaces the file. For a program that loads a file, works, and
  * replaces it at the end. Readers are not kept out. The hold is a lock of PATH.lock, where PATH is
  * the path with symbolic links resolved; this file has the process id of the holder, and stays.
- * The file itself need not exist. A child process of fork() shares the hold.
+ * The file itself need not exist. A child process of fork() shares the hold, until either
+ * gives it back.
  *
  *   path  file name, read during the call only.
  *   hold  receives the hold, which the caller must pass to KSCacheReleaseFile(); unchanged by a

@@ -71,6 +71,13 @@ void writeHolder(int lock) {
         KS_TRACE("%s: the process id of the holder could not be written", "KSCacheHoldFile");
 }
 
+/// Locks (F_WRLCK) or unlocks (F_UNLCK) a whole file without waiting.
+bool setLock(int fd, short type) {
+    struct flock whole {};
+    whole.l_type = type;
+    return fcntl(fd, F_OFD_SETLK, &whole) == 0;
+}
+
 uint32_t reportHeld(const char* path, long holder) {
     const uint32_t status = storeStatus(CR_STATUS_BUSY);
     if (holder > 0) {
@@ -148,9 +155,7 @@ uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noe
     if (lockPath == nullptr) return reportFailure(function, path, "name the lock file");
     Descriptor lock(openLock(lockPath.get()));
     if (lock.get() < 0) return reportFailure(function, lockPath.get(), "open the lock file");
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    if (fcntl(lock.get(), F_OFD_SETLK, &whole) != 0) {
+    if (!setLock(lock.get(), F_WRLCK)) {
         if (errno == EAGAIN || errno == EACCES)
             return reportHeld(hold.path.get(), holderOf(lock.get()));
         return reportFailure(function, lockPath.get(), "lock the file");
@@ -163,8 +168,11 @@ uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noe
 
 void releaseHold(KSCacheHold& hold) noexcept {
     const ErrnoAndSlotGuard kept;
-    if (hold.lock.get() >= 0 && ftruncate(hold.lock.get(), 0) != 0)
+    if (hold.lock.get() < 0) return;
+    if (ftruncate(hold.lock.get(), 0) != 0)
         KS_TRACE("%s: the lock file keeps the process id", "KSCacheReleaseFile");
+    // Not by close() alone: a child process of fork() has the descriptor, too.
+    setLock(hold.lock.get(), F_UNLCK);
     hold.lock.close();
     hold.magic = 0;
 }
