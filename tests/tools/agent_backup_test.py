@@ -76,7 +76,10 @@ with tempfile.TemporaryDirectory() as top:
         running = subprocess.Popen([AGENT, "backup", tree, "--client", "me", "--image", "five",
                                     "--cache", cache, "--list", "1"], stdout=subprocess.PIPE)
         atexit.register(running.kill)  # however the test ends
-        time.sleep(0.2)
+        while open(cache + ".lock").read() != f"{running.pid}\n":
+            time.sleep(0.05)
+        second = run("backup", tree, "--client", "me", "--image", "none", "--cache", cache, code=1).stderr
+        assert f"held by process {running.pid}\n" in second, second
         running.send_signal(sent)
         assert running.wait() == status, running.returncode
     assert 0 < len(found("five")) < 6
