@@ -95,7 +95,7 @@ OwnedText joined(const char* first, const char* second) noexcept {
     const size_t size = strlen(second) + 1;
     OwnedText text(static_cast<char*>(calloc(1, length + size)));
     if (text == nullptr) return text;
-    memcpy(text.get(), first, length);
+    memcpy(text.get(), first, length + 1);
     memcpy(text.get() + length, second, size);
     return text;
 }

@@ -165,9 +165,9 @@ TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
     EXPECT_EQ(KSCacheHoldFile(path().c_str(), &hold), 0U);
     const int kept = dup(0);
     close(0);
+    EXPECT_EQ(KSCacheSave(cache.get(), path().c_str(), nullptr), 0U);
     EXPECT_EQ(KSCacheReplaceFile(cache.get(), path().c_str(), hold, nullptr), 0U);
     KSCacheReleaseFile(hold);
-    EXPECT_EQ(KSCacheSave(cache.get(), path().c_str(), nullptr), 0U);
     EXPECT_EQ(fcntl(0, F_GETFD), -1);
     EXPECT_EQ(KSCacheLoad(cache.get(), path().c_str(), nullptr), 1000U + EBADF);
     EXPECT_EQ(fcntl(0, F_GETFD), -1);
