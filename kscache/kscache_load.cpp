@@ -85,7 +85,7 @@ using namespace kspool;
 
 namespace {
 
-constexpr size_t kKeysAtOnce = 128;  ///< of a batch, on the stack
+constexpr size_t kKeysAtOnce = 256;  ///< of a batch, on the stack
 
 /// Opens a file for reading; -1 with errno set on failure. Descriptor 0 counts as a failure and is
 /// closed again.
