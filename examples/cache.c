@@ -11,7 +11,7 @@
 int main(void) {
     char line[4096];
     unsigned long number = 0, same = 0;
-    KSCache* cache = KSCacheCreate(5000, KSCacheBitsFor(1000000), 0, NULL, NULL);
+    KSCache* cache = KSCacheCreate(KSCacheAreaFor(1000000), KSCacheBitsFor(1000000), 0, NULL, NULL);
     if (cache == NULL) return 1;
     while (fgets(line, sizeof line, stdin) != NULL) {
         unsigned char digest[32];

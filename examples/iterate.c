@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     KSCache* cache;
     if (argc != 4) return 2;
     work.least = strtoull(argv[2], NULL, 10);
-    cache = KSCacheCreate(5000, KSCacheBitsFor(1000000), 0, NULL, NULL);
+    cache = KSCacheCreate(KSCacheAreaFor(1000000), KSCacheBitsFor(1000000), 0, NULL, NULL);
     if (cache == NULL) return failed("create", *__cr_errno_location());
     status = KSCacheLoad(cache, argv[1], &loaded);
     if (status != CR_STATUS_OK) return failed(argv[1], status);

@@ -25,8 +25,8 @@
  * 6. Memory. An entry takes one slot of 72 bytes in a page of `areaSize` slots (one memory mapping
  *    each), the root table 8 bytes for each of its 2^bits roots. Nothing is allocated per entry.
  * 7. Batches. A batch function does what a loop of its single calls does, in the same order, but
- *    the cache misses of many keys overlap: about twice as fast for a cache that does not fit into
- *    the processor's own. Pass hundreds of keys or more at once.
+ *    the cache misses of many keys overlap: two to four times as fast for a cache that does not fit
+ *    into the processor's own. Eight keys at once gain already, hundreds gain all.
  * 8. Stack. A call needs up to 48 KiB of stack, KSCacheCheck() up to 80 KiB, whatever the number of
  *    entries and the shape of their trees.
  *
@@ -122,11 +122,20 @@ typedef int (*KSCacheIterateCallback)(KSCache* cache, KSCacheNode* node, uint64_
 KSPOOL_API uint32_t KSCacheBitsFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
 
 /*
+ * The `areaSize` to pass to KSCacheCreate() for a number of entries: from 970,900 entries on pages
+ * of one to sixteen whole huge pages of 2 MiB, below that a 200th of the entries, at least 1024.
+ * From 34,000 entries on, the unused end of the newest page takes at most 3 % of the memory.
+ *
+ *   expectedItems  entries that the cache is to hold
+ */
+KSPOOL_API uint32_t KSCacheAreaFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
+
+/*
  * Makes an empty cache.
  *
  *   areaSize   slots of 72 bytes per page. Rounded up to whole system pages, at least 1024, and
- *              held below pages of 4 GiB. A 200th of the expected entries is a good choice: memory
- *              is given back in whole pages, and the newest page is partly unused.
+ *              held below pages of 4 GiB. KSCacheAreaFor() gives a good value: memory is given back
+ *              in whole pages, and the newest page is partly unused.
  *   bits       the root table gets 2^bits roots of 8 bytes: 1 to 29; anything else means 4.
  *              KSCacheBitsFor() gives a good value. The table does not grow with the cache: too few
  *              roots make deep trees and slow searches. When memory for the table is short, it is
@@ -214,7 +223,8 @@ KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
 /* ---- Batches: convention 7 ---- */
 
 /*
- * KSCacheExists() for each of `count` keys.
+ * KSCacheExists() for each of `count` keys. One key costs what a single call costs; four are as
+ * fast as four single calls, eight faster, and from some hundred on a key costs the least.
  *
  *   keys      belong to the caller, as do their digests.
  *   values    NULL, or room for `count` values. As with single calls, the value of a key that is

@@ -21,35 +21,60 @@ uint32_t checkBatch(const KSCache* cache, const KSCacheKey* keys, size_t count) 
     return keys != nullptr && !holdsNull(keys, count) ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
-/// Calls `answer` for each key in turn with the node of the key, or NULL. Lookups do not change
-/// trees, so each search goes on from the node at which its lane arrived.
-template <typename Answer>
-void lookUp(const KSCache* cache, const KSCacheKey* keys, size_t count, uint32_t* statuses,
-            Answer answer) {
-    Lanes<Purpose::kLookup>(cache, keys, count).follow([=](size_t i, KSCacheNode* node) {
-        const uint32_t status =
-            answer(findBelow(node, makeKey(keys[i].fingerprint, keys[i].type)), i);
-        if (statuses != nullptr) statuses[i] = status;
-    });
-}
-
 uint64_t* valueAt(uint64_t* values, size_t i) {
     return values != nullptr ? values + i : nullptr;
+}
+
+void tell(uint32_t* statuses, size_t i, uint32_t status) {
+    if (statuses != nullptr) statuses[i] = status;
+}
+
+/// A batch of one key is a single call, which is shorter than lanes for one key. The status of a
+/// call that was refused is that of the batch.
+bool isSingle(const KSCacheKey* keys, size_t count) {
+    return count == 1 && keys != nullptr;
+}
+
+uint32_t singleDone(uint32_t status, uint32_t* statuses) {
+    if (status != CR_STATUS_OK && status != CR_STATUS_NOT_FOUND) return status;
+    tell(statuses, 0, status);
+    return CR_STATUS_OK;
+}
+
+/// Calls `answer` for each key in turn with the node of the key, or NULL. Lookups do not change
+/// trees, so each search goes on from the node at which its lane arrived. Not inlined, so that
+/// small batches do not pay for the stack frame of the lanes.
+template <typename Answer>
+[[gnu::noinline]] void lookUp(const KSCache* cache, const KSCacheKey* keys, size_t count,
+                              uint32_t* statuses, Answer answer) {
+    Lanes<Purpose::kLookup>(cache, keys, count).follow([&](size_t i, KSCacheNode* node) {
+        const Key key = makeKey(keys[i].fingerprint, keys[i].type);
+        tell(statuses, i, answer(findBelow(node, key), i));
+    });
 }
 
 }  // namespace
 
 uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count, uint64_t* values,
                             uint32_t* statuses) noexcept {
+    if (isSingle(keys, count))
+        return singleDone(KSCacheExists(cache, keys->fingerprint, keys->type, values), statuses);
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
-    lookUp(cache, keys, count, statuses, [=](KSCacheNode* node, size_t i) {
-        return countLookup(cache, node, valueAt(values, i));
+    // Counted apart: to the compiler `values` and `statuses` could point at the cache's counters,
+    // which it would store after each key.
+    LookupCounts counts{};
+    lookUp(cache, keys, count, statuses, [=, &counts](KSCacheNode* node, size_t i) {
+        return countLookup(counts, node, valueAt(values, i));
     });
+    cache->hits += counts.hits;
+    cache->misses += counts.misses;
     return CR_STATUS_OK;
 }
 
 uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* keys, size_t count,
                            uint64_t* values, uint32_t* statuses) noexcept {
+    if (isSingle(keys, count))
+        return singleDone(KSCacheFetch(cache, keys->fingerprint, keys->type, values), statuses);
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
     lookUp(cache, keys, count, statuses,
            [=](const KSCacheNode* node, size_t i) { return copyValue(node, valueAt(values, i)); });
@@ -66,7 +91,7 @@ uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t*
     // each add then searches anew.
     for (size_t first = 0; first < count; first += kPathsAtOnce) {
         const size_t end = std::min(first + kPathsAtOnce, count);
-        prefetchPaths(cache, keys + first, end - first);
+        if (count > 1) prefetchPaths(cache, keys + first, end - first);
         for (size_t i = first; i < end; ++i) {
             const uint32_t status = KSCacheAdd(cache, keys[i].fingerprint, keys[i].type, values[i],
                                                addArgs != nullptr ? addArgs[i] : nullptr);

@@ -40,7 +40,23 @@ void unlinkNode(KSCacheNode** link) {
     attach(link, successor);
 }
 
+/// Frees the slot of the node of a link, which is on no list then.
+void removeAt(KSCache* cache, KSCacheNode** link) {
+    KSCacheNode* node = nodeAt(link);
+    unlinkNode(link);
+    --cache->cachedItems;
+    node->refCount = 0;
+    node->lower = nullptr;
+}
+
 }  // namespace
+
+bool kspool::removeNode(KSCache* cache, KSCacheNode* node) noexcept {
+    KSCacheNode** link = findLink(cache, makeKey(node->fingerprint, node->type));
+    if (nodeAt(link) != node) return false;
+    removeAt(cache, link);
+    return true;
+}
 
 uint32_t KSCacheAdd(KSCache* cache, const void* fingerprint, uint32_t type, uint64_t value,
                     void* addArg) noexcept {
@@ -73,7 +89,7 @@ uint32_t KSCacheFetch(const KSCache* cache, const void* fingerprint, uint32_t ty
 uint32_t KSCacheExists(KSCache* cache, const void* fingerprint, uint32_t type,
                        uint64_t* valueOut) noexcept {
     if (const uint32_t bad = checkRequest(cache, fingerprint)) return bad;
-    return countLookup(cache, findNode(cache, makeKey(fingerprint, type)), valueOut);
+    return countLookup(*cache, findNode(cache, makeKey(fingerprint, type)), valueOut);
 }
 
 uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint, uint32_t type) noexcept {
@@ -81,10 +97,7 @@ uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint, uint32_t type) n
     KSCacheNode** link = findLink(cache, makeKey(fingerprint, type));
     KSCacheNode* node = nodeAt(link);
     if (node == nullptr) return CR_STATUS_NOT_FOUND;
-    unlinkNode(link);
-    --cache->cachedItems;
-    node->refCount = 0;
-    node->lower = nullptr;
+    removeAt(cache, link);
     pushFree(cache, node);
     return CR_STATUS_OK;
 }

@@ -6,15 +6,22 @@
 
 namespace kspool {
 
-/// The presence test of a search's result: counts the hit or miss and the reference.
-inline uint32_t countLookup(KSCache* cache, KSCacheNode* node, uint64_t* valueOut) noexcept {
+struct LookupCounts {
+    uint64_t hits;
+    uint64_t misses;
+};
+
+/// The presence test of a search's result: counts the reference, and the hit or miss in a cache or
+/// in the counts of a batch.
+template <typename Counts>
+uint32_t countLookup(Counts& counts, KSCacheNode* node, uint64_t* valueOut) noexcept {
     if (node == nullptr) {
-        ++cache->misses;
+        ++counts.misses;
         return CR_STATUS_NOT_FOUND;
     }
     countReference(*node);
     if (valueOut != nullptr) *valueOut = node->value;
-    ++cache->hits;
+    ++counts.hits;
     return CR_STATUS_OK;
 }
 

@@ -112,6 +112,32 @@ inline void pushFree(KSCache* cache, KSCacheNode* slot) noexcept {
     ++cache->freeListCount;
 }
 
+/// Builds a free list anew, from its head on; the old one is forgotten. Complete after finish().
+class FreeListBuilder {
+  public:
+    explicit FreeListBuilder(KSCache* cache) noexcept : cache_(cache), end_(&cache->freeList) {
+        cache->freeListCount = 0;
+    }
+    void append(KSCacheNode& slot) noexcept {
+        *end_ = &slot;
+        end_ = &slot.higher;
+        ++cache_->freeListCount;
+    }
+    void finish() noexcept { *end_ = nullptr; }
+
+  private:
+    KSCache* cache_;
+    KSCacheNode** end_;
+};
+
+/// KSCacheReclaim(). `listed` is NULL, or has linked every free slot except those of the area, in
+/// the order of pages and slots, which saves a pass over the pages.
+void compact(KSCache* cache, FreeListBuilder* listed) noexcept;
+
+/// Takes a node out of its tree and makes its slot a free one that is on no list yet. False, with
+/// nothing changed, for a node that is in no tree (a broken cache).
+bool removeNode(KSCache* cache, KSCacheNode* node) noexcept;
+
 /// 0 for a valid handle, else its status, which is then in the status slot too.
 inline uint32_t checkHandle(const KSCache* cache) noexcept {
     if (cache == nullptr) return storeStatus(CR_STATUS_NULL_HANDLE);

@@ -4,12 +4,14 @@
 // Thread rule: one thread at a time per cache (kscache_int.h), and no walk under way, since a
 // compaction follows.
 // Invariants:
-//  1. Only slots with refCount >= 1 are deleted: a free slot still holds the key of its last entry,
+//  1. Only slots with refCount >= 1 are dropped: a free slot still holds the key of its last entry,
 //     which may live in another slot.
-//  2. Entries are deleted by key, not by address, so the structure is changed by KSCacheDelete()
-//     alone.
+//  2. A check that is going to compact leaves the free list in the order of pages and slots, so
+//     that compaction need not pass over all pages to sort it. Any other check pushes the dropped
+//     slots on the free list as deletes do.
 #include <algorithm>
 #include <array>
+#include <span>
 
 #include "kscache/kscache_int.h"
 #include "kscache/kscache_lanes.h"
@@ -24,6 +26,7 @@ constexpr uint64_t kMebibyte = uint64_t{1} << 20;
 struct Threshold {
     uint64_t highest;
     uint64_t bytesKept;  ///< by the entries above it
+    uint64_t victims;    ///< entries up to it
 };
 
 /// The lowest threshold above which the entries fit into the budget; 0 when all fit. Counts add up
@@ -34,46 +37,78 @@ Threshold findThreshold(const KSCache* cache, uint64_t budget) {
         for (const KSCacheNode& slot : slotsOf(page))
             ++slots[std::min(slot.refCount, kMaximumRefCount)];
     }
-    uint64_t bytes = 0;
-    for (uint64_t count = kMaximumRefCount; count > 0; --count) {
-        const uint64_t more = slots[count] * kNodeSize;
-        if (bytes + more > budget) return {count, bytes};
-        bytes += more;
-    }
-    return {0, bytes};
+    uint64_t kept = 0;
+    uint64_t count = kMaximumRefCount;
+    for (; count > 0 && (kept + slots[count]) * kNodeSize <= budget; --count)
+        kept += slots[count];
+    return {count, kept * kNodeSize, cache->cachedItems - kept};
 }
 
-/// Entries to be deleted, gathered into batches whose trees are prefetched before the deletes.
-class Victims {
+/// The pass over all slots that drops entries. It gathers slots, so that the trees of a whole batch
+/// are prefetched before the first of its entries is dropped.
+class Dropping {
   public:
-    explicit Victims(KSCache* cache) : cache_(cache) {}
+    /// `list` is NULL, or links the free slots in order.
+    Dropping(KSCache* cache, uint64_t highest, FreeListBuilder* list)
+        : cache_(cache), highest_(highest), list_(list) {}
 
-    void add(const KSCacheNode& node) {
-        keys_[count_++] = {node.fingerprint, node.type};
-        if (count_ == keys_.size()) drop();
-    }
-    void drop() {
-        prefetchPaths(cache_, keys_.data(), count_);
-        for (size_t i = 0; i < count_; ++i)
-            KSCacheDelete(cache_, keys_[i].fingerprint, keys_[i].type);
-        count_ = 0;
+    void run() {
+        for (KSCachePage* page = cache_->firstPage; page != nullptr; page = page->next) {
+            auto slots = slotsOf(page);
+            if (page == cache_->lastPage)
+                slots = slots.first(slots.size() - cache_->nodesAvailable);
+            for (KSCacheNode& slot : slots) {
+                if (concerns(slot)) add(slot);
+            }
+        }
+        handleBatch();
     }
 
   private:
+    bool concerns(const KSCacheNode& slot) const {
+        return slot.refCount != 0 ? slot.refCount <= highest_ : list_ != nullptr;
+    }
+    void add(KSCacheNode& slot) {
+        slots_[count_++] = &slot;
+        if (count_ == slots_.size()) handleBatch();
+    }
+    void handleBatch() {
+        prefetchTrees();
+        for (KSCacheNode* slot : std::span(slots_).first(count_)) {
+            if (slot->refCount != 0 && !removeNode(cache_, slot)) continue;
+            if (list_ != nullptr)
+                list_->append(*slot);
+            else
+                pushFree(cache_, slot);
+        }
+        count_ = 0;
+    }
+    void prefetchTrees() {
+        size_t victims = 0;
+        for (const KSCacheNode* slot : std::span(slots_).first(count_)) {
+            if (slot->refCount != 0) keys_[victims++] = {slot->fingerprint, slot->type};
+        }
+        prefetchPaths(cache_, keys_.data(), victims);
+    }
+
     KSCache* cache_;
+    uint64_t highest_;
+    FreeListBuilder* list_;
+    std::array<KSCacheNode*, kPathsAtOnce> slots_;
     std::array<KSCacheKey, kPathsAtOnce> keys_;
     size_t count_ = 0;
 };
 
-/// The keys are read where they lie: a delete leaves the fingerprint in the slot it frees.
-void dropUpTo(KSCache* cache, uint64_t highest) {
-    Victims victims(cache);
-    for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
-        for (const KSCacheNode& slot : slotsOf(page)) {
-            if (slot.refCount != 0 && slot.refCount <= highest) victims.add(slot);
-        }
+void dropAndCompact(KSCache* cache, const Threshold& threshold) {
+    if (cache->freeListCount + threshold.victims < cache->areaSize) {
+        Dropping(cache, threshold.highest, nullptr).run();
+        compact(cache, nullptr);
+        return;
     }
-    victims.drop();
+    FreeListBuilder list(cache);
+    Dropping(cache, threshold.highest, &list).run();
+    list.finish();
+    compact(cache, &list);
 }
 
 }  // namespace
@@ -95,8 +130,7 @@ uint32_t KSCacheCheck(KSCache* cache, uint32_t limit) noexcept {
         static_cast<double>(threshold.bytesKept) / static_cast<double>(kMebibyte));
     KS_TRACE("KSCacheCheck: before: %lu nodes on free list",
              static_cast<unsigned long>(cache->freeListCount));
-    dropUpTo(cache, threshold.highest);
-    KSCacheReclaim(cache);
+    dropAndCompact(cache, threshold);
     return CR_STATUS_OK;
 }
 

@@ -6,24 +6,23 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 
 #include "common/diagnostics.h"
 #include "common/owned.h"
 
+#ifndef MADV_COLLAPSE  // newer than some C libraries
+#define MADV_COLLAPSE 25
+#endif
+
 namespace kspool {
 namespace {
-
-constexpr uint64_t kHugePageSize = uint64_t{2} << 20;
 
 /// The free address span that is searched for when a cache maps its first page. It has room for 900
 /// million nodes; a cache that outgrows it goes on above it, or wherever the system maps.
 constexpr uint64_t kAddressSpan = uint64_t{64} << 30;
-
-/// Larger pages are populated by first touch, so that a careless area size does not take gigabytes
-/// at once. With pages of a 200th of the entries, that is from 90 million entries on.
-constexpr uint64_t kPopulatedAtOnce = uint64_t{32} << 20;
 
 /// NULL with errno set when it fails, also for a mapping at address 0, which callers could not tell
 /// from a failure.
@@ -111,6 +110,11 @@ void adviseHugePages(void* memory, uint64_t length) noexcept {
     char* begin = firstBoundary(memory, systemPageSize());
     const ErrnoAndSlotGuard kept;
     madvise(begin, static_cast<size_t>(end - begin), MADV_HUGEPAGE);
+}
+
+void collapseHugePage(uintptr_t range) noexcept {
+    const ErrnoAndSlotGuard kept;
+    madvise(std::bit_cast<void*>(range), kHugePageSize, MADV_COLLAPSE);
 }
 
 }  // namespace kspool

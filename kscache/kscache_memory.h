@@ -13,6 +13,12 @@ namespace kspool {
 /// The system's memory page size in bytes.
 uint64_t systemPageSize() noexcept;
 
+inline constexpr uint64_t kHugePageSize = uint64_t{2} << 20;
+
+/// Pages up to this size get all their memory when they are mapped. Larger ones are populated by
+/// first touch, so that a careless area size does not take gigabytes at once.
+inline constexpr uint64_t kPopulatedAtOnce = 16 * kHugePageSize;
+
 /// `multiple` is a power of two.
 constexpr uint64_t roundUp(uint64_t value, uint64_t multiple) noexcept {
     return (value + multiple - 1) & ~(multiple - 1);
@@ -29,6 +35,10 @@ void* mapAbove(void* lastEnd, uint64_t length) noexcept;
 /// rest of the last system page: 29,127 slots are 8 bytes short of a huge page, yet their mapping
 /// fills one.
 void adviseHugePages(void* memory, uint64_t length) noexcept;
+
+/// Moves the populated memory of a huge page's range, which begins on its boundary, into one huge
+/// page. Takes Linux 6.1; where it cannot be done, nothing changes.
+void collapseHugePage(uintptr_t range) noexcept;
 
 }  // namespace kspool
 

@@ -84,6 +84,29 @@ void appendPage(KSCache* cache, KSCachePage* page) {
     cache->nodesAvailable = cache->areaSize - 1;
 }
 
+uintptr_t startOf(const KSCachePage* page) {
+    return reinterpret_cast<uintptr_t>(page);
+}
+
+/// The end of a page's mapping.
+uintptr_t endOf(const KSCachePage* page) {
+    return roundUp(startOf(page) + page->size, systemPageSize());
+}
+
+/// Pages below 2 MiB are populated with small system pages. When a new page completes the range of
+/// a huge page, which it shares with the pages before it, the range is collapsed into one: random
+/// lookups then need a TLB entry for 2 MiB and not one for each 4 KiB.
+void collapseShared(const KSCachePage* page) {
+    if (page->size > kPopulatedAtOnce) return;
+    const uintptr_t end = endOf(page) & ~(kHugePageSize - 1);
+    if (end <= startOf(page) || startOf(page) <= end - kHugePageSize) return;
+    const KSCachePage* first = page;
+    for (; startOf(first) > end - kHugePageSize; first = first->prev) {
+        if (first->prev == nullptr || endOf(first->prev) != startOf(first)) return;
+    }
+    collapseHugePage(end - kHugePageSize);
+}
+
 /// Makes a new page the last one and its slots the area; false, with the status stored and
 /// reported, when it cannot be mapped.
 bool addPage(KSCache* cache) {
@@ -96,6 +119,7 @@ bool addPage(KSCache* cache) {
     // Locked last: mlock() populates memory, with small system pages unless huge ones were advised.
     if (cache->lockPages != 0) lockPage(page);
     appendPage(cache, page);
+    collapseShared(page);
     return true;
 }
 

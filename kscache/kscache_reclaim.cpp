@@ -71,19 +71,21 @@ void pushFreeSlots(KSCache* cache, std::span<KSCacheNode> slots) {
 
 /// Stage 1: links every free slot, those of the area included, from the first page's lowest at the
 /// head of the list to the last page's highest. So the head is always the first free slot, the
-/// target of the next move.
-void rebuildFreeList(KSCache* cache) {
-    KSCacheNode** end = &cache->freeList;
-    cache->freeListCount = 0;
+/// target of the next move. A list without the area's slots, which are the last, is completed.
+void rebuildFreeList(KSCache* cache, FreeListBuilder* listed) {
+    if (listed != nullptr) {
+        for (KSCacheNode& slot : std::span(cache->areaPointer, cache->nodesAvailable))
+            listed->append(slot);
+        listed->finish();
+        return;
+    }
+    FreeListBuilder list(cache);
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
         for (KSCacheNode& slot : slotsOf(page)) {
-            if (isUsed(slot)) continue;
-            *end = &slot;
-            end = &slot.higher;
-            ++cache->freeListCount;
+            if (!isUsed(slot)) list.append(slot);
         }
     }
-    *end = nullptr;
+    list.finish();
 }
 
 /// Whether a node of a page can move: the head of the free list must lie below the page; if not,
@@ -286,12 +288,9 @@ void reportPages(const KSCache* cache) {
 }
 
 }  // namespace
-}  // namespace kspool
 
-using namespace kspool;
-
-void KSCacheReclaim(KSCache* cache) noexcept {
-    if (cache == nullptr || cache->busy != 0 || cache->lastPage == nullptr) return;
+void compact(KSCache* cache, FreeListBuilder* listed) noexcept {
+    if (cache->busy != 0 || cache->lastPage == nullptr) return;
     if (cache->freeListCount < cache->areaSize) {
         KS_TRACE("KSCacheReclaim: not started, only %lu items on free list", freeNodes(cache));
         return;
@@ -299,7 +298,7 @@ void KSCacheReclaim(KSCache* cache) noexcept {
     KS_TRACE("KSCacheReclaim: memory usage before rebuild: %u", residentMemory());
     KS_TRACE("KSCacheReclaim: start, %lu items on free list", freeNodes(cache));
     KS_TRACE("KSCacheReclaim: stage #1: rebuilding free list");
-    rebuildFreeList(cache);
+    rebuildFreeList(cache, listed);
     const uint64_t before = cache->freeListCount;
     KS_TRACE("KSCacheReclaim: stage #1: done, %lu nodes on free list", freeNodes(cache));
     KS_TRACE("KSCacheReclaim: stage #2: relocate used nodes");
@@ -312,4 +311,10 @@ void KSCacheReclaim(KSCache* cache) noexcept {
     KS_TRACE("KSCacheReclaim: stage #4: rebuild free list");
     rebuildAreaAndFreeList(cache, fullPages);
     if (tracing()) reportPages(cache);
+}
+
+}  // namespace kspool
+
+void KSCacheReclaim(KSCache* cache) noexcept {
+    if (cache != nullptr) kspool::compact(cache, nullptr);
 }

@@ -19,6 +19,12 @@ namespace {
 /// The most slots that a page below 4 GiB holds.
 constexpr uint64_t kMaximumAreaSize = UINT32_MAX / kNodeSize;
 
+/// Slots of a page that fills one huge page.
+constexpr uint64_t kHugePageSlots = kHugePageSize / kNodeSize;
+
+/// From so many entries on, a huge page that is not used at all is at most 3 % of the pages.
+constexpr uint64_t kFewestForHugePages = kHugePageSlots * 100 / 3;
+
 void freeRoots(KSCache* cache) {
     if (cache->roots != &cache->inlineRoot) free(static_cast<void*>(cache->roots));
     cache->roots = nullptr;
@@ -108,6 +114,15 @@ uint32_t KSCacheBitsFor(uint64_t expectedItems) noexcept {
     if (expectedItems == 0) return 1;
     const auto logarithm = static_cast<uint32_t>(std::bit_width(expectedItems - 1));
     return std::min(logarithm + 1, kMaximumBits);
+}
+
+uint32_t KSCacheAreaFor(uint64_t expectedItems) noexcept {
+    const uint64_t slots = expectedItems / 200;
+    if (expectedItems < kFewestForHugePages)
+        return static_cast<uint32_t>(std::max<uint64_t>(slots, kMinimumAreaSize));
+    const uint64_t hugePages =
+        std::clamp<uint64_t>(slots / kHugePageSlots, 1, kPopulatedAtOnce / kHugePageSize);
+    return static_cast<uint32_t>(hugePages * kHugePageSlots);
 }
 
 KSCache* KSCacheCreate(uint32_t areaSize, uint32_t bits, uint32_t lockPages,

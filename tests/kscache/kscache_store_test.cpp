@@ -1,6 +1,8 @@
 // Edges of the store that neither random operations nor transcripts reach.
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -78,6 +80,44 @@ TEST(CacheStore, LargePagesGrowAsTheyAreUsed) {
         ASSERT_EQ(mincore(model.cache()->firstPage, length * 4096, resident.data()), 0);
         const auto there = std::count(resident.begin(), resident.end(), 1);
         EXPECT_EQ(there == std::ssize(resident), areaSize == 460000) << there << " of " << length;
+    }
+}
+
+/// Bytes in huge pages of the mapping that holds an address.
+uint64_t hugeBytes(const void* address) {
+    std::ifstream maps("/proc/self/smaps");
+    const auto wanted = reinterpret_cast<uintptr_t>(address);
+    bool within = false;
+    for (std::string line; std::getline(maps, line);) {
+        unsigned long first = 0, last = 0;
+        if (sscanf(line.c_str(), "%lx-%lx ", &first, &last) == 2)
+            within = first <= wanted && wanted < last;
+        if (within && sscanf(line.c_str(), "AnonHugePages: %lu kB", &first) == 1)
+            return first * 1024;
+    }
+    return 0;
+}
+
+/// Each range of a huge page that small pages fill together becomes one, and can be given back.
+TEST(CacheStore, SmallPagesShareHugePages) {
+    constexpr uint64_t kHugePage = uint64_t{2} << 20;
+    if (syscall(SYS_madvise, nullptr, 0, 25 /* MADV_COLLAPSE */) != 0)
+        GTEST_SKIP() << "not before Linux 6.1";
+    for (const uint32_t lock : {0U, 1U}) {
+        const uint32_t areaSize = lock != 0 ? 20'000 : 1024;
+        CacheModel model({.bits = 16, .areaSize = areaSize, .lockPages = lock}, kNoFile);
+        model.fill(70'000, CacheModel::kBatch);
+        const KSCache* cache = model.cache();
+        const auto first = reinterpret_cast<uintptr_t>(cache->firstPage);
+        const auto last = reinterpret_cast<uintptr_t>(cache->lastPage->end);
+        const uint64_t most = last / kHugePage - (first + kHugePage - 1) / kHugePage;
+        const uint64_t huge = hugeBytes(cache->firstPage) / kHugePage;
+        EXPECT_LE(huge, most);
+        EXPECT_GE(huge, most / 2) << areaSize;  // the system may have too few
+        model.drop(70'000);
+        model.reclaim();
+        model.compareAll();
+        EXPECT_LT(cache->cacheSize, 2 * kHugePage);
     }
 }
 

@@ -24,6 +24,7 @@
     CALL(kFstat, int, fstat, (int fd, struct stat* found), (fd, found), -1, EIO) \
     CALL(kFcntl, int, fcntl, (int fd, int command, void* argument), (fd, command, argument), -1, ENOLCK) \
     CALL(kFchmod, int, fchmod, (int fd, mode_t mode), (fd, mode), -1, EPERM) \
+    CALL(kFallocate, int, fallocate, (int fd, int mode, off_t from, off_t length), (fd, mode, from, length), -1, ENOSPC) \
     CALL(kFsync, int, fsync, (int fd), (fd), -1, EIO) \
     CALL(kRename, int, rename, (const char* from, const char* to), (from, to), -1, EACCES)
 #define PAGE_CALLS(CALL) \

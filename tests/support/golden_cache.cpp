@@ -234,6 +234,7 @@ const Operations& golden::cacheCommands() {
          }}},
         {"file", quietly(makeFile)},
         {"look", {look}},
+        {"KSCacheAreaFor", bind(KSCacheAreaFor)},
         {"KSCacheBitsFor", bind(KSCacheBitsFor)},
         {"KSCacheCheck", bind(KSCacheCheck)},
         {"KSCacheDelete", bind(KSCacheDelete)},

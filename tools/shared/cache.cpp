@@ -11,7 +11,6 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kFewestSlots = 1024;
-constexpr uint64_t kPagesWanted = 200;
 constexpr size_t kLongestDigest = 32;
 
 /// The process id in the lock file, which the library makes beside the file that a link leads to.
@@ -27,7 +26,8 @@ std::string holderOf(const std::string& path) {
 }  // namespace
 
 CacheSettings settingsFor(uint64_t entries, uint64_t mostSlots) {
-    const uint64_t slots = std::max(kFewestSlots, std::min(entries / kPagesWanted, mostSlots));
+    const uint64_t slots =
+        std::max(kFewestSlots, std::min<uint64_t>(KSCacheAreaFor(entries), mostSlots));
     return {KSCacheBitsFor(entries), static_cast<uint32_t>(slots)};
 }
 

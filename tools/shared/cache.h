@@ -28,9 +28,9 @@ struct CacheSettings {
     uint32_t areaSize;
 };
 
-/// The settings for a number of entries: KSCacheBitsFor(), and pages of a 200th of the entries, so
-/// that the unused end of the last page is half a percent. `mostSlots` makes pages smaller than
-/// that where memory is limited; none has less than 1024 slots, the fewest that the library makes.
+/// The settings for a number of entries: KSCacheBitsFor() and KSCacheAreaFor(). `mostSlots` makes
+/// pages smaller than that where memory is limited; none has less than 1024 slots, the fewest that
+/// the library makes.
 CacheSettings settingsFor(uint64_t entries, uint64_t mostSlots = UINT32_MAX);
 
 /// Why a cache file could not be held or replaced, for a status of KSCacheHoldFile() or
