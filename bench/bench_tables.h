@@ -1,5 +1,5 @@
-// The tables that are compared, the cache and other hash tables, behind the same three calls: add,
-// exists (counted where the table counts) and fetch.
+// The tables that are compared: the cache and other hash tables, each with an add and with one or
+// more ways to look keys up. All take the keys as KSCacheKey, digests of 32 bytes each.
 #ifndef BENCH_TABLES_H
 #define BENCH_TABLES_H
 
@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <boost/unordered_map.hpp>
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdint>
 #include <cstring>
 #include <sparsehash/dense_hash_map>
@@ -33,87 +33,68 @@ struct DigestHash {
     }
 };
 
+inline const Digest& digestOf(const KSCacheKey& key) {
+    return *static_cast<const Digest*>(key.fingerprint);
+}
+
 /// The result of a stretch of lookups.
 struct Found {
     size_t count = 0;
     uint64_t values = 0;  ///< sum of the values, so that each value is read
 };
 
-/// The area size that the documentation advises: a 200th of the entries, rounded down to whole huge
-/// pages when it is as large as one. A huge page has 29,127 slots, the header's included.
-inline uint32_t areaFor(size_t entries) {
-    constexpr size_t kHugePageSlots = 29'127;
-    const size_t slots = entries / 200;
-    return static_cast<uint32_t>(slots < kHugePageSlots ? slots
-                                                        : slots / kHugePageSlots * kHugePageSlots);
-}
-
-/// The cache by its single calls, with the settings that its documentation advises.
+/// The cache by its single and its batch calls, with the settings that its documentation advises.
 class CacheTable {
   public:
-    explicit CacheTable(size_t entries)
-        : cache_(KSCacheCreate(areaFor(entries), KSCacheBitsFor(entries), 0, nullptr, nullptr)) {}
+    explicit CacheTable(size_t entries) : CacheTable(entries, KSCacheAreaFor(entries)) {}
+    CacheTable(size_t entries, uint32_t areaSize)
+        : cache_(KSCacheCreate(areaSize, KSCacheBitsFor(entries), 0, nullptr, nullptr)) {}
     ~CacheTable() { KSCacheDestroy(cache_); }
     CacheTable(const CacheTable&) = delete;
     CacheTable& operator=(const CacheTable&) = delete;
 
     KSCache* handle() { return cache_; }
 
-    size_t add(const Digest* keys, size_t count, uint64_t value) {
+    size_t add(const KSCacheKey* keys, size_t count, uint64_t value) {
         size_t added = 0;
         for (size_t i = 0; i < count; ++i) {
-            added += KSCacheAdd(cache_, keys[i].data(), CR_FP_SHA256, value + i, nullptr) ==
+            added += KSCacheAdd(cache_, keys[i].fingerprint, keys[i].type, value + i, nullptr) ==
                      CR_STATUS_OK;
         }
         return added;
     }
-    Found exists(const Digest* keys, size_t count) { return lookup(KSCacheExists, keys, count); }
-    Found fetch(const Digest* keys, size_t count) { return lookup(KSCacheFetch, keys, count); }
-
-  private:
-    template <typename Call>
-    Found lookup(Call call, const Digest* keys, size_t count) {
-        Found found;
-        for (size_t i = 0; i < count; ++i) {
-            uint64_t value = 0;
-            found.count += call(cache_, keys[i].data(), CR_FP_SHA256, &value) == CR_STATUS_OK;
-            found.values += value;
-        }
-        return found;
-    }
-
-    KSCache* cache_;
-};
-
-/// The cache by its batch calls.
-class BatchTable {
-  public:
-    explicit BatchTable(size_t entries) : table_(entries) {}
-
-    KSCache* handle() { return table_.handle(); }
-
-    size_t add(const Digest* keys, size_t count, uint64_t value) {
+    size_t addBatch(const KSCacheKey* keys, size_t count, uint64_t value) {
         for (size_t i = 0; i < count; ++i)
             values_[i] = value + i;
-        KSCacheAddBatch(table_.handle(), keysOf(keys, count), values_.data(), nullptr, count,
-                        statuses_.data());
-        return static_cast<size_t>(
-            std::count(statuses_.data(), statuses_.data() + count, CR_STATUS_OK));
+        KSCacheAddBatch(cache_, keys, values_.data(), nullptr, count, statuses_.data());
+        return found(count).count;
     }
-    Found exists(const Digest* keys, size_t count) {
-        return lookup(KSCacheExistsBatch, keys, count);
+    Found exists(const KSCacheKey* keys, size_t count) {
+        return lookUp(KSCacheExists, keys, count);
     }
-    Found fetch(const Digest* keys, size_t count) { return lookup(KSCacheFetchBatch, keys, count); }
+    Found fetch(const KSCacheKey* keys, size_t count) { return lookUp(KSCacheFetch, keys, count); }
+    template <size_t size>
+    Found existsBatch(const KSCacheKey* keys, size_t count) {
+        return lookUpBatches<size>(KSCacheExistsBatch, keys, count);
+    }
+    Found fetchBatch(const KSCacheKey* keys, size_t count) {
+        return lookUpBatches<kStretch>(KSCacheFetchBatch, keys, count);
+    }
 
   private:
-    const KSCacheKey* keysOf(const Digest* keys, size_t count) {
-        for (size_t i = 0; i < count; ++i)
-            keys_[i] = {keys[i].data(), CR_FP_SHA256};
-        return keys_.data();
-    }
     template <typename Call>
-    Found lookup(Call call, const Digest* keys, size_t count) {
-        call(table_.handle(), keysOf(keys, count), count, values_.data(), statuses_.data());
+    Found lookUp(Call call, const KSCacheKey* keys, size_t count) {
+        for (size_t i = 0; i < count; ++i)
+            statuses_[i] = call(cache_, keys[i].fingerprint, keys[i].type, &values_[i]);
+        return found(count);
+    }
+    template <size_t size, typename Call>
+    Found lookUpBatches(Call call, const KSCacheKey* keys, size_t count) {
+        for (size_t i = 0; i < count; i += size)
+            call(cache_, keys + i, std::min(size, count - i), &values_[i], &statuses_[i]);
+        return found(count);
+    }
+    Found found(size_t count) const {
         Found found;
         for (size_t i = 0; i < count; ++i) {
             if (statuses_[i] != CR_STATUS_OK) continue;
@@ -123,8 +104,7 @@ class BatchTable {
         return found;
     }
 
-    CacheTable table_;
-    std::array<KSCacheKey, kStretch> keys_;
+    KSCache* cache_;
     std::array<uint64_t, kStretch> values_;
     std::array<uint32_t, kStretch> statuses_;
 };
@@ -136,23 +116,32 @@ class MapTable {
     explicit MapTable(size_t) {
         if constexpr (requires { map_.set_empty_key(Digest{}); }) map_.set_empty_key(Digest{});
     }
-    size_t add(const Digest* keys, size_t count, uint64_t value) {
+    size_t add(const KSCacheKey* keys, size_t count, uint64_t value) {
         size_t added = 0;
         for (size_t i = 0; i < count; ++i)
-            added += map_.insert({keys[i], value + i}).second ? 1 : 0;
+            added += map_.insert({digestOf(keys[i]), value + i}).second ? 1 : 0;
         return added;
     }
-    Found fetch(const Digest* keys, size_t count) {
+    Found find(const KSCacheKey* keys, size_t count) {
         Found found;
         for (size_t i = 0; i < count; ++i)
             find(keys[i], found);
         return found;
     }
-    Found exists(const Digest* keys, size_t count) { return fetch(keys, count); }
+    /// Each key is prefetched `ahead` keys before it is looked up. For maps with such a call.
+    template <size_t ahead>
+    Found findAhead(const KSCacheKey* keys, size_t count) {
+        Found found;
+        for (size_t i = 0; i < count; ++i) {
+            if (i + ahead < count) map_.prefetch(digestOf(keys[i + ahead]));
+            find(keys[i], found);
+        }
+        return found;
+    }
 
-  protected:
-    void find(const Digest& key, Found& found) {
-        const auto entry = map_.find(key);
+  private:
+    void find(const KSCacheKey& key, Found& found) {
+        const auto entry = map_.find(digestOf(key));
         if (entry == map_.end()) return;
         ++found.count;
         found.values += entry->second;
@@ -160,29 +149,9 @@ class MapTable {
     Map map_;
 };
 
-/// A map with a prefetch call: each key is prefetched 16 keys ahead.
-template <typename Map>
-class PrefetchTable : public MapTable<Map> {
-  public:
-    using MapTable<Map>::MapTable;
-
-    Found fetch(const Digest* keys, size_t count) {
-        constexpr size_t kAhead = 16;
-        Found found;
-        for (size_t i = 0; i < count; ++i) {
-            if (i + kAhead < count) this->map_.prefetch(keys[i + kAhead]);
-            this->find(keys[i], found);
-        }
-        return found;
-    }
-    Found exists(const Digest* keys, size_t count) { return fetch(keys, count); }
-};
-
-using AbseilMap = absl::flat_hash_map<Digest, uint64_t, DigestHash>;
-using AbseilTable = MapTable<AbseilMap>;
-using AbseilPrefetchTable = PrefetchTable<AbseilMap>;
+using AbseilTable = MapTable<absl::flat_hash_map<Digest, uint64_t, DigestHash>>;
+using BoostTable = MapTable<boost::unordered_flat_map<Digest, uint64_t, DigestHash>>;
 using StdTable = MapTable<std::unordered_map<Digest, uint64_t, DigestHash>>;
-using BoostTable = MapTable<boost::unordered_map<Digest, uint64_t, DigestHash>>;
 using DenseTable = MapTable<google::dense_hash_map<Digest, uint64_t, DigestHash>>;
 using SparseTable = MapTable<google::sparse_hash_map<Digest, uint64_t, DigestHash>>;
 

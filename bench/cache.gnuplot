@@ -9,9 +9,9 @@ set format x "10^{%T}"
 set grid
 set key bottom right
 do for [panel = 0:3] {
-    set title word("add hit fetch miss", panel + 1)
+    set title word("add hit scattered miss", panel + 1)
     plot for [column = 2:9] "cache.dat" index panel using 1:column with linespoints \
         linewidth (column <= 3 ? 3 : 1.2) pointtype 7 pointsize 0.6 \
-        title word("kspool batch abseil prefetch std boost dense sparse", column - 1)
+        title word("kspool batch abseil prefetched boost std dense sparse", column - 1)
 }
 unset multiplot

@@ -1,19 +1,22 @@
-// Add, hit, miss and fetch of the cache beside hash tables that a user would take instead.
+// Add, hit, miss and fetch of the cache beside hash tables that a user would take instead, and
+// beside a replay of the cache lines that its lookups touch.
 //
 // Run it with random interleaving (scripts/bench does): the short rounds of all benchmarks are then
 // mixed, so that drift of the machine affects all tables alike. Each table is built, and all of its
 // keys are looked up once, before its first timed round. Each round of lookups starts where the
 // last one ended, so that it does not find its keys in the processor's caches.
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/bench_keys.h"
+#include "bench/bench_replay.h"
 
 namespace bench {
 namespace {
+
+using benchmark::State;
 
 /// Operations of a round, unless filling a table takes more.
 constexpr size_t kOperations = 1'000'000;
@@ -23,28 +26,24 @@ constexpr size_t kBytesToGrow = 200;
 constexpr int kLookupRounds = 21;
 
 struct Keys {
-    std::vector<Digest> known;
-    std::vector<Digest> shuffled;  ///< the known ones in the order of lookups, another than of adds
-    std::vector<Digest> absent;
+    explicit Keys(size_t count)
+        : digests(randomDigests(count, count)),
+          digestsInTurn(shuffled(digests)),
+          absentDigests(randomDigests(count, count + 1)) {}
+
+    std::vector<Digest> digests;
+    std::vector<Digest> digestsInTurn;  ///< the same in the order of lookups, another than of adds
+    std::vector<Digest> absentDigests;
+
+    std::vector<KSCacheKey> known = keysOf(digests);
+    std::vector<KSCacheKey> inTurn = keysOf(digestsInTurn);
+    std::vector<KSCacheKey> scattered = shuffled(known);  ///< digests anywhere in memory
+    std::vector<KSCacheKey> absent = keysOf(absentDigests);
 };
 
 const Keys& keysFor(size_t count) {
     static std::map<size_t, Keys> made;
-    Keys& keys = made[count];
-    if (keys.known.empty()) {
-        keys = {randomDigests(count, count), {}, randomDigests(count, count + 1)};
-        keys.shuffled = keys.known;
-        std::shuffle(keys.shuffled.begin(), keys.shuffled.end(), std::mt19937_64(7));
-    }
-    return keys;
-}
-
-template <typename Table>
-void fill(Table& table, const std::vector<Digest>& keys) {
-    for (size_t i = 0; i < keys.size(); i += kStretch) {
-        const size_t count = std::min(kStretch, keys.size() - i);
-        if (table.add(keys.data() + i, count, i) != count) abort();
-    }
+    return made.try_emplace(count, count).first->second;
 }
 
 /// A filled table of a kind and size, built once for all rounds.
@@ -55,15 +54,18 @@ Table& filledTable(size_t count) {
     if (table == nullptr) {
         table = std::make_unique<Table>(count);
         fill(*table, keysFor(count).known);
-        for (size_t i = 0; i + kStretch <= count; i += kStretch)
-            table->fetch(keysFor(count).shuffled.data() + i, kStretch);
     }
     return *table;
 }
 
 template <typename Table>
-void benchAdd(benchmark::State& state, size_t count) {
-    const std::vector<Digest>& keys = keysFor(count).known;
+using Add = size_t (Table::*)(const KSCacheKey*, size_t, uint64_t);
+template <typename Table>
+using LookUp = Found (Table::*)(const KSCacheKey*, size_t);
+
+template <typename Table>
+void benchAdd(State& state, size_t count, Add<Table> add) {
+    const std::vector<KSCacheKey>& keys = keysFor(count).known;
     const size_t rounds = std::max<size_t>(1, kOperations / count);
     for (auto _ : state) {
         double seconds = 0;
@@ -72,7 +74,7 @@ void benchAdd(benchmark::State& state, size_t count) {
             std::unique_ptr<Table> table;
             seconds += secondsOf([&] {
                 table = std::make_unique<Table>(count);
-                fill(*table, keys);
+                fill(*table, keys, add);
             });
         }
         state.SetIterationTime(seconds);
@@ -80,56 +82,97 @@ void benchAdd(benchmark::State& state, size_t count) {
     state.SetItemsProcessed(static_cast<int64_t>(rounds * count));
 }
 
-/// Looks up the keys from `next` on, and fails the run if a result is wrong.
-template <typename Lookup>
-void benchLookup(benchmark::State& state, const std::vector<Digest>& keys, size_t& next,
-                 bool expected, Lookup lookup) {
-    for (auto _ : state) {
-        Found found;
-        state.SetIterationTime(secondsOf([&] {
-            for (size_t i = 0; i < kOperations; i += kStretch) {
-                if (next + kStretch > keys.size()) next = 0;
-                const Found more = lookup(keys.data() + next, kStretch);
-                found.count += more.count;
-                found.values += more.values;
-                next += kStretch;
-            }
-        }));
-        benchmark::DoNotOptimize(found.values);
-        if (found.count != (expected ? kOperations : 0)) abort();
+/// The keys of a round: the next ones of all.
+std::vector<KSCacheKey> nextKeys(const std::vector<KSCacheKey>& keys, size_t& next) {
+    std::vector<KSCacheKey> round;
+    while (round.size() < kOperations) {
+        if (next + kStretch > keys.size()) next = 0;
+        round.insert(round.end(), keys.data() + next, keys.data() + next + kStretch);
+        next += kStretch;
     }
-    state.SetItemsProcessed(static_cast<int64_t>(kOperations));
+    return round;
 }
 
 template <typename Table>
-void registerTable(const std::string& name, size_t count) {
-    using benchmark::State;
-    const auto lookup = [&](const std::string& work, auto keys, bool expected, auto call) {
-        const auto run = [=, next = size_t{0}](State& state) mutable {
-            Table& table = filledTable<Table>(count);
-            benchLookup(
-                state, keysFor(count).*keys, next, expected,
-                [&](const Digest* first, size_t many) { return (table.*call)(first, many); });
-        };
-        registerWork(work, name, count, kLookupRounds, run);
-    };
-    const auto add = [=](State& state) { benchAdd<Table>(state, count); };
-    registerWork("add", name, count, kAddRounds, add);
-    lookup("hit", &Keys::shuffled, true, &Table::exists);
-    lookup("miss", &Keys::absent, false, &Table::exists);
-    lookup("fetch", &Keys::shuffled, true, &Table::fetch);
+void registerAdd(const std::string& name, size_t count, Add<Table> add = &Table::add) {
+    registerWork("add", name, count, kAddRounds,
+                 [=](State& state) { benchAdd<Table>(state, count, add); });
+}
+
+/// A round of lookups fails the run if a result is wrong.
+template <typename Table>
+void registerLookUp(const std::string& work, const std::string& name, size_t count,
+                    LookUp<Table> call, std::vector<KSCacheKey> Keys::*keys) {
+    const size_t expected = keys == &Keys::absent ? 0 : kOperations;
+    registerWork(work, name, count, kLookupRounds, [=, next = size_t{0}](State& state) mutable {
+        Table& table = filledTable<Table>(count);
+        const std::vector<KSCacheKey> round = nextKeys(keysFor(count).*keys, next);
+        Found found;
+        const double seconds = secondsOf([&] {
+            for (size_t i = 0; i < kOperations; i += kStretch) {
+                const Found more = (table.*call)(&round[i], kStretch);
+                found.count += more.count;
+                found.values += more.values;
+            }
+        });
+        benchmark::DoNotOptimize(found.values);
+        if (found.count != expected) abort();
+        report(state, seconds, kOperations);
+    });
+}
+
+template <Level level, size_t ahead>
+void registerReplay(const std::string& name, size_t count) {
+    registerWork("hit", name, count, kLookupRounds, [=, next = size_t{0}](State& state) mutable {
+        KSCache* cache = filledTable<CacheTable>(count).handle();
+        const auto lines = linesOf(cache, nextKeys(keysFor(count).inTurn, next));
+        report(state, secondsOf([&] { replay<level, ahead>(lines); }), kOperations);
+    });
+}
+
+template <typename Table>
+void registerFind(const std::string& name, size_t count, LookUp<Table> call) {
+    registerLookUp(std::string("hit"), name, count, call, &Keys::inTurn);
+    registerLookUp(std::string("scattered"), name, count, call, &Keys::scattered);
+    registerLookUp(std::string("miss"), name, count, call, &Keys::absent);
+}
+
+template <typename Table>
+void registerMap(const std::string& name, size_t count) {
+    registerAdd<Table>(name, count);
+    registerFind<Table>(name, count, &Table::find);
+}
+
+void registerCache(size_t count) {
+    registerAdd<CacheTable>("kspool", count);
+    registerAdd<CacheTable>("batch", count, &CacheTable::addBatch);
+    registerFind("kspool", count, &CacheTable::exists);
+    registerFind("batch-1", count, &CacheTable::existsBatch<1>);
+    registerFind("batch-4", count, &CacheTable::existsBatch<4>);
+    registerFind("batch-8", count, &CacheTable::existsBatch<8>);
+    registerFind("batch-32", count, &CacheTable::existsBatch<32>);
+    registerFind("batch", count, &CacheTable::existsBatch<kStretch>);
+    registerLookUp("fetch", "kspool", count, &CacheTable::fetch, &Keys::inTurn);
+    registerLookUp("fetch", "batch", count, &CacheTable::fetchBatch, &Keys::inTurn);
+    registerReplay<Level::kFirst, 16>("replay-first-16", count);
+    registerReplay<Level::kFirst, 32>("replay-first-32", count);
+    registerReplay<Level::kFirst, 64>("replay-first-64", count);
+    registerReplay<Level::kSecond, 16>("replay-second-16", count);
+    registerReplay<Level::kSecond, 32>("replay-second-32", count);
+    registerReplay<Level::kSecond, 64>("replay-second-64", count);
 }
 
 void registerAll(const std::vector<size_t>& counts) {
     for (const size_t count : counts) {
-        registerTable<CacheTable>("kspool", count);
-        registerTable<BatchTable>("batch", count);
-        registerTable<AbseilTable>("abseil", count);
-        registerTable<AbseilPrefetchTable>("prefetch", count);
-        registerTable<StdTable>("std", count);
-        registerTable<BoostTable>("boost", count);
-        registerTable<DenseTable>("dense", count);
-        registerTable<SparseTable>("sparse", count);
+        registerCache(count);
+        registerMap<AbseilTable>("abseil", count);
+        registerFind("ahead-16", count, &AbseilTable::findAhead<16>);
+        registerFind("ahead-32", count, &AbseilTable::findAhead<32>);
+        registerFind("ahead-64", count, &AbseilTable::findAhead<64>);
+        registerMap<BoostTable>("boost", count);
+        registerMap<StdTable>("std", count);
+        registerMap<DenseTable>("dense", count);
+        registerMap<SparseTable>("sparse", count);
     }
 }
 

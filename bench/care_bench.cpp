@@ -31,20 +31,22 @@ const std::string& fileName() {
     return name;
 }
 
-const std::vector<Digest>& keysFor(size_t count) {
-    static std::map<size_t, std::vector<Digest>> made;
-    std::vector<Digest>& keys = made[count];
-    if (keys.empty()) keys = randomDigests(count, count);
+const std::vector<KSCacheKey>& keysFor(size_t count) {
+    static std::map<size_t, std::vector<Digest>> digests;
+    static std::map<size_t, std::vector<KSCacheKey>> made;
+    std::vector<KSCacheKey>& keys = made[count];
+    if (keys.empty()) keys = keysOf(digests[count] = randomDigests(count, count));
     return keys;
 }
 
-template <typename Table>
-std::unique_ptr<Table> filled(size_t count) {
-    auto table = std::make_unique<Table>(count);
-    const std::vector<Digest>& keys = keysFor(count);
-    for (size_t i = 0; i < count; i += kStretch)
-        table->add(keys.data() + i, std::min(kStretch, count - i), i);
+std::unique_ptr<CacheTable> filled(size_t count, uint32_t areaSize) {
+    auto table = std::make_unique<CacheTable>(count, areaSize);
+    fill(*table, keysFor(count), &CacheTable::addBatch);
     return table;
+}
+
+std::unique_ptr<CacheTable> filled(size_t count) {
+    return filled(count, KSCacheAreaFor(count));
 }
 
 /// A checksum of 42 KB in the processor's near caches, where a block lies when a file is written.
@@ -62,8 +64,8 @@ void checksum(State& state, Sum sum) {
 }
 
 void save(State& state, size_t count) {
-    static std::map<size_t, std::unique_ptr<BatchTable>> made;
-    if (made[count] == nullptr) made[count] = filled<BatchTable>(count);
+    static std::map<size_t, std::unique_ptr<CacheTable>> made;
+    if (made[count] == nullptr) made[count] = filled(count);
     KSCache* cache = made[count]->handle();
     report(state, secondsOf([&] { KSCacheSave(cache, fileName().c_str(), nullptr); }), count);
 }
@@ -81,7 +83,7 @@ void writeAtOnce(State& state, size_t count) {
 }
 
 void load(State& state, size_t count) {
-    KSCacheSave(filled<BatchTable>(count)->handle(), fileName().c_str(), nullptr);
+    KSCacheSave(filled(count)->handle(), fileName().c_str(), nullptr);
     warmMemory(count * kBytesToFill);
     CacheTable table(count);
     uint64_t loaded = 0;
@@ -94,14 +96,14 @@ void load(State& state, size_t count) {
 void addBatches(State& state, size_t count) {
     keysFor(count);
     warmMemory(count * kBytesToFill);
-    std::unique_ptr<BatchTable> table;
-    report(state, secondsOf([&] { table = filled<BatchTable>(count); }), count);
+    std::unique_ptr<CacheTable> table;
+    report(state, secondsOf([&] { table = filled(count); }), count);
 }
 
 /// A tenth of the entries has a lower reference count than the others, and is dropped.
 void limit(State& state, size_t count) {
-    const std::unique_ptr<BatchTable> table = filled<BatchTable>(count);
-    const std::vector<Digest>& keys = keysFor(count);
+    const std::unique_ptr<CacheTable> table = filled(count);
+    const std::vector<KSCacheKey>& keys = keysFor(count);
     for (size_t i = 0; i < count; i += 10)
         table->exists(keys.data() + i, std::min<size_t>(9, count - i));
     const auto megabytes = static_cast<uint32_t>(count * 9 / 10 * kNodeSize / (1 << 20) + 1);
@@ -121,12 +123,20 @@ uint64_t residentBytes() {
 }
 
 /// The resident bytes per entry of a filled cache, reported as if they were nanoseconds.
-void memory(State& state, size_t count) {
+void memoryOf(State& state, size_t count, uint32_t areaSize) {
     keysFor(count);
     malloc_trim(0);
     const uint64_t before = residentBytes();
-    const std::unique_ptr<BatchTable> table = filled<BatchTable>(count);
+    const std::unique_ptr<CacheTable> table = filled(count, areaSize);
     report(state, 1e-9 * static_cast<double>(residentBytes() - before), count);
+}
+
+void memory(State& state, size_t count) {
+    memoryOf(state, count, KSCacheAreaFor(count));
+}
+
+void memoryOfSmallPages(State& state, size_t count) {
+    memoryOf(state, count, static_cast<uint32_t>(count / 200));
 }
 
 void nodesAndRoots(State& state, size_t count) {
@@ -155,10 +165,11 @@ void registerAll(const std::vector<size_t>& counts) {
         const char* table;
         void (*run)(State&, size_t);
     } kWorks[] = {
-        {"save", "kspool", save},     {"save", "write", writeAtOnce},
-        {"load", "kspool", load},     {"load", "add", addBatches},
-        {"limit", "kspool", limit},   {"limit", "memcpy", copyPages},
-        {"memory", "kspool", memory}, {"memory", "least", nodesAndRoots},
+        {"save", "kspool", save},           {"save", "write", writeAtOnce},
+        {"load", "kspool", load},           {"load", "add", addBatches},
+        {"limit", "kspool", limit},         {"limit", "memcpy", copyPages},
+        {"memory", "kspool", memory},       {"memory", "small", memoryOfSmallPages},
+        {"memory", "least", nodesAndRoots},
     };
     for (const size_t count : counts) {
         for (const auto& row : kWorks) {

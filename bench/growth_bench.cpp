@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iostream>
 #include <string>
 
 #include "bench/bench_run.h"
@@ -79,7 +81,7 @@ double eachStretch(size_t total, Act act) {
 struct Settings {
     size_t entries;
     uint32_t bits;
-    uint32_t areaSize = areaFor(entries);
+    uint32_t areaSize = KSCacheAreaFor(entries);
     bool operator==(const Settings&) const = default;
 };
 
@@ -167,7 +169,8 @@ void load(State& state, Settings settings) {
     KSCacheSave(Cache::with(settings).handle, fileName().c_str(), nullptr);
     Cache::with({1, 1});
     warmMemory(settings.entries * kBytesToFill);
-    KSCache* cache = KSCacheCreate(areaFor(settings.entries), settings.bits, 0, nullptr, nullptr);
+    KSCache* cache =
+        KSCacheCreate(KSCacheAreaFor(settings.entries), settings.bits, 0, nullptr, nullptr);
     uint64_t loaded = 0;
     const double seconds = secondsOf([&] { KSCacheLoad(cache, fileName().c_str(), &loaded); });
     if (loaded != settings.entries) abort();
@@ -222,6 +225,21 @@ constexpr struct {
     {"reclaim", "small", reclaimSmall},
 };
 
+/// The counts that the memory of the machine has room for; the others are named.
+std::vector<size_t> fitting(std::vector<size_t> counts) {
+    size_t free = 0;
+    std::ifstream memory("/proc/meminfo");
+    for (std::string name; memory >> name && name != "MemAvailable:";)
+        memory.ignore(1000, '\n');
+    memory >> free;
+    std::erase_if(counts, [&](size_t count) {
+        const bool large = count * kBytesToFill > free * 1024;
+        if (large) std::cerr << count << " entries need more memory than is free: left out\n";
+        return large;
+    });
+    return counts;
+}
+
 void registerGrowth(const std::vector<size_t>& counts) {
     for (const size_t count : counts) {
         const int rounds = count > 20'000'000 ? 1 : 3;
@@ -253,8 +271,8 @@ void registerBits() {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const auto counts = bench::countsFrom(
-        argc, argv, {10'000, 100'000, 1'000'000, 10'000'000, 30'000'000, 100'000'000});
-    bench::registerGrowth(counts);
+        argc, argv, {10'000, 100'000, 1'000'000, 10'000'000, 30'000'000, 100'000'000, 200'000'000});
+    bench::registerGrowth(bench::fitting(counts));
     bench::registerBits();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -1,5 +1,4 @@
-// The limits of the machine: the latency of dependent reads, the rate of independent reads of
-// random cache lines, and a copy. No table can be faster than its lines arrive.
+// The memory of the machine: the latency of dependent reads, and a copy.
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -50,25 +49,6 @@ void latency(State& state, size_t bytes) {
     report(state, seconds, kReads);
 }
 
-/// Independent reads: each line is prefetched 64 reads ahead.
-void lines(State& state, size_t bytes) {
-    constexpr size_t kAhead = 64;
-    static std::mt19937_64 random(2);
-    const char* memory = memoryOf(bytes);
-    std::vector<uint32_t> which(kReads + kAhead);
-    for (uint32_t& line : which)
-        line = static_cast<uint32_t>(random() % (bytes / kLine));
-    uint64_t sum = 0;
-    const double seconds = secondsOf([&] {
-        for (size_t i = 0; i < kReads; ++i) {
-            __builtin_prefetch(memory + kLine * which[i + kAhead]);
-            sum += static_cast<uint8_t>(memory[kLine * which[i]]);
-        }
-    });
-    benchmark::DoNotOptimize(sum);
-    report(state, seconds, kReads);
-}
-
 void copy(State& state, size_t bytes) {
     const char* from = memoryOf(bytes);
     static std::map<size_t, std::vector<char>> made;
@@ -85,7 +65,7 @@ int main(int argc, char** argv) {
     constexpr struct {
         const char* work;
         void (*run)(benchmark::State&, size_t);
-    } kWorks[] = {{"latency", bench::latency}, {"lines", bench::lines}, {"copy", bench::copy}};
+    } kWorks[] = {{"latency", bench::latency}, {"copy", bench::copy}};
     // Roots and nodes of a million entries, then of ten million.
     for (const size_t megabytes : {16U, 72U, 256U, 720U}) {
         const size_t bytes = megabytes << 20;
