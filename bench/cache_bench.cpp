@@ -20,7 +20,7 @@ using benchmark::State;
 
 /// Operations of a round, unless filling a table takes more.
 constexpr size_t kOperations = 1'000'000;
-constexpr int kAddRounds = 5;
+constexpr int kAddRounds = 9;
 /// Bytes of an entry while a table grows: the old and the new array of the largest table.
 constexpr size_t kBytesToGrow = 200;
 constexpr int kLookupRounds = 21;
@@ -132,9 +132,13 @@ void registerReplay(const std::string& name, size_t count) {
 
 template <typename Table>
 void registerFind(const std::string& name, size_t count, LookUp<Table> call) {
-    registerLookUp(std::string("hit"), name, count, call, &Keys::inTurn);
-    registerLookUp(std::string("scattered"), name, count, call, &Keys::scattered);
-    registerLookUp(std::string("miss"), name, count, call, &Keys::absent);
+    registerLookUp("hit", name, count, call, &Keys::inTurn);
+    registerLookUp("miss", name, count, call, &Keys::absent);
+}
+
+template <typename Table>
+void registerScattered(const std::string& name, size_t count, LookUp<Table> call) {
+    registerLookUp("scattered", name, count, call, &Keys::scattered);
 }
 
 template <typename Table>
@@ -152,6 +156,9 @@ void registerCache(size_t count) {
     registerFind("batch-8", count, &CacheTable::existsBatch<8>);
     registerFind("batch-32", count, &CacheTable::existsBatch<32>);
     registerFind("batch", count, &CacheTable::existsBatch<kStretch>);
+    registerScattered("kspool", count, &CacheTable::exists);
+    registerScattered("batch-32", count, &CacheTable::existsBatch<32>);
+    registerScattered("batch", count, &CacheTable::existsBatch<kStretch>);
     registerLookUp("fetch", "kspool", count, &CacheTable::fetch, &Keys::inTurn);
     registerLookUp("fetch", "batch", count, &CacheTable::fetchBatch, &Keys::inTurn);
     registerReplay<Level::kFirst, 16>("replay-first-16", count);
@@ -170,6 +177,9 @@ void registerAll(const std::vector<size_t>& counts) {
         registerFind("ahead-32", count, &AbseilTable::findAhead<32>);
         registerFind("ahead-64", count, &AbseilTable::findAhead<64>);
         registerMap<BoostTable>("boost", count);
+        registerScattered("abseil", count, &AbseilTable::find);
+        registerScattered("ahead-32", count, &AbseilTable::findAhead<32>);
+        registerScattered("boost", count, &BoostTable::find);
         registerMap<StdTable>("std", count);
         registerMap<DenseTable>("dense", count);
         registerMap<SparseTable>("sparse", count);

@@ -1,6 +1,6 @@
 // The cost of an entry by the number of entries, and by the number of roots.
 //
-// Keys are computed from their number when they are needed and not stored: a hundred million of
+// Keys are computed from their number when they are needed and not stored: hundreds of millions of
 // them would not fit into memory beside the cache. Computing them is not timed.
 #include <unistd.h>
 
@@ -21,8 +21,12 @@ using benchmark::State;
 
 constexpr size_t kLookups = 2'000'000;
 constexpr size_t kNodeSize = 72;
-constexpr size_t kBytesToFill = 110;  ///< bytes per entry of a filled cache, roots included
 constexpr size_t kEntriesForBits = 10'000'000;
+
+/// Bytes of a filled cache.
+size_t bytesOf(size_t entries, uint32_t bits) {
+    return entries * kNodeSize + (sizeof(void*) << bits);
+}
 
 const std::string& fileName() {
     static const std::string name =
@@ -125,7 +129,7 @@ class Cache {
 template <bool batches>
 void add(State& state, Settings settings) {
     Cache::with({1, 1});  // releases the last cache, which may be large
-    warmMemory(settings.entries * kBytesToFill);
+    warmMemory(bytesOf(settings.entries, settings.bits));
     const Cache cache(settings, batches);
     report(state, cache.seconds, settings.entries);
 }
@@ -168,7 +172,7 @@ void save(State& state, Settings settings) {
 void load(State& state, Settings settings) {
     KSCacheSave(Cache::with(settings).handle, fileName().c_str(), nullptr);
     Cache::with({1, 1});
-    warmMemory(settings.entries * kBytesToFill);
+    warmMemory(bytesOf(settings.entries, settings.bits));
     KSCache* cache =
         KSCacheCreate(KSCacheAreaFor(settings.entries), settings.bits, 0, nullptr, nullptr);
     uint64_t loaded = 0;
@@ -225,7 +229,8 @@ constexpr struct {
     {"reclaim", "small", reclaimSmall},
 };
 
-/// The counts that the memory of the machine has room for; the others are named.
+/// The counts that the memory of the machine has room for, with a gigabyte to spare; the others are
+/// named.
 std::vector<size_t> fitting(std::vector<size_t> counts) {
     size_t free = 0;
     std::ifstream memory("/proc/meminfo");
@@ -233,7 +238,7 @@ std::vector<size_t> fitting(std::vector<size_t> counts) {
         memory.ignore(1000, '\n');
     memory >> free;
     std::erase_if(counts, [&](size_t count) {
-        const bool large = count * kBytesToFill > free * 1024;
+        const bool large = bytesOf(count, KSCacheBitsFor(count)) + (1 << 30) > free * 1024;
         if (large) std::cerr << count << " entries need more memory than is free: left out\n";
         return large;
     });
