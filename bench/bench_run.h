@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -42,10 +43,11 @@ inline void report(benchmark::State& state, double seconds, size_t items) {
 
 /// Touches as much memory as a round needs and frees it, so that no table pays for the host's first
 /// mapping of it. A virtual machine returns memory that was free for seconds to its host, so this
-/// is done before each round that allocates.
+/// is done before each round that allocates, and not with less than 2 GB, since the system need not
+/// hand out the memory that was freed last.
 inline void warmMemory(size_t bytes) {
-    constexpr size_t kHugePage = size_t{2} << 20;
-    bytes = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    constexpr size_t kHugePage = size_t{2} << 20, kLeast = size_t{2} << 30;
+    bytes = (std::max(bytes, kLeast) + kHugePage - 1) / kHugePage * kHugePage;
     void* memory = std::aligned_alloc(kHugePage, bytes);
     if (memory == nullptr) abort();
     madvise(memory, bytes, MADV_HUGEPAGE);

@@ -4,6 +4,7 @@ set output "cache.svg"
 set multiplot layout 2,2 title "Nanoseconds an operation (lower is better)"
 set logscale x
 set logscale y
+set datafile missing "-"
 set xlabel "entries"
 set format x "10^{%T}"
 set grid

@@ -20,10 +20,10 @@ using benchmark::State;
 
 /// Operations of a round, unless filling a table takes more.
 constexpr size_t kOperations = 1'000'000;
-constexpr int kAddRounds = 9;
+constexpr int kAddRounds = 7;
 /// Bytes of an entry while a table grows: the old and the new array of the largest table.
 constexpr size_t kBytesToGrow = 200;
-constexpr int kLookupRounds = 21;
+constexpr int kLookupRounds = 11;
 
 struct Keys {
     explicit Keys(size_t count)

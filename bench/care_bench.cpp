@@ -67,6 +67,7 @@ void save(State& state, size_t count) {
     static std::map<size_t, std::unique_ptr<CacheTable>> made;
     if (made[count] == nullptr) made[count] = filled(count);
     KSCache* cache = made[count]->handle();
+    warmMemory(count * kRecordSize);
     report(state, secondsOf([&] { KSCacheSave(cache, fileName().c_str(), nullptr); }), count);
 }
 
@@ -74,6 +75,7 @@ void writeAtOnce(State& state, size_t count) {
     static std::map<size_t, std::vector<char>> made;
     std::vector<char>& bytes = made[count];
     bytes.resize(count * kRecordSize, 'x');
+    warmMemory(bytes.size());
     const auto write = [&] {
         const int fd = open(fileName().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (::write(fd, bytes.data(), bytes.size()) < 0) abort();

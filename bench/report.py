@@ -151,11 +151,14 @@ def machine_memory():
 
 # Why bars are missed, in words that hold for any run; the figures are in the tables.
 REASONS = [
-    "A single hit waits for its root and then for its node, two dependent lines, while abseil's control bytes",
-    "mostly lie in a near cache. With half as many entries as roots, the first node belongs to another key in a",
-    "fifth of the hits, and the processor mispredicts that branch. A batch of one pays for a second call. A limit",
-    "check passes over all pages twice, then reaches a tenth of the nodes through their trees to drop them, and a",
-    "tenth to move them: random accesses, which no copy has.",
+    "Batched hits are held by the lines above: where the second level takes prefetches no faster than the first,",
+    "as on Zen 3, no table can be much faster. A single hit waits for its root and then for its node, two",
+    "dependent lines, while abseil's control bytes, one a slot, mostly lie in a near cache. With half as many",
+    "entries as roots, the first node belongs to another key in a fifth of the hits, and the processor mispredicts",
+    "that branch. A miss reads a line of the roots, which take 16 MB at a million entries, and abseil one of 2 MB",
+    "of control bytes. A batch of one pays for a second call. A load reads the file twice. A limit check passes",
+    "over all pages twice, then reaches a tenth of the nodes through their trees to drop them, and a tenth to move",
+    "them: random accesses, which no copy has.",
 ]
 
 

@@ -15,7 +15,8 @@
 
 namespace {
 
-constexpr uint32_t kMany = MANY_POS;
+const char* const kWanted = getenv("KSPOOL_TEST_POS");
+const uint32_t kMany = kWanted != nullptr ? static_cast<uint32_t>(atoi(kWanted)) : MANY_POS;
 constexpr uint32_t kFew = 10'000;
 #ifdef __SANITIZE_ADDRESS__  // freed memory stays resident for a while
 constexpr uint64_t kBesides = 256 << 20;
@@ -103,6 +104,7 @@ TEST(ManyPOs, AreAddedFoundWalkedAndExpired) {
     EXPECT_EQ(MBPOStringFindFirst(session, 1, &filter, &line, &count), nullptr);
     EXPECT_EQ(count, 0U);
     MBShutdown(session);
+    printf("many: %u POs\n", kMany);
 }
 
 }  // namespace
