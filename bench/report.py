@@ -152,7 +152,7 @@ def machine_memory():
 # Why bars are missed, in words that hold for any run; the figures are in the tables.
 REASONS = [
     "Batched hits are held by the lines above: where the second level takes prefetches no faster than the first,",
-    "as on Zen 3, no table can be much faster. A single hit waits for its root and then for its node, two",
+    "as on Zen 3, no table that stores entries so can be much faster. A single hit waits for its root and then for its node, two",
     "dependent lines, while abseil's control bytes, one a slot, mostly lie in a near cache. With half as many",
     "entries as roots, the first node belongs to another key in a fifth of the hits, and the processor mispredicts",
     "that branch. A miss reads a line of the roots, which take 16 MB at a million entries, and abseil one of 2 MB",

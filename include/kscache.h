@@ -26,7 +26,7 @@
  *    each), the root table 8 bytes for each of its 2^bits roots. Nothing is allocated per entry.
  * 7. Batches. A batch function does what a loop of its single calls does, in the same order, but
  *    the cache misses of many keys overlap: two to four times as fast for a cache that does not fit
- *    into the processor's own. Eight keys at once gain already, hundreds gain all.
+ *    into the processor's own. Lookups of eight known keys at once gain already, hundreds gain all.
  * 8. Stack. A call needs up to 48 KiB of stack, KSCacheCheck() up to 80 KiB, whatever the number of
  *    entries and the shape of their trees.
  *
@@ -124,7 +124,8 @@ KSPOOL_API uint32_t KSCacheBitsFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
 /*
  * The `areaSize` to pass to KSCacheCreate() for a number of entries: from 970,900 entries on pages
  * of one to sixteen whole huge pages of 2 MiB, below that a 200th of the entries, at least 1024.
- * From 34,000 entries on, the unused end of the newest page takes at most 3 % of the memory.
+ * From 34,000 entries on, the unused end of the newest page takes at most 3 % of the pages,
+ * where system pages have 4 KiB.
  *
  *   expectedItems  entries that the cache is to hold
  */
@@ -223,9 +224,9 @@ KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
 /* ---- Batches: convention 7 ---- */
 
 /*
- * KSCacheExists() for each of `count` keys. One key costs little more than a single call; four
- * known keys are as fast as four single calls, eight faster, and from some hundred on a key costs
- * the least.
+ * KSCacheExists() for each of `count` keys. One key costs up to a fifth more than a single call;
+ * four known keys are as fast as four single calls, eight faster, and from some hundred on a key
+ * costs the least.
  *
  *   keys      belong to the caller, as do their digests.
  *   values    NULL, or room for `count` values. As with single calls, the value of a key that is

@@ -23,8 +23,9 @@ inline constexpr size_t kValueOffset = kTypeOffset + sizeof(KSCacheNode::type);
 inline constexpr size_t kRecordSize = kValueOffset + sizeof(KSCacheNode::value);
 static_assert(kRecordSize == 41);
 
-/// Records are written and read in blocks of 26 kB, which lie on the caller's stack: larger ones
-/// would save few system calls and overflow small thread stacks. A call has one block.
+/// Records are read in blocks of 26 kB, which lie on the caller's stack: larger ones would overflow
+/// small thread stacks. Records are written in larger blocks on the heap, and in such a block when
+/// there is no memory. A call has one block.
 inline constexpr size_t kBlockRecords = 640;
 inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
 using Block = std::array<char, kBlockSize>;
@@ -43,8 +44,9 @@ struct Written {
     int error;          ///< errno of the first write of records that failed, or 0
 };
 
-/// Writes a header with checksum 0, and a record for each entry in the order of memory. A failed
-/// write does not end it.
+/// Writes a header with checksum 0, and a record for each entry in the order of memory, after it
+/// has asked the file system to reserve room. `block` is used when there is no memory for a larger
+/// one. A failed write does not end it.
 Written writeEntries(const KSCache* cache, int fd, Block& block) noexcept;
 
 /// The checksum of a file at the end of each of its blocks, by which a second pass over the file

@@ -89,7 +89,8 @@ void populate(void* memory, uint64_t length) {
 /// as large: pages rarely end on such a boundary. NULL (no hint) when no span is free.
 void* hintAbove(void* lastEnd, uint64_t length) {
     void* above = lastEnd != nullptr ? lastEnd : freeSpan(length);
-    return firstBoundary(above, length >= kHugePageSize ? kHugePageSize : systemPageSize());
+    const bool huge = roundUp(length, systemPageSize()) >= kHugePageSize;
+    return firstBoundary(above, huge ? kHugePageSize : systemPageSize());
 }
 
 }  // namespace
