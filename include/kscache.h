@@ -224,9 +224,9 @@ KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
 /* ---- Batches: convention 7 ---- */
 
 /*
- * KSCacheExists() for each of `count` keys. One key costs up to a fifth more than a single call;
- * four known keys are as fast as four single calls, eight faster, and from some hundred on a key
- * costs the least.
+ * KSCacheExists() for each of `count` keys. One key costs more than a single call, about a fifth if
+ * it is known; four known keys are as fast as four single calls, eight faster, and from some
+ * hundred on a key costs the least.
  *
  *   keys      belong to the caller, as do their digests.
  *   values    NULL, or room for `count` values. As with single calls, the value of a key that is

@@ -101,7 +101,7 @@ class Dropping {
 
 void dropAndCompact(KSCache* cache, const Threshold& threshold) {
     if (cache->freeListCount + threshold.victims < cache->areaSize) {
-        Dropping(cache, threshold.highest, nullptr).run();
+        if (threshold.highest != 0) Dropping(cache, threshold.highest, nullptr).run();
         compact(cache, nullptr);
         return;
     }

@@ -96,6 +96,13 @@ using namespace kspool;
 
 namespace {
 
+/// Gives back what reserveRoom() got for records that could not be written. The bytes of the file
+/// stay as they are.
+void giveBackRoom(int fd) {
+    const off_t length = lseek(fd, 0, SEEK_END);
+    [[maybe_unused]] const int ignored = length >= 0 ? ftruncate(fd, length) : 0;
+}
+
 uint32_t reportNotOpened(const char* path) {
     const uint32_t status = storeSystemError("KSCacheSave", kSourceFile);
     KS_WARNING(status, "Could not open cache file %s for writing: %s", path, strerror(errno));
@@ -111,6 +118,7 @@ uint32_t KSCacheSave(const KSCache* cache, const char* path, uint64_t* count) no
     if (file.get() < 0) return reportNotOpened(path);
     Block block;
     const Written written = writeEntries(cache, file.get(), block);
+    if (written.error != 0) giveBackRoom(file.get());
     if (written.count == 0) {
         file.close();
         qlx_unlink(path);

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include "tests/support/cache_model.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/system_calls.h"
+#include "tests/support/torture.h"
 
 namespace {
 
@@ -222,6 +224,18 @@ void* useFiles(void* cache) {
 void* checkLimit(void* cache) {
     KSCacheCheck(static_cast<KSCache*>(cache), 1);
     return nullptr;
+}
+
+/// Room is reserved for all records before the first is written, and given back if they are not.
+TEST(CacheFile, KeepsNoRoomThatItCouldNotFill) {
+    const torture::Watched watched;
+    const Cache cache = filled(20000);
+    calls::fail({.call = calls::kWrite, .nth = 2});
+    EXPECT_EQ(KSCacheSave(cache.get(), path().c_str(), nullptr), 0);
+    struct stat found {};
+    ASSERT_EQ(stat(path().c_str(), &found), 0);
+    EXPECT_EQ(found.st_size, 19 + (20000 - 16384) * 41);
+    EXPECT_LT(found.st_blocks * 512, found.st_size + (64 << 10));
 }
 
 /// As much as the header says.

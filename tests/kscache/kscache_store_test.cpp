@@ -153,9 +153,11 @@ TEST(CacheStore, BadBatchesDoNothing) {
         size_t count;
         uint64_t* values;
         uint32_t status, slot;
-    } kCases[] = {{nullptr, bad, 2, values, 44, 44}, {&other, bad, 2, values, 82, 82},
-                  {cache, nullptr, 1, values, 9, 7}, {cache, bad, 2, values, 9, 7},
-                  {cache, good, 1, nullptr, 9, 7},   {cache, nullptr, 0, nullptr, 0, 7}};
+    } kCases[] = {{nullptr, bad, 2, values, 44, 44},  {&other, bad, 2, values, 82, 82},
+                  {nullptr, good, 1, values, 44, 44}, {&other, bad + 1, 1, values, 82, 82},
+                  {cache, bad + 1, 1, values, 9, 7},  {cache, nullptr, 1, values, 9, 7},
+                  {cache, bad, 2, values, 9, 7},      {cache, good, 1, nullptr, 9, 7},
+                  {cache, nullptr, 0, nullptr, 0, 7}};
     for (const auto& c : kCases) {
         *__cr_errno_location() = 7;
         EXPECT_EQ(KSCacheAddBatch(c.cache, c.keys, c.values, nullptr, c.count, nullptr), c.status);
