@@ -165,6 +165,7 @@ void lookUp(State& state, Settings settings) {
 
 void save(State& state, Settings settings) {
     KSCache* cache = Cache::with(settings).handle;
+    sync();  // a disk that is busy with what was written before would be measured, too
     report(state, secondsOf([&] { KSCacheSave(cache, fileName().c_str(), nullptr); }),
            settings.entries);
 }
