@@ -180,37 +180,36 @@ Accounts::Digest Accounts::headerDigest(const std::string& header) const {
     return digest;
 }
 
+std::optional<const Accounts::Entry*> Accounts::verdict(const std::string& header) const {
+    if (entries_.empty() || header.empty()) return nullptr;
+    const auto known = verdicts_.find(headerDigest(header));
+    return known != verdicts_.end() ? std::optional(known->second) : std::nullopt;
+}
+
 /// Hashes one password even when the login is unknown, with the first account's salt: the time of
 /// an answer would otherwise tell which logins exist. Of equal logins the one added last counts.
-Accounts::Entry* Accounts::verifyPassword(const std::string& header) {
+const Accounts::Entry* Accounts::check(const std::string& header) const {
     Credentials credentials;
     if (!parseHeader(header, credentials)) return nullptr;
-    Entry* found = nullptr;
-    for (Entry& entry : entries_) {
+    const Entry* found = nullptr;
+    for (const Entry& entry : entries_) {
         if (entry.login == credentials.login) found = &entry;
     }
     const Entry& against = found != nullptr ? *found : entries_.front();
     const Digest hash = hashPassword(credentials.password, against.salt, against.iterations);
+    // In constant time: an early end would tell how many bytes of a guess are right.
     const bool same = CRYPTO_memcmp(hash.data(), against.hash.data(), hash.size()) == 0;
     return same ? found : nullptr;
 }
 
-/// Comparisons take constant time (CRYPTO_memcmp): the time of an early end would tell how many
-/// bytes of a guess are right.
-const Accounts::Entry* Accounts::verify(const std::string& header) {
-    if (entries_.empty() || header.empty()) return nullptr;
+void Accounts::remember(const std::string& header, const Entry* account) {
+    constexpr size_t kMostVerdicts = 1000;
     const Digest digest = headerDigest(header);
-    for (const Entry& entry : entries_) {
-        if (entry.seen &&
-            CRYPTO_memcmp(digest.data(), entry.lastHeader.data(), digest.size()) == 0) {
-            return &entry;
-        }
-    }
-    Entry* entry = verifyPassword(header);
-    if (entry == nullptr) return nullptr;
-    entry->seen = true;
-    entry->lastHeader = digest;
-    return entry;
+    if (!verdicts_.emplace(digest, account).second) return;
+    order_.push_back(digest);
+    if (order_.size() <= kMostVerdicts) return;
+    verdicts_.erase(order_.front());
+    order_.pop_front();
 }
 
 bool Accounts::may(const Entry& account, const char* permission) {

@@ -1,5 +1,8 @@
 #include "sandbox/actions.h"
 
+#include <algorithm>
+
+#include "sandbox/store/characters.h"
 #include "sandbox/store/event.h"
 
 namespace sandbox {
@@ -76,9 +79,17 @@ std::string findPOs(Context& context, const Parameters& given) {
 }
 
 /// The given members of an image; the others keep their defaults. An image that is given by its
-/// dofp alone has that as its name. Throws Event for an unknown data selection.
+/// dofp alone has that as its name. Throws Event for an unknown data selection, and for a text that
+/// is no field of an answer's line.
 Image imageOf(Context& context, const Parameters& given) {
-    const auto text = [&](const char* name) { return given.has(name) ? given.text(name) : ""; };
+    const auto text = [&](const char* name) {
+        std::string value = given.has(name) ? given.text(name) : "";
+        if (!isField(value)) {
+            throw Event{POOL_EVENT_BAD_IMAGE,
+                        std::string(name) + " has a '|' or a control character"};
+        }
+        return value;
+    };
     const auto number = [&](const char* name) { return given.has(name) ? given.number(name) : 0; };
     Image image;
     image.dsid = static_cast<uint32_t>(given.number("dsid"));
@@ -98,7 +109,8 @@ std::string setImage(Context& context, const Parameters& given) {
     const bool second = given.has("dofp") && given.has("dcid");
     const bool first = given.has("imagename") && given.has("parentid");
     if (first == second) {
-        throw Event{kBadRequest, "setlastimage needs parentid and imagename, or dofp and dcid"};
+        throw Event{POOL_EVENT_BAD_REQUEST,
+                    "setlastimage needs parentid and imagename, or dofp and dcid"};
     }
     context.images.set(imageOf(context, given));
     return {};
@@ -194,6 +206,19 @@ constexpr Action kActions[] = {
 };
 
 }  // namespace
+
+std::vector<std::string> actionNames() {
+    std::vector<std::string> names;
+    for (const Action& action : kActions)
+        names.emplace_back(action.name);
+    names.emplace_back("arch");
+    return names;
+}
+
+bool isActionName(const std::string& name) {
+    const std::vector<std::string> names = actionNames();
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
 
 const Action* findAction(const std::string& service, const std::string& name) {
     for (const Action& action : kActions) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "sandbox/request.h"
 #include "sandbox/store/images.h"
@@ -44,6 +45,11 @@ struct Action {
     /// Returns the answer's text. Throws Event, which rolls its effects back if `changes`.
     std::string (*handle)(Context&, const Parameters&);
 };
+
+/// True for an action of any service, and for "arch", the question for the architecture mode.
+bool isActionName(const std::string& name);
+/// The names of all of these, in the order of the protocol's table.
+std::vector<std::string> actionNames();
 
 /// The row of an action, NULL when the service has none of this name.
 const Action* findAction(const std::string& service, const std::string& name);

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "sandbox/members.h"
 #include "sandbox/store/folder.h"
 
 namespace sandbox {
@@ -22,26 +23,15 @@ constexpr char kSourceApplication[] = "kspool-sandbox";
 constexpr int64_t kStoredAnswers = 10'000;
 
 struct EventRow {
-    EventCode code;
+    PoolEvent code;
     unsigned status;
     const char* title;
 };
 
 constexpr EventRow kEvents[] = {
-    {kUnknownLogin, 401, "Unauthorized"},
-    {kNoPermission, 403, "Forbidden"},
-    {kBadRequest, 400, "Bad request"},
-    {kNotFound, 404, "Not found"},
-    {kExists, 409, "Already exists"},
-    {kNotDirectory, 409, "Not a directory"},
-    {kNotEmpty, 409, "Directory not empty"},
-    {kNeedsRecursive, 409, "Needs recursive"},
-    {kIntoItself, 409, "Not possible"},
-    {kBadPath, 400, "Path not valid"},
-    {kNoSelection, 404, "No such data selection"},
-    {kBadPO, 400, "Not a PO"},
-    {kNoImage, 404, "No such image"},
-    {kServerFailed, 500, "Server failed"},
+#define KSPOOL_EVENT_ROW(name, code, status, text) {POOL_EVENT_##name, status, text},
+    KSPOOL_EVENTS(KSPOOL_EVENT_ROW)
+#undef KSPOOL_EVENT_ROW
 };
 
 /// Requests with equal digests are attempts of one request. Each part has its length in front: a
@@ -61,13 +51,9 @@ std::string digestOf(const Request& request, const std::string& login) {
     return encoded;
 }
 
-bool hasMediaType(const std::string& header, std::string_view type) {
-    return header.starts_with(type) && (header.size() == type.size() || header[type.size()] == ';');
-}
-
 void checkMediaType(const Request& request, const char* type) {
     if (!hasMediaType(request.contentType, type))
-        throw Event{kBadRequest, std::string("Content-Type is not ") + type};
+        throw Event{POOL_EVENT_BAD_REQUEST, std::string("Content-Type is not ") + type};
 }
 
 /// A client's text for a description, cut so that the answer stays short.
@@ -83,17 +69,18 @@ Pairs pairsOf(const Request& request) {
 
 const Action& actionOf(const Request& request, const Pairs& pairs) {
     if (pairs.empty() || pairs[0].first != "action")
-        throw Event{kBadRequest, "the first parameter is not 'action'"};
+        throw Event{POOL_EVENT_BAD_REQUEST, "the first parameter is not 'action'"};
     const Action* action = findAction(request.service, pairs[0].second);
     if (action == nullptr) {
-        throw Event{kBadRequest,
+        throw Event{POOL_EVENT_BAD_REQUEST,
                     "unknown action " + quoted(pairs[0].second) + " of service " + request.service};
     }
     if (request.query.empty() != (action->bodyText == nullptr)) {
-        throw Event{kBadRequest, std::string("the parameters of ") + action->name +
-                                     (action->bodyText == nullptr
-                                          ? " belong into the body of the request"
-                                          : " belong into the URL, its text into the body")};
+        throw Event{
+            POOL_EVENT_BAD_REQUEST,
+            std::string("the parameters of ") + action->name +
+                (action->bodyText == nullptr ? " belong into the body of the request"
+                                             : " belong into the URL, its text into the body")};
     }
     checkMediaType(
         request, action->bodyText == nullptr ? "application/x-www-form-urlencoded" : "text/plain");
@@ -109,13 +96,15 @@ Parameters parametersOf(const Action& action, const Pairs& pairs, const Request&
             action.parameters.begin(), action.parameters.end(),
             [&](const Parameter& one) { return one.name != nullptr && pair->first == one.name; });
         if (row == action.parameters.end()) {
-            throw Event{kBadRequest,
+            throw Event{POOL_EVENT_BAD_REQUEST,
                         std::string(action.name) + " has no parameter " + quoted(pair->first)};
         }
         const bool again = std::any_of(pairs.begin() + 1, pair, [&](const auto& earlier) {
             return earlier.first == pair->first;
         });
-        if (again) throw Event{kBadRequest, "parameter " + quoted(pair->first) + " is there twice"};
+        if (again)
+            throw Event{POOL_EVENT_BAD_REQUEST,
+                        "parameter " + quoted(pair->first) + " is there twice"};
         checkValue(*row, pair->second);
         parameters.set(pair->first, pair->second);
     }
@@ -123,7 +112,8 @@ Parameters parametersOf(const Action& action, const Pairs& pairs, const Request&
         const auto named = [&](const auto& pair) { return pair.first == row.name; };
         if (row.name != nullptr && !row.optional &&
             std::none_of(pairs.begin() + 1, pairs.end(), named))
-            throw Event{kBadRequest, "parameter '" + std::string(row.name) + "' is missing"};
+            throw Event{POOL_EVENT_BAD_REQUEST,
+                        "parameter '" + std::string(row.name) + "' is missing"};
     }
     if (action.bodyText != nullptr) parameters.set(action.bodyText, request.body);
     return parameters;
@@ -155,7 +145,10 @@ Core::Core(const Settings& settings)
 }
 
 int64_t Core::now() const {
-    return fixedClock_ ? *fixedClock_ : static_cast<int64_t>(time(nullptr));
+    const int64_t unmoved = fixedClock_ ? *fixedClock_ : static_cast<int64_t>(time(nullptr));
+    // Unsigned, because a test may set a clock that overflows.
+    return static_cast<int64_t>(static_cast<uint64_t>(unmoved) +
+                                static_cast<uint64_t>(clockOffset_));
 }
 
 nlohmann::ordered_json Core::reporter() const {
@@ -174,19 +167,20 @@ Answer Core::eventAnswer(const Event& event, bool promises) const {
     if (promises) members["eventCode"] = static_cast<uint32_t>(event.code());
     members.update(reporter());
     Answer answer = problem(row.status, members);
+    if (promises) answer.event = event.code();
     if (row.status == 401)
         answer.headers.emplace_back("WWW-Authenticate",
                                     "Basic realm=\"kspool\", charset=\"UTF-8\"");
     return answer;
 }
 
-Answer Core::answer(const Request& request, LogEntry& log) {
+Answer Core::answer(const Request& request, const Accounts::Entry* account, LogEntry& log) {
     try {
-        return carryOut(request, log);
+        return carryOut(request, account, log);
     } catch (const Event& event) {
         return refusal(request, event);
     } catch (const std::exception& error) {
-        return refusal(request, {kServerFailed, error.what()});
+        return refusal(request, {POOL_EVENT_SERVER_FAILED, error.what()});
     }
 }
 
@@ -221,19 +215,19 @@ void Core::describe(const Request& request, LogEntry& log) {
     }
 }
 
-Answer Core::carryOut(const Request& request, LogEntry& log) {
-    const Accounts::Entry* account = accounts_.verify(request.authorization);
+Answer Core::carryOut(const Request& request, const Accounts::Entry* account, LogEntry& log) {
     if (account == nullptr)
-        throw Event{kUnknownLogin, "Permission denied: unknown login or wrong password"};
+        throw Event{POOL_EVENT_UNKNOWN_LOGIN, "Permission denied: unknown login or wrong password"};
     log.login = account->login;
     if (request.service == "arch") return {.body = std::to_string(architectureMode_)};
     checkRequestId(request.id);
-    if (request.tooLarge) throw Event{kBadRequest, "the body of the request is too large"};
+    if (request.tooLarge)
+        throw Event{POOL_EVENT_BAD_REQUEST, "the body of the request is too large"};
 
     const Pairs pairs = pairsOf(request);
     const Action& action = actionOf(request, pairs);
     if (!Accounts::may(*account, action.permission)) {
-        throw Event{kNoPermission,
+        throw Event{POOL_EVENT_NO_PERMISSION,
                     "Permission denied: " + account->login + " may not " + action.name};
     }
     const Parameters parameters = parametersOf(action, pairs, request);
@@ -273,11 +267,14 @@ std::optional<Answer> Core::storedAnswer(const Request& request, const std::stri
     Query row =
         database_.query("SELECT digest, status, type, body FROM answers WHERE id = ?", request.id);
     if (!row.step()) return std::nullopt;
-    if (row.text(0) != digest) throw Event{kBadRequest, "Request-Id was used for another request"};
+    if (row.text(0) != digest)
+        throw Event{POOL_EVENT_BAD_REQUEST, "Request-Id was used for another request"};
     Answer answer;
     answer.status = static_cast<unsigned>(row.number(1));
     answer.type = row.text(2);
     answer.body = row.text(3);
+    if (answer.status != 200)
+        answer.event = nlohmann::json::parse(answer.body).value("eventCode", uint32_t{0});
     return answer;
 }
 
@@ -289,18 +286,21 @@ void Core::storeAnswer(const Request& request, const std::string& digest, const 
 }
 
 void Core::select(const nlohmann::json& selections) {
+    const Members members("a data selection");
     Transaction transaction(database_);
     for (const auto& one : selections) {
-        selections_.add(one.at("number").get<uint32_t>(), one.value("tag", std::string()));
+        selections_.add(static_cast<uint32_t>(members.number(one, "number", {}, 0, UINT32_MAX)),
+                        members.text(one, "tag", ""));
     }
     transaction.commit();
 }
 
 void Core::place(const nlohmann::json& files) {
+    const Members members("a file");
     Transaction transaction(database_);
     for (const nlohmann::json& file : files) {
-        names_.place(file.at("path").get<std::string>(), 'f', file.value("size", int64_t{0}),
-                     file.value("mtime", now()), now());
+        names_.place(members.text(file, "path"), 'f', members.number(file, "size", 0),
+                     members.number(file, "mtime", now()), now());
     }
     transaction.commit();
 }
@@ -320,7 +320,7 @@ void Core::reset() {
     images_.clear();
     database_.run("DELETE FROM answers");
     transaction.commit();
-    fixedClock_.reset();
+    setClock(std::nullopt);
 }
 
 }  // namespace sandbox

@@ -10,8 +10,8 @@
 //  2. A change that is refused (Event) is rolled back, and its answer is stored by a transaction of
 //     its own: the next attempt gets the same refusal, even when the change would succeed by then.
 //  3. Only these answers are stored. Requests that only read are idempotent anyway; a request that
-//     is refused before its handler runs (login, permission, parameters) or that fails with 9001
-//     changed nothing, and the next attempt is tried anew.
+//     is refused before its handler runs (login, permission, parameters), or that fails as a
+//     whole (POOL_EVENT_SERVER_FAILED) changed nothing, and the next attempt is tried anew.
 //  4. An id belongs to one digest of login and content; the newest 10,000 ids are kept.
 //  5. An event promises that no sending of its id was carried out, nor will be one that is here
 //     already. Every refusal therefore asks mayBeDone(), and loses its event code when the answer
@@ -47,10 +47,11 @@ class Core {
     /// Opens the database and reads the accounts. Throws std::exception.
     explicit Core(const Settings& settings);
 
-    /// Carries out a request under /ws/; a failure becomes an event's answer, without the event's
-    /// code when a sending of the id may have been carried out. Notes in `log` the login and
-    /// whether the answer was a stored one. Call `more` of the answer by the thread rule.
-    Answer answer(const Request& request, LogEntry& log);
+    /// Carries out a request under /ws/ for an account, which is NULL when the login was refused; a
+    /// failure becomes an event's answer, without the event's code when a sending of the id may
+    /// have been carried out. Notes in `log` the login, the event and whether the answer was a
+    /// stored one.
+    Answer answer(const Request& request, const Accounts::Entry* account, LogEntry& log);
     /// True unless it is certain that no sending of this id was carried out, and that none is open.
     bool mayBeDone(const std::string& id) noexcept;
     /// A sending of this id has begun to arrive. REQUIRED afterwards, once: decide().
@@ -61,10 +62,19 @@ class Core {
     /// request alone, because a fault may keep the request from being carried out.
     static void describe(const Request& request, LogEntry& log);
 
+    Accounts& accounts() { return accounts_; }
     void setServerAddress(const std::string& address) { serverAddress_ = address; }
     /// Stops the clock at this time; without one, the machine's clock counts.
-    void setClock(std::optional<int64_t> fixed) { fixedClock_ = fixed; }
+    void setClock(std::optional<int64_t> fixed) {
+        fixedClock_ = fixed;
+        clockOffset_ = 0;
+    }
     std::optional<int64_t> fixedClock() const { return fixedClock_; }
+    /// Moves the clock, whether it stands still or not; setClock() undoes it.
+    void moveClock(int64_t seconds) {
+        clockOffset_ = static_cast<int64_t>(static_cast<uint64_t>(clockOffset_) +
+                                            static_cast<uint64_t>(seconds));
+    }
     /// Seconds since 1970.
     int64_t now() const;
     /// Places the files of an array of {path, size, mtime} objects, all or none. Throws
@@ -79,13 +89,19 @@ class Core {
     /// Empties the name space, POs, data selections, images and stored answers, and lets the clock
     /// go. Accounts stay. Throws DatabaseError.
     void reset();
+    // The data for people, a page of rows each: {"rows": [...], "next": where the next page begins,
+    // or null}. Numbers that JavaScript cannot hold exactly are texts. Throw std::exception.
+
+    nlohmann::ordered_json imagePage(const std::string& after);
+    nlohmann::ordered_json selectionPage(const std::string& after);
+    nlohmann::ordered_json namePage(const std::string& path, const std::string& after);
     /// The members of an event that name the server and the program.
     nlohmann::ordered_json reporter() const;
 
   private:
     Answer eventAnswer(const Event& event, bool promises = true) const;
     Answer refusal(const Request& request, const Event& event);
-    Answer carryOut(const Request& request, LogEntry& log);
+    Answer carryOut(const Request& request, const Accounts::Entry* account, LogEntry& log);
     Answer change(const Request& request, const Action& action, const Parameters& parameters,
                   LogEntry& log);
     std::optional<Answer> storedAnswer(const Request& request, const std::string& digest);
@@ -101,6 +117,7 @@ class Core {
     uint32_t architectureMode_;
     std::string serverAddress_;
     std::optional<int64_t> fixedClock_;
+    int64_t clockOffset_ = 0;
     std::multiset<std::string> open_;
 };
 

@@ -1,10 +1,13 @@
 #include "sandbox/faults.h"
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "sandbox/actions.h"
+#include "sandbox/scenarios.h"
 #include "sandbox/store/event.h"
 
 namespace sandbox {
@@ -24,8 +27,10 @@ void withType(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
 
 void statusOnly(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
     answer.status = static_cast<unsigned>(fault.number("code", 503));
-    answer.type = fault.text("type", answer.type);
+    answer.type = fault.text("type", "text/plain");
     answer.body = fault.text("body", "");
+    answer.headers.clear();
+    answer.event = 0;
     const auto retryAfter = fault.members.find("retryAfter");
     if (retryAfter != fault.members.end()) {
         answer.headers.emplace_back("Retry-After", retryAfter->is_string()
@@ -37,6 +42,11 @@ void statusOnly(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
 void redirect(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
     answer.status = static_cast<unsigned>(fault.number("code", 302));
     answer.headers.emplace_back("Location", fault.text("location", "/"));
+}
+
+/// An event of a bad event would be a promise that nobody looked up: see FaultKind::refuses.
+bool isEventCode(const Json& value) {
+    return value.is_number_unsigned() && value > 0 && value <= UINT32_MAX;
 }
 
 /// An event's answer. A member that the fault gives replaces the default one; null leaves it out.
@@ -56,10 +66,12 @@ void eventWithCode(const Fault& fault, const Json& reporter, const Json& code, A
         if (fault.members.contains(given)) members[member] = fault.members[given];
     }
     answer = problem(static_cast<unsigned>(fault.number("status", 500)), members);
+    const Json& sent = members["eventCode"];
+    if (isEventCode(sent)) answer.event = sent;
 }
 
 void event(const Fault& fault, const Json& reporter, Answer& answer) {
-    eventWithCode(fault, reporter, kServerFailed, answer);
+    eventWithCode(fault, reporter, POOL_EVENT_SERVER_FAILED, answer);
 }
 
 /// The code goes out as ordered, whatever its JSON type and value; by default it is left out.
@@ -70,6 +82,7 @@ void badEvent(const Fault& fault, const Json& reporter, Answer& answer) {
 constexpr FaultKind kKinds[] = {
     // name, carried out, refuses, delivery, change, members
     {"delay", true, false, Delivery::kPlain, unchanged, "ms "},
+    {"clock", true, false, Delivery::kPlain, unchanged, "seconds "},
     {"reset", false, false, Delivery::kReset, unchanged, ""},
     {"lose", true, false, Delivery::kClose, unchanged, ""},
     {"cut", true, false, Delivery::kCut, unchanged, "bytes "},
@@ -81,6 +94,7 @@ constexpr FaultKind kKinds[] = {
     {"chunked", true, false, Delivery::kChunked, unchanged, ""},
     {"type", true, false, Delivery::kPlain, withType, "type "},
     {"status", false, false, Delivery::kPlain, statusOnly, "code retryAfter body type "},
+    {"lie", true, false, Delivery::kPlain, statusOnly, "code retryAfter body type "},
     {"redirect", false, false, Delivery::kPlain, redirect, "code location "},
     {"event", false, true, Delivery::kPlain, event,
      "code status description severity serverAddress sourceApplication "},
@@ -89,55 +103,80 @@ constexpr FaultKind kKinds[] = {
 };
 
 constexpr char kCommonMembers[] = "kind times chance seed action ";
+constexpr char kNumbers[] = "ms bytes times seed seconds code status chance ";
+
+[[noreturn]] void refuse(const std::string& text) {
+    throw std::runtime_error(text);
+}
 
 bool listed(const std::string& members, const std::string& name) {
     const size_t at = members.find(name + " ");
     return at != std::string::npos && (at == 0 || members[at - 1] == ' ');
 }
 
-/// An event of a bad event would be a promise that nobody looked up: see FaultKind::refuses.
-bool isEventCode(const Json& value) {
-    return value.is_number_unsigned() && value > 0 && value <= UINT32_MAX;
+bool isHttpStatus(const Json& value) {
+    return value.is_number_unsigned() && value >= 200 && value <= 999;
 }
 
-/// Checks types and ranges now, so that Fault::number() and Fault::text() cannot throw when the
-/// fault strikes: the client would see a closed connection, and nobody the mistake in the order.
-void checkMember(const FaultKind& kind, const std::string& name, const Json& value) {
-    const bool event = std::string_view(kind.members).starts_with("code status");
-    const bool number = listed("ms bytes status times seed ", name) || (name == "code" && !event);
-    const bool text = listed("kind type body text location action ", name);
-    const bool status = name == "status" || (name == "code" && !event);
-    if ((number && !value.is_number_unsigned()) || (text && !value.is_string()) ||
-        (name == "chance" && !value.is_number()) ||
-        (name == "retryAfter" && !value.is_string() && !value.is_number_unsigned()) ||
-        (name == "code" && kind.change == badEvent && isEventCode(value)) ||
-        (status && (value < 200 || value > 999))) {
-        throw std::runtime_error(std::string("member '") + name + "' of fault " + kind.name +
-                                 " has a wrong type or value");
+/// The description of the values that a member takes; NULL when it takes this one. Asked when a
+/// fault is ordered, so that Fault::number() and Fault::text() cannot throw when the fault strikes:
+/// the client would see a closed connection, and nobody the mistake in the order.
+const char* wrong(const FaultKind& kind, const std::string& name, const Json& value) {
+    const bool tells = std::string_view(kind.members).starts_with("code status");
+    const auto unless = [](bool right, const char* wanted) { return right ? nullptr : wanted; };
+    if (listed("ms bytes times seed ", name))
+        return unless(value.is_number_unsigned(), "a whole number from 0 on");
+    if (name == "seconds") return unless(value.is_number_integer(), "a whole number");
+    if (name == "chance")
+        return unless(value.is_number() && value >= 0 && value <= 1, "a number from 0 to 1");
+    if (name == "retryAfter")
+        return unless(value.is_string() || value.is_number_unsigned(), "a text or a number");
+    if (name == "status" || (name == "code" && !tells))
+        return unless(isHttpStatus(value), "an HTTP status from 200 to 999");
+    if (name == "code" && kind.change == event)
+        return unless(isEventCode(value), "an event's code");
+    if (name == "code") return unless(!isEventCode(value), "invalid as the code of an event");
+    if (name == "action")
+        return unless(value.is_string() && isActionName(value), "the name of an action");
+    return unless(value.is_string() || (tells && value.is_null()), "a text");
+}
+
+const FaultKind& kindOf(const Json& json) {
+    const auto given = json.find("kind");
+    if (given == json.end()) refuse("a fault needs a kind: " + json.dump());
+    for (const FaultKind& kind : kKinds) {
+        if (*given == kind.name) return kind;
     }
+    refuse("unknown kind of fault: " + given->dump());
 }
 
 Fault parse(const Json& json) {
-    const std::string name = json.at("kind").get<std::string>();
     Fault fault;
-    for (const FaultKind& kind : kKinds) {
-        if (name == kind.name) fault.kind = &kind;
-    }
-    if (fault.kind == nullptr) throw std::runtime_error("unknown kind of fault '" + name + "'");
+    fault.kind = &kindOf(json);
+    const std::string name = fault.kind->name;
     for (const auto& [member, value] : json.items()) {
         if (!listed(kCommonMembers, member) && !listed(fault.kind->members, member))
-            throw std::runtime_error(std::string("fault ")
-                                         .append(name)
-                                         .append(" has no member \'")
-                                         .append(member)
-                                         .append("\'"));
-        checkMember(*fault.kind, member, value);
+            refuse("fault '" + name + "' has no member '" + member + "'");
+        if (const char* wanted = member == "kind" ? nullptr : wrong(*fault.kind, member, value)) {
+            refuse("'" + member + "' of fault '" + name + "' is not " + wanted + ": " +
+                   value.dump());
+        }
     }
     fault.members = json;
     fault.timesLeft = json.value("times", uint64_t{1});
     fault.chance = json.value("chance", 1.0);
     fault.random.seed(json.value("seed", uint64_t{1}));
     return fault;
+}
+
+/// The faults that an element of an order stands for.
+Json expanded(const Json& element) {
+    if (!element.is_object()) refuse("a fault is a JSON object, not " + element.dump());
+    const auto name = element.find("scenario");
+    if (name == element.end()) return Json::array({element});
+    if (element.size() > 1) refuse("a scenario has no members beside its name");
+    if (!name->is_string()) refuse("a scenario has a name, not " + name->dump());
+    return scenarioFaults(name->get<std::string>());
 }
 
 /// True with the fault's chance: the upper 53 bits as a number from 0 to below 1. The distributions
@@ -153,19 +192,23 @@ uint64_t Fault::delay() const {
 }
 
 void Faults::add(const Json& list) {
-    if (!list.is_array()) throw std::runtime_error("faults are a JSON array");
+    if (!list.is_array()) refuse("faults are a JSON array");
     std::deque<Fault> added;
-    for (const Json& json : list) {
-        if (!json.is_object()) throw std::runtime_error("a fault is a JSON object");
-        added.push_back(parse(json));
-        if (added.back().timesLeft == 0) added.pop_back();
+    for (const Json& element : list) {
+        for (const Json& json : expanded(element)) {
+            added.push_back(parse(json));
+            if (added.back().timesLeft == 0) added.pop_back();
+        }
     }
     faults_.insert(faults_.end(), added.begin(), added.end());
+    ++version_;
 }
 
 void Faults::clear() {
     faults_.clear();
+    struck_.clear();
     taken_ = 0;
+    ++version_;
 }
 
 std::optional<Fault> Faults::take(const std::string& action) {
@@ -174,11 +217,19 @@ std::optional<Fault> Faults::take(const std::string& action) {
         if (only != fault->members.end() && *only != action) continue;
         if (!comesUp(*fault)) continue;
         ++taken_;
+        ++version_;
         Fault taken = *fault;
         if (--fault->timesLeft == 0) faults_.erase(fault);
         return taken;
     }
     return std::nullopt;
+}
+
+void Faults::struck(uint64_t request, const Fault& fault, const std::string& action) {
+    constexpr size_t kMost = 20;
+    struck_.push_back({{"request", request}, {"kind", fault.kind->name}, {"action", action}});
+    if (struck_.size() > kMost) struck_.pop_front();
+    ++version_;
 }
 
 nlohmann::ordered_json Faults::report() const {
@@ -188,7 +239,21 @@ nlohmann::ordered_json Faults::report() const {
         one["times"] = fault.timesLeft;
         list.push_back(std::move(one));
     }
-    return {{"taken", taken_}, {"faults", list}};
+    return {{"taken", taken_}, {"faults", list}, {"struck", struck_}};
+}
+
+nlohmann::ordered_json Faults::kinds() {
+    const auto words = [](const char* text) {
+        auto list = nlohmann::ordered_json::array();
+        std::istringstream stream(text);
+        for (std::string word; stream >> word;)
+            list.push_back(word);
+        return list;
+    };
+    auto kinds = nlohmann::ordered_json::array();
+    for (const FaultKind& kind : kKinds)
+        kinds.push_back({{"kind", kind.name}, {"members", words(kind.members)}});
+    return {{"kinds", kinds}, {"numbers", words(kNumbers)}};
 }
 
 }  // namespace sandbox

@@ -2,8 +2,9 @@
 //
 // A fault strikes on one of two sides of the effect:
 //  - carried out: the core handles the request, then its answer is late or spoilt on the way out
-//    (delay, lose, cut, stall, nul, unbounded, chunked, type). A client without a valid answer does
-//    not know that the request was done, and can only resend it with the same id.
+//    (delay, lose, lie, cut, stall, nul, unbounded, chunked, type), or the clock jumps before
+//    (clock). A client without a valid answer does not know that the request was done, and can only
+//    resend it with the same id.
 //  - not carried out: the core never sees the request, and the fault makes an answer of its own, or
 //    none (reset, oversize, garbage, status, redirect, event, bad-event).
 // An injected event also refuses: it promises the client that no sending of the request was carried
@@ -15,7 +16,8 @@
 // Invariants:
 //  1. `timesLeft` of each fault in the queue is at least 1; a fault at 0 is removed.
 //  2. The members of each fault are checked when it is added: to read them cannot throw later.
-//  3. Each fault has a random generator of its own, with a given seed, and draws only for requests
+//  3. `struck_` has at most 20 requests, the newest at the end.
+//  4. Each fault has a random generator of its own, with a given seed, and draws only for requests
 //     of its action: the same requests in the same order meet the same faults in each run.
 #ifndef SANDBOX_FAULTS_H
 #define SANDBOX_FAULTS_H
@@ -74,21 +76,33 @@ struct Fault {
     }
     /// Milliseconds to wait before the request is handled.
     uint64_t delay() const;
+    /// Seconds by which the server's clock jumps before the request is carried out.
+    int64_t jump() const { return members.value("seconds", int64_t{0}); }
 };
 
 /// The queue.
 class Faults {
   public:
-    /// Adds all faults of a JSON array, or none if one is invalid. Throws std::exception.
+    /// Adds all faults of a JSON array, or none if one is invalid. {"scenario": NAME} stands for
+    /// the faults of that scenario (scenarios.h). Throws std::runtime_error with what was not
+    /// understood.
     void add(const nlohmann::json& list);
     void clear();
     /// The first fault that is for this action and whose chance comes up; it counts as used.
     std::optional<Fault> take(const std::string& action);
+    /// Notes that a fault struck this request.
+    void struck(uint64_t request, const Fault& fault, const std::string& action);
     nlohmann::ordered_json report() const;
+    /// Changes with each change of the report.
+    uint64_t version() const { return version_; }
+    /// The kinds, each with its members, and the members that are numbers.
+    static nlohmann::ordered_json kinds();
 
   private:
     std::deque<Fault> faults_;
+    std::deque<nlohmann::ordered_json> struck_;
     uint64_t taken_ = 0;  ///< since the last clear()
+    uint64_t version_ = 0;
 };
 
 }  // namespace sandbox

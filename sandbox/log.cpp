@@ -1,5 +1,6 @@
 #include "sandbox/log.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -16,26 +17,34 @@ std::string cut(const std::string& text) {
     return text.substr(0, kLoggedLength);
 }
 
-OrderedJson entryJson(const LogEntry& entry) {
-    auto parameters = OrderedJson::object();
-    // No action has such a parameter; a client that sends one by mistake is not exposed.
-    for (const auto& [name, value] : entry.parameters) {
-        if (name != "password") parameters[name] = value;
-    }
-    return {{"id", entry.id},
+OrderedJson summary(const LogEntry& entry) {
+    return {{"number", entry.number},
+            {"time", entry.time},
+            {"id", entry.id},
             {"service", entry.service},
             {"action", entry.action},
             {"login", entry.login},
-            {"parameters", parameters},
             {"status", entry.status},
+            {"event", entry.event},
+            {"milliseconds", entry.milliseconds},
             {"replayed", entry.replayed},
             {"fault", entry.fault}};
 }
 
+OrderedJson withParameters(const LogEntry& entry) {
+    OrderedJson json = summary(entry);
+    auto& parameters = json["parameters"] = OrderedJson::object();
+    // No action has such a parameter; a client that sends one by mistake is not exposed.
+    for (const auto& [name, value] : entry.parameters) {
+        if (name != "password") parameters[name] = value;
+    }
+    return json;
+}
+
 }  // namespace
 
-void RequestLog::add(LogEntry entry) {
-    ++total_;
+uint64_t RequestLog::add(LogEntry entry) {
+    entry.number = ++total_;
     for (std::string* text : {&entry.id, &entry.action}) {
         if (text->size() > kLoggedLength) *text = cut(*text);
     }
@@ -51,20 +60,43 @@ void RequestLog::add(LogEntry entry) {
     }
     last_.push_back(std::move(entry));
     if (last_.size() > kLoggedRequests) last_.pop_front();
+    return total_;
 }
 
 void RequestLog::clear() {
+    const uint64_t next = epoch_ + 1;
     *this = RequestLog();
+    epoch_ = next;
 }
 
-nlohmann::ordered_json RequestLog::report() const {
+OrderedJson RequestLog::report() const {
     auto last = OrderedJson::array();
     for (const LogEntry& entry : last_)
-        last.push_back(entryJson(entry));
+        last.push_back(withParameters(entry));
     return {{"total", total_},
             {"connections", connections_},
             {"actions", actions_},
             {"last", std::move(last)}};
+}
+
+OrderedJson RequestLog::since(uint64_t number) const {
+    const auto first = std::find_if(last_.begin(), last_.end(),
+                                    [=](const LogEntry& one) { return one.number > number; });
+    auto requests = OrderedJson::array();
+    for (auto entry = first; entry != last_.end(); ++entry)
+        requests.push_back(summary(*entry));
+    return {{"missed", total_ - number - requests.size()}, {"requests", std::move(requests)}};
+}
+
+OrderedJson RequestLog::messages(uint64_t number) const {
+    const auto entry = std::find_if(last_.begin(), last_.end(),
+                                    [=](const LogEntry& one) { return one.number == number; });
+    if (entry == last_.end()) return nullptr;
+    return {{"number", number},
+            {"request", entry->request.text},
+            {"answer", entry->answer.text},
+            {"requestBytes", entry->request.bytes},
+            {"answerBytes", entry->answer.bytes}};
 }
 
 }  // namespace sandbox

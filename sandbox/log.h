@@ -1,10 +1,12 @@
-// The request log: tests read from it how many requests and connections there were, and which.
+// The request log: tests and people read from it how many requests and connections there were,
+// which ones, and what went over the wire.
 //
 // Thread rule: one thread at a time, under State::mutex.
 //
 // Invariants:
-//  1. `last_` has at most 100 entries, the newest at the end; their texts that a client chooses are
-//     cut to 200 bytes each.
+//  1. `last_` has at most 100 entries, the newest at the end, with ascending numbers. The texts
+//  that
+//     a client chooses are cut to 200 bytes each, the messages to 8 KiB.
 //  2. `actions_` has at most 101 names: further ones are counted together as "...".
 #ifndef SANDBOX_LOG_H
 #define SANDBOX_LOG_H
@@ -19,6 +21,12 @@
 
 namespace sandbox {
 
+/// A message as on the wire, or its beginning.
+struct Message {
+    std::string text;
+    uint64_t bytes = 0;  ///< of the whole message, as far as it is known when it is logged
+};
+
 /// One request of the log.
 struct LogEntry {
     std::string id;
@@ -27,19 +35,36 @@ struct LogEntry {
     std::string login;  ///< empty unless the login was verified
     std::string fault;  ///< the kind that struck, or empty
     Pairs parameters;
-    unsigned status = 0;    ///< 0: no answer
-    bool replayed = false;  ///< answered with a stored answer
+    unsigned status = 0;      ///< 0: no answer
+    uint32_t event = 0;       ///< 0: none
+    bool replayed = false;    ///< answered with a stored answer
+    uint64_t number = 0;      ///< from 1 on; set by add()
+    double time = 0;          ///< seconds since 1970 by the machine's clock, at its head
+    double milliseconds = 0;  ///< from its head to the queued answer
+    Message request;
+    Message answer;
 };
 
 /// The requests under /ws/.
 class RequestLog {
   public:
-    void add(LogEntry entry);
+    /// Returns the number of the request.
+    uint64_t add(LogEntry entry);
     void addConnection() { ++connections_; }
     void clear();
     nlohmann::ordered_json report() const;
 
+    /// Changes when the log is cleared; the numbers then begin anew.
+    uint64_t epoch() const { return epoch_; }
+    uint64_t total() const { return total_; }
+    /// The kept requests with higher numbers, as {"missed": those that are not kept, "requests":
+    /// [...]}.
+    nlohmann::ordered_json since(uint64_t number) const;
+    /// Both messages of a request that is kept; null for another one.
+    nlohmann::ordered_json messages(uint64_t number) const;
+
   private:
+    uint64_t epoch_ = 0;
     uint64_t total_ = 0;        ///< requests, also those that `last_` has no more
     uint64_t connections_ = 0;  ///< connections of any request, /__admin/ too
     std::map<std::string, uint64_t> actions_;

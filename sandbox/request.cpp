@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kRequestIdLength = 32;
 
 [[noreturn]] void refuse(const std::string& text) {
-    throw Event{kBadRequest, text};
+    throw Event{POOL_EVENT_BAD_REQUEST, text};
 }
 
 bool standsForItself(char c) {
@@ -97,6 +97,10 @@ void checkValue(const Parameter& row, const std::string& value) {
 void checkRequestId(const std::string& id) {
     if (id.size() != kRequestIdLength || !std::all_of(id.begin(), id.end(), isHexDigit))
         refuse("Request-Id is missing or not 32 hexadecimal digits");
+}
+
+bool hasMediaType(const std::string& header, std::string_view type) {
+    return header.starts_with(type) && (header.size() == type.size() || header[type.size()] == ';');
 }
 
 Answer problem(unsigned status, const nlohmann::ordered_json& members) {

@@ -30,12 +30,16 @@ struct Answer {
     unsigned status = 200;
     std::string type = "text/plain";
     std::string body{};
+    uint32_t event = 0;  ///< the event that it tells of, for the log; 0: none
     std::vector<std::pair<const char*, std::string>> headers{};
     /// Returns the next block after `body`, empty at the end. A long answer is made while it is
     /// sent: whole, it would fill the memory, and the client would wait for the last line before it
-    /// gets the first. NULL: `body` is the whole answer.
+    /// gets the first. The blocks need no lock of the server's. NULL: `body` is the whole answer.
     std::function<std::string()> more{};
 };
+
+/// True when a Content-Type header names this type, with parameters or without.
+bool hasMediaType(const std::string& header, std::string_view type);
 
 /// A problem document of RFC 9457. A member that is null is left out.
 Answer problem(unsigned status, const nlohmann::ordered_json& members);

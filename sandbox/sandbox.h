@@ -28,6 +28,8 @@ struct Settings {
     std::vector<Account> accounts;  ///< more accounts; they win over equal logins of the file
     std::string tree;               ///< folder whose names, sizes and times go into the name space
     uint32_t architectureMode = 1;
+    std::string faults;  ///< JSON to order at the start: an array of faults, or a scenario's file
+    unsigned idleSeconds = 60;                ///< a connection in which nothing moves is closed
     uint64_t bodyLimit = uint64_t{64} << 20;  ///< bytes of a request's body
 };
 

@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "cr_status.h"
+#include "platform/events.h"
 #include "platform/status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
@@ -54,6 +55,9 @@ constexpr StatusText kTexts[] = {
     {WS_STATUS_TOO_LARGE, "the server's answer is too large"},
     {WS_STATUS_CONNECT_TIMED_OUT, "no connection to the server could be made in time"},
     {WS_STATUS_ABORTED, "the request was aborted"},
+#define KSPOOL_EVENT_ROW(name, code, http, text) {POOL_EVENT_##name, text},
+    KSPOOL_EVENTS(KSPOOL_EVENT_ROW)
+#undef KSPOOL_EVENT_ROW
 };
 
 /// Leaves a reason in the slot and returns NULL, for CRConfigLocate().

@@ -1,117 +1,61 @@
 #include "sandbox/http/admin.h"
 
 #include <algorithm>
-#include <exception>
 #include <iterator>
-#include <mutex>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <stdexcept>
+#include <string_view>
+
+#include "sandbox/http/calls.h"
+#include "sandbox/http/delivery.h"
+#include "sandbox/http/events.h"
+#include "sandbox/http/page.h"
 
 namespace sandbox {
 namespace {
 
-using Json = nlohmann::json;
-using OrderedJson = nlohmann::ordered_json;
-
-OrderedJson done() {
-    return {{"done", true}};
+std::string header(MHD_Connection* connection, const char* name) {
+    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    return value != nullptr ? value : "";
 }
 
-OrderedJson health(State& state, const Json& /*body*/) {
-    return {{"status", "ok"}, {"url", state.url}};
+/// The names by which programs on this machine reach a server of the loopback interface.
+bool isLoopback(std::string_view host) {
+    constexpr std::string_view kNames[] = {"127.0.0.1", "localhost", "[::1]"};
+    return std::any_of(std::begin(kNames), std::end(kNames), [&](std::string_view name) {
+        return host == name || (host.starts_with(name) && host[name.size()] == ':');
+    });
 }
 
-OrderedJson reset(State& state, const Json& /*body*/) {
-    state.core.reset();
-    state.faults.clear();
-    state.log.clear();
-    return done();
-}
-
-OrderedJson requests(State& state, const Json& /*body*/) {
-    return state.log.report();
-}
-
-OrderedJson showFaults(State& state, const Json& /*body*/) {
-    return state.faults.report();
-}
-
-OrderedJson addFaults(State& state, const Json& body) {
-    state.faults.add(body);
-    return state.faults.report();
-}
-
-OrderedJson clearFaults(State& state, const Json& /*body*/) {
-    state.faults.clear();
-    return state.faults.report();
-}
-
-OrderedJson showClock(State& state, const Json& /*body*/) {
-    return {{"now", state.core.now()}, {"fixed", state.core.fixedClock().has_value()}};
-}
-
-OrderedJson setClock(State& state, const Json& body) {
-    if (!body.is_null() && !body.is_number_integer())
-        throw std::runtime_error("the clock is set to seconds, or null for the machine's");
-    state.core.setClock(body.is_null() ? std::nullopt : std::optional(body.get<int64_t>()));
-    return showClock(state, body);
-}
-
-OrderedJson selectData(State& state, const Json& body) {
-    if (!body.is_array()) throw std::runtime_error("data selections are a JSON array");
-    state.core.select(body);
-    return {{"selected", body.size()}};
-}
-
-OrderedJson placeFiles(State& state, const Json& body) {
-    if (!body.is_array()) throw std::runtime_error("a tree is a JSON array");
-    state.core.place(body);
-    return {{"placed", body.size()}};
-}
-
-struct Function {
-    const char* method;
-    const char* path;
-    OrderedJson (*run)(State& state, const Json& body);
-};
-
-constexpr Function kFunctions[] = {
-    {"GET", "health", health},     {"POST", "reset", reset},
-    {"GET", "requests", requests}, {"GET", "faults", showFaults},
-    {"POST", "faults", addFaults}, {"DELETE", "faults", clearFaults},
-    {"GET", "clock", showClock},   {"POST", "clock", setClock},
-    {"POST", "tree", placeFiles},  {"POST", "dataselections", selectData},
-};
-
-Answer json(unsigned status, const OrderedJson& content) {
+Answer plain(unsigned status, const char* text) {
     Answer answer;
     answer.status = status;
-    answer.type = "application/json";
-    answer.body = content.dump(-1, ' ', false, OrderedJson::error_handler_t::replace) + "\n";
+    answer.body = text;
     return answer;
 }
 
-Answer failure(unsigned status, const std::string& text) {
-    return json(status, {{"error", text}});
+/// The refusal of a request that another site's page may have sent; status 200 when it is none.
+Answer refusal(MHD_Connection* connection, const State& state, const Request& request) {
+    const std::string host = header(connection, MHD_HTTP_HEADER_HOST);
+    if (!isLoopback(host)) return plain(403, "not under this name: use 127.0.0.1 or localhost\n");
+    const std::string origin = header(connection, MHD_HTTP_HEADER_ORIGIN);
+    const std::string own = state.url.substr(0, state.url.find("//") + 2) + host;
+    if (!origin.empty() && origin != own) return plain(403, "not for pages of other sites\n");
+    if (request.method != "GET" && !hasMediaType(request.contentType, "application/json"))
+        return plain(415, "changes need Content-Type: application/json\n");
+    return request.tooLarge ? plain(413, "too large\n") : Answer{};
 }
 
 }  // namespace
 
-Answer administrate(State& state, const std::string& method, const std::string& path,
-                    const std::string& body) noexcept {
-    const auto function =
-        std::find_if(std::begin(kFunctions), std::end(kFunctions),
-                     [&](const Function& one) { return method == one.method && path == one.path; });
-    try {
-        if (function == std::end(kFunctions)) return failure(404, "no such function");
-        // Outside the lock: a large body would hold up all other requests.
-        const Json given = body.empty() ? Json() : Json::parse(body);
-        const std::lock_guard<std::mutex> lock(state.mutex);
-        return json(200, function->run(state, given));
-    } catch (const std::exception& error) {
-        return failure(400, error.what());
-    }
+MHD_Result administer(MHD_Connection* connection, State& state, Alarm& alarm,
+                      const Request& request) {
+    Answer answer = refusal(connection, state, request);
+    const std::string path = request.path.substr(sizeof kAdminFolder - 1);
+    if (answer.status != 200) return deliver(connection, alarm, std::move(answer), nullptr);
+    if (request.method == "GET" && path == "events") return streamEvents(connection, state, alarm);
+    answer = request.method == "GET" && path.empty()
+                 ? page()
+                 : administrate(state, request.method, path, request.query, request.body);
+    return deliver(connection, alarm, std::move(answer), nullptr);
 }
 
 }  // namespace sandbox

@@ -1,9 +1,21 @@
-// The functions under /__admin/: tests and people steer and inspect the server with them.
+// What is below /__admin/: a page for people, and the calls by which it, tests and people steer and
+// inspect the server.
+//
+// The calls need no login, so web pages of other sites must not reach them through the browser of
+// somebody on this machine:
+//  - A foreign Origin is refused: browsers send the header with scripted requests and each POST.
+//  - A Host that is no name of the loopback interface is refused. A site could otherwise make its
+//    own name resolve to 127.0.0.1 (DNS rebinding), and its Origin would be the server's own.
+//  - Calls that change something need Content-Type: application/json, which a page of another site
+//    cannot send without asking first.
 #ifndef SANDBOX_HTTP_ADMIN_H
 #define SANDBOX_HTTP_ADMIN_H
 
+#include <microhttpd.h>
+
 #include <string>
 
+#include "sandbox/http/alarm.h"
 #include "sandbox/http/state.h"
 #include "sandbox/request.h"
 
@@ -11,10 +23,9 @@ namespace sandbox {
 
 constexpr char kAdminFolder[] = "/__admin/";
 
-/// Calls the function at `path`, the part of the URL after kAdminFolder, with a JSON body. A
-/// failure is a 400 or 404 with {"error": TEXT}. Takes State::mutex.
-Answer administrate(State& state, const std::string& method, const std::string& path,
-                    const std::string& body) noexcept;
+/// Answers a request below kAdminFolder. REQUIRES: libmicrohttpd's thread, without State::mutex.
+MHD_Result administer(MHD_Connection* connection, State& state, Alarm& alarm,
+                      const Request& request);
 
 }  // namespace sandbox
 

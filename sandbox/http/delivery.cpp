@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+#include "sandbox/http/wire.h"
+
 namespace sandbox {
 namespace {
 
@@ -104,36 +106,75 @@ Response blocksResponse(Answer& answer) {
     return response;
 }
 
-Response makeResponse(MHD_Connection* connection, Alarm& alarm, std::string body,
-                      const Fault* fault) {
-    const Delivery delivery = fault != nullptr ? fault->kind->delivery : Delivery::kPlain;
-    if (delivery == Delivery::kPlain) {
-        return Response(
-            MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY));
-    }
+/// What a fault makes of a body.
+Stream spoilt(std::string body, const Fault& fault, uint64_t& declared) {
     Stream stream;
     stream.text = std::move(body);
-    stream.length = stream.text.size();
+    stream.length = declared = stream.text.size();
+    switch (fault.kind->delivery) {
+        case Delivery::kCut:
+            declared = std::max(declared, kSmallestCut);
+            stream.length = std::min(fault.number("bytes", declared / 2), declared - 1);
+            stream.complete = false;
+            break;
+        case Delivery::kStall:
+            // With a length of 0 the answer would end with its head, and the reader never be
+            // called.
+            if (declared == 0) declared = MHD_SIZE_UNKNOWN;
+            stream.stall = fault.number("ms", 1000);
+            break;
+        case Delivery::kOversize:
+            declared = stream.length = fault.number("bytes", uint64_t{1} << 30);
+            break;
+        default:
+            declared = MHD_SIZE_UNKNOWN;
+    }
+    return stream;
+}
+
+/// An answer before it is queued, and its log's part: the lines that tell the end of the body, and
+/// the body.
+struct Prepared {
+    Response response;
+    std::string framing;
+    std::string shown;
+    uint64_t bytes = 0;
+};
+
+std::string framingOf(uint64_t declared, bool unbounded) {
+    if (unbounded) return "Connection: close\r\n";
+    if (declared == MHD_SIZE_UNKNOWN) return "Transfer-Encoding: chunked\r\n";
+    return "Content-Length: " + std::to_string(declared) + "\r\n";
+}
+
+Prepared prepare(MHD_Connection* connection, Alarm& alarm, Answer& answer, const Fault* fault) {
+    Prepared made;
+    made.bytes = answer.body.size();
+    made.shown = answer.body.substr(0, kKeptMessage);
+    if (answer.more != nullptr) {
+        made.framing = framingOf(MHD_SIZE_UNKNOWN, false);
+        made.response = blocksResponse(answer);
+        return made;
+    }
+    if (fault == nullptr || fault->kind->delivery == Delivery::kPlain) {
+        made.framing = framingOf(answer.body.size(), false);
+        made.response.reset(MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
+                                                            MHD_RESPMEM_MUST_COPY));
+        return made;
+    }
+    uint64_t declared = 0;
+    Stream stream = spoilt(std::move(answer.body), *fault, declared);
     stream.alarm = &alarm;
     stream.connection = connection;
-    uint64_t declared = stream.length;
-    if (delivery == Delivery::kCut) {
-        declared = std::max(declared, kSmallestCut);
-        stream.length = std::min(fault->number("bytes", declared / 2), declared - 1);
-        stream.complete = false;
-    } else if (delivery == Delivery::kStall) {
-        // With a length of 0 the answer would end with its head, and the reader never be called.
-        if (declared == 0) declared = MHD_SIZE_UNKNOWN;
-        stream.stall = fault->number("ms", 1000);
-    } else if (delivery == Delivery::kOversize) {
-        declared = stream.length = fault->number("bytes", uint64_t{1} << 30);
-    } else {
-        declared = MHD_SIZE_UNKNOWN;
-    }
-    Response response = streamResponse(std::move(stream), declared);
-    if (response != nullptr && delivery == Delivery::kUnbounded)
-        MHD_set_response_options(response.get(), MHD_RF_HTTP_1_0_COMPATIBLE_STRICT, MHD_RO_END);
-    return response;
+    made.bytes = stream.length;
+    made.shown.resize(std::min<uint64_t>(stream.length, kKeptMessage), 'x');
+    const bool unbounded = fault->kind->delivery == Delivery::kUnbounded;
+    made.framing = framingOf(declared, unbounded);
+    made.response = streamResponse(std::move(stream), declared);
+    if (made.response != nullptr && unbounded)
+        MHD_set_response_options(made.response.get(), MHD_RF_HTTP_1_0_COMPATIBLE_STRICT,
+                                 MHD_RO_END);
+    return made;
 }
 
 int descriptorOf(MHD_Connection* connection) {
@@ -151,10 +192,22 @@ void resetConnection(MHD_Connection* connection) {
     static_cast<void>(connect(descriptorOf(connection), &nowhere, sizeof nowhere));
 }
 
+std::string garbageOf(const Fault& fault) {
+    return fault.text("text", "\x01\xfe no HTTP at all \r\n\r\n");
+}
+
 /// Past libmicrohttpd, which would put a valid head in front; over TLS past the encryption too.
-void sendGarbage(MHD_Connection* connection, const Fault& fault) {
-    const std::string bytes = fault.text("text", "\x01\xfe no HTTP at all \r\n\r\n");
+void sendBytes(MHD_Connection* connection, const std::string& bytes) {
     static_cast<void>(send(descriptorOf(connection), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+}
+
+/// Ends a connection without an answer.
+Message breakOff(MHD_Connection* connection, const Fault& fault) {
+    if (fault.kind->delivery == Delivery::kReset) resetConnection(connection);
+    if (fault.kind->delivery != Delivery::kGarbage) return {};
+    const std::string bytes = garbageOf(fault);
+    sendBytes(connection, bytes);
+    return {bytes.substr(0, kKeptMessage), bytes.size()};
 }
 
 }  // namespace
@@ -165,20 +218,27 @@ bool isAnswered(const Fault* fault) {
            delivery != Delivery::kGarbage;
 }
 
-MHD_Result deliver(MHD_Connection* connection, Alarm& alarm, Answer answer, const Fault* fault) {
+MHD_Result deliver(MHD_Connection* connection, Alarm& alarm, Answer answer, const Fault* fault,
+                   Message* sent) {
     if (!isAnswered(fault)) {
-        if (fault->kind->delivery == Delivery::kReset) resetConnection(connection);
-        if (fault->kind->delivery == Delivery::kGarbage) sendGarbage(connection, *fault);
+        const Message broken = breakOff(connection, *fault);
+        if (sent != nullptr) *sent = broken;
         return MHD_NO;
     }
-    const Response response = answer.more != nullptr
-                                  ? blocksResponse(answer)
-                                  : makeResponse(connection, alarm, std::move(answer.body), fault);
-    if (response == nullptr) return MHD_NO;
-    MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, answer.type.c_str());
+    Prepared made = prepare(connection, alarm, answer, fault);
+    if (made.response == nullptr) return MHD_NO;
+    std::string lines;
+    const auto add = [&](const char* name, const std::string& value) {
+        MHD_add_response_header(made.response.get(), name, value.c_str());
+        if (sent != nullptr) lines.append(name).append(": ").append(value).append("\r\n");
+    };
+    add(MHD_HTTP_HEADER_DATE, httpDate());
+    add(MHD_HTTP_HEADER_CONTENT_TYPE, answer.type);
     for (const auto& [name, value] : answer.headers)
-        MHD_add_response_header(response.get(), name, value.c_str());
-    return MHD_queue_response(connection, answer.status, response.get());
+        add(name, value);
+    if (sent != nullptr)
+        *sent = answerMessage(answer.status, lines + made.framing, made.shown, made.bytes);
+    return MHD_queue_response(connection, answer.status, made.response.get());
 }
 
 }  // namespace sandbox

@@ -1,5 +1,6 @@
 #include "sandbox/http/exchange.h"
 
+#include <chrono>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -11,6 +12,7 @@
 #include "sandbox/core.h"
 #include "sandbox/http/admin.h"
 #include "sandbox/http/delivery.h"
+#include "sandbox/http/wire.h"
 
 namespace sandbox {
 namespace {
@@ -72,17 +74,6 @@ void readBody(Request& request, uint64_t limit, const char* data, size_t size) {
     request.body.append(data, size);
 }
 
-Answer administer(const Exchange& exchange, State& state, MHD_Connection* connection) {
-    // Browsers send Origin with each POST and DELETE, and with scripted requests to other sites: no
-    // web page can steer the server through its visitor.
-    if (!header(connection, MHD_HTTP_HEADER_ORIGIN).empty())
-        return plain(403, "not for browsers\n");
-    const Request& request = exchange.request;
-    if (request.tooLarge) return plain(413, "too large\n");
-    const std::string path = request.path.substr(sizeof kAdminFolder - 1);
-    return administrate(state, request.method, path, request.body);
-}
-
 const Endpoint* findEndpoint(const std::string& service) {
     for (const Endpoint& endpoint : kEndpoints) {
         if (service == endpoint.service) return &endpoint;
@@ -102,19 +93,52 @@ void decide(Exchange& exchange, State& state) {
     if (std::exchange(exchange.open, false)) state.core.decide(exchange.request.id);
 }
 
-/// Handles a request under /ws/: describes it and takes a fault, waits for the fault's delay,
-/// carries the request out, spoils its answer, and queues that.
-MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connection) {
+/// Describes a request and takes a fault for it, the first time; waits for the fault's delay, and
+/// for the verdict on the login. libmicrohttpd calls again when the time is over, or the verdict is
+/// there. True when there is nothing to wait for.
+bool ready(Service& service, Exchange& exchange, MHD_Connection* connection) {
     State& state = service.state;
-    const std::lock_guard<std::mutex> lock(state.mutex);
     if (!exchange.described) {
         exchange.described = true;
         Core::describe(exchange.request, exchange.log);
         exchange.fault = state.faults.take(exchange.log.action);
         const uint64_t delay = exchange.fault ? exchange.fault->delay() : 0;
-        // libmicrohttpd calls again when the time is over; `described` is set by then.
-        if (delay > 0 && service.alarm.suspend(connection, delay)) return MHD_YES;
+        if (delay > 0 && service.alarm.suspend(connection, delay)) return false;
     }
+    // A refusal needs the verdict as well, since the fault may give way to the core.
+    if (exchange.fault && !exchange.fault->kind->carriedOut && !exchange.fault->kind->refuses)
+        return true;
+    Login& login = exchange.login;
+    Accounts& accounts = state.core.accounts();
+    if (login.verdict) {
+        accounts.remember(exchange.request.authorization, *login.verdict);
+    } else if (!login.asked) {
+        login.verdict = accounts.verdict(exchange.request.authorization);
+        if (!login.verdict)
+            return !service.logins.suspend(connection, exchange.request.authorization, login);
+    }
+    return true;
+}
+
+void logRequest(State& state, Exchange& exchange, MHD_Connection* connection, const Fault* fault) {
+    LogEntry& log = exchange.log;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    log.milliseconds =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - exchange.start)
+            .count();
+    log.time = std::chrono::duration<double>(now).count() - log.milliseconds / 1000;
+    log.request = requestMessage(connection, exchange.request, exchange.uri, exchange.bodyBytes);
+    if (fault != nullptr) log.fault = fault->kind->name;
+    const std::string action = log.action;
+    const uint64_t number = state.log.add(std::move(log));
+    if (fault != nullptr) state.faults.struck(number, *fault, action);
+}
+
+/// Handles a request under /ws/: carries it out, spoils its answer, and queues that.
+MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connection) {
+    State& state = service.state;
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    if (!ready(service, exchange, connection)) return MHD_YES;
     decide(exchange, state);
     if (exchange.fault && exchange.fault->kind->refuses &&
         state.core.mayBeDone(exchange.request.id)) {
@@ -122,31 +146,27 @@ MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connectio
     }
     const Fault* fault = exchange.fault ? &*exchange.fault : nullptr;
     Answer answer;
-    if (fault == nullptr || fault->kind->carriedOut)
-        answer = state.core.answer(exchange.request, exchange.log);
+    if (fault == nullptr || fault->kind->carriedOut) {
+        if (!exchange.login.verdict) return MHD_NO;
+        if (fault != nullptr) state.core.moveClock(fault->jump());
+        answer = state.core.answer(exchange.request, *exchange.login.verdict, exchange.log);
+    }
     if (answer.more != nullptr && fault != nullptr) gather(answer);
-    // libmicrohttpd reads the blocks later, outside this lock. Other requests go on in between:
-    // each block is a snapshot of its own.
-    if (answer.more != nullptr) {
-        answer.more = [more = std::move(answer.more), &state] {
-            const std::lock_guard<std::mutex> hold(state.mutex);
-            return more();
-        };
+    if (fault != nullptr) fault->kind->change(*fault, state.core.reporter(), answer);
+    if (isAnswered(fault)) {
+        exchange.log.status = answer.status;
+        exchange.log.event = answer.event;
     }
-    if (fault != nullptr) {
-        fault->kind->change(*fault, state.core.reporter(), answer);
-        exchange.log.fault = fault->kind->name;
-    }
-    exchange.log.status = isAnswered(fault) ? answer.status : 0;
-    state.log.add(std::move(exchange.log));
-    return deliver(connection, service.alarm, std::move(answer), fault);
+    const MHD_Result queued =
+        deliver(connection, service.alarm, std::move(answer), fault, &exchange.log.answer);
+    logRequest(state, exchange, connection, fault);
+    return queued;
 }
 
 MHD_Result finish(Service& service, Exchange& exchange, MHD_Connection* connection) {
     const Request& request = exchange.request;
     if (request.path.starts_with(kAdminFolder)) {
-        return deliver(connection, service.alarm, administer(exchange, service.state, connection),
-                       nullptr);
+        return administer(connection, service.state, service.alarm, request);
     }
     const Endpoint* endpoint = findEndpoint(request.service);
     if (endpoint == nullptr)
@@ -166,6 +186,7 @@ void* beginExchange(void* /*service*/, const char* uri, MHD_Connection* /*connec
         auto exchange = std::make_unique<Exchange>();
         const std::string_view text = uri;
         const size_t mark = text.find('?');
+        exchange->uri = text;
         exchange->request.path = text.substr(0, mark);
         if (mark != std::string_view::npos) exchange->request.query = text.substr(mark + 1);
         return exchange.release();
@@ -187,17 +208,20 @@ MHD_Result continueExchange(void* closure, MHD_Connection* connection, const cha
         }
         if (*size > 0) {
             readBody(exchange->request, service.state.bodyLimit, data, *size);
+            exchange->bodyBytes += *size;
             *size = 0;
             return MHD_YES;
         }
+        service.connections.busy(connection);
         return finish(service, *exchange, connection);
     } catch (...) {
         return MHD_NO;
     }
 }
 
-void endExchange(void* closure, MHD_Connection* /*connection*/, void** closureOfRequest,
+void endExchange(void* closure, MHD_Connection* connection, void** closureOfRequest,
                  MHD_RequestTerminationCode /*code*/) noexcept {
+    static_cast<Service*>(closure)->connections.idle(connection);
     const std::unique_ptr<Exchange> exchange(static_cast<Exchange*>(*closureOfRequest));
     *closureOfRequest = nullptr;
     if (exchange == nullptr || !exchange->open) return;

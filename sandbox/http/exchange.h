@@ -9,11 +9,16 @@
 
 #include <microhttpd.h>
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <string>
 
 #include "sandbox/faults.h"
 #include "sandbox/http/alarm.h"
+#include "sandbox/http/connections.h"
+#include "sandbox/http/logins.h"
 #include "sandbox/http/state.h"
 #include "sandbox/log.h"
 #include "sandbox/request.h"
@@ -24,6 +29,8 @@ namespace sandbox {
 struct Service {
     State& state;
     Alarm& alarm;
+    Logins& logins;
+    Connections& connections;
 };
 
 /// One request, from its first line to the end of its answer. Owned by libmicrohttpd's request
@@ -31,8 +38,12 @@ struct Service {
 /// and the flags keep each step from being taken twice.
 struct Exchange {
     Request request;
+    std::string uri;         ///< as in the first line
+    uint64_t bodyBytes = 0;  ///< that arrived
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     LogEntry log;
     std::optional<Fault> fault;
+    Login login;
     bool begun = false;      ///< the head was read
     bool open = false;       ///< Core::open() was called, and Core::decide() was not
     bool described = false;  ///< noted in `log`, and a fault was taken for it

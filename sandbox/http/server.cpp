@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -20,9 +21,11 @@
 #include "common/owned.h"
 #include "sandbox/http/admin.h"
 #include "sandbox/http/alarm.h"
+#include "sandbox/http/calls.h"
 #include "sandbox/http/exchange.h"
 #include "sandbox/http/state.h"
 #include "sandbox/sandbox.h"
+#include "sandbox/scenarios.h"
 
 namespace sandbox {
 namespace {
@@ -112,10 +115,13 @@ void complain(void* closure, const char* format, va_list values) noexcept {
     if (complaints.first.empty()) complaints.first = text;
 }
 
-void noteConnection(void* closure, MHD_Connection* connection, void** /*own*/,
+void noteConnection(void* closure, MHD_Connection* connection, void** own,
                     MHD_ConnectionNotificationCode code) noexcept {
+    if (code == MHD_CONNECTION_NOTIFY_CLOSED) static_cast<Service*>(closure)->connections.end(own);
     if (code != MHD_CONNECTION_NOTIFY_STARTED) return;
-    State& state = static_cast<Service*>(closure)->state;
+    auto& service = *static_cast<Service*>(closure);
+    service.connections.begin(connection, own);
+    State& state = service.state;
     {
         const std::lock_guard<std::mutex> lock(state.mutex);
         state.log.addConnection();
@@ -133,15 +139,21 @@ void noteConnection(void* closure, MHD_Connection* connection, void** /*own*/,
 
 struct Server::Parts {
     explicit Parts(const Settings& settings)
-        : keys(settings.tlsFolder), state(settings), service{state, alarm} {
+        : keys(settings.tlsFolder),
+          state(settings),
+          logins(state.core.accounts()),
+          service{state, alarm, logins, connections} {
         if (!settings.tree.empty()) placeTree(settings.tree);
-        listen(settings.port);
+        state.faults.add(settings.faults.empty() ? nlohmann::json::array()
+                                                 : faultsOfText(settings.faults));
+        listen(settings);
     }
     Parts(const Parts&) = delete;
     Parts& operator=(const Parts&) = delete;
     ~Parts() {
         // libmicrohttpd must not be stopped while connections are suspended.
         alarm.stop();
+        logins.stop();
         if (daemon != nullptr) MHD_stop_daemon(daemon);
     }
 
@@ -154,13 +166,15 @@ struct Server::Parts {
         }
     }
 
-    void listen(uint16_t wanted);
+    void listen(const Settings& settings);
 
     // The daemon's callbacks use all of these: the destructor stops it before any of them is
     // destroyed.
     Keys keys;
     State state;
     Alarm alarm;
+    Logins logins;
+    Connections connections;
     Service service;
     Complaints complaints;
     uint16_t port = 0;
@@ -168,8 +182,8 @@ struct Server::Parts {
     MHD_Daemon* daemon = nullptr;
 };
 
-void Server::Parts::listen(uint16_t wanted) {
-    Listener listener = listenOn(wanted);
+void Server::Parts::listen(const Settings& settings) {
+    Listener listener = listenOn(settings.port);
     port = listener.port;
     const std::string address = "127.0.0.1:" + std::to_string(port);
     state.url = (keys.used() ? "https://" : "http://") + address + state.prefix;
@@ -188,6 +202,8 @@ void Server::Parts::listen(uint16_t wanted) {
                               MHD_OPTION_URI_LOG_CALLBACK, beginExchange, &service,    //
                               MHD_OPTION_NOTIFY_COMPLETED, endExchange, &service,      //
                               MHD_OPTION_NOTIFY_CONNECTION, noteConnection, &service,  //
+                              MHD_OPTION_CONNECTION_LIMIT, connections.most(),         //
+                              MHD_OPTION_CONNECTION_TIMEOUT, settings.idleSeconds,     //
                               MHD_OPTION_ARRAY, keys.used() ? tls : tls + 3, MHD_OPTION_END);
     if (daemon == nullptr) fail("the HTTP server does not start: " + complaints.first);
     static_cast<void>(listener.socket.release());  // the daemon closes it
@@ -215,8 +231,10 @@ const std::string& Server::warning() const {
 std::string Server::admin(const std::string& method, const std::string& path,
                           const std::string& body) {
     const std::string folder = kAdminFolder;
-    const std::string function = path.starts_with(folder) ? path.substr(folder.size()) : path;
-    return administrate(parts_->state, method, function, body).body;
+    const std::string call = path.starts_with(folder) ? path.substr(folder.size()) : path;
+    const size_t mark = std::min(call.find('?'), call.size());
+    const std::string query = mark < call.size() ? call.substr(mark + 1) : "";
+    return administrate(parts_->state, method, call.substr(0, mark), query, body).body;
 }
 
 }  // namespace sandbox

@@ -64,7 +64,7 @@ constexpr ConfigurationRow kConfigurationRows[] = {
     {INI_SECTION_PATHS, INI_ENTRY_ROUTE_TABLES, Value::kFolder, kRoutes,
      "Folder for route tables."},
     {INI_SECTION_PATHS, INI_ENTRY_SSL_KEY, Value::kKeys, kClientKeys,
-     "Folder with ca.pem, cert.pem and key.pem for TLS."},
+     "Folder with ca.pem, cert.pem and key.pem, opened for an https server alone."},
 };
 constexpr const ConfigurationRow& kUrlRow = kConfigurationRows[3];
 
@@ -72,11 +72,10 @@ constexpr const ConfigurationRow& kUrlRow = kConfigurationRows[3];
     throw std::runtime_error(text);
 }
 
-std::string configurationText(const std::string& url, const std::string& folder, bool tls) {
+std::string configurationText(const std::string& url, const std::string& folder) {
     std::string text = "# Configuration of an agent of the sandbox in this folder.\n";
     std::string section;
     for (const ConfigurationRow& row : kConfigurationRows) {
-        if (row.kind == Value::kKeys && !tls) continue;
         if (section != row.sectionName()) {
             section = row.sectionName();
             text.append("\n[").append(section).append("]\n");
@@ -180,7 +179,7 @@ void fillFolder(const NewFolder& made, const std::string& folder, const Setup& s
     std::string shown = setup.url;
     while (shown.ends_with('/'))
         shown.pop_back();
-    writeFile(path + "/" + kConfiguration, configurationText(shown, folder, setup.tls));
+    writeFile(path + "/" + kConfiguration, configurationText(shown, folder));
     fs::create_directory(path + "/" + kRoutes);
     if (!setup.tls) return;
     const CertificateSet set = makeCertificates(url.host);

@@ -2,8 +2,10 @@
 #ifndef SANDBOX_STORE_CHARACTERS_H
 #define SANDBOX_STORE_CHARACTERS_H
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace sandbox {
 
@@ -26,6 +28,17 @@ constexpr int capitalHexValue(char c) {
 
 constexpr bool isHexDigit(char c) {
     return capitalHexValue(c) >= 0 || (c >= 'a' && c <= 'f');
+}
+
+/// The controls of ASCII.
+constexpr bool isControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+/// True for a text that can be a field of an answer's line: a '|' would end the field, and a line
+/// end the line, so that the client would read other fields than were stored.
+inline bool isField(std::string_view text) {
+    return std::none_of(text.begin(), text.end(), [](char c) { return c == '|' || isControl(c); });
 }
 
 /// Appends the two digits of a byte; `digits` is kCapitalHex or kSmallHex.

@@ -38,11 +38,19 @@ void Query::bindText(int at, std::string_view text) {
                               text.size(), SQLITE_STATIC, SQLITE_UTF8));
 }
 
-Database::Database(const std::string& file) {
+Database::Database(const std::string& file)
+    : Database(file.empty() ? ":memory:" : file.c_str(),
+               SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {}
+
+std::unique_ptr<Database> Database::reader() const {
+    const char* file = sqlite3_db_filename(database_.get(), "main");
+    if (file == nullptr || *file == '\0') return nullptr;
+    return std::unique_ptr<Database>(new Database(file, SQLITE_OPEN_READONLY));
+}
+
+Database::Database(const char* file, int flags) {
     sqlite3* opened = nullptr;
-    const int code =
-        sqlite3_open_v2(file.empty() ? ":memory:" : file.c_str(), &opened,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int code = sqlite3_open_v2(file, &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(opened);
     if (code != SQLITE_OK) fail(opened);
     // Another program may hold the lock for a moment.

@@ -109,6 +109,9 @@ class Database {
     /// A copy that lives as long as the database, equal texts at one address: for SQL that is
     /// composed at run time. Each different text stays, so values are bound and never pasted in.
     const char* kept(const std::string& sql) { return texts_.insert(sql).first->c_str(); }
+    /// A second connection to the same file, which only reads, and while others write; NULL for a
+    /// database in memory.
+    std::unique_ptr<Database> reader() const;
     /// Runs statements without values; they are compiled for this call only.
     void script(const char* sql);
 
@@ -119,6 +122,7 @@ class Database {
     struct Finalize {
         void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
     };
+    Database(const char* file, int flags);
     sqlite3_stmt* prepared(const char* sql);
 
     // In this order, so that the statements are destroyed first.

@@ -8,7 +8,7 @@ namespace sandbox {
 namespace {
 
 [[noreturn]] void missing(const Image& named) {
-    throw Event{kNoImage, "no such image: " + named.name + " of client " + named.client};
+    throw Event{POOL_EVENT_NO_IMAGE, "no such image: " + named.name + " of client " + named.client};
 }
 
 }  // namespace
@@ -81,6 +81,29 @@ std::string ImageStore::policy(const Image& named) {
         named.dsid, named.client, named.name);
     if (!row.step()) missing(named);
     return std::string(row.text(0));
+}
+
+void ImageStore::each(const Image& after,
+                      const std::function<bool(const Image&, std::string_view)>& visit) {
+    Query row = database_.query(
+        "SELECT ds, client, policy, name, dofp, parent, datetime, dcid, flags,"
+        " coalesce(retention, '') FROM images WHERE (ds, client, policy, name) > (?, ?, ?, ?)"
+        " ORDER BY ds, client, policy, name",
+        after.dsid, after.client, after.policy, after.name);
+    bool more = true;
+    while (more && row.step()) {
+        const auto text = [&](int column) { return std::string(row.text(column)); };
+        const Image image = {static_cast<uint32_t>(row.number(0)),
+                             text(1),
+                             text(2),
+                             text(3),
+                             text(4),
+                             row.number(5),
+                             row.number(6),
+                             row.number(7),
+                             row.number(8)};
+        more = visit(image, row.text(9));
+    }
 }
 
 void ImageStore::clear() {

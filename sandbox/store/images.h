@@ -6,7 +6,9 @@
 #define SANDBOX_STORE_IMAGES_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "sandbox/store/database.h"
 
@@ -36,6 +38,10 @@ class ImageStore {
     std::string retention(const Image& named);
     /// The first policy, in the order of bytes, with an image of this name.
     std::string policy(const Image& named);
+
+    /// Visits the images behind that of a key, in the order of their keys, until `visit` returns
+    /// false. The second argument is the retention, which may be empty.
+    void each(const Image& after, const std::function<bool(const Image&, std::string_view)>& visit);
 
     void clear();
 

@@ -45,9 +45,9 @@ void NameSpace::missing(const std::string& path, const std::string& shown) {
         const std::string parent = path.substr(0, slash);
         const auto entry = find(parent);
         if (!entry) break;
-        if (entry->kind != 'd') throw Event{kNotDirectory, "not a directory: " + parent};
+        if (entry->kind != 'd') throw Event{POOL_EVENT_NOT_DIRECTORY, "not a directory: " + parent};
     }
-    throw Event{kNotFound, "no such file or directory: " + shown};
+    throw Event{POOL_EVENT_NO_ENTRY, "no such file or directory: " + shown};
 }
 
 NameSpace::Entry NameSpace::need(const std::string& path, const std::string& shown) {
@@ -58,9 +58,10 @@ NameSpace::Entry NameSpace::need(const std::string& path, const std::string& sho
 
 /// Throws unless nothing is at the path, and its parent is a directory.
 void NameSpace::needFree(const std::string& path, const std::string& shown) {
-    if (find(path)) throw Event{kExists, "already exists: " + shown};
+    if (find(path)) throw Event{POOL_EVENT_ENTRY_EXISTS, "already exists: " + shown};
     const std::string parent = parentOf(path);
-    if (need(parent, parent).kind != 'd') throw Event{kNotDirectory, "not a directory: " + parent};
+    if (need(parent, parent).kind != 'd')
+        throw Event{POOL_EVENT_NOT_DIRECTORY, "not a directory: " + parent};
 }
 
 bool NameSpace::isEmpty(const std::string& path) {
@@ -81,7 +82,7 @@ void NameSpace::prepareTransfer(const std::string& source, const std::string& de
     const std::string shown = shownPath(source);
     need(source, shown);
     if (destination.starts_with(startBelow(source)))
-        throw Event{kIntoItself, shown + " cannot be " + verb + " into itself"};
+        throw Event{POOL_EVENT_INTO_ITSELF, shown + " cannot be " + verb + " into itself"};
     needFree(destination, shownPath(destination));
 }
 
@@ -90,7 +91,7 @@ void NameSpace::copy(const std::string& from, const std::string& to, bool recurs
     const std::string destination = normalPath(to);
     prepareTransfer(source, destination, "copied");
     if (!recursive && !isEmpty(source)) {
-        throw Event{kNeedsRecursive,
+        throw Event{POOL_EVENT_NEEDS_RECURSIVE,
                     "is a directory that is not empty, needs recursive: " + shownPath(source)};
     }
     static constexpr char kCopy[] =
@@ -102,7 +103,7 @@ void NameSpace::copy(const std::string& from, const std::string& to, bool recurs
 void NameSpace::move(const std::string& from, const std::string& to) {
     const std::string source = normalPath(from);
     const std::string destination = normalPath(to);
-    if (source.empty()) throw Event{kIntoItself, "the root cannot be moved"};
+    if (source.empty()) throw Event{POOL_EVENT_INTO_ITSELF, "the root cannot be moved"};
     prepareTransfer(source, destination, "moved");
     static constexpr char kMove[] =
         "UPDATE entries SET path = ?2 || substr(path, length(?1) + 1)"
@@ -112,10 +113,10 @@ void NameSpace::move(const std::string& from, const std::string& to) {
 
 void NameSpace::remove(const std::string& text, bool recursive) {
     const std::string path = normalPath(text);
-    if (path.empty()) throw Event{kIntoItself, "the root cannot be deleted"};
+    if (path.empty()) throw Event{POOL_EVENT_INTO_ITSELF, "the root cannot be deleted"};
     need(path, shownPath(path));
     if (!recursive && !isEmpty(path))
-        throw Event{kNotEmpty, "directory not empty: " + shownPath(path)};
+        throw Event{POOL_EVENT_NOT_EMPTY, "directory not empty: " + shownPath(path)};
     database_.run("DELETE FROM entries WHERE path = ?1 OR (path > ?2 AND path < ?3)", path,
                   startBelow(path), endBelow(path));
 }
@@ -127,7 +128,14 @@ std::string NameSpace::list(const std::string& text, bool recursive) {
         const std::string name = path.substr(path.rfind('/') + 1);
         return line(entry.kind, entry.size, entry.mtime, name);
     }
-    return recursive ? listBelow(path) : listChildren(path);
+    if (recursive) return listBelow(path);
+    std::string listing;
+    eachChild(path, startBelow(path),
+              [&](char kind, int64_t size, int64_t mtime, std::string_view name) {
+                  listing += line(kind, size, mtime, name);
+                  return true;
+              });
+    return listing;
 }
 
 std::string NameSpace::listBelow(const std::string& path) {
@@ -147,27 +155,36 @@ std::string NameSpace::listBelow(const std::string& path) {
 /// A loose index scan (skip scan): when the scan meets the first row below a child, it seeks to the
 /// end of that child's range. The cost is one seek for each child, however many rows lie below; a
 /// plain scan would read all of these.
-std::string NameSpace::listChildren(const std::string& path) {
-    const std::string first = startBelow(path);
+void NameSpace::eachChild(const std::string& path, const std::string& from, const Visit& visit) {
+    const size_t prefix = startBelow(path).size();
     const std::string end = endBelow(path);
-    std::string next = first;
-    std::string listing;
+    std::string next = from;
     Query row = database_.query(
         "SELECT path, kind, size, mtime FROM entries WHERE path >= ? AND path < ? ORDER BY path",
         next, end);
-    while (row.step()) {
-        const std::string_view name = row.text(0).substr(first.size());
+    bool more = true;
+    while (more && row.step()) {
+        const std::string_view name = row.text(0).substr(prefix);
         const size_t slash = name.find('/');
         if (slash == std::string_view::npos) {
-            listing += line(row.text(1).front(), row.number(2), row.number(3), name);
+            more = visit(row.text(1).front(), row.number(2), row.number(3), name);
             continue;
         }
-        std::string behind = endBelow(first + std::string(name.substr(0, slash)));
+        std::string behind = endBelow(startBelow(path) + std::string(name.substr(0, slash)));
         row.reset();
         next.swap(behind);
         row.bind(next, end);
     }
-    return listing;
+}
+
+void NameSpace::each(const std::string& text, const std::string& after, const Visit& visit) {
+    const std::string path = normalPath(text);
+    if (need(path, shownPath(path)).kind != 'd')
+        throw Event{POOL_EVENT_NOT_DIRECTORY, "not a directory: " + shownPath(path)};
+    eachChild(path, startBelow(path) + after,
+              [&](char kind, int64_t size, int64_t mtime, std::string_view name) {
+                  return name == after || visit(kind, size, mtime, name);
+              });
 }
 
 void NameSpace::place(const std::string& text, char kind, int64_t size, int64_t mtime,
@@ -178,11 +195,13 @@ void NameSpace::place(const std::string& text, char kind, int64_t size, int64_t 
         const std::string parent = path.substr(0, slash);
         const auto there = find(parent);
         if (!there) database_.run("INSERT INTO entries VALUES (?, 'd', 0, ?)", parent, now);
-        if (there && there->kind != 'd') throw Event{kNotDirectory, "not a directory: " + parent};
+        if (there && there->kind != 'd')
+            throw Event{POOL_EVENT_NOT_DIRECTORY, "not a directory: " + parent};
     }
     const auto there = find(path);
     if (there && there->kind != kind)
-        throw Event{kExists, "already exists as something else: " + shownPath(path)};
+        throw Event{POOL_EVENT_ENTRY_EXISTS,
+                    "already exists as something else: " + shownPath(path)};
     database_.run("INSERT OR REPLACE INTO entries VALUES (?, ?, ?, ?)", path,
                   std::string_view(&kind, 1), size, mtime);
 }

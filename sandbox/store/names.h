@@ -15,6 +15,7 @@
 #define SANDBOX_STORE_NAMES_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,6 +37,12 @@ class NameSpace {
     void remove(const std::string& path, bool recursive);
     std::string list(const std::string& path, bool recursive);
 
+    /// Visits the entries of a directory behind the one of a name, by name as bytes, until `visit`
+    /// returns false.
+    using Visit =
+        std::function<bool(char kind, int64_t size, int64_t mtime, std::string_view name)>;
+    void each(const std::string& path, const std::string& after, const Visit& visit);
+
     // To prepare a pool.
 
     /// Puts a file ('f') or directory ('d') at a path, and makes missing parents at the time `now`.
@@ -56,7 +63,8 @@ class NameSpace {
     [[noreturn]] void missing(const std::string& path, const std::string& shown);
     void needFree(const std::string& path, const std::string& shown);
     bool isEmpty(const std::string& path);
-    std::string listChildren(const std::string& path);
+    /// REQUIRES: `from` is not before the path's first entry.
+    void eachChild(const std::string& path, const std::string& from, const Visit& visit);
     std::string listBelow(const std::string& path);
     /// The checks that copy and move have in common.
     void prepareTransfer(const std::string& source, const std::string& destination,

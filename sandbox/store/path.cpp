@@ -12,7 +12,7 @@ constexpr size_t kLongestName = 255;
 constexpr size_t kLongestPath = 65'535;
 
 [[noreturn]] void refuse(const std::string& why) {
-    throw Event{kBadPath, "path not valid: " + why};
+    throw Event{POOL_EVENT_BAD_PATH, "path not valid: " + why};
 }
 
 /// The length of the UTF-8 character at the start of `text`, 0 if it is invalid. The ranges of the

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "sandbox/store/characters.h"
 #include "sandbox/store/event.h"
 
 namespace sandbox {
@@ -51,7 +52,7 @@ bool isNumber(const Field& field) {
 }
 
 [[noreturn]] void refuse(const std::string& what, size_t line) {
-    throw Event{kBadPO,
+    throw Event{POOL_EVENT_BAD_PO,
                 line == 0 ? "filter: " + what : "line " + std::to_string(line) + ": " + what};
 }
 
@@ -76,10 +77,7 @@ Fields split(std::string_view text, size_t line) {
         if (last != (end == std::string_view::npos)) refuse("not of 26 fields", line);
         fields[i] = text.substr(0, end);
         text.remove_prefix(last ? text.size() : end + 1);
-        const auto control = [](char c) {
-            return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-        };
-        if (std::any_of(fields[i].begin(), fields[i].end(), control)) {
+        if (!isField(fields[i])) {
             refuse(std::string(kFields[i].name) + " has a control character", line);
         }
         if (isNumber(kFields[i])) numberOf(kFields[i], fields[i], line);
@@ -299,11 +297,6 @@ const std::string& selection() {
     return sql;
 }
 
-const std::string& order() {
-    static const std::string sql = " ORDER BY " + columns(kOrder, ", ", "");
-    return sql;
-}
-
 void appendLine(const Query& query, std::string& lines) {
     for (size_t i = 0; i < kPOFields; ++i) {
         const int at = static_cast<int>(i);
@@ -317,42 +310,58 @@ void appendLine(const Query& query, std::string& lines) {
     lines += '\n';
 }
 
-/// A long answer by keyset pagination: each page starts behind the sort key of the last line, by a
-/// seek in the index of the order. With OFFSET instead, each page would read all rows before it
-/// again. No statement stays open between two pages, so that writers are not held up.
-class Pages {
-  public:
-    Pages(Database& database, uint32_t dataselection, Condition condition)
-        : database_(database),
-          dataselection_(dataselection),
-          condition_(std::move(condition)),
-          last_(std::size(kOrder)) {}
+/// The SQL that reads the lines of an answer.
+std::string linesSql(const Condition& condition, bool many) {
+    const std::string selected = selection() + (many ? "INDEXED BY pos_order WHERE " : "WHERE ");
+    // The unary plus keeps SQLite from reading in the order of pos_order, which would visit all POs
+    // of the data selection; to sort the few that match is cheaper. Many are read in that order:
+    // sorted first, all of them would be in memory before the first line goes out.
+    return selected + condition.sql + " ORDER BY " + (many ? "" : "+") +
+           columns(kOrder, many ? ", " : ", +", "");
+}
 
-    /// The lines of the next page, empty at the end.
+uint64_t countOf(Database& database, uint32_t dataselection, const Condition& condition) {
+    Query query = database.query(database.kept("SELECT count(*) FROM pos WHERE " + condition.sql));
+    condition.bind(query, dataselection);
+    return query.step() ? static_cast<uint64_t>(query.number(0)) : 0;
+}
+
+/// A long answer, from one read transaction on a connection of its own: requests that come while it
+/// is sent change the pool, and not this answer.
+class Snapshot {
+  public:
+    Snapshot(std::unique_ptr<Database> reader, uint32_t dataselection, Condition condition)
+        : reader_(begun(std::move(reader))),
+          condition_(std::move(condition)),
+          count_(countOf(*reader_, dataselection, condition_)),
+          lines_(reader_->query(reader_->kept(linesSql(condition_, true)))) {
+        condition_.bind(lines_, dataselection);
+    }
+
+    uint64_t count() const { return count_; }
+    /// The next lines, empty at the end.
     std::string next() {
-        Query query = database_.query(database_.kept(
-            selection() + "INDEXED BY pos_order WHERE " + condition_.sql + " AND (" +
-            columns(kOrder, ", ", "") + ") > (?, ?, ?, ?, ?)" + order() + " LIMIT 5000"));
-        condition_.bind(query, dataselection_);
-        int at = condition_.places;
-        for (const std::string& value : last_)
-            query.bindAt(++at, value);
+        constexpr size_t kAtOnce = 5000;
         std::string lines;
-        std::vector<std::string> reached = last_;
-        while (query.step()) {
-            appendLine(query, lines);
-            for (size_t i = 0; i < std::size(kOrder); ++i)
-                reached[i] = query.text(static_cast<int>(kOrder[i]));
+        for (size_t i = 0; i < kAtOnce && !ended_; ++i) {
+            ended_ = !lines_.step();
+            if (!ended_) appendLine(lines_, lines);
         }
-        last_ = std::move(reached);
         return lines;
     }
 
   private:
-    Database& database_;
-    uint32_t dataselection_;
+    static std::unique_ptr<Database> begun(std::unique_ptr<Database> reader) {
+        reader->script("BEGIN");
+        return reader;
+    }
+
+    // In this order: the query refers to both others, and the count begins the snapshot.
+    std::unique_ptr<Database> reader_;
     Condition condition_;
-    std::vector<std::string> last_;  ///< the sort key of the last line; at first five empty texts
+    uint64_t count_;
+    Query lines_;
+    bool ended_ = false;
 };
 
 }  // namespace
@@ -361,22 +370,14 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
                           std::function<std::string()>& more) {
     constexpr uint64_t kAtOnce = 20'000;  // a few megabytes of lines
     Condition condition = conditionOf(filter);
-    uint64_t count = 0;
-    {
-        Query query =
-            database_.query(database_.kept("SELECT count(*) FROM pos WHERE " + condition.sql));
-        condition.bind(query, dataselection);
-        if (query.step()) count = static_cast<uint64_t>(query.number(0));
+    const uint64_t count = countOf(database_, dataselection, condition);
+    if (auto reader = count > kAtOnce ? database_.reader() : nullptr) {
+        const auto snapshot =
+            std::make_shared<Snapshot>(std::move(reader), dataselection, std::move(condition));
+        more = [snapshot] { return snapshot->next(); };
+        return head(snapshot->count());
     }
-    if (count > kAtOnce) {
-        auto pages = std::make_shared<Pages>(database_, dataselection, std::move(condition));
-        more = [pages] { return pages->next(); };
-        return head(count);
-    }
-    // The unary plus keeps SQLite from reading in the order of pos_order, which would visit all POs
-    // of the data selection; to sort the few that match is cheaper.
-    static const std::string sorted = " ORDER BY +" + columns(kOrder, ", +", "");
-    Query query = database_.query(database_.kept(selection() + "WHERE " + condition.sql + sorted));
+    Query query = database_.query(database_.kept(linesSql(condition, count > kAtOnce)));
     condition.bind(query, dataselection);
     std::string lines = head(count);
     while (query.step())

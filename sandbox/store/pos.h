@@ -1,16 +1,14 @@
 // POs: records of 26 fields, one row each, known by data selection, client, policy, image, folder
 // and name.
 //
-// Thread rule: one thread at a time, also for the blocks of a long find(). No state but the table:
-// changes are part of the transaction that is open, so that a text with one invalid line leaves no
-// PO of the lines before.
+// Thread rule: one thread at a time. The source of a long find() may be called beside the store. No
+// state but the table: changes are part of the transaction that is open, so that a text with one
+// invalid line leaves no PO of the lines before.
 //
-// A find of up to 20,000 POs is one snapshot: no other request comes between count and lines. A
-// longer answer is not. Its head tells the count at that moment; the lines follow in pages of
-// 5,000, and changes may come between two pages. A PO that is deleted meanwhile was counted but is
-// not sent; one that is added behind the last line sent is sent but was not counted. One snapshot
-// would need either the whole answer in memory, or a read transaction that stays open for as long
-// as the client reads.
+// A find is one snapshot: its count and its lines are those of one moment. Up to 20,000 POs are
+// read at once. More are read while they are sent, from a read transaction on a connection of its
+// own, which writers do not wait for. A database in memory has one connection, so there the whole
+// answer is made at once; its POs are in memory anyway.
 #ifndef SANDBOX_STORE_POS_H
 #define SANDBOX_STORE_POS_H
 
@@ -38,7 +36,7 @@ class POStore {
     /// Returns the number of POs that were deleted.
     std::string expire(uint32_t dataselection, const std::string& text);
     /// Returns names, types, count and POs. Of a long answer it returns names, types and count, and
-    /// sets `more` to the source of the pages, which refers to the database.
+    /// sets `more` to the source of the lines, as in Answer::more.
     std::string find(uint32_t dataselection, const std::string& filter,
                      std::function<std::string()>& more);
     void clear();

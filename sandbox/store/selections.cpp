@@ -35,7 +35,7 @@ void Selections::need(uint32_t number) {
         " OR EXISTS (SELECT 1 FROM selections WHERE number = ?1))",
         number);
     if (!row.step()) {
-        throw Event{kNoSelection, "no such data selection: " + std::to_string(number)};
+        throw Event{POOL_EVENT_NO_SELECTION, "no such data selection: " + std::to_string(number)};
     }
 }
 
@@ -48,6 +48,15 @@ std::string Selections::tag(uint32_t number) {
 
 void Selections::add(uint32_t number, const std::string& tag) {
     database_.run("INSERT OR REPLACE INTO selections VALUES (?, ?)", number, tag);
+}
+
+void Selections::each(uint32_t after,
+                      const std::function<bool(uint32_t, std::string_view tag)>& visit) {
+    Query row = database_.query(
+        "SELECT number, tag FROM selections WHERE number > ? ORDER BY number", after);
+    bool more = true;
+    while (more && row.step())
+        more = visit(static_cast<uint32_t>(row.number(0)), row.text(1));
 }
 
 void Selections::clear() {

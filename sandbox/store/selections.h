@@ -6,7 +6,9 @@
 #define SANDBOX_STORE_SELECTIONS_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "sandbox/store/database.h"
 
@@ -24,6 +26,8 @@ class Selections {
     std::string tag(uint32_t number);
     /// An empty tag is none. Replaces the tag of a number that is there.
     void add(uint32_t number, const std::string& tag);
+    /// Visits the added ones behind a number, by number, until `visit` returns false.
+    void each(uint32_t after, const std::function<bool(uint32_t, std::string_view tag)>& visit);
     void clear();
 
   private:

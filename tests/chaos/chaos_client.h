@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "mb/mb_int.h"
+#include "platform/events.h"
 #include "platform/ws.h"
 #include "tests/chaos/chaos_ledger.h"
 
@@ -218,7 +219,6 @@ class Client {
 
     /// What is there already; an image only changes.
     void makeAgain(Kind kind) {
-        constexpr uint32_t kExists = 2002;
         if (items_[kind].empty()) return make(kind);
         std::swap(any(kind), items_[kind].back());
         const std::string path = items_[kind].back().path;
@@ -229,7 +229,7 @@ class Client {
             ledger_.change("~image " + path + " " + std::to_string(flags), outcome);
         } else {
             outcome = ask(
-                "make again", [&] { return makeDirectory(path); }, kExists);
+                "make again", [&] { return makeDirectory(path); }, POOL_EVENT_ENTRY_EXISTS);
             ledger_.make(kNames[kind] + path, outcome);
         }
         // Carried out later than a remove that follows, it would make the thing once more.
@@ -237,10 +237,9 @@ class Client {
     }
 
     void removeNothing(Kind kind) {
-        constexpr uint32_t kNoSuchFile = 2001;
         const std::string path = fresh();
         const auto remove = [&] { return MBFileDelete(session_, path.c_str(), 1); };
-        ledger_.remove(kNames[kind] + path, ask("remove nothing", remove, kNoSuchFile));
+        ledger_.remove(kNames[kind] + path, ask("remove nothing", remove, POOL_EVENT_NO_ENTRY));
     }
 
     void list(Kind kind) { read(kind, bucket_, bucket_); }

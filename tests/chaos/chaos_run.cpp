@@ -106,7 +106,8 @@ class Server {
                       const std::string& body = {}) const {
         const Received answer = RawClient(port_).ask(
             method + " /__admin/" + function + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
-                "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
+                "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+                "\r\n\r\n" + body,
             60'000);
         if (!answer.brief().starts_with("200 ")) throw std::runtime_error(answer.brief());
         return answer.body;

@@ -42,7 +42,7 @@ def secure(port, host, authority, keys):
     try:
         with context.wrap_socket(socket.create_connection(("127.0.0.1", port)), server_hostname=host) as tls:
             tls.settimeout(20)
-            tls.sendall(b"GET /__admin/health HTTP/1.1\r\nHost: x\r\n\r\n")
+            tls.sendall(b"GET /__admin/health HTTP/1.1\r\nHost: localhost:1\r\n\r\n")
             return b" 200 OK" in tls.recv(4096)
     except OSError:
         return False
@@ -76,7 +76,7 @@ def check_folder():
     server = PoolServer(PROGRAM, "made", url="http://127.0.0.1:{}/p/")
     with open(server.config, encoding="utf-8") as file:
         config = file.read()
-    assert f"\nurl = {server.url[:-1]}\n" in config and "ssl-key" not in config, config
+    assert f"\nurl = {server.url[:-1]}\n" in config and "\nssl-key = " in config, config
     assert f"route-tables = {os.path.realpath('made')}/routes\n" in config, config
     for name in ("agent.cfg", "accounts.json", "agent.password", "reader.password"):
         assert os.stat(f"made/{name}").st_mode & 0o777 == 0o600, name

@@ -44,18 +44,18 @@ def check_name_space(server, agent, reader):
         (reader, ["ls", "/pool/sub/ü"], 0, inner + "ü\n", []),
         (agent, ["mkdir", "/new", "/new/deep"], 0, "", []),
         (agent, ["ls", "/new/deep"], 0, "", []),
-        (agent, ["mkdir", "/new"], 1, "", ["/new: ", "(event 2002, server " + url]),
-        (agent, ["rm", "/new"], 1, "", ["/new: ", "event 2004"]),
-        (agent, ["cp", "/pool", "/copy"], 1, "", ["/pool to /copy: ", "event 2005"]),
+        (agent, ["mkdir", "/new"], 1, "", ["/new: ", "(event 10012, server " + url]),
+        (agent, ["rm", "/new"], 1, "", ["/new: ", "event 10014"]),
+        (agent, ["cp", "/pool", "/copy"], 1, "", ["/pool to /copy: ", "event 10015"]),
         (agent, ["cp", "-R", "/pool", "/copy"], 0, "", []),
         (agent, ["mv", "/copy/sub", "/new/deep/sub"], 0, "", []),
         (agent, ["ls", "/copy"], 0, f"f .* a b\nf .* zero\n", []),
         (agent, ["ls", "-R", "/new"], 0, f"d .* deep\nd .* deep/sub\nf .* deep/sub/ü\n", []),
-        (agent, ["cp", "/none", "/more"], 10, "", ["event 2001"]),
-        (agent, ["ls", "/none"], 10, "", ["/none: ", "event 2001"]),
-        (agent, ["mkdir", "relative"], 1, "", ["event 2007"]),
-        (agent, ["mkdir", "--", "-x"], 1, "", ["-x: ", "event 2007"]),
-        (reader, ["mkdir", "/mine"], 12, "", ["event 1002", "login reader)"]),
+        (agent, ["cp", "/none", "/more"], 10, "", ["event 10011"]),
+        (agent, ["ls", "/none"], 10, "", ["/none: ", "event 10011"]),
+        (agent, ["mkdir", "relative"], 1, "", ["event 10017"]),
+        (agent, ["mkdir", "--", "-x"], 1, "", ["-x: ", "event 10017"]),
+        (reader, ["mkdir", "/mine"], 12, "", ["event 10002", "login reader)"]),
         (reader, ["rm", "-R", "/pool"], 12, "", ["/pool: ", "ermission"]),
         (agent, ["ls", "/pool/zero"], 0, last, []),
         (agent, ["rm", "-R", "/new", "/copy"], 0, "", []),
@@ -116,7 +116,7 @@ def check_secrets(top, config, password):
             done = subprocess.run([TOOL, "-v", *command], env={**CLEAN, **variables, "KSPOOL_PASSWORD": secret},
                                   capture_output=True, text=True)
             assert secret not in done.stdout + done.stderr, command
-    run("-v", "ls", "/none", code=10, says=["kspool-mb: error 2001: "], env=variables)
+    run("-v", "ls", "/none", code=10, says=["kspool-mb: error 10011: "], env=variables)
     # Nor does it stay where other programs can read it.
     busy = subprocess.Popen([TOOL, "ping", "-c", "1000000", "--json"], env={**CLEAN, **variables})
     try:

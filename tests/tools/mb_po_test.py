@@ -61,7 +61,7 @@ with tempfile.TemporaryDirectory() as top:
                 ("image", "retention", "1", "--image", "i", "--worm", "1")):
         assert run(*at, *bad, code=2).stderr.count("\n") == 1
     refused = run(*at, "po", "add", "1", code=1, text="no PO\n").stderr
-    assert "line 1: not of 26 fields" in refused and "event 3002" in refused, refused
+    assert "line 1: not of 26 fields" in refused and "event 10022" in refused, refused
     run(*at, "po", "add", "0", code=10, text=po("a", 1))
 
     # Refused, each with its reason and exit code.
@@ -88,7 +88,7 @@ with tempfile.TemporaryDirectory() as top:
     assert shown["values"][:2] == [60, 3], shown
     run(*at, "image", "delete", "1", *image)
     gone = run(*at, "image", "delete", "1", *image, code=10).stderr
-    assert "no such image" in gone and "event 3003" in gone, gone
+    assert "no such image" in gone and "event 10023" in gone, gone
     run(*at, "hvx", "1", code=10, out="")
     server.admin("dataselections", [{"number": 1, "tag": "t g"}])
     run(*at, "hvx", "1", out="t g\n")

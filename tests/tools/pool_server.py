@@ -46,7 +46,9 @@ class PoolServer:
 
     def admin(self, function, body):
         root = "/".join(self.url.split("/")[:3])
-        return json.load(OPENER.open(f"{root}/__admin/{function}", json.dumps(body).encode()))
+        order = urllib.request.Request(f"{root}/__admin/{function}", json.dumps(body).encode(),
+                                       {"Content-Type": "application/json"})
+        return json.load(OPENER.open(order))
 
 
 @contextlib.contextmanager

@@ -8,6 +8,7 @@
 
 #include "common/owned.h"
 #include "ks.h"
+#include "platform/events.h"
 #include "platform/status.h"
 #include "platform/ws.h"
 #include "tools/shared/failure.h"
@@ -16,12 +17,6 @@
 
 namespace tool {
 namespace {
-
-constexpr uint32_t kNoSuchFile = 2001;  // events of docs/wire-protocol.md
-constexpr uint32_t kNoSelection = 3001;
-constexpr uint32_t kNoImage = 3003;
-constexpr uint32_t kBadLogin = 1001;
-constexpr uint32_t kNotAllowed = 1002;
 
 constexpr uint32_t kTransportLast = CR_STATUS_TRANSPORT_BASE + 99;
 
@@ -53,9 +48,9 @@ constexpr Hint kHints[] = {
 
 /// Why a query may be refused, by event.
 constexpr Hint kReasons[] = {
-    {kBadLogin, "Permission denied: unknown login or wrong password"},
-    {kNotAllowed, "Permission denied: the login may not read"},
-    {kNoSelection, "no such data selection"},
+    {POOL_EVENT_UNKNOWN_LOGIN, "Permission denied: unknown login or wrong password"},
+    {POOL_EVENT_NO_PERMISSION, "Permission denied: the login may not read"},
+    {POOL_EVENT_NO_SELECTION, "no such data selection"},
 };
 
 bool isTransport(uint32_t status) {
@@ -73,7 +68,8 @@ std::string shownUrl(const std::string& url) {
 
 ExitCode exitCode(uint32_t status, uint32_t event) {
     if (status == CR_STATUS_PERMISSION_DENIED) return ExitCode::kPermission;
-    const bool nothing = event == kNoSuchFile || event == kNoSelection || event == kNoImage;
+    const bool nothing = event == POOL_EVENT_NO_ENTRY || event == POOL_EVENT_NO_SELECTION ||
+                         event == POOL_EVENT_NO_IMAGE;
     if (status == CR_STATUS_REMOTE_ERROR && nothing) return ExitCode::kNothing;
     return isTransport(status) ? ExitCode::kNetwork : ExitCode::kFailed;
 }
@@ -170,7 +166,8 @@ void Session::attempt(const std::string& subject, const std::function<uint32_t(M
 uint32_t Session::statusOfEvent(uint32_t result) {
     if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
     messages_.noteEvent(result);
-    const bool permission = result == kBadLogin || result == kNotAllowed;
+    const bool permission =
+        result == POOL_EVENT_UNKNOWN_LOGIN || result == POOL_EVENT_NO_PERMISSION;
     return permission ? CR_STATUS_PERMISSION_DENIED : CR_STATUS_REMOTE_ERROR;
 }
 

@@ -1,0 +1,40 @@
+// Members of JSON objects that a person wrote: a mistake is told in words, with what was not
+// understood.
+#ifndef SANDBOX_MEMBERS_H
+#define SANDBOX_MEMBERS_H
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace sandbox {
+
+/// All functions throw std::runtime_error.
+class Members {
+  public:
+    /// The name of such an object, for the words: "a file".
+    explicit Members(const char* owner) : owner_(owner) {}
+
+    /// A member; without one, `otherwise`, and a failure without that.
+    std::string text(const nlohmann::json& object, const char* name,
+                     const std::optional<std::string>& otherwise = {}) const;
+    int64_t number(const nlohmann::json& object, const char* name,
+                   const std::optional<int64_t>& otherwise, int64_t least = INT64_MIN,
+                   int64_t most = INT64_MAX) const;
+
+  private:
+    /// NULL when the member is missing and need not be there.
+    const nlohmann::json* find(const nlohmann::json& object, const char* name, bool needed) const;
+    [[noreturn]] void refuse(const char* name, const std::string& wanted,
+                             const nlohmann::json& given) const;
+
+    const char* owner_;
+};
+
+/// The value of a JSON text; null for an empty one.
+nlohmann::json parseJson(const std::string& text);
+
+}  // namespace sandbox
+
+#endif
