@@ -122,23 +122,18 @@ Parameters parametersOf(const Action& action, const Pairs& pairs, const Request&
 }  // namespace
 
 Core::Core(const Settings& settings)
-    : database_(settings.database),
+    : database_(openPool(settings.database)),
+      upgrade_(database_),
       names_(database_),
       pos_(database_),
       selections_(database_),
       images_(database_),
       architectureMode_(settings.architectureMode) {
-    // A write-ahead log lets other programs read the database while the server writes, and a commit
-    // is an append. NORMAL does not sync the log at each commit: a server that is killed keeps
-    // every change that it confirmed (the bytes are in the system's page cache), while a power
-    // failure may lose the last ones. To sync each commit would cost a test far more than the
-    // request.
-    if (!settings.database.empty())
-        database_.script("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
     database_.script(
         "CREATE TABLE IF NOT EXISTS answers (number INTEGER PRIMARY KEY AUTOINCREMENT,"
         " id TEXT NOT NULL UNIQUE, digest TEXT NOT NULL, status INTEGER NOT NULL,"
         " type TEXT NOT NULL, body TEXT NOT NULL)");
+    upgrade_.finish();
     if (!settings.accountsFile.empty()) accounts_.addFile(settings.accountsFile);
     if (!settings.accounts.empty()) accounts_.addText(accountsText(settings.accounts));
     if (accounts_.empty()) throw std::runtime_error("there is no account, so nobody could log in");

@@ -38,6 +38,7 @@
 #include "sandbox/store/images.h"
 #include "sandbox/store/names.h"
 #include "sandbox/store/pos.h"
+#include "sandbox/store/schema.h"
 #include "sandbox/store/selections.h"
 
 namespace sandbox {
@@ -107,8 +108,10 @@ class Core {
     std::optional<Answer> storedAnswer(const Request& request, const std::string& digest);
     void storeAnswer(const Request& request, const std::string& digest, const Answer& answer);
 
-    // The stores refer to the database, which is therefore the first member and destroyed last.
+    // The stores refer to the database, which is therefore the first member and destroyed last. They
+    // make their tables within the upgrade.
     Database database_;
+    Upgrade upgrade_;
     NameSpace names_;
     POStore pos_;
     Selections selections_;

@@ -70,6 +70,9 @@ struct Setup {
 /// Makes a folder with configuration, accounts and keys, complete or not at all.
 void setUp(const Setup& setup);
 
+/// Writes the configuration of such a folder anew, for a server at another URL.
+void changeUrl(const std::string& folder, const std::string& url);
+
 /// The settings for a server of such a folder.
 Settings readSetup(const std::string& folder);
 

@@ -1,6 +1,5 @@
 // setUp() and readSetup() of sandbox.h: the files of a folder that is served, and the entries of
 // its agent configuration.
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "sandbox/accounts.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/setup/certificates.h"
+#include "sandbox/setup/files.h"
 #include "sandbox/setup/url.h"
 
 namespace sandbox {
@@ -97,16 +97,6 @@ std::string configurationValue(const std::string& file, const ConfigurationRow& 
                                         sizeof value - 1, nullptr, file.c_str());
     if (length > 0) return value;
     fail(file + ": no " + wanted.entryName() + " in section " + wanted.sectionName());
-}
-
-/// Makes a file that only its owner may read: passwords and keys are among them.
-void writeFile(const std::string& path, const std::string& text) {
-    kspool::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (file.get() < 0 ||
-        write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        close(file.release()) != 0) {
-        fail(path + ": " + strerror(errno));
-    }
 }
 
 void writeKeys(const std::string& folder, const std::string& authority, const KeyPair& pair) {
@@ -198,6 +188,11 @@ void setUp(const Setup& setup) {
     NewFolder made(folder);
     fillFolder(made, folder, setup, url);
     made.rename(folder);
+}
+
+void changeUrl(const std::string& folder, const std::string& url) {
+    const std::string path = absoluteFolder(folder);
+    replaceFile(path + "/" + kConfiguration, configurationText(url, path));
 }
 
 Settings readSetup(const std::string& folder) {

@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
 """kspool-sandbox as a program: folders that init makes, and servers of them. Usage: sandbox_program_test.py PROGRAM"""
 import base64
+import contextlib
+import json
 import os
 import re
 import shutil
 import signal
 import socket
+import sqlite3
 import ssl
 import subprocess
 import sys
@@ -19,8 +22,8 @@ from pool_server import OPENER, PoolServer  # noqa: E402
 PROGRAM = os.path.abspath(sys.argv[1])
 
 
-def run(*arguments, code=1, says=""):
-    done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60)
+def run(*arguments, code=1, says="", **options):
+    done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, **options)
     assert done.returncode == code and says in done.stderr, (arguments, done.returncode, done.stderr)
     assert done.stderr.count("\n") == (code != 0), done.stderr
     return done.stdout
@@ -127,9 +130,68 @@ def check_tls():
     server.stop()
 
 
+def check_schema():
+    shutil.copy("made/pool.db", "newer.db")
+    with contextlib.closing(sqlite3.connect("newer.db")) as database:
+        assert database.execute("PRAGMA user_version").fetchone() == (1,)
+        database.execute("PRAGMA user_version = 2")
+    with open("newer.db", "rb") as file:
+        before = file.read()
+    run("serve", "made", "--port", "0", "--db", "newer.db", says="of a newer kspool-sandbox")
+    with open("newer.db", "rb") as file:
+        assert file.read() == before
+
+
+def check_run():
+    """The command's exit code, its environment, and nothing that is left, however it ends."""
+    os.mkdir("temporary")
+    env = {**os.environ, "TMPDIR": os.path.abspath("temporary")}
+    shell = ("run", "--", "sh", "-c")
+    for arguments, code, says in (
+            ((*shell, "exit 7"), 7, ""), ((*shell, "kill -KILL $$"), 137, ""), (("run", "--", "no-such-command"), 127, "No such file"),
+            (("run", "--", "/dev/null"), 126, "Permission denied"), (("run",), 2, "COMMAND"),
+            (("run", "--faults", "none", "--", "true"), 1, "'none'"), (("run", "--tree", "none", "--", "true"), 1, "none")):
+        done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, env=env, check=False)
+        assert done.returncode == code and says in done.stderr, (arguments, done)
+        assert not os.listdir("temporary"), arguments
+    told = 'echo "$KSPOOL_LOGIN $KSPOOL_PASSWORD $KSPOOL_SANDBOX_URL"; grep url "$KSPOOL_AGENT_CONFIG"'
+    for options, scheme in (((), "http"), (("--tls",), "https")):
+        said = run("run", *options, "--", "sh", "-c", told, code=0, env=env)
+        url = re.fullmatch(rf"agent \S{{24}} ({scheme}://127\.0\.0\.1:\d+)\nurl = (.*)\nurl = (.*)\n", said).groups()
+        assert url[0] == url[1] == url[2], said
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        with subprocess.Popen([PROGRAM, *shell, "echo $$; exec sleep 60"], stdout=subprocess.PIPE, text=True, env=env) as ran:
+            command = int(ran.stdout.readline())
+            ran.send_signal(number)
+            assert ran.wait(20) == 128 + number
+        assert not os.path.exists(f"/proc/{command}") and not os.listdir("temporary")
+
+
+def check_faults():
+    listed = run("faults", code=0).splitlines()
+    names = [line.split()[0] for line in listed]
+    assert names == sorted(names) and len(names) > 4 and all(len(line.split()) > 5 for line in listed)
+    for name in names:
+        # A scenario's file is an order, too.
+        with open("faults.json", "w", encoding="utf-8") as file:
+            file.write(run("faults", name, code=0))
+        waiting = len(json.load(open("faults.json", encoding="utf-8"))["faults"])
+        said = run("run", "--faults", "faults.json", "--", "sh", "-c", f'"{PROGRAM}" faults {name} --url $KSPOOL_SANDBOX_URL', code=0)
+        assert said == f"{2 * waiting} faults wait.\n", said
+    run("faults", "none", says="'none'")
+    run("faults", "slow", "--url", "http://127.0.0.1:1", says="http://127.0.0.1:1: ")
+    run("faults", "--url", "http://127.0.0.1:1", code=2, says="NAME")
+    said = run("run", "--tls", "--", "sh", "-c", f'"{PROGRAM}" faults slow --url $KSPOOL_SANDBOX_URL --keys '
+               '"$(dirname "$KSPOOL_AGENT_CONFIG")/tls/client"', code=0)
+    assert said == "2 faults wait.\n", said
+
+
 with tempfile.TemporaryDirectory() as place:
     os.chdir(place)
     check_refusals()
     check_serving(*check_folder())
+    check_schema()
+    check_run()
+    check_faults()
     check_tls()
     os.chdir("/")

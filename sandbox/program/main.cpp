@@ -1,90 +1,23 @@
 // kspool-sandbox: the command line. Every function that fails throws std::exception; only main()
 // and the parser's result become exit codes.
-#include <signal.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <optional>
-#include <stdexcept>
 #include <string>
 
+#include "sandbox/program/program.h"
 #include "sandbox/sandbox.h"
 
 namespace {
+
+using sandbox::program::complain;
+using sandbox::program::kProgram;
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-constexpr char kProgram[] = "kspool-sandbox";
-
-void complain(const std::string& text) {
-    fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
-}
-
-[[noreturn]] void fail(const std::string& text) {
-    throw std::runtime_error(text);
-}
-
-struct ServeOptions {
-    std::string folder;
-    std::string database;
-    std::optional<uint16_t> port;
-    std::string portFile;
-    std::string tlsFolder;
-    std::string tree;
-    uint32_t architectureMode = 1;
-};
-
-/// The file appears complete, by rename: a reader that waits for it never sees half a number.
-void writePortFile(const std::string& path, uint16_t port) {
-    const std::string temporary = path + ".new";
-    FILE* file = fopen(temporary.c_str(), "we");
-    if (file == nullptr) fail(path + ": " + strerror(errno));
-    const bool written = fprintf(file, "%u\n", unsigned{port}) > 0;
-    const bool closed = fclose(file) == 0;
-    if (written && closed && rename(temporary.c_str(), path.c_str()) == 0) return;
-    const std::string reason = strerror(errno);
-    remove(temporary.c_str());
-    fail(path + ": " + reason);
-}
-
-sandbox::Settings settingsOf(const ServeOptions& options) {
-    sandbox::Settings settings;
-    try {
-        settings = sandbox::readSetup(options.folder);
-    } catch (const std::exception& error) {
-        fail(std::string(error.what()) + " (" + kProgram + " init makes such a folder)");
-    }
-    if (!options.database.empty()) settings.database = options.database;
-    if (options.port) settings.port = *options.port;
-    if (!options.tlsFolder.empty()) settings.tlsFolder = options.tlsFolder;
-    settings.tree = options.tree;
-    settings.architectureMode = options.architectureMode;
-    return settings;
-}
-
-void serve(const ServeOptions& options) {
-    const sandbox::Settings settings = settingsOf(options);
-    // Blocked in every thread, so that a signal waits for sigwait() instead of ending the program
-    // before the server's destructor has run.
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    sigprocmask(SIG_BLOCK, &ends, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    const sandbox::Server server(settings);
-    if (!server.warning().empty()) complain(server.warning());
-    if (!options.portFile.empty()) writePortFile(options.portFile, server.port());
-    printf("READY url=%s pid=%ld\n", server.url().c_str(), static_cast<long>(getpid()));
-    if (fflush(stdout) != 0) fail(std::string("standard output: ") + strerror(errno));
-    int signalNumber = 0;
-    sigwait(&ends, &signalNumber);
-}
+constexpr char kFaultsHelp[] =
+    "A scenario's name (see the faults command), or a JSON file of faults";
 
 void init(const sandbox::Setup& setup) {
     sandbox::setUp(setup);
@@ -102,10 +35,10 @@ void init(const sandbox::Setup& setup) {
     } else {
         printf("  curl %s/__admin/health\n", setup.url.c_str());
     }
-    if (fflush(stdout) != 0) fail("standard output could not be written");
+    sandbox::program::flush();
 }
 
-void addServe(CLI::App& app, ServeOptions& options) {
+void addServe(CLI::App& app, sandbox::program::ServeOptions& options) {
     CLI::App* command = app.add_subcommand("serve", "Serve a folder that init made");
     command->add_option("DIR", options.folder, "The folder")->required();
     command->add_option("--db", options.database, "SQLite file of the pool [DIR/pool.db]");
@@ -117,10 +50,41 @@ void addServe(CLI::App& app, ServeOptions& options) {
                         "Architecture mode; 0: a legacy server [1]");
     command->add_option("--tree", options.tree,
                         "Put the names, sizes and times of a folder's files into the pool");
+    command->add_option("--faults", options.faults, kFaultsHelp);
     command->footer(
         "Prints READY url=URL pid=PID when it serves. SIGTERM and SIGINT end it.\n"
         "Exit code: 0 ended by a signal; 1 it could not serve; 2 bad options.");
-    command->callback([&] { serve(options); });
+    command->callback([&] { sandbox::program::serve(options); });
+}
+
+void addRun(CLI::App& app, sandbox::program::RunOptions& options, int& exitCode) {
+    CLI::App* command = app.add_subcommand("run", "Run a command beside a server of its own");
+    command->add_flag("--tls", options.tls, "Serve over TLS");
+    command->add_option("--tree", options.tree,
+                        "Put the names, sizes and times of a folder's files into the pool");
+    command->add_option("--faults", options.faults, kFaultsHelp);
+    command->add_option("COMMAND", options.command, "After --: the command and its arguments")
+        ->required();
+    command->footer(
+        "The command gets KSPOOL_AGENT_CONFIG, KSPOOL_LOGIN, KSPOOL_PASSWORD and\n"
+        "KSPOOL_SANDBOX_URL. The server and its temporary folder go when the command ends.\n"
+        "Exit code: that of the command; 128 and the signal that ended it; 127 there is no such\n"
+        "command; 126 it could not be started; 1 the server could not serve; 2 bad options.");
+    command->callback([&] { exitCode = sandbox::program::run(options); });
+}
+
+void addFaults(CLI::App& app, sandbox::program::FaultOptions& options) {
+    CLI::App* command =
+        app.add_subcommand("faults", "List the scenarios of faults, print one, or order one");
+    command->add_option("NAME", options.name, "A scenario");
+    command->add_option("--url", options.url, "URL of a running server to order it of")
+        ->needs(command->get_option("NAME"));
+    command
+        ->add_option("--keys", options.keys,
+                     "Folder with ca.pem, cert.pem, key.pem of a client, with https")
+        ->needs(command->get_option("--url"));
+    command->footer("Exit code: 0 done; 1 it could not be done; 2 bad options.");
+    command->callback([&] { sandbox::program::faults(options); });
 }
 
 void addInit(CLI::App& app, sandbox::Setup& setup) {
@@ -137,10 +101,15 @@ void addInit(CLI::App& app, sandbox::Setup& setup) {
 int parseAndWork(int argc, char** argv) {
     CLI::App app("A pool server for development, on this machine only.", kProgram);
     app.set_version_flag("--version", std::string(kProgram) + " " KSPOOL_VERSION);
-    ServeOptions options;
+    sandbox::program::ServeOptions serving;
+    sandbox::program::RunOptions running;
+    sandbox::program::FaultOptions ordering;
     sandbox::Setup setup;
-    addServe(app, options);
+    int exitCode = kExitOk;
+    addServe(app, serving);
+    addRun(app, running, exitCode);
     addInit(app, setup);
+    addFaults(app, ordering);
     app.require_subcommand(1);
     try {
         app.parse(argc, argv);
@@ -149,7 +118,7 @@ int parseAndWork(int argc, char** argv) {
         complain(std::string(error.what()) + " (see " + kProgram + " --help)");
         return kExitUsage;
     }
-    return kExitOk;
+    return exitCode;
 }
 
 }  // namespace

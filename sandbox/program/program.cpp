@@ -1,0 +1,45 @@
+#include "sandbox/program/program.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "sandbox/scenarios.h"
+
+namespace sandbox::program {
+
+void complain(const std::string& text) {
+    fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+}
+
+void fail(const std::string& text) {
+    throw std::runtime_error(text);
+}
+
+std::string faultsText(const std::string& nameOrFile) {
+    if (nameOrFile.empty()) return {};
+    if (access(nameOrFile.c_str(), F_OK) != 0) return scenarioText(nameOrFile);
+    std::ifstream stream(nameOrFile, std::ios::binary);
+    if (!stream) fail(nameOrFile + ": " + strerror(errno));
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+sigset_t blockSignals(std::initializer_list<int> numbers) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : numbers)
+        sigaddset(&set, number);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return set;
+}
+
+void flush() {
+    if (fflush(stdout) != 0) fail(std::string("standard output: ") + strerror(errno));
+}
+
+}  // namespace sandbox::program

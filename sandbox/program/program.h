@@ -1,0 +1,60 @@
+// What the subcommands of kspool-sandbox share. Every function that fails throws std::exception.
+#ifndef SANDBOX_PROGRAM_PROGRAM_H
+#define SANDBOX_PROGRAM_PROGRAM_H
+
+#include <csignal>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sandbox::program {
+
+constexpr char kProgram[] = "kspool-sandbox";
+
+struct ServeOptions {
+    std::string folder;
+    std::string database;
+    std::optional<uint16_t> port;
+    std::string portFile;
+    std::string tlsFolder;
+    std::string tree;
+    std::string faults;
+    uint32_t architectureMode = 1;
+};
+
+struct RunOptions {
+    bool tls = false;
+    std::string tree;
+    std::string faults;
+    std::vector<std::string> command;
+};
+
+struct FaultOptions {
+    std::string name;  ///< of a scenario; empty: list them
+    std::string url;   ///< of a server to order it of; empty: print it
+    std::string keys;  ///< folder with ca.pem, cert.pem and key.pem for https
+};
+
+/// Serves until a signal ends it.
+void serve(const ServeOptions& options);
+/// Runs a command beside a server of its own; returns the exit code.
+int run(const RunOptions& options);
+/// Lists the scenarios, prints one, or orders one of a running server.
+void faults(const FaultOptions& options);
+
+/// A message on standard error, on one line.
+void complain(const std::string& text);
+[[noreturn]] void fail(const std::string& text);
+/// The text of a faults option: the scenario of a name, or a file. Empty for an empty one.
+std::string faultsText(const std::string& nameOrFile);
+/// Blocks signals in this thread, and so in all that it starts later: they wait for sigwait()
+/// instead of ending the program before the server's destructor has run.
+sigset_t blockSignals(std::initializer_list<int> numbers);
+/// Writes out what was printed. Throws when it could not be written.
+void flush();
+
+}  // namespace sandbox::program
+
+#endif

@@ -1,0 +1,50 @@
+#include "sandbox/store/schema.h"
+
+#include <cstdint>
+#include <iterator>
+
+namespace sandbox {
+namespace {
+
+/// What makes version N + 1 of version N, by N. Steps are only ever added.
+constexpr const char* kSteps[] = {
+    // The codes of events moved to 10001 and above. A refusal that was stored before holds an old
+    // one, which clients would take for another status; its request is refused anew if it comes.
+    "DELETE FROM answers WHERE status <> 200",
+};
+constexpr int64_t kCurrent = std::size(kSteps);
+
+int64_t versionOf(Database& database) {
+    Query query = database.query("PRAGMA user_version");
+    return query.step() ? query.number(0) : 0;
+}
+
+}  // namespace
+
+Database openPool(const std::string& file) {
+    Database database(file);
+    if (file.empty()) return database;
+    const int64_t version = versionOf(database);
+    if (version < 0 || version > kCurrent) {
+        throw DatabaseError(file + ": of a newer kspool-sandbox: its version is " +
+                            std::to_string(version) + ", this program knows up to " +
+                            std::to_string(kCurrent));
+    }
+    // A write-ahead log lets other programs read the database while the server writes, and a commit
+    // is an append. NORMAL does not sync the log at each commit: a server that is killed keeps
+    // every change that it confirmed (the bytes are in the system's page cache), while a power
+    // failure may lose the last ones. To sync each commit would cost a test far more than the
+    // request.
+    database.script("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
+    return database;
+}
+
+void Upgrade::finish() {
+    for (int64_t version = versionOf(database_); version < kCurrent; ++version)
+        database_.script(kSteps[version]);
+    database_.script(("PRAGMA user_version = " + std::to_string(kCurrent)).c_str());
+    transaction_->commit();
+    transaction_.reset();
+}
+
+}  // namespace sandbox
