@@ -108,8 +108,8 @@ class Core {
     std::optional<Answer> storedAnswer(const Request& request, const std::string& digest);
     void storeAnswer(const Request& request, const std::string& digest, const Answer& answer);
 
-    // The stores refer to the database, which is therefore the first member and destroyed last. They
-    // make their tables within the upgrade.
+    // The stores refer to the database, which is therefore the first member and destroyed last.
+    // They make their tables within the upgrade.
     Database database_;
     Upgrade upgrade_;
     NameSpace names_;
