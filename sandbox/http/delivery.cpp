@@ -132,17 +132,17 @@ Stream spoilt(std::string body, const Fault& fault, uint64_t& declared) {
     return stream;
 }
 
-/// An answer before it is queued, and its log's part: the lines that tell the end of the body, and
-/// the body.
+/// An answer before it is queued, and its log's part: the lines by which libmicrohttpd tells the
+/// end of the body, before the other lines and behind them, and the body.
 struct Prepared {
     Response response;
+    std::string before;
     std::string framing;
     std::string shown;
     uint64_t bytes = 0;
 };
 
-std::string framingOf(uint64_t declared, bool unbounded) {
-    if (unbounded) return "Connection: close\r\n";
+std::string framingOf(uint64_t declared) {
     if (declared == MHD_SIZE_UNKNOWN) return "Transfer-Encoding: chunked\r\n";
     return "Content-Length: " + std::to_string(declared) + "\r\n";
 }
@@ -152,12 +152,12 @@ Prepared prepare(MHD_Connection* connection, Alarm& alarm, Answer& answer, const
     made.bytes = answer.body.size();
     made.shown = answer.body.substr(0, kKeptMessage);
     if (answer.more != nullptr) {
-        made.framing = framingOf(MHD_SIZE_UNKNOWN, false);
+        made.framing = framingOf(MHD_SIZE_UNKNOWN);
         made.response = blocksResponse(answer);
         return made;
     }
     if (fault == nullptr || fault->kind->delivery == Delivery::kPlain) {
-        made.framing = framingOf(answer.body.size(), false);
+        made.framing = framingOf(answer.body.size());
         made.response.reset(MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
                                                             MHD_RESPMEM_MUST_COPY));
         return made;
@@ -169,7 +169,8 @@ Prepared prepare(MHD_Connection* connection, Alarm& alarm, Answer& answer, const
     made.bytes = stream.length;
     made.shown.resize(std::min<uint64_t>(stream.length, kKeptMessage), 'x');
     const bool unbounded = fault->kind->delivery == Delivery::kUnbounded;
-    made.framing = framingOf(declared, unbounded);
+    (unbounded ? made.before : made.framing) =
+        unbounded ? "Connection: close\r\n" : framingOf(declared);
     made.response = streamResponse(std::move(stream), declared);
     if (made.response != nullptr && unbounded)
         MHD_set_response_options(made.response.get(), MHD_RF_HTTP_1_0_COMPATIBLE_STRICT,
@@ -237,7 +238,8 @@ MHD_Result deliver(MHD_Connection* connection, Alarm& alarm, Answer answer, cons
     for (const auto& [name, value] : answer.headers)
         add(name, value);
     if (sent != nullptr)
-        *sent = answerMessage(answer.status, lines + made.framing, made.shown, made.bytes);
+        *sent = answerMessage(answer.status, made.before + lines + made.framing, made.shown,
+                              made.bytes);
     return MHD_queue_response(connection, answer.status, made.response.get());
 }
 
