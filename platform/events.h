@@ -28,7 +28,7 @@
     X(SERVER_FAILED, 10031, 500, "the pool server failed")
 
 enum PoolEvent {
-#define KSPOOL_EVENT_CODE(name, code, status, text) POOL_EVENT_##name = code,
+#define KSPOOL_EVENT_CODE(name, code, status, text) POOL_EVENT_##name = (code),
     KSPOOL_EVENTS(KSPOOL_EVENT_CODE)
 #undef KSPOOL_EVENT_CODE
 };

@@ -29,7 +29,7 @@ struct EventRow {
 };
 
 constexpr EventRow kEvents[] = {
-#define KSPOOL_EVENT_ROW(name, code, status, text) {POOL_EVENT_##name, status, text},
+#define KSPOOL_EVENT_ROW(name, code, status, text) {POOL_EVENT_##name, (status), (text)},
     KSPOOL_EVENTS(KSPOOL_EVENT_ROW)
 #undef KSPOOL_EVENT_ROW
 };

@@ -150,18 +150,20 @@ const FaultKind& kindOf(const Json& json) {
     refuse("unknown kind of fault: " + given->dump());
 }
 
+void checkMember(const FaultKind& kind, const std::string& member, const Json& value) {
+    const std::string name = kind.name;
+    if (!listed(kCommonMembers, member) && !listed(kind.members, member))
+        refuse("fault '" + name + "' has no member '" + member + "'");
+    const char* wanted = member == "kind" ? nullptr : wrong(kind, member, value);
+    if (wanted != nullptr)
+        refuse("'" + member + "' of fault '" + name + "' is not " + wanted + ": " + value.dump());
+}
+
 Fault parse(const Json& json) {
     Fault fault;
     fault.kind = &kindOf(json);
-    const std::string name = fault.kind->name;
-    for (const auto& [member, value] : json.items()) {
-        if (!listed(kCommonMembers, member) && !listed(fault.kind->members, member))
-            refuse("fault '" + name + "' has no member '" + member + "'");
-        if (const char* wanted = member == "kind" ? nullptr : wrong(*fault.kind, member, value)) {
-            refuse("'" + member + "' of fault '" + name + "' is not " + wanted + ": " +
-                   value.dump());
-        }
-    }
+    for (const auto& [member, value] : json.items())
+        checkMember(*fault.kind, member, value);
     fault.members = json;
     fault.timesLeft = json.value("times", uint64_t{1});
     fault.chance = json.value("chance", 1.0);

@@ -55,7 +55,7 @@ constexpr StatusText kTexts[] = {
     {WS_STATUS_TOO_LARGE, "the server's answer is too large"},
     {WS_STATUS_CONNECT_TIMED_OUT, "no connection to the server could be made in time"},
     {WS_STATUS_ABORTED, "the request was aborted"},
-#define KSPOOL_EVENT_ROW(name, code, http, text) {POOL_EVENT_##name, text},
+#define KSPOOL_EVENT_ROW(name, code, http, text) {POOL_EVENT_##name, (text)},
     KSPOOL_EVENTS(KSPOOL_EVENT_ROW)
 #undef KSPOOL_EVENT_ROW
 };
