@@ -27,10 +27,12 @@
     X(BAD_IMAGE, 10024, 400, "not a valid image")                                   \
     X(SERVER_FAILED, 10031, 500, "the pool server failed")
 
-enum PoolEvent {
+/* A row of the list as an enumerator. */
 #define KSPOOL_EVENT_CODE(name, code, status, text) POOL_EVENT_##name = (code),
-    KSPOOL_EVENTS(KSPOOL_EVENT_CODE)
+
+/* The codes: POOL_EVENT_NO_ENTRY and so on, a name for each row of the list. */
+enum PoolEvent { KSPOOL_EVENTS(KSPOOL_EVENT_CODE) };
+
 #undef KSPOOL_EVENT_CODE
-};
 
 #endif

@@ -122,7 +122,7 @@ TEST(Crowd, GuessesHoldNoLoginUp) {
     ends = true;
     for (std::thread& client : clients)
         client.join();
-    EXPECT_LT(first, alone * 10);
+    EXPECT_LT(first, alone * 6);
     EXPECT_LT(again, alone * 2) << "a login that was verified is not hashed again";
 }
 
