@@ -51,40 +51,14 @@ class Ear {
 
 TEST(PlatformStatus, EveryStatusHasATextOfItsOwn) {
     std::vector<std::string> texts;
-    for (const uint32_t status : {0U,
-                                  1U,
-                                  2U,
-                                  4U,
-                                  9U,
-                                  10U,
-                                  11U,
-                                  14U,
-                                  22U,
-                                  23U,
-                                  25U,
-                                  32U,
-                                  44U,
-                                  82U,
-                                  85U,
-                                  106U,
-                                  108U,
-                                  1002U,
-                                  1012U,
-                                  2000U,
-                                  2001U,
-                                  2002U,
-                                  2003U,
-                                  2004U,
-                                  2005U,
-                                  2006U,
-                                  2007U,
-                                  2008U,
-                                  2009U,
-                                  77777U,
-#define EVENT_CODE(name, code, http, text) code##U,
-                                  KSPOOL_EVENTS(EVENT_CODE)
+    std::vector<uint32_t> statuses = {0U,    1U,    2U,    4U,    9U,    10U,   11U,   14U,
+                                      22U,   23U,   25U,   32U,   44U,   82U,   85U,   106U,
+                                      108U,  1002U, 1012U, 2000U, 2001U, 2002U, 2003U, 2004U,
+                                      2005U, 2006U, 2007U, 2008U, 2009U, 77777U};
+#define EVENT_CODE(name, code, http, text) statuses.push_back(code);
+    KSPOOL_EVENTS(EVENT_CODE)
 #undef EVENT_CODE
-         }) {
+    for (const uint32_t status : statuses) {
         texts.emplace_back(CRStatusToStringA(status));
         EXPECT_NE(texts.back(), "");
     }
