@@ -65,7 +65,7 @@ OrderedJson Core::imagePage(const std::string& after) {
                           {"name", image.name},
                           {"dofp", image.dofp},
                           {"parent", std::to_string(image.parent)},
-                          {"datetime", std::to_string(image.datetime)},
+                          {"datetime", std::to_string(static_cast<uint64_t>(image.datetime))},
                           {"dcid", std::to_string(static_cast<uint64_t>(image.dcid))},
                           {"flags", std::to_string(image.flags)},
                           {"retention", retention}},

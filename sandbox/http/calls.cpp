@@ -19,6 +19,11 @@ namespace {
 using Json = nlohmann::json;
 using OrderedJson = nlohmann::ordered_json;
 
+/// What is asked for is not there: 404.
+struct Missing : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 /// A call with what it was given.
 struct Call {
     State& state;
@@ -58,7 +63,7 @@ OrderedJson messages(const Call& call) {
     std::from_chars(call.rest.data(), call.rest.data() + call.rest.size(), number);
     OrderedJson found = call.state.log.messages(number);
     if (found.is_null())
-        throw std::runtime_error("only the last 100 requests are kept, not '" + call.rest + "'");
+        throw Missing("only the last 100 requests are kept, not '" + call.rest + "'");
     return found;
 }
 
@@ -176,6 +181,8 @@ Answer administrate(State& state, const std::string& method, const std::string& 
         const std::string rest = path.substr(row->path.size());
         const std::lock_guard<std::mutex> lock(state.mutex);
         return json(200, row->run({state, given, parameters, rest}));
+    } catch (const Missing& missing) {
+        return failure(404, missing.what());
     } catch (const std::exception& error) {
         return failure(400, error.what());
     }

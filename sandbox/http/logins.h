@@ -5,7 +5,8 @@
 // the verdict is there; libmicrohttpd then calls its handler again.
 //
 // The newest and the oldest login take turns. In the order of their coming, a login would wait for
-// every guess that came before it; the newest first, it could be overtaken for ever.
+// every guess that came before it; the newest first, it could be overtaken for ever. So most wait
+// for one or two others, and none for more than twice as many as came before it.
 //
 // Thread rule: suspend() in libmicrohttpd's thread, stop() in the one that ends the server.
 //
