@@ -45,7 +45,7 @@ nlohmann::json scenarioFaults(const std::string& name) {
 }
 
 nlohmann::json faultsOfText(const std::string& text) {
-    const nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
+    nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
     if (parsed.is_discarded()) throw std::runtime_error("not JSON");
     if (parsed.is_array()) return parsed;
     if (!parsed.is_object() || !parsed.contains("faults"))

@@ -74,6 +74,7 @@ void setEnvironment(const std::string& pool, const std::string& url) {
 
 pid_t start(const std::vector<std::string>& command, const sigset_t& blocked) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
