@@ -202,6 +202,8 @@ void Faults::add(const Json& list) {
             if (added.back().timesLeft == 0) added.pop_back();
         }
     }
+    constexpr size_t kMost = 1000;
+    if (faults_.size() + added.size() > kMost) refuse("no more than 1,000 faults wait at once");
     faults_.insert(faults_.end(), added.begin(), added.end());
     ++version_;
 }

@@ -14,7 +14,9 @@
 // Thread rule: one thread at a time, under State::mutex.
 //
 // Invariants:
-//  1. `timesLeft` of each fault in the queue is at least 1; a fault at 0 is removed.
+//  1. `timesLeft` of each fault in the queue is at least 1; a fault at 0 is removed. The queue has
+//  at
+//     most 1,000.
 //  2. The members of each fault are checked when it is added: to read them cannot throw later.
 //  3. `struck_` has at most 20 requests, the newest at the end.
 //  4. Each fault has a random generator of its own, with a given seed, and draws only for requests

@@ -2,9 +2,11 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "sandbox/core.h"
 #include "sandbox/members.h"
+#include "sandbox/store/characters.h"
 
 namespace sandbox {
 namespace {
@@ -35,22 +37,38 @@ struct Page {
     std::string last;
 };
 
-/// The key of an image as a cursor, and back. The names cannot hold the separator.
+constexpr char kSeparator = '\0';
+
+/// The key of an image as a cursor, and back: in hexadecimal digits, since a name may be no UTF-8,
+/// and JSON would change it.
 std::string cursorOf(const Image& image) {
-    return std::to_string(image.dsid) + "|" + image.client + "|" + image.policy + "|" + image.name;
+    std::string cursor;
+    for (const std::string& part :
+         {std::to_string(image.dsid), image.client, image.policy, image.name}) {
+        for (const char c : part + kSeparator)
+            appendHex(cursor, static_cast<uint8_t>(c), kCapitalHex);
+    }
+    return cursor;
 }
 
 Image imageBehind(const std::string& cursor) {
+    std::vector<std::string> parts(1);
+    for (size_t at = 0; at + 1 < cursor.size(); at += 2) {
+        const char c =
+            static_cast<char>(capitalHexValue(cursor[at]) * 16 + capitalHexValue(cursor[at + 1]));
+        if (c == kSeparator) {
+            parts.emplace_back();
+        } else {
+            parts.back() += c;
+        }
+    }
+    if (cursor.empty()) return {};
+    if (parts.size() != 5) throw std::runtime_error("'after' is not the 'next' of a page");
     Image image;
-    if (cursor.empty()) return image;
-    const size_t client = cursor.find('|'), policy = cursor.find('|', client + 1),
-                 name = cursor.find('|', policy + 1);
-    if (client == std::string::npos || policy == std::string::npos || name == std::string::npos)
-        throw std::runtime_error("'after' is not the 'next' of a page");
-    image.dsid = static_cast<uint32_t>(strtoul(cursor.c_str(), nullptr, 10));
-    image.client = cursor.substr(client + 1, policy - client - 1);
-    image.policy = cursor.substr(policy + 1, name - policy - 1);
-    image.name = cursor.substr(name + 1);
+    image.dsid = static_cast<uint32_t>(strtoul(parts[0].c_str(), nullptr, 10));
+    image.client = parts[1];
+    image.policy = parts[2];
+    image.name = parts[3];
     return image;
 }
 

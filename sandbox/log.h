@@ -6,7 +6,8 @@
 // Invariants:
 //  1. `last_` has at most 100 entries, the newest at the end, with ascending numbers. The texts
 //  that
-//     a client chooses are cut to 200 bytes each, the messages to 8 KiB.
+//     a client chooses are cut to 200 bytes each, of the first 20 parameters, the messages to 8
+//     KiB.
 //  2. `actions_` has at most 101 names: further ones are counted together as "...".
 #ifndef SANDBOX_LOG_H
 #define SANDBOX_LOG_H

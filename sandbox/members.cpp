@@ -60,8 +60,16 @@ int64_t Members::number(const Json& object, const char* name,
 
 Json parseJson(const std::string& text) {
     if (text.empty()) return nullptr;
+    // The library reads any depth, and prints and copies by recursion: a deep text would exhaust
+    // the stack.
+    constexpr int kDeepest = 100;
+    const auto check = [](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
+        if (depth > kDeepest)
+            throw std::runtime_error("JSON that is nested deeper than 100 levels");
+        return true;
+    };
     try {
-        return Json::parse(text);
+        return Json::parse(text, check);
     } catch (const Json::parse_error& error) {
         throw std::runtime_error("not JSON: byte " + std::to_string(error.byte) +
                                  " is not understood");

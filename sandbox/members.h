@@ -32,7 +32,8 @@ class Members {
     const char* owner_;
 };
 
-/// The value of a JSON text; null for an empty one.
+/// The value of a JSON text, up to 100 levels deep; null for an empty one. Throws
+/// std::runtime_error.
 nlohmann::json parseJson(const std::string& text);
 
 }  // namespace sandbox

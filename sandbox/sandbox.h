@@ -22,6 +22,7 @@ struct Account {
 struct Settings {
     std::string database;           ///< SQLite file, made when missing; empty: in memory
     uint16_t port = 0;              ///< 0: the system chooses a free one
+    std::string host;               ///< of the URL that clients use; administration under it
     std::string prefix;             ///< path of the URL, such as "/pool"; empty: none
     std::string tlsFolder;          ///< with ca.pem, cert.pem and key.pem; empty: plain http
     std::string accountsFile;       ///< as setUp() writes it

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "sandbox/members.h"
 #include "sandbox/texts.h"
 
 namespace sandbox {
@@ -45,8 +46,7 @@ nlohmann::json scenarioFaults(const std::string& name) {
 }
 
 nlohmann::json faultsOfText(const std::string& text) {
-    nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
-    if (parsed.is_discarded()) throw std::runtime_error("not JSON");
+    nlohmann::json parsed = parseJson(text);
     if (parsed.is_array()) return parsed;
     if (!parsed.is_object() || !parsed.contains("faults"))
         throw std::runtime_error("neither an array of faults nor a scenario with \"faults\"");

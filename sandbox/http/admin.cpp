@@ -17,11 +17,13 @@ std::string header(MHD_Connection* connection, const char* name) {
     return value != nullptr ? value : "";
 }
 
-/// The names by which programs on this machine reach a server of the loopback interface.
-bool isLoopback(std::string_view host) {
-    constexpr std::string_view kNames[] = {"127.0.0.1", "localhost", "[::1]"};
-    return std::any_of(std::begin(kNames), std::end(kNames), [&](std::string_view name) {
-        return host == name || (host.starts_with(name) && host[name.size()] == ':');
+/// The names by which programs on this machine reach the server: those of the loopback interface,
+/// and the one that somebody configured.
+bool isOurs(std::string_view host, const std::string& configured) {
+    const std::string_view names[] = {"127.0.0.1", "localhost", "[::1]", configured};
+    return std::any_of(std::begin(names), std::end(names), [&](std::string_view name) {
+        return !name.empty() &&
+               (host == name || (host.starts_with(name) && host[name.size()] == ':'));
     });
 }
 
@@ -35,10 +37,15 @@ Answer plain(unsigned status, const char* text) {
 /// The refusal of a request that another site's page may have sent; status 200 when it is none.
 Answer refusal(MHD_Connection* connection, const State& state, const Request& request) {
     const std::string host = header(connection, MHD_HTTP_HEADER_HOST);
-    if (!isLoopback(host)) return plain(403, "not under this name: use 127.0.0.1 or localhost\n");
+    if (!isOurs(host, state.host))
+        return plain(403, "not under this name: use 127.0.0.1 or localhost\n");
     const std::string origin = header(connection, MHD_HTTP_HEADER_ORIGIN);
     const std::string own = state.url.substr(0, state.url.find("//") + 2) + host;
     if (!origin.empty() && origin != own) return plain(403, "not for pages of other sites\n");
+    // A picture or frame of another site sends no Origin, and would hold a stream of events.
+    const bool foreign = header(connection, "Sec-Fetch-Site") == "cross-site" &&
+                         header(connection, "Sec-Fetch-Mode") != "navigate";
+    if (foreign) return plain(403, "not for pages of other sites\n");
     if (request.method != "GET" && !hasMediaType(request.contentType, "application/json"))
         return plain(415, "changes need Content-Type: application/json\n");
     return request.tooLarge ? plain(413, "too large\n") : Answer{};

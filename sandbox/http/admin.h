@@ -4,7 +4,8 @@
 // The calls need no login, so web pages of other sites must not reach them through the browser of
 // somebody on this machine:
 //  - A foreign Origin is refused: browsers send the header with scripted requests and each POST.
-//  - A Host that is no name of the loopback interface is refused. A site could otherwise make its
+//  - A Host that is neither a name of the loopback interface nor that of the configured URL is
+//    refused. A site could otherwise make its
 //    own name resolve to 127.0.0.1 (DNS rebinding), and its Origin would be the server's own.
 //  - Calls that change something need Content-Type: application/json, which a page of another site
 //    cannot send without asking first.

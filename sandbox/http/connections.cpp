@@ -25,6 +25,8 @@ unsigned mostConnections() {
 Connections::Connections() : most_(mostConnections()) {}
 
 void Connections::begin(MHD_Connection* connection, void** context) noexcept {
+    // Before it has a seat: otherwise the newcomer could be the one that makes room.
+    if (count_ + 1 > most_ - most_ / 10) makeRoom();
     try {
         Seats& fresh = seats_[kFresh];
         Seat& seat = fresh.emplace_back(Seat{connection, kFresh, {}});
@@ -35,7 +37,6 @@ void Connections::begin(MHD_Connection* connection, void** context) noexcept {
         return;
     }
     ++count_;
-    if (count_ > most_ - most_ / 10) makeRoom();
 }
 
 void Connections::end(void** context) noexcept {

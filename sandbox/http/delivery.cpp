@@ -149,6 +149,8 @@ std::string framingOf(uint64_t declared) {
 
 Prepared prepare(MHD_Connection* connection, Alarm& alarm, Answer& answer, const Fault* fault) {
     Prepared made;
+    const bool bodiless = answer.status == 204 || answer.status == 304;
+    if (bodiless) answer.body.clear();
     made.bytes = answer.body.size();
     made.shown = answer.body.substr(0, kKeptMessage);
     if (answer.more != nullptr) {
@@ -157,7 +159,7 @@ Prepared prepare(MHD_Connection* connection, Alarm& alarm, Answer& answer, const
         return made;
     }
     if (fault == nullptr || fault->kind->delivery == Delivery::kPlain) {
-        made.framing = framingOf(answer.body.size());
+        if (!bodiless) made.framing = framingOf(answer.body.size());
         made.response.reset(MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
                                                             MHD_RESPMEM_MUST_COPY));
         return made;

@@ -1,5 +1,7 @@
 #include "sandbox/http/events.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -71,6 +73,15 @@ std::string news(Stream& stream) {
     return text;
 }
 
+/// True when the reader has closed its side: libmicrohttpd does not watch a suspended connection,
+/// and a page that was closed would keep its place until a write fails.
+bool isGone(MHD_Connection* connection) {
+    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (info == nullptr) return false;
+    pollfd wait{info->connect_fd, POLLRDHUP, 0};
+    return poll(&wait, 1, 0) > 0;
+}
+
 /// Reader of libmicrohttpd. 0 means no data yet, which is allowed for a suspended connection.
 ssize_t readStream(void* closure, uint64_t /*position*/, char* buffer, size_t size) noexcept {
     auto& stream = *static_cast<Stream*>(closure);
@@ -82,6 +93,7 @@ ssize_t readStream(void* closure, uint64_t /*position*/, char* buffer, size_t si
                 stream.text = ":\n\n";
         }
         if (stream.text.empty()) {
+            if (isGone(stream.connection)) return MHD_CONTENT_READER_END_WITH_ERROR;
             return stream.alarm.suspend(stream.connection, kPause)
                        ? 0
                        : MHD_CONTENT_READER_END_OF_STREAM;

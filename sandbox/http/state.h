@@ -33,7 +33,10 @@ namespace sandbox {
 /// runs. The other members are set before, never change, and are read without it.
 struct State {
     explicit State(const Settings& settings)
-        : core(settings), prefix(settings.prefix), bodyLimit(settings.bodyLimit) {}
+        : core(settings),
+          host(settings.host),
+          prefix(settings.prefix),
+          bodyLimit(settings.bodyLimit) {}
 
     std::mutex mutex;
     Core core;
@@ -41,6 +44,7 @@ struct State {
     RequestLog log;
     int eventReaders = 0;  ///< of libmicrohttpd's thread alone
     std::string url;
+    std::string host;    ///< of the configured URL, or empty
     std::string prefix;  ///< of the path of each URL but those below /__admin/
     uint64_t bodyLimit;
 };

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string_view>
+
+#include "sandbox/store/characters.h"
 
 namespace sandbox {
 namespace {
@@ -17,9 +20,27 @@ Message message(std::string head, const std::string& body, uint64_t bodyBytes) {
     return made;
 }
 
-/// "Basic dXNlcg==" becomes "Basic ***".
+/// "Basic dXNlcg==" becomes "Basic ***", and anything that is not a word and a blank "***".
 std::string masked(std::string_view credentials) {
-    return std::string(credentials.substr(0, credentials.find(' '))) + " ***";
+    const std::string_view scheme = credentials.substr(0, credentials.find_first_of(" \t"));
+    const bool word = scheme.size() < credentials.size() &&
+                      std::all_of(scheme.begin(), scheme.end(), isLetterOrDigit);
+    return word ? std::string(scheme) + " ***" : "***";
+}
+
+/// A header's name without the blanks that some clients put before the colon.
+bool isNamed(std::string_view name, const char* wanted) {
+    name = name.substr(0, name.find_last_not_of(" \t") + 1);
+    return name.size() == strlen(wanted) && strncasecmp(name.data(), wanted, name.size()) == 0;
+}
+
+/// No action has a parameter "password"; a client that sends one by mistake is not exposed.
+void maskPasswords(std::string& text) {
+    constexpr std::string_view kName = "password=";
+    for (size_t at = text.find(kName); at != std::string::npos; at = text.find(kName, at)) {
+        at += kName.size();
+        text.replace(at, std::min(text.find_first_of("& \r\n", at), text.size()) - at, "***");
+    }
 }
 
 MHD_Result appendHeader(void* closure, MHD_ValueKind /*kind*/, const char* name,
@@ -27,8 +48,8 @@ MHD_Result appendHeader(void* closure, MHD_ValueKind /*kind*/, const char* name,
     try {
         auto& head = *static_cast<std::string*>(closure);
         const std::string_view given = value != nullptr ? value : "";
-        const bool secret = strcasecmp(name, MHD_HTTP_HEADER_AUTHORIZATION) == 0 ||
-                            strcasecmp(name, MHD_HTTP_HEADER_PROXY_AUTHORIZATION) == 0;
+        const bool secret = isNamed(name, MHD_HTTP_HEADER_AUTHORIZATION) ||
+                            isNamed(name, MHD_HTTP_HEADER_PROXY_AUTHORIZATION);
         head.append(name).append(": ");
         if (secret) {
             head.append(masked(given));
@@ -48,7 +69,9 @@ Message requestMessage(MHD_Connection* connection, const Request& request, const
                        uint64_t bodyBytes) {
     std::string head = request.method + " " + uri + " HTTP/1.1\r\n";
     MHD_get_connection_values(connection, MHD_HEADER_KIND, appendHeader, &head);
-    return message(head + "\r\n", request.body, bodyBytes);
+    Message made = message(head + "\r\n", request.body, bodyBytes);
+    maskPasswords(made.text);
+    return made;
 }
 
 Message answerMessage(unsigned status, const std::string& lines, const std::string& body,

@@ -1,8 +1,10 @@
 // kspool-sandbox: the command line. Every function that fails throws std::exception; only main()
 // and the parser's result become exit codes.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "sandbox/program/program.h"
 #include "sandbox/sandbox.h"
@@ -58,19 +60,21 @@ void addServe(CLI::App& app, sandbox::program::ServeOptions& options) {
 }
 
 void addRun(CLI::App& app, sandbox::program::RunOptions& options, int& exitCode) {
-    CLI::App* command = app.add_subcommand("run", "Run a command beside a server of its own");
+    CLI::App* command = app.add_subcommand(
+        "run", "Run a command beside a server of its own: run [OPTIONS] -- COMMAND [ARG...]");
     command->add_flag("--tls", options.tls, "Serve over TLS");
     command->add_option("--tree", options.tree,
                         "Put the names, sizes and times of a folder's files into the pool");
     command->add_option("--faults", options.faults, kFaultsHelp);
-    command->add_option("COMMAND", options.command, "After --: the command and its arguments")
-        ->required();
     command->footer(
         "The command gets KSPOOL_AGENT_CONFIG, KSPOOL_LOGIN, KSPOOL_PASSWORD and\n"
         "KSPOOL_SANDBOX_URL. The server and its temporary folder go when the command ends.\n"
         "Exit code: that of the command; 128 and the signal that ended it; 127 there is no such\n"
         "command; 126 it could not be started; 1 the server could not serve; 2 bad options.");
-    command->callback([&] { exitCode = sandbox::program::run(options); });
+    command->callback([&] {
+        if (options.command.empty()) throw CLI::RequiredError("-- COMMAND");
+        exitCode = sandbox::program::run(options);
+    });
 }
 
 void addFaults(CLI::App& app, sandbox::program::FaultOptions& options) {
@@ -111,8 +115,12 @@ int parseAndWork(int argc, char** argv) {
     addInit(app, setup);
     addFaults(app, ordering);
     app.require_subcommand(1);
+    // What is behind "--" is the command's: the parser would split a word such as [1,2] at its
+    // commas.
+    char** const end = std::find(argv + 1, argv + argc, std::string_view("--"));
+    if (end != argv + argc) running.command.assign(end + 1, argv + argc);
     try {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(end - argv), argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
         complain(std::string(error.what()) + " (see " + kProgram + " --help)");

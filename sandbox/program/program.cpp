@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -23,7 +24,10 @@ void fail(const std::string& text) {
 
 std::string faultsText(const std::string& nameOrFile) {
     if (nameOrFile.empty()) return {};
-    if (access(nameOrFile.c_str(), F_OK) != 0) return scenarioText(nameOrFile);
+    const auto list = scenarioList();
+    const bool named = std::any_of(list.begin(), list.end(),
+                                   [&](const auto& one) { return one["name"] == nameOrFile; });
+    if (named || access(nameOrFile.c_str(), F_OK) != 0) return scenarioText(nameOrFile);
     std::ifstream stream(nameOrFile, std::ios::binary);
     if (!stream) fail(nameOrFile + ": " + strerror(errno));
     return {std::istreambuf_iterator<char>(stream), {}};

@@ -60,7 +60,8 @@ void setEnvironment(const std::string& pool, const std::string& url) {
     setVariable("KSPOOL_SANDBOX_URL", url);
 }
 
-/// Becomes the command. Only calls that are safe after a fork of a process with threads.
+/// Becomes the command. After a fork of a process with threads only calls are allowed that take no
+/// lock of theirs; those of a failed exec are only for the message.
 [[noreturn]] void become(char* const* arguments, const sigset_t& blocked, pid_t parent) {
     // Were this program killed, the command would go on without its server.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -104,6 +105,8 @@ int await(pid_t child, const sigset_t& signals) {
 int run(const RunOptions& options) {
     const std::string faults = faultsText(options.faults);
     const sigset_t signals = blockSignals({SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCHLD});
+    // Ignored, as a parent may leave it, the signal would never tell of the command's end.
+    signal(SIGCHLD, SIG_DFL);
     const TemporaryFolder folder;
     const std::string pool = folder.path() + "/pool";
     // The port of this URL is never used: which one is free is known when the server listens.

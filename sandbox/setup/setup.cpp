@@ -200,6 +200,7 @@ Settings readSetup(const std::string& folder) {
     const Url url = parseUrl(configurationValue(path + "/" + kConfiguration, kUrlRow));
     Settings settings;
     settings.port = url.port;
+    settings.host = url.host;
     settings.prefix = url.prefix;
     settings.database = path + "/" + kDatabase;
     settings.accountsFile = path + "/" + kAccounts;

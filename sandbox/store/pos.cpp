@@ -379,10 +379,11 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
     }
     Query query = database_.query(database_.kept(linesSql(condition, count > kAtOnce)));
     condition.bind(query, dataselection);
-    std::string lines = head(count);
-    while (query.step())
+    std::string lines;
+    uint64_t read = 0;  // and not the count, between which and this query another program may write
+    for (; query.step(); ++read)
         appendLine(query, lines);
-    return lines;
+    return head(read) + lines;
 }
 
 void POStore::clear() {

@@ -92,6 +92,24 @@ TEST(Crowd, HalfRequestsKeepNobodyOut) {
     EXPECT_TRUE(closedWithin(halves.back(), 20'000)) << "nothing moves: the time-out";
 }
 
+/// Room is made by those who wait, never by the one who comes.
+TEST(Crowd, IdleSessionsMakeRoom) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit small{200, limit.rlim_max};  // the server's: 136 connections
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &small), 0);
+    const SandboxProcess server(settings());
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::list<RawClient> sessions;
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(sessions.emplace_back(portOf(server.url))
+                      .ask(request("secret", "action=gettime"))
+                      .brief(),
+                  "200 1700000000\n")
+            << i;
+    }
+}
+
 /// Beside clients that guess, a session whose login was verified goes on as if they were not there.
 TEST(Crowd, GuessesHoldNoLoginUp) {
     const SandboxProcess server(settings());

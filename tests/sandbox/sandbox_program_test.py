@@ -154,6 +154,8 @@ def check_run():
         done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, env=env, check=False)
         assert done.returncode == code and says in done.stderr, (arguments, done)
         assert not os.listdir("temporary"), arguments
+    assert run("run", "--", "printf", "<%s>", "[1,2]", "[]", "", "--", "--tls", code=0, env=env) == "<[1,2]><[]><><--><--tls>"
+    run("run", "--", "true", code=0, env=env, preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
     told = 'echo "$KSPOOL_LOGIN $KSPOOL_PASSWORD $KSPOOL_SANDBOX_URL"; grep url "$KSPOOL_AGENT_CONFIG"'
     for options, scheme in (((), "http"), (("--tls",), "https")):
         said = run("run", *options, "--", "sh", "-c", told, code=0, env=env)
