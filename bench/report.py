@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Turns the benchmarks' JSON into documents. Usage: report.py cache|growth|limit|session FOLDER JSON...
+"""Turns the benchmarks' JSON into documents. Usage: report.py cache|growth|limit|session|pool FOLDER JSON...
 
 Each figure is the median over the repetitions, in nanoseconds an operation; a ratio is a table's
 median divided by abseil's in the same run. The spread is that of the cache's own repetitions.
@@ -42,12 +42,17 @@ CARE = {  # work: title, peer
 }
 
 times = collections.defaultdict(list)
+pools = {}
 kind, folder, *names = sys.argv[1:]
 for name in names:
     with open(name, encoding="utf-8") as file:
         report = json.load(file)
     if kind == "limit":
         break
+    if kind == "pool":
+        part, system, number = os.path.basename(name).removesuffix(".json").split("-")
+        pools[part, system, int(number)] = report
+        continue
     for run in report["benchmarks"]:
         if run["run_type"] == "iteration":
             work, table, count = run["name"].split("/")[:3]
@@ -330,4 +335,69 @@ def limit_report():
     write("limit.md", out + [""])
 
 
-{"cache": cache_report, "growth": growth_report, "limit": limit_report, "session": session_report}[kind]()
+POOL = {  # kind: title
+    "record": "record of {batch} POs", "name": "query by name, 1 PO", "prefix": "query by name prefix, 10 POs",
+    "folder": "query by folder, 20 POs", "client": "query by client, 100 POs", "expire": "expire of {batch} POs",
+}
+
+
+def pool_table(runs, head, cell):
+    """A row for each kind of operation and a column for each run."""
+    out = [f"| {head[0]} | " + " | ".join(head[1:]) + " |", "|---|" + "---:|" * len(runs)]
+    for work, title in POOL.items():
+        cells = " | ".join(cell(run["kinds"][work]) for run in runs)
+        out.append(f"| {title.format(batch=runs[0]['batch'])} | {cells} |")
+    return out
+
+
+def pool_latency(kind):
+    return f"{kind['median'] * 1e3:.2f} ({kind['99 %'] * 1e3:.2f})"
+
+
+def pool_rate(kind):
+    return f"{statistics.median(kind['rates']):,.0f} ({min(kind['rates']):,.0f} to {max(kind['rates']):,.0f})"
+
+
+def pool_totals(runs):
+    return [f"| all operations, a second | " + " | ".join(f"{r['all']['operations a second']:,.0f}" for r in runs) + " |"]
+
+
+def pool_report():
+    parts = {part: sorted((key for key in pools if key[0] == part), key=lambda key: (key[2], key[1]))
+             for part in ("growth", "agents", "store")}
+    growth, agents, store = ([pools[key] for key in keys] for keys in parts.values())
+    sizes = [f"{run['preload']['pos']:,}" for run in growth]
+    slower = {work: growth[-1]["kinds"][work]["median"] / growth[0]["kinds"][work]["median"] for work in POOL}
+    least, most = min(slower.values()), max(slower.values())
+    failed = sum(run["all"]["failed"] for run in pools.values())
+    loaded = ", ".join(f"{run['preload']['pos'] / run['preload']['seconds']:,.0f}" for run in growth)
+    out = ["# A pool under load", "",
+           "Written by `scripts/bench pool`: agents, each with a session and a thread of its own, record, query and",
+           "expire POs on `kspool-sandbox`. Client and server share the processors of the machine. Each run has a new",
+           f"server with its database in a file on {parts['growth'][0][1]}, unless a table says otherwise. The server remembers the answer",
+           "of each change in the transaction of the change. Milliseconds, median and in brackets 99 %; an agent sends",
+           "an operation when the one before has ended. Each query asks for POs at random among all of the pool, and its",
+           f"answer is compared with what was recorded; {failed:,} of {sum(r['all']['operations'] for r in pools.values()):,} operations failed.",
+           "", "## Growth", "",
+           f"One agent; the kinds take turns in {growth[0]['rounds']} rounds.", ""]
+    out += pool_table(growth, ["POs in the pool", *sizes], pool_latency)
+    out += ["", "Operations a second, median of the rounds; in brackets the slowest and the fastest round.", ""]
+    out += pool_table(growth, ["POs in the pool", *sizes], pool_rate)
+    out += ["", f"From {sizes[0]} to {sizes[-1]} POs a median grows to between {least:.2f} and {most:.2f} times its value: queries and",
+            "changes descend in indexes, whose depth grows with the logarithm of the number of POs. The pools were filled in",
+            f"lists of 1,000 POs, at {loaded} POs a second.",
+            "", "## Agents at once", "",
+            f"A mix of a fifth records, three fifths queries and a fifth expires on {agents[0]['preload']['pos']:,} POs.", ""]
+    out += pool_table(agents, ["agents", *(str(run["agents"]) for run in agents)], pool_latency) + pool_totals(agents)
+    out += ["", "The server carries out one request at a time, so that beyond its capacity the agents wait for each other:",
+            "latency grows with their number, and the rate does not.",
+            "", "## The file system of the database", "",
+            f"The same mix from {store[0]['agents']} agents.", ""]
+    out += pool_table(store, ["file system", *(system for _, system, _ in parts["store"])], pool_latency) + pool_totals(store)
+    out += ["", "The server does not sync at a commit, but SQLite syncs at each checkpoint of its write-ahead log, about each",
+            "1,000 pages. The request that runs into a checkpoint waits for the disk, and all others wait behind it.", ""]
+    write("pool.md", out + machine())
+
+
+{"cache": cache_report, "growth": growth_report, "limit": limit_report, "session": session_report,
+ "pool": pool_report}[kind]()

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <iterator>
 #include <memory>
 #include <string_view>
 #include <system_error>
@@ -12,6 +11,7 @@
 
 #include "sandbox/store/characters.h"
 #include "sandbox/store/event.h"
+#include "sandbox/store/statistics.h"
 
 namespace sandbox {
 namespace {
@@ -207,7 +207,8 @@ struct Condition {
         std::string glob;
         for (const char c : value)
             glob += c == '[' ? "[[]" : std::string(1, c);
-        text(name + " GLOB ?", glob);
+        // Of a bare value SQLite would find the prefix itself, by compiling anew for each value.
+        text(name + " GLOB ? || ''", glob);
     }
 
     void bind(Query& query, uint32_t dataselection) const {
@@ -251,6 +252,7 @@ POStore::POStore(Database& database) : database_(database) {
             .c_str());
     // f10 is the name: a filter that gives nothing else would otherwise read all rows.
     database_.script("CREATE INDEX IF NOT EXISTS pos_name ON pos (ds, f10)");
+    database_.script(kStatistics);
 }
 
 std::string POStore::add(uint32_t dataselection, const std::string& text, OnKnown onKnown) {
@@ -312,16 +314,17 @@ void appendLine(const Query& query, std::string& lines) {
 
 /// The SQL that reads the lines of an answer.
 std::string linesSql(const Condition& condition, bool many) {
-    const std::string selected = selection() + (many ? "INDEXED BY pos_order WHERE " : "WHERE ");
-    // The unary plus keeps SQLite from reading in the order of pos_order, which would visit all POs
-    // of the data selection; to sort the few that match is cheaper. Many are read in that order:
-    // sorted first, all of them would be in memory before the first line goes out.
-    return selected + condition.sql + " ORDER BY " + (many ? "" : "+") +
+    // The unary plus keeps SQLite from reading in the order of pos_order, which may visit all POs:
+    // to sort the few that match is cheaper. Many may be read in that order, since sorted first, a
+    // whole data selection would be copied before the first line goes out.
+    return selection() + "WHERE " + condition.sql + " ORDER BY " + (many ? "" : "+") +
            columns(kOrder, many ? ", " : ", +", "");
 }
 
+constexpr char kCount[] = "SELECT count(*) FROM pos WHERE ";
+
 uint64_t countOf(Database& database, uint32_t dataselection, const Condition& condition) {
-    Query query = database.query(database.kept("SELECT count(*) FROM pos WHERE " + condition.sql));
+    Query query = database.query(database.kept(kCount + condition.sql));
     condition.bind(query, dataselection);
     return query.step() ? static_cast<uint64_t>(query.number(0)) : 0;
 }
@@ -384,6 +387,11 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
     for (; query.step(); ++read)
         appendLine(query, lines);
     return head(read) + lines;
+}
+
+std::vector<std::string> POStore::statements(const std::string& filter) {
+    const Condition condition = conditionOf(filter);
+    return {kCount + condition.sql, linesSql(condition, false), linesSql(condition, true)};
 }
 
 void POStore::clear() {

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "sandbox/store/database.h"
 
@@ -39,6 +40,8 @@ class POStore {
     /// sets `more` to the source of the lines, as in Answer::more.
     std::string find(uint32_t dataselection, const std::string& filter,
                      std::function<std::string()>& more);
+    /// The SQL with which a find counts, reads few POs and reads many, for tests of SQLite's plans.
+    static std::vector<std::string> statements(const std::string& filter);
     void clear();
 
   private:
