@@ -76,7 +76,7 @@ void Agent::preload(uint64_t pos, Counters& counters) {
                                      reasonOf(outcome));
         }
         counters.pos += outcome.pos;
-        ++counters.done;
+        counters.done += outcome.pos;
         left -= units;
     }
 }

@@ -42,14 +42,15 @@ class Progress {
         if (seconds < (terminal_ ? 1 : 10)) return;
         const uint64_t done = counters.done, pos = counters.pos, failed = counters.failed;
         const auto rate = [=](uint64_t now, uint64_t before) {
-            return counted(static_cast<double>(now - before) / seconds).c_str() + std::string("/s");
+            return counted(static_cast<double>(now - before) / seconds);
         };
-        fprintf(stderr, "%s%s, %.0f s: %s operations, %s; %s POs, %s", terminal_ ? "\r\033[K" : "",
-                title_.c_str(), secondsSince(start_), counted(static_cast<double>(done)).c_str(),
-                rate(done, done_).c_str(), counted(static_cast<double>(pos)).c_str(),
-                rate(pos, pos_).c_str());
+        // Within 80 columns, since a line that wraps cannot be redrawn.
+        fprintf(stderr, "%s%s: %.0f s, %s done, %s/s", terminal_ ? "\r\033[K" : "", title_.c_str(),
+                secondsSince(start_), counted(static_cast<double>(done)).c_str(),
+                rate(done, done_).c_str());
+        if (pos != done) fprintf(stderr, ", %s POs/s", rate(pos, pos_).c_str());
         if (failed > 0)
-            fprintf(stderr, "; %s failed", counted(static_cast<double>(failed)).c_str());
+            fprintf(stderr, ", %s failed", counted(static_cast<double>(failed)).c_str());
         if (!terminal_) fputc('\n', stderr);
         done_ = done;
         pos_ = pos;
@@ -96,7 +97,10 @@ void Load::preload() {
 
 void Load::run() {
     if (settings_.rounds == 0) {
-        const double seconds = stage("mix", settings_.weights);
+        const std::string limit = settings_.seconds > 0
+                                      ? counted(settings_.seconds) + " s"
+                                      : counted(static_cast<double>(settings_.operations));
+        const double seconds = stage("mix of " + limit, settings_.weights);
         result_.kindSeconds.fill(seconds);
         for (size_t kind = 0; kind < kKinds; ++kind) {
             const uint64_t done = succeeded(static_cast<Kind>(kind));
@@ -148,11 +152,7 @@ double Load::stage(const std::string& title, const Weights& weights) {
         stage.end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                        std::chrono::duration<double>(settings_.seconds));
     }
-    const std::string limit =
-        settings_.seconds > 0 ? counted(settings_.seconds) + " s"
-                              : counted(static_cast<double>(settings_.operations)) + " operations";
-    const double seconds =
-        together(title + " of " + limit, [&](Agent& agent) { agent.run(stage, counters_); });
+    const double seconds = together(title, [&](Agent& agent) { agent.run(stage, counters_); });
     result_.seconds += seconds;
     return seconds;
 }

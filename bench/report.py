@@ -52,8 +52,7 @@ for name in names:
     if kind == "pool":
         part, system, number = os.path.basename(name).removesuffix(".json").split("-")
         pools[part, system, int(number)] = report
-        continue
-    for run in report["benchmarks"]:
+    for run in report.get("benchmarks", ()):
         if run["run_type"] == "iteration":
             work, table, count = run["name"].split("/")[:3]
             times[work, table, int(count)].append(1e9 / run["items_per_second"])
@@ -342,7 +341,6 @@ POOL = {  # kind: title
 
 
 def pool_table(runs, head, cell):
-    """A row for each kind of operation and a column for each run."""
     out = [f"| {head[0]} | " + " | ".join(head[1:]) + " |", "|---|" + "---:|" * len(runs)]
     for work, title in POOL.items():
         cells = " | ".join(cell(run["kinds"][work]) for run in runs)
@@ -358,43 +356,42 @@ def pool_rate(kind):
     return f"{statistics.median(kind['rates']):,.0f} ({min(kind['rates']):,.0f} to {max(kind['rates']):,.0f})"
 
 
-def pool_totals(runs):
-    return [f"| all operations, a second | " + " | ".join(f"{r['all']['operations a second']:,.0f}" for r in runs) + " |"]
+def pool_section(part, name_of, first):
+    """The runs of a part, and their table: latencies by kind, and the rate of all kinds together."""
+    keys = sorted((key for key in pools if key[0] == part), key=lambda key: (key[2], key[1]))
+    runs = [pools[key] for key in keys]
+    return runs, pool_table(runs, [first, *(name_of(key[1], key[2]) for key in keys)], pool_latency) + [
+        "| all, operations a second | " + " | ".join(f"{run['all']['operations a second']:,.0f}" for run in runs) + " |"]
 
 
 def pool_report():
-    parts = {part: sorted((key for key in pools if key[0] == part), key=lambda key: (key[2], key[1]))
-             for part in ("growth", "agents", "store")}
-    growth, agents, store = ([pools[key] for key in keys] for keys in parts.values())
+    growth, growing = pool_section("growth", lambda _, number: f"{number:,}", "POs in the pool")
+    agents, crowding = pool_section("agents", lambda _, number: str(number), "agents")
+    store, storing = pool_section("store", lambda system, _: system, "file system")
     sizes = [f"{run['preload']['pos']:,}" for run in growth]
-    slower = {work: growth[-1]["kinds"][work]["median"] / growth[0]["kinds"][work]["median"] for work in POOL}
-    least, most = min(slower.values()), max(slower.values())
-    failed = sum(run["all"]["failed"] for run in pools.values())
-    loaded = ", ".join(f"{run['preload']['pos'] / run['preload']['seconds']:,.0f}" for run in growth)
+    slower = [growth[-1]["kinds"][work]["median"] / growth[0]["kinds"][work]["median"] for work in POOL]
+    loaded = " and ".join(f"{run['preload']['pos'] / run['preload']['seconds']:,.0f}" for run in (growth[0], growth[-1]))
+    total, failed = (sum(run["all"][count] for run in pools.values()) for count in ("operations", "failed"))
+    crowd = agents[-1]["all"]["operations a second"] / agents[0]["all"]["operations a second"]
     out = ["# A pool under load", "",
            "Written by `scripts/bench pool`: agents, each with a session and a thread of its own, record, query and",
-           "expire POs on `kspool-sandbox`. Client and server share the processors of the machine. Each run has a new",
-           f"server with its database in a file on {parts['growth'][0][1]}, unless a table says otherwise. The server remembers the answer",
-           "of each change in the transaction of the change. Milliseconds, median and in brackets 99 %; an agent sends",
-           "an operation when the one before has ended. Each query asks for POs at random among all of the pool, and its",
-           f"answer is compared with what was recorded; {failed:,} of {sum(r['all']['operations'] for r in pools.values()):,} operations failed.",
-           "", "## Growth", "",
-           f"One agent; the kinds take turns in {growth[0]['rounds']} rounds.", ""]
-    out += pool_table(growth, ["POs in the pool", *sizes], pool_latency)
-    out += ["", "Operations a second, median of the rounds; in brackets the slowest and the fastest round.", ""]
+           "expire POs on `kspool-sandbox`. Client and server share the processors of the machine. Each run has a server of",
+           f"its own, whose database is a file on {next(iter(pools))[1]} unless a table says otherwise; it stores the answer to a",
+           "change in the same transaction. An agent sends an operation when the one before has ended. Queries choose at random",
+           f"among all POs, and each answer is compared with what was recorded: of {total:,} operations, {failed:,} failed.",
+           "Milliseconds, median and in brackets 99 %.",
+           "", "## Growth", "", f"One agent; the kinds take turns in {growth[0]['rounds']} rounds.", ""]
+    out += growing[:-1] + ["", "Operations a second, median of the rounds; in brackets the slowest and the fastest round.", ""]
     out += pool_table(growth, ["POs in the pool", *sizes], pool_rate)
-    out += ["", f"From {sizes[0]} to {sizes[-1]} POs a median grows to between {least:.2f} and {most:.2f} times its value: queries and",
-            "changes descend in indexes, whose depth grows with the logarithm of the number of POs. The pools were filled in",
-            f"lists of 1,000 POs, at {loaded} POs a second.",
+    out += ["", f"From {sizes[0]} to {sizes[-1]} POs the medians grow to {min(slower):.2f} to {max(slower):.2f} times their values. Each",
+            "query seeks in an index, and then reads the POs that it returns. The pools were filled by lists of 1,000 POs,",
+            f"at {loaded} POs a second for the smallest and the largest.",
             "", "## Agents at once", "",
-            f"A mix of a fifth records, three fifths queries and a fifth expires on {agents[0]['preload']['pos']:,} POs.", ""]
-    out += pool_table(agents, ["agents", *(str(run["agents"]) for run in agents)], pool_latency) + pool_totals(agents)
-    out += ["", "The server carries out one request at a time, so that beyond its capacity the agents wait for each other:",
-            "latency grows with their number, and the rate does not.",
-            "", "## The file system of the database", "",
-            f"The same mix from {store[0]['agents']} agents.", ""]
-    out += pool_table(store, ["file system", *(system for _, system, _ in parts["store"])], pool_latency) + pool_totals(store)
-    out += ["", "The server does not sync at a commit, but SQLite syncs at each checkpoint of its write-ahead log, about each",
+            f"A mix of a fifth records, three fifths queries and a fifth expires on {agents[0]['preload']['pos']:,} POs.", "", *crowding,
+            "", f"The rate with {agents[-1]['agents']} agents is {crowd:.2f} times that with one. The server carries out one request at a time, so an",
+            "agent waits for the requests of all others.", "", "## The file system of the database", "",
+            f"The same mix from {store[0]['agents']} agents.", "", *storing,
+            "", "The server does not sync at a commit, but SQLite syncs at each checkpoint of its write-ahead log, about each",
             "1,000 pages. The request that runs into a checkpoint waits for the disk, and all others wait behind it.", ""]
     write("pool.md", out + machine())
 
