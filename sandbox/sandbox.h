@@ -34,9 +34,9 @@ struct Settings {
     uint64_t bodyLimit = uint64_t{64} << 20;  ///< bytes of a request's body
 };
 
-/// A running server, from its construction to its destruction. It works in two threads of its own:
-/// libmicrohttpd's, and the alarm's that ends delays. Both block all signals. Its functions may be
-/// called from any thread.
+/// A running server, from its construction to its destruction. It works in threads of its own:
+/// libmicrohttpd's, the alarm's that ends delays, and that of the logins, which hashes passwords.
+/// They block all signals. Its functions may be called from any thread.
 class Server {
   public:
     /// Returns when the server accepts connections.

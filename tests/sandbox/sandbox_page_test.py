@@ -71,6 +71,13 @@ def check_fault_by_keyboard():
     until_shown("#log tbody tr", "\t200\t", "metabase/mkdir")
     tab_to("#log button", Keys.END, Keys.HOME, Keys.ENTER)
     until_shown("#wire", "action=mkdir&path=%2Fmade", "HTTP/1.1 200")
+    open_tab("faults")
+    tab_to("#what", "full")  # a scenario
+    tab_to("#order button", Keys.ENTER)
+    until_shown("#waiting", "addlist", "database or disk is full")
+    assert "disk is full" in run(MB, "mkdir", "/more", code=1).stderr
+    tab_to("#remove", Keys.ENTER)
+    until_shown("#waits", "none")
 
 
 def check_hostile_texts():

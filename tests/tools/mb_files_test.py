@@ -200,6 +200,9 @@ with tempfile.TemporaryDirectory() as top:
     config, url = server.config, server.url
     agent, reader = (("--config", config, "--login", login, "--password-file", f"{top}/sandbox/{login}.password")
                      for login in ("agent", "reader"))
+    # The configuration that init makes lacks nothing.
+    told = subprocess.run([TOOL, "-v", *agent, "time"], capture_output=True, text=True, timeout=60, env=CLEAN, check=True)
+    assert "trace: _configLoad" in told.stderr and "Missing configuration" not in told.stderr, told.stderr
     secrets += [open(who[-1], encoding="utf-8").readline().strip() for who in (agent, reader)]
     assert all(secrets)
     check_name_space(server, agent, reader)
