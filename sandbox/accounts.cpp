@@ -181,7 +181,7 @@ Accounts::Digest Accounts::headerDigest(const std::string& header) const {
 }
 
 std::optional<const Accounts::Entry*> Accounts::verdict(const std::string& header) const {
-    if (entries_.empty() || header.empty()) return nullptr;
+    if (header.empty()) return nullptr;
     const auto known = verdicts_.find(headerDigest(header));
     return known != verdicts_.end() ? std::optional(known->second) : std::nullopt;
 }

@@ -59,7 +59,8 @@ class Accounts {
     bool empty() const { return entries_.empty(); }
     /// The remembered verdict on an Authorization header; nothing when it has to be checked.
     std::optional<const Entry*> verdict(const std::string& header) const;
-    /// The account whose login and password the header holds, or NULL. Takes some 30 ms.
+    /// The account whose login and password the header holds, or NULL. Takes some 30 ms. REQUIRES:
+    /// there is an account.
     const Entry* check(const std::string& header) const;
     void remember(const std::string& header, const Entry* account);
     /// NULL is the permission that every account has.
