@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""kspool-agent backup while calls of it fail: memory, reads, writes, opens, the rename of its cache.
+"""kspool-agent record while calls of it fail: memory, reads, writes, opens, the rename of its cache.
 Usage: agent_fail_test.py AGENT SANDBOX SHIM [RUNS]
 
 Whatever fails, the run ends with a documented exit code and a word on it, and the next one completes.
@@ -28,17 +28,17 @@ with tempfile.TemporaryDirectory() as top:
         with open(f"{tree}/{i}", "wb") as file:
             file.write(random.Random(i).randbytes(3000))
 
-    def backup(image, **variables):
-        return subprocess.run([AGENT, "backup", tree, "--client", "me", "--image", image,
+    def record(image, **variables):
+        return subprocess.run([AGENT, "record", tree, "--client", "me", "--image", image,
                                "--cache", cache, "--segment", "1KiB"],
                               env={**os.environ, **variables}, capture_output=True, text=True)
 
     def check_whole(image):
-        whole = backup(image)
+        whole = record(image)
         assert whole.returncode == 0, whole
         assert len(found(AGENT, image)) == FILES, found(AGENT, image)
 
-    counted = backup("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
+    counted = record("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
     assert counted.returncode == 0, counted
     calls = int(open(top + "/count").read())
     chance = random.Random(SEED)
@@ -49,7 +49,7 @@ with tempfile.TemporaryDirectory() as top:
         ending = {"FAIL_ALL": "1"} if run % 2 else {}
         if run % 4 == 0 and os.path.exists(cache):
             os.remove(cache)
-        done = backup(image, LD_PRELOAD=SHIM, FAIL_NTH=str(nth), **ending)
+        done = record(image, LD_PRELOAD=SHIM, FAIL_NTH=str(nth), **ending)
         assert done.returncode in DOCUMENTED, (nth, ending, done)
         failed += done.returncode != 0
         assert done.returncode == 0 or done.stderr or ending, (nth, done)

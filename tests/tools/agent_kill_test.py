@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""kspool-agent backup is killed at any moment of a run, half of them while it saves its cache.
+"""kspool-agent record is killed at any moment of a run, half of them while it saves its cache.
 
 Usage: agent_kill_test.py AGENT SANDBOX CACHE [KILLS]
 """
@@ -30,7 +30,7 @@ def options(image):
 
 def complete(image):
     """A run that nobody disturbs."""
-    done = run(AGENT, "backup", *options(image))
+    done = run(AGENT, "record", *options(image))
     assert done.stderr == "", done.stderr
     return json.loads(done.stdout)
 
@@ -68,7 +68,7 @@ def saving(running):
 def measure():
     """How long a run takes, and the save at its end; None when that was not seen."""
     start = time.monotonic()
-    running = subprocess.Popen([AGENT, "backup", *options("measured")], stdout=subprocess.DEVNULL)
+    running = subprocess.Popen([AGENT, "record", *options("measured")], stdout=subprocess.DEVNULL)
     if not saving(running):
         return None
     begun = time.monotonic()
@@ -81,7 +81,7 @@ def measure():
 
 def kill(image, whole, save):
     """Whether it died of it; it may have been faster."""
-    running = subprocess.Popen([AGENT, "backup", *options(image)], stdout=subprocess.DEVNULL)
+    running = subprocess.Popen([AGENT, "record", *options(image)], stdout=subprocess.DEVNULL)
     if save is None:
         time.sleep(chance.uniform(0, whole))
     elif saving(running):

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/owned.h"
-#include "tools/agent/record.h"
+#include "tools/agent/po.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
@@ -66,41 +66,25 @@ template <typename Visit>
 void eachPO(const std::string& answer, Visit visit) {
     for (size_t at = firstPO(answer); at < answer.size();) {
         const size_t end = std::min(answer.find('\n', at), answer.size());
-        visit(tool::fieldsOf(std::string_view(answer).substr(at, end - at)));
+        visit(readPO(std::string_view(answer).substr(at, end - at)));
         at = end + 1;
     }
 }
 
-struct Row {
-    std::string path, image;
-    uint64_t size;
-    int64_t mtime;
-};
-
-Row rowOf(const std::vector<std::string>& fields) {
-    const auto field = [&](POField which) {
-        const auto number = static_cast<uint32_t>(which);
-        return fields.size() >= number ? fields[number - 1] : std::string();
-    };
-    const std::string folder = plainText(field(POField::kFolder));
-    return {(folder == "/" ? "" : folder) + "/" + plainText(field(POField::kName)),
-            plainText(field(POField::kImage)), strtoull(field(POField::kSize).c_str(), nullptr, 10),
-            strtoll(field(POField::kMtime).c_str(), nullptr, 10)};
-}
-
 void printRows(const QueryOptions& options, const std::string& answer) {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    eachPO(answer, [&](const std::vector<std::string>& fields) {
-        const Row row = rowOf(fields);
+    eachPO(answer, [&](const FoundPO& found) {
+        const Record& row = found.record;
         if (options.json) {
             list.push_back({{"path", row.path},
-                            {"image", row.image},
-                            {"size", row.size},
-                            {"mtime", row.mtime}});
+                            {"image", found.name.image},
+                            {"size", row.status.size},
+                            {"mtime", row.status.modified.tv_sec}});
         } else {
-            printf("%11s  %s  %s  %s\n", tool::humanBytes(static_cast<double>(row.size)).c_str(),
-                   tool::localTime(row.mtime).c_str(), tool::printable(row.image).c_str(),
-                   tool::printable(row.path).c_str());
+            printf("%11s  %s  %s  %s\n",
+                   tool::humanBytes(static_cast<double>(row.status.size)).c_str(),
+                   tool::localTime(row.status.modified.tv_sec).c_str(),
+                   tool::printable(found.name.image).c_str(), tool::printable(row.path).c_str());
         }
     });
     if (options.json) tool::printJson(list, 2);

@@ -1,42 +1,36 @@
-// The PO by which a file is recorded on the server.
+// kspool-agent record: fingerprints files, asks the cache which segments are new, and records each
+// file by one PO on the pool's server.
 #ifndef TOOLS_AGENT_RECORD_H
 #define TOOLS_AGENT_RECORD_H
 
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/agent/image.h"
+#include "tools/shared/failure.h"
+#include "tools/shared/session.h"
 
 namespace agent {
 
-/// Fields of a PO that the agent reads again; fields count from 1.
-enum class POField : uint32_t {
-    kImage = 8,
-    kFolder = 9,
-    kName = 10,
-    kSize = 16,
-    kMtime = 17,
+struct RecordOptions {
+    tool::SessionOptions session;
+    ImageName name;
+    std::vector<std::string> paths;
+    std::string cacheFile;  ///< empty: the cache is made for this run and forgotten
+    uint32_t limit = 512;   ///< of the cache, MiB
+    uint64_t segmentSize = uint64_t{128} << 10;
+    std::string digest = "sha256";
+    uint32_t listSize = 500;  ///< POs that are sent at once
+    int64_t retention = 0;    ///< seconds, 0: none is set
+    bool oneFileSystem = false;
+    bool json = false;
 };
 
-/// One file that was read.
-struct FileRecord {
-    std::string path;
-    struct stat status {};
-    std::string digest;  ///< over the digests of its segments, hexadecimal
-    uint64_t segments = 0;
-    uint64_t newSegments = 0;
-};
-
-/// A text as a field may hold it: `|`, `%` and control characters as %XX.
-std::string fieldText(const std::string& text);
-
-/// Undoes fieldText().
-std::string plainText(std::string field);
-
-/// The line of a file, with its LF.
-std::string poLine(const ImageName& name, const FileRecord& file, int64_t now);
+/// Backs up and reports: kOk, or kPartial when files were skipped or the run was interrupted; the
+/// code of a failure, which has then been reported, after a run that ended early. Throws Failure
+/// when no file was backed up at all.
+tool::ExitCode record(const RecordOptions& options);
 
 }  // namespace agent
 

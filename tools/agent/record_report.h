@@ -1,14 +1,14 @@
 // The report of a backup, for people and as JSON.
-#ifndef TOOLS_AGENT_BACKUP_REPORT_H
-#define TOOLS_AGENT_BACKUP_REPORT_H
+#ifndef TOOLS_AGENT_RECORD_REPORT_H
+#define TOOLS_AGENT_RECORD_REPORT_H
 
 #include <cstdint>
 
-#include "tools/agent/backup.h"
+#include "tools/agent/record.h"
 
 namespace agent {
 
-struct BackupResult {
+struct RecordResult {
     uint64_t files = 0;     ///< read to their ends
     uint64_t recorded = 0;  ///< of these, confirmed by the server
     uint64_t skipped = 0;   ///< files and folders that could not be read, or not wholly
@@ -24,7 +24,7 @@ struct BackupResult {
     double serverSeconds = 0;  ///< and waiting for the server
 };
 
-void printBackup(const BackupOptions& options, const BackupResult& result);
+void printRecord(const RecordOptions& options, const RecordResult& result);
 
 }  // namespace agent
 

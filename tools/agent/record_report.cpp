@@ -1,4 +1,4 @@
-#include "tools/agent/backup_report.h"
+#include "tools/agent/record_report.h"
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -9,7 +9,7 @@
 namespace agent {
 namespace {
 
-void printForPeople(const BackupOptions& options, const BackupResult& r) {
+void printForPeople(const RecordOptions& options, const RecordResult& r) {
     const auto bytes = [](uint64_t count) { return tool::humanBytes(static_cast<double>(count)); };
     const auto count = tool::humanCount;
     printf("Image          %s (client %s, policy %s, data selection %u)\n",
@@ -39,7 +39,7 @@ void printForPeople(const BackupOptions& options, const BackupResult& r) {
 
 }  // namespace
 
-void printBackup(const BackupOptions& options, const BackupResult& r) {
+void printRecord(const RecordOptions& options, const RecordResult& r) {
     if (!options.json) return printForPeople(options, r);
     tool::printJson({{"image", options.name.image},
                      {"files", r.files},
