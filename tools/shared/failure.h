@@ -26,6 +26,8 @@ enum class ExitCode : int {
     kFailed = 1,   ///< the work could not be done
     kUsage = 2,    ///< bad options or arguments
     kPartial = 3,  ///< done, but something was left out and reported
+    kDiffers = 4,  ///< the local files differ from what is recorded of them
+    kHeld = 5,     ///< another process holds the cache file
 
     kNothing = 10,     ///< the server knows nothing of what was asked for
     kPermission = 12,  ///< the server denied permission
