@@ -33,6 +33,8 @@ enum class ExitCode : int {
     kPermission = 12,  ///< the server denied permission
     kNetwork = 13,     ///< no answer from the server
 
+    kInterrupted = 128,  ///< a signal has ended the work: Interrupts::endBySignal()
+
     kNo = 1,       ///< the answer is no: damaged, different
     kTrouble = 2,  ///< no answer, bad options included
 };

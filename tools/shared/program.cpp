@@ -6,6 +6,7 @@
 #include <new>
 
 #include "kspool_version.h"
+#include "tools/shared/signals.h"
 
 namespace tool {
 namespace {
@@ -46,7 +47,8 @@ int runProgram(const Program& program, int argc, char** argv) noexcept {
     setlocale(LC_CTYPE, "");
     setProgram(program.name, program.failed);
     try {
-        return static_cast<int>(workAndReport(program, argc, argv));
+        const ExitCode code = workAndReport(program, argc, argv);
+        return code == ExitCode::kInterrupted ? Interrupts::endBySignal() : static_cast<int>(code);
     } catch (const std::bad_alloc&) {
         fprintf(stderr, "%s: not enough memory\n", program.name);  // complain() would need some
     } catch (const std::exception& error) {

@@ -20,7 +20,7 @@ struct Program {
 
 /// Runs a program and returns its exit code: kUsage for bad options, with one line on stderr; that
 /// of a Failure, with its text on stderr; `failed` after any other exception, or when not all of
-/// standard output could be written.
+/// standard output could be written. After kInterrupted the program ends by the signal.
 int runProgram(const Program& program, int argc, char** argv) noexcept;
 
 }  // namespace tool

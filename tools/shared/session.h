@@ -33,6 +33,9 @@ class Session {
 
     const std::string& server() const { return server_; }  ///< as a terminal may show it
 
+    /// For Interrupts::abort().
+    MBSession* handle() const { return session_.get(); }
+
     /// Makes one call of the library, which returns a status. Throws Failure when that is not
     /// CR_STATUS_OK; its text begins with `subject`, which may be empty.
     void attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
