@@ -1,131 +1,177 @@
 #include "tools/agent/query.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <nlohmann/json.hpp>
+#include <charconv>
 
 #include "common/owned.h"
-#include "tools/agent/po.h"
-#include "tools/shared/json.h"
+#include "platform/events.h"
+#include "platform/status.h"
+#include "tools/shared/failure.h"
 #include "tools/shared/text.h"
 
 namespace agent {
 namespace {
 
-using tool::ExitCode;
+constexpr size_t kLongestList = size_t{1} << 20;  ///< bytes of POs that are expired at once
+constexpr size_t kHeadLines = 3;                  ///< of an answer: names, types, count
 
 /// A filter and the texts that it points to.
 struct Filter {
     MBPOFilter criteria{};
-    std::string client, policy, image, name;
+    std::string client, policy, image, folder, file;
 
-    explicit Filter(const ImageName& n, const std::string& pattern)
-        : client(n.client),
-          policy(n.policy),
-          image(n.image.empty() ? "*" : n.image),
-          name(fieldText(pattern)) {
+    explicit Filter(const Criteria& c)
+        : client(fieldText(c.name.client)),
+          policy(fieldText(c.name.policy)),
+          image(c.name.image.empty() ? "*" : fieldText(c.name.image)),
+          folder(fieldText(c.folder)),
+          file(fieldText(c.file)) {
         criteria.size = sizeof criteria;
         MBPOFilterInit(&criteria);
         criteria.criterion6 = client.c_str();
         criteria.criterion7 = policy.c_str();
         criteria.criterion8 = image.c_str();
-        criteria.criterion10 = name.c_str();
+        criteria.criterion9 = folder.c_str();
+        criteria.criterion10 = file.c_str();
+        criteria.criterion12 = static_cast<signed char>(c.type);
     }
+    Filter(const Filter&) = delete;
+    Filter& operator=(const Filter&) = delete;
 };
 
-struct Answer {
-    std::string text;  ///< empty when nothing was found
-    uint32_t count = 0;
-};
-
-Answer query(tool::Session& session, const ImageName& name, const std::string& pattern) {
-    const Filter filter(name, pattern);
-    Answer answer;
-    kspool::OwnedText text;
-    MBSetRetryCount(0);
-    session.attemptQuery(name.dataselection, [&](MBSession* s) {
-        char* received = nullptr;
-        const uint32_t status =
-            MBPOFind(s, name.dataselection, &filter.criteria, &received, nullptr, &answer.count);
-        text.reset(received);
-        return status;
-    });
-    if (text != nullptr) answer.text = text.get();
-    return answer;
+/// Takes a line, which the end of the text ends too, without its LF.
+std::string_view takeLine(std::string_view& text) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    return line;
 }
 
-/// The offset of the POs in an answer, which begins with three lines: names, types, number.
-size_t firstPO(const std::string& answer) {
-    size_t at = 0;
-    for (int line = 0; line < 3 && at != std::string::npos; ++line)
-        at = answer.find('\n', at) + 1;
-    return at;
+uint64_t linesOf(std::string_view text) {
+    const auto ends = static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
+    return ends + (!text.empty() && text.back() != '\n' ? 1 : 0);
 }
 
-template <typename Visit>
-void eachPO(const std::string& answer, Visit visit) {
-    for (size_t at = firstPO(answer); at < answer.size();) {
-        const size_t end = std::min(answer.find('\n', at), answer.size());
-        visit(readPO(std::string_view(answer).substr(at, end - at)));
-        at = end + 1;
-    }
+template <typename Number>
+Number numberOf(const std::string& text) {
+    Number number{};
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
 }
 
-void printRows(const QueryOptions& options, const std::string& answer) {
-    nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    eachPO(answer, [&](const FoundPO& found) {
-        const Record& row = found.record;
-        if (options.json) {
-            list.push_back({{"path", row.path},
-                            {"image", found.name.image},
-                            {"size", row.status.size},
-                            {"mtime", row.status.modified.tv_sec}});
-        } else {
-            printf("%11s  %s  %s  %s\n",
-                   tool::humanBytes(static_cast<double>(row.status.size)).c_str(),
-                   tool::localTime(row.status.modified.tv_sec).c_str(),
-                   tool::printable(found.name.image).c_str(), tool::printable(row.path).c_str());
-        }
-    });
-    if (options.json) tool::printJson(list, 2);
+ImageRecord readImage(std::string_view line, uint32_t dataselection) {
+    std::vector<std::string> fields = tool::fieldsOf(line);
+    fields.resize(std::max<size_t>(fields.size(), 8));
+    return {.name = {.dataselection = dataselection,
+                     .client = fields[1],
+                     .policy = fields[2],
+                     .image = fields[4]},
+            .time = numberOf<int64_t>(fields[0]),
+            .parent = numberOf<int32_t>(fields[3]),
+            .dofp = fields[5],
+            .dcid = numberOf<int64_t>(fields[6]),
+            .flags = numberOf<int32_t>(fields[7])};
+}
+
+std::string subjectOf(const ImageName& name) {
+    return "image " + tool::printable(name.image);
 }
 
 }  // namespace
 
-uint64_t countFiles(const ImageName& name, tool::Session& session) {
-    return query(session, name, "*").count;
-}
-
-ExitCode find(const QueryOptions& options) {
-    tool::Session session(options.session);
-    const Answer answer = query(session, options.name, options.pattern);
-    printRows(options, answer.text);
-    return answer.count > 0 ? ExitCode::kOk : ExitCode::kNothing;
-}
-
-ExitCode expire(const QueryOptions& options) {
-    const ImageName& n = options.name;
-    tool::Session session(options.session);
-    const Answer answer = query(session, n, "*");
-    if (answer.count > 0) {
-        session.attempt("expire", [&](MBSession* s) {
-            return MBPOExpire(s, n.dataselection, answer.text.c_str() + firstPO(answer.text));
-        });
-    }
-    // The files are expired whether or not their image has a record.
-    tool::Steps steps;
-    steps.run([&] {
-        session.attemptEvent("image " + n.image, [&](MBSession* s) {
-            return MBDeleteImage(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
-                                 n.image.c_str(), 0);
-        });
+uint64_t findPOs(tool::Session& session, const Criteria& criteria, const POVisitor& visit) {
+    const Filter filter(criteria);
+    kspool::OwnedText answer;
+    uint32_t announced = 0;
+    MBSetRetryCount(0);
+    session.attemptQuery(criteria.name.dataselection, [&](MBSession* s) {
+        char* text = nullptr;
+        const uint32_t status =
+            MBPOFind(s, criteria.name.dataselection, &filter.criteria, &text, nullptr, &announced);
+        answer.reset(text);
+        return status;
     });
-    if (options.json) {
-        tool::printJson({{"expired", answer.count}}, 2);
-    } else {
-        printf("%s files expired\n", tool::humanCount(answer.count).c_str());
+    if (answer == nullptr) return 0;
+    std::string_view rest = answer.get();
+    for (size_t i = 0; i < kHeadLines; ++i)
+        takeLine(rest);
+    if (linesOf(rest) < announced) {
+        throw tool::Failure("query: the server sent fewer POs than it announced");
     }
-    return steps.code();
+    for (uint32_t i = 0; i < announced; ++i) {
+        const std::string_view line = takeLine(rest);
+        visit(readPO(line), line);
+    }
+    return announced;
+}
+
+bool isOf(const FoundPO& found, const ImageName& name) {
+    return found.name.client == name.client && found.name.policy == name.policy &&
+           found.name.image == name.image;
+}
+
+uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit) {
+    uint64_t count = 0;
+    findPOs(session, {.name = name}, [&](FoundPO&& found, std::string_view line) {
+        if (!isOf(found, name)) return;
+        ++count;
+        visit(std::move(found), line);
+    });
+    return count;
+}
+
+uint64_t countFiles(const ImageName& name, tool::Session& session) {
+    return findImage(session, name, [](FoundPO&&, std::string_view) {});
+}
+
+std::vector<ImageRecord> listImages(tool::Session& session, uint32_t dataselection,
+                                    const std::string& client, const std::string& policy) {
+    kspool::OwnedText answer;
+    session.attemptEvent("images", [&](MBSession* s) {
+        char* text = nullptr;
+        const uint32_t status =
+            MBGetLastImages(s, dataselection, client.c_str(), policy.c_str(), -1, 0, &text);
+        answer.reset(text);
+        // The status of an empty answer. A refusal is an event, which is another number.
+        return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;
+    });
+    std::vector<ImageRecord> images;
+    std::string_view rest = answer != nullptr ? answer.get() : "";
+    while (!rest.empty())
+        images.push_back(readImage(takeLine(rest), dataselection));
+    return images;
+}
+
+void setImage(tool::Session& session, const ImageName& name, int64_t time) {
+    session.attemptEvent(subjectOf(name), [&](MBSession* s) {
+        return MBSetLastImageV2(s, name.dataselection, name.client.c_str(), name.policy.c_str(), 0,
+                                static_cast<uint64_t>(time), name.image.c_str(), 0);
+    });
+}
+
+bool deleteImage(tool::Session& session, const ImageName& name) {
+    bool known = true;
+    session.attemptEvent(subjectOf(name), [&](MBSession* s) {
+        const uint32_t event = MBDeleteImage(s, name.dataselection, name.client.c_str(),
+                                             name.policy.c_str(), name.image.c_str(), 0);
+        known = event != POOL_EVENT_NO_IMAGE;
+        return known ? event : uint32_t{CR_STATUS_OK};
+    });
+    return known;
+}
+
+void expirePOs(tool::Session& session, uint32_t dataselection, std::string_view lines) {
+    while (!lines.empty()) {
+        size_t size = lines.size();
+        if (size > kLongestList) {
+            const size_t before = lines.rfind('\n', kLongestList - 1);
+            const size_t end = before != std::string_view::npos ? before : lines.find('\n');
+            size = std::min(end, size - 1) + 1;
+        }
+        const std::string list(lines.substr(0, size));
+        session.attempt("expire",
+                        [&](MBSession* s) { return MBPOExpire(s, dataselection, list.c_str()); });
+        lines.remove_prefix(size);
+    }
 }
 
 }  // namespace agent

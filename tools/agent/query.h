@@ -1,31 +1,78 @@
-// kspool-agent find and expire: the files of a client that the server knows.
+// What the server knows: the POs of files, and the records of images.
+//
+// Nothing here prints. Every function throws Failure when the server refuses or cannot be reached.
+//
+// Thread rule: one thread, as for tool::Session.
+// Invariants:
+//  1. An answer with fewer POs than it announces is a failure and not a shorter list: whoever
+//     verifies or expires would take the missing POs for files that are not there. It is noticed
+//     before the first PO is visited.
+//  2. An image's record says that the image is complete: it is set after the last PO is confirmed,
+//     and deleted before the first PO is expired. POs without a record are of a run that goes on
+//     or has ended early.
 #ifndef TOOLS_AGENT_QUERY_H
 #define TOOLS_AGENT_QUERY_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tools/agent/image.h"
-#include "tools/shared/failure.h"
+#include "tools/agent/po.h"
 #include "tools/shared/session.h"
 
 namespace agent {
 
-struct QueryOptions {
-    tool::SessionOptions session;
-    ImageName name;
-    std::string pattern = "*";  ///< of file names
-    bool json = false;
+/// The POs that are wanted. Texts are patterns, in which `*` is any text, slashes included, and `?`
+/// any character. A text that holds one of these as itself matches others too: see isOf().
+struct Criteria {
+    ImageName name;  ///< an empty image: any
+    std::string folder = "*";
+    std::string file = "*";  ///< pattern of names
+    char type = '*';         ///< f, d, l, or * for all
 };
 
-/// Lists the files that the server knows; kNothing when there is none.
-tool::ExitCode find(const QueryOptions& options);
+using POVisitor = std::function<void(FoundPO&& found, std::string_view line)>;
 
-/// Expires the POs of an image and deletes its record.
-tool::ExitCode expire(const QueryOptions& options);
+/// Visits the POs in the order of the answer: by folder, name, client, policy and image. `line` has
+/// no LF, and is valid during the visit. Returns their number. The answer is held in memory as a
+/// whole.
+uint64_t findPOs(tool::Session& session, const Criteria& criteria, const POVisitor& visit);
 
-/// The number of POs that the server has for an image. Throws Failure when the query fails.
+/// Whether a PO belongs to the client, policy and image of these names, not taken as patterns.
+bool isOf(const FoundPO& found, const ImageName& name);
+
+/// The POs of one image, whose names are not taken as patterns.
+uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit);
+
+/// The number of POs that the server has for an image.
 uint64_t countFiles(const ImageName& name, tool::Session& session);
+
+struct ImageRecord {
+    ImageName name;
+    int64_t time = 0;  ///< seconds since 1970
+    int32_t parent = 0;
+    std::string dofp;
+    int64_t dcid = 0;
+    int32_t flags = 0;
+};
+
+/// The records of the images of a client and a policy, the newest first; an empty text is any. None
+/// is no failure; an unknown data selection is one, with ExitCode::kNothing.
+std::vector<ImageRecord> listImages(tool::Session& session, uint32_t dataselection,
+                                    const std::string& client, const std::string& policy);
+
+/// Sets the record of an image: from then on it is complete.
+void setImage(tool::Session& session, const ImageName& name, int64_t time);
+
+/// Deletes the record of an image, not its POs. False when there is none.
+bool deleteImage(tool::Session& session, const ImageName& name);
+
+/// Expires POs, given as their lines, each with its LF, in requests of bounded size. A failure
+/// leaves the POs of earlier requests expired.
+void expirePOs(tool::Session& session, uint32_t dataselection, std::string_view lines);
 
 }  // namespace agent
 
