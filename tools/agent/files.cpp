@@ -8,9 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <optional>
-
-#include "tools/shared/text.h"
 
 namespace agent {
 namespace {
@@ -56,16 +53,6 @@ void visitEntry(FTS* tree, FTSENT& entry, const FileVisitor& visitor) {
     }
 }
 
-/// Why a path cannot be walked.
-std::optional<std::string> pathProblem(const std::string& path) {
-    struct stat status {};
-    if (path.empty()) return "an empty path names nothing";
-    if (lstat(path.c_str(), &status) != 0) return strerror(errno);
-    if (S_ISLNK(status.st_mode)) return "is a symbolic link, which is not followed";
-    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return "is neither file nor folder";
-    return {};
-}
-
 }  // namespace
 
 void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
@@ -87,19 +74,6 @@ void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
         }
         if (errno != 0) visitor.problem(path, strerror(errno));
     }
-}
-
-tool::ExitCode checkPaths(const std::vector<std::string>& paths) {
-    tool::Steps steps;
-    for (const std::string& path : paths) {
-        steps.run([&] {
-            if (const auto problem = pathProblem(path)) {
-                throw tool::Failure(tool::ExitCode::kUsage,
-                                    tool::printable(path) + ": " + *problem);
-            }
-        });
-    }
-    return steps.code();
 }
 
 }  // namespace agent

@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "tools/shared/failure.h"
-
 namespace agent {
 
 /// Told of each regular file with its size, and of each problem.
@@ -22,10 +20,6 @@ struct FileVisitor {
 /// that is reached by two paths is visited twice. The kernel's own file systems are a problem.
 void walkFiles(const std::vector<std::string>& paths, bool oneFileSystem,
                const FileVisitor& visitor);
-
-/// kOk when all paths that a user named can be walked, else kUsage: each of the others has then
-/// been complained of.
-tool::ExitCode checkPaths(const std::vector<std::string>& paths);
 
 }  // namespace agent
 

@@ -1,7 +1,18 @@
 #include "tools/agent/options.h"
 
 #include <algorithm>
-#include <string>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include "ks.h"
+#include "platform/status.h"
+#include "tools/agent/segments.h"
+#include "tools/shared/messages.h"
+#include "tools/shared/text.h"
 
 namespace agent {
 namespace {
@@ -9,6 +20,7 @@ namespace {
 constexpr uint64_t kSmallestSegment = 512;
 constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
 constexpr size_t kLongestName = 255;
+constexpr uint32_t kMostJobs = 256;
 
 /// A name as a field of a PO holds it.
 CLI::Validator nameText(bool pattern) {
@@ -25,7 +37,73 @@ CLI::Validator nameText(bool pattern) {
             ""};
 }
 
+/// "build/" means the same as "build": no path that is matched ends with a slash.
+CLI::Validator pattern() {
+    return {[](std::string& text) -> std::string {
+                while (text.size() > 1 && text.back() == '/')
+                    text.pop_back();
+                return text.empty() ? "is empty" : "";
+            },
+            ""};
+}
+
 }  // namespace
+
+void addWalkOptions(CLI::App& command, WalkOptions& options, const std::string& verb) {
+    command.add_option("PATH", options.paths, "Files and folders to " + verb);
+    command.add_option("--files-from", options.listFile,
+                       "File of further paths, one a line; - for standard input");
+    command.add_flag("-0,--null", options.nullSeparated, "Paths of --files-from end with NUL");
+    command
+        .add_option("--exclude", options.exclude,
+                    "Leave out names like PATTERN, or paths if it has a slash")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false)
+        ->transform(pattern());
+    command.add_flag("-x,--one-file-system", options.oneFileSystem,
+                     "Do not enter other file systems");
+    command.parse_complete_callback([&] {
+        if (options.paths.empty() && options.listFile.empty())
+            throw CLI::RequiredError("PATH or --files-from");
+    });
+}
+
+void readPathList(WalkOptions& options) {
+    if (options.listFile.empty()) return;
+    std::ifstream file;
+    std::istream& list = options.listFile == "-" ? std::cin : file;
+    errno = 0;
+    if (&list == &file) file.open(options.listFile);
+    for (std::string path; std::getline(list, path, options.nullSeparated ? '\0' : '\n');)
+        if (!path.empty()) options.listed.push_back(path);
+    if (list.eof()) return;
+    throw tool::Failure(tool::ExitCode::kUsage,
+                        tool::printable(options.listFile) + ": " + strerror(errno));
+}
+
+void addJobs(CLI::App& command, uint32_t& jobs) {
+    command.add_option("--jobs", jobs, "Threads that read and hash [one for each core]")
+        ->check(CLI::Range(1U, kMostJobs));
+}
+
+void addDigest(CLI::App& command, std::string& digest) {
+    command
+        .add_option("--digest", digest,
+                    "Digest that names a segment [that of the configuration, or sha256]")
+        ->check(CLI::IsMember(digestNames()));
+}
+
+std::string defaultDigest() {
+    const tool::Messages unheard(/*shown=*/false);
+    std::array<char, PATH_MAX> path{};
+    KSConfig config{};
+    if (CRConfigLocate("Agent", path.data(), path.size()) != nullptr) {
+        KSConfigInitWithAgentCfg(&config, path.data());
+    }
+    const bool given = (config.flags & KS_CFG_FP_TYPE) != 0;
+    const DigestKind* kind = digestKind(given ? config.fingerprintType : uint32_t{CR_FP_SHA256});
+    return kind != nullptr ? kind->name : "sha256";
+}
 
 void addSegmentSize(CLI::App& command, uint64_t& size) {
     command.add_option("--segment", size, "Segment size")

@@ -4,8 +4,10 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <string>
 
 #include "tools/agent/image.h"
+#include "tools/agent/walk.h"
 #include "tools/shared/failure.h"
 
 namespace agent {
@@ -19,6 +21,23 @@ void addExpire(CLI::App& app, tool::ExitCode& code);
 
 /// Options that several commands have.
 void addSegmentSize(CLI::App& command, uint64_t& size);
+
+/// The paths and what is left out of them: PATH, --files-from, --null, --exclude,
+/// --one-file-system. `verb` is what is done with the files, "scan".
+void addWalkOptions(CLI::App& command, WalkOptions& options, const std::string& verb);
+
+/// Reads the list of --files-from into options.listed. Throws Failure when it cannot be read.
+void readPathList(WalkOptions& options);
+
+/// --jobs; 0 when it is not given.
+void addJobs(CLI::App& command, uint32_t& jobs);
+
+/// --digest, whose text stays empty when it is not given: defaultDigest() is for this case.
+void addDigest(CLI::App& command, std::string& digest);
+
+/// The digest of the agent's configuration file, "sha256" when there is none. To be called before a
+/// Session is made: it takes the library's messages meanwhile.
+std::string defaultDigest();
 
 /// Adds the options that name an image, and returns that for the image itself. Patterns are for
 /// finding only: with one, expire would match other images as well.

@@ -19,6 +19,7 @@
 #include "tools/agent/query.h"
 #include "tools/agent/record_report.h"
 #include "tools/agent/segments.h"
+#include "tools/agent/walk.h"
 #include "tools/shared/cache.h"
 #include "tools/shared/text.h"
 

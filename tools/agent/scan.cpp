@@ -9,6 +9,7 @@
 #include "tools/agent/progress.h"
 #include "tools/agent/scan_report.h"
 #include "tools/agent/segments.h"
+#include "tools/agent/walk.h"
 #include "tools/shared/cache.h"
 #include "tools/shared/text.h"
 

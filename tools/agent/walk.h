@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,11 @@
 namespace agent {
 
 struct WalkOptions {
-    std::vector<std::string> paths;    ///< files and folders, at least one
-    std::vector<std::string> exclude;  ///< patterns as of fnmatch(3); see isExcluded()
+    std::vector<std::string> paths;    ///< files and folders that the command line names
+    std::vector<std::string> listed;   ///< those that a list names; problems of them are met later
+    std::string listFile;              ///< where `listed` comes from: "-" for standard input
+    bool nullSeparated = false;        ///< paths in the list end with NUL, not with a line end
+    std::vector<std::string> exclude;  ///< patterns, see isExcluded()
     bool oneFileSystem = false;
 };
 
@@ -26,14 +30,39 @@ struct Tree {
     std::vector<Entry> entries;
     uint64_t files = 0;  ///< regular ones
     uint64_t bytes = 0;  ///< of these, by their sizes when the walk met them
+
+    void add(Entry&& entry);
 };
 
-/// Lists the regular files, folders and symbolic links below the paths. Symbolic links are listed
-/// and not followed. A path that is reached from two of the named paths is listed once; two hard
-/// links are two paths. The kernel's own file systems are a problem. `stop` is asked now and then:
-/// the list ends when it says so.
+/// Lists the regular files, folders and symbolic links below the paths, one after the other.
+/// Symbolic links are listed and not followed. A path that is reached from two of the named paths
+/// is listed once; two hard links are two paths. An excluded folder is not entered. The kernel's
+/// own file systems are a problem.
+class Walker {
+  public:
+    Walker(const WalkOptions& options, ProblemVisitor problem);
+    ~Walker();
+    Walker(const Walker&) = delete;
+    Walker& operator=(const Walker&) = delete;
+
+    /// False at the end.
+    bool next(Entry& entry);
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+/// All entries of the trees. `stop` is asked now and then: the list ends when it says so. `counted`
+/// may be empty; it is told of the list so far, as often.
 Tree walk(const WalkOptions& options, const ProblemVisitor& problem,
-          const std::function<bool()>& stop);
+          const std::function<bool()>& stop, const std::function<void(const Tree&)>& counted = {});
+
+/// Whether a pattern of fnmatch(3) matches, where `*` matches slashes as well: a pattern without a
+/// slash the last name of the path, one that begins with a slash the absolute path, any other the
+/// path as it is listed.
+bool isExcluded(const std::vector<std::string>& patterns, const std::string& path,
+                const std::string& absolute);
 
 /// kOk when all paths that a user named can be walked, else kUsage: each of the others has then
 /// been complained of.
