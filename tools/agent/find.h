@@ -3,6 +3,7 @@
 #define TOOLS_AGENT_FIND_H
 
 #include <string>
+#include <vector>
 
 #include "tools/agent/image.h"
 #include "tools/shared/failure.h"
@@ -12,12 +13,16 @@ namespace agent {
 
 struct FindOptions {
     tool::SessionOptions session;
-    ImageName name;             ///< its texts are patterns
-    std::string pattern = "*";  ///< of file names
+    ImageName name;  ///< its texts are patterns
+    /// With a slash: a path, which stands for the entry itself and all below it. Without: a name.
+    /// Both may hold `*` and `?`. None: everything.
+    std::vector<std::string> patterns;
+    std::string type;  ///< f, d, l; empty: all
     bool json = false;
+    bool pathsOnly = false;  ///< each ended by NUL
 };
 
-/// kNothing when nothing was found.
+/// kNothing when nothing was found. An entry that several patterns match is listed once.
 tool::ExitCode find(const FindOptions& options);
 
 }  // namespace agent

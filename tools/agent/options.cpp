@@ -112,13 +112,17 @@ void addSegmentSize(CLI::App& command, uint64_t& size) {
         ->default_str("128KiB");
 }
 
-CLI::Option* addImageName(CLI::App& command, ImageName& name, bool patterns) {
+void addClient(CLI::App& command, ImageName& name, bool patterns) {
     name.client = thisHost();
     command.add_option("--ds", name.dataselection, "Data selection")->capture_default_str();
     command.add_option("--client", name.client, "Client [this machine]")->check(nameText(patterns));
     command.add_option("--policy", name.policy, "Policy")
         ->check(nameText(patterns))
         ->capture_default_str();
+}
+
+CLI::Option* addImageName(CLI::App& command, ImageName& name, bool patterns) {
+    addClient(command, name, patterns);
     return command.add_option("--image", name.image, "Name of the image")
         ->check(nameText(patterns));
 }

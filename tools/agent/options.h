@@ -39,6 +39,9 @@ void addDigest(CLI::App& command, std::string& digest);
 /// Session is made: it takes the library's messages meanwhile.
 std::string defaultDigest();
 
+/// Adds the options of a data selection, client and policy.
+void addClient(CLI::App& command, ImageName& name, bool patterns);
+
 /// Adds the options that name an image, and returns that for the image itself. Patterns are for
 /// finding only: with one, expire would match other images as well.
 CLI::Option* addImageName(CLI::App& command, ImageName& name, bool patterns);

@@ -119,6 +119,11 @@ uint64_t findImage(tool::Session& session, const ImageName& name, const POVisito
     return count;
 }
 
+char typeOf(const Record& record) {
+    const FileStatus& s = record.status;
+    return s.isFile() ? 'f' : s.isFolder() ? 'd' : s.isLink() ? 'l' : '?';
+}
+
 uint64_t countFiles(const ImageName& name, tool::Session& session) {
     return findImage(session, name, [](FoundPO&&, std::string_view) {});
 }
@@ -139,6 +144,21 @@ std::vector<ImageRecord> listImages(tool::Session& session, uint32_t dataselecti
     while (!rest.empty())
         images.push_back(readImage(takeLine(rest), dataselection));
     return images;
+}
+
+std::optional<Retention> retentionOf(tool::Session& session, const ImageName& name) {
+    const auto info = std::make_unique<MBImageRetentionInfo>();
+    bool known = true;
+    session.attemptEvent(subjectOf(name), [&](MBSession* s) {
+        const uint32_t event =
+            MBGetImageRetention(s, name.dataselection, name.client.c_str(), name.policy.c_str(),
+                                name.image.c_str(), info.get());
+        // The first one is the status of an empty answer.
+        known = event != CR_STATUS_REMOTE_ERROR && event != POOL_EVENT_NO_IMAGE;
+        return known ? event : uint32_t{CR_STATUS_OK};
+    });
+    if (!known) return {};
+    return Retention{info->retentionValue1, info->retentionValue2, info->retentionValue4};
 }
 
 void setImage(tool::Session& session, const ImageName& name, int64_t time) {

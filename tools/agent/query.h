@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,6 +48,9 @@ bool isOf(const FoundPO& found, const ImageName& name);
 /// The POs of one image, whose names are not taken as patterns.
 uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit);
 
+/// The letter of a record's kind: f, d, l, or ? for any other.
+char typeOf(const Record& record);
+
 /// The number of POs that the server has for an image.
 uint64_t countFiles(const ImageName& name, tool::Session& session);
 
@@ -63,6 +67,16 @@ struct ImageRecord {
 /// is no failure; an unknown data selection is one, with ExitCode::kNothing.
 std::vector<ImageRecord> listImages(tool::Session& session, uint32_t dataselection,
                                     const std::string& client, const std::string& policy);
+
+/// How long an image is to be kept.
+struct Retention {
+    int64_t seconds = 0;
+    int64_t wormFlags = 0;
+    int64_t setAt = 0;  ///< seconds since 1970
+};
+
+/// Nothing when none was set, or when the image has no record.
+std::optional<Retention> retentionOf(tool::Session& session, const ImageName& name);
 
 /// Sets the record of an image: from then on it is complete.
 void setImage(tool::Session& session, const ImageName& name, int64_t time);
