@@ -1,7 +1,5 @@
 #include "tools/agent/record.h"
 
-#include <openssl/sha.h>
-
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -13,6 +11,7 @@
 
 #include "platform/status.h"
 #include "tools/agent/cache.h"
+#include "tools/agent/digest.h"
 #include "tools/agent/files.h"
 #include "tools/agent/po.h"
 #include "tools/agent/progress.h"
@@ -70,7 +69,7 @@ class Run {
     void addFile(Record file, const std::vector<Digest>& digests,
                  const std::vector<size_t>& lengths) {
         ask(digests, lengths, file);
-        file.digest = tool::digestText(digestOf(digests).data(), CR_FP_SHA256);
+        file.digest = fileDigest(digests);
         file.segments = digests.size();
         list_ += poLine(options_.name, file);
         ++listed_;
@@ -98,13 +97,6 @@ class Run {
     }
 
   private:
-    static Digest digestOf(const std::vector<Digest>& digests) {
-        Digest all{};
-        SHA256(reinterpret_cast<const unsigned char*>(digests.data()),
-               digests.size() * sizeof(Digest), all.data());
-        return all;
-    }
-
     template <typename Digests>
     std::vector<KSCacheKey> keysOf(const Digests& digests) const {
         std::vector<KSCacheKey> keys;
