@@ -44,10 +44,10 @@ class PoolServer:
         self.process.kill()
         self.process.wait()
 
-    def admin(self, function, body):
+    def admin(self, function, body=None, method="POST"):
         root = "/".join(self.url.split("/")[:3])
         order = urllib.request.Request(f"{root}/__admin/{function}", json.dumps(body).encode(),
-                                       {"Content-Type": "application/json"})
+                                       {"Content-Type": "application/json"}, method=method)
         return json.load(OPENER.open(order))
 
 

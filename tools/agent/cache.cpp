@@ -1,7 +1,11 @@
 #include "tools/agent/cache.h"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstring>
 #include <filesystem>
+#include <thread>
 #include <utility>
 
 #include "platform/status.h"
@@ -11,45 +15,130 @@ namespace agent {
 namespace {
 
 constexpr uint64_t kFewestPages = 12;
+constexpr std::chrono::milliseconds kWaitForHolder{200};
 
 /// Slots of a page, so that the limit has room for a dozen pages: memory is counted in whole pages.
 uint64_t mostSlots(uint64_t limit) {
     return limit / sizeof(KSCacheNode) / kFewestPages;
 }
 
+template <typename Visit>
+void each(KSCache* cache, Visit visit) {
+    const auto call = [](KSCache*, KSCacheNode* node, uint64_t, int, void* which) {
+        (*static_cast<Visit*>(which))(*node);
+        return 0;
+    };
+    KSCacheIterate(cache, call, &visit);
+}
+
 /// Deletes the entries for which `drops` returns true.
 template <typename Drops>
 void drop(KSCache* cache, Drops drops) {
-    const auto visit = [](KSCache* walked, KSCacheNode* node, uint64_t, int, void* which) {
-        if ((*static_cast<Drops*>(which))(*node))
-            KSCacheDelete(walked, node->fingerprint, node->type);
-        return 0;
-    };
-    KSCacheIterate(cache, visit, &drops);
+    each(cache, [&](const KSCacheNode& node) {
+        if (drops(node)) KSCacheDelete(cache, node.fingerprint, node.type);
+    });
+}
+
+/// The finaliser of MurmurHash3: each bit of the input changes half of the output.
+uint64_t mixed(uint64_t word) {
+    word = (word ^ (word >> 33)) * 0xff51afd7ed558ccd;
+    word = (word ^ (word >> 33)) * 0xc4ceb9fe1a85ec53;
+    return word ^ (word >> 33);
+}
+
+uint64_t hashOf(const KSCacheNode& node) {
+    const size_t bytes = node.type == CR_FP_SHA256 ? 32 : 16;  // the rest is unspecified
+    std::array<uint64_t, 4> words{};
+    memcpy(words.data(), node.fingerprint, bytes);
+    uint64_t hash = mixed(node.value ^ (uint64_t{node.type} << 56));
+    for (const uint64_t word : words)
+        hash = mixed(hash ^ word);
+    return hash;
+}
+
+[[noreturn]] void fail(const std::string& path, const std::string& why, tool::ExitCode code) {
+    throw tool::Failure(code, path + ": " + why);
 }
 
 }  // namespace
 
-BackupCache::BackupCache(std::string path, uint64_t limit, uint64_t segments)
-    : path_(std::move(path)), limit_(limit) {
-    const tool::CacheSettings settings = tool::settingsFor(segments, mostSlots(limit));
+HeldFile::HeldFile(std::string path, const std::function<bool()>& stop) : path_(std::move(path)) {
+    if (path_.empty()) return;
+    for (;;) {
+        KSCacheHold* hold = nullptr;
+        const uint32_t status = KSCacheHoldFile(path_.c_str(), &hold);
+        hold_.reset(hold);
+        if (status == CR_STATUS_OK) return;
+        const bool busy = status == CR_STATUS_BUSY;
+        if (!busy || !stop || stop()) {
+            fail(path_, tool::whyNotReplaced(path_, status),
+                 busy ? tool::ExitCode::kHeld : tool::ExitCode::kFailed);
+        }
+        std::this_thread::sleep_for(kWaitForHolder);
+    }
+}
+
+uint64_t HeldFile::size() const {
+    std::error_code failure;
+    const uintmax_t size = path_.empty() ? 0 : std::filesystem::file_size(path_, failure);
+    return failure ? 0 : size;
+}
+
+BlockCache::BlockCache(uint64_t entries, uint64_t limit) : limit_(limit) {
+    const tool::CacheSettings settings = tool::settingsFor(entries, mostSlots(limit));
     cache_.reset(KSCacheCreate(settings.areaSize, settings.bits, 0, nullptr, nullptr));
     if (cache_ == nullptr) throw tool::Failure("no cache could be made");
-    if (path_.empty()) return;
-    KSCacheHold* hold = nullptr;
-    const uint32_t status = KSCacheHoldFile(path_.c_str(), &hold);
-    if (status != CR_STATUS_OK) fail(tool::whyNotReplaced(path_, status));
-    hold_.reset(hold);
 }
 
-std::optional<std::string> BackupCache::load() {
-    if (path_.empty() || !std::filesystem::exists(path_)) return {};
-    const uint32_t status = KSCacheLoad(cache_.get(), path_.c_str(), nullptr);
-    if (status != CR_STATUS_OK) return CRStatusToStringA(status);
-    return {};
+KSCacheStatsRecord BlockCache::stats() const {
+    KSCacheStatsRecord stats{};
+    KSCacheStats(cache_.get(), &stats);
+    return stats;
 }
 
-void BackupCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) {
+std::optional<std::string> BlockCache::load(const HeldFile& file) {
+    if (file.size() == 0) return {};
+    const uint32_t status = KSCacheLoad(cache_.get(), file.path().c_str(), nullptr);
+    if (status == CR_STATUS_OK) return {};
+    clear();
+    return CRStatusToStringA(status);
+}
+
+std::string BlockCache::sum() const {
+    uint64_t first = 0, second = 0, entries = 0;
+    each(cache_.get(), [&](const KSCacheNode& node) {
+        const uint64_t hash = hashOf(node);
+        first += hash;
+        second += mixed(hash + 1);
+        ++entries;
+    });
+    if (entries == 0) return kNoEntries;
+    std::array<char, 64> text{};
+    snprintf(text.data(), text.size(), "%016llx%016llx-%llu",
+             static_cast<unsigned long long>(first), static_cast<unsigned long long>(second),
+             static_cast<unsigned long long>(entries));
+    return text.data();
+}
+
+std::map<uint64_t, uint64_t> BlockCache::ties() const {
+    std::map<uint64_t, uint64_t> counts;
+    each(cache_.get(), [&](const KSCacheNode& node) { ++counts[node.value]; });
+    return counts;
+}
+
+std::set<uint64_t> BlockCache::metValues() const {
+    std::set<uint64_t> values;
+    each(cache_.get(), [&](const KSCacheNode& node) {
+        if (node.refCount > 1) values.insert(node.value);
+    });
+    return values;
+}
+
+void BlockCache::keep(const std::set<uint64_t>& values) {
+    drop(cache_.get(), [&](const KSCacheNode& node) { return values.count(node.value) == 0; });
+}
+
+void BlockCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) {
     const std::vector<uint64_t> values(keys.size(), value);
     const size_t count = std::min<size_t>(keys.size(), room());
     full_ = full_ || count < keys.size();
@@ -58,26 +147,8 @@ void BackupCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) 
     KSCacheExistsBatch(cache_.get(), keys.data(), count, nullptr, nullptr);
 }
 
-void BackupCache::save(bool sawAll) {
-    if (path_.empty()) return;
-    if (full_ || stats().cacheSize > limit_) makeRoom(sawAll);
-    const uint32_t status = KSCacheReplaceFile(cache_.get(), path_.c_str(), hold_.get(), nullptr);
-    if (status != CR_STATUS_OK)
-        fail("could not be replaced: " + tool::whyNotReplaced(path_, status));
-}
-
-void BackupCache::fail(const std::string& why) const {
-    throw tool::Failure(path_ + ": " + why);
-}
-
-KSCacheStatsRecord BackupCache::stats() const {
-    KSCacheStatsRecord stats{};
-    KSCacheStats(cache_.get(), &stats);
-    return stats;
-}
-
 /// Entries that can be added before a page exceeds the limit.
-uint64_t BackupCache::room() const {
+uint64_t BlockCache::room() const {
     const KSCacheStatsRecord s = stats();
     const uint64_t page = uint64_t{s.areaSize} * s.nodeSize;
     const uint64_t pages = s.cacheSize < limit_ ? (limit_ - s.cacheSize) / page : 0;
@@ -86,12 +157,33 @@ uint64_t BackupCache::room() const {
 
 /// Drops the entries that a whole run did not meet; then any entries, in case the limit is lower
 /// than in the run before.
-void BackupCache::makeRoom(bool sawAll) {
+void BlockCache::makeRoom(bool sawAll) {
+    if (!full_ && stats().cacheSize <= limit_) return;
     if (sawAll) drop(cache_.get(), [](const KSCacheNode& node) { return node.refCount == 1; });
     const uint64_t fit = limit_ / stats().nodeSize, items = stats().cachedItems;
     uint64_t excess = items > fit ? items - fit : 0;
     drop(cache_.get(), [&](const KSCacheNode&) { return excess > 0 && excess-- > 0; });
     KSCacheReclaim(cache_.get());
+}
+
+/// An entry keeps its value for life, so it is made anew, in the slot that its deletion freed: the
+/// walk has passed that slot, and does not meet the entry twice.
+void BlockCache::tieMet(uint64_t value) {
+    KSCache* cache = cache_.get();
+    each(cache, [&](const KSCacheNode& node) {
+        if (node.refCount == 1 || node.value == value) return;
+        const KSCacheNode copy = node;
+        KSCacheDelete(cache, copy.fingerprint, copy.type);
+        KSCacheAdd(cache, copy.fingerprint, copy.type, value, nullptr);
+    });
+}
+
+void BlockCache::save(const HeldFile& file) const {
+    const uint32_t status =
+        KSCacheReplaceFile(cache_.get(), file.path().c_str(), file.get(), nullptr);
+    if (status == CR_STATUS_OK) return;
+    fail(file.path(), "could not be replaced: " + tool::whyNotReplaced(file.path(), status),
+         tool::ExitCode::kFailed);
 }
 
 }  // namespace agent

@@ -1,24 +1,26 @@
-// The fingerprint cache of backups: kept in a file between two runs, and under a limit.
+// The fingerprint cache of recordings: kept in a file between two runs, and under a limit.
 //
 // Thread rule: one thread at a time per cache, as for KSCache.
 // Invariants:
-//  1. A fingerprint is in the cache only after the server has confirmed a file that has the
-//  segment.
-//     Otherwise a lost request would leave segments that are known here and recorded nowhere.
+//  1. The value of an entry is the number of the image that holds the segment (facts.h). A new
+//     entry gets the number of the image being recorded, and only after the server has confirmed a
+//     file that has the segment.
 //  2. Entries that were loaded and not met in this run have reference count 1; entries that were
-//     met or added have more. makeRoom() tells them apart by that.
-//  3. The file is held from before it is loaded until it is replaced: a second run beside this one
-//     would otherwise replace it without the entries of this one.
+//     met or added have more. makeRoom() and tieMet() tell them apart by that.
+//  3. Only a whole run is saved: until then the entries that it met keep the image that they had.
 //
 // A full cache takes no more entries, and makes room at the end of the run by dropping entries that
-// the run did not meet. KSCacheCheck() would not do: backups read all data in turn, and cyclic
+// the run did not meet. KSCacheCheck() would not do: recordings read all data in turn, and cyclic
 // scans larger than the limit defeat count-based eviction, since every entry has the same count.
 #ifndef TOOLS_AGENT_CACHE_H
 #define TOOLS_AGENT_CACHE_H
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,39 +29,74 @@
 
 namespace agent {
 
-struct ReleaseHold {
-    void operator()(KSCacheHold* hold) const { KSCacheReleaseFile(hold); }
+/// A cache file that this process holds. Without a path nothing is held.
+class HeldFile {
+  public:
+    /// Holds the file. `stop` given: waits while another process holds it, until `stop` says so.
+    /// Throws Failure: kHeld when another process holds it; also when it is no cache file.
+    HeldFile(std::string path, const std::function<bool()>& stop);
+
+    const std::string& path() const { return path_; }
+    const KSCacheHold* get() const { return hold_.get(); }
+    uint64_t size() const;  ///< bytes, 0 when there is no file
+
+  private:
+    struct Release {
+        void operator()(KSCacheHold* hold) const { KSCacheReleaseFile(hold); }
+    };
+
+    std::string path_;
+    std::unique_ptr<KSCacheHold, Release> hold_;
 };
 
-class BackupCache {
+inline constexpr char kNoEntries[] = "none";
+
+class BlockCache {
   public:
-    /// For the cache file `path` (empty: none), which is held, and a limit in bytes. Throws
-    /// Failure, also when another process holds the file, or when it is not a cache file.
-    BackupCache(std::string path, uint64_t limit, uint64_t segments);
+    /// For a number of entries and a limit in bytes. Throws Failure.
+    BlockCache(uint64_t entries, uint64_t limit);
 
     KSCache* get() { return cache_.get(); }
+    KSCacheStatsRecord stats() const;
 
     /// Loads the file, if there is one. Returns why it was not loaded: the cache is then empty.
-    std::optional<std::string> load();
+    std::optional<std::string> load(const HeldFile& file);
 
-    /// Adds fingerprints of confirmed files. An entry without room, or memory, is left out: its
+    /// Drops all entries.
+    void clear() { KSCacheReset(cache_.get()); }
+
+    /// A sum over all entries and their values, in any order: a load does not keep the order of the
+    /// file. kNoEntries for an empty cache, which has no file.
+    std::string sum() const;
+
+    /// The number of entries of each value.
+    std::map<uint64_t, uint64_t> ties() const;
+
+    /// The values of the entries that this run met or added.
+    std::set<uint64_t> metValues() const;
+
+    /// Drops the entries with other values.
+    void keep(const std::set<uint64_t>& values);
+
+    /// Adds the fingerprints of confirmed files. An entry without room, or memory, is left out: its
     /// segment counts as new in the next run.
     void remember(const std::vector<KSCacheKey>& keys, uint64_t value);
 
-    /// Saves into the file, under the limit. `sawAll`: the run met all of its data. Throws Failure.
-    void save(bool sawAll);
+    /// Holds the cache to its limit. `sawAll`: the run met all of its data.
+    void makeRoom(bool sawAll);
+
+    /// Gives the entries that this run met a value. Reference counts then start anew.
+    void tieMet(uint64_t value);
+
+    /// Replaces the file. Throws Failure.
+    void save(const HeldFile& file) const;
 
   private:
-    KSCacheStatsRecord stats() const;
     uint64_t room() const;
-    void makeRoom(bool sawAll);
-    [[noreturn]] void fail(const std::string& why) const;
 
-    std::string path_;
     uint64_t limit_;     ///< bytes
     bool full_ = false;  ///< an entry was left out
     tool::CachePointer cache_;
-    std::unique_ptr<KSCacheHold, ReleaseHold> hold_;
 };
 
 }  // namespace agent

@@ -93,13 +93,10 @@ void addDigest(CLI::App& command, std::string& digest) {
         ->check(CLI::IsMember(digestNames()));
 }
 
-std::string defaultDigest() {
+std::string defaultDigest(const std::string& file) {
     const tool::Messages unheard(/*shown=*/false);
-    std::array<char, PATH_MAX> path{};
     KSConfig config{};
-    if (CRConfigLocate("Agent", path.data(), path.size()) != nullptr) {
-        KSConfigInitWithAgentCfg(&config, path.data());
-    }
+    KSConfigInitWithAgentCfg(&config, file.empty() ? nullptr : file.c_str());
     const bool given = (config.flags & KS_CFG_FP_TYPE) != 0;
     const DigestKind* kind = digestKind(given ? config.fingerprintType : uint32_t{CR_FP_SHA256});
     return kind != nullptr ? kind->name : "sha256";

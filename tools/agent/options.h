@@ -35,9 +35,9 @@ void addJobs(CLI::App& command, uint32_t& jobs);
 /// --digest, whose text stays empty when it is not given: defaultDigest() is for this case.
 void addDigest(CLI::App& command, std::string& digest);
 
-/// The digest of the agent's configuration file, "sha256" when there is none. To be called before a
-/// Session is made: it takes the library's messages meanwhile.
-std::string defaultDigest();
+/// The digest of the agent's configuration file (empty: where the library finds it), "sha256" when
+/// there is none. To be called before a Session is made: it takes the library's messages meanwhile.
+std::string defaultDigest(const std::string& config);
 
 /// Adds the options of a data selection, client and policy.
 void addClient(CLI::App& command, ImageName& name, bool patterns);

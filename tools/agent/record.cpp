@@ -1,206 +1,443 @@
 #include "tools/agent/record.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
+#include <climits>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
+#include <memory>
 #include <optional>
-#include <set>
+#include <random>
+#include <unordered_set>
 
+#include "ks.h"
 #include "platform/status.h"
 #include "tools/agent/cache.h"
+#include "tools/agent/claims.h"
 #include "tools/agent/digest.h"
-#include "tools/agent/files.h"
-#include "tools/agent/po.h"
+#include "tools/agent/facts.h"
+#include "tools/agent/options.h"
+#include "tools/agent/outbox.h"
 #include "tools/agent/progress.h"
 #include "tools/agent/query.h"
+#include "tools/agent/reading.h"
 #include "tools/agent/record_report.h"
-#include "tools/agent/segments.h"
-#include "tools/agent/walk.h"
-#include "tools/shared/cache.h"
+#include "tools/shared/signals.h"
 #include "tools/shared/text.h"
 
 namespace agent {
 namespace {
 
 using tool::ExitCode;
+using tool::Interrupts;
 
-constexpr size_t kLongestList = size_t{1} << 20;
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void onSignal(int) {
-    interrupted = 1;
+/// The name of a run, which no other run has.
+std::string newRun() {
+    std::random_device random;
+    std::array<char, 17> text{};
+    snprintf(text.data(), text.size(), "%08x%08x", random(), random());
+    return text.data();
 }
 
-/// Adds the time of its life to a sum.
-class Stopwatch {
-  public:
-    explicit Stopwatch(double& sum) : sum_(sum) {}
-    ~Stopwatch() {
-        const auto spent = std::chrono::steady_clock::now() - start_;
-        sum_ += std::chrono::duration<double>(spent).count();
+uint32_t poolId(const tool::SessionOptions& options) {
+    const auto config = std::make_unique<KSConfig>();
+    KSConfigInitWithAgentCfg(config.get(),
+                             options.config.empty() ? nullptr : options.config.c_str());
+    return (config->flags & KS_CFG_STORAGE_POOL_ID) != 0 ? config->storagePoolId : 0;
+}
+
+/// Why a cache may not be used for a binding; empty when it may.
+std::string difference(const Binding& kept, const Binding& wanted) {
+    const auto cutText = [](const Cut& cut) {
+        return cut.digest + " segments of " +
+               tool::humanBytes(static_cast<double>(cut.segmentSize));
+    };
+    const struct {
+        const char* what;
+        std::string kept, wanted;
+    } kRows[] = {
+        {"server", kept.server, wanted.server},
+        {"pool", std::to_string(kept.pool), std::to_string(wanted.pool)},
+        {"data selection", std::to_string(kept.dataselection),
+         std::to_string(wanted.dataselection)},
+        {"", cutText(kept.cut), cutText(wanted.cut)},
+    };
+    for (const auto& row : kRows) {
+        if (row.kept == row.wanted) continue;
+        const std::string what = *row.what != '\0' ? std::string(row.what) + " " : "";
+        return "is bound to " + what + row.kept + ", not " + row.wanted;
     }
-    Stopwatch(const Stopwatch&) = delete;
-    Stopwatch& operator=(const Stopwatch&) = delete;
+    return {};
+}
 
-  private:
-    double& sum_;
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
+/// The facts of a cache file, or new ones. Throws Failure for a cache that is bound otherwise.
+Facts factsFor(const HeldFile& file, const Binding& binding, bool rebind) {
+    Facts fresh;
+    fresh.binding = binding;
+    if (file.path().empty() || rebind) return fresh;
+    std::optional<Facts> kept;
+    try {
+        kept = loadFacts(factsPath(file.path()));
+    } catch (const tool::Failure& failure) {
+        tool::complain(std::string("note: the cache starts anew: ") + failure.what());
+        return fresh;
+    }
+    if (!kept) return fresh;
+    const std::string why = difference(kept->binding, binding);
+    if (why.empty()) return *kept;
+    throw tool::Failure(ExitCode::kUsage, file.path() + " " + why + "; --rebind starts anew");
+}
 
-/// One run: files go into a list, lists to the server, and the new fingerprints of a confirmed list
-/// into the cache. So the cache never knows a segment that no PO records.
-class Run {
+class Recording {
   public:
-    Run(const RecordOptions& options, uint32_t type, tool::Session& session, BackupCache& cache,
-        Progress& progress, RecordResult& result)
+    Recording(const RecordOptions& options, tool::Session& session)
         : options_(options),
-          type_(type),
           session_(session),
-          cache_(cache),
-          progress_(progress),
-          result_(result) {}
+          kind_(*digestKind(options.digest)),
+          cut_{options.digest, options.segmentSize},
+          file_(options.cacheFile, options.wait ? Interrupts::asked : std::function<bool()>()),
+          facts_(factsFor(
+              file_, {session.server(), poolId(options.session), options.name.dataselection, cut_},
+              options.rebind)),
+          claims_(session, facts_) {}
 
-    /// Adds a file with its segments to the list. Throws Failure when the list is full and the
-    /// server does not confirm it.
-    void addFile(Record file, const std::vector<Digest>& digests,
-                 const std::vector<size_t>& lengths) {
-        ask(digests, lengths, file);
-        file.digest = fileDigest(digests);
-        file.segments = digests.size();
-        list_ += poLine(options_.name, file);
-        ++listed_;
-        ++result_.files;
-        if (listed_ == options_.listSize || list_.size() >= kLongestList) send();
-    }
+    void run();
 
-    void send() {
-        if (listed_ == 0) return;
-        progress_.clear();
-        {
-            const Stopwatch server(result_.serverSeconds);
-            session_.attempt(std::to_string(listed_) + " files", [&](MBSession* session) {
-                return MBPOAddList(session, options_.name.dataselection, list_.c_str());
-            });
-        }
-        result_.recorded += listed_;
-        {
-            const Stopwatch cache(result_.cacheSeconds);
-            cache_.remember(keysOf(newDigests_), options_.name.dataselection);
-        }
-        list_.clear();
-        newDigests_.clear();
-        listed_ = 0;
-    }
+    RecordResult& result() { return result_; }
 
   private:
-    template <typename Digests>
-    std::vector<KSCacheKey> keysOf(const Digests& digests) const {
-        std::vector<KSCacheKey> keys;
-        keys.reserve(digests.size());
-        for (const Digest& digest : digests)
-            keys.push_back({digest.data(), type_});
-        return keys;
-    }
-
-    void ask(const std::vector<Digest>& digests, const std::vector<size_t>& lengths, Record& file) {
-        const std::vector<KSCacheKey> keys = keysOf(digests);
-        std::vector<uint32_t> statuses(keys.size());
-        {
-            const Stopwatch cache(result_.cacheSeconds);
-            KSCacheExistsBatch(cache_.get(), keys.data(), keys.size(), nullptr, statuses.data());
-        }
-        for (size_t i = 0; i < statuses.size(); ++i) {
-            ++result_.segments;
-            result_.bytes += lengths[i];
-            if (statuses[i] == CR_STATUS_OK || !newDigests_.insert(digests[i]).second) continue;
-            ++file.newSegments;
-            ++result_.newSegments;
-            result_.newBytes += lengths[i];
-        }
-    }
+    void openCache(uint64_t segments);
+    void untie();
+    void sort(const Tree& tree, std::vector<const Entry*>& toRead);
+    void recordUnread(const Entry& entry, const EarlierReading& reading);
+    void recordOther(const Entry& entry);
+    void take(ReadFile&& file);
+    void dropDead();
+    void readAll(const std::vector<const Entry*>& files);
+    void finish();
+    void expireStale();
+    void setImage();
+    void saveCache();
+    std::set<uint64_t> metImages();
+    FolderSum& folderOf(const Entry& entry);
+    void skip(const std::string& path, const std::string& problem);
 
     const RecordOptions& options_;
-    uint32_t type_;
     tool::Session& session_;
-    BackupCache& cache_;
-    Progress& progress_;
-    RecordResult& result_;
-    std::string list_;
-    std::set<Digest> newDigests_;  ///< of the files in the list, not confirmed yet
-    uint32_t listed_ = 0;
+    const DigestKind& kind_;
+    Cut cut_;
+    HeldFile file_;
+    Facts facts_;
+    Claims claims_;
+    ImageFact image_;  ///< the one being recorded
+    std::optional<BlockCache> cache_;
+    std::optional<Outbox> outbox_;
+    Progress* progress_ = nullptr;           ///< while files are read
+    std::unordered_set<std::string> roots_;  ///< paths that the user named
+    std::set<uint64_t> readFor_;             ///< images for which unread files were read
+    RecordResult result_;
 };
 
-/// Backs up the files until all are done, a signal arrives, or the server fails (Failure).
-void walk(const RecordOptions& options, Segmenter& segmenter, Progress& progress, Run& run,
-          RecordResult& result) {
-    const auto skip = [&](const std::string& path, const std::string& problem) {
-        ++result.skipped;
-        progress.complain(tool::printable(path) + ": " + problem);
-    };
-    const auto file = [&](const std::string& path, uint64_t) {
-        if (interrupted != 0) return;
-        Record record;
-        struct stat status {};
-        std::vector<Digest> digests;
-        std::vector<size_t> lengths;
-        record.path = absolutePath(path);
-        std::optional<std::string> problem;
-        if (lstat(path.c_str(), &status) != 0) {
-            problem = strerror(errno);
-        } else {
-            problem = segmenter.cutFile(path, [&](const Digest& digest, size_t length) {
-                digests.push_back(digest);
-                lengths.push_back(length);
-                progress.advance(length);
-            });
+void Recording::skip(const std::string& path, const std::string& problem) {
+    ++result_.skipped;
+    const std::string text = tool::printable(path) + ": " + problem;
+    if (progress_ != nullptr) return progress_->complain(text);
+    tool::complain(text);
+}
+
+/// Loads the cache, unless it does not match its facts.
+void Recording::openCache(uint64_t segments) {
+    const Stopwatch watch(result_.cacheSeconds);
+    const uint64_t entries = std::max(segments, file_.size() / tool::kRecordSize);
+    cache_.emplace(entries, uint64_t{options_.limit} << 20);
+    if (options_.rebind) return;
+    std::optional<std::string> why = cache_->load(file_);
+    const std::string sum = cache_->sum();
+    std::vector<std::string>& sums = facts_.caches;
+    if (!why) {
+        if (sums.empty() && sum == kNoEntries) return;
+        if (std::find(sums.begin(), sums.end(), sum) != sums.end()) {
+            sums = {sum};
+            return;
         }
-        if (problem) return skip(path, *problem);
-        record.status = statusOf(status);
-        record.cut = Cut{options.digest, options.segmentSize};
-        record.recordedAt = record.readAt = time(nullptr);
-        run.addFile(std::move(record), digests, lengths);
-    };
-    walkFiles(options.paths, options.oneFileSystem,
-              {file, [&](const std::string& path, const std::string& problem) {
-                   if (interrupted == 0) skip(path, problem);
-               }});
-    run.send();
-}
-
-/// Records the image and its retention, and checks that the server knows as many files as were
-/// sent.
-void finish(const RecordOptions& options, tool::Session& session, RecordResult& result) {
-    const Stopwatch server(result.serverSeconds);
-    const ImageName& n = options.name;
-    session.attemptEvent("image " + n.image, [&](MBSession* s) {
-        return MBSetLastImageV2(s, n.dataselection, n.client.c_str(), n.policy.c_str(), 0,
-                                static_cast<uint64_t>(time(nullptr)), n.image.c_str(), 0);
-    });
-    if (options.retention != 0) {
-        session.attemptEvent("retention", [&](MBSession* s) {
-            return MBSetImageRetention(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
-                                       n.image.c_str(), 0, 0, options.retention);
-        });
+        why = sums.empty()        ? "there is no " + factsPath(file_.path())
+              : sum == kNoEntries ? "it is missing"
+                                  : "it is not the one of " + factsPath(file_.path());
     }
-    result.found = countFiles(n, session);
-    if (result.found >= result.recorded) return;
-    throw tool::Failure("the server knows of " + std::to_string(result.found) + " files only; " +
-                        std::to_string(result.recorded) + " were recorded");
+    cache_->clear();
+    facts_.images.clear();
+    sums.clear();
+    tool::complain("note: " + options_.cacheFile + " is not used: " + *why);
 }
 
-uint64_t totalSize(const RecordOptions& options, uint64_t& segments) {
+/// Forgets an earlier recording of this name, before the server is changed.
+void Recording::untie() {
+    image_.name = options_.name;
+    image_.number = facts_.next++;
+    image_.run = newRun();
+    facts_.untie(options_.name);
+    if (options_.dryRun) return;
+    if (!file_.path().empty()) {
+        if (facts_.caches.empty()) facts_.caches = {kNoEntries};
+        saveFacts(factsPath(file_.path()), facts_);
+    }
+    if (claims_.hasRecord(options_.name)) {
+        const Stopwatch server(result_.serverSeconds);
+        deleteImage(session_, options_.name);
+    }
+}
+
+void Recording::recordOther(const Entry& entry) {
+    Record record;
+    record.path = absolutePath(entry.path);
+    record.status = entry.status;
+    record.recordedAt = time(nullptr);
+    if (entry.status.isLink()) {
+        std::array<char, PATH_MAX> target{};
+        const ssize_t length = readlink(entry.path.c_str(), target.data(), target.size());
+        if (length < 0) return skip(entry.path, strerror(errno));
+        record.target.assign(target.data(), static_cast<size_t>(length));
+        ++result_.links;
+    } else {
+        ++result_.folders;
+    }
+    outbox_->add(record);
+}
+
+void Recording::recordUnread(const Entry& entry, const EarlierReading& reading) {
+    Record record;
+    record.path = absolutePath(entry.path);
+    record.status = entry.status;
+    record.recordedAt = time(nullptr);
+    record.digest = reading.digest;
+    record.cut = cut_;
+    record.segments = reading.segments;
+    record.readAt = reading.readAt;
+    const ImageFact& image = *facts_.byNumber(reading.image);
+    record.readRun = image.run;
+    record.readImage = image.name.image;
+    readFor_.insert(image.number);
+    ++result_.files;
+    ++result_.unread;
+    result_.segments += reading.segments;
+    result_.bytes += entry.status.size;
+    if (options_.dryRun) {
+        FolderSum& folder = folderOf(entry);
+        ++folder.files;
+        folder.bytes += entry.status.size;
+    }
+    outbox_->add(record);
+}
+
+/// Records what need not be read, and lists the files that must be.
+void Recording::sort(const Tree& tree, std::vector<const Entry*>& toRead) {
+    for (const Entry& entry : tree.entries) {
+        if (Interrupts::asked()) return;
+        if (!entry.status.isFile()) {
+            recordOther(entry);
+            continue;
+        }
+        const EarlierReading* reading = nullptr;
+        if (!options_.force) {
+            const Stopwatch server(result_.serverSeconds);
+            reading = claims_.readingOf(absolutePath(entry.path), entry.status);
+        }
+        if (reading != nullptr) {
+            recordUnread(entry, *reading);
+        } else {
+            toRead.push_back(&entry);
+        }
+    }
+}
+
+/// The folder directly below a named path, or the named path itself. Entries come in the order of
+/// the walk, so that the last named path is the one above.
+FolderSum& Recording::folderOf(const Entry& entry) {
+    std::string top = entry.path;
+    for (;;) {
+        const size_t slash = top.rfind('/');
+        if (roots_.count(top) != 0 || slash == std::string::npos || slash == 0) break;
+        const std::string above = top.substr(0, slash);
+        if (roots_.count(above) != 0 && top != entry.path) break;
+        top = above;
+    }
+    auto& sums = result_.byFolder;
+    const auto found =
+        std::find_if(sums.rbegin(), sums.rend(), [&](const FolderSum& s) { return s.path == top; });
+    if (found != sums.rend()) return *found;
+    sums.push_back({.path = top});
+    return sums.back();
+}
+
+/// Asks the cache for the segments of a file that was read, and records the file.
+void Recording::take(ReadFile&& file) {
+    if (file.problem) return skip(file.entry->path, *file.problem);
+    const std::vector<Digest>& digests = file.digests.front();
+    std::vector<uint32_t> statuses(digests.size());
+    {
+        const Stopwatch watch(result_.cacheSeconds);
+        KSCacheExistsBatch(cache_->get(), keysOf(digests, kind_.fingerprintType).data(),
+                           digests.size(), nullptr, statuses.data());
+    }
+    Record record;
+    uint64_t newBytes = 0;
+    for (size_t i = 0; i < statuses.size(); ++i) {
+        if (statuses[i] == CR_STATUS_OK || !outbox_->isNew(digests[i])) continue;
+        const bool last = i + 1 == statuses.size();
+        newBytes += last ? file.bytes - i * cut_.segmentSize : cut_.segmentSize;
+        ++record.newSegments;
+    }
+    record.path = absolutePath(file.entry->path);
+    record.status = file.status;
+    record.digest = fileDigest(digests);
+    record.cut = cut_;
+    record.segments = digests.size();
+    record.recordedAt = time(nullptr);
+    record.readAt = file.readAt;
+    record.readRun = image_.run;
+    record.readImage = options_.name.image;
+    ++result_.files;
+    result_.bytes += file.bytes;
+    result_.segments += record.segments;
+    result_.newSegments += record.newSegments;
+    result_.newBytes += newBytes;
+    if (options_.dryRun) {
+        FolderSum& folder = folderOf(*file.entry);
+        ++folder.files;
+        folder.bytes += file.bytes;
+        folder.newBytes += newBytes;
+    }
+    outbox_->add(record);
+}
+
+/// The images that hold the known segments which this run met.
+std::set<uint64_t> Recording::metImages() {
+    std::set<uint64_t> numbers = cache_->metValues();
+    numbers.erase(image_.number);
+    numbers.insert(readFor_.begin(), readFor_.end());
+    return numbers;
+}
+
+/// POs of an earlier recording of this name, of files that are gone since, are expired. Then the
+/// server has exactly the paths that were sent. Throws Failure when it has not.
+void Recording::expireStale() {
+    std::string stale;
+    const auto compare = [&] {
+        stale.clear();
+        result_.found = 0;
+        uint64_t sent = 0;
+        findImage(session_, options_.name, [&](FoundPO&& po, std::string_view line) {
+            ++result_.found;
+            if (outbox_->paths().count(po.record.path) != 0) {
+                ++sent;
+            } else {
+                ++result_.stale;
+                stale.append(line).append("\n");
+            }
+        });
+        if (sent == outbox_->paths().size()) return;
+        throw tool::Failure("the server has " + tool::humanCount(sent) + " of the " +
+                            tool::humanCount(outbox_->paths().size()) +
+                            " entries that were recorded");
+    };
+    compare();
+    if (stale.empty()) return;
+    expirePOs(session_, options_.name.dataselection, stale);
+    compare();
+    if (!stale.empty()) throw tool::Failure("the server keeps POs that were expired");
+}
+
+void Recording::setImage() {
+    const ImageName& n = options_.name;
+    agent::setImage(session_, n, time(nullptr));
+    if (options_.retention == 0) return;
+    session_.attemptEvent("retention", [&](MBSession* s) {
+        return MBSetImageRetention(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
+                                   n.image.c_str(), 0, 0, options_.retention);
+    });
+}
+
+void Recording::finish() {
+    {
+        const Stopwatch server(result_.serverSeconds);
+        claims_.checkStillThere(metImages());
+        expireStale();
+        setImage();
+    }
+    if (file_.path().empty()) return;
+    const Stopwatch watch(result_.cacheSeconds);
+    saveCache();
+}
+
+/// Keeps the facts of images that an entry is tied to, or that a later run of some client starts
+/// from; then replaces both files, the facts first.
+void Recording::saveCache() {
+    cache_->makeRoom(true);
+    cache_->tieMet(image_.number);
+    image_.sum = outbox_->sum();
+    image_.readFor.assign(readFor_.begin(), readFor_.end());
+    facts_.images.push_back(image_);
+    std::set<uint64_t> wanted;
+    for (const auto& [number, entries] : cache_->ties())
+        wanted.insert(number);
+    for (const ImageFact& image : facts_.images) {
+        if (facts_.newest(image.name.client, image.name.policy) != &image) continue;
+        wanted.insert(image.number);
+        wanted.insert(image.readFor.begin(), image.readFor.end());
+    }
+    std::erase_if(facts_.images, [&](const ImageFact& i) { return wanted.count(i.number) == 0; });
+    facts_.caches.push_back(cache_->sum());
+    saveFacts(factsPath(file_.path()), facts_);
+    cache_->save(file_);
+}
+
+void Recording::readAll(const std::vector<const Entry*>& files) {
     uint64_t bytes = 0;
-    walkFiles(options.paths, options.oneFileSystem,
-              {[&](const std::string&, uint64_t size) {
-                   bytes += size;
-                   segments += size / options.segmentSize + 1;
-               },
-               [](const std::string&, const std::string&) {}});
-    return bytes;
+    for (const Entry* entry : files)
+        bytes += entry->status.size;
+    Progress progress(bytes, /*takesMessages=*/false);
+    progress_ = &progress;
+    const ReadOptions how{.digest = &kind_,
+                          .segmentSizes = {cut_.segmentSize},
+                          .jobs = options_.jobs,
+                          .advance = [&](uint64_t more) { progress.advance(more); }};
+    readFiles(
+        files, how, [&](ReadFile&& file) { take(std::move(file)); }, Interrupts::asked);
+    progress_ = nullptr;
+}
+
+/// Drops the segments that are not in a live image.
+void Recording::dropDead() {
+    const Stopwatch server(result_.serverSeconds);
+    claims_.readNewest(options_.name);
+    std::set<uint64_t> live;
+    for (const auto& [number, entries] : cache_->ties()) {
+        if (claims_.isLive(number)) live.insert(number);
+    }
+    cache_->keep(live);
+}
+
+void Recording::run() {
+    for (const auto* paths : {&options_.walk.paths, &options_.walk.listed})
+        roots_.insert(paths->begin(), paths->end());
+    const Tree tree = walk(
+        options_.walk, [&](const auto& path, const auto& problem) { skip(path, problem); },
+        Interrupts::asked);
+    openCache(tree.bytes / cut_.segmentSize + tree.files);
+    untie();
+    dropDead();
+    outbox_.emplace(options_, kind_.fingerprintType, image_.number, session_, *cache_, result_);
+    std::vector<const Entry*> toRead;
+    sort(tree, toRead);
+    readAll(toRead);
+    if (Interrupts::asked()) return;
+    outbox_->send();
+    if (!options_.dryRun) finish();
+    result_.cached = cache_->stats().cachedItems;
+    result_.complete = true;
 }
 
 ExitCode exitCode(const RecordResult& result, ExitCode code) {
@@ -211,45 +448,23 @@ ExitCode exitCode(const RecordResult& result, ExitCode code) {
 
 }  // namespace
 
-ExitCode record(const RecordOptions& options) {
-    if (const ExitCode code = checkPaths(options.paths); code != ExitCode::kOk) return code;
+ExitCode record(RecordOptions options) {
+    readPathList(options.walk);
+    if (options.digest.empty()) options.digest = defaultDigest(options.session.config);
+    if (const ExitCode code = checkPaths(options.walk.paths); code != ExitCode::kOk) return code;
     tool::Session session(options.session);
-    signal(SIGINT, onSignal);
-    signal(SIGTERM, onSignal);
-
-    uint64_t segments = 0;
-    const uint64_t bytes = totalSize(options, segments);
-    BackupCache cache(options.cacheFile, uint64_t{options.limit} << 20, segments);
-    const DigestKind& kind = *digestKind(options.digest);
-    Segmenter segmenter(kind, options.segmentSize);
-    if (const auto problem = cache.load()) {
-        tool::complain("note: " + options.cacheFile + " is not used: " + *problem);
-    }
-
-    RecordResult result;
+    Interrupts interrupts;
+    interrupts.abort(session.handle());
+    Recording recording(options, session);
+    RecordResult& result = recording.result();
     tool::Steps steps;
-    const auto start = std::chrono::steady_clock::now();
     {
-        Progress progress(bytes, /*takesMessages=*/false);
-        Run run(options, kind.fingerprintType, session, cache, progress, result);
-        steps.run([&] { walk(options, segmenter, progress, run, result); });
+        const Stopwatch watch(result.seconds);
+        steps.run([&] { recording.run(); });
     }
-    result.interrupted = interrupted != 0;
-    if (steps.allDone() && !result.interrupted) {
-        steps.run([&] { finish(options, session, result); });
-    }
-    // After a failure too: the cache has the fingerprints of all lists that were confirmed.
-    steps.run([&] {
-        const Stopwatch watch(result.cacheSeconds);
-        cache.save(steps.allDone() && !result.interrupted);
-    });
-    KSCacheStatsRecord stats{};
-    KSCacheStats(cache.get(), &stats);
-    result.cached = stats.cachedItems;
-    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-    result.seconds = spent.count();
+    result.interrupted = Interrupts::asked() && !result.complete;
     printRecord(options, result);
-    return exitCode(result, steps.code());
+    return exitCode(result, result.interrupted ? ExitCode::kOk : steps.code());
 }
 
 }  // namespace agent

@@ -1,13 +1,23 @@
-// kspool-agent record: fingerprints files, asks the cache which segments are new, and records each
-// file by one PO on the pool's server.
+// kspool-agent record: records files by POs on the pool's server, one image a run. The cache tells
+// how much of their data is new. No data is moved.
+//
+// The order of a run, so that no later run calls anything known that is not in a live image:
+//  1. The cache file is held, and its facts are read: another server or data selection is refused.
+//  2. The facts forget an earlier recording of the same name, in the file too. Only then does the
+//     server: its record goes first, so that nobody takes a half recorded image for whole.
+//  3. POs are sent. New segments enter the cache in memory when the server has confirmed them.
+//  4. POs of the earlier recording that this one has not replaced are expired, the image's record
+//  is
+//     made, and the server's POs are compared with those that were sent, by path.
+//  5. Facts and cache are replaced. A run that ended before has not changed the cache file.
 #ifndef TOOLS_AGENT_RECORD_H
 #define TOOLS_AGENT_RECORD_H
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "tools/agent/image.h"
+#include "tools/agent/walk.h"
 #include "tools/shared/failure.h"
 #include "tools/shared/session.h"
 
@@ -16,21 +26,25 @@ namespace agent {
 struct RecordOptions {
     tool::SessionOptions session;
     ImageName name;
-    std::vector<std::string> paths;
+    WalkOptions walk;
     std::string cacheFile;  ///< empty: the cache is made for this run and forgotten
     uint32_t limit = 512;   ///< of the cache, MiB
     uint64_t segmentSize = uint64_t{128} << 10;
-    std::string digest = "sha256";
+    std::string digest;       ///< empty: the configuration's, else sha256
     uint32_t listSize = 500;  ///< POs that are sent at once
+    uint32_t jobs = 0;        ///< threads that read, 0: one for each core
     int64_t retention = 0;    ///< seconds, 0: none is set
-    bool oneFileSystem = false;
+    bool force = false;       ///< read all files
+    bool rebind = false;      ///< start anew when the cache is bound to something else
+    bool wait = false;        ///< wait while another process holds the cache file
+    bool dryRun = false;
     bool json = false;
 };
 
-/// Backs up and reports: kOk, or kPartial when files were skipped or the run was interrupted; the
+/// Records and reports: kOk, or kPartial when files were skipped or the run was interrupted; the
 /// code of a failure, which has then been reported, after a run that ended early. Throws Failure
-/// when no file was backed up at all.
-tool::ExitCode record(const RecordOptions& options);
+/// when no file was recorded at all.
+tool::ExitCode record(RecordOptions options);
 
 }  // namespace agent
 

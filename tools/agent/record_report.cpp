@@ -9,53 +9,101 @@
 namespace agent {
 namespace {
 
+std::string bytesText(uint64_t count) {
+    return tool::humanBytes(static_cast<double>(count));
+}
+
+/// "1 file", "2 files".
+std::string counted(uint64_t count, const char* one, const char* many) {
+    return tool::humanCount(count) + " " + (count == 1 ? one : many);
+}
+
+void printData(const RecordResult& r) {
+    const auto row = [](const char* name, uint64_t bytes, uint64_t segments) {
+        printf("%-14s %s in %s\n", name, bytesText(bytes).c_str(),
+               counted(segments, "segment", "segments").c_str());
+    };
+    row("Data", r.bytes, r.segments);
+    row("New", r.newBytes, r.newSegments);
+    row("Known", r.bytes - r.newBytes, r.segments - r.newSegments);
+}
+
+void printFolders(const RecordResult& r) {
+    printf("\n%11s  %11s  %11s  %s\n", "files", "data", "new", "folder");
+    for (const FolderSum& sum : r.byFolder) {
+        printf("%11s  %11s  %11s  %s\n", tool::humanCount(sum.files).c_str(),
+               bytesText(sum.bytes).c_str(), bytesText(sum.newBytes).c_str(),
+               tool::printable(sum.path).c_str());
+    }
+}
+
+void printEnd(const RecordOptions& options, const RecordResult& r) {
+    if (options.dryRun && r.complete) {
+        printf("Dry run        the server was not changed\n");
+        if (!r.byFolder.empty()) printFolders(r);
+    } else if (!r.complete) {
+        printf("Not complete   %s; run it again to complete the image\n",
+               r.interrupted ? "interrupted" : "the server could not be told of everything");
+    } else {
+        printf("On the server  %s of this image", counted(r.found, "entry", "entries").c_str());
+        if (r.stale > 0) printf("; %s of before expired", tool::humanCount(r.stale).c_str());
+        printf("\n");
+    }
+}
+
 void printForPeople(const RecordOptions& options, const RecordResult& r) {
-    const auto bytes = [](uint64_t count) { return tool::humanBytes(static_cast<double>(count)); };
-    const auto count = tool::humanCount;
+    const ImageName& n = options.name;
     printf("Image          %s (client %s, policy %s, data selection %u)\n",
-           tool::printable(options.name.image).c_str(),
-           tool::printable(options.name.client).c_str(),
-           tool::printable(options.name.policy).c_str(), options.name.dataselection);
-    printf("Files          %s read, %s recorded", count(r.files).c_str(),
-           count(r.recorded).c_str());
-    if (r.skipped > 0) printf(", %s could not be read", count(r.skipped).c_str());
-    printf("\n");
-    printf("Data           %s in %s segments\n", bytes(r.bytes).c_str(), count(r.segments).c_str());
-    printf("New            %s in %s segments\n", bytes(r.newBytes).c_str(),
-           count(r.newSegments).c_str());
-    printf("Known          %s in %s segments\n", bytes(r.bytes - r.newBytes).c_str(),
-           count(r.segments - r.newSegments).c_str());
-    printf("Cache          %s fingerprints\n", count(r.cached).c_str());
+           tool::printable(n.image).c_str(), tool::printable(n.client).c_str(),
+           tool::printable(n.policy).c_str(), n.dataselection);
+    printf("Files          %s", counted(r.files, "file", "files").c_str());
+    if (r.unread > 0) printf(", %s unchanged and not read", tool::humanCount(r.unread).c_str());
+    if (r.skipped > 0) printf(", %s could not be read", tool::humanCount(r.skipped).c_str());
+    printf("\nAs well        %s, %s\n", counted(r.folders, "folder", "folders").c_str(),
+           counted(r.links, "symbolic link", "symbolic links").c_str());
+    printData(r);
     const auto share = [&](double part) { return r.seconds > 0 ? 100 * part / r.seconds : 0; };
+    printf("Cache          %s\n", counted(r.cached, "fingerprint", "fingerprints").c_str());
     printf("Time           %s, of which %.1f %% in the cache, %.1f %% for the server\n",
            tool::humanSeconds(r.seconds).c_str(), share(r.cacheSeconds), share(r.serverSeconds));
-    if (r.interrupted || r.recorded < r.files) {
-        printf("Not complete   %s; run it again to complete the image\n",
-               r.interrupted ? "interrupted" : "the server could not be told of all files");
-    } else {
-        printf("On the server  %s files of this image\n", count(r.found).c_str());
+    printEnd(options, r);
+}
+
+nlohmann::ordered_json foldersJson(const RecordResult& r) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const FolderSum& sum : r.byFolder) {
+        list.push_back({{"path", tool::printable(sum.path)},
+                        {"files", sum.files},
+                        {"bytes", sum.bytes},
+                        {"newBytes", sum.newBytes}});
     }
+    return list;
 }
 
 }  // namespace
 
 void printRecord(const RecordOptions& options, const RecordResult& r) {
     if (!options.json) return printForPeople(options, r);
-    tool::printJson({{"image", options.name.image},
-                     {"files", r.files},
-                     {"recorded", r.recorded},
-                     {"skipped", r.skipped},
-                     {"bytes", r.bytes},
-                     {"segments", r.segments},
-                     {"newSegments", r.newSegments},
-                     {"newBytes", r.newBytes},
-                     {"found", r.found},
-                     {"cached", r.cached},
-                     {"interrupted", r.interrupted},
-                     {"seconds", r.seconds},
-                     {"cacheSeconds", r.cacheSeconds},
-                     {"serverSeconds", r.serverSeconds}},
-                    2);
+    nlohmann::ordered_json report = {{"image", options.name.image},
+                                     {"files", r.files},
+                                     {"unread", r.unread},
+                                     {"folders", r.folders},
+                                     {"links", r.links},
+                                     {"recorded", r.recorded},
+                                     {"skipped", r.skipped},
+                                     {"stale", r.stale},
+                                     {"bytes", r.bytes},
+                                     {"segments", r.segments},
+                                     {"newSegments", r.newSegments},
+                                     {"newBytes", r.newBytes},
+                                     {"found", r.found},
+                                     {"cached", r.cached},
+                                     {"interrupted", r.interrupted},
+                                     {"seconds", r.seconds},
+                                     {"cacheSeconds", r.cacheSeconds},
+                                     {"serverSeconds", r.serverSeconds}};
+    if (options.dryRun) report["byFolder"] = foldersJson(r);
+    tool::printJson(report, 2);
 }
 
 }  // namespace agent

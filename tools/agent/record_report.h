@@ -1,27 +1,43 @@
-// The report of a backup, for people and as JSON.
+// The report of a recording, for people and as JSON.
 #ifndef TOOLS_AGENT_RECORD_REPORT_H
 #define TOOLS_AGENT_RECORD_REPORT_H
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "tools/agent/record.h"
 
 namespace agent {
 
+/// What a folder below a named path would add, for a dry run.
+struct FolderSum {
+    std::string path;
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+    uint64_t newBytes = 0;
+};
+
 struct RecordResult {
-    uint64_t files = 0;     ///< read to their ends
-    uint64_t recorded = 0;  ///< of these, confirmed by the server
+    uint64_t files = 0;    ///< regular files, read to their ends or not read again
+    uint64_t unread = 0;   ///< of these, not read again
+    uint64_t folders = 0;  ///< and symbolic links
+    uint64_t links = 0;
+    uint64_t recorded = 0;  ///< POs that the server has confirmed
     uint64_t skipped = 0;   ///< files and folders that could not be read, or not wholly
+    uint64_t stale = 0;     ///< POs of an earlier recording that were expired
     uint64_t bytes = 0;
     uint64_t segments = 0;
     uint64_t newSegments = 0;
     uint64_t newBytes = 0;
     uint64_t found = 0;  ///< POs of the image on the server, afterwards
     uint64_t cached = 0;
+    bool complete = false;  ///< all steps were done
     bool interrupted = false;
     double seconds = 0;
-    double cacheSeconds = 0;   ///< of these, in the cache
-    double serverSeconds = 0;  ///< and waiting for the server
+    double cacheSeconds = 0;          ///< of these, in the cache
+    double serverSeconds = 0;         ///< and waiting for the server
+    std::vector<FolderSum> byFolder;  ///< of a dry run
 };
 
 void printRecord(const RecordOptions& options, const RecordResult& result);

@@ -1,0 +1,215 @@
+#!/usr/bin/env python3
+"""kspool-agent record against a model: random runs of two clients in two data selections, over trees that
+change, with images that expire, kills, failures, and servers and files that come from elsewhere.
+
+Usage: agent_model_test.py AGENT SANDBOX MB LATER [RUNS]
+
+After each run: every segment that it called known, and every file that it did not read, was in an image that
+was on the server as it was recorded. To forget is allowed, to claim falsely never.
+"""
+import hashlib
+import json
+import os
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+from pool_server import PoolServer
+from programs import run
+
+AGENT, SANDBOX, MB, LATER = sys.argv[1:5]
+RUNS = int(sys.argv[5]) if len(sys.argv) > 5 else 50
+SEED = int(os.environ.get("KSPOOL_TEST_SEED") or random.randrange(1 << 32))
+SEGMENT = 512
+chance = random.Random(SEED)
+blocks = [random.Random(i).randbytes(SEGMENT) for i in range(40)]
+contents = {}  # digest of a file -> its segments, by number
+saved = {}     # what may come back: folder -> copy
+seen = dict.fromkeys(("known", "unread", "killed", "failed", "whole", "stale"), 0)
+
+
+def write(path):
+    """New contents, or the old ones once more; the size tells nothing, and the time may be an old one."""
+    numbers = [chance.randrange(len(blocks)) for _ in range(chance.choice((0, 1, 1, 1, 2, 3)))]
+    times = (0, chance.randrange(3)) if chance.random() < 0.5 else None
+    with open(path, "wb") as file:
+        file.write(b"".join(blocks[n] for n in numbers))
+    if times:
+        os.utime(path, times)
+    digests = b"".join(hashlib.sha256(blocks[n]).digest() for n in numbers)
+    contents[hashlib.sha256(digests).hexdigest()] = numbers
+
+
+def change(tree):
+    path = f"{tree}/{chance.choice('ab')}/{chance.randrange(8)}"
+    if os.path.exists(path) and chance.random() < 0.3:
+        os.remove(path)
+    elif os.path.exists(path) and chance.random() < 0.2:
+        os.rename(path, path[:-1] + "9")
+    else:
+        write(path)
+
+
+def on_server(ds):
+    """Images with a record: (client, image) -> {path: PO}."""
+    records = subprocess.run([MB, "image", "last", str(ds)], capture_output=True, text=True)
+    assert records.returncode in (0, 10), records
+    recorded = {tuple(line.split("|")[i] for i in (1, 4)) for line in records.stdout.splitlines()}
+    images = {key: {} for key in recorded}
+    found = subprocess.run([MB, "po", "find", str(ds), "--json"], capture_output=True, text=True)
+    for po in json.loads(found.stdout) if found.returncode == 0 else []:
+        images.setdefault((po["client"], po["image"]), {})[po["folder"] + "/" + po["name"]] = po
+    return {key: pos for key, pos in images.items() if key in recorded}
+
+
+def runs_of(pos):
+    return {po["comment"].split(" run=")[1].split(" ")[0] for po in pos.values() if po["type"] == "f"}
+
+
+class Model:
+    """What was recorded, by data selection, client and image: the files of each recording that was tried."""
+
+    def __init__(self):
+        self.tried = {}
+
+    def live(self, ds, images):
+        """The images on the server that are one of these recordings, whole."""
+        return {key: pos for key, pos in images.items()
+                if files_of(pos) in self.tried.get((ds, *key), [])}
+
+    def check(self, ds, key, before, after, finished):
+        """The claims of the POs of an image that a run has made, against the server before the run."""
+        held = {k: pos for k, pos in self.live(ds, before).items() if k != key}
+        known = {n for pos in held.values() for po in pos.values() if po["type"] == "f" for n in contents[po["digest"]]}
+        old_runs, met = set().union(*map(runs_of, before.values())), set()
+        for path, po in sorted(after.items()):
+            if po["type"] != "f" or not finished and before.get(key, {}).get(path) == po:
+                continue
+            numbers, reader = contents[po["digest"]], po["comment"].split(" run=")[1]
+            run_id, image = reader.split(" image=")
+            if run_id in old_runs:
+                seen["unread"] += 1
+                assert any(k[1] == image and other["digest"] == po["digest"] and f" run={run_id} " in other["comment"]
+                           for k, pos in held.items() for other in pos.values()), (path, po, held.keys())
+                continue
+            must = len(set(numbers) - known - met)
+            met.update(numbers)
+            seen["known"] += len(numbers) - po["newsegments"]
+            assert po["newsegments"] >= must, ("called known", path, po, must, sorted(known))
+
+
+def files_of(pos):
+    return frozenset((path, po["digest"]) for path, po in pos.items() if po["type"] == "f")
+
+
+def files_in(tree):
+    found = set()
+    for folder, _, names in os.walk(tree):
+        for name in names:
+            with open(f"{folder}/{name}", "rb") as file:
+                data = file.read()
+            digests = b"".join(hashlib.sha256(data[i:i + SEGMENT]).digest() for i in range(0, len(data), SEGMENT))
+            found.add((f"{folder}/{name}", hashlib.sha256(digests).hexdigest()))
+    return frozenset(found)
+
+
+def record(model, ds, client):
+    """A run of a client, perhaps disturbed, and the check of what it claimed."""
+    key, tree = (client, f"i{chance.randrange(4)}"), f"{top}/{client}"
+    cache = f"{caches}/{chance.choice((f'{ds}', f'{ds}.{client}'))}.cache"
+    options = [tree, "--ds", str(ds), "--client", client, "--image", key[1], "--cache", cache, "--segment", "512",
+               "--list", chance.choice(("2", "500")), *chance.choices(([], ["--force"], ["--rebind"]), (8, 1, 1))[0]]
+    before = on_server(ds)
+    model.tried.setdefault((ds, *key), []).append(files_in(tree))
+    disturbed = chance.choices(("", "kill", "fault"), (6, 2, 1))[0]
+    if disturbed == "fault":
+        action = chance.choice(("addlist", "setlastimage", "find", "deleteimage", "expire"))
+        server.admin("faults", [{"kind": "event", "code": 77, "action": action}])
+    later = {"LD_PRELOAD": LATER, "KSPOOL_TEST_LATER": "10", "ASAN_OPTIONS": "verify_asan_link_order=0"}
+    running = subprocess.Popen([AGENT, "record", *options], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                               env={**os.environ, **(later if chance.random() < 0.8 else {})})
+    if disturbed == "kill":
+        time.sleep(chance.uniform(0, 0.08))
+        running.kill()
+    said = running.communicate()[0]
+    server.admin("faults", method="DELETE")
+    finished = running.returncode == 0
+    assert finished or disturbed, (running.returncode, said)
+    seen["killed" if running.returncode < 0 else "whole" if finished else "failed"] += 1
+    after = on_server(ds).get(key, {})
+    model.check(ds, key, before, after, finished)
+    if finished:
+        assert files_of(after) == model.tried[(ds, *key)][-1], (sorted(after), said)
+        seen["stale"] += len(before.get(key, {}).keys() - after.keys())
+    time.sleep(0.01)  # a file that changes now has another time than the one that was read
+
+
+def expire(ds):
+    images = on_server(ds)
+    if not images:
+        return
+    client, image = chance.choice(sorted(images))
+    pos = list(images[client, image].values())
+    named = "--client", client, "--image", image
+    if chance.random() < 0.3 and pos:
+        lost = "|".join(str(value) for value in chance.choice(pos).values())
+        run(MB, "po", "expire", str(ds), input=lost + "\n")
+    elif chance.random() < 0.5:
+        run(MB, "image", "delete", str(ds), *named, "--policy", "default")
+    else:
+        run(AGENT, "expire", "--ds", str(ds), *named)
+
+
+def swap(folder):
+    """Keeps a copy of a folder, or brings one back."""
+    if folder in saved and chance.random() < 0.5:
+        shutil.rmtree(folder)
+        shutil.copytree(chance.choice(saved[folder]), folder)
+    else:
+        saved.setdefault(folder, []).append(f"{top}/copy{len(os.listdir(top))}")
+        shutil.copytree(folder, saved[folder][-1])
+
+
+def damage():
+    """A cache file, or its facts, is lost, or comes from elsewhere."""
+    names = [name for name in os.listdir(caches) if not name.endswith(".lock")]
+    if not names:
+        return
+    name = f"{caches}/{chance.choice(sorted(names))}"
+    if chance.random() < 0.5:
+        os.remove(name)
+    else:
+        swap(caches)
+
+
+def replace_server():
+    server.stop()
+    swap(pool)
+    server.start()
+
+
+with tempfile.TemporaryDirectory() as top:
+    pool, caches = top + "/pool", top + "/caches"
+    os.mkdir(caches)
+    for client in ("anna", "bert"):
+        for folder in "ab":
+            os.makedirs(f"{top}/{client}/{folder}")
+    server = PoolServer(SANDBOX, pool)
+    shutil.copytree(pool, top + "/fresh")
+    saved[pool] = [top + "/fresh"]
+    server.start()
+    model = Model()
+    for _ in range(RUNS):
+        client = chance.choice(("anna", "bert"))
+        for _ in range(chance.randrange(4)):
+            change(f"{top}/{client}")
+        record(model, chance.choice((1, 1, 1, 2)), client)
+        if chance.random() < 0.2:
+            chance.choices((lambda: expire(1), damage, replace_server), (3, 1, 1))[0]()
+    server.stop()
+assert RUNS < 50 or seen["known"] and seen["unread"], seen
+print(f"record against a model: {RUNS} runs, " + ", ".join(f"{n} {what}" for what, n in seen.items()) +
+      f", 0 false claims; KSPOOL_TEST_SEED={SEED}")

@@ -1,0 +1,95 @@
+#include "tools/agent/claims.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "tools/shared/failure.h"
+#include "tools/shared/text.h"
+
+namespace agent {
+namespace {
+
+/// Resolution of the coarsest file systems: two writes within it may leave the same time.
+constexpr int64_t kTimeGrain = 2;
+
+bool sameTime(const std::timespec& a, const std::timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool isUnchanged(const EarlierReading& then, const FileStatus& now) {
+    const auto settled = [&](const std::timespec& time) {
+        return time.tv_sec + kTimeGrain < then.readAt;
+    };
+    return then.status.size == now.size && then.status.inode == now.inode &&
+           sameTime(then.status.modified, now.modified) &&
+           sameTime(then.status.changed, now.changed) && settled(now.modified) &&
+           settled(now.changed);
+}
+
+bool sameImage(const ImageName& a, const ImageName& b) {
+    return a.client == b.client && a.policy == b.policy && a.image == b.image;
+}
+
+}  // namespace
+
+Claims::Claims(tool::Session& session, const Facts& facts) : session_(session), facts_(facts) {
+    list();
+}
+
+void Claims::list() {
+    records_ = listImages(session_, facts_.binding.dataselection, "", "");
+}
+
+bool Claims::hasRecord(const ImageName& name) const {
+    return std::any_of(records_.begin(), records_.end(),
+                       [&](const ImageRecord& r) { return sameImage(r.name, name); });
+}
+
+bool Claims::isLive(uint64_t number) {
+    const auto known = live_.find(number);
+    if (known != live_.end()) return known->second;
+    const ImageFact* image = facts_.byNumber(number);
+    const bool live = image != nullptr && hasRecord(image->name) && compare(*image);
+    live_[number] = live;
+    return live;
+}
+
+/// Compares the POs on the server with the sum of those that were recorded.
+bool Claims::compare(const ImageFact& image) {
+    ImageSum sum;
+    findImage(session_, image.name, [&](FoundPO&& po, std::string_view) {
+        sum.add(po.record);
+        if (image.number != newest_ || !po.record.status.isFile()) return;
+        const ImageFact* reader = facts_.byRun(po.record.readRun);
+        if (reader == nullptr || po.record.cut != facts_.binding.cut) return;
+        files_[po.record.path] = {po.record.status, po.record.digest, po.record.segments,
+                                  po.record.readAt, reader->number};
+    });
+    return sum == image.sum;
+}
+
+void Claims::readNewest(const ImageName& name) {
+    const ImageFact* newest = facts_.newest(name.client, name.policy);
+    if (newest == nullptr) return;
+    newest_ = newest->number;
+    if (!isLive(newest_)) files_.clear();
+}
+
+const EarlierReading* Claims::readingOf(const std::string& path, const FileStatus& status) {
+    const auto found = files_.find(path);
+    if (found == files_.end() || !isUnchanged(found->second, status)) return nullptr;
+    return isLive(found->second.image) ? &found->second : nullptr;
+}
+
+void Claims::checkStillThere(const std::set<uint64_t>& numbers) {
+    list();
+    for (const uint64_t number : numbers) {
+        const ImageFact* image = facts_.byNumber(number);
+        if (image != nullptr && hasRecord(image->name)) continue;
+        throw tool::Failure("image " +
+                            (image != nullptr ? tool::printable(image->name.image) : "") +
+                            " was expired during the run; run it again");
+    }
+}
+
+}  // namespace agent
