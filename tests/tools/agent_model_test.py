@@ -124,7 +124,7 @@ def record(model, ds, client):
                "--list", chance.choice(("2", "500")), *chance.choices(([], ["--force"], ["--rebind"]), (8, 1, 1))[0]]
     before = on_server(ds)
     model.tried.setdefault((ds, *key), []).append(files_in(tree))
-    disturbed = chance.choices(("", "kill", "fault"), (6, 2, 1))[0]
+    disturbed = chance.choices(("", "kill", "kill in the save", "fault"), (6, 1, 1, 1))[0]
     if disturbed == "fault":
         action = chance.choice(("addlist", "setlastimage", "find", "deleteimage", "expire"))
         server.admin("faults", [{"kind": "event", "code": 77, "action": action}])
@@ -133,6 +133,9 @@ def record(model, ds, client):
                                env={**os.environ, **(later if chance.random() < 0.8 else {})})
     if disturbed == "kill":
         time.sleep(chance.uniform(0, 0.08))
+    while disturbed == "kill in the save" and running.poll() is None and not os.path.exists(cache + ".new"):
+        pass
+    if disturbed.startswith("kill"):
         running.kill()
     said = running.communicate()[0]
     server.admin("faults", method="DELETE")
@@ -144,6 +147,11 @@ def record(model, ds, client):
     if finished:
         assert files_of(after) == model.tried[(ds, *key)][-1], (sorted(after), said)
         seen["stale"] += len(before.get(key, {}).keys() - after.keys())
+        assert not [name for name in os.listdir(caches) if name.startswith(cache[len(caches) + 1:] + ".") and
+                    name.endswith(".new")], os.listdir(caches)
+        if chance.random() < 0.2 and files_of(after):  # what is on the server is known, not only forgotten
+            again = [tree, "--ds", str(ds), "--client", client, "--image", "new", "--cache", cache, "--segment", "512"]
+            assert json.loads(run(AGENT, "record", "--dry-run", "--json", *again).stdout)["newSegments"] == 0
     time.sleep(0.01)  # a file that changes now has another time than the one that was read
 
 

@@ -10,9 +10,9 @@ def run(*command, code=0, **options):
     return done
 
 
-def found(agent, image):
-    """What the pool has of an image of the client "me"."""
-    done = subprocess.run([agent, "find", "--client", "me", "--image", image, "--json"], capture_output=True, text=True)
+def found(agent, image, kind="f"):
+    """The files, or folders, that the pool has of an image of the client "me"."""
+    done = subprocess.run([agent, "find", "--client", "me", "--image", image, "--type", kind, "--json"], capture_output=True, text=True)
     assert done.returncode in (0, 10), done
     return json.loads(done.stdout)
 

@@ -69,10 +69,12 @@ bool Claims::compare(const ImageFact& image) {
 }
 
 void Claims::readNewest(const ImageName& name) {
-    const ImageFact* newest = facts_.newest(name.client, name.policy);
-    if (newest == nullptr) return;
-    newest_ = newest->number;
-    if (!isLive(newest_)) files_.clear();
+    for (auto image = facts_.images.rbegin(); image != facts_.images.rend(); ++image) {
+        if (image->name.client != name.client || image->name.policy != name.policy) continue;
+        newest_ = image->number;
+        if (isLive(newest_)) return;
+        files_.clear();
+    }
 }
 
 const EarlierReading* Claims::readingOf(const std::string& path, const FileStatus& status) {

@@ -41,7 +41,7 @@ class Claims {
     /// False for a number that is not in the facts.
     bool isLive(uint64_t number);
 
-    /// Takes the files of the newest image of a client and policy, if it is live.
+    /// Takes the files of the newest live image of a client and policy.
     void readNewest(const ImageName& name);
 
     /// The reading that makes another one unnecessary: size, times and inode are as they were then,

@@ -40,8 +40,7 @@ ordered_json jsonOf(const ImageFact& image) {
             {"image", asciiText(image.name.image)},
             {"run", image.run},
             {"pos", image.sum.pos},
-            {"sum", image.sum.sum},
-            {"readFor", image.readFor}};
+            {"sum", image.sum.sum}};
 }
 
 ImageFact imageOf(const ordered_json& json, uint32_t dataselection) {
@@ -51,8 +50,7 @@ ImageFact imageOf(const ordered_json& json, uint32_t dataselection) {
                      .policy = textAt(json, "policy"),
                      .image = textAt(json, "image")},
             .run = json.at("run"),
-            .sum = {.pos = json.at("pos"), .sum = json.at("sum")},
-            .readFor = json.at("readFor")};
+            .sum = {.pos = json.at("pos"), .sum = json.at("sum")}};
 }
 
 Facts factsOf(const ordered_json& json) {
@@ -103,12 +101,6 @@ const ImageFact* Facts::byRun(const std::string& run) const {
 
 const ImageFact* Facts::byNumber(uint64_t number) const {
     return lastOf(images, [&](const ImageFact& i) { return i.number == number; });
-}
-
-const ImageFact* Facts::newest(const std::string& client, const std::string& policy) const {
-    return lastOf(images, [&](const ImageFact& i) {
-        return i.name.client == client && i.name.policy == policy;
-    });
 }
 
 bool Facts::untie(const ImageName& name) {

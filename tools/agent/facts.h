@@ -47,19 +47,16 @@ struct ImageFact {
     ImageName name;
     std::string run;  ///< random: the POs of this recording have it in their comments
     ImageSum sum;
-    std::vector<uint64_t> readFor;  ///< images for which its unread files were read
 };
 
 struct Facts {
     Binding binding;
-    uint64_t next = 1;  ///< number of the next image
-    std::vector<ImageFact> images;
+    uint64_t next = 1;              ///< number of the next image
+    std::vector<ImageFact> images;  ///< in the order of their numbers
     std::vector<std::string> caches;
 
     const ImageFact* byRun(const std::string& run) const;
     const ImageFact* byNumber(uint64_t number) const;
-    /// The newest one of a client and policy.
-    const ImageFact* newest(const std::string& client, const std::string& policy) const;
     /// Drops the recording of a name. False when there is none.
     bool untie(const ImageName& name);
 };

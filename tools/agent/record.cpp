@@ -372,23 +372,13 @@ void Recording::finish() {
     saveCache();
 }
 
-/// Keeps the facts of images that an entry is tied to, or that a later run of some client starts
-/// from; then replaces both files, the facts first.
+/// Replaces both files, the facts first. Facts of images without a record go.
 void Recording::saveCache() {
     cache_->makeRoom(true);
     cache_->tieMet(image_.number);
     image_.sum = outbox_->sum();
-    image_.readFor.assign(readFor_.begin(), readFor_.end());
+    std::erase_if(facts_.images, [&](const ImageFact& i) { return !claims_.hasRecord(i.name); });
     facts_.images.push_back(image_);
-    std::set<uint64_t> wanted;
-    for (const auto& [number, entries] : cache_->ties())
-        wanted.insert(number);
-    for (const ImageFact& image : facts_.images) {
-        if (facts_.newest(image.name.client, image.name.policy) != &image) continue;
-        wanted.insert(image.number);
-        wanted.insert(image.readFor.begin(), image.readFor.end());
-    }
-    std::erase_if(facts_.images, [&](const ImageFact& i) { return wanted.count(i.number) == 0; });
     facts_.caches.push_back(cache_->sum());
     saveFacts(factsPath(file_.path()), facts_);
     cache_->save(file_);
@@ -460,7 +450,13 @@ ExitCode record(RecordOptions options) {
     tool::Steps steps;
     {
         const Stopwatch watch(result.seconds);
-        steps.run([&] { recording.run(); });
+        steps.run([&] {
+            try {
+                recording.run();
+            } catch (const tool::Failure&) {
+                if (!Interrupts::asked()) throw;  // else the report says so
+            }
+        });
     }
     result.interrupted = Interrupts::asked() && !result.complete;
     printRecord(options, result);
