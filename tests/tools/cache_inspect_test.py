@@ -96,9 +96,12 @@ def check_damage():
             assert code == 0 or arguments[0] == "verify" or done.stdout == "", arguments
     assert [(row["type"], row["records"]) for row in ask("stat", "types")["types"]] == [(3, 3), (200, 12)]
     run("verify", "good", "sum", "gone", "good", code=2)
-    found = ask("verify", "good", "sum", "odd\nname", code=2)
-    assert [one["state"] for one in found] == ["good", "damaged", "unreadable"], found
-    assert [one["file"] for one in found] == ["good", "sum", "odd\\x0aname"], found
+    found = ask("verify", "good", "sum", "odd\n\\", "b\udcff\\\x01", code=2)
+    assert [one["state"] for one in found] == ["good", "damaged", "unreadable", "unreadable"], found
+    assert [(one["file"], one.get("escaped")) for one in found] == [
+        ("good", None), ("sum", None), ("odd\n\\", None), ("b\\xff\\x5c\x01", ["file"])], found
+    # A file would become a closed standard input, and the library loads none from there.
+    run("dump", "good", preexec_fn=lambda: os.close(0))
     assert run("verify", "good", "sum", code=1).stdout == "good: good, 3 records\nsum: damaged\n"
 
 

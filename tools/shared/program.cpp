@@ -1,15 +1,34 @@
 #include "tools/shared/program.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <clocale>
 #include <cstdio>
+#include <filesystem>
 #include <new>
+#include <system_error>
 
 #include "kspool_version.h"
 #include "tools/shared/signals.h"
+#include "tools/shared/text.h"
 
 namespace tool {
 namespace {
+
+/// A file that is opened later would otherwise become a closed one of standard input, output and
+/// error, and messages would be written into it. They are opened the wrong way round, so that a
+/// report to a closed standard output still fails.
+void occupyStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+        // The lowest free descriptor: the lower ones are in use.
+        [[maybe_unused]] const int opened =
+            open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
 
 ExitCode parseAndWork(const Program& program, int argc, char** argv) {
     const std::string name = program.name;
@@ -46,13 +65,20 @@ ExitCode workAndReport(const Program& program, int argc, char** argv) {
 int runProgram(const Program& program, int argc, char** argv) noexcept {
     setlocale(LC_CTYPE, "");
     setProgram(program.name, program.failed);
+    occupyStandardDescriptors();
     try {
         const ExitCode code = workAndReport(program, argc, argv);
         return code == ExitCode::kInterrupted ? Interrupts::endBySignal() : static_cast<int>(code);
     } catch (const std::bad_alloc&) {
         fprintf(stderr, "%s: not enough memory\n", program.name);  // complain() would need some
+    } catch (const Failure& failure) {
+        complain(failure.what());
+    } catch (const std::filesystem::filesystem_error& error) {
+        complain(printable(error.path1()) + ": " + error.code().message());
+    } catch (const std::system_error& error) {
+        complain(error.code().message());  // what() names functions of the C++ library
     } catch (const std::exception& error) {
-        complain(error.what());
+        complain(std::string("internal error: ") + error.what());
     }
     return static_cast<int>(program.failed);
 }

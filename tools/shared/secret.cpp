@@ -48,6 +48,7 @@ Problem readFile(const std::string& path, Secret& secret) {
     const kspool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     struct stat status {};
     if (file.get() < 0 || fstat(file.get(), &status) != 0) return strerror(errno);
+    if (S_ISDIR(status.st_mode)) return strerror(EISDIR);
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         return "is open to other users, so it is not taken for a password: chmod 600";
     }
