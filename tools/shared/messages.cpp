@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "cr_status.h"
+#include "platform/status.h"
 #include "platform/support.h"
 #include "tools/shared/failure.h"
 #include "tools/shared/text.h"
@@ -41,6 +42,10 @@ bool mayBeEvent(uint32_t level, uint32_t status) {
 
 }  // namespace
 
+bool isTransport(uint32_t status) {
+    return status >= CR_STATUS_TRANSPORT_BASE && status < CR_STATUS_TRANSPORT_BASE + 100;
+}
+
 Messages::Messages(bool shown) : shown_(shown) {
     qlxSetSink(hear, this);
     *__qlxlog_trace_location() = shown ? 1 : 0;
@@ -55,8 +60,10 @@ void Messages::hear(uint32_t level, uint32_t status, const char* text, void* sel
     if (mayBeEvent(level, status)) messages.event_ = status;
     const bool notRead = status == CR_STATUS_READ_FAILED || status == CR_STATUS_NO_MEMORY;
     if (level == QLX_LEVEL_NOTICE && notRead) messages.notRead_ = status;
-    if (!messages.shown_) return;
     try {
+        if (level == QLX_LEVEL_NOTICE && isTransport(status)) messages.reason_ = text;
+        if (!messages.shown_) return;
+        if (messages.beforeEach_) messages.beforeEach_();
         show(level, status, text);
     } catch (const std::exception&) {
         fprintf(stderr, "%s: a message was lost for want of memory\n", programName());
@@ -65,6 +72,7 @@ void Messages::hear(uint32_t level, uint32_t status, const char* text, void* sel
 
 void Messages::forget() {
     event_ = 0;
+    reason_.clear();
     qlxSetFatalError("", 0, "%s", "");
 }
 
@@ -75,6 +83,13 @@ std::string Messages::description() const {
     while (!description.empty() && (description.back() == '\n' || description.back() == ' '))
         description.pop_back();
     return printable(description);
+}
+
+/// A notice of the transport is "URL: REASON (HTTP status NUMBER)".
+std::string Messages::reason() const {
+    const size_t url = reason_.starts_with("http") ? reason_.find(": ") : std::string::npos;
+    const size_t begin = url == std::string::npos ? 0 : url + 2;
+    return printable(reason_.substr(begin, reason_.rfind(" (HTTP status ") - begin));
 }
 
 }  // namespace tool

@@ -6,14 +6,19 @@
 //  1. The library has one sink. There is at most one Messages, and no other sink beside it.
 //  2. event() is the last event since forget(), or 0: whoever forgets before each request knows
 //     that the event belongs to that request.
-//  3. hear() lets no exception out, since C code called it.
+//  3. reason() is that of the last request that failed since forget(), or empty.
+//  4. hear() lets no exception out, since C code called it.
 #ifndef TOOLS_SHARED_MESSAGES_H
 #define TOOLS_SHARED_MESSAGES_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace tool {
+
+/// Whether a status is the transport's, which got no valid answer.
+bool isTransport(uint32_t status);
 
 class Messages {
   public:
@@ -24,7 +29,11 @@ class Messages {
     Messages(const Messages&) = delete;
     Messages& operator=(const Messages&) = delete;
 
-    /// Forgets the event and its description; to be called before each request.
+    /// Does something before each message that is shown: no call that makes the library report.
+    void beforeEach(std::function<void()> work) { beforeEach_ = std::move(work); }
+    bool shown() const { return shown_; }
+
+    /// Forgets the event, its description and the reason; to be called before each request.
     void forget();
     void noteEvent(uint32_t code) { event_ = code; }
     uint32_t event() const { return event_; }  ///< 0: no event since forget()
@@ -32,6 +41,8 @@ class Messages {
     uint32_t notRead() const { return notRead_; }
     /// The server's description of the event, as a terminal may show it; empty when it sent none.
     std::string description() const;
+    /// The transport's reason for a request that failed, as a terminal may show it.
+    std::string reason() const;
 
   private:
     static void hear(uint32_t level, uint32_t status, const char* text, void* self) noexcept;
@@ -39,6 +50,8 @@ class Messages {
     bool shown_;
     uint32_t event_ = 0;
     uint32_t notRead_ = 0;
+    std::string reason_;
+    std::function<void()> beforeEach_;
 };
 
 }  // namespace tool

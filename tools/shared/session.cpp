@@ -18,12 +18,11 @@
 namespace tool {
 namespace {
 
-constexpr uint32_t kTransportLast = CR_STATUS_TRANSPORT_BASE + 99;
-
 constexpr char kNotConfigured[] =
     "not configured: there is no file $KSPOOL_AGENT_CONFIG, $XDG_CONFIG_HOME/kspool/agent.cfg or "
     "/etc/kspool/agent.cfg; give --config FILE";
 
+constexpr char kRetry[] = "--retry SECONDS";
 constexpr char kPerhapsDone[] = "if it was a change, it may have been made";
 constexpr char kPerhapsDoneOrNoPool[] =
     "if it was a change, it may have been made; is it a pool server?";
@@ -33,17 +32,32 @@ struct Hint {
     const char* text;
 };
 
-constexpr Hint kHints[] = {
-    {WS_STATUS_FAILED, kPerhapsDone},
-    {WS_STATUS_NO_SERVER, "a server is http://HOST[:PORT] or https://HOST[:PORT]"},
-    {WS_STATUS_PLAINTEXT, "use https, or set KSPOOL_ALLOW_PLAINTEXT=1"},
-    {WS_STATUS_NO_CONNECT, "is it running there? --retry SECONDS waits for it"},
-    {WS_STATUS_CONNECT_TIMED_OUT, "is it running there? --retry SECONDS waits for it"},
-    {WS_STATUS_ABORTED, kPerhapsDone},
-    {WS_STATUS_TIMED_OUT, kPerhapsDone},
-    {WS_STATUS_CUT, kPerhapsDone},
-    {WS_STATUS_BAD_ANSWER, kPerhapsDoneOrNoPool},
-    {WS_STATUS_TOO_LARGE, kPerhapsDone},
+/// What to do about a status, and whether retries could help.
+struct Advice {
+    uint32_t status;
+    bool retry;
+    const char* text;
+};
+
+constexpr Advice kAdvice[] = {
+    {WS_STATUS_FAILED, false, kPerhapsDone},
+    {WS_STATUS_NO_SERVER, false, "a server is http://HOST[:PORT] or https://HOST[:PORT]"},
+    {WS_STATUS_PLAINTEXT, false, "use https, or set KSPOOL_ALLOW_PLAINTEXT=1"},
+    {WS_STATUS_NO_CONNECT, true, "is it running there?"},
+    {WS_STATUS_CONNECT_TIMED_OUT, true, "is it running there?"},
+    {WS_STATUS_ABORTED, false, kPerhapsDone},
+    {WS_STATUS_TIMED_OUT, false, kPerhapsDone},
+    {WS_STATUS_CUT, false, kPerhapsDone},
+    {WS_STATUS_BAD_ANSWER, false, kPerhapsDoneOrNoPool},
+    {WS_STATUS_TOO_LARGE, false, kPerhapsDone},
+};
+
+/// The answers after which the transport tries again while a time-out for it lasts.
+constexpr Hint kPatience[] = {
+    {429, "the server wants fewer requests"},
+    {502, "the server's gateway got no valid answer"},
+    {503, "the server is overloaded or in maintenance"},
+    {504, "the server's gateway got no answer in time"},
 };
 
 /// Why a query may be refused, by event.
@@ -53,8 +67,16 @@ constexpr Hint kReasons[] = {
     {POOL_EVENT_NO_SELECTION, "no such data selection"},
 };
 
-bool isTransport(uint32_t status) {
-    return status >= CR_STATUS_TRANSPORT_BASE && status <= kTransportLast;
+/// The row of a status, or nullptr.
+template <typename Row, size_t rows>
+const Row* find(const Row (&table)[rows], uint32_t status) {
+    const Row* row =
+        std::find_if(table, table + rows, [=](const Row& r) { return r.status == status; });
+    return row != table + rows ? row : nullptr;
+}
+
+const Hint* patience(uint32_t status, uint32_t httpStatus) {
+    return status == WS_STATUS_BAD_ANSWER ? find(kPatience, httpStatus) : nullptr;
 }
 
 /// The URL without user name and password, which some people write into it.
@@ -66,7 +88,24 @@ std::string shownUrl(const std::string& url) {
     return printable(url.substr(0, host) + url.substr(at + 1));
 }
 
+/// The path of a URL, without slashes at its end.
+std::string pathOf(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t path = url.find('/', scheme == std::string::npos ? 0 : scheme + 3);
+    if (path == std::string::npos) return {};
+    return printable(url.substr(path, url.find_last_not_of('/') + 1 - path));
+}
+
+/// Zeroed where the library knows nothing.
+MBEvent lastEvent(const MBSession* session) {
+    MBEvent last{};
+    last.size = sizeof last;
+    if (MBLastEvent(session, &last) != CR_STATUS_OK) last = {};
+    return last;
+}
+
 ExitCode exitCode(uint32_t status, uint32_t event) {
+    if (status == WS_STATUS_NO_SERVER || status == WS_STATUS_PLAINTEXT) return ExitCode::kUsage;
     if (status == CR_STATUS_PERMISSION_DENIED) return ExitCode::kPermission;
     const bool nothing = event == POOL_EVENT_NO_ENTRY || event == POOL_EVENT_NO_SELECTION ||
                          event == POOL_EVENT_NO_IMAGE;
@@ -94,8 +133,16 @@ Session::Session(const SessionOptions& options)
                       configFile_ + ": names no Metabase server; give --server URL");
     }
     server_ = shownUrl(url);
+    path_ = pathOf(url);
+    hasLoginInUrl_ = server_ != printable(url);
     create(options, url);
     enableRetries(options);
+    messages_.beforeEach([this] { showRequest(); });
+}
+
+/// MBShutdown() reports when there is no session to be asked for its requests any more.
+Session::~Session() {
+    messages_.beforeEach({});
 }
 
 /// A missing configuration is a failure only where no server is given either: then the library
@@ -140,6 +187,7 @@ void Session::create(const SessionOptions& options, const std::string& url) {
 }
 
 void Session::enableRetries(const SessionOptions& options) {
+    retries_ = options.retry != 0 || reconnectTimeout_ != 0;
     if (options.retry == 0) return;
     const uint32_t status = MBEnableResiliency(session_.get(), options.retry);
     if (reconnectTimeout_ == 0) {
@@ -152,14 +200,34 @@ void Session::enableRetries(const SessionOptions& options) {
     }
 }
 
-void Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call) {
+void Session::attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call,
+                      const char* service) {
     messages_.forget();
     reason_.clear();
+    service_ = service;
     const uint32_t status = call(session_.get());
+    if (messages_.shown()) showRequest();
     if (status == CR_STATUS_OK) return;
     const std::string text = explain(status);
     throw Failure(exitCode(status, messages_.event()),
                   subject.empty() ? text : subject + ": " + text);
+}
+
+/// Shows the last request, unless it was shown. A call may make several requests; the library
+/// writes a trace after each of them but the last.
+void Session::showRequest() {
+    MBStatistics so{};
+    so.size = sizeof so;
+    if (MBGetStatistics(session_.get(), &so) != CR_STATUS_OK || so.requests == requests_) return;
+    const MBEvent last = lastEvent(session_.get());
+    std::string text = "request: POST " + path_ + "/ws/" + service_ + ", ";
+    text += last.httpStatus != 0 ? "HTTP status " + std::to_string(last.httpStatus) : "no answer";
+    text += std::string(", id ") + (last.requestId != nullptr ? last.requestId : "unknown");
+    text += ", " + humanSeconds(static_cast<double>(so.microseconds - microseconds_) / 1e6);
+    if (last.attempts > 1) text += ", " + std::to_string(last.attempts) + " attempts";
+    requests_ = so.requests;
+    microseconds_ = so.microseconds;
+    complain(text);
 }
 
 /// The status for a result that may be an event of the server, which some calls return.
@@ -172,8 +240,9 @@ uint32_t Session::statusOfEvent(uint32_t result) {
 }
 
 void Session::attemptEvent(const std::string& subject,
-                           const std::function<uint32_t(MBSession*)>& call) {
-    attempt(subject, [&](MBSession* session) { return statusOfEvent(call(session)); });
+                           const std::function<uint32_t(MBSession*)>& call, const char* service) {
+    attempt(
+        subject, [&](MBSession* session) { return statusOfEvent(call(session)); }, service);
 }
 
 void Session::attemptQuery(uint32_t dataselection,
@@ -182,14 +251,14 @@ void Session::attemptQuery(uint32_t dataselection,
         const uint32_t status = call(session);
         if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
         if (status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_BAD_HANDLE) return status;
+        if (messages_.shown()) showRequest();
         // A login or a data selection that may not be queried may not list its images either.
         char* images = nullptr;
         const uint32_t event =
             MBGetLastImages(session, dataselection, nullptr, nullptr, -1, INT64_MAX, &images);
         const kspool::OwnedText owned(images);
-        const auto* known = std::find_if(std::begin(kReasons), std::end(kReasons),
-                                         [=](const Hint& r) { return r.status == event; });
-        if (known == std::end(kReasons)) return status;
+        const Hint* known = find(kReasons, event);
+        if (known == nullptr) return status;
         reason_ = known->text;
         return statusOfEvent(event);
     });
@@ -199,33 +268,59 @@ void Session::attemptQuery(uint32_t dataselection,
 std::string Session::explain(uint32_t status) const {
     const bool permission = status == CR_STATUS_PERMISSION_DENIED;
     const bool remote = permission || status == CR_STATUS_REMOTE_ERROR;
-    const std::string said = !remote ? "" : reason_.empty() ? messages_.description() : reason_;
-    std::string text = (said.empty() ? CRStatusToStringA(status) : said) + " (";
+    const uint32_t httpStatus = isTransport(status) ? lastEvent(session_.get()).httpStatus : 0;
+    std::string text = whatHappened(status, httpStatus) + " (";
     if (remote && messages_.event() != 0) {
         text += "event " + std::to_string(messages_.event()) + ", ";
     }
-    MBEvent last{};
-    last.size = sizeof last;
-    if (isTransport(status) && MBLastEvent(session_.get(), &last) == CR_STATUS_OK &&
-        last.httpStatus != 0) {
-        text += "HTTP status " + std::to_string(last.httpStatus) + ", ";
-    }
+    if (httpStatus != 0) text += "HTTP status " + std::to_string(httpStatus) + ", ";
     text += "server " + server_;
     if (permission) {
         text += login_.empty() ? ", no login" : ", login " + printable(login_);
         if (!hasPassword_) text += ", no password";
     }
-    text += ")";
-    if (permission && (login_.empty() || !hasPassword_)) {
-        return text + "; give --login NAME and --password-file FILE";
+    const std::string next = advice(status, httpStatus);
+    return text + (next.empty() ? ")" : "); " + next);
+}
+
+std::string Session::whatHappened(uint32_t status, uint32_t httpStatus) const {
+    if (const Hint* row = patience(status, httpStatus)) return row->text;
+    std::string text = CRStatusToStringA(status);
+    if (status == CR_STATUS_PERMISSION_DENIED || status == CR_STATUS_REMOTE_ERROR) {
+        const std::string said = reason_.empty() ? messages_.description() : reason_;
+        return said.empty() ? text : said;
+    }
+    const bool unconnected = status == WS_STATUS_TLS || status == WS_STATUS_NO_CONNECT ||
+                             status == WS_STATUS_CONNECT_TIMED_OUT || status == WS_STATUS_FAILED;
+    const std::string why = unconnected ? messages_.reason() : "";
+    return why.empty() || why == text ? text : text + ": " + why;
+}
+
+/// What to do next. Nothing that has been done already.
+std::string Session::advice(uint32_t status, uint32_t httpStatus) const {
+    if (status == CR_STATUS_PERMISSION_DENIED) {
+        if (login_.empty() && !hasPassword_) return "give --login NAME and --password-file FILE";
+        return login_.empty() ? "give --login NAME"
+               : hasPassword_ ? ""
+                              : "give --password-file FILE";
     }
     if (status == WS_STATUS_TLS) {
-        return text + "; the configuration's SSL key location is " +
+        return "the configuration's SSL key location is " +
                (keyLocation_.empty() ? "not set" : keyLocation_);
     }
-    const auto* hint = std::find_if(std::begin(kHints), std::end(kHints),
-                                    [=](const Hint& h) { return h.status == status; });
-    return hint != std::end(kHints) ? text + "; " + hint->text : text;
+    if (status == WS_STATUS_NO_SERVER && hasLoginInUrl_) {
+        return "give --login NAME and --password-file FILE instead of a login in the URL";
+    }
+    if (patience(status, httpStatus) != nullptr) {
+        return (retries_ ? std::string() : std::string(kRetry) + " tries again; ") + kPerhapsDone;
+    }
+    const Advice* row = find(kAdvice, status);
+    if (row == nullptr) return {};
+    const char* proxy = getenv("KSPOOL_PROXY");
+    if (status == WS_STATUS_NO_SERVER && proxy != nullptr && *proxy != '\0') {
+        return std::string(row->text) + ", and so must $KSPOOL_PROXY be";
+    }
+    return row->text + (row->retry && !retries_ ? std::string(" ") + kRetry + " waits for it" : "");
 }
 
 }  // namespace tool

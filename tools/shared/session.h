@@ -30,6 +30,7 @@ class Session {
     /// Opens a session; nothing is sent. Throws Failure, with kUsage when the options or the
     /// configuration are at fault.
     explicit Session(const SessionOptions& options);
+    ~Session();
 
     const std::string& server() const { return server_; }  ///< as a terminal may show it
 
@@ -37,11 +38,14 @@ class Session {
     MBSession* handle() const { return session_.get(); }
 
     /// Makes one call of the library, which returns a status. Throws Failure when that is not
-    /// CR_STATUS_OK; its text begins with `subject`, which may be empty.
-    void attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
+    /// CR_STATUS_OK; its text begins with `subject`, which may be empty. `service` is the one that
+    /// docs/wire-protocol.md has for the call; it is shown, and nothing else depends on it.
+    void attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call,
+                 const char* service = "metabase");
 
     /// The same for a call that returns the event of the server, where others return a status.
-    void attemptEvent(const std::string& subject, const std::function<uint32_t(MBSession*)>& call);
+    void attemptEvent(const std::string& subject, const std::function<uint32_t(MBSession*)>& call,
+                      const char* service = "metabase");
 
     /// The same for a query. The library does not tell why a server refuses a query, so a second
     /// request, which is refused for the same reason, asks for its event. To find nothing is no
@@ -56,15 +60,24 @@ class Session {
     void readConfiguration(const SessionOptions& options);
     void create(const SessionOptions& options, const std::string& url);
     void enableRetries(const SessionOptions& options);
+    void showRequest();
     std::string explain(uint32_t status) const;
+    std::string whatHappened(uint32_t status, uint32_t httpStatus) const;
+    std::string advice(uint32_t status, uint32_t httpStatus) const;
     uint32_t statusOfEvent(uint32_t result);
 
     Messages messages_;  ///< declared first: MBShutdown() still reports
     std::unique_ptr<MBSession, Shutdown> session_;
     std::string reason_;  ///< why a query was refused; the library has none
     std::string server_;
+    std::string path_;  ///< of the server's URL
+    const char* service_ = "";
+    uint64_t requests_ = 0;      ///< that were shown
+    uint64_t microseconds_ = 0;  ///< that they took
     std::string login_;
     bool hasPassword_ = false;
+    bool hasLoginInUrl_ = false;
+    bool retries_ = false;
     std::string configFile_;  ///< empty: there is no configuration
     std::string configUrl_;
     std::string keyLocation_;

@@ -28,7 +28,12 @@ void addSessionOptions(CLI::App& app, SessionOptions& session) {
     app.add_option("--login", session.login, "Login")
         ->type_name("NAME")
         ->envname("KSPOOL_LOGIN")
-        ->check(textUpTo(kLongestLogin));
+        ->check(textUpTo(kLongestLogin))
+        ->check(CLI::Validator(
+            [](const std::string& login) {
+                return login.find(':') == std::string::npos ? "" : "may not hold a colon";
+            },
+            ""));
     app.add_option("--password-file", session.passwordFile,
                    "File whose first line is the password; - for standard input")
         ->type_name("FILE")
