@@ -3,12 +3,13 @@
 import json
 import os
 import re
+import signal
 import subprocess
 import sys
 import tempfile
 import time
 
-from pool_server import PoolServer, answering
+from pool_server import OPENER, PoolServer, answering
 
 TOOL, SANDBOX = (os.path.abspath(path) for path in sys.argv[1:3])
 CANARY = "canary-7d1f"
@@ -17,7 +18,7 @@ CLEAN.update(TZ="UTC", LC_ALL="C.UTF-8")
 secrets = [CANARY]
 
 
-def run(*arguments, code=0, lines=None, says=(), env=(), **options):
+def run(*arguments, code=0, lines=None, says=(), unsaid=(), env=(), **options):
     """Runs the tool. Without -v it is silent when all is well, and otherwise as long as `lines` says."""
     done = subprocess.run([TOOL, *arguments], capture_output=True, text=True, timeout=60,
                           env={**CLEAN, **dict(env)}, **options)
@@ -27,7 +28,7 @@ def run(*arguments, code=0, lines=None, says=(), env=(), **options):
     if "-v" not in arguments:
         assert done.stderr.count("\n") == ((code != 0) if lines is None else lines), told
     assert all(line.startswith("kspool-mb: ") for line in done.stderr.splitlines()), told
-    assert all(text in done.stderr for text in says), told
+    assert all(text in done.stderr for text in says) and not any(text in done.stderr for text in unsaid), told
     return done.stdout
 
 
@@ -74,7 +75,8 @@ def check_name_space(server, agent, reader):
     assert [found[0]["mtime"], found[2]["mtime"]] == [1700000000, 86399], found
 
 
-def check_server(url, agent):
+def check_server(server, agent):
+    url = server.url
     found = json.loads(run(*agent, "time", "--json"))
     assert abs(found["time"] - time.time()) < 5 and abs(found["difference"]) < 3, found
     zoned = run(*agent, "time", env={"TZ": "XYZ-05:30"})
@@ -85,6 +87,11 @@ def check_server(url, agent):
         assert re.fullmatch(rf"{re.escape(url)}: answer {n}: \d+\.\d{{3}} ms", line), line
     assert run(*agent, "ping", "-q").count("\n") == 1
     found = json.loads(run(*agent, "ping", "-c", "2", "--json"))
+    for command, service in (("ls /", "metabase"), ("ping -c1", "keepalive")):
+        told = subprocess.run([TOOL, "-v", *agent, *command.split()], capture_output=True, text=True, env=CLEAN, check=True)
+        line, = re.findall(r"^kspool-mb: request: POST (\S+), HTTP status 200, id (\w+), [\d.]+ .?s$", told.stderr, re.M)
+        logged = json.load(OPENER.open(url + "/__admin/requests"))["last"]
+        assert line[0] == "/ws/" + service and line[1] in [one["id"] for one in logged], (line, logged)
     low, high = sorted(found["milliseconds"])
     assert 0 < low == found["min"] and high == found["max"] and abs(found["median"] - (low + high) / 2) < 1e-6
 
@@ -104,13 +111,17 @@ def check_secrets(top, config, password):
             file.write(content)
         run(*login, "--password-file", f"{top}/file{number}", *ls, code=code)
         run(*login, "--password-file", "-", *ls, code=code, input=content)
-    for bad in (top + "/none", top):
-        run(*login, "--password-file", bad, *ls, code=2, says=[bad + ": "])
+    for bad, why in ((top + "/none", "No such file"), (top, "Is a directory"), ("/", "Is a directory")):
+        run(*login, "--password-file", bad, *ls, code=2, says=[f"{bad}: {why}"])
     variables = {"KSPOOL_LOGIN": "agent", "KSPOOL_PASSWORD": word, "KSPOOL_AGENT_CONFIG": config}
     run(*ls, env=variables)
     run(*ls, "--login", "nobody", code=12, says=["login nobody)\n"], env=variables)
     run(*ls, "--password-file", password, env={**variables, "KSPOOL_PASSWORD": CANARY})
-    run("ls", "/", "--config", config, code=12, says=["no login, no password", "--password-file"])
+    # What to do is said, and not what was done.
+    asked = ("--login NAME", "--password-file FILE")
+    run("ls", "/", "--config", config, code=12, says=["no login, no password", " and ".join(asked)])
+    run(*login, *ls, code=12, says=asked[1:], unsaid=asked[:1])
+    run(*login[:2], "--password-file", password, *ls, code=12, says=asked[:1], unsaid=asked[1:])
     for command in (ls, ("ping",), ("ls", "-R", "/none"), ("mkdir", "/"), ("time",)):
         for secret in (word, CANARY):
             done = subprocess.run([TOOL, "-v", *command], env={**CLEAN, **variables, "KSPOOL_PASSWORD": secret},
@@ -133,15 +144,33 @@ def check_secrets(top, config, password):
 
 def check_network(top, sandbox, agent):
     url = sandbox.url
-    for fault, says in (({"kind": "lose"}, "complete ("), ({"kind": "status", "code": 503}, "(HTTP status 503, ")):
+    busy, late = "the server is overloaded or in maintenance (HTTP status 503, ", "answer in time (HTTP status 504, "
+    for fault, options, says, unsaid in (
+            ({"kind": "lose"}, (), ["complete ("], ["--retry"]), ({"kind": "status", "code": 504}, (), [late, "--retry"], []),
+            ({"kind": "status", "code": 503}, (), [busy, "--retry"], ["is it a pool server?"]),
+            ({"kind": "status", "code": 503, "times": 1000}, ("--retry", "1"), [busy], ["--retry"])):
         sandbox.admin("faults", [fault])
-        run(*agent, "mkdir", "/perhaps", code=13, says=[says, "if it was a change, it may have been made"])
+        run(*agent, *options, "mkdir", "/perhaps", code=13, unsaid=unsaid,
+            says=[*says, "if it was a change, it may have been made"])
+        sandbox.admin("reset", {})
+    # Interrupted, it sums up, and ends by the signal; a silent server does not hold it up.
+    for faults, number, summary in (([], signal.SIGINT, r"([1-9]\d*) of \1 answered, .*\n"),
+                                    ([{"kind": "delay", "ms": 20000}], signal.SIGTERM, "0 of 0 answered\n")):
+        sandbox.admin("faults", faults)
+        ping = subprocess.Popen([TOOL, *agent, "ping", "-q", "-c", "1000000"], env=CLEAN, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
+        time.sleep(0.5)
+        ping.send_signal(number)
+        output, error = ping.communicate(timeout=10)
+        assert (ping.returncode, error) == (-number, "") and re.fullmatch(summary, output), (ping.returncode, output, error)
     server = PoolServer(SANDBOX, top + "/late")
     closed = server.url
-    run("ls", "/", "--server", closed.replace("//", f"//user:{CANARY}@"), "--config", agent[1], code=13, says=[closed])
+    run("ls", "/", "--server", closed.replace("//", f"//user:{CANARY}@"), "--config", agent[1], code=2,
+        says=[closed, "give --login NAME"])
     run(*agent, "mkdir", "/a", "/b", "--server", closed, code=13, lines=2, says=[f"server {closed})", "--retry"])
+    run(*agent, "ls", "/", "--server", closed, "--retry", "1", code=13, says=["connect to"], unsaid=["--retry"])
     assert run(*agent, "ping", "-c", "2", "--server", closed, code=13, lines=2) == "0 of 2 answered\n"
-    run(*agent, "ls", "/", "--server", url.replace("http:", "https:"), code=13, says=["SSL key location"])
+    run(*agent, "ls", "/", "--server", url.replace("http:", "https:"), code=13, says=["could be made: ", "SSL key location"])
     late = subprocess.Popen([TOOL, "--config", server.config, "--login", "agent", "--password-file", top + "/late/agent.password",
                              "ping", "-c", "1", "-q", "--retry", "30"],
                             env=CLEAN, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -153,7 +182,7 @@ def check_network(top, sandbox, agent):
     assert late.returncode == 0 and output.startswith("1 of 1 answered"), (output, error)
 
 
-LISTING = "f 1 2 fine\n\nx 1 2 a\nf -1 2 a\nf 1 2\nf 1 2 \nf 18446744073709551616 0 a\n" \
+LISTING = "f 1 2 b\udcff\\\nf 1 2 fine\n\nx 1 2 a\nf -1 2 a\nf 1 2\nf 1 2 \nf 18446744073709551616 0 a\n" \
           "f 18446744073709551615 -1 ok \x1b[2J\\\nf 1  2 a\nf 1 2 cut"
 
 
@@ -166,11 +195,13 @@ def check_odd_answers(agent):
 
     with answering(lambda body: LISTING if b"action=dir" in body else clock()) as url:
         odd = (*agent, "--server", url)
-        said = run(*odd, "ls", "/x", code=1, lines=8, says=[f"/x: line {n} of" for n in (2, 3, 4, 5, 6, 7, 9, 10)])
-        assert said == ("f         1 B  1970-01-01 00:00:02  fine\n"
+        said = run(*odd, "ls", "/x", code=1, lines=8, says=[f"/x: line {n} of" for n in (3, 4, 5, 6, 7, 8, 10, 11)])
+        assert said == ("f         1 B  1970-01-01 00:00:02  b\\xff\\x5c\n"
+                        "f         1 B  1970-01-01 00:00:02  fine\n"
                         "f   16.00 EiB  1969-12-31 23:59:59  ok \\x1b[2J\\x5c\n"), said
         found = json.loads(run(*odd, "ls", "/x", "--json", code=1, lines=8))
-        assert found[1] == {"type": "f", "size": 2**64 - 1, "mtime": -1, "path": "ok \x1b[2J\\"}, found
+        assert found[0] == {"type": "f", "size": 1, "mtime": 2, "path": "b\\xff\\x5c", "escaped": ["path"]}, found
+        assert found[2] == {"type": "f", "size": 2**64 - 1, "mtime": -1, "path": "ok \x1b[2J\\"}, found
         run(*odd, "time", code=1)
         for ahead[0], words in ((7200, "7,200 s ahead of"), (-7200, "7,200 s behind"), (0, "as")):
             # A second may begin between the two clocks, but not each time.
@@ -190,7 +221,8 @@ def check_usage(top, config):
     for bad in ((), ("ls",), ("ls", "/", "/"), ("ls", ""), ("rm", "-R", ""), ("mkdir",), ("cp", "/"), ("mv", "/a", "/b", "/c"),
                 ("mv", "-R", "/a", "/b"), ("ping", "-c", "0"), ("ping", "/"), ("time", "-q", "-v"), ("nonsense",),
                 ("ls", "/", "--server", ""), ("ls", "/", "--login", "x" * 256), ("ls", "/", "--retry", "-1"),
-                ("ls", "/", "--password", CANARY)):
+                ("ls", "/", "--password", CANARY), ("ls", "/", "--login", "a:b"), ("ls", "/", "--server", "foo://x"),
+                ("ls", "/", "--server", "http://"), ("ls", "/", "--server", "http://192.0.2.1")):
         run("--config", config, *bad, code=2)
 
 
@@ -206,7 +238,7 @@ with tempfile.TemporaryDirectory() as top:
     secrets += [open(who[-1], encoding="utf-8").readline().strip() for who in (agent, reader)]
     assert all(secrets)
     check_name_space(server, agent, reader)
-    check_server(url, agent)
+    check_server(server, agent)
     check_secrets(top, config, agent[-1])
     check_odd_answers(agent)
     check_usage(top, config)

@@ -42,6 +42,7 @@ with tempfile.TemporaryDirectory() as top:
         run(*at, "po", "find", "1", *criteria, out=lines)
     run(*at, "po", "find", "1", "--origin", "x", "--count", code=10, out="0\n")
     run(*at, "po", "find", "1", "--count", out="3\n")
+    run(*at, "po", "find", "1", "--count", "--json", out='{\n  "count": 3\n}\n')
     found = json.loads(run(*at, "--json", "po", "find", "1", "--name", "b").stdout)
     assert [(f["name"], f["size"], f["dsid"]) for f in found] == [("b", 2, 1)], found
     assert len(found[0]) == 26 and found[0]["comment"] == "", found
@@ -57,7 +58,7 @@ with tempfile.TemporaryDirectory() as top:
         assert done.stdout.endswith(every) and done.stdout.count("\n") == (4 if name == "dsid" else 1), done
     for bad in (("po", "find"), ("po",), ("po", "find", "1", "--size", "1x"),
                 ("po", "find", "1", "--type", "ff"), ("po", "find", "1", "--name", "a|b"),
-                ("po", "add", "1"), ("po", "add", "1", top + "/none"),
+                ("po", "add", "1"), ("po", "add", "1", top + "/none"), ("po", "add", "1", top),
                 ("image", "retention", "1", "--image", "i", "--worm", "1")):
         assert run(*at, *bad, code=2).stderr.count("\n") == 1
     refused = run(*at, "po", "add", "1", code=1, text="no PO\n").stderr
@@ -73,19 +74,26 @@ with tempfile.TemporaryDirectory() as top:
     with answering(lambda _: "names\ntypes\n4294967295\na|1\nb|2\n") as url:
         lied = run("--server", url, "po", "find", "1", code=1, out="a|1\nb|2\n").stderr
         assert "fewer POs than it announced" in lied, lied
+        lied = run("--server", url, "--json", "po", "find", "1", code=1)
+        assert "fewer POs than it announced" in lied.stderr and len(json.loads(lied.stdout)) == 2, lied
 
     # Images and tags.
     image = ("--client", "c", "--policy", "p", "--image", "i")
     run(*at, "image", "last", "1", code=10, out="")
     run(*at, "image", "set", "1", *image, "--time", "100", "--parent", "5", "--flags", "-1")
+    for none in (("image", "last", "1", "--since", "101"), ("image", "retention", "1", *image), ("hvx", "1")):
+        run(*at, "--json", *none, code=10, out="[]\n")
+    assert json.loads(run(*at, "--json", "image", "last", "1").stdout) == [
+        {"time": 100, "client": "c", "policy": "p", "parent": 5, "image": "i", "dofp": "", "dcid": 0, "flags": -1}]
+    assert json.loads(run(*at, "--json", "image", "policy", "1", *image).stdout) == [{"policy": "p"}]
     run(*at, "image", "last", "1", out="100|c|p|5|i||0|-1\n")
     run(*at, "image", "last", "1", "--since", "101", code=10)
     run(*at, "image", "last", "1", "--parent", "6", code=10)
     run(*at, "image", "policy", "1", *image, out="p\n")
     run(*at, "image", "retention", "1", *image, code=10, out="")
     run(*at, "image", "retention", "1", *image, "--set", "60", "--worm", "3")
-    shown = json.loads(run(*at, "--json", "image", "retention", "1", *image).stdout)
-    assert shown["values"][:2] == [60, 3], shown
+    shown, = json.loads(run(*at, "--json", "image", "retention", "1", *image).stdout)
+    assert (shown["retention"], shown["worm"]) == (60, 3), shown
     run(*at, "image", "delete", "1", *image)
     gone = run(*at, "image", "delete", "1", *image, code=10).stderr
     assert "no such image" in gone and "event 10023" in gone, gone

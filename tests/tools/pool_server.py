@@ -53,12 +53,12 @@ class PoolServer:
 
 @contextlib.contextmanager
 def answering(answer):
-    """The URL of a server that answers each POST with a text made from its body."""
+    """The URL of a server that answers each POST with a text made from its body. Surrogates of the text stand for bytes."""
     class Handler(http.server.BaseHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
 
         def do_POST(self):
-            body = answer(self.rfile.read(int(self.headers["Content-Length"]))).encode()
+            body = answer(self.rfile.read(int(self.headers["Content-Length"]))).encode(errors="surrogateescape")
             self.send_response(200)
             self.send_header("Content-Type", "text/plain")
             self.send_header("Content-Length", str(len(body)))

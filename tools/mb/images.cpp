@@ -1,7 +1,11 @@
 // image and hvx: records of backup images, and tags.
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "common/owned.h"
 #include "tools/mb/commands.h"
@@ -11,6 +15,8 @@
 namespace mb {
 namespace {
 
+using nlohmann::ordered_json;
+
 /// Opens a session and makes one call, whose result may be the server's event.
 template <typename Call>
 void once(const Options& options, Call call) {
@@ -19,11 +25,59 @@ void once(const Options& options, Call call) {
     session.attemptEvent(name.empty() ? "images" : "image " + tool::printable(name), call);
 }
 
-void print(const Options& options, const char* member, const char* text) {
+/// What is asked for one image or data selection, as an array of one object or none. No text: there
+/// is none.
+ExitCode print(const Options& options, const char* member, const char* text) {
     if (options.json) {
-        tool::printJson({{member, text}}, 2);
-    } else {
+        auto list = ordered_json::array();
+        if (text != nullptr) list.push_back({{member, text}});
+        tool::printJson(list, 2);
+    } else if (text != nullptr) {
         printf("%s\n", tool::printable(text).c_str());
+    }
+    return text != nullptr ? ExitCode::kOk : ExitCode::kNothing;
+}
+
+/// The images of an answer as objects, and the number of lines that are no image.
+std::pair<ordered_json, size_t> imagesOf(std::string_view text) {
+    static constexpr const char* kNames[] = {"time",  "client", "policy", "parent",
+                                             "image", "dofp",   "dcid",   "flags"};
+    std::pair<ordered_json, size_t> found(ordered_json::array(), 0);
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        const std::vector<std::string> fields = tool::fieldsOf(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        ordered_json image;
+        for (size_t i = 0; i < std::size(kNames) && i < fields.size(); ++i) {
+            const bool isNumber = i == 0 || i == 3 || i > 5;
+            image[kNames[i]] = isNumber ? tool::numberOrText(fields[i]) : ordered_json(fields[i]);
+        }
+        const bool whole = fields.size() == std::size(kNames);
+        if (whole) {
+            found.first.push_back(std::move(image));
+        } else {
+            ++found.second;
+        }
+    }
+    return found;
+}
+
+void printRetention(const Options& options, const MBImageRetentionInfo* r) {
+    if (options.json) {
+        auto list = ordered_json::array();
+        if (r != nullptr) {
+            list.push_back({{"retention", r->retentionValue1},
+                            {"worm", r->retentionValue2},
+                            {"flags", r->retentionValue3},
+                            {"time", r->retentionValue4},
+                            {"text", r->retentionText}});
+        }
+        tool::printJson(list, 2);
+    } else if (r != nullptr) {
+        printf(
+            "%lld %lld %lld %lld %s\n", static_cast<long long>(r->retentionValue1),
+            static_cast<long long>(r->retentionValue2), static_cast<long long>(r->retentionValue3),
+            static_cast<long long>(r->retentionValue4), tool::printable(r->retentionText).c_str());
     }
 }
 
@@ -50,10 +104,16 @@ ExitCode lastImages(const Options& options) {
         // The status of an empty answer: there is no such image.
         return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;
     });
+    const char* text = answer != nullptr ? answer.get() : "";
     if (options.json) {
-        tool::printJson({{"images", answer != nullptr ? answer.get() : ""}}, 2);
-    } else if (answer != nullptr) {
-        fputs(answer.get(), stdout);
+        const auto [images, odd] = imagesOf(text);
+        tool::printJson(images, 2);
+        if (odd > 0) {
+            throw tool::Failure("images: " + std::to_string(odd) +
+                                " lines of the answer are no images");
+        }
+    } else {
+        fputs(text, stdout);
     }
     return answer != nullptr ? ExitCode::kOk : ExitCode::kNothing;
 }
@@ -84,20 +144,8 @@ ExitCode imageRetention(const Options& options) {
         none = status == CR_STATUS_REMOTE_ERROR;
         return none ? uint32_t{CR_STATUS_OK} : status;
     });
-    if (none) return ExitCode::kNothing;
-    const MBImageRetentionInfo& r = *info;
-    if (options.json) {
-        tool::printJson(
-            {{"values",
-              {r.retentionValue1, r.retentionValue2, r.retentionValue3, r.retentionValue4}},
-             {"text", r.retentionText}},
-            2);
-    } else {
-        printf("%lld %lld %lld %lld %s\n", static_cast<long long>(r.retentionValue1),
-               static_cast<long long>(r.retentionValue2), static_cast<long long>(r.retentionValue3),
-               static_cast<long long>(r.retentionValue4), tool::printable(r.retentionText).c_str());
-    }
-    return ExitCode::kOk;
+    printRetention(options, none ? nullptr : info.get());
+    return none ? ExitCode::kNothing : ExitCode::kOk;
 }
 
 ExitCode imagePolicy(const Options& options) {
@@ -110,23 +158,23 @@ ExitCode imagePolicy(const Options& options) {
         policy.reset(text);
         return status;
     });
-    print(options, "policy", policy.get());
-    return ExitCode::kOk;
+    return print(options, "policy", policy.get());
 }
 
 ExitCode hvxTag(const Options& options) {
     tool::Session session(options.session);
     kspool::OwnedText tag;
-    session.attempt("tag", [&](MBSession* s) {
-        char* text = nullptr;
-        int32_t digit = 0;
-        const uint32_t status = MBGetHVXTag(s, options.dataselection, &digit, &text);
-        tag.reset(text);
-        return status;
-    });
-    if (tag == nullptr) return ExitCode::kNothing;
-    print(options, "tag", tag.get());
-    return ExitCode::kOk;
+    session.attempt(
+        "tag",
+        [&](MBSession* s) {
+            char* text = nullptr;
+            int32_t digit = 0;
+            const uint32_t status = MBGetHVXTag(s, options.dataselection, &digit, &text);
+            tag.reset(text);
+            return status;
+        },
+        "spa");
+    return print(options, "tag", tag.get());
 }
 
 }  // namespace mb

@@ -1,25 +1,25 @@
 // po: lists of POs and queries.
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "common/owned.h"
 #include "platform/status.h"
 #include "tools/mb/commands.h"
+#include "tools/shared/input.h"
 #include "tools/shared/json.h"
 #include "tools/shared/text.h"
 
 namespace mb {
 namespace {
 
+using nlohmann::ordered_json;
 using tool::Failure;
 using tool::Session;
+
+constexpr char kFewer[] = "query: the server sent fewer POs than it announced";
 
 struct CloseCursor {
     void operator()(MBPOCursor* cursor) const { MBPOFindClose(cursor); }
@@ -27,16 +27,7 @@ struct CloseCursor {
 
 /// The text of POs, from a file or standard input.
 std::string readList(const std::string& file) {
-    std::string text;
-    if (file.empty() || file == "-") {
-        text.assign(std::istreambuf_iterator<char>(std::cin), {});
-    } else {
-        std::ifstream stream(file, std::ios::binary);
-        if (!stream) {
-            throw Failure(ExitCode::kUsage, tool::printable(file) + ": " + strerror(errno));
-        }
-        text.assign(std::istreambuf_iterator<char>(stream), {});
-    }
+    std::string text = tool::readInput(file);
     if (text.empty()) throw Failure(ExitCode::kUsage, "there are no POs to send");
     // The library takes a C string, and would send the part before the NUL only.
     if (text.find('\0') != std::string::npos) {
@@ -55,9 +46,9 @@ ExitCode sendList(const Options& options, ListCall call) {
     return ExitCode::kOk;
 }
 
-/// The POs of an answer as objects. Its first two lines are the names and the types of the fields,
-/// the third is the number of POs.
-nlohmann::ordered_json objectsOf(std::string_view text) {
+/// The first `count` POs of an answer as objects, or those that there are. The first two lines of
+/// the answer are the names and the types of the fields, the third is the number of POs.
+ordered_json objectsOf(std::string_view text, uint32_t count) {
     const auto takeLine = [&] {
         const size_t end = std::min(text.find('\n'), text.size());
         const std::string_view line = text.substr(0, end);
@@ -67,17 +58,15 @@ nlohmann::ordered_json objectsOf(std::string_view text) {
     const std::vector<std::string> names = tool::fieldsOf(takeLine());
     const std::vector<std::string> types = tool::fieldsOf(takeLine());
     takeLine();
-    auto list = nlohmann::ordered_json::array();
-    while (!text.empty()) {
-        const std::vector<std::string> fields = tool::fieldsOf(takeLine());
-        nlohmann::ordered_json object;
+    auto list = ordered_json::array();
+    while (!text.empty() && list.size() < count) {
+        const std::string_view line = takeLine();
+        if (line.empty()) break;
+        const std::vector<std::string> fields = tool::fieldsOf(line);
+        ordered_json object;
         for (size_t i = 0; i < names.size() && i < fields.size(); ++i) {
             const bool number = i < types.size() && (types[i] == "int" || types[i] == "long");
-            if (number) {
-                object[names[i]] = strtoll(fields[i].c_str(), nullptr, 10);
-            } else {
-                object[names[i]] = fields[i];
-            }
+            object[names[i]] = number ? tool::numberOrText(fields[i]) : ordered_json(fields[i]);
         }
         list.push_back(std::move(object));
     }
@@ -86,15 +75,22 @@ nlohmann::ordered_json objectsOf(std::string_view text) {
 
 ExitCode findAsJson(const Options& options, Session& session, const MBPOFilter& filter) {
     kspool::OwnedText text;
+    uint32_t count = 0;
     session.attemptQuery(options.dataselection, [&](MBSession* s) {
         char* answer = nullptr;
         const uint32_t status =
-            MBPOFind(s, options.dataselection, &filter, &answer, nullptr, nullptr);
+            MBPOFind(s, options.dataselection, &filter, &answer, nullptr, &count);
         text.reset(answer);
         return status;
     });
-    tool::printJson(text != nullptr ? objectsOf(text.get()) : nlohmann::ordered_json::array(), 2);
-    return text != nullptr ? ExitCode::kOk : ExitCode::kNothing;
+    if (options.countOnly) {
+        tool::printJson({{"count", count}}, 2);
+    } else {
+        const ordered_json list = objectsOf(text != nullptr ? text.get() : "", count);
+        tool::printJson(list, 2);
+        if (list.size() < count) throw Failure(kFewer);
+    }
+    return count > 0 ? ExitCode::kOk : ExitCode::kNothing;
 }
 
 /// Prints the lines of a cursor. A server may announce more POs than it sends. After the last one
@@ -104,7 +100,7 @@ void printLines(MBPOCursor* cursor, char* line) {
     uint32_t status = CR_STATUS_OK;
     for (; status == CR_STATUS_OK; status = MBPOStringFindNext(cursor, &line)) {
         if (line == last || *line == '\0') {
-            throw Failure("query: the server sent fewer POs than it announced");
+            throw Failure(kFewer);
         }
         puts(line);
         last = line;
@@ -144,8 +140,7 @@ ExitCode findPOs(const Options& options) {
     setFilter(filter, options.criteria);
     MBSetRetryCount(options.retries);
     Session session(options.session);
-    return options.json && !options.countOnly ? findAsJson(options, session, filter)
-                                              : findAsLines(options, session, filter);
+    return (options.json ? findAsJson : findAsLines)(options, session, filter);
 }
 
 }  // namespace mb

@@ -5,8 +5,11 @@
 #include <ctime>
 #include <vector>
 
+#include "platform/status.h"
+#include "platform/ws.h"
 #include "tools/mb/commands.h"
 #include "tools/shared/json.h"
+#include "tools/shared/signals.h"
 #include "tools/shared/text.h"
 
 namespace mb {
@@ -25,20 +28,20 @@ double median(std::vector<double> sorted) {
     return sorted.size() % 2 == 1 ? sorted[half] : (sorted[half - 1] + sorted[half]) / 2;
 }
 
-void printPings(const Options& options, const std::vector<double>& times) {
+void printPings(const Options& options, uint32_t requests, const std::vector<double>& times) {
     std::vector<double> sorted = times;
     std::sort(sorted.begin(), sorted.end());
     if (options.json) {
-        ordered_json report = {{"requests", options.count}, {"milliseconds", times}};
-        if (!sorted.empty()) {
-            report["min"] = sorted.front();
-            report["median"] = median(sorted);
-            report["max"] = sorted.back();
-        }
-        tool::printJson(report, 2);
+        const bool none = sorted.empty();
+        tool::printJson({{"requests", requests},
+                         {"milliseconds", times},
+                         {"min", none ? ordered_json() : ordered_json(sorted.front())},
+                         {"median", none ? ordered_json() : ordered_json(median(sorted))},
+                         {"max", none ? ordered_json() : ordered_json(sorted.back())}},
+                        2);
         return;
     }
-    printf("%zu of %u answered", sorted.size(), options.count);
+    printf("%zu of %u answered", sorted.size(), requests);
     if (!sorted.empty()) {
         printf(", min/median/max %.3f/%.3f/%.3f ms", sorted.front(), median(sorted), sorted.back());
     }
@@ -70,24 +73,37 @@ ExitCode time(const Options& options) {
 
 ExitCode ping(const Options& options) {
     tool::Session session(options.session);
+    tool::Interrupts interrupts;
+    interrupts.abort(session.handle());
     tool::Steps steps;
     std::vector<double> times;
-    for (uint32_t i = 1; i <= options.count; ++i) {
+    uint32_t requests = 0;
+    while (requests < options.count && !tool::Interrupts::asked()) {
+        bool aborted = false;
+        const std::string name = std::to_string(requests + 1);
         const auto start = std::chrono::steady_clock::now();
         const bool answered = steps.run([&] {
-            session.attemptEvent("request " + std::to_string(i),
-                                 [](MBSession* s) { return MBKeepAlive(s, 0); });
+            session.attemptEvent(
+                "request " + name,
+                [&](MBSession* s) {
+                    const uint32_t result = MBKeepAlive(s, 0);
+                    aborted = result == WS_STATUS_ABORTED && tool::Interrupts::asked();
+                    return aborted ? uint32_t{CR_STATUS_OK} : result;
+                },
+                "keepalive");
         });
         const std::chrono::duration<double, std::milli> spent =
             std::chrono::steady_clock::now() - start;
+        if (aborted) break;
+        ++requests;
         if (!answered) continue;
         times.push_back(spent.count());
         if (options.json || options.session.quiet) continue;
-        printf("%s: answer %u: %.3f ms\n", session.server().c_str(), i, spent.count());
+        printf("%s: answer %s: %.3f ms\n", session.server().c_str(), name.c_str(), spent.count());
         fflush(stdout);
     }
-    printPings(options, times);
-    return steps.code();
+    printPings(options, requests, times);
+    return tool::Interrupts::asked() ? ExitCode::kInterrupted : steps.code();
 }
 
 }  // namespace mb
