@@ -168,7 +168,7 @@ def check_network(top, sandbox, agent):
     run("ls", "/", "--server", closed.replace("//", f"//user:{CANARY}@"), "--config", agent[1], code=2,
         says=[closed, "give --login NAME"])
     run(*agent, "mkdir", "/a", "/b", "--server", closed, code=13, lines=2, says=[f"server {closed})", "--retry"])
-    run(*agent, "ls", "/", "--server", closed, "--retry", "1", code=13, says=["connect to"], unsaid=["--retry"])
+    run(*agent, "ls", "/", "--server", closed, "--retry", "1", code=13, says=["be reached: "], unsaid=["--retry"])
     assert run(*agent, "ping", "-c", "2", "--server", closed, code=13, lines=2) == "0 of 2 answered\n"
     run(*agent, "ls", "/", "--server", url.replace("http:", "https:"), code=13, says=["could be made: ", "SSL key location"])
     late = subprocess.Popen([TOOL, "--config", server.config, "--login", "agent", "--password-file", top + "/late/agent.password",

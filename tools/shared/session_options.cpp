@@ -43,7 +43,7 @@ void addSessionOptions(CLI::App& app, SessionOptions& session) {
         ->check(CLI::Range(0, 3600));
     CLI::Option* quiet = app.add_flag("-q,--quiet", session.quiet, "No notes");
     app.add_flag("-v,--verbose", session.verbose,
-                 "Show the library's messages and traces on stderr")
+                 "Show each request, and the library's messages, on stderr")
         ->excludes(quiet);
 }
 
