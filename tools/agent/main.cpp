@@ -7,6 +7,7 @@ namespace {
 void addCommands(CLI::App& app, tool::ExitCode& code) {
     agent::addScan(app, code);
     agent::addRecord(app, code);
+    agent::addVerify(app, code);
     agent::addImages(app, code);
     agent::addFind(app, code);
     agent::addExpire(app, code);

@@ -49,19 +49,22 @@ CLI::Validator pattern() {
 
 }  // namespace
 
+void addLimits(CLI::App& command, std::vector<std::string>& exclude, bool& oneFileSystem) {
+    command
+        .add_option("--exclude", exclude,
+                    "Leave out names like PATTERN, or paths if it has a slash")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false)
+        ->transform(pattern());
+    command.add_flag("-x,--one-file-system", oneFileSystem, "Do not enter other file systems");
+}
+
 void addWalkOptions(CLI::App& command, WalkOptions& options, const std::string& verb) {
     command.add_option("PATH", options.paths, "Files and folders to " + verb);
     command.add_option("--files-from", options.listFile,
                        "File of further paths, one a line; - for standard input");
     command.add_flag("-0,--null", options.nullSeparated, "Paths of --files-from end with NUL");
-    command
-        .add_option("--exclude", options.exclude,
-                    "Leave out names like PATTERN, or paths if it has a slash")
-        ->type_name("PATTERN")
-        ->allow_extra_args(false)
-        ->transform(pattern());
-    command.add_flag("-x,--one-file-system", options.oneFileSystem,
-                     "Do not enter other file systems");
+    addLimits(command, options.exclude, options.oneFileSystem);
     command.parse_complete_callback([&] {
         if (options.paths.empty() && options.listFile.empty())
             throw CLI::RequiredError("PATH or --files-from");

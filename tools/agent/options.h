@@ -22,6 +22,9 @@ void addExpire(CLI::App& app, tool::ExitCode& code);
 /// Options that several commands have.
 void addSegmentSize(CLI::App& command, uint64_t& size);
 
+/// What is left out of the paths: --exclude, --one-file-system.
+void addLimits(CLI::App& command, std::vector<std::string>& exclude, bool& oneFileSystem);
+
 /// The paths and what is left out of them: PATH, --files-from, --null, --exclude,
 /// --one-file-system. `verb` is what is done with the files, "scan".
 void addWalkOptions(CLI::App& command, WalkOptions& options, const std::string& verb);

@@ -5,6 +5,7 @@
 #include "tools/agent/find.h"
 #include "tools/agent/images.h"
 #include "tools/agent/options.h"
+#include "tools/agent/verify.h"
 #include "tools/shared/session_options.h"
 
 namespace agent {
@@ -27,6 +28,12 @@ constexpr char kExpireFooter[] =
     "client and policy is kept, and images that are incomplete go with the others.\n"
     "Exit code: 0 expired; 10 there was nothing to expire; 1 failed, perhaps for some\n"
     "images only; 2 bad options; 12 permission denied; 13 no answer from the server.";
+
+constexpr char kVerifyFooter[] =
+    "Contents, kinds and the targets of symbolic links are compared, not modes or times.\n"
+    "Exit code: 0 all is the same; 4 something differs; 3 the same, but not all could be\n"
+    "compared; 10 no such image, or an incomplete one; 1 failed; 2 bad options; 12\n"
+    "permission denied; 13 no answer from the server.";
 
 const std::map<std::string, uint64_t> kUnits = {
     {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86'400}, {"w", 604'800}};
@@ -57,6 +64,20 @@ void addFind(CLI::App& app, tool::ExitCode& code) {
         ->excludes(json);
     command->footer(kFindFooter);
     command->callback([kept, &code] { code = find(*kept); });
+}
+
+void addVerify(CLI::App& app, tool::ExitCode& code) {
+    const auto kept = std::make_shared<VerifyOptions>();
+    CLI::App* command = app.add_subcommand("verify", "Compare files with the records of an image");
+    command->add_option("PATH", kept->paths, "Compare what lies at and below it [all recorded]")
+        ->check(tool::textUpTo(kLongestPattern));
+    tool::addSessionOptions(*command, kept->session);
+    addImageName(*command, kept->name, false)->required();
+    addLimits(*command, kept->exclude, kept->oneFileSystem);
+    addJobs(*command, kept->jobs);
+    command->add_flag("--json", kept->json, "Report as JSON");
+    command->footer(kVerifyFooter);
+    command->callback([kept, &code] { code = verify(*kept); });
 }
 
 void addImages(CLI::App& app, tool::ExitCode& code) {
