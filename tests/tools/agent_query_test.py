@@ -140,21 +140,21 @@ with tempfile.TemporaryDirectory() as top:
     listed = [(i["image"], i["complete"], i["files"], i["bytes"], i["entries"]) for i in report("images")]
     assert listed == [("half", False, 0, 0, 1), ("empty", True, 0, 0, 0), ("one", True, 5, 6, 8)], listed
     assert report("images")[1]["retention"]["seconds"] == 60
-    check(("images --client m*", 0, "incomplete  me     default half\n"), ("images --client m[e]", 10),
+    check(("images --client m*", 0, "incomplete  me     default half\n"), ("images --client m[e]*", 10),
           ("images --client other", 10), ("images --policy d?fault", 0), ("images --ds 7", 10))
 
     # By age: the newest stays; names are no patterns; dry runs and refusals leave everything.
     image("o?e", 2000)
     add("o?e", ("y",))
-    add("empty", ("z",))
+    add("empty", *((f"{'z' * 240}{i}",) for i in range(4000)))  # more than one list
     check(("expire --older-than 30d --dry-run", 0, "would go: images 3, files 0"),
           ("expire --older-than 1000w --dry-run", 0, "half, incomplete"))
     server.admin("faults", [{"kind": "event", "code": 77, "action": "deleteimage"}])
     old = report("expire", "--older-than", "30d", code=1)
     assert [(i["image"], i["fate"]) for i in old["images"]] == [
         ("half", "failed"), ("empty", "expired"), ("o?e", "expired")], old
-    assert old["expired"] == 2 and len(report("find", "--image", "one")) == 8
-    check(("expire --older-than 1h", 0, "expired: images 1, files 0"), ("expire --older-than 1h", 10))
+    assert old["expired"] == 4001 and len(report("find", "--image", "one")) == 8
+    check(("find --image empty", 10), ("expire --older-than 1h", 0, "expired: images 1, files 0"), ("expire --older-than 1h", 10))
     time.sleep(1.1)
     check(("expire --older-than 1s", 10, "one, the newest image", "--even-newest"),
           ("expire --older-than 1s --even-newest -n", 0, "would go: images 1, files 5"))
