@@ -87,7 +87,7 @@ void printJson(const std::vector<ImageSummary>& all, const Retentions& retention
         if (const auto& kept = retentions[i]) {
             object["retention"] = {{"seconds", kept->seconds},
                                    {"until", tool::isoTime(endOf(*kept))},
-                                   {"wormFlags", kept->wormFlags}};
+                                   {"worm", kept->wormFlags}};
         }
         list.push_back(std::move(object));
     }

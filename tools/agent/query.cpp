@@ -46,9 +46,12 @@ std::string_view takeLine(std::string_view& text) {
     return line;
 }
 
+/// Lines up to the end, or to an empty one, which is no PO.
 uint64_t linesOf(std::string_view text) {
-    const auto ends = static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
-    return ends + (!text.empty() && text.back() != '\n' ? 1 : 0);
+    uint64_t count = 0;
+    for (; !text.empty() && text.front() != '\n'; ++count)
+        takeLine(text);
+    return count;
 }
 
 template <typename Number>
