@@ -70,7 +70,7 @@ class Histogram {
 };
 
 struct Shape {
-    std::string name;
+    std::string path;
     uint64_t entries = 0;
     uint64_t roots = 0;
     uint64_t trees = 0;
@@ -131,7 +131,7 @@ Shape measure(const FileReport& file, uint32_t bits) {
     if (bits != 0) settings.bits = bits;
     const Loaded loaded = load(file, settings);
     Shape shape;
-    shape.name = file.name;
+    shape.path = file.path;
     shape.entries = loaded.stats.cachedItems;
     shape.roots = uint64_t{1} << loaded.stats.bits;
     shape.bits = loaded.stats.bits;
@@ -192,7 +192,7 @@ void printReasons(const Shape& shape) {
 }
 
 void printShape(const Shape& shape) {
-    printf("%s: %s entries in %s trees, of %s roots\n", shape.name.c_str(),
+    printf("%s: %s entries in %s trees, of %s roots\n", tool::printable(shape.path).c_str(),
            humanCount(shape.entries).c_str(), humanCount(shape.trees).c_str(),
            humanCount(shape.roots).c_str());
     printHistogram("depth", "entries", shape.depths);
@@ -213,7 +213,7 @@ ordered_json histogramJson(const char* counted, const Histogram& histogram) {
 }
 
 void printShapeJson(const Shape& shape) {
-    tool::printJson({{"file", shape.name},
+    tool::printJson({{"file", shape.path},
                      {"entries", shape.entries},
                      {"trees", shape.trees},
                      {"roots", shape.roots},

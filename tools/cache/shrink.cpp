@@ -61,10 +61,9 @@ void save(const KSCache* cache, const std::string& out) {
 }
 
 void print(const Options& options, const FileReport& file, const Plan& plan) {
-    const std::string out = tool::printable(options.out);
     if (options.json) {
-        tool::printJson({{"file", file.name},
-                         {"output", out},
+        tool::printJson({{"file", file.path},
+                         {"output", options.out},
                          {"saved", plan.kept > 0},
                          {"limit", options.limit},
                          {"entries", plan.entries},
@@ -76,6 +75,7 @@ void print(const Options& options, const FileReport& file, const Plan& plan) {
                         2);
         return;
     }
+    const std::string out = tool::printable(options.out);
     if (plan.kept == 0) {
         printf("%s: no entries, so there is no file %s\n", file.name.c_str(), out.c_str());
         return;

@@ -80,7 +80,7 @@ void printStatJson(const FileReport& file) {
             {{"type", type}, {"name", typeName(type)}, {"records", file.recordsOfType[type]}});
     }
     tool::printJson(
-        {{"file", file.name},
+        {{"file", file.path},
          {"size", file.size},
          {"header",
           {{"size", file.headerSize}, {"type", file.header.type}, {"checksum", file.header.value}}},
@@ -124,7 +124,7 @@ ExitCode verify(const Options& options) {
         const Verdict verdict = judge(file);
         code = std::max(code, verdict.code);
         if (options.json) {
-            list.push_back({{"file", file.name},
+            list.push_back({{"file", file.path},
                             {"state", verdict.state},
                             {"records", file.records},
                             {"trouble", file.trouble.value_or("")},
