@@ -15,9 +15,9 @@ namespace {
 
 using mb::Options;
 
-#define EXIT_CODES                                                                         \
+#define EXIT_CODES                                                                       \
     "Exit code: 0 ok; 1 error; 2 bad options, no configuration, no usable server URL;\n" \
-    "10 nothing found; 12 permission denied; 13 no answer from the server. Of several\n"   \
+    "10 nothing found; 12 permission denied; 13 no answer from the server. Of several\n" \
     "failures the highest."
 
 constexpr char kFooter[] =
