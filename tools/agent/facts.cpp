@@ -3,69 +3,78 @@
 #include <openssl/sha.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 
 #include "tools/shared/durable.h"
 #include "tools/shared/failure.h"
+#include "tools/shared/text.h"
 
 namespace agent {
 namespace {
 
-using nlohmann::ordered_json;
+/// Lines of fields, as POs are: the first field tells what a line is about. The next number comes
+/// before the sums of caches, so that a truncated file matches no cache before numbers are reused.
+constexpr char kTitle[] = "kspool-agent facts 1";
+constexpr char kBinding[] = "binding", kNext[] = "next", kCache[] = "cache", kImage[] = "image";
 
-constexpr int kFormat = 1;
+template <typename... Values>
+std::string lineOf(const char* about, const Values&... values) {
+    std::string line = about;
+    const auto add = [&](const auto& value) {
+        if constexpr (std::is_integral_v<std::decay_t<decltype(value)>>) {
+            line += "|" + std::to_string(value);
+        } else {
+            line += "|" + fieldText(value);
+        }
+    };
+    (add(values), ...);
+    return line + "\n";
+}
 
-/// JSON holds UTF-8 only; names may be any bytes.
-std::string asciiText(const std::string& text) {
-    std::string out;
-    for (const char c : fieldText(text)) {
-        const auto byte = static_cast<unsigned char>(c);
-        char code[4];
-        snprintf(code, sizeof code, "%%%02X", byte);
-        out += byte < 0x80 ? std::string(1, c) : code;
+/// Takes the fields of a line one after the other. Throws Failure when one is missing or no number.
+class Fields {
+  public:
+    explicit Fields(std::string_view line) : fields_(tool::fieldsOf(line)) {}
+
+    std::string text() {
+        if (at_ == fields_.size()) throw tool::Failure("not a file of facts");
+        return plainText(fields_[at_++]);
     }
-    return out;
-}
 
-std::string textAt(const ordered_json& object, const char* key) {
-    return plainText(object.at(key).get<std::string>());
-}
+    template <typename Number>
+    Number number() {
+        const std::string digits = text();
+        Number value{};
+        const char* end = digits.data() + digits.size();
+        const auto [rest, error] = std::from_chars(digits.data(), end, value);
+        if (error != std::errc() || rest != end) throw tool::Failure("not a file of facts");
+        return value;
+    }
 
-ordered_json jsonOf(const ImageFact& image) {
-    return {{"number", image.number},
-            {"client", asciiText(image.name.client)},
-            {"policy", asciiText(image.name.policy)},
-            {"image", asciiText(image.name.image)},
-            {"run", image.run},
-            {"pos", image.sum.pos},
-            {"sum", image.sum.sum}};
-}
+  private:
+    std::vector<std::string> fields_;
+    size_t at_ = 0;
+};
 
-ImageFact imageOf(const ordered_json& json, uint32_t dataselection) {
-    return {.number = json.at("number"),
-            .name = {.dataselection = dataselection,
-                     .client = textAt(json, "client"),
-                     .policy = textAt(json, "policy"),
-                     .image = textAt(json, "image")},
-            .run = json.at("run"),
-            .sum = {.pos = json.at("pos"), .sum = json.at("sum")}};
-}
-
-Facts factsOf(const ordered_json& json) {
-    Facts facts;
-    if (json.at("format") != kFormat) throw tool::Failure("of another format");
-    const ordered_json& binding = json.at("binding");
-    facts.binding = {.server = textAt(binding, "server"),
-                     .pool = binding.at("pool"),
-                     .dataselection = binding.at("dataselection"),
-                     .cut = {.digest = binding.at("digest"), .segmentSize = binding.at("segment")}};
-    facts.next = json.at("next");
-    facts.caches = json.at("caches");
-    for (const ordered_json& image : json.at("images"))
-        facts.images.push_back(imageOf(image, facts.binding.dataselection));
-    return facts;
+/// Braced lists are evaluated in their order, so that the fields are taken in the order of a line.
+void readLine(std::string_view line, Facts& facts) {
+    Fields f(line);
+    const std::string about = f.text();
+    if (about == kBinding) {
+        facts.binding = {f.text(), f.number<uint32_t>(), f.number<uint32_t>(),
+                         Cut{f.text(), f.number<uint64_t>()}};
+    } else if (about == kNext) {
+        facts.next = f.number<uint64_t>();
+    } else if (about == kCache) {
+        facts.caches.push_back(f.text());
+    } else if (about == kImage) {
+        facts.images.push_back(
+            {f.number<uint64_t>(),
+             ImageName{facts.binding.dataselection, f.text(), f.text(), f.text()}, f.text(),
+             ImageSum{f.number<uint64_t>(), f.number<uint64_t>()}});
+    }
 }
 
 bool sameImage(const ImageName& a, const ImageName& b) {
@@ -116,28 +125,33 @@ std::string factsPath(const std::string& cache) {
 std::optional<Facts> loadFacts(const std::string& path) {
     const std::optional<std::string> text = tool::readWhole(path);
     if (!text) return {};
+    Facts facts;
+    bool titled = false;
     try {
-        return factsOf(ordered_json::parse(*text));
-    } catch (const ordered_json::exception&) {
-        throw tool::Failure(path + ": not a file of facts");
+        for (std::string_view rest = *text; !rest.empty();) {
+            const std::string_view line = rest.substr(0, rest.find('\n'));
+            rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+            titled ? readLine(line, facts) : void(titled = line == kTitle);
+            if (!titled) throw tool::Failure("not a file of facts");
+        }
+    } catch (const tool::Failure& failure) {
+        throw tool::Failure(path + ": " + failure.what());
     }
+    return facts;
 }
 
 void saveFacts(const std::string& path, const Facts& facts) {
     const Binding& b = facts.binding;
-    ordered_json json = {{"format", kFormat},
-                         {"binding",
-                          {{"server", asciiText(b.server)},
-                           {"pool", b.pool},
-                           {"dataselection", b.dataselection},
-                           {"digest", b.cut.digest},
-                           {"segment", b.cut.segmentSize}}},
-                         {"next", facts.next},
-                         {"caches", facts.caches},
-                         {"images", ordered_json::array()}};
-    for (const ImageFact& image : facts.images)
-        json["images"].push_back(jsonOf(image));
-    tool::replaceWhole(path, json.dump(1) + "\n");
+    std::string text = std::string(kTitle) + "\n";
+    text += lineOf(kBinding, b.server, b.pool, b.dataselection, b.cut.digest, b.cut.segmentSize);
+    text += lineOf(kNext, facts.next);
+    for (const std::string& cache : facts.caches)
+        text += lineOf(kCache, cache);
+    for (const ImageFact& i : facts.images) {
+        text += lineOf(kImage, i.number, i.name.client, i.name.policy, i.name.image, i.run,
+                       i.sum.pos, i.sum.sum);
+    }
+    tool::replaceWhole(path, text);
 }
 
 }  // namespace agent
