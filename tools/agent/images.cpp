@@ -128,6 +128,7 @@ std::vector<ImageSummary> summarize(tool::Session& session, const ImageName& pat
         count(found, image);
     });
     std::vector<ImageSummary> all;
+    all.reserve(known.size());
     for (auto& [key, image] : known)
         all.push_back(std::move(image));
     std::stable_sort(all.begin(), all.end(),
