@@ -105,10 +105,14 @@ std::string defaultDigest(const std::string& file) {
     return kind != nullptr ? kind->name : "sha256";
 }
 
+CLI::Validator segmentSizeRange() {
+    return CLI::Range(kSmallestSegment, kLargestSegment, "512 B to 1 GiB");
+}
+
 void addSegmentSize(CLI::App& command, uint64_t& size) {
     command.add_option("--segment", size, "Segment size")
         ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(kSmallestSegment, kLargestSegment, "512 B to 1 GiB"))
+        ->check(segmentSizeRange())
         ->default_str("128KiB");
 }
 

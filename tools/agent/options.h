@@ -21,6 +21,7 @@ void addExpire(CLI::App& app, tool::ExitCode& code);
 
 /// Options that several commands have.
 void addSegmentSize(CLI::App& command, uint64_t& size);
+CLI::Validator segmentSizeRange();
 
 /// What is left out of the paths: --exclude, --one-file-system.
 void addLimits(CLI::App& command, std::vector<std::string>& exclude, bool& oneFileSystem);

@@ -1,9 +1,12 @@
 #include "tools/agent/progress.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 #include "common/ascii.h"
@@ -14,15 +17,43 @@
 namespace agent {
 namespace {
 
-constexpr size_t kBarWidth = 30;
+constexpr size_t kWidestBar = 30;
+constexpr size_t kNarrowestBar = 10;
+constexpr size_t kUsualWidth = 80;
 constexpr std::chrono::milliseconds kRedraw{100};
+
+bool canErase() {
+    const char* terminal = getenv("TERM");
+    return isatty(STDERR_FILENO) != 0 && terminal != nullptr && *terminal != '\0' &&
+           std::string_view(terminal) != "dumb";
+}
+
+/// Asked for each line: the window may have been resized.
+size_t terminalWidth() {
+    winsize size{};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : kUsualWidth;
+}
+
+/// "0:42", "3:05:00".
+std::string clockTime(double seconds) {
+    const auto whole = static_cast<unsigned long long>(std::min(seconds, 1e9));
+    std::array<char, 32> text{};
+    if (whole >= 3600) {
+        snprintf(text.data(), text.size(), "%llu:%02llu:%02llu", whole / 3600, whole / 60 % 60,
+                 whole % 60);
+    } else {
+        snprintf(text.data(), text.size(), "%llu:%02llu", whole / 60, whole % 60);
+    }
+    return text.data();
+}
 
 }  // namespace
 
-Progress::Progress(uint64_t totalBytes, bool takesMessages)
+Progress::Progress(std::optional<uint64_t> totalBytes, bool takesMessages)
     : total_(totalBytes),
       takesMessages_(takesMessages),
-      terminal_(isatty(STDERR_FILENO) != 0),
+      terminal_(canErase()),
       start_(Clock::now()),
       nextDraw_(start_ + kRedraw) {
     if (takesMessages_) qlxSetSink(receive, this);
@@ -33,13 +64,21 @@ Progress::~Progress() {
     clear();
 }
 
+void Progress::count(uint64_t files, uint64_t bytes) {
+    if (!isDue()) return;
+    draw("Counting: " + tool::humanCount(files) + (files == 1 ? " file, " : " files, ") +
+         tool::humanBytes(static_cast<double>(bytes)));
+}
+
+void Progress::begin(uint64_t totalBytes) {
+    clear();
+    total_ = totalBytes;
+    start_ = Clock::now();
+}
+
 void Progress::advance(uint64_t bytes) {
     done_ += bytes;
-    if (!terminal_) return;
-    const Clock::time_point now = Clock::now();
-    if (now < nextDraw_) return;
-    nextDraw_ = now + kRedraw;
-    draw(now);
+    if (isDue()) draw(line(terminalWidth() - 1));
 }
 
 void Progress::complain(const std::string& text) {
@@ -57,17 +96,43 @@ void Progress::receive(uint32_t level, uint32_t status, const char* text, void* 
     fputc('\n', stderr);
 }
 
-void Progress::draw(Clock::time_point now) {
+bool Progress::isDue() {
+    if (!terminal_) return false;
+    const Clock::time_point now = Clock::now();
+    if (now < nextDraw_) return false;
+    nextDraw_ = now + kRedraw;
+    return true;
+}
+
+/// As much as fits: amounts, rate and time left, then a bar in what remains of the width.
+std::string Progress::line(size_t width) const {
+    const auto done = static_cast<double>(done_);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+    const double rate = seconds > 0 ? done / seconds : 0;
+    const std::string speed = ", " + tool::humanBytes(rate) + "/s";
+    if (!total_) return tool::humanBytes(done) + speed;
+
     // Files may have grown since they were counted.
-    const double share =
-        total_ > 0 ? std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_)) : 1.0;
-    const double seconds = std::chrono::duration<double>(now - start_).count();
-    const auto full = static_cast<size_t>(share * static_cast<double>(kBarWidth));
-    const std::string bar = std::string(full, '#') + std::string(kBarWidth - full, '.');
-    fprintf(stderr, "\r\033[K[%s] %3.0f %%  %s of %s, %s/s", bar.c_str(), share * 100,
-            tool::humanBytes(static_cast<double>(done_)).c_str(),
-            tool::humanBytes(static_cast<double>(total_)).c_str(),
-            tool::humanBytes(static_cast<double>(done_) / seconds).c_str());
+    const auto total = static_cast<double>(std::max(*total_, done_));
+    const double share = total > 0 ? done / total : 1;
+    std::array<char, 16> percent{};
+    snprintf(percent.data(), percent.size(), "%3.0f %%", share * 100);
+    std::string text = percent.data();
+    const std::array<std::string, 3> parts = {
+        "  " + tool::humanBytes(done) + " of " + tool::humanBytes(total), speed,
+        rate > 0 ? ", " + clockTime((total - done) / rate) + " left" : ""};
+    for (const std::string& part : parts) {
+        if (text.size() + part.size() > width) return text;
+        text += part;
+    }
+    if (text.size() + kNarrowestBar + 3 > width) return text;
+    const size_t bar = std::min(kWidestBar, width - text.size() - 3);
+    const auto full = static_cast<size_t>(share * static_cast<double>(bar));
+    return '[' + std::string(full, '#') + std::string(bar - full, '.') + "] " + text;
+}
+
+void Progress::draw(const std::string& text) {
+    fprintf(stderr, "\r\033[K%s", text.substr(0, terminalWidth() - 1).c_str());
     drawn_ = true;
 }
 

@@ -1,155 +1,209 @@
 #include "tools/agent/scan.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <fstream>
 #include <optional>
 
-#include "platform/status.h"
 #include "platform/support.h"
-#include "tools/agent/files.h"
+#include "tools/agent/options.h"
 #include "tools/agent/progress.h"
+#include "tools/agent/reading.h"
+#include "tools/agent/scan_cache.h"
+#include "tools/agent/scan_findings.h"
+#include "tools/agent/scan_html.h"
 #include "tools/agent/scan_report.h"
-#include "tools/agent/segments.h"
-#include "tools/agent/walk.h"
-#include "tools/shared/cache.h"
+#include "tools/shared/signals.h"
 #include "tools/shared/text.h"
 
 namespace agent {
 namespace {
 
-using tool::CachePointer;
 using tool::ExitCode;
 
-/// The place where a segment was met first: the value that the cache keeps with its fingerprint.
-struct Location {
-    uint32_t file;
-    uint32_t segment;
+constexpr size_t kFilesOfChunk = 20'000;            // that are listed at once when not counted
+constexpr uint64_t kUncounted = uint64_t{4} << 20;  // entries that a cache is then made for
+constexpr size_t kSegmentsOfBatch = 512;
 
-    uint64_t value() const { return uint64_t{file} << 32 | segment; }
-    static uint32_t fileOf(uint64_t value) { return static_cast<uint32_t>(value >> 32); }
-};
-
-/// The amount to scan, by the sizes of the files before they are read.
-struct Survey {
-    uint64_t bytes = 0;
-    uint64_t segments = 0;
-};
-
-Survey survey(const ScanOptions& options) {
-    Survey found;
-    walkFiles(options.paths, options.oneFileSystem,
-              {[&](const std::string&, uint64_t size) {
-                   found.bytes += size;
-                   found.segments += (size + options.segmentSize - 1) / options.segmentSize;
-               },
-               [](const std::string&, const std::string&) {}});
-    return found;
-}
-
-CachePointer makeCache(const ScanOptions& options, uint64_t segments) {
-    const tool::CacheSettings chosen = tool::settingsFor(segments);
-    CachePointer cache(KSCacheCreate(options.areaSize != 0 ? options.areaSize : chosen.areaSize,
-                                     options.bits != 0 ? options.bits : chosen.bits,
-                                     options.lock ? 1 : 0, nullptr, nullptr));
-    if (cache != nullptr) return cache;
-    throw tool::Failure(std::string("no cache could be made: ") +
-                        CRStatusToStringA(*__cr_errno_location()));
-}
-
-/// Collects fingerprints and asks the cache many at a time: reading the clock around each single
-/// lookup would take longer than the lookup.
-class Feeder {
+/// One run of scan(). Files are asked of the caches some at a time: reading the clock around each
+/// single lookup would take longer than the lookup.
+class Scan {
   public:
-    Feeder(KSCache* cache, uint32_t fingerprintType, ScanResult& result)
-        : cache_(cache), type_(fingerprintType), result_(result) {
-        pending_.reserve(kBatch);
+    Scan(const ScanOptions& options, const HeldFile* file)
+        : options_(options), kind_(*digestKind(options.digest)), file_(file) {
+        if (!options.reportFile.empty()) findings_.emplace(options.walk);
     }
 
-    void add(const Digest& digest, uint64_t length, Location location) {
-        pending_.push_back({digest, length, location});
-        if (pending_.size() == kBatch) flush();
+    void run() {
+        const auto start = std::chrono::steady_clock::now();
+        options_.noCount ? scanUncounted() : scanCounted();
+        result_.interrupted = tool::Interrupts::asked();
+        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+        result_.seconds = spent.count();
+        for (size_t i = 0; i < caches_.size(); ++i)
+            KSCacheStats(caches_[i].get(), &result_.sizes[i].cache);
+        progress_.clear();
+    }
+
+    const ScanResult& result() const { return result_; }
+    const std::optional<Findings>& findings() const { return findings_; }
+    const KSCache* firstCache() const { return caches_.front().get(); }
+
+  private:
+    void scanCounted() {
+        const Tree tree = walk(
+            options_.walk, [&](const auto& path, const auto& problem) { skip(path, problem); },
+            tool::Interrupts::asked, [&](const Tree& so) { progress_.count(so.files, so.bytes); });
+        for (const uint64_t size : options_.sizes()) {
+            uint64_t segments = 0;
+            for (const Entry& entry : tree.entries)
+                if (entry.status.isFile()) segments += (entry.status.size + size - 1) / size;
+            makeCache(size, segments);
+        }
+        progress_.begin(tree.bytes);
+        read(tree);
+    }
+
+    /// Lists some files and reads them, in turn, so that the list takes little memory.
+    void scanUncounted() {
+        for (const uint64_t size : options_.sizes())
+            makeCache(size, kUncounted);
+        Walker walker(options_.walk,
+                      [&](const auto& path, const auto& problem) { skip(path, problem); });
+        for (bool more = true; more && !tool::Interrupts::asked();) {
+            Tree chunk;
+            Entry entry;
+            while (chunk.files < kFilesOfChunk && (more = walker.next(entry)))
+                if (entry.status.isFile()) chunk.add(std::move(entry));
+            read(chunk);
+        }
+    }
+
+    void makeCache(uint64_t segmentSize, uint64_t segments) {
+        const uint64_t known = file_ != nullptr ? file_->entries() : 0;
+        caches_.emplace_back(options_, kind_, known + segments);
+        if (file_ != nullptr) caches_.back().load(*file_);
+        result_.sizes.emplace_back().segmentSize = segmentSize;
+    }
+
+    void read(const Tree& tree) {
+        std::vector<const Entry*> files;
+        files.reserve(tree.files);
+        for (const Entry& entry : tree.entries)
+            if (entry.status.isFile()) files.push_back(&entry);
+        ReadOptions reading;
+        reading.digest = &kind_;
+        reading.segmentSizes = options_.sizes();
+        reading.jobs = options_.jobs;
+        reading.advance = [&](uint64_t bytes) { progress_.advance(bytes); };
+        readFiles(
+            files, reading, [&](ReadFile&& file) { take(std::move(file)); },
+            tool::Interrupts::asked);
+        flush();
+    }
+
+    void take(ReadFile&& file) {
+        if (file.problem) {
+            skip(file.entry->path, *file.problem);
+        } else {
+            ++result_.files;
+        }
+        pendingSegments_ += file.digests.empty() ? 0 : file.digests.front().size();
+        pending_.push_back(std::move(file));
+        if (pendingSegments_ >= kSegmentsOfBatch || pending_.size() == kSegmentsOfBatch) flush();
     }
 
     void flush() {
-        const auto start = std::chrono::steady_clock::now();
-        for (const Pending& one : pending_)
-            ask(one);
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-        result_.cacheSeconds += spent.count();
-        pending_.clear();
-    }
-
-  private:
-    static constexpr size_t kBatch = 512;
-
-    struct Pending {
-        Digest digest;
-        uint64_t length;
-        Location location;
-    };
-
-    void ask(const Pending& one) {
-        uint64_t first = 0;
-        if (KSCacheExists(cache_, one.digest.data(), type_, &first) == CR_STATUS_OK) {
-            const bool same = Location::fileOf(first) == one.location.file;
-            (same ? result_.sameFile : result_.otherFile).count(one.length);
-            return;
+        for (size_t i = 0; i < caches_.size(); ++i) {
+            const auto start = std::chrono::steady_clock::now();
+            uint32_t number = fileNumber_;
+            for (const ReadFile& file : pending_)
+                ask(file, i, number++);
+            const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+            result_.sizes[i].cacheSeconds += spent.count();
         }
-        const uint32_t status =
-            KSCacheAdd(cache_, one.digest.data(), type_, one.location.value(), nullptr);
-        (status == CR_STATUS_OK ? result_.unique : result_.uncached).count(one.length);
+        fileNumber_ += static_cast<uint32_t>(pending_.size());
+        pending_.clear();
+        pendingSegments_ = 0;
     }
 
-    KSCache* cache_;
-    uint32_t type_;
-    ScanResult& result_;
-    std::vector<Pending> pending_;
+    /// Asks for the segments of one size. The first size tells the findings.
+    void ask(const ReadFile& file, size_t sizeIndex, uint32_t number) {
+        SizeResult& size = result_.sizes[sizeIndex];
+        Findings* findings = findings_ && sizeIndex == 0 ? &*findings_ : nullptr;
+        if (findings != nullptr) findings->addFile(file.entry->path);
+        if (file.digests.empty()) return;
+        uint64_t left = file.bytes;
+        for (const Digest& digest : file.digests[sizeIndex]) {
+            const uint64_t length = std::min(left, size.segmentSize);
+            left -= length;
+            uint32_t source = 0;
+            const Fate fate = caches_[sizeIndex].ask(digest, number, source);
+            size.of(fate).count(length);
+            if (findings == nullptr) continue;
+            const bool copied = fate == Fate::kSameFile || fate == Fate::kOtherFile;
+            findings->addData(length, copied || fate == Fate::kEarlier);
+            if (copied) findings->addCopy(source, length);
+        }
+    }
+
+    void skip(const std::string& path, const std::string& problem) {
+        ++result_.skipped;
+        progress_.complain(tool::printable(path) + ": " + problem);
+    }
+
+    const ScanOptions& options_;
+    const DigestKind& kind_;
+    const HeldFile* file_;
+    Progress progress_;
+    ScanResult result_;
+    std::vector<ScanCache> caches_;
+    std::optional<Findings> findings_;
+    std::vector<ReadFile> pending_;
+    size_t pendingSegments_ = 0;
+    uint32_t fileNumber_ = 0;  ///< of the first pending file
 };
 
-void scanFiles(const ScanOptions& options, const DigestKind& kind, Segmenter& segmenter,
-               KSCache* cache, Progress& progress, ScanResult& result) {
-    Feeder feeder(cache, kind.fingerprintType, result);
-    const auto skip = [&](const std::string& path, const std::string& problem) {
-        ++result.skipped;
-        progress.complain(tool::printable(path) + ": " + problem);
-    };
-    uint32_t fileNumber = 0;
-    const auto file = [&](const std::string& path, uint64_t) {
-        Location location{fileNumber++, 0};
-        const std::optional<std::string> problem =
-            segmenter.cutFile(path, [&](const Digest& digest, size_t length) {
-                feeder.add(digest, length, location);
-                ++location.segment;
-                progress.advance(length);
-            });
-        if (problem) return skip(path, *problem);
-        ++result.files;
-    };
-    walkFiles(options.paths, options.oneFileSystem, {file, skip});
-    feeder.flush();
+/// Opened before the scan, whose report would otherwise be lost after hours of reading.
+std::ofstream openReport(const std::string& path) {
+    std::ofstream file;
+    if (path.empty()) return file;
+    file.open(path, std::ios::binary);
+    if (!file) throw tool::Failure(tool::printable(path) + ": " + strerror(errno));
+    return file;
+}
+
+ExitCode codeFor(const ScanResult& result) {
+    bool whole = result.skipped == 0 && !result.interrupted;
+    for (const SizeResult& size : result.sizes)
+        whole = whole && size.of(Fate::kUncached).segments == 0;
+    return whole ? ExitCode::kOk : ExitCode::kPartial;
 }
 
 }  // namespace
 
-ExitCode scan(const ScanOptions& options) {
-    if (const ExitCode code = checkPaths(options.paths); code != ExitCode::kOk) return code;
-    const DigestKind& kind = *digestKind(options.digest);
-    Segmenter segmenter(kind, options.segmentSize);
-    const Survey found = survey(options);
+ExitCode scan(ScanOptions options) {
+    readPathList(options.walk);
+    if (const ExitCode code = checkPaths(options.walk.paths); code != ExitCode::kOk) return code;
+    if (options.digest.empty()) options.digest = defaultDigest("");
+    std::optional<HeldFile> file;
+    if (!options.cacheFile.empty()) file.emplace(options.cacheFile);
+    std::ofstream report = openReport(options.reportFile);
+    const tool::Interrupts interrupts;
     *__qlxlog_trace_location() = options.trace ? 1 : 0;
 
-    ScanResult result;
-    {
-        Progress progress(found.bytes);
-        const auto start = std::chrono::steady_clock::now();
-        const CachePointer cache = makeCache(options, found.segments);
-        scanFiles(options, kind, segmenter, cache.get(), progress, result);
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-        result.seconds = spent.count();
-        KSCacheStats(cache.get(), &result.cache);
+    Scan scan(options, file ? &*file : nullptr);
+    scan.run();
+    if (file) file->replace(scan.firstCache());
+    if (scan.findings()) {
+        report << scanPage(options, scan.result(), *scan.findings());
+        report.close();
+        if (!report) throw tool::Failure(tool::printable(options.reportFile) + ": not written");
     }
-    printScan(options, result);
-    return result.skipped == 0 && result.uncached.segments == 0 ? ExitCode::kOk
-                                                                : ExitCode::kPartial;
+    printScan(options, scan.result());
+    return codeFor(scan.result());
 }
 
 }  // namespace agent

@@ -1,13 +1,11 @@
 // Cutting files into segments and fingerprinting them.
 //
-// Thread rule: a Cutter or Segmenter works for one thread, on one file at a time.
+// Thread rule: a Cutter works for one thread, on one file at a time.
 #ifndef TOOLS_AGENT_SEGMENTS_H
 #define TOOLS_AGENT_SEGMENTS_H
 
 #include <array>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -55,31 +53,6 @@ class Cutter {
     class Cut;
 
     std::vector<Cut> cuts_;
-};
-
-/// Fingerprints the segments of files, one file after the other.
-class Segmenter {
-  public:
-    /// Segments are `segmentSize` bytes long; the last of a file may be shorter. Throws Failure
-    /// when the crypto library does not provide the algorithm.
-    Segmenter(const DigestKind& kind, size_t segmentSize);
-    ~Segmenter();
-    Segmenter(const Segmenter&) = delete;
-    Segmenter& operator=(const Segmenter&) = delete;
-
-    /// Hands the digest and length of each segment over, in order. Returns the problem that kept
-    /// the file from being read to its end: the segments before have then been handed over.
-    std::optional<std::string> cutFile(
-        const std::string& path,
-        const std::function<void(const Digest& digest, size_t length)>& segment);
-
-  private:
-    struct Crypto;
-
-    bool digestOf(size_t length, Digest& digest);
-
-    std::unique_ptr<Crypto> crypto_;
-    std::vector<unsigned char> buffer_;
 };
 
 }  // namespace agent

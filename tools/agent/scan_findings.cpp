@@ -1,0 +1,107 @@
+#include "tools/agent/scan_findings.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace agent {
+namespace {
+
+constexpr size_t kLongestType = 12;
+constexpr size_t kMostRoots = 64;  // a longer list names files rather than trees
+
+bool isBelow(const std::string& path, const std::string& root) {
+    if (path.compare(0, root.size(), root) != 0 || path.size() <= root.size()) return false;
+    return root.back() == '/' || path[root.size()] == '/';
+}
+
+/// The last extension of a name in lower case, with its dot. "-" for none, as of names that only
+/// begin with a dot.
+std::string typeOf(const std::string& path) {
+    const size_t name = path.rfind('/') + 1;  // npos + 1 is 0
+    const size_t dot = path.rfind('.');
+    if (dot == std::string::npos || dot <= name || path.size() - dot > kLongestType) return "-";
+    std::string type = path.substr(dot);
+    std::transform(type.begin(), type.end(), type.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return type.size() > 1 ? type : "-";
+}
+
+}  // namespace
+
+Findings::Findings(const WalkOptions& options) {
+    for (const auto* paths : {&options.paths, &options.listed})
+        for (const std::string& path : *paths)
+            if (!path.empty()) roots_.push_back(path);
+}
+
+/// The folder one level below the path that the user named; this path itself for the files in it.
+std::string Findings::folderOf(const std::string& path) {
+    const size_t roots = roots_.size() <= kMostRoots ? roots_.size() : 0;
+    for (size_t i = 0; i < roots; ++i, root_ = (root_ + 1) % roots_.size()) {
+        const std::string& root = roots_[root_];
+        if (path == root) break;
+        if (!isBelow(path, root)) continue;
+        const size_t begin = path.find_first_not_of('/', root.size());
+        const size_t end = path.find('/', begin);
+        return end == std::string::npos ? root : path.substr(0, end);
+    }
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+}
+
+void Findings::addFile(const std::string& path) {
+    folder_ = &folders_[folderOf(path)];
+    type_ = &types_[typeOf(path)];
+    ++folder_->files;
+    ++type_->files;
+    copies_.push_back({.path = path});
+}
+
+void Findings::addData(uint64_t bytes, bool repeated) {
+    for (Share* share : {folder_, type_}) {
+        share->bytes += bytes;
+        if (repeated) share->repeated += bytes;
+    }
+}
+
+void Findings::addCopy(uint32_t source, uint64_t bytes) {
+    FirstCopy& copy = copies_[source];
+    copy.again += bytes;
+    const auto file = static_cast<uint32_t>(copies_.size());
+    if (copy.lastFile != file) ++copy.files;
+    copy.lastFile = file;
+}
+
+std::vector<Share> Findings::largest(const Shares& shares, size_t most) {
+    std::vector<Share> all;
+    for (const auto& [name, share] : shares) {
+        all.push_back(share);
+        all.back().name = name;
+    }
+    std::sort(all.begin(), all.end(), [](const Share& left, const Share& right) {
+        return left.bytes != right.bytes ? left.bytes > right.bytes : left.name < right.name;
+    });
+    if (all.size() <= most) return all;
+    Share others;
+    for (size_t i = most - 1; i < all.size(); ++i) {
+        others.files += all[i].files;
+        others.bytes += all[i].bytes;
+        others.repeated += all[i].repeated;
+    }
+    all.resize(most - 1);
+    all.push_back(others);
+    return all;
+}
+
+std::vector<FirstCopy> Findings::copies(size_t most) const {
+    std::vector<FirstCopy> all;
+    std::copy_if(copies_.begin(), copies_.end(), std::back_inserter(all),
+                 [](const FirstCopy& copy) { return copy.again > 0; });
+    std::stable_sort(all.begin(), all.end(), [](const FirstCopy& left, const FirstCopy& right) {
+        return left.again > right.again;
+    });
+    all.resize(std::min(all.size(), most));
+    return all;
+}
+
+}  // namespace agent
