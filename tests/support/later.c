@@ -1,5 +1,5 @@
-/* For LD_PRELOAD: the program's clock is KSPOOL_TEST_LATER seconds ahead, so that files which a test has
- * just written are old to it. */
+/* For LD_PRELOAD: the program's clock is KSPOOL_TEST_LATER seconds ahead, so that files which a
+ * test has just written are old to it. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdlib.h>

@@ -100,6 +100,10 @@ std::string defaultDigest(const std::string& file) {
     const tool::Messages unheard(/*shown=*/false);
     KSConfig config{};
     KSConfigInitWithAgentCfg(&config, file.empty() ? nullptr : file.c_str());
+    if (unheard.notRead() != 0) {
+        throw tool::Failure(std::string("the configuration could not be read as a whole: ") +
+                            CRStatusToStringA(unheard.notRead()));
+    }
     const bool given = (config.flags & KS_CFG_FP_TYPE) != 0;
     const DigestKind* kind = digestKind(given ? config.fingerprintType : uint32_t{CR_FP_SHA256});
     return kind != nullptr ? kind->name : "sha256";
@@ -109,8 +113,8 @@ CLI::Validator segmentSizeRange() {
     return CLI::Range(kSmallestSegment, kLargestSegment, "512 B to 1 GiB");
 }
 
-void addSegmentSize(CLI::App& command, uint64_t& size) {
-    command.add_option("--segment", size, "Segment size")
+CLI::Option* addSegmentSize(CLI::App& command, uint64_t& size) {
+    return command.add_option("--segment", size, "Segment size")
         ->transform(CLI::AsSizeValue(false))
         ->check(segmentSizeRange())
         ->default_str("128KiB");

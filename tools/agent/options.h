@@ -20,7 +20,7 @@ void addFind(CLI::App& app, tool::ExitCode& code);
 void addExpire(CLI::App& app, tool::ExitCode& code);
 
 /// Options that several commands have.
-void addSegmentSize(CLI::App& command, uint64_t& size);
+CLI::Option* addSegmentSize(CLI::App& command, uint64_t& size);
 CLI::Validator segmentSizeRange();
 
 /// What is left out of the paths: --exclude, --one-file-system.

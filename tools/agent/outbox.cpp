@@ -42,9 +42,11 @@ void Outbox::send() {
     if (listed_ == 0) return;
     if (!options_.dryRun) {
         const Stopwatch server(result_.serverSeconds);
-        session_.attempt(std::to_string(listed_) + (listed_ == 1 ? " entry" : " entries"), [&](MBSession* session) {
-            return MBPOAddList(session, options_.name.dataselection, list_.c_str());
-        });
+        session_.attempt(std::to_string(listed_) + (listed_ == 1 ? " entry" : " entries"),
+                         [&](MBSession* session) {
+                             return MBPOAddList(session, options_.name.dataselection,
+                                                list_.c_str());
+                         });
         result_.recorded += listed_;
     }
     const Stopwatch cache(result_.cacheSeconds);

@@ -13,7 +13,6 @@
 #include <random>
 #include <unordered_set>
 
-#include "ks.h"
 #include "platform/status.h"
 #include "tools/agent/cache.h"
 #include "tools/agent/claims.h"
@@ -40,13 +39,6 @@ std::string newRun() {
     std::array<char, 17> text{};
     snprintf(text.data(), text.size(), "%08x%08x", random(), random());
     return text.data();
-}
-
-uint32_t poolId(const tool::SessionOptions& options) {
-    const auto config = std::make_unique<KSConfig>();
-    KSConfigInitWithAgentCfg(config.get(),
-                             options.config.empty() ? nullptr : options.config.c_str());
-    return (config->flags & KS_CFG_STORAGE_POOL_ID) != 0 ? config->storagePoolId : 0;
 }
 
 /// Why a cache may not be used for a binding; empty when it may.
@@ -99,9 +91,9 @@ class Recording {
           kind_(*digestKind(options.digest)),
           cut_{options.digest, options.segmentSize},
           file_(options.cacheFile, options.wait ? Interrupts::asked : std::function<bool()>()),
-          facts_(factsFor(
-              file_, {session.server(), poolId(options.session), options.name.dataselection, cut_},
-              options.rebind)),
+          facts_(factsFor(file_,
+                          {session.server(), session.poolId(), options.name.dataselection, cut_},
+                          options.rebind)),
           claims_(session, facts_) {}
 
     void run();

@@ -17,15 +17,18 @@ constexpr char kScanFooter[] =
 
 constexpr uint32_t kLargestLimit = 1U << 20;
 
-/// Segment sizes in the order of their values, each once.
-void addCompare(CLI::App& scan, ScanOptions& options) {
-    scan.add_option("--compare", options.compare, "Compare segment sizes: 16KiB,128KiB,1MiB")
+/// Segment sizes in the order of their values, each once. CLI11 finds options by name in functions
+/// that may not throw, and ends the program when memory runs out there: what an option excludes is
+/// given as a pointer.
+CLI::Option* addCompare(CLI::App& scan, ScanOptions& options, CLI::Option* segment) {
+    return scan
+        .add_option("--compare", options.compare, "Compare segment sizes: 16KiB,128KiB,1MiB")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->transform(CLI::AsSizeValue(false))
         ->check(segmentSizeRange())
         ->type_name("SIZE,...")
-        ->excludes("--segment");
+        ->excludes(segment);
 }
 
 }  // namespace
@@ -35,12 +38,12 @@ void addScan(CLI::App& app, tool::ExitCode& code) {
     ScanOptions& options = *kept;
     CLI::App* scan = app.add_subcommand("scan", "Show how much data of some trees is repeated");
     addWalkOptions(*scan, options.walk, "scan");
-    addSegmentSize(*scan, options.segmentSize);
-    addCompare(*scan, options);
+    CLI::Option* segment = addSegmentSize(*scan, options.segmentSize);
+    CLI::Option* compare = addCompare(*scan, options, segment);
     addDigest(*scan, options.digest);
     addJobs(*scan, options.jobs);
     scan->add_option("--cache", options.cacheFile, "File that keeps the cache for later scans")
-        ->excludes("--compare");
+        ->excludes(compare);
     scan->add_option("--limit", options.limit, "Memory limit of a cache's pages, MiB [none]")
         ->check(CLI::Range(1U, kLargestLimit));
     scan->add_option("--bits", options.bits, "The cache gets 2^BITS roots [from the data]")
@@ -48,9 +51,10 @@ void addScan(CLI::App& app, tool::ExitCode& code) {
     scan->add_option("--area", options.areaSize, "Slots per cache page [from the data]")
         ->check(CLI::Range(1U, tool::kLargestArea));
     scan->add_flag("--lock", options.lock, "Lock the cache's pages into memory");
-    scan->add_flag("--no-count", options.noCount, "Do not count the files before reading");
+    CLI::Option* noCount =
+        scan->add_flag("--no-count", options.noCount, "Do not count the files before reading");
     scan->add_option("--report", options.reportFile, "Also write the report as an HTML page")
-        ->excludes("--no-count");
+        ->excludes(noCount);
     scan->add_flag("--json", options.json, "Report as JSON");
     scan->add_flag("--trace", options.trace, "Show the library's traces on stderr");
     scan->footer(kScanFooter);

@@ -167,6 +167,7 @@ void Session::readConfiguration(const SessionOptions& options) {
     if ((config->flags & KS_CFG_MBS_URL) != 0) configUrl_ = config->mbsUrl;
     if ((config->flags & KS_CFG_SSL_KEY) != 0) keyLocation_ = printable(config->sslKeyLocation);
     reconnectTimeout_ = config->reconnectTimeout;
+    if ((config->flags & KS_CFG_STORAGE_POOL_ID) != 0) poolId_ = config->storagePoolId;
 }
 
 void Session::create(const SessionOptions& options, const std::string& url) {

@@ -34,6 +34,9 @@ class Session {
 
     const std::string& server() const { return server_; }  ///< as a terminal may show it
 
+    /// The configuration's pool id, 0 without one.
+    uint32_t poolId() const { return poolId_; }
+
     /// For Interrupts::abort().
     MBSession* handle() const { return session_.get(); }
 
@@ -82,6 +85,7 @@ class Session {
     std::string configUrl_;
     std::string keyLocation_;
     int64_t reconnectTimeout_ = 0;
+    uint32_t poolId_ = 0;
 };
 
 }  // namespace tool
