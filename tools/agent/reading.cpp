@@ -1,8 +1,6 @@
 #include "tools/agent/reading.h"
 
-#include <fcntl.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,131 +9,19 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <ctime>
 #include <exception>
-#include <memory>
 #include <mutex>
-#include <numeric>
 #include <system_error>
 #include <thread>
 
-#include "common/owned.h"
+#include "tools/agent/reading_plan.h"
 
 namespace agent {
 namespace {
 
 constexpr size_t kBlock = size_t{128} << 10;  // stays in a core's own cache while it is hashed
-constexpr size_t kFilesOfTask = 64;
-constexpr uint64_t kBytesOfTask = uint64_t{1} << 20;
-constexpr uint64_t kPiece = uint64_t{16} << 20;
-constexpr uint64_t kToEnd = UINT64_MAX;
 constexpr size_t kTasksOfThread = 8;
 constexpr std::chrono::milliseconds kBetweenStops{50};
-
-/// An open file, with its status before it was read.
-struct OpenFile {
-    kspool::Descriptor descriptor{-1};
-    FileStatus status;
-    int64_t readAt = 0;
-    std::optional<std::string> problem;
-
-    explicit OpenFile(const std::string& path) : readAt(time(nullptr)) {
-        constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-        descriptor = kspool::Descriptor(open(path.c_str(), kFlags));
-        struct stat found {};
-        if (descriptor.get() < 0 || fstat(descriptor.get(), &found) != 0) {
-            problem = strerror(errno);
-            return;
-        }
-        status = statusOf(found);
-        // Asked again, since the file may have been replaced after the walk met it.
-        if (!status.isFile()) problem = "is no regular file any more";
-    }
-};
-
-/// A file that is read in pieces. The thread that needs it first opens it.
-class SharedFile {
-  public:
-    const OpenFile& opened(const std::string& path) {
-        const std::lock_guard lock(mutex_);
-        if (!file_) file_.emplace(path);
-        return *file_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::optional<OpenFile> file_;
-};
-
-/// Some whole files, or a piece of one.
-struct Task {
-    uint64_t number = 0;
-    size_t first = 0;
-    size_t end = 0;
-    std::shared_ptr<SharedFile> shared;  ///< NULL for whole files
-    uint64_t offset = 0;
-    uint64_t length = kToEnd;
-};
-
-/// Cuts the list into tasks, in its order.
-class Plan {
-  public:
-    Plan(const std::vector<const Entry*>& files, const std::vector<uint64_t>& segmentSizes)
-        : files_(files), piece_(pieceFor(segmentSizes)) {}
-
-    bool next(Task& task) {
-        if (first_ == files_.size()) return false;
-        task = Task{};
-        task.number = number_++;
-        task.first = task.end = first_;
-        const uint64_t size = files_[first_]->status.size;
-        if (size > piece_) {
-            takePiece(size, task);
-            return true;
-        }
-        for (uint64_t bytes = 0; task.end < files_.size(); ++task.end) {
-            const uint64_t more = files_[task.end]->status.size;
-            const bool full = task.end - first_ == kFilesOfTask || bytes + more > kBytesOfTask;
-            if (more > piece_ || (full && task.end > first_)) break;
-            bytes += more;
-        }
-        first_ = task.end;
-        return true;
-    }
-
-  private:
-    /// A multiple of all sizes; kToEnd when there is none that is not far too large.
-    static uint64_t pieceFor(const std::vector<uint64_t>& segmentSizes) {
-        constexpr uint64_t kLargest = uint64_t{1} << 30;
-        uint64_t multiple = 1;
-        for (const uint64_t size : segmentSizes) {
-            multiple = std::lcm(multiple, size);  // both are at most kLargest
-            if (multiple > kLargest) return kToEnd;
-        }
-        return (kPiece + multiple - 1) / multiple * multiple;
-    }
-
-    void takePiece(uint64_t size, Task& task) {
-        if (offset_ == 0) shared_ = std::make_shared<SharedFile>();
-        task.end = first_ + 1;
-        task.shared = shared_;
-        task.offset = offset_;
-        if (size - offset_ > piece_) {
-            task.length = piece_;
-            offset_ += piece_;
-        } else {
-            offset_ = 0;
-            first_ = task.end;
-        }
-    }
-
-    const std::vector<const Entry*>& files_;
-    uint64_t piece_;
-    uint64_t number_ = 0;
-    size_t first_ = 0;
-    uint64_t offset_ = 0;
-    std::shared_ptr<SharedFile> shared_;
-};
 
 struct Result {
     std::vector<ReadFile> files;
