@@ -11,13 +11,14 @@
 #include <memory>
 #include <optional>
 #include <random>
-#include <unordered_set>
 
 #include "platform/status.h"
+#include "tools/agent/binding.h"
 #include "tools/agent/cache.h"
 #include "tools/agent/claims.h"
 #include "tools/agent/digest.h"
 #include "tools/agent/facts.h"
+#include "tools/agent/folder_sums.h"
 #include "tools/agent/options.h"
 #include "tools/agent/outbox.h"
 #include "tools/agent/progress.h"
@@ -41,48 +42,6 @@ std::string newRun() {
     return text.data();
 }
 
-/// Why a cache may not be used for a binding; empty when it may.
-std::string difference(const Binding& kept, const Binding& wanted) {
-    const auto cutText = [](const Cut& cut) {
-        return cut.digest + " segments of " +
-               tool::humanBytes(static_cast<double>(cut.segmentSize));
-    };
-    const struct {
-        const char* what;
-        std::string kept, wanted;
-    } kRows[] = {
-        {"server", kept.server, wanted.server},
-        {"pool", std::to_string(kept.pool), std::to_string(wanted.pool)},
-        {"data selection", std::to_string(kept.dataselection),
-         std::to_string(wanted.dataselection)},
-        {"", cutText(kept.cut), cutText(wanted.cut)},
-    };
-    for (const auto& row : kRows) {
-        if (row.kept == row.wanted) continue;
-        const std::string what = *row.what != '\0' ? std::string(row.what) + " " : "";
-        return "is bound to " + what + row.kept + ", not " + row.wanted;
-    }
-    return {};
-}
-
-/// The facts of a cache file, or new ones. Throws Failure for a cache that is bound otherwise.
-Facts factsFor(const HeldFile& file, const Binding& binding, bool rebind) {
-    Facts fresh;
-    fresh.binding = binding;
-    if (file.path().empty() || rebind) return fresh;
-    std::optional<Facts> kept;
-    try {
-        kept = loadFacts(factsPath(file.path()));
-    } catch (const tool::Failure& failure) {
-        tool::complain(std::string("note: the cache starts anew: ") + failure.what());
-        return fresh;
-    }
-    if (!kept) return fresh;
-    const std::string why = difference(kept->binding, binding);
-    if (why.empty()) return *kept;
-    throw tool::Failure(ExitCode::kUsage, file.path() + " " + why + "; --rebind starts anew");
-}
-
 class Recording {
   public:
     Recording(const RecordOptions& options, tool::Session& session)
@@ -94,7 +53,8 @@ class Recording {
           facts_(factsFor(file_,
                           {session.server(), session.poolId(), options.name.dataselection, cut_},
                           options.rebind)),
-          claims_(session, facts_) {}
+          claims_(session, facts_),
+          sums_(options.walk) {}
 
     void run();
 
@@ -114,7 +74,6 @@ class Recording {
     void setImage();
     void saveCache();
     std::set<uint64_t> metImages();
-    FolderSum& folderOf(const Entry& entry);
     void skip(const std::string& path, const std::string& problem);
 
     const RecordOptions& options_;
@@ -127,17 +86,15 @@ class Recording {
     ImageFact image_;  ///< the one being recorded
     std::optional<BlockCache> cache_;
     std::optional<Outbox> outbox_;
-    Progress* progress_ = nullptr;           ///< while files are read
-    std::unordered_set<std::string> roots_;  ///< paths that the user named
-    std::set<uint64_t> readFor_;             ///< images for which unread files were read
+    Progress progress_{std::nullopt, /*takesMessages=*/false};
+    FolderSums sums_;             ///< of a dry run
+    std::set<uint64_t> readFor_;  ///< images for which unread files were read
     RecordResult result_;
 };
 
 void Recording::skip(const std::string& path, const std::string& problem) {
     ++result_.skipped;
-    const std::string text = tool::printable(path) + ": " + problem;
-    if (progress_ != nullptr) return progress_->complain(text);
-    tool::complain(text);
+    progress_.complain(tool::printable(path) + ": " + problem);
 }
 
 /// Loads the cache, unless it does not match its facts.
@@ -216,11 +173,7 @@ void Recording::recordUnread(const Entry& entry, const EarlierReading& reading) 
     ++result_.unread;
     result_.segments += reading.segments;
     result_.bytes += entry.status.size;
-    if (options_.dryRun) {
-        FolderSum& folder = folderOf(entry);
-        ++folder.files;
-        folder.bytes += entry.status.size;
-    }
+    if (options_.dryRun) sums_.add(entry, entry.status.size, 0);
     outbox_->add(record);
 }
 
@@ -245,27 +198,9 @@ void Recording::sort(const Tree& tree, std::vector<const Entry*>& toRead) {
     }
 }
 
-/// The folder directly below a named path, or the named path itself. Entries come in the order of
-/// the walk, so that the last named path is the one above.
-FolderSum& Recording::folderOf(const Entry& entry) {
-    std::string top = entry.path;
-    for (;;) {
-        const size_t slash = top.rfind('/');
-        if (roots_.count(top) != 0 || slash == std::string::npos || slash == 0) break;
-        const std::string above = top.substr(0, slash);
-        if (roots_.count(above) != 0 && top != entry.path) break;
-        top = above;
-    }
-    auto& sums = result_.byFolder;
-    const auto found =
-        std::find_if(sums.rbegin(), sums.rend(), [&](const FolderSum& s) { return s.path == top; });
-    if (found != sums.rend()) return *found;
-    sums.push_back({.path = top});
-    return sums.back();
-}
-
 /// Asks the cache for the segments of a file that was read, and records the file.
 void Recording::take(ReadFile&& file) {
+    if (options_.session.verbose) progress_.clear();  // messages about requests follow
     if (file.problem) return skip(file.entry->path, *file.problem);
     const std::vector<Digest>& digests = file.digests.front();
     std::vector<uint32_t> statuses(digests.size());
@@ -296,12 +231,7 @@ void Recording::take(ReadFile&& file) {
     result_.segments += record.segments;
     result_.newSegments += record.newSegments;
     result_.newBytes += newBytes;
-    if (options_.dryRun) {
-        FolderSum& folder = folderOf(*file.entry);
-        ++folder.files;
-        folder.bytes += file.bytes;
-        folder.newBytes += newBytes;
-    }
+    if (options_.dryRun) sums_.add(*file.entry, file.bytes, newBytes);
     outbox_->add(record);
 }
 
@@ -380,15 +310,13 @@ void Recording::readAll(const std::vector<const Entry*>& files) {
     uint64_t bytes = 0;
     for (const Entry* entry : files)
         bytes += entry->status.size;
-    Progress progress(bytes, /*takesMessages=*/false);
-    progress_ = &progress;
+    progress_.begin(bytes);
     const ReadOptions how{.digest = &kind_,
                           .segmentSizes = {cut_.segmentSize},
                           .jobs = options_.jobs,
-                          .advance = [&](uint64_t more) { progress.advance(more); }};
+                          .advance = [&](uint64_t more) { progress_.advance(more); }};
     readFiles(
         files, how, [&](ReadFile&& file) { take(std::move(file)); }, Interrupts::asked);
-    progress_ = nullptr;
 }
 
 /// Drops the segments that are not in a live image.
@@ -403,11 +331,15 @@ void Recording::dropDead() {
 }
 
 void Recording::run() {
-    for (const auto* paths : {&options_.walk.paths, &options_.walk.listed})
-        roots_.insert(paths->begin(), paths->end());
+    const struct Cleared {
+        Progress& progress;
+        ~Cleared() { progress.clear(); }  // before a failure is reported
+    } cleared{progress_};
     const Tree tree = walk(
         options_.walk, [&](const auto& path, const auto& problem) { skip(path, problem); },
-        Interrupts::asked);
+        Interrupts::asked, [&](const Tree& so) { progress_.count(so.files, so.bytes); });
+    progress_.clear();
+    if (Interrupts::asked()) return;
     openCache(tree.bytes / cut_.segmentSize + tree.files);
     untie();
     dropDead();
@@ -419,6 +351,7 @@ void Recording::run() {
     outbox_->send();
     if (!options_.dryRun) finish();
     result_.cached = cache_->stats().cachedItems;
+    result_.byFolder = sums_.take();
     result_.complete = true;
 }
 

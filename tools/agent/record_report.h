@@ -6,17 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "tools/agent/folder_sums.h"
 #include "tools/agent/record.h"
 
 namespace agent {
-
-/// What a folder below a named path would add, for a dry run.
-struct FolderSum {
-    std::string path;
-    uint64_t files = 0;
-    uint64_t bytes = 0;
-    uint64_t newBytes = 0;
-};
 
 struct RecordResult {
     uint64_t files = 0;    ///< regular files, read to their ends or not read again

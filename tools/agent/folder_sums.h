@@ -1,0 +1,41 @@
+// What the folders directly below the named paths would add to the pool.
+#ifndef TOOLS_AGENT_FOLDER_SUMS_H
+#define TOOLS_AGENT_FOLDER_SUMS_H
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "tools/agent/entry.h"
+#include "tools/agent/walk.h"
+
+namespace agent {
+
+struct FolderSum {
+    std::string path;
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+    uint64_t newBytes = 0;
+};
+
+class FolderSums {
+  public:
+    explicit FolderSums(const WalkOptions& walk);
+
+    void add(const Entry& file, uint64_t bytes, uint64_t newBytes);
+
+    /// Those that would add most come first.
+    std::vector<FolderSum> take();
+
+  private:
+    std::string folderOf(const std::string& path) const;
+
+    std::unordered_set<std::string> roots_;  ///< the paths that the user named
+    std::unordered_map<std::string, FolderSum> sums_;
+};
+
+}  // namespace agent
+
+#endif
