@@ -122,8 +122,8 @@ with tempfile.TemporaryDirectory() as top:
 
     # Killed, or told to stop: the image is not complete, and the next run completes it. A silent server does not
     # keep a signal waiting. Whoever comes second is told who holds the file, or waits.
-    def started(*options):
-        running = subprocess.Popen([AGENT, "record", tree, "--client", "me", "--image", "five", "--cache", cache,
+    def started(image, *options):
+        running = subprocess.Popen([AGENT, "record", tree, "--client", "me", "--image", image, "--cache", cache,
                                     "--segment", "4KiB", "--list", "1", *options], stdout=subprocess.PIPE)
         atexit.register(running.kill)  # however the test ends
         return running
@@ -131,12 +131,12 @@ with tempfile.TemporaryDirectory() as top:
     for sent, status in ((signal.SIGKILL, -9), (signal.SIGINT, 3)):
         server.admin("faults", [{"kind": "delay", "ms": 100, "times": 3, "action": "addlist"},
                                 {"kind": "delay", "ms": 9000, "action": "addlist"}])
-        running = started()
+        running = started("five")
         while not programs.found(AGENT, "five", "d"):
             time.sleep(0.05)
         second = run("record", tree, "--image", "none", "--cache", cache, code=5).stderr
         assert f"held by process {running.pid}\n" in second, second
-        waiting = started("--wait")
+        waiting = started("five", "--wait")
         begun = time.monotonic()
         running.send_signal(sent)
         assert running.wait() == status and time.monotonic() - begun < 1, (running.returncode, time.monotonic() - begun)
@@ -147,14 +147,14 @@ with tempfile.TemporaryDirectory() as top:
 
     # The server is killed in the middle: what it confirmed is there when it comes back.
     server.admin("faults", [{"kind": "delay", "ms": 100, "times": 9, "action": "addlist"}])
-    running = started("--json")
-    while not found("five"):
+    running = started("killed", "--json")
+    while not found("killed"):
         time.sleep(0.05)
     server.kill()
     confirmed = json.loads(running.communicate()[0])["recorded"]
     assert running.returncode == 13 and 0 < confirmed < 9, (running.returncode, confirmed)
     server.start()
-    assert record("five")["found"] == 9
+    assert record("killed")["found"] == 9
 
     # A cache of nothing has no file.
     os.mkdir(top + "/empty")
