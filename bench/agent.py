@@ -39,23 +39,19 @@ def make_tree(top):
 
 
 def timed(*command, **options):
-    """Seconds, peak memory in MiB, and the output."""
+    """Seconds and output."""
     begin = time.monotonic()
-    with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, **options) as running:
-        output = running.stdout.read()
-        _, status, usage = os.wait4(running.pid, 0)
-        running.returncode = os.waitstatus_to_exitcode(status)
-    assert running.returncode == 0, command
-    return time.monotonic() - begin, usage.ru_maxrss / 1024, output
+    done = subprocess.run(command, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, **options)
+    return time.monotonic() - begin, done.stdout
 
 
 def scan_rounds(tree):
     found = {SCAN: [], SERIAL: [], SUMS: []}
     sums = f"find '{tree}' -type f -print0 | xargs -0 -P{CORES} sha256sum"
     for _ in range(SCAN_ROUNDS):
-        found[SCAN].append(timed(AGENT, "scan", "--json", tree))
-        found[SERIAL].append(timed(AGENT, "scan", "--json", "--jobs", "1", tree))
-        found[SUMS].append(timed("sh", "-c", sums))
+        found[SCAN].append(timed(AGENT, "scan", "--json", tree)[0])
+        found[SERIAL].append(timed(AGENT, "scan", "--json", "--jobs", "1", tree)[0])
+        found[SUMS].append(timed("sh", "-c", sums)[0])
     return found
 
 
@@ -68,7 +64,7 @@ class Record:
         self.server.start()
 
     def run(self, tree):
-        seconds, _, output = timed(AGENT, "record", tree, "--image", "bench", "--cache", self.cache, "--json")
+        seconds, output = timed(AGENT, "record", tree, "--image", "bench", "--cache", self.cache, "--json")
         report = json.loads(output)
         return seconds, report["serverSeconds"]
 
@@ -120,13 +116,10 @@ def median(values):
 
 
 def scan_table(found):
-    ratios = {name: median(own[0] / peer[0] for own, peer in zip(found[name], found[SUMS])) for name in found}
-    lines = ["| command | seconds | slowest and fastest | of `sha256sum` | peak memory, MiB |", "|---|---:|---:|---:|---:|"]
-    for name, runs in found.items():
-        seconds = [run[0] for run in runs]
-        memory = f"{max(run[1] for run in runs):.0f}" if name != SUMS else ""
-        lines.append(f"| {name} | {median(seconds):.2f} | {max(seconds):.2f} and {min(seconds):.2f} "
-                     f"| {ratios[name]:.2f} | {memory} |")
+    ratios = {name: median(own / peer for own, peer in zip(found[name], found[SUMS])) for name in found}
+    lines = ["| command | seconds | fastest and slowest | of `sha256sum` |", "|---|---:|---:|---:|"]
+    for name, seconds in found.items():
+        lines.append(f"| {name} | {median(seconds):.2f} | {min(seconds):.2f} and {max(seconds):.2f} | {ratios[name]:.2f} |")
     return lines, ratios[SCAN]
 
 
@@ -143,11 +136,11 @@ def backup_table(found):
 
 def document(tree_bytes, scans, backups):
     table, ratio = scan_table(scans)
-    rate = tree_bytes / median(run[0] for run in scans[SCAN]) / 1e6
+    rate = tree_bytes / median(scans[SCAN]) / 1e6
     return [
         "# The agent on a tree of small files", "",
-        "Written by `scripts/bench agent`. The tree has", f"{FILES:,} files of {tree_bytes / 1e9:.2f} GB, which are in the "
-        f"page cache. {CORES} cores may be used. The", "commands of a round take turns.", "",
+        f"Written by `scripts/bench agent`. The tree has {FILES:,} files of {tree_bytes / 1e9:.2f} GB, which are in the page",
+        f"cache. {CORES} cores may be used. The commands of a round take turns.", "",
         "## Scan", "", f"Medians of {SCAN_ROUNDS} rounds. The scan walks the tree, reads and hashes, and asks and feeds its cache.",
         "", *table, "", f"A scan takes {ratio:.2f} of the time of `sha256sum`, in the median of the rounds, and handles {rate:,.0f} MB a",
         "second.", "",
@@ -161,7 +154,7 @@ def main():
     with tempfile.TemporaryDirectory() as home:
         tree = home + "/tree"
         make_tree(tree)
-        tree_bytes = json.loads(timed(AGENT, "scan", "--json", tree)[2])["all"]["bytes"]
+        tree_bytes = json.loads(timed(AGENT, "scan", "--json", tree)[1])["all"]["bytes"]
         lines = document(tree_bytes, scan_rounds(tree), backup_rounds(tree))
     with open(DOCUMENT, "w", encoding="utf-8") as file:
         file.write("\n".join(lines))

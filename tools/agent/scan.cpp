@@ -24,7 +24,7 @@ namespace {
 using tool::ExitCode;
 
 constexpr size_t kFilesOfChunk = 20'000;            // that are listed at once when not counted
-constexpr uint64_t kUncounted = uint64_t{4} << 20;  // entries that a cache is then made for
+constexpr uint64_t kUncounted = uint64_t{1} << 20;  // entries that a cache is then made for
 constexpr size_t kSegmentsOfBatch = 512;
 
 /// One run of scan(). Files are asked of the caches some at a time: reading the clock around each
