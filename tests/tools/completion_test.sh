@@ -18,11 +18,11 @@ offers() {
     echo "after '$*': '${COMPREPLY[*]}' in place of '$expected'"
     bad=1
 }
-offers "scan backup find expire" kspool-agent ""
+offers "scan record verify images find expire" kspool-agent ""
 offers "stat shape shrink" kspool-cache "s"
-offers "--image" kspool-agent backup --im
+offers "--image" kspool-agent record --im
 offers "some.cache" kspool-cache stat ""
-offers "some.cache" kspool-agent backup --cache so
+offers "some.cache" kspool-agent record --cache so
 offers "import" kspool-mb po i
 offers "--name --newsegments" kspool-mb --json po find --n
 offers "serve" kspool-sandbox se

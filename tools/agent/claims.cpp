@@ -72,9 +72,12 @@ void Claims::readNewest(const ImageName& name) {
     for (auto image = facts_.images.rbegin(); image != facts_.images.rend(); ++image) {
         if (image->name.client != name.client || image->name.policy != name.policy) continue;
         newest_ = image->number;
-        if (isLive(newest_)) return;
+        if (isLive(newest_)) break;
         files_.clear();
     }
+    // Asked for now: readingOf() is called for each file.
+    for (const auto& [path, reading] : files_)
+        isLive(reading.image);
 }
 
 const EarlierReading* Claims::readingOf(const std::string& path, const FileStatus& status) {

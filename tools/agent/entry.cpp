@@ -14,8 +14,14 @@ FileStatus statusOf(const struct stat& status) {
             .changed = status.st_ctim};
 }
 
+/// Called for each entry of a tree, so the working folder is asked for once, and only a path with
+/// something to resolve takes the slow way of the standard library. No program here changes its
+/// working folder.
 std::string absolutePath(const std::string& path) {
-    std::string absolute = std::filesystem::absolute(path).lexically_normal();
+    static const std::string here = std::filesystem::current_path();
+    std::string absolute = !path.empty() && path[0] == '/' ? path : here + "/" + path;
+    if (absolute.find("//") != std::string::npos || absolute.find("/.") != std::string::npos)
+        absolute = std::filesystem::path(absolute).lexically_normal();
     if (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
     return absolute;
 }

@@ -64,7 +64,7 @@ class Recording {
     void openCache(uint64_t segments);
     void untie();
     void sort(const Tree& tree, std::vector<const Entry*>& toRead);
-    void recordUnread(const Entry& entry, const EarlierReading& reading);
+    void recordUnread(const Entry& entry, std::string path, const EarlierReading& reading);
     void recordOther(const Entry& entry);
     void take(ReadFile&& file);
     void dropDead();
@@ -156,9 +156,9 @@ void Recording::recordOther(const Entry& entry) {
     outbox_->add(record);
 }
 
-void Recording::recordUnread(const Entry& entry, const EarlierReading& reading) {
+void Recording::recordUnread(const Entry& entry, std::string path, const EarlierReading& reading) {
     Record record;
-    record.path = absolutePath(entry.path);
+    record.path = std::move(path);
     record.status = entry.status;
     record.recordedAt = time(nullptr);
     record.digest = reading.digest;
@@ -185,13 +185,11 @@ void Recording::sort(const Tree& tree, std::vector<const Entry*>& toRead) {
             recordOther(entry);
             continue;
         }
-        const EarlierReading* reading = nullptr;
-        if (!options_.force) {
-            const Stopwatch server(result_.serverSeconds);
-            reading = claims_.readingOf(absolutePath(entry.path), entry.status);
-        }
+        std::string path = absolutePath(entry.path);
+        const EarlierReading* reading =
+            options_.force ? nullptr : claims_.readingOf(path, entry.status);
         if (reading != nullptr) {
-            recordUnread(entry, *reading);
+            recordUnread(entry, std::move(path), *reading);
         } else {
             toRead.push_back(&entry);
         }

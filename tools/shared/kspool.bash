@@ -16,7 +16,7 @@ _kspool() {
     options=$(grep -o -E '^  (-[A-Za-z],)?--[a-z-]+' <<<"$help" | tr , ' ')
     COMPREPLY=()
     case $previous in
-    --config | --password-file | --cache | --port-file | --tls-dir | --tree | -o)
+    --config | --password-file | --cache | --files-from | --report | --port-file | --tls-dir | --tree | -o)
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
         ;;
