@@ -44,7 +44,7 @@ with tempfile.TemporaryDirectory() as top:
     server.start()
 
     # All is new, then all is known; a changed file is new again. Folders and links are recorded, too.
-    os.symlink("e*", tree + "/link")
+    os.symlink("e* run=1 image=2", tree + "/link")
     first = record("one", "--list", "4")
     assert (first["files"], first["folders"], first["links"], first["recorded"]) == (6, 2, 1, 9), first
     assert (first["segments"], first["newSegments"], first["cached"], first["found"]) == (12, 7, 7, 9), first
@@ -227,6 +227,8 @@ with tempfile.TemporaryDirectory() as top:
     os.remove(tree + "/large")
 
     run("record", tree, "--image", "s*", code=2)
+    run("record", "--files-from", "/dev/null", "--client", "me", "--image", "six", code=2)
+    assert len(found("six")) == 6
     run("record", tree, "--image", "x", code=12, KSPOOL_PASSWORD="wrong")
     assert server.password not in run("record", tree, "--image", "x", "-v").stderr
     server.stop()

@@ -72,22 +72,25 @@ Number numberOf(std::string_view text) {
     return number;
 }
 
-/// The text after a key of the comment up to the next space, or to the end for the last key.
-std::string_view wordAfter(std::string_view comment, std::string_view key, bool last = false) {
+/// The text after a key of the comment up to the next space.
+std::string_view wordAfter(std::string_view comment, std::string_view key) {
     const size_t at = comment.find(key);
     if (at == std::string_view::npos) return {};
     const std::string_view rest = comment.substr(at + key.size());
-    return last ? rest : rest.substr(0, rest.find(' '));
+    return rest.substr(0, rest.find(' '));
 }
 
+/// The last key's text may look like other keys, so they are looked for before it.
 void readComment(std::string_view comment, Record& r) {
-    r.status.inode = numberOf<uint64_t>(wordAfter(comment, kInode));
-    r.status.modified.tv_nsec = numberOf<int32_t>(wordAfter(comment, kMtimeNs));
-    r.status.changed.tv_nsec = numberOf<int32_t>(wordAfter(comment, kCtimeNs));
-    r.readAt = numberOf<int64_t>(wordAfter(comment, kReadAt));
-    r.readRun = wordAfter(comment, kRun);
-    r.readImage = wordAfter(comment, kReadImage, true);
-    if (r.status.isLink()) r.target = wordAfter(comment, kTarget, true);
+    const std::string_view lastKey = r.status.isLink() ? kTarget : kReadImage;
+    const std::string_view words = comment.substr(0, comment.find(lastKey));
+    r.status.inode = numberOf<uint64_t>(wordAfter(words, kInode));
+    r.status.modified.tv_nsec = numberOf<int32_t>(wordAfter(words, kMtimeNs));
+    r.status.changed.tv_nsec = numberOf<int32_t>(wordAfter(words, kCtimeNs));
+    r.readAt = numberOf<int64_t>(wordAfter(words, kReadAt));
+    r.readRun = wordAfter(words, kRun);
+    if (words.size() == comment.size()) return;
+    (r.status.isLink() ? r.target : r.readImage) = comment.substr(words.size() + lastKey.size());
 }
 
 std::optional<Cut> cutOf(std::string_view format) {

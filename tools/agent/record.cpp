@@ -338,6 +338,7 @@ void Recording::run() {
         Interrupts::asked, [&](const Tree& so) { progress_.count(so.files, so.bytes); });
     progress_.clear();
     if (Interrupts::asked()) return;
+    if (tree.entries.empty()) throw tool::Failure(ExitCode::kUsage, "there is nothing to record");
     openCache(tree.bytes / cut_.segmentSize + tree.files);
     untie();
     dropDead();
