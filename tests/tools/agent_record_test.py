@@ -145,6 +145,16 @@ with tempfile.TemporaryDirectory() as top:
         assert len(found("five")) == 6
         run("expire", "--client", "me", "--image", "five")
 
+    # Another recording takes the name of the image that holds what is known, while a run relies on it.
+    record("held")
+    server.admin("faults", [{"kind": "delay", "ms": 1, "action": "addlist"}, {"kind": "delay", "ms": 2000, "action": "addlist"}])
+    running = started("--force")
+    while not programs.found(AGENT, "five", "d"):
+        time.sleep(0.05)
+    run("record", tree + "/sub", "--client", "me", "--image", "held")
+    assert running.wait() == 1 and record("five")["newSegments"] > 0
+    run("expire", "--client", "me", "--image", "five")
+
     # The server is killed in the middle: what it confirmed is there when it comes back.
     server.admin("faults", [{"kind": "delay", "ms": 100, "times": 9, "action": "addlist"}])
     running = started("killed", "--json")

@@ -88,12 +88,14 @@ const EarlierReading* Claims::readingOf(const std::string& path, const FileStatu
 
 void Claims::checkStillThere(const std::set<uint64_t>& numbers) {
     list();
+    live_.clear();
+    newest_ = 0;  // files are taken once
     for (const uint64_t number : numbers) {
+        if (isLive(number)) continue;
         const ImageFact* image = facts_.byNumber(number);
-        if (image != nullptr && hasRecord(image->name)) continue;
         throw tool::Failure("image " +
                             (image != nullptr ? tool::printable(image->name.image) : "") +
-                            " was expired during the run; run it again");
+                            " was expired or changed during the run; run it again");
     }
 }
 

@@ -1,7 +1,8 @@
 // What may be called known: segments and files that an image on the server holds.
 //
 // An image is live while the server has its record, and as many POs as were recorded, which are
-// those that were recorded. The server is asked once for each image that matters.
+// those that were recorded. The server is asked twice for each image that matters: before anything
+// is called known by it, and when all POs that rely on it have been confirmed.
 //
 // Thread rule: one thread, that of the session.
 #ifndef TOOLS_AGENT_CLAIMS_H
@@ -49,8 +50,9 @@ class Claims {
     /// of reading proves nothing, since the file may have changed again at the same time.
     const EarlierReading* readingOf(const std::string& path, const FileStatus& status);
 
-    /// Asks again for the records. Throws Failure when that of an image in the set is gone: what
-    /// was called known since may be gone too.
+    /// Asks again for the records and POs. Throws Failure when an image of the set is not live any
+    /// more: what was called known since may be gone too. A record proves nothing by itself, since
+    /// another recording may have taken the name.
     void checkStillThere(const std::set<uint64_t>& numbers);
 
   private:
