@@ -91,10 +91,16 @@ const ImageFact* lastOf(const std::vector<ImageFact>& images, Test test) {
 
 void ImageSum::add(const Record& r) {
     std::string text;
-    for (const std::string& part :
-         {r.path, r.digest, std::to_string(r.status.isFile() ? r.status.size : 0), r.readRun}) {
+    for (const std::string& part : {r.path, r.digest, r.readRun}) {
         text += part;
         text += '\0';
+    }
+    if (const FileStatus& s = r.status; s.isFile()) {  // by which it counts as unchanged
+        for (const uint64_t number :
+             {s.size, s.inode, static_cast<uint64_t>(s.modified.tv_sec),
+              static_cast<uint64_t>(s.modified.tv_nsec), static_cast<uint64_t>(s.changed.tv_sec),
+              static_cast<uint64_t>(s.changed.tv_nsec), static_cast<uint64_t>(r.readAt)})
+            text += std::to_string(number) + '\0';
     }
     unsigned char digest[SHA256_DIGEST_LENGTH];
     SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);

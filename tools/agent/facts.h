@@ -33,7 +33,7 @@ struct Binding {
     bool operator==(const Binding&) const = default;
 };
 
-/// A sum over the POs of an image, in any order, with their number.
+/// A sum over the POs of an image, in any order, with their number: over all that a claim rests on.
 struct ImageSum {
     uint64_t pos = 0;
     uint64_t sum = 0;
