@@ -143,6 +143,7 @@ std::optional<Facts> loadFacts(const std::string& path) {
     } catch (const tool::Failure& failure) {
         throw tool::Failure(path + ": " + failure.what());
     }
+    if (facts.binding.server.empty()) throw tool::Failure(path + ": not a file of facts");
     return facts;
 }
 
