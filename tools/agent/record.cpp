@@ -340,6 +340,7 @@ void Recording::run() {
     if (Interrupts::asked()) return;
     if (tree.entries.empty()) throw tool::Failure(ExitCode::kUsage, "there is nothing to record");
     openCache(tree.bytes / cut_.segmentSize + tree.files);
+    if (Interrupts::asked()) return;  // before anything is changed
     untie();
     dropDead();
     outbox_.emplace(options_, kind_.fingerprintType, image_.number, session_, *cache_, result_);
@@ -369,14 +370,20 @@ ExitCode record(RecordOptions options) {
     tool::Session session(options.session);
     Interrupts interrupts;
     interrupts.abort(session.handle());
-    Recording recording(options, session);
-    RecordResult& result = recording.result();
+    std::optional<Recording> recording;
+    try {
+        recording.emplace(options, session);
+    } catch (const tool::Failure&) {
+        if (!Interrupts::asked()) throw;
+        throw tool::Failure(ExitCode::kPartial, "interrupted; nothing was recorded");
+    }
+    RecordResult& result = recording->result();
     tool::Steps steps;
     {
         const Stopwatch watch(result.seconds);
         steps.run([&] {
             try {
-                recording.run();
+                recording->run();
             } catch (const tool::Failure&) {
                 if (!Interrupts::asked()) throw;  // else the report says so
             }
