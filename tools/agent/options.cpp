@@ -77,8 +77,13 @@ void readPathList(WalkOptions& options) {
     std::istream& list = options.listFile == "-" ? std::cin : file;
     errno = 0;
     if (&list == &file) file.open(options.listFile);
-    for (std::string path; std::getline(list, path, options.nullSeparated ? '\0' : '\n');)
+    for (std::string path; std::getline(list, path, options.nullSeparated ? '\0' : '\n');) {
+        if (path.find('\0') != std::string::npos) {  // the system would take what is before it
+            throw tool::Failure(tool::ExitCode::kUsage, tool::printable(options.listFile) +
+                                                            ": a line holds NUL; is -0 missing?");
+        }
         if (!path.empty()) options.listed.push_back(path);
+    }
     if (list.eof()) return;
     throw tool::Failure(tool::ExitCode::kUsage,
                         tool::printable(options.listFile) + ": " + strerror(errno));
