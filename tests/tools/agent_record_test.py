@@ -82,14 +82,14 @@ with tempfile.TemporaryDirectory() as top:
         assert "is bound to " in refused and said in refused and "--rebind" in refused, refused
     assert record("next", "--dry-run", "--rebind", "--ds", "2")["newSegments"] == 8
     assert record("next", "--dry-run")["newSegments"] == 0
-    for lost, said in ((cache, "it is missing"), (cache + ".facts", "there is no ")):
+    for lost, said in ((cache, "it is missing"), (cache + ".facts", "no facts tell")):
         os.rename(lost, top + "/lost")
         assert said in run("record", tree, "--image", "x", "--dry-run", "--cache", cache, "--segment", "4KiB").stderr
         os.rename(top + "/lost", lost)
 
     # Files that have not changed are not read again, unless they are too new to tell.
     later = {"LD_PRELOAD": LATER, "KSPOOL_TEST_LATER": "10", "ASAN_OPTIONS": "verify_asan_link_order=0"}
-    assert record("read", **later)["unread"] == 0
+    assert record("read", "--force", **later)["unread"] == 0
     os.chmod(tree + "/e*", 0o640)  # changes a time that nobody can set
     again = record("unread", **later)
     assert (again["files"], again["unread"], again["newSegments"]) == (6, 5, 0), again
@@ -147,13 +147,13 @@ with tempfile.TemporaryDirectory() as top:
 
     # Another recording takes the name of the image that holds what is known, while a run relies on it.
     record("held")
-    server.admin("faults", [{"kind": "delay", "ms": 1, "action": "addlist"}, {"kind": "delay", "ms": 2000, "action": "addlist"}])
-    running = started("--force")
-    while not programs.found(AGENT, "five", "d"):
+    server.admin("faults", [{"kind": "delay", "ms": 1, "action": "addlist"},
+                            {"kind": "delay", "ms": 2000, "action": "addlist"}])
+    running = started("relies", "--force")
+    while not programs.found(AGENT, "relies", "d"):
         time.sleep(0.05)
     run("record", tree + "/sub", "--client", "me", "--image", "held")
-    assert running.wait() == 1 and record("five")["newSegments"] > 0
-    run("expire", "--client", "me", "--image", "five")
+    assert running.wait() == 1 and record("relies")["newSegments"] > 0
 
     # The server is killed in the middle: what it confirmed is there when it comes back.
     server.admin("faults", [{"kind": "delay", "ms": 100, "times": 9, "action": "addlist"}])

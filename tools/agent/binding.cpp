@@ -38,17 +38,16 @@ std::string difference(const Binding& kept, const Binding& wanted) {
 Facts factsFor(const HeldFile& file, const Binding& binding, bool rebind) {
     Facts fresh;
     fresh.binding = binding;
-    if (file.path().empty() || rebind) return fresh;
-    std::optional<Facts> kept;
-    try {
-        kept = loadFacts(factsPath(file.path()));
-    } catch (const tool::Failure& failure) {
-        tool::complain(std::string("note: the cache starts anew: ") + failure.what());
+    if (file.path().empty()) return fresh;
+    const std::optional<Facts> kept = loadFacts(factsPath(file.path()));
+    if (!kept) return fresh;
+    if (kept->binding.server.empty()) {
+        tool::complain("note: " + factsPath(file.path()) + " is damaged, or of another version");
         return fresh;
     }
-    if (!kept) return fresh;
     const std::string why = difference(kept->binding, binding);
-    if (why.empty()) return *kept;
+    if (why.empty() && !rebind) return *kept;
+    if (rebind) return fresh;
     throw tool::Failure(tool::ExitCode::kUsage, file.path() + " " + why + "; --rebind starts anew");
 }
 

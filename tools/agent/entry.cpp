@@ -14,15 +14,33 @@ FileStatus statusOf(const struct stat& status) {
             .changed = status.st_ctim};
 }
 
+namespace {
+
+/// A ".." after a symbolic link leads out of the folder that the link leads to.
+std::string resolved(const std::filesystem::path& path) {
+    std::filesystem::path plain;
+    for (const auto& part : path) {
+        std::error_code failure;
+        if (part == ".." && std::filesystem::is_symlink(plain, failure)) {
+            const auto target = std::filesystem::canonical(plain, failure);
+            if (!failure) plain = target;
+        }
+        plain = part == ".." ? plain.parent_path() : plain / part;
+    }
+    return plain.lexically_normal();
+}
+
+}  // namespace
+
 /// Called for each entry of a tree, so the working folder is asked for once, and only a path with
-/// something to resolve takes the slow way of the standard library. No program here changes its
-/// working folder.
+/// something to resolve takes the slow way. No program here changes its working folder.
 std::string absolutePath(const std::string& path) {
     static const std::string here = std::filesystem::current_path();
     std::string absolute = !path.empty() && path[0] == '/' ? path : here + "/" + path;
     if (absolute.find("//") != std::string::npos || absolute.find("/.") != std::string::npos)
-        absolute = std::filesystem::path(absolute).lexically_normal();
-    if (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
+        absolute = resolved(absolute);
+    while (absolute.size() > 1 && absolute.back() == '/')
+        absolute.pop_back();
     return absolute;
 }
 

@@ -32,7 +32,8 @@ struct Entry {
     FileStatus status;
 };
 
-/// The path as it is recorded: absolute, without "." and "..", symbolic links not resolved.
+/// The path as it is recorded: absolute, without "." and "..". Symbolic links are not resolved,
+/// except before "..", which leads out of the folder that the link leads to.
 std::string absolutePath(const std::string& path);
 
 }  // namespace agent

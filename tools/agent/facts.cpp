@@ -16,6 +16,7 @@ namespace {
 
 /// Lines of fields, as POs are: the first field tells what a line is about. The next number comes
 /// before the sums of caches, so that a truncated file matches no cache before numbers are reused.
+constexpr char kProgram[] = "kspool-agent facts ";
 constexpr char kTitle[] = "kspool-agent facts 1";
 constexpr char kBinding[] = "binding", kNext[] = "next", kCache[] = "cache", kImage[] = "image";
 
@@ -131,19 +132,24 @@ std::string factsPath(const std::string& cache) {
 std::optional<Facts> loadFacts(const std::string& path) {
     const std::optional<std::string> text = tool::readWhole(path);
     if (!text) return {};
-    Facts facts;
-    bool titled = false;
-    try {
-        for (std::string_view rest = *text; !rest.empty();) {
-            const std::string_view line = rest.substr(0, rest.find('\n'));
-            rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-            titled ? readLine(line, facts) : void(titled = line == kTitle);
-            if (!titled) throw tool::Failure("not a file of facts");
-        }
-    } catch (const tool::Failure& failure) {
-        throw tool::Failure(path + ": " + failure.what());
+    std::string_view rest = *text;
+    const auto takeLine = [&] {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        return line;
+    };
+    const std::string_view title = takeLine();
+    if (title != kTitle) {
+        if (title.substr(0, strlen(kProgram)) == kProgram || text->empty()) return Facts{};
+        throw tool::Failure(path + ": there is a file that is not a file of facts");
     }
-    if (facts.binding.server.empty()) throw tool::Failure(path + ": not a file of facts");
+    Facts facts;
+    try {
+        while (!rest.empty())
+            readLine(takeLine(), facts);
+    } catch (const tool::Failure&) {
+        return Facts{};
+    }
     return facts;
 }
 

@@ -64,7 +64,9 @@ struct Facts {
 /// The file of facts of a cache file, symbolic links to the cache file resolved.
 std::string factsPath(const std::string& cache);
 
-/// Nothing when there is no file; Failure when it cannot be read, or is not a file of facts.
+/// Nothing when there is no file. Facts that name no server are of a damaged file, or of another
+/// version. Throws Failure when the file cannot be read, or is something else, which must not be
+/// replaced.
 std::optional<Facts> loadFacts(const std::string& path);
 
 void saveFacts(const std::string& path, const Facts& facts);

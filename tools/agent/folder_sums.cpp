@@ -6,7 +6,8 @@ namespace agent {
 
 FolderSums::FolderSums(const WalkOptions& walk) {
     for (const auto* paths : {&walk.paths, &walk.listed})
-        roots_.insert(paths->begin(), paths->end());
+        for (const std::string& path : *paths)  // entries do not repeat a slash at the end
+            roots_.insert(path.substr(0, std::max<size_t>(path.find_last_not_of('/') + 1, 1)));
 }
 
 /// The folder below the nearest named path that has the file, or that path itself.
@@ -15,8 +16,7 @@ std::string FolderSums::folderOf(const std::string& path) const {
         const size_t slash = folder.rfind('/');
         if (slash == std::string::npos || slash == 0) return folder;
         const std::string above = folder.substr(0, slash);
-        if (roots_.count(above) != 0 || roots_.count(above + "/") != 0)
-            return folder == path ? above : folder;
+        if (roots_.count(above) != 0) return folder == path ? above : folder;
         folder = above;
     }
     return path;

@@ -1,4 +1,4 @@
-// The names of a backup on the server.
+// The names of an image on the server.
 #ifndef TOOLS_AGENT_IMAGE_H
 #define TOOLS_AGENT_IMAGE_H
 

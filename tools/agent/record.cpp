@@ -71,7 +71,7 @@ class Recording {
     void readAll(const std::vector<const Entry*>& files);
     void finish();
     void expireStale();
-    void setImage();
+    void setRetention();
     void saveCache();
     std::set<uint64_t> metImages();
     void skip(const std::string& path, const std::string& problem);
@@ -112,7 +112,7 @@ void Recording::openCache(uint64_t segments) {
             sums = {sum};
             return;
         }
-        why = sums.empty()        ? "there is no " + factsPath(file_.path())
+        why = sums.empty()        ? "no facts tell what its entries are of"
               : sum == kNoEntries ? "it is missing"
                                   : "it is not the one of " + factsPath(file_.path());
     }
@@ -249,16 +249,23 @@ void Recording::expireStale() {
         stale.clear();
         result_.found = 0;
         uint64_t sent = 0;
+        ImageSum sum;
         findImage(session_, options_.name, [&](FoundPO&& po, std::string_view line) {
             ++result_.found;
             if (outbox_->paths().count(po.record.path) != 0) {
                 ++sent;
+                sum.add(po.record);
             } else {
                 ++result_.stale;
                 stale.append(line).append("\n");
             }
         });
-        if (sent == outbox_->paths().size()) return;
+        if (sum == outbox_->sum()) return;
+        if (sent == outbox_->paths().size()) {
+            throw tool::Failure(
+                "the server has other records of these paths: is the image recorded "
+                "elsewhere at the same time?");
+        }
         throw tool::Failure("the server has " + tool::humanCount(sent) + " of the " +
                             tool::humanCount(outbox_->paths().size()) +
                             " entries that were recorded");
@@ -270,11 +277,11 @@ void Recording::expireStale() {
     if (!stale.empty()) throw tool::Failure("the server keeps POs that were expired");
 }
 
-void Recording::setImage() {
-    const ImageName& n = options_.name;
-    agent::setImage(session_, n, time(nullptr));
+/// After the save: what is known stays known when the server refuses a retention.
+void Recording::setRetention() {
     if (options_.retention == 0) return;
-    session_.attemptEvent("retention", [&](MBSession* s) {
+    const ImageName& n = options_.name;
+    session_.attemptEvent("retention of image " + tool::printable(n.image), [&](MBSession* s) {
         return MBSetImageRetention(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
                                    n.image.c_str(), 0, 0, options_.retention);
     });
@@ -285,7 +292,7 @@ void Recording::finish() {
         const Stopwatch server(result_.serverSeconds);
         claims_.checkStillThere(metImages());
         expireStale();
-        setImage();
+        setImage(session_, options_.name, time(nullptr));
     }
     if (file_.path().empty()) return;
     const Stopwatch watch(result_.cacheSeconds);
@@ -353,6 +360,7 @@ void Recording::run() {
     result_.cached = cache_->stats().cachedItems;
     result_.byFolder = sums_.take();
     result_.complete = true;
+    if (!options_.dryRun) setRetention();
 }
 
 ExitCode exitCode(const RecordResult& result, ExitCode code) {

@@ -6,9 +6,8 @@
 //  2. The facts forget an earlier recording of the same name, in the file too. Only then does the
 //     server: its record goes first, so that nobody takes a half recorded image for whole.
 //  3. POs are sent. New segments enter the cache in memory when the server has confirmed them.
-//  4. POs of the earlier recording that this one has not replaced are expired, the image's record
-//  is
-//     made, and the server's POs are compared with those that were sent, by path.
+//  4. POs of the earlier recording that this one has not replaced are expired, the server's POs are
+//     compared with those that were sent, and the image's record is made.
 //  5. Facts and cache are replaced. A run that ended before has not changed the cache file.
 #ifndef TOOLS_AGENT_RECORD_H
 #define TOOLS_AGENT_RECORD_H

@@ -47,7 +47,8 @@ void addRecord(CLI::App& app, tool::ExitCode& code) {
     command->add_option("--list", options.listSize, "Entries that are recorded at once")
         ->check(CLI::Range(1U, 100'000U))
         ->capture_default_str();
-    command->add_option("--retention", options.retention, "Seconds to keep the image [not set]");
+    command->add_option("--retention", options.retention, "Seconds to keep the image [not set]")
+        ->check(CLI::NonNegativeNumber);
     command->add_flag("--dry-run", options.dryRun,
                       "Tell what would be new, by folder, and change nothing");
     command->add_flag("--json", options.json, "Report as JSON");

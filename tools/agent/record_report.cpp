@@ -43,7 +43,7 @@ void printEnd(const RecordOptions& options, const RecordResult& r) {
         if (!r.byFolder.empty()) printFolders(r);
     } else if (!r.complete) {
         printf("Not complete   %s; run it again to complete the image\n",
-               r.interrupted ? "interrupted" : "the server could not be told of everything");
+               r.interrupted ? "interrupted" : "it ended early");
     } else {
         printf("On the server  %s of this image", counted(r.found, "entry", "entries").c_str());
         if (r.stale > 0) printf("; %s of before expired", tool::humanCount(r.stale).c_str());
@@ -98,6 +98,7 @@ void printRecord(const RecordOptions& options, const RecordResult& r) {
                                      {"newBytes", r.newBytes},
                                      {"found", r.found},
                                      {"cached", r.cached},
+                                     {"complete", r.complete},
                                      {"interrupted", r.interrupted},
                                      {"seconds", r.seconds},
                                      {"cacheSeconds", r.cacheSeconds},

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <new>
@@ -64,6 +65,7 @@ ExitCode workAndReport(const Program& program, int argc, char** argv) {
 
 int runProgram(const Program& program, int argc, char** argv) noexcept {
     setlocale(LC_CTYPE, "");
+    signal(SIGXFSZ, SIG_IGN);  // a limit of file sizes is then told as a failed write
     setProgram(program.name, program.failed);
     occupyStandardDescriptors();
     try {
