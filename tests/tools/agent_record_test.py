@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""kspool-agent record against a pool server. Usage: agent_backup_test.py AGENT SANDBOX"""
+"""kspool-agent record against a pool server.
+
+Usage: agent_record_test.py AGENT SANDBOX LATER
+"""
 import atexit
 import json
 import os

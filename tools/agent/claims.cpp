@@ -26,10 +26,6 @@ bool isUnchanged(const EarlierReading& then, const FileStatus& now) {
            settled(now.changed);
 }
 
-bool sameImage(const ImageName& a, const ImageName& b) {
-    return a.client == b.client && a.policy == b.policy && a.image == b.image;
-}
-
 }  // namespace
 
 Claims::Claims(tool::Session& session, const Facts& facts) : session_(session), facts_(facts) {
@@ -42,7 +38,7 @@ void Claims::list() {
 
 bool Claims::hasRecord(const ImageName& name) const {
     return std::any_of(records_.begin(), records_.end(),
-                       [&](const ImageRecord& r) { return sameImage(r.name, name); });
+                       [&](const ImageRecord& r) { return isSame(r.name, name); });
 }
 
 bool Claims::isLive(uint64_t number) {

@@ -78,10 +78,6 @@ void readLine(std::string_view line, Facts& facts) {
     }
 }
 
-bool sameImage(const ImageName& a, const ImageName& b) {
-    return a.client == b.client && a.policy == b.policy && a.image == b.image;
-}
-
 template <typename Test>
 const ImageFact* lastOf(const std::vector<ImageFact>& images, Test test) {
     const auto found = std::find_if(images.rbegin(), images.rend(), test);
@@ -120,7 +116,7 @@ const ImageFact* Facts::byNumber(uint64_t number) const {
 }
 
 bool Facts::untie(const ImageName& name) {
-    return std::erase_if(images, [&](const ImageFact& i) { return sameImage(i.name, name); }) > 0;
+    return std::erase_if(images, [&](const ImageFact& i) { return isSame(i.name, name); }) > 0;
 }
 
 std::string factsPath(const std::string& cache) {

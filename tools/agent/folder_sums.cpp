@@ -4,26 +4,8 @@
 
 namespace agent {
 
-FolderSums::FolderSums(const WalkOptions& walk) {
-    for (const auto* paths : {&walk.paths, &walk.listed})
-        for (const std::string& path : *paths)  // entries do not repeat a slash at the end
-            roots_.insert(path.substr(0, std::max<size_t>(path.find_last_not_of('/') + 1, 1)));
-}
-
-/// The folder below the nearest named path that has the file, or that path itself.
-std::string FolderSums::folderOf(const std::string& path) const {
-    for (std::string folder = path; roots_.count(folder) == 0;) {
-        const size_t slash = folder.rfind('/');
-        if (slash == std::string::npos || slash == 0) return folder;
-        const std::string above = folder.substr(0, slash);
-        if (roots_.count(above) != 0) return folder == path ? above : folder;
-        folder = above;
-    }
-    return path;
-}
-
 void FolderSums::add(const Entry& file, uint64_t bytes, uint64_t newBytes) {
-    const std::string folder = folderOf(file.path);
+    const std::string folder = folders_.of(file.path);
     FolderSum& sum = sums_[folder];
     sum.path = folder;
     ++sum.files;

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "tools/agent/entry.h"
+#include "tools/agent/top_folders.h"
 #include "tools/agent/walk.h"
 
 namespace agent {
@@ -22,7 +22,7 @@ struct FolderSum {
 
 class FolderSums {
   public:
-    explicit FolderSums(const WalkOptions& walk);
+    explicit FolderSums(const WalkOptions& walk) : folders_(walk) {}
 
     void add(const Entry& file, uint64_t bytes, uint64_t newBytes);
 
@@ -30,9 +30,7 @@ class FolderSums {
     std::vector<FolderSum> take();
 
   private:
-    std::string folderOf(const std::string& path) const;
-
-    std::unordered_set<std::string> roots_;  ///< the paths that the user named
+    TopFolders folders_;
     std::unordered_map<std::string, FolderSum> sums_;
 };
 

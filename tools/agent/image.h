@@ -14,6 +14,9 @@ struct ImageName {
     std::string image;
 };
 
+/// Whether two names of one data selection are those of the same image.
+bool isSame(const ImageName& a, const ImageName& b);
+
 /// The name of this machine, which is the client unless the user names another one.
 std::string thisHost();
 

@@ -107,15 +107,10 @@ uint64_t findPOs(tool::Session& session, const Criteria& criteria, const POVisit
     return announced;
 }
 
-bool isOf(const FoundPO& found, const ImageName& name) {
-    return found.name.client == name.client && found.name.policy == name.policy &&
-           found.name.image == name.image;
-}
-
 uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit) {
     uint64_t count = 0;
     findPOs(session, {.name = name}, [&](FoundPO&& found, std::string_view line) {
-        if (!isOf(found, name)) return;
+        if (!isSame(found.name, name)) return;
         ++count;
         visit(std::move(found), line);
     });

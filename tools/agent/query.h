@@ -27,7 +27,7 @@
 namespace agent {
 
 /// The POs that are wanted. Texts are patterns, in which `*` is any text, slashes included, and `?`
-/// any character. A text that holds one of these as itself matches others too: see isOf().
+/// any character. A text that holds one of these as itself matches others too: see isSame().
 struct Criteria {
     ImageName name;  ///< an empty image: any
     std::string folder = "*";
@@ -41,9 +41,6 @@ using POVisitor = std::function<void(FoundPO&& found, std::string_view line)>;
 /// no LF, and is valid during the visit. Returns their number. The answer is held in memory as a
 /// whole.
 uint64_t findPOs(tool::Session& session, const Criteria& criteria, const POVisitor& visit);
-
-/// Whether a PO belongs to the client, policy and image of these names, not taken as patterns.
-bool isOf(const FoundPO& found, const ImageName& name);
 
 /// The POs of one image, whose names are not taken as patterns.
 uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit);

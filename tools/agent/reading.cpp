@@ -290,8 +290,10 @@ void readFiles(const std::vector<const Entry*>& files, const ReadOptions& option
             return;
         }
     }
-    for (Task task; plan.next(task) && !stop();)
-        if (!consumer.consume(readers.front().run(task, files, stop))) break;
+    for (Task task; plan.next(task) && !stop();) {
+        Result result = readers.front().run(task, files, stop);
+        if (stop() || !consumer.consume(std::move(result))) break;  // a result may be cut off then
+    }
 }
 
 }  // namespace agent

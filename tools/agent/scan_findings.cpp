@@ -7,12 +7,6 @@ namespace agent {
 namespace {
 
 constexpr size_t kLongestType = 12;
-constexpr size_t kMostRoots = 64;  // a longer list names files rather than trees
-
-bool isBelow(const std::string& path, const std::string& root) {
-    if (path.compare(0, root.size(), root) != 0 || path.size() <= root.size()) return false;
-    return root.back() == '/' || path[root.size()] == '/';
-}
 
 /// The last extension of a name in lower case, with its dot. "-" for none, as of names that only
 /// begin with a dot.
@@ -28,29 +22,8 @@ std::string typeOf(const std::string& path) {
 
 }  // namespace
 
-Findings::Findings(const WalkOptions& options) {
-    for (const auto* paths : {&options.paths, &options.listed})
-        for (const std::string& path : *paths)
-            if (!path.empty()) roots_.push_back(path);
-}
-
-/// The folder one level below the path that the user named; this path itself for the files in it.
-std::string Findings::folderOf(const std::string& path) {
-    const size_t roots = roots_.size() <= kMostRoots ? roots_.size() : 0;
-    for (size_t i = 0; i < roots; ++i, root_ = (root_ + 1) % roots_.size()) {
-        const std::string& root = roots_[root_];
-        if (path == root) break;
-        if (!isBelow(path, root)) continue;
-        const size_t begin = path.find_first_not_of('/', root.size());
-        const size_t end = path.find('/', begin);
-        return end == std::string::npos ? root : path.substr(0, end);
-    }
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
-}
-
 void Findings::addFile(const std::string& path) {
-    folder_ = &folders_[folderOf(path)];
+    folder_ = &folders_[topFolders_.of(path)];
     type_ = &types_[typeOf(path)];
     ++folder_->files;
     ++type_->files;

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tools/agent/top_folders.h"
 #include "tools/agent/walk.h"
 
 namespace agent {
@@ -31,7 +32,7 @@ struct FirstCopy {
 
 class Findings {
   public:
-    explicit Findings(const WalkOptions& options);
+    explicit Findings(const WalkOptions& options) : topFolders_(options) {}
 
     /// The next file. Files are numbered as they come, from 0.
     void addFile(const std::string& path);
@@ -51,10 +52,8 @@ class Findings {
     using Shares = std::unordered_map<std::string, Share>;
 
     static std::vector<Share> largest(const Shares& shares, size_t most);
-    std::string folderOf(const std::string& path);
 
-    std::vector<std::string> roots_;
-    size_t root_ = 0;  ///< the one that the last file was below: the next one is likely to be too
+    TopFolders topFolders_;
     Shares folders_;
     Shares types_;
     Share* folder_ = nullptr;

@@ -1,0 +1,26 @@
+// The folders one level below the paths that a user named, by which reports sum up.
+#ifndef TOOLS_AGENT_TOP_FOLDERS_H
+#define TOOLS_AGENT_TOP_FOLDERS_H
+
+#include <string>
+#include <unordered_set>
+
+#include "tools/agent/walk.h"
+
+namespace agent {
+
+class TopFolders {
+  public:
+    explicit TopFolders(const WalkOptions& options);
+
+    /// For a file that a walk met: the folder one level below the nearest named path, or that path
+    /// itself for the files in it. The folder of a file that is named itself.
+    std::string of(const std::string& file) const;
+
+  private:
+    std::unordered_set<std::string> named_;  ///< without slashes at the end
+};
+
+}  // namespace agent
+
+#endif
