@@ -12,7 +12,7 @@ using OrderedJson = nlohmann::ordered_json;
 constexpr size_t kLoggedRequests = 100;
 constexpr size_t kLoggedLength = 200;
 constexpr size_t kMostActionNames = 100;
-constexpr size_t kMostParameters = 20;
+constexpr size_t kMostLogged = 20;
 
 std::string cut(const std::string& text) {
     return text.substr(0, kLoggedLength);
@@ -49,9 +49,9 @@ uint64_t RequestLog::add(LogEntry entry) {
     for (std::string* text : {&entry.id, &entry.action}) {
         if (text->size() > kLoggedLength) *text = cut(*text);
     }
-    if (entry.parameters.size() > kMostParameters)
+    if (entry.parameters.size() > kMostLogged)
         entry.parameters =
-            Pairs(entry.parameters.begin(), entry.parameters.begin() + kMostParameters);
+            Pairs(entry.parameters.begin(), entry.parameters.begin() + kMostLogged);
     for (auto& [name, value] : entry.parameters) {
         if (name.size() > kLoggedLength) name = cut(name);
         if (value.size() > kLoggedLength) value = cut(value);

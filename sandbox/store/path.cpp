@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kLongestName = 255;
 constexpr size_t kLongestPath = 65'535;
 
-[[noreturn]] void refuse(const std::string& why) {
+[[noreturn]] void refusePath(const std::string& why) {
     throw Event{POOL_EVENT_BAD_PATH, "path not valid: " + why};
 }
 
@@ -49,12 +49,12 @@ bool isControl(std::string_view character) {
 }
 
 void checkName(std::string_view name) {
-    if (name == "." || name == "..") refuse("'.' and '..' are no names");
-    if (name.size() > kLongestName) refuse("a name is longer than 255 bytes");
+    if (name == "." || name == "..") refusePath("'.' and '..' are no names");
+    if (name.size() > kLongestName) refusePath("a name is longer than 255 bytes");
     while (!name.empty()) {
         const size_t length = characterLength(name);
-        if (length == 0) refuse("a name is not UTF-8");
-        if (isControl(name.substr(0, length))) refuse("a name has a control character");
+        if (length == 0) refusePath("a name is not UTF-8");
+        if (isControl(name.substr(0, length))) refusePath("a name has a control character");
         name.remove_prefix(length);
     }
 }
@@ -62,8 +62,8 @@ void checkName(std::string_view name) {
 }  // namespace
 
 std::string normalPath(std::string_view text) {
-    if (text.size() > kLongestPath) refuse("it is longer than 65535 bytes");
-    if (!text.starts_with('/')) refuse("it does not start with '/'");
+    if (text.size() > kLongestPath) refusePath("it is longer than 65535 bytes");
+    if (!text.starts_with('/')) refusePath("it does not start with '/'");
     std::string path;
     while (!text.empty()) {
         text.remove_prefix(1);

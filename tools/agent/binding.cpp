@@ -12,8 +12,7 @@ namespace {
 /// Why a cache may not be used for a binding; empty when it may.
 std::string difference(const Binding& kept, const Binding& wanted) {
     const auto cutText = [](const Cut& cut) {
-        return cut.digest + " segments of " +
-               tool::humanBytes(static_cast<double>(cut.segmentSize));
+        return cut.digest + " segments of " + tool::humanBytes(cut.segmentSize);
     };
     const struct {
         const char* what;

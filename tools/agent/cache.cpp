@@ -2,10 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <thread>
 #include <utility>
 
 #include "platform/status.h"
@@ -13,14 +10,6 @@
 
 namespace agent {
 namespace {
-
-constexpr uint64_t kFewestPages = 12;
-constexpr std::chrono::milliseconds kWaitForHolder{200};
-
-/// Slots of a page, so that the limit has room for a dozen pages: memory is counted in whole pages.
-uint64_t mostSlots(uint64_t limit) {
-    return limit / sizeof(KSCacheNode) / kFewestPages;
-}
 
 template <typename Visit>
 void each(KSCache* cache, Visit visit) {
@@ -56,36 +45,10 @@ uint64_t hashOf(const KSCacheNode& node) {
     return hash;
 }
 
-[[noreturn]] void fail(const std::string& path, const std::string& why, tool::ExitCode code) {
-    throw tool::Failure(code, path + ": " + why);
-}
-
 }  // namespace
 
-HeldFile::HeldFile(std::string path, const std::function<bool()>& stop) : path_(std::move(path)) {
-    if (path_.empty()) return;
-    for (;;) {
-        KSCacheHold* hold = nullptr;
-        const uint32_t status = KSCacheHoldFile(path_.c_str(), &hold);
-        hold_.reset(hold);
-        if (status == CR_STATUS_OK) return;
-        const bool busy = status == CR_STATUS_BUSY;
-        if (!busy || !stop || stop()) {
-            fail(path_, tool::whyNotReplaced(path_, status),
-                 busy ? tool::ExitCode::kHeld : tool::ExitCode::kFailed);
-        }
-        std::this_thread::sleep_for(kWaitForHolder);
-    }
-}
-
-uint64_t HeldFile::size() const {
-    std::error_code failure;
-    const uintmax_t size = path_.empty() ? 0 : std::filesystem::file_size(path_, failure);
-    return failure ? 0 : size;
-}
-
 BlockCache::BlockCache(uint64_t entries, uint64_t limit) : limit_(limit) {
-    const tool::CacheSettings settings = tool::settingsFor(entries, mostSlots(limit));
+    const tool::CacheSettings settings = tool::settingsFor(entries, limit);
     cache_.reset(KSCacheCreate(settings.areaSize, settings.bits, 0, nullptr, nullptr));
     if (cache_ == nullptr) throw tool::Failure("no cache could be made");
 }
@@ -176,14 +139,6 @@ void BlockCache::tieMet(uint64_t value) {
         KSCacheDelete(cache, copy.fingerprint, copy.type);
         KSCacheAdd(cache, copy.fingerprint, copy.type, value, nullptr);
     });
-}
-
-void BlockCache::save(const HeldFile& file) const {
-    const uint32_t status =
-        KSCacheReplaceFile(cache_.get(), file.path().c_str(), file.get(), nullptr);
-    if (status == CR_STATUS_OK) return;
-    fail(file.path(), "could not be replaced: " + tool::whyNotReplaced(file.path(), status),
-         tool::ExitCode::kFailed);
 }
 
 }  // namespace agent

@@ -16,38 +16,17 @@
 #define TOOLS_AGENT_CACHE_H
 
 #include <cstdint>
-#include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "kscache.h"
+#include "tools/agent/held_file.h"
 #include "tools/shared/cache.h"
 
 namespace agent {
-
-/// A cache file that this process holds. Without a path nothing is held.
-class HeldFile {
-  public:
-    /// Holds the file. `stop` given: waits while another process holds it, until `stop` says so.
-    /// Throws Failure: kHeld when another process holds it; also when it is no cache file.
-    HeldFile(std::string path, const std::function<bool()>& stop);
-
-    const std::string& path() const { return path_; }
-    const KSCacheHold* get() const { return hold_.get(); }
-    uint64_t size() const;  ///< bytes, 0 when there is no file
-
-  private:
-    struct Release {
-        void operator()(KSCacheHold* hold) const { KSCacheReleaseFile(hold); }
-    };
-
-    std::string path_;
-    std::unique_ptr<KSCacheHold, Release> hold_;
-};
 
 inline constexpr char kNoEntries[] = "none";
 
@@ -88,8 +67,7 @@ class BlockCache {
     /// Gives the entries that this run met a value. Reference counts then start anew.
     void tieMet(uint64_t value);
 
-    /// Replaces the file. Throws Failure.
-    void save(const HeldFile& file) const;
+    const KSCache* get() const { return cache_.get(); }
 
   private:
     uint64_t room() const;

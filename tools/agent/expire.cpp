@@ -17,11 +17,11 @@ namespace {
 
 using tool::ExitCode;
 
-enum class Fate { kExpired, kRefused, kKept };
+enum class Outcome { kExpired, kRefused, kKept };
 
 struct Candidate {
     ImageSummary image;
-    Fate fate = Fate::kExpired;
+    Outcome fate = Outcome::kExpired;
 };
 
 /// The images to be expired by age, the oldest first, and the newest image where that one is kept.
@@ -34,7 +34,7 @@ std::vector<Candidate> olderThan(tool::Session& session, const ExpireOptions& op
     for (auto image = all.rbegin(); image != all.rend(); ++image) {
         if (image->time >= limit) continue;
         const bool kept = image == newest && !options.evenNewest;
-        chosen.push_back({*image, kept ? Fate::kKept : Fate::kExpired});
+        chosen.push_back({*image, kept ? Outcome::kKept : Outcome::kExpired});
     }
     std::reverse(chosen.begin(), chosen.end());
     return chosen;
@@ -65,17 +65,16 @@ void expireImage(tool::Session& session, const ImageName& name) {
 
 void printRow(const Candidate& one, bool dryRun) {
     const ImageSummary& image = one.image;
-    const char* word = one.fate == Fate::kKept      ? "kept"
-                       : one.fate == Fate::kRefused ? "failed"
-                       : dryRun                     ? "would go"
-                                                    : "expired";
+    const char* word = one.fate == Outcome::kKept      ? "kept"
+                       : one.fate == Outcome::kRefused ? "failed"
+                       : dryRun                        ? "would go"
+                                                       : "expired";
     printf("%-8s  %s  %9s files  %10s  %s%s\n", word,
            tool::localTime(image.time).substr(0, 16).c_str(), tool::humanCount(image.files).c_str(),
-           tool::humanBytes(static_cast<double>(image.bytes)).c_str(),
-           tool::printable(image.name.image).c_str(),
-           one.fate == Fate::kKept ? ", the newest image"
-           : image.complete        ? ""
-                                   : ", incomplete");
+           tool::humanBytes(image.bytes).c_str(), tool::printable(image.name.image).c_str(),
+           one.fate == Outcome::kKept ? ", the newest image"
+           : image.complete           ? ""
+                                      : ", incomplete");
 }
 
 struct Totals {
@@ -85,7 +84,7 @@ struct Totals {
 Totals totalOf(const std::vector<Candidate>& all) {
     Totals sum;
     for (const Candidate& one : all) {
-        if (one.fate != Fate::kExpired) continue;
+        if (one.fate != Outcome::kExpired) continue;
         ++sum.images;
         sum.entries += one.image.entries;
         sum.files += one.image.files;
@@ -98,12 +97,12 @@ void printText(const std::vector<Candidate>& all, const ExpireOptions& options) 
     bool kept = false;
     for (const Candidate& one : all) {
         printRow(one, options.dryRun);
-        kept = kept || one.fate == Fate::kKept;
+        kept = kept || one.fate == Outcome::kKept;
     }
     const Totals sum = totalOf(all);
     printf("%s: images %s, files %s, %s\n", options.dryRun ? "would go" : "expired",
            tool::humanCount(sum.images).c_str(), tool::humanCount(sum.files).c_str(),
-           tool::humanBytes(static_cast<double>(sum.bytes)).c_str());
+           tool::humanBytes(sum.bytes).c_str());
     if (kept) printf("The newest image is kept; --even-newest expires it too.\n");
 }
 
@@ -119,9 +118,9 @@ void printJson(const std::vector<Candidate>& all, const ExpireOptions& options) 
                         {"files", image.files},
                         {"bytes", image.bytes},
                         {"entries", image.entries},
-                        {"fate", one.fate == Fate::kKept      ? "kept"
-                                 : one.fate == Fate::kRefused ? "failed"
-                                                              : "expired"}});
+                        {"fate", one.fate == Outcome::kKept      ? "kept"
+                                 : one.fate == Outcome::kRefused ? "failed"
+                                                                 : "expired"}});
     }
     const Totals sum = totalOf(all);
     tool::printJson({{"dryRun", options.dryRun},
@@ -141,10 +140,10 @@ ExitCode expire(const ExpireOptions& options) {
     tool::Steps steps;
     bool any = false;
     for (Candidate& one : all) {
-        if (one.fate == Fate::kKept) continue;
+        if (one.fate == Outcome::kKept) continue;
         any = true;
         if (options.dryRun) continue;
-        if (!steps.run([&] { expireImage(session, one.image.name); })) one.fate = Fate::kRefused;
+        if (!steps.run([&] { expireImage(session, one.image.name); })) one.fate = Outcome::kRefused;
     }
     if (options.json) {
         printJson(all, options);

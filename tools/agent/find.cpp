@@ -44,8 +44,7 @@ nlohmann::ordered_json objectOf(const FoundPO& found) {
 
 void printRow(const FoundPO& found) {
     const Record& r = found.record;
-    const std::string size =
-        r.status.isFile() ? tool::humanBytes(static_cast<double>(r.status.size)) : "-";
+    const std::string size = r.status.isFile() ? tool::humanBytes(r.status.size) : "-";
     const std::string target = r.status.isLink() ? " -> " + tool::printable(r.target) : "";
     printf("%c %11s  %s  %s  %s%s\n", typeOf(r), size.c_str(),
            tool::localTime(r.status.modified.tv_sec).c_str(),

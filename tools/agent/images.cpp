@@ -63,9 +63,8 @@ void printTable(const std::vector<ImageSummary>& all, const Retentions& retentio
                                   : retentions[i] ? dayOf(endOf(*retentions[i]))
                                                   : "-";
         printf("%-16s %9s %10s  %-10s  %-*s %-*s %s\n", minuteOf(image.time).c_str(),
-               tool::humanCount(image.files).c_str(),
-               tool::humanBytes(static_cast<double>(image.bytes)).c_str(), state.c_str(),
-               static_cast<int>(client), tool::printable(image.name.client).c_str(),
+               tool::humanCount(image.files).c_str(), tool::humanBytes(image.bytes).c_str(),
+               state.c_str(), static_cast<int>(client), tool::printable(image.name.client).c_str(),
                static_cast<int>(policy), tool::printable(image.name.policy).c_str(),
                tool::printable(image.name.image).c_str());
     }

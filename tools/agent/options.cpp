@@ -17,8 +17,6 @@
 namespace agent {
 namespace {
 
-constexpr uint64_t kSmallestSegment = 512;
-constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
 constexpr size_t kLongestName = 255;
 constexpr uint32_t kMostJobs = 256;
 

@@ -1,11 +1,9 @@
 #include "tools/agent/outbox.h"
 
+#include "tools/agent/po.h"
+#include "tools/shared/text.h"
+
 namespace agent {
-namespace {
-
-constexpr size_t kLongestList = size_t{1} << 20;
-
-}  // namespace
 
 Stopwatch::Stopwatch(double& sum) : sum_(sum) {}
 
@@ -42,11 +40,9 @@ void Outbox::send() {
     if (listed_ == 0) return;
     if (!options_.dryRun) {
         const Stopwatch server(result_.serverSeconds);
-        session_.attempt(std::to_string(listed_) + (listed_ == 1 ? " entry" : " entries"),
-                         [&](MBSession* session) {
-                             return MBPOAddList(session, options_.name.dataselection,
-                                                list_.c_str());
-                         });
+        session_.attempt(tool::counted(listed_, "entry", "entries"), [&](MBSession* session) {
+            return MBPOAddList(session, options_.name.dataselection, list_.c_str());
+        });
         result_.recorded += listed_;
     }
     const Stopwatch cache(result_.cacheSeconds);

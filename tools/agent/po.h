@@ -12,6 +12,9 @@
 
 namespace agent {
 
+/// Bytes of lines of POs that are sent in one request.
+inline constexpr size_t kLongestList = size_t{1} << 20;
+
 /// How files are cut into segments, which are named by digests.
 struct Cut {
     std::string digest;  ///< name of the digest: "sha256"

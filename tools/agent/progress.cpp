@@ -66,8 +66,7 @@ Progress::~Progress() {
 
 void Progress::count(uint64_t files, uint64_t bytes) {
     if (!isDue()) return;
-    draw("Counting: " + tool::humanCount(files) + (files == 1 ? " file, " : " files, ") +
-         tool::humanBytes(static_cast<double>(bytes)));
+    draw("Counting: " + tool::counted(files, "file", "files") + ", " + tool::humanBytes(bytes));
 }
 
 void Progress::begin(uint64_t totalBytes) {
@@ -109,17 +108,18 @@ std::string Progress::line(size_t width) const {
     const auto done = static_cast<double>(done_);
     const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
     const double rate = seconds > 0 ? done / seconds : 0;
-    const std::string speed = ", " + tool::humanBytes(rate) + "/s";
-    if (!total_) return tool::humanBytes(done) + speed;
+    const std::string speed = ", " + tool::humanBytes(static_cast<uint64_t>(rate)) + "/s";
+    if (!total_) return tool::humanBytes(done_) + speed;
 
     // Files may have grown since they were counted.
-    const auto total = static_cast<double>(std::max(*total_, done_));
+    const uint64_t most = std::max(*total_, done_);
+    const auto total = static_cast<double>(most);
     const double share = total > 0 ? done / total : 1;
     std::array<char, 16> percent{};
     snprintf(percent.data(), percent.size(), "%3.0f %%", share * 100);
     std::string text = percent.data();
     const std::array<std::string, 3> parts = {
-        "  " + tool::humanBytes(done) + " of " + tool::humanBytes(total), speed,
+        "  " + tool::humanBytes(done_) + " of " + tool::humanBytes(most), speed,
         rate > 0 ? ", " + clockTime((total - done) / rate) + " left" : ""};
     for (const std::string& part : parts) {
         if (text.size() + part.size() > width) return text;

@@ -12,8 +12,7 @@
 namespace agent {
 namespace {
 
-constexpr size_t kLongestList = size_t{1} << 20;  ///< bytes of POs that are expired at once
-constexpr size_t kHeadLines = 3;                  ///< of an answer: names, types, count
+constexpr size_t kHeadLines = 3;  ///< of an answer: names, types, count
 
 /// A filter and the texts that it points to.
 struct Filter {

@@ -100,7 +100,7 @@ void Recording::skip(const std::string& path, const std::string& problem) {
 /// Loads the cache, unless it does not match its facts.
 void Recording::openCache(uint64_t segments) {
     const Stopwatch watch(result_.cacheSeconds);
-    const uint64_t entries = std::max(segments, file_.size() / tool::kRecordSize);
+    const uint64_t entries = std::max(segments, file_.entries());
     cache_.emplace(entries, uint64_t{options_.limit} << 20);
     if (options_.rebind) return;
     std::optional<std::string> why = cache_->load(file_);
@@ -308,7 +308,7 @@ void Recording::saveCache() {
     facts_.images.push_back(image_);
     facts_.caches.push_back(cache_->sum());
     saveFacts(factsPath(file_.path()), facts_);
-    cache_->save(file_);
+    file_.replace(cache_->get());
 }
 
 void Recording::readAll(const std::vector<const Entry*>& files) {

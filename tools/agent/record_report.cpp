@@ -9,19 +9,10 @@
 namespace agent {
 namespace {
 
-std::string bytesText(uint64_t count) {
-    return tool::humanBytes(static_cast<double>(count));
-}
-
-/// "1 file", "2 files".
-std::string counted(uint64_t count, const char* one, const char* many) {
-    return tool::humanCount(count) + " " + (count == 1 ? one : many);
-}
-
 void printData(const RecordResult& r) {
     const auto row = [](const char* name, uint64_t bytes, uint64_t segments) {
-        printf("%-14s %s in %s\n", name, bytesText(bytes).c_str(),
-               counted(segments, "segment", "segments").c_str());
+        printf("%-14s %s in %s\n", name, tool::humanBytes(bytes).c_str(),
+               tool::counted(segments, "segment", "segments").c_str());
     };
     row("Data", r.bytes, r.segments);
     row("New", r.newBytes, r.newSegments);
@@ -32,7 +23,7 @@ void printFolders(const RecordResult& r) {
     printf("\n%11s  %11s  %11s  %s\n", "files", "data", "new", "folder");
     for (const FolderSum& sum : r.byFolder) {
         printf("%11s  %11s  %11s  %s\n", tool::humanCount(sum.files).c_str(),
-               bytesText(sum.bytes).c_str(), bytesText(sum.newBytes).c_str(),
+               tool::humanBytes(sum.bytes).c_str(), tool::humanBytes(sum.newBytes).c_str(),
                tool::printable(sum.path).c_str());
     }
 }
@@ -45,7 +36,8 @@ void printEnd(const RecordOptions& options, const RecordResult& r) {
         printf("Not complete   %s; run it again to complete the image\n",
                r.interrupted ? "interrupted" : "it ended early");
     } else {
-        printf("On the server  %s of this image", counted(r.found, "entry", "entries").c_str());
+        printf("On the server  %s of this image",
+               tool::counted(r.found, "entry", "entries").c_str());
         if (r.stale > 0) printf("; %s of before expired", tool::humanCount(r.stale).c_str());
         printf("\n");
     }
@@ -56,14 +48,14 @@ void printForPeople(const RecordOptions& options, const RecordResult& r) {
     printf("Image          %s (client %s, policy %s, data selection %u)\n",
            tool::printable(n.image).c_str(), tool::printable(n.client).c_str(),
            tool::printable(n.policy).c_str(), n.dataselection);
-    printf("Files          %s", counted(r.files, "file", "files").c_str());
+    printf("Files          %s", tool::counted(r.files, "file", "files").c_str());
     if (r.unread > 0) printf(", %s unchanged and not read", tool::humanCount(r.unread).c_str());
     if (r.skipped > 0) printf(", %s could not be read", tool::humanCount(r.skipped).c_str());
-    printf("\nAs well        %s, %s\n", counted(r.folders, "folder", "folders").c_str(),
-           counted(r.links, "symbolic link", "symbolic links").c_str());
+    printf("\nAs well        %s, %s\n", tool::counted(r.folders, "folder", "folders").c_str(),
+           tool::counted(r.links, "symbolic link", "symbolic links").c_str());
     printData(r);
     const auto share = [&](double part) { return r.seconds > 0 ? 100 * part / r.seconds : 0; };
-    printf("Cache          %s\n", counted(r.cached, "fingerprint", "fingerprints").c_str());
+    printf("Cache          %s\n", tool::counted(r.cached, "fingerprint", "fingerprints").c_str());
     printf("Time           %s, of which %.1f %% in the cache, %.1f %% for the server\n",
            tool::humanSeconds(r.seconds).c_str(), share(r.cacheSeconds), share(r.serverSeconds));
     printEnd(options, r);

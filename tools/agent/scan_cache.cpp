@@ -18,7 +18,6 @@ using tool::Failure;
 constexpr uint64_t kMark = 0x5C;
 constexpr int kMarkShift = 24;  // within the upper half
 constexpr uint64_t kNumberMask = (uint64_t{1} << kMarkShift) - 1;
-constexpr uint64_t kFewestPages = 12;  // of a limit: memory is counted in whole pages
 
 uint64_t upperHalf(uint64_t number) {
     return kMark << kMarkShift | (number & kNumberMask);
@@ -40,36 +39,9 @@ struct Origins {
 
 }  // namespace
 
-HeldFile::HeldFile(std::string path) : path_(std::move(path)) {
-    const tool::Messages unheard(/*shown=*/false);  // the failure says the same
-    KSCacheHold* hold = nullptr;
-    const uint32_t status = KSCacheHoldFile(path_.c_str(), &hold);
-    if (status != CR_STATUS_OK) {
-        throw Failure(status == CR_STATUS_BUSY ? ExitCode::kHeld : ExitCode::kFailed,
-                      tool::printable(path_) + ": " + tool::whyNotReplaced(path_, status));
-    }
-    hold_.reset(hold);
-}
-
-uint64_t HeldFile::entries() const {
-    std::error_code missing;
-    const uintmax_t size = std::filesystem::file_size(path_, missing);
-    return missing ? 0 : size / tool::kRecordSize;
-}
-
-void HeldFile::replace(const KSCache* cache) const {
-    const tool::Messages unheard(/*shown=*/false);
-    const uint32_t status = KSCacheReplaceFile(cache, path_.c_str(), hold_.get(), nullptr);
-    if (status == CR_STATUS_OK) return;
-    throw Failure(tool::printable(path_) +
-                  ": could not be replaced: " + tool::whyNotReplaced(path_, status));
-}
-
 ScanCache::ScanCache(const ScanOptions& options, const DigestKind& kind, uint64_t entries)
     : type_(kind.fingerprintType), limit_(uint64_t{options.limit} << 20), scan_(upperHalf(1)) {
-    const uint64_t mostSlots = limit_ / sizeof(KSCacheNode) / kFewestPages;
-    const tool::CacheSettings chosen =
-        limit_ != 0 ? tool::settingsFor(entries, mostSlots) : tool::settingsFor(entries);
+    const tool::CacheSettings chosen = tool::settingsFor(entries, limit_);
     cache_.reset(KSCacheCreate(options.areaSize != 0 ? options.areaSize : chosen.areaSize,
                                options.bits != 0 ? options.bits : chosen.bits, options.lock ? 1 : 0,
                                nullptr, nullptr));
@@ -79,7 +51,7 @@ ScanCache::ScanCache(const ScanOptions& options, const DigestKind& kind, uint64_
 }
 
 void ScanCache::load(const HeldFile& file) {
-    if (file.entries() == 0) return;
+    if (file.size() == 0) return;
     const auto refuse = [&](const std::string& why) {
         throw Failure(tool::printable(file.path()) + ": " + why);
     };

@@ -14,36 +14,14 @@
 #define TOOLS_AGENT_SCAN_CACHE_H
 
 #include <cstdint>
-#include <memory>
-#include <string>
 
+#include "tools/agent/held_file.h"
 #include "tools/agent/scan.h"
 #include "tools/agent/scan_result.h"
 #include "tools/agent/segments.h"
 #include "tools/shared/cache.h"
 
 namespace agent {
-
-/// A cache file that is held, so that no other process replaces it meanwhile.
-class HeldFile {
-  public:
-    /// Throws Failure, with kHeld when another process holds it.
-    explicit HeldFile(std::string path);
-
-    const std::string& path() const { return path_; }
-    uint64_t entries() const;  ///< by the size of the file; 0 when there is none
-
-    /// Throws Failure.
-    void replace(const KSCache* cache) const;
-
-  private:
-    struct Release {
-        void operator()(KSCacheHold* hold) const { KSCacheReleaseFile(hold); }
-    };
-
-    std::string path_;
-    std::unique_ptr<KSCacheHold, Release> hold_;
-};
 
 class ScanCache {
   public:

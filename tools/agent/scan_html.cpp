@@ -44,14 +44,6 @@ std::string number(const char* format, double value) {
     return text.data();
 }
 
-std::string bytesText(uint64_t bytes) {
-    return tool::humanBytes(static_cast<double>(bytes));
-}
-
-std::string counted(uint64_t count, const std::string& one, const std::string& many) {
-    return tool::humanCount(count) + ' ' + (count == 1 ? one : many);
-}
-
 std::string ratioText(const SizeResult& size) {
     const bool known = size.all().bytes > 0 && size.all().bytes == size.repeated().bytes;
     return known ? "all known" : number("%.2f : 1", size.dedupRatio());
@@ -116,7 +108,7 @@ Section bySize(const ScanResult& result, const Section& head, Value value, Text 
     for (const SizeResult& size : result.sizes)
         most = std::max(most, value(size));
     for (const SizeResult& size : result.sizes) {
-        section.rows.push_back({bytesText(size.segmentSize),
+        section.rows.push_back({tool::humanBytes(size.segmentSize),
                                 {{"figure", ratio(value(size), most)}},
                                 {text(size), tool::humanCount(size.all().segments)}});
     }
@@ -132,7 +124,7 @@ Section ofShares(const Section& head, const std::vector<Share>& shares) {
         Row row{escaped(share.name),
                 {{"unique", ratio(share.bytes - share.repeated, most)},
                  {"repeated", ratio(share.repeated, most)}},
-                {tool::humanCount(share.files), bytesText(share.bytes),
+                {tool::humanCount(share.files), tool::humanBytes(share.bytes),
                  number("%.1f %%", 100 * ratio(share.repeated, share.bytes))}};
         if (share.name.empty()) {  // a sum of many, which would dwarf each of the others
             row.name = "<i>all others</i>";
@@ -148,7 +140,7 @@ Section ofCopies(const Section& head, const std::vector<FirstCopy>& copies) {
     for (const FirstCopy& copy : copies) {
         section.rows.push_back({escaped(copy.path),
                                 {{"repeated", ratio(copy.again, copies.front().again)}},
-                                {tool::humanCount(copy.files), bytesText(copy.again)}});
+                                {tool::humanCount(copy.files), tool::humanBytes(copy.again)}});
     }
     return section;
 }
@@ -178,9 +170,10 @@ std::string sections(const ScanResult& result, const Findings& findings) {
              {},
              false},
             [](const SizeResult& size) { return static_cast<double>(size.cacheBytes()); },
-            [](const SizeResult& size) { return bytesText(size.cacheBytes()); }));
+            [](const SizeResult& size) { return tool::humanBytes(size.cacheBytes()); }));
     }
-    const std::string segments = "In segments of " + bytesText(result.sizes.front().segmentSize);
+    const std::string segments =
+        "In segments of " + tool::humanBytes(result.sizes.front().segmentSize);
     const std::string keys =
         segments + ": <span class=\"keys\">" + key("unique") + ", " + key("repeated") + "</span>.";
     text += html(ofShares({"By folder", keys, {"Folder", "files", "data", "repeated"}, {}, false},
@@ -200,11 +193,11 @@ std::string tiles(const ScanResult& result) {
     const SizeResult& size = result.sizes.front();
     const std::vector<std::pair<const char*, std::string>> figures = {
         {"Files", tool::humanCount(result.files)},
-        {"Data", bytesText(size.all().bytes)},
+        {"Data", tool::humanBytes(size.all().bytes)},
         {"Dedup ratio", ratioText(size)},
-        {"Repeated", bytesText(size.repeated().bytes)},
+        {"Repeated", tool::humanBytes(size.repeated().bytes)},
         {"Cache entries", tool::humanCount(size.cache.cachedItems)},
-        {"Cache memory", bytesText(size.cacheBytes())},
+        {"Cache memory", tool::humanBytes(size.cacheBytes())},
     };
     std::string text;
     for (const auto& [name, figure] : figures)
@@ -219,10 +212,12 @@ std::string notes(const ScanResult& result) {
     };
     if (result.interrupted) note("The scan was interrupted: this is what was read until then.");
     if (result.skipped > 0) {
-        note(counted(result.skipped, "file or folder", "files or folders") + " could not be read.");
+        note(tool::counted(result.skipped, "file or folder", "files or folders") +
+             " could not be read.");
     }
     if (const Amount& left = result.sizes.front().of(Fate::kUncached); left.segments > 0) {
-        note(counted(left.segments, "segment", "segments") + " (" + bytesText(left.bytes) +
+        note(tool::counted(left.segments, "segment", "segments") + " (" +
+             tool::humanBytes(left.bytes) +
              ") did not fit into the cache: repeats of them count as unique.");
     }
     return text;
@@ -234,12 +229,12 @@ std::string subject(const ScanOptions& options, const ScanResult& result) {
         paths += (paths.empty() ? "" : ", ") + escaped(path);
     if (!options.walk.listFile.empty()) {
         paths += (paths.empty() ? "" : ", ") +
-                 counted(options.walk.listed.size(), "path", "paths") + " of a list";
+                 tool::counted(options.walk.listed.size(), "path", "paths") + " of a list";
     }
     return paths + ": scanned " + tool::localTime(time(nullptr)) + " in " +
            tool::humanSeconds(result.seconds) + ", segments of " +
-           bytesText(result.sizes.front().segmentSize) + " named by " + escaped(options.digest) +
-           '.';
+           tool::humanBytes(result.sizes.front().segmentSize) + " named by " +
+           escaped(options.digest) + '.';
 }
 
 }  // namespace

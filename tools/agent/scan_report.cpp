@@ -9,6 +9,7 @@
 namespace agent {
 namespace {
 
+using tool::counted;
 using tool::humanBytes;
 using tool::humanCount;
 using tool::humanSeconds;
@@ -33,28 +34,19 @@ struct Figures {
     double cacheSecondsEach;
 };
 
-std::string bytesText(uint64_t bytes) {
-    return humanBytes(static_cast<double>(bytes));
-}
-
-/// "1 file", "2 files".
-std::string counted(uint64_t count, const char* one, const char* many) {
-    return humanCount(count) + ' ' + (count == 1 ? one : many);
-}
-
 void printAmount(const char* name, const Amount& amount, const Amount& all) {
     printf("%-24s %15s   %12s   %5.1f %%\n", name, humanCount(amount.segments).c_str(),
-           bytesText(amount.bytes).c_str(), 100 * ratio(amount.bytes, all.bytes));
+           humanBytes(amount.bytes).c_str(), 100 * ratio(amount.bytes, all.bytes));
 }
 
 void printHead(const ScanOptions& options, const ScanResult& r) {
     if (r.interrupted) printf("Interrupted: this is what was scanned until then.\n");
     const SizeResult& first = r.sizes.front();
     const std::string cut = options.compare.empty()
-                                ? "segments of " + bytesText(first.segmentSize)
+                                ? "segments of " + humanBytes(first.segmentSize)
                                 : counted(r.sizes.size(), "segment size", "segment sizes");
     printf("Scanned %s, %s, in %s named by %s.\n\n", counted(r.files, "file", "files").c_str(),
-           bytesText(first.all().bytes).c_str(), cut.c_str(), options.digest.c_str());
+           humanBytes(first.all().bytes).c_str(), cut.c_str(), options.digest.c_str());
 }
 
 void printTail(const ScanResult& r) {
@@ -88,9 +80,9 @@ void printSize(const ScanOptions& options, const ScanResult& r) {
         printf("all of the data is known\n");
     } else {
         printf("%.2f : 1, %s need not be stored again\n", size.dedupRatio(),
-               bytesText(f.repeated.bytes).c_str());
+               humanBytes(f.repeated.bytes).c_str());
     }
-    printf("Cache memory   %s: %s in %s,\n", bytesText(size.cacheBytes()).c_str(),
+    printf("Cache memory   %s: %s in %s,\n", humanBytes(size.cacheBytes()).c_str(),
            counted(size.cache.cachedItems, "entry", "entries").c_str(),
            counted(size.cache.pageCount, "page", "pages").c_str());
     printf("               %.1f bytes each, and %s roots of 8 bytes;\n", f.pageBytesPerEntry,
@@ -110,9 +102,9 @@ void printComparison(const ScanResult& r) {
            "cache memory");
     uint64_t uncached = 0;
     for (const SizeResult& size : r.sizes) {
-        printf("%12s %15s %8.2f : 1 %12s %13s\n", bytesText(size.segmentSize).c_str(),
+        printf("%12s %15s %8.2f : 1 %12s %13s\n", humanBytes(size.segmentSize).c_str(),
                humanCount(size.all().segments).c_str(), size.dedupRatio(),
-               humanCount(size.cache.cachedItems).c_str(), bytesText(size.cacheBytes()).c_str());
+               humanCount(size.cache.cachedItems).c_str(), humanBytes(size.cacheBytes()).c_str());
         uncached += size.of(Fate::kUncached).segments;
     }
     printf("\nTime           %s\n", humanSeconds(r.seconds).c_str());

@@ -12,7 +12,7 @@
 namespace agent {
 namespace {
 
-constexpr DigestKind kKinds[] = {
+constexpr DigestKind kDigestKinds[] = {
     {"sha256", "SHA256", CR_FP_SHA256, 32},
     {"md5", "MD5", CR_FP_MD5, 16},
     {"sha1", "SHA1", CR_FP_SHA1_16, 16},
@@ -26,21 +26,21 @@ struct FreeCrypto {
 }  // namespace
 
 const DigestKind* digestKind(const std::string& name) {
-    const auto* kind = std::find_if(std::begin(kKinds), std::end(kKinds),
+    const auto* kind = std::find_if(std::begin(kDigestKinds), std::end(kDigestKinds),
                                     [&](const DigestKind& k) { return name == k.name; });
-    return kind != std::end(kKinds) ? kind : nullptr;
+    return kind != std::end(kDigestKinds) ? kind : nullptr;
 }
 
 const DigestKind* digestKind(uint32_t fingerprintType) {
-    const auto* kind = std::find_if(std::begin(kKinds), std::end(kKinds), [&](const DigestKind& k) {
-        return k.fingerprintType == fingerprintType;
-    });
-    return kind != std::end(kKinds) ? kind : nullptr;
+    const auto* kind =
+        std::find_if(std::begin(kDigestKinds), std::end(kDigestKinds),
+                     [&](const DigestKind& k) { return k.fingerprintType == fingerprintType; });
+    return kind != std::end(kDigestKinds) ? kind : nullptr;
 }
 
 std::vector<std::string> digestNames() {
     std::vector<std::string> names;
-    for (const DigestKind& kind : kKinds)
+    for (const DigestKind& kind : kDigestKinds)
         names.emplace_back(kind.name);
     return names;
 }

@@ -23,6 +23,10 @@ struct DigestKind {
     uint32_t size;  ///< bytes that count: SHA-1 is cut to 16
 };
 
+/// Bytes of a segment, as the programs take them.
+inline constexpr uint64_t kSmallestSegment = 512;
+inline constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
+
 /// NULL for an unknown name or type.
 const DigestKind* digestKind(const std::string& name);
 const DigestKind* digestKind(uint32_t fingerprintType);

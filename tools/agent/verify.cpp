@@ -28,10 +28,6 @@ using tool::ExitCode;
 using tool::Failure;
 using tool::Interrupts;
 
-/// Of a record: others were not made by record.
-constexpr uint64_t kSmallestSegment = 512;
-constexpr uint64_t kLargestSegment = uint64_t{1} << 30;
-
 /// What is recorded of an entry. Smaller than a Record, since all of an image are kept.
 struct Expected {
     Entry entry;

@@ -12,12 +12,12 @@ namespace agent {
 namespace {
 
 /// A row for each finding, in the order of the enumerators.
-struct Row {
+struct CountRow {
     const char* word;
     const char* member;
     uint64_t VerifyResult::*count;
 };
-constexpr std::array<Row, 5> kRows{{
+constexpr std::array<CountRow, 5> kCountRows{{
     {"same", "same", &VerifyResult::same},
     {"changed", "changed", &VerifyResult::changed},
     {"gone", "gone", &VerifyResult::gone},
@@ -25,8 +25,8 @@ constexpr std::array<Row, 5> kRows{{
     {"not compared", "notCompared", &VerifyResult::notCompared},
 }};
 
-const Row& rowOf(Finding finding) {
-    return kRows[static_cast<size_t>(finding)];
+const CountRow& rowOf(Finding finding) {
+    return kCountRows[static_cast<size_t>(finding)];
 }
 
 void printText(const VerifyResult& result) {
@@ -35,9 +35,9 @@ void printText(const VerifyResult& result) {
         printf("%-7s  %s%s\n", rowOf(d.finding).word, tool::printable(d.path).c_str(),
                d.detail.empty() ? "" : (": " + tool::printable(d.detail)).c_str());
     }
-    for (const Row& row : kRows)
+    for (const CountRow& row : kCountRows)
         printf("%s %s, ", tool::humanCount(result.*row.count).c_str(), row.word);
-    printf("%s read%s\n", tool::humanBytes(static_cast<double>(result.bytes)).c_str(),
+    printf("%s read%s\n", tool::humanBytes(result.bytes).c_str(),
            result.interrupted ? "; interrupted" : "");
 }
 
@@ -47,7 +47,7 @@ void printJson(const VerifyResult& result) {
                                   {"client", image.name.client},
                                   {"policy", image.name.policy},
                                   {"time", tool::isoTime(image.time)}};
-    for (const Row& row : kRows)
+    for (const CountRow& row : kCountRows)
         report[row.member] = result.*row.count;
     report["bytesRead"] = result.bytes;
     report["interrupted"] = result.interrupted;

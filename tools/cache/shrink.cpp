@@ -84,9 +84,8 @@ void print(const Options& options, const FileReport& file, const Plan& plan) {
            humanCount(plan.entries - plan.kept).c_str(), humanCount(plan.entries).c_str());
     printf("%s: %s entries, which take %s pages of %s slots, %s of %s\n", out.c_str(),
            humanCount(plan.kept).c_str(), humanCount(plan.pages()).c_str(),
-           humanCount(plan.pageSlots).c_str(),
-           humanBytes(static_cast<double>(plan.bytes())).c_str(),
-           humanBytes(static_cast<double>(options.limit * kMebibyte)).c_str());
+           humanCount(plan.pageSlots).c_str(), humanBytes(plan.bytes()).c_str(),
+           humanBytes(options.limit * kMebibyte).c_str());
 }
 
 }  // namespace

@@ -58,16 +58,16 @@ void printTypes(const FileReport& file) {
 void printStat(const FileReport& file) {
     const Figures f(file);
     printf("File           %s\n", file.name.c_str());
-    printf("Size           %s, %s bytes\n", humanBytes(static_cast<double>(file.size)).c_str(),
+    printf("Size           %s, %s bytes\n", humanBytes(file.size).c_str(),
            humanCount(file.size).c_str());
     printf("Header         %llu bytes: type %u, checksum 0x%08x\n",
            static_cast<unsigned long long>(file.headerSize), file.header.type, file.checksum);
     printf("Records        %15s   of %zu bytes\n", humanCount(file.records).c_str(), kRecordSize);
     printTypes(file);
     printf("Cache memory   %s: %s pages of %s slots of %zu bytes, and %s roots of %u bytes\n",
-           humanBytes(static_cast<double>(f.pageBytes + f.roots * kRootBytes)).c_str(),
-           humanCount(f.pages).c_str(), humanCount(f.pageSlots).c_str(), sizeof(KSCacheNode),
-           humanCount(f.roots).c_str(), static_cast<unsigned>(kRootBytes));
+           humanBytes(f.pageBytes + f.roots * kRootBytes).c_str(), humanCount(f.pages).c_str(),
+           humanCount(f.pageSlots).c_str(), sizeof(KSCacheNode), humanCount(f.roots).c_str(),
+           static_cast<unsigned>(kRootBytes));
     printf("Settings       areaSize %u, bits %u\n", f.settings.areaSize, f.settings.bits);
 }
 

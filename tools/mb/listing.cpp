@@ -54,8 +54,7 @@ Listing parseListing(std::string_view text) {
 void printListing(const Listing& listing) {
     for (const Entry& entry : listing.entries) {
         const bool folder = entry.type == 'd';
-        printf("%c %11s  %s  %s\n", entry.type,
-               folder ? "-" : tool::humanBytes(static_cast<double>(entry.size)).c_str(),
+        printf("%c %11s  %s  %s\n", entry.type, folder ? "-" : tool::humanBytes(entry.size).c_str(),
                tool::localTime(entry.mtime).c_str(), tool::printable(entry.path).c_str());
     }
 }

@@ -11,6 +11,7 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kFewestSlots = 1024;
+constexpr uint64_t kPagesOfLimit = 12;
 constexpr size_t kLongestDigest = 32;
 
 /// The process id in the lock file, which the library makes beside the file that a link leads to.
@@ -25,10 +26,10 @@ std::string holderOf(const std::string& path) {
 
 }  // namespace
 
-CacheSettings settingsFor(uint64_t entries, uint64_t mostSlots) {
-    const uint64_t slots =
-        std::max(kFewestSlots, std::min<uint64_t>(KSCacheAreaFor(entries), mostSlots));
-    return {KSCacheBitsFor(entries), static_cast<uint32_t>(slots)};
+CacheSettings settingsFor(uint64_t entries, uint64_t limit) {
+    uint64_t slots = KSCacheAreaFor(entries);
+    if (limit != 0) slots = std::min(slots, limit / sizeof(KSCacheNode) / kPagesOfLimit);
+    return {KSCacheBitsFor(entries), static_cast<uint32_t>(std::max(kFewestSlots, slots))};
 }
 
 std::string whyNotReplaced(const std::string& path, uint32_t status) {

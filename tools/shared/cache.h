@@ -28,10 +28,10 @@ struct CacheSettings {
     uint32_t areaSize;
 };
 
-/// The settings for a number of entries: KSCacheBitsFor() and KSCacheAreaFor(). `mostSlots` makes
-/// pages smaller than that where memory is limited; none has less than 1024 slots, the fewest that
-/// the library makes.
-CacheSettings settingsFor(uint64_t entries, uint64_t mostSlots = UINT32_MAX);
+/// The settings for a number of entries: KSCacheBitsFor() and KSCacheAreaFor(). With a limit in
+/// bytes pages are made smaller, so that a dozen fit, since memory is counted in whole pages. None
+/// has less than 1024 slots, the fewest that the library makes. `limit` 0: none.
+CacheSettings settingsFor(uint64_t entries, uint64_t limit = 0);
 
 /// Why a cache file could not be held or replaced, for a status of KSCacheHoldFile() or
 /// KSCacheReplaceFile(). Names the process that holds it.

@@ -29,14 +29,15 @@ std::string calendarTime(int64_t seconds, const char* format) {
 
 }  // namespace
 
-std::string humanBytes(double bytes) {
+std::string humanBytes(uint64_t bytes) {
     constexpr std::array kUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    auto shown = static_cast<double>(bytes);
     size_t unit = 0;
-    while (bytes >= 1024 && unit + 1 < kUnits.size()) {
-        bytes /= 1024;
+    while (shown >= 1024 && unit + 1 < kUnits.size()) {
+        shown /= 1024;
         ++unit;
     }
-    return formatted(unit == 0 ? "%.0f %s" : "%.2f %s", bytes, kUnits[unit]);
+    return formatted(unit == 0 ? "%.0f %s" : "%.2f %s", shown, kUnits[unit]);
 }
 
 std::string humanCount(uint64_t count) {
@@ -47,6 +48,10 @@ std::string humanCount(uint64_t count) {
         text += digits[i];
     }
     return text;
+}
+
+std::string counted(uint64_t count, const std::string& one, const std::string& many) {
+    return humanCount(count) + ' ' + (count == 1 ? one : many);
 }
 
 std::string humanSeconds(double seconds) {

@@ -10,10 +10,13 @@
 namespace tool {
 
 /// "1.50 GiB", "512 B".
-std::string humanBytes(double bytes);
+std::string humanBytes(uint64_t bytes);
 
 /// "1,234,567".
 std::string humanCount(uint64_t count);
+
+/// "1 file", "1,234 files".
+std::string counted(uint64_t count, const std::string& one, const std::string& many);
 
 /// "850 ns", "12.3 ms", "4.5 s".
 std::string humanSeconds(double seconds);
