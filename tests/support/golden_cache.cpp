@@ -218,7 +218,8 @@ const Operations& golden::cacheCommands() {
          }}},
         {"KSCacheAdd", {[](Objects& objects, const Words& w) {
              static const Operation kAdd = bind(KSCacheAdd);
-             return kAdd.run(objects, w) + ", callbacks " + std::to_string(repeats);
+             const std::string outcome = kAdd.run(objects, w);
+             return outcome + ", callbacks " + std::to_string(repeats);
          }}},
         {"KSCacheIterate", {iterate}},
         {"KSCacheSave", withFile(bind(KSCacheSave, "count"))},
