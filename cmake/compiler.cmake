@@ -24,4 +24,5 @@ if(KSPOOL_SANITIZE)
   target_compile_options(kspool_compiler INTERFACE
     -fsanitize=${KSPOOL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kspool_compiler INTERFACE -fsanitize=${KSPOOL_SANITIZE})
+  target_compile_definitions(kspool_compiler INTERFACE KSPOOL_SANITIZED)
 endif()

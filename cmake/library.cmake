@@ -1,7 +1,11 @@
-# kspool_module(NAME SOURCES...): the object files of one folder.
+# kspool_module(NAME SOURCES...): the object files of one folder. Under sanitizers, too, tests call them
+# often enough for -O1 to pay, and scripts/check-abi reads their types.
 function(kspool_module name)
   add_library(${name} OBJECT ${ARGN})
   target_link_libraries(${name} PRIVATE kspool_compiler)
+  if(KSPOOL_SANITIZE)
+    target_compile_options(${name} PRIVATE -O1 -g)
+  endif()
 endfunction()
 
 # kspool_library(NAME MODULES...): lib<NAME>.so.1 and lib<NAME>.a (target <NAME>_static) from
@@ -35,7 +39,10 @@ function(kspool_library name)
   set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} LINKER_LANGUAGE CXX)
   # C programs link the archive, too.
   target_link_libraries(${name}_static INTERFACE $<INSTALL_INTERFACE:stdc++>)
-  target_link_options(${name} PRIVATE -Wl,--version-script=${map} -Wl,--no-undefined)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${map})
+  if(NOT KSPOOL_SANITIZE)  # clang links the run-time of a sanitizer into programs only
+    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+  endif()
   target_link_libraries(${name} PRIVATE kspool_compiler)
   foreach(target ${name} ${name}_static)
     target_include_directories(${target} INTERFACE

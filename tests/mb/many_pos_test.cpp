@@ -18,7 +18,7 @@ namespace {
 const char* const kWanted = getenv("KSPOOL_TEST_POS");
 const uint32_t kMany = kWanted != nullptr ? static_cast<uint32_t>(atoi(kWanted)) : MANY_POS;
 constexpr uint32_t kFew = 10'000;
-#ifdef __SANITIZE_ADDRESS__  // freed memory stays resident for a while
+#ifdef KSPOOL_SANITIZED  // freed memory stays resident for a while
 constexpr uint64_t kBesides = 256 << 20;
 #else
 constexpr uint64_t kBesides = 16 << 20;

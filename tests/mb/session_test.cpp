@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-#ifdef __SANITIZE_ADDRESS__  // freed memory stays resident for a while
+#ifdef KSPOOL_SANITIZED  // freed memory stays resident for a while
 constexpr uint64_t kMostGrowth = 256 << 20;
 #else
 constexpr uint64_t kMostGrowth = 16 << 20;
