@@ -10,9 +10,9 @@
  * 2. Statuses. Operations return 0 (CR_STATUS_OK) for success. A request without a valid answer
  *    returns the transport's status (WS_STATUS_..., platform/ws.h): the server has carried the
  *    request out once or not at all, except where platform/ws.h says that nothing was sent. An
- * answer that reports an error returns CR_STATUS_PERMISSION_DENIED (106) when its description holds
- * the word "permission", else CR_STATUS_REMOTE_ERROR (4); the log then holds a report of the error,
- * and the process's fatal-error record its description.
+ *    answer that reports an error returns CR_STATUS_PERMISSION_DENIED (106) when its description
+ *    holds the word "permission", else CR_STATUS_REMOTE_ERROR (4); the log then holds a report of
+ *    the error, and the process's fatal-error record its description.
  * 3. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves the slot
  *    alone unless its comment says otherwise.
  * 4. Ownership. Texts given are read during the call only. Texts received are the caller's, who
@@ -102,8 +102,8 @@ KSPOOL_API MBSession* MBCreate(uint32_t callerWord, const KSOption* options,
 /*
  * The same with the options as code and value pairs, at most 32, ended by code 0. Codes are 32-bit
  * integers from 129 to 149 without 141 to 143; the values of 135, 136, 144, 145 and 147 to 149 are
- * 32-bit * integers, all others 64 bits wide (integers or texts). An invalid list gives NULL with
- * the slot left alone.
+ * 32-bit integers, all others 64 bits wide (integers or texts). An invalid list gives NULL with the
+ * slot left alone.
  */
 KSPOOL_API MBSession* MBCreateVa(uint32_t callerWord, ...) KSPOOL_NOEXCEPT;
 
