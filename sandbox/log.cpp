@@ -50,8 +50,7 @@ uint64_t RequestLog::add(LogEntry entry) {
         if (text->size() > kLoggedLength) *text = cut(*text);
     }
     if (entry.parameters.size() > kMostLogged)
-        entry.parameters =
-            Pairs(entry.parameters.begin(), entry.parameters.begin() + kMostLogged);
+        entry.parameters = Pairs(entry.parameters.begin(), entry.parameters.begin() + kMostLogged);
     for (auto& [name, value] : entry.parameters) {
         if (name.size() > kLoggedLength) name = cut(name);
         if (value.size() > kLoggedLength) value = cut(value);
