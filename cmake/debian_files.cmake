@@ -1,5 +1,10 @@
-# What Debian wants of each package besides its files: compressed manual pages and change log, and a
-# note on copyright.
+# What Debian wants of each package besides its files: no search paths for libraries, compressed manual
+# pages and change log, and a note on copyright.
+file(GLOB binaries LIST_DIRECTORIES false "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/bin/*"
+     "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/lib/*/lib*.so.*")
+foreach(binary IN LISTS binaries)
+  file(RPATH_REMOVE FILE ${binary})
+endforeach()
 file(GLOB pages LIST_DIRECTORIES false "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/share/man/man*/*")
 foreach(page IN LISTS pages)
   execute_process(COMMAND gzip -9nf ${page} COMMAND_ERROR_IS_FATAL ANY)

@@ -6,6 +6,10 @@ include(CMakePackageConfigHelpers)
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/kspool)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/kspool)
 
+# Programs and libraries find each other wherever the whole is moved to. Debian's packages do without.
+file(RELATIVE_PATH libraries /x/${CMAKE_INSTALL_BINDIR} /x/${CMAKE_INSTALL_LIBDIR})
+set_target_properties(kspool kspool_platform PROPERTIES INSTALL_RPATH $ORIGIN)
+
 install(DIRECTORY include/ DESTINATION ${headers} COMPONENT development FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform DESTINATION ${headers} COMPONENT development
         FILES_MATCHING PATTERN "*.h" PATTERN standin EXCLUDE)
@@ -35,9 +39,20 @@ foreach(name kspool kspool-platform kspool-static)
 endforeach()
 
 file(GLOB pages CONFIGURE_DEPENDS docs/man/*.3)
+# Each function has a page of its own, which leads to that of its family: `man KSCacheAdd`.
+foreach(page IN LISTS pages)
+  get_filename_component(family ${page} NAME)
+  file(STRINGS ${page} functions REGEX "^\\.SS ")
+  foreach(function IN LISTS functions)
+    string(REPLACE ".SS " "" function ${function})
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/man3/${function}.3 CONTENT ".so man3/${family}\n")
+    list(APPEND pages ${PROJECT_BINARY_DIR}/man3/${function}.3)
+  endforeach()
+endforeach()
 install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 foreach(program kspool-agent kspool-cache kspool-mb kspool-sandbox)
   if(TARGET ${program})
+    set_target_properties(${program} PROPERTIES INSTALL_RPATH $ORIGIN/${libraries})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     install(FILES docs/man/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
     install(FILES tools/shared/kspool.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions

@@ -12,6 +12,9 @@
  * 4. Threads. No lock is taken: a record is used by one thread at a time.
  * 5. Status slot. *__cr_errno_location(), declared in platform/status.h. A function leaves the slot
  *    alone unless its comment says otherwise.
+ * 6. Messages. The library reports failures on standard error. qlxSetSink()
+ *    (platform/support.h) sends the messages elsewhere, or nowhere:
+ *    docs/howto/redirect-messages.md.
  *
  * docs/agent-config.md describes the file.
  *

@@ -6,7 +6,7 @@
  * 2. Records are copied whole. A text is read during the call only and stays the caller's.
  * 3. The code space, 0 to 150, is shared with other components of the pool: codes below 128 and
  *    the codes without a name here belong to those components and are ignored where they may
- * appear.
+ *    appear.
  */
 #ifndef KS_OPTION_H
 #define KS_OPTION_H

@@ -29,6 +29,9 @@
  *    into the processor's own. Lookups of eight known keys at once gain already, hundreds gain all.
  * 8. Stack. A call needs up to 48 KiB of stack, KSCacheCheck() up to 80 KiB, whatever the number of
  *    entries and the shape of their trees.
+ * 9. Messages. The library reports failures on standard error. qlxSetSink()
+ *    (platform/support.h) sends the messages elsewhere, or nowhere:
+ *    docs/howto/redirect-messages.md.
  *
  * Arguments that mean the same everywhere:
  *

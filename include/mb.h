@@ -24,6 +24,9 @@
  *    one response time-out (30 seconds unless set), and at the latest when the response and the
  *    reconnect time-out are over, and a second more for each 64 KiB that moved. MBAbort() ends it
  *    at once.
+ * 7. Messages. The library reports failures on standard error. qlxSetSink()
+ *    (platform/support.h) sends the messages elsewhere, or nowhere:
+ *    docs/howto/redirect-messages.md.
  *
  * Arguments that mean the same everywhere:
  *

@@ -1,13 +1,16 @@
 // The support library's stand-in: searching long texts for characters. A cursor calls qlxstrpbrk()
 // once for each line of an answer, which can be hundreds of megabytes, with lines of some 100
 // bytes.
+#ifdef __x86_64__
 #include <immintrin.h>
+#endif
 
 #include <cstdint>
 #include <cstring>
 
 #include "platform/support.h"
 
+#ifdef __x86_64__
 namespace {
 
 // A block load may read past the terminating NUL. It cannot fault, because it never crosses into a
@@ -57,11 +60,16 @@ WIDE const char* findEither(const char* text, char a, char b) {
 const bool isWide = __builtin_cpu_supports("avx2") != 0;
 
 }  // namespace
+#endif
 
 char* qlxstrpbrk(const char* text, const char* set) noexcept {
+#ifdef __x86_64__
     // The library asks for "\r\n" only; other sets are not worth a loop of their own.
     const bool two = set[0] != '\0' && set[1] != '\0' && set[2] == '\0';
-    if (!two || !isWide) return const_cast<char*>(strpbrk(text, set));
-    const char* found = findEither(text, set[0], set[1]);
-    return *found != '\0' ? const_cast<char*>(found) : nullptr;
+    if (two && isWide) {
+        const char* found = findEither(text, set[0], set[1]);
+        return *found != '\0' ? const_cast<char*>(found) : nullptr;
+    }
+#endif
+    return const_cast<char*>(strpbrk(text, set));
 }
