@@ -15,6 +15,7 @@
 #include "tools/agent/scan_findings.h"
 #include "tools/agent/scan_html.h"
 #include "tools/agent/scan_report.h"
+#include "tools/shared/messages.h"
 #include "tools/shared/signals.h"
 #include "tools/shared/text.h"
 
@@ -182,6 +183,17 @@ ExitCode codeFor(const ScanResult& result) {
     return whole ? ExitCode::kOk : ExitCode::kPartial;
 }
 
+/// The failures say what the library's messages do.
+void hold(std::optional<HeldFile>& file, const std::string& path) {
+    const tool::Messages unheard(/*shown=*/false);
+    file.emplace(path);
+}
+
+void replace(const HeldFile& file, const KSCache* cache) {
+    const tool::Messages unheard(/*shown=*/false);
+    file.replace(cache);
+}
+
 }  // namespace
 
 ExitCode scan(ScanOptions options) {
@@ -189,14 +201,14 @@ ExitCode scan(ScanOptions options) {
     if (const ExitCode code = checkPaths(options.walk.paths); code != ExitCode::kOk) return code;
     if (options.digest.empty()) options.digest = defaultDigest("");
     std::optional<HeldFile> file;
-    if (!options.cacheFile.empty()) file.emplace(options.cacheFile);
+    if (!options.cacheFile.empty()) hold(file, options.cacheFile);
     std::ofstream report = openReport(options.reportFile);
     const tool::Interrupts interrupts;
     *__qlxlog_trace_location() = options.trace ? 1 : 0;
 
     Scan scan(options, file ? &*file : nullptr);
     scan.run();
-    if (file) file->replace(scan.firstCache());
+    if (file) replace(*file, scan.firstCache());
     if (scan.findings()) {
         report << scanPage(options, scan.result(), *scan.findings());
         report.close();
