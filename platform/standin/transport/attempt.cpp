@@ -85,10 +85,24 @@ void check(CURLMcode code) {
     if (code != CURLM_OK) throw std::runtime_error(curl_multi_strerror(code));
 }
 
+/// The handle for the next attempt. libcurl before 8.1.1 keeps a pointer to the last header line
+/// of a transfer, frees the line, and follows the pointer when the next answer begins with a line
+/// that goes on with the one before. A copy of the handle has no such pointer.
+CURL* freshHandle(WSTransport& transport) {
+    constexpr unsigned kMended = 0x080101;
+    static const bool isMended = curl_version_info(CURLVERSION_NOW)->version_num >= kMended;
+    if (!isMended) {
+        std::unique_ptr<CURL, FreeEasy> copy(curl_easy_duphandle(transport.curl.get()));
+        if (copy == nullptr) throw std::bad_alloc();
+        transport.curl = std::move(copy);
+    }
+    return transport.curl.get();
+}
+
 class Attempt {
   public:
     Attempt(WSTransport& transport, TimeLimit& limit)
-        : transport_(transport), curl_(transport.curl.get()), limit_(limit) {
+        : transport_(transport), curl_(freshHandle(transport)), limit_(limit) {
         transport.transmissions = 0;
         setCurl(curl_, CURLOPT_HEADERDATA, &collector_);
         setCurl(curl_, CURLOPT_WRITEDATA, &collector_);

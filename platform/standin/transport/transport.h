@@ -135,8 +135,8 @@ struct Socket {
 
 }  // namespace ws
 
-// A transport: one libcurl handle, reused for every request so that its connection is, the multi
-// handle that drives it, and the state around them.
+// A transport: one libcurl handle, or a copy of it, for every request, the multi handle that drives
+// it and keeps the connection, and the state around them.
 //
 // Thread rule: one thread at a time per transport, no locks, but for WSAbort(): any thread or a
 // signal handler may call it, so it touches `aborted` (lock-free), `wake` and `owner` alone.
