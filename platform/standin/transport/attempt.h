@@ -27,6 +27,9 @@ class TimeLimit {
     /// Zero or less when the time is over, and never more than a minute.
     Clock::duration left() const;
 
+    /// True for a time at which the whole request is over.
+    bool isOverAt(Clock::time_point time) const { return response_.count() != 0 && time >= end_; }
+
   private:
     const milliseconds response_;
     Clock::time_point end_;

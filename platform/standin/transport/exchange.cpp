@@ -86,7 +86,9 @@ class Call {
         for (unsigned failures = 1; last_.isRetryable; ++failures) {
             const auto left = reconnect_ - (Clock::now() - firstFailure);
             if (left <= Clock::duration::zero()) break;
-            pause(std::min<Clock::duration>(left, backOff(failures)));
+            const auto rest = std::min<Clock::duration>(left, backOff(failures));
+            if (limit_.isOverAt(Clock::now() + rest)) break;
+            pause(rest);
             if (transport_.aborted) return WS_STATUS_ABORTED;
             attempt(text);
         }
