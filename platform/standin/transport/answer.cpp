@@ -6,6 +6,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <utility>
 
 #include "common/ascii.h"
 #include "platform/standin/transport/transport.h"
@@ -25,6 +26,14 @@ bool takeName(std::string_view& line, std::string_view name) {
     line.remove_prefix(name.size());
     line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
     return true;
+}
+
+/// True for a line that different programs read differently: one that goes on with the line before,
+/// and one with a CR that does not end it.
+bool isAmbiguous(std::string_view line) {
+    if (line.ends_with('\n')) line.remove_suffix(1);
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    return line.starts_with(' ') || line.starts_with('\t') || line.find('\r') != line.npos;
 }
 
 /// Compares a header's value without its parameters ("; charset=utf-8").
@@ -59,15 +68,21 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     }
     std::string_view rest(line, length);
     rest = rest.substr(0, rest.find_last_not_of(" \t\r\n") + 1);
-    if (kspool::beginsWith(rest,
-                           "HTTP/")) {  // a status line; an earlier one was of an interim answer
+    const bool isStatusLine = kspool::beginsWith(rest, "HTTP/");
+    const bool mayBegin = std::exchange(mayBegin_, false);
+    if (isStatusLine && mayBegin) {
         content_ = Content::kOther;
         headIsComplete_ = isChunked_ = hasLength_ = false;
-        if (!kspool::beginsWith(rest, "HTTP/1.")) refusal_ = WS_STATUS_BAD_ANSWER;
+        isInterim_ = rest.substr(0, 10).ends_with(" 1");
+        const bool isKnown = kspool::beginsWith(rest, "HTTP/1.");
+        if (!isKnown || isAmbiguous({line, length})) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (headIsComplete_) {
         return length;  // a trailer, which changes nothing
+    } else if (isStatusLine || isAmbiguous({line, length})) {
+        refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (rest.empty()) {
         headIsComplete_ = true;
+        mayBegin_ = isInterim_;
     } else if (takeName(rest, "content-type:")) {
         content_ = isType(rest, "text/plain")                 ? Content::kPlainText
                    : isType(rest, "application/problem+json") ? Content::kProblem

@@ -109,6 +109,8 @@ class Collector {
 
     size_t headerBytes_ = 0;
     Content content_ = Content::kOther;
+    bool mayBegin_ = true;  ///< a status line may come: at first, and behind an interim answer
+    bool isInterim_ = false;
     bool headIsComplete_ = false;
     bool isChunked_ = false;
     bool hasLength_ = false;
