@@ -7,7 +7,6 @@ Usage: agent_model_test.py AGENT SANDBOX MB LATER [RUNS]
 After each run: every segment that it called known, and every file that it did not read, was in an image that
 was on the server as it was recorded. To forget is allowed, to claim falsely never.
 """
-import hashlib
 import json
 import os
 import random
@@ -17,30 +16,16 @@ import sys
 import tempfile
 import time
 
+from claims import Model, files_in, files_of, on_server, seen, write
 from pool_server import PoolServer
 from programs import run
 
 AGENT, SANDBOX, MB, LATER = sys.argv[1:5]
 RUNS = int(sys.argv[5]) if len(sys.argv) > 5 else 50
 SEED = int(os.environ.get("KSPOOL_TEST_SEED") or random.randrange(1 << 32))
-SEGMENT = 512
 chance = random.Random(SEED)
-blocks = [random.Random(i).randbytes(SEGMENT) for i in range(40)]
-contents = {}  # digest of a file -> its segments, by number
 saved = {}     # what may come back: folder -> copy
-seen = dict.fromkeys(("known", "unread", "killed", "failed", "whole", "stale"), 0)
-
-
-def write(path):
-    """New contents, or the old ones once more; the size tells nothing, and the time may be an old one."""
-    numbers = [chance.randrange(len(blocks)) for _ in range(chance.choice((0, 1, 1, 1, 2, 3)))]
-    times = (0, chance.randrange(3)) if chance.random() < 0.5 else None
-    with open(path, "wb") as file:
-        file.write(b"".join(blocks[n] for n in numbers))
-    if times:
-        os.utime(path, times)
-    digests = b"".join(hashlib.sha256(blocks[n]).digest() for n in numbers)
-    contents[hashlib.sha256(digests).hexdigest()] = numbers
+seen.update(dict.fromkeys(("killed", "failed", "whole", "stale"), 0))
 
 
 def change(tree):
@@ -50,70 +35,7 @@ def change(tree):
     elif os.path.exists(path) and chance.random() < 0.2:
         os.rename(path, path[:-1] + "9")
     else:
-        write(path)
-
-
-def on_server(ds):
-    """Images with a record: (client, image) -> {path: PO}."""
-    records = subprocess.run([MB, "image", "last", str(ds)], capture_output=True, text=True)
-    assert records.returncode in (0, 10), records
-    recorded = {tuple(line.split("|")[i] for i in (1, 4)) for line in records.stdout.splitlines()}
-    images = {key: {} for key in recorded}
-    found = subprocess.run([MB, "po", "find", str(ds), "--json"], capture_output=True, text=True)
-    for po in json.loads(found.stdout) if found.returncode == 0 else []:
-        images.setdefault((po["client"], po["image"]), {})[po["folder"] + "/" + po["name"]] = po
-    return {key: pos for key, pos in images.items() if key in recorded}
-
-
-def runs_of(pos):
-    return {po["comment"].split(" run=")[1].split(" ")[0] for po in pos.values() if po["type"] == "f"}
-
-
-class Model:
-    """What was recorded, by data selection, client and image: the files of each recording that was tried."""
-
-    def __init__(self):
-        self.tried = {}
-
-    def live(self, ds, images):
-        """The images on the server that are one of these recordings, whole."""
-        return {key: pos for key, pos in images.items()
-                if files_of(pos) in self.tried.get((ds, *key), [])}
-
-    def check(self, ds, key, before, after, finished):
-        """The claims of the POs of an image that a run has made, against the server before the run."""
-        held = {k: pos for k, pos in self.live(ds, before).items() if k != key}
-        known = {n for pos in held.values() for po in pos.values() if po["type"] == "f" for n in contents[po["digest"]]}
-        old_runs, met = set().union(*map(runs_of, before.values())), set()
-        for path, po in sorted(after.items()):
-            if po["type"] != "f" or not finished and before.get(key, {}).get(path) == po:
-                continue
-            numbers, reader = contents[po["digest"]], po["comment"].split(" run=")[1]
-            run_id, image = reader.split(" image=")
-            if run_id in old_runs:
-                seen["unread"] += 1
-                assert any(k[1] == image and other["digest"] == po["digest"] and f" run={run_id} " in other["comment"]
-                           for k, pos in held.items() for other in pos.values()), (path, po, held.keys())
-                continue
-            must = len(set(numbers) - known - met)
-            met.update(numbers)
-            seen["known"] += len(numbers) - po["newsegments"]
-            assert po["newsegments"] >= must, ("called known", path, po, must, sorted(known))
-
-
-def files_of(pos):
-    return frozenset((path, po["digest"]) for path, po in pos.items() if po["type"] == "f")
-
-
-def files_in(tree):
-    found = set()
-    for folder, _, names in os.walk(tree):
-        for name in names:
-            with open(f"{folder}/{name}", "rb") as file:
-                data = file.read()
-            digests = b"".join(hashlib.sha256(data[i:i + SEGMENT]).digest() for i in range(0, len(data), SEGMENT))
-            found.add((f"{folder}/{name}", hashlib.sha256(digests).hexdigest()))
-    return frozenset(found)
+        write(chance, path)
 
 
 def record(model, ds, client):
@@ -122,7 +44,7 @@ def record(model, ds, client):
     cache = f"{caches}/{chance.choice((f'{ds}', f'{ds}.{client}'))}.cache"
     options = [tree, "--ds", str(ds), "--client", client, "--image", key[1], "--cache", cache, "--segment", "512",
                "--list", chance.choice(("2", "500")), *chance.choices(([], ["--force"], ["--rebind"]), (8, 1, 1))[0]]
-    before = on_server(ds)
+    before = on_server(MB, ds)
     model.tried.setdefault((ds, *key), []).append(files_in(tree))
     disturbed = chance.choices(("", "kill", "kill in the save", "fault"), (6, 1, 1, 1))[0]
     if disturbed == "fault":
@@ -142,7 +64,7 @@ def record(model, ds, client):
     finished = running.returncode == 0
     assert finished or disturbed, (running.returncode, said)
     seen["killed" if running.returncode < 0 else "whole" if finished else "failed"] += 1
-    after = on_server(ds).get(key, {})
+    after = on_server(MB, ds).get(key, {})
     model.check(ds, key, before, after, finished)
     if finished:
         assert files_of(after) == model.tried[(ds, *key)][-1], (sorted(after), said)
@@ -156,7 +78,7 @@ def record(model, ds, client):
 
 
 def expire(ds):
-    images = on_server(ds)
+    images = on_server(MB, ds)
     if not images:
         return
     client, image = chance.choice(sorted(images))
