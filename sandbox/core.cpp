@@ -122,7 +122,7 @@ Parameters parametersOf(const Action& action, const Pairs& pairs, const Request&
 }  // namespace
 
 Core::Core(const Settings& settings)
-    : database_(openPool(settings.database)),
+    : database_(openPool(settings.database, settings.sync)),
       upgrade_(database_),
       names_(database_),
       pos_(database_),

@@ -21,6 +21,7 @@ struct Account {
 
 struct Settings {
     std::string database;           ///< SQLite file, made when missing; empty: in memory
+    bool sync = true;               ///< a change is on the disk before it is confirmed
     uint16_t port = 0;              ///< 0: the system chooses a free one
     std::string host;               ///< of the URL that clients use; administration under it
     std::string prefix;             ///< path of the URL, such as "/pool"; empty: none
@@ -66,6 +67,7 @@ struct Setup {
     std::string folder;  ///< must be missing or empty
     std::string url;     ///< http://HOST[:PORT][/PATH], or https with `tls`
     bool tls = false;
+    bool sync = true;  ///< the folder is on the disk when setUp() returns
 };
 
 /// Makes a folder with configuration, accounts and keys, complete or not at all.

@@ -18,6 +18,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
+constexpr char kNoSync[] = "--no-sync";
 constexpr char kFaultsHelp[] =
     "A scenario's name (see the faults command), or a JSON file of faults";
 
@@ -53,6 +54,9 @@ void addServe(CLI::App& app, sandbox::program::ServeOptions& options) {
     command->add_option("--tree", options.tree,
                         "Put the names, sizes and times of a folder's files into the pool");
     command->add_option("--faults", options.faults, kFaultsHelp);
+    command->add_flag_callback(
+        kNoSync, [&] { options.sync = false; },
+        "Do not wait for the disk: a power cut may undo changes");
     command->footer(
         "Prints READY url=URL pid=PID when it serves. SIGTERM and SIGINT end it.\n"
         "Exit code: 0 ended by a signal; 1 it could not serve; 2 bad options.");
@@ -98,6 +102,8 @@ void addInit(CLI::App& app, sandbox::Setup& setup) {
     command->add_option("--url", setup.url, "http://HOST[:PORT][/PATH], or https with --tls")
         ->required();
     command->add_flag("--tls", setup.tls, "Make keys and certificates for server and client");
+    command->add_flag_callback(
+        kNoSync, [&] { setup.sync = false; }, "Do not wait for the disk: a power cut may undo it");
     command->footer("Exit code: 0 made; 1 it could not be made; 2 bad options.");
     command->callback([&] { init(setup); });
 }

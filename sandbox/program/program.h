@@ -22,6 +22,7 @@ struct ServeOptions {
     std::string tree;
     std::string faults;
     uint32_t architectureMode = 1;
+    bool sync = true;
 };
 
 struct RunOptions {

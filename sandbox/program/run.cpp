@@ -110,9 +110,11 @@ int run(const RunOptions& options) {
     const TemporaryFolder folder;
     const std::string pool = folder.path() + "/pool";
     // The port of this URL is never used: which one is free is known when the server listens.
-    setUp({pool, options.tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", options.tls});
+    const char* url = options.tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1";
+    setUp({pool, url, options.tls, /*sync=*/false});
     Settings settings = readSetup(pool);
     settings.port = 0;
+    settings.sync = false;  // nothing outlives the command
     settings.tree = options.tree;
     settings.faults = faults;
     const Server server(settings);

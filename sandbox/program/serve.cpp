@@ -23,6 +23,7 @@ Settings settingsOf(const ServeOptions& options) {
     settings.tree = options.tree;
     settings.faults = faultsText(options.faults);
     settings.architectureMode = options.architectureMode;
+    settings.sync = options.sync;
     return settings;
 }
 

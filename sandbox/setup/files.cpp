@@ -43,4 +43,11 @@ void replaceFile(const std::string& path, const std::string& text) {
     fail(path, reason);
 }
 
+void sync(const std::string& path) {
+    const kspool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (file.get() < 0) fail(path, errno);
+    // Some file systems cannot sync folders; names are then as durable as they make them.
+    if (fsync(file.get()) != 0 && errno != EINVAL && errno != ENOTSUP) fail(path, errno);
+}
+
 }  // namespace sandbox

@@ -14,6 +14,9 @@ void writeFile(const std::string& path, const std::string& text);
 /// may leave PATH.new behind. Throws std::runtime_error.
 void replaceFile(const std::string& path, const std::string& text);
 
+/// Returns when a file, or a folder's names, are on the disk. Throws std::runtime_error.
+void sync(const std::string& path);
+
 }  // namespace sandbox
 
 #endif

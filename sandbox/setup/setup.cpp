@@ -107,8 +107,8 @@ void writeKeys(const std::string& folder, const std::string& authority, const Ke
 }
 
 /// A temporary folder beside the wanted one, so that rename() can put it in place in one step: the
-/// wanted folder is complete or missing, also when the program is killed. Removed by the destructor
-/// unless it was renamed.
+/// wanted folder is complete or missing, also when the program is killed, and after a loss of power
+/// when the folder is synced before. Removed by the destructor unless it was renamed.
 class NewFolder {
   public:
     explicit NewFolder(const std::string& wanted) : path_(wanted + ".XXXXXX") {
@@ -126,6 +126,11 @@ class NewFolder {
     }
 
     const std::string& path() const { return path_; }
+    void sync() const {
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path_))
+            sandbox::sync(entry.path());
+        sandbox::sync(path_);
+    }
     /// The system accepts an empty folder as the target and replaces it.
     void rename(const std::string& wanted) {
         if (::rename(path_.c_str(), wanted.c_str()) != 0) fail(wanted + ": " + strerror(errno));
@@ -187,7 +192,9 @@ void setUp(const Setup& setup) {
     checkEmpty(folder);
     NewFolder made(folder);
     fillFolder(made, folder, setup, url);
+    if (setup.sync) made.sync();
     made.rename(folder);
+    if (setup.sync) sync(fs::path(folder).parent_path());
 }
 
 void changeUrl(const std::string& folder, const std::string& url) {

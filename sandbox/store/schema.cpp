@@ -21,7 +21,7 @@ int64_t versionOf(Database& database) {
 
 }  // namespace
 
-Database openPool(const std::string& file) {
+Database openPool(const std::string& file, bool sync) {
     Database database(file);
     if (file.empty()) return database;
     const int64_t version = versionOf(database);
@@ -31,11 +31,11 @@ Database openPool(const std::string& file) {
                             std::to_string(kCurrent));
     }
     // A write-ahead log lets other programs read the database while the server writes, and a commit
-    // is an append. NORMAL does not sync the log at each commit: a server that is killed keeps
-    // every change that it confirmed (the bytes are in the system's page cache), while a power
-    // failure may lose the last ones. To sync each commit would cost a test far more than the
-    // request.
-    database.script("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
+    // is an append. FULL syncs the log at each commit, NORMAL only at a checkpoint: a server that
+    // is killed then keeps every change that it confirmed (the bytes are in the system's page
+    // cache), while a loss of power may take the last ones.
+    database.script("PRAGMA journal_mode = WAL");
+    database.script(sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     return database;
 }
 

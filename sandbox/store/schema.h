@@ -14,8 +14,9 @@
 
 namespace sandbox {
 
-/// Opens a pool's database; an empty name opens one in memory. Throws DatabaseError.
-Database openPool(const std::string& file);
+/// Opens a pool's database; an empty name opens one in memory. `sync`: a commit returns when the
+/// disk has it. Throws DatabaseError.
+Database openPool(const std::string& file, bool sync);
 
 /// The transaction in which tables are made and changed. REQUIRES: constructed before the stores,
 /// which make their tables.

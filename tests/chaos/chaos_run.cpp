@@ -70,9 +70,10 @@ class Server {
             dup2(ready[1], STDOUT_FILENO);
             if (gateway_ != nullptr)
                 execl(gateway_, gateway_, folder_.path.c_str(), next.c_str(), port.c_str(),
-                      program_.c_str(), "serve", folder.c_str(), "--port", port.c_str(), nullptr);
-            execl(program_.c_str(), program_.c_str(), "serve", folder.c_str(), "--port",
-                  port.c_str(), nullptr);
+                      program_.c_str(), "serve", folder.c_str(), "--no-sync", "--port",
+                      port.c_str(), nullptr);
+            execl(program_.c_str(), program_.c_str(), "serve", folder.c_str(), "--no-sync",
+                  "--port", port.c_str(), nullptr);
             _exit(127);
         }
         close(ready[1]);

@@ -23,14 +23,14 @@ class PoolServer:
             free.bind(("127.0.0.1", 0))
             self.url = url.format(free.getsockname()[1])
         self.program, self.folder, self.process = program, folder, None
-        subprocess.run([program, "init", folder, "--url", self.url, *options], check=True, capture_output=True)
+        subprocess.run([program, "init", folder, "--url", self.url, "--no-sync", *options], check=True, capture_output=True)
         self.config = folder + "/agent.cfg"
         with open(folder + "/agent.password", encoding="ascii") as file:
             self.password = file.read().strip()
         os.environ.update(KSPOOL_AGENT_CONFIG=self.config, KSPOOL_LOGIN="agent", KSPOOL_PASSWORD=self.password)
 
-    def start(self, *options, **pipes):
-        self.process = subprocess.Popen([self.program, "serve", self.folder, *options],
+    def start(self, *options, sync=False, **pipes):
+        self.process = subprocess.Popen([self.program, "serve", self.folder, *["--no-sync"][sync:], *options],
                                         stdout=subprocess.PIPE, text=True, **pipes)
         atexit.register(self.process.kill)  # however the test ends
         self.url, pid = re.fullmatch(r"READY url=(\S+) pid=(\d+)\n", self.process.stdout.readline()).groups()
