@@ -11,9 +11,10 @@ contents = {}  # digest of a file -> its segments, by number
 seen = {"known": 0, "unread": 0}
 
 
-def write(chance, path):
+def write(chance, path, size=None):
     """New contents, or the old ones once more; the size tells nothing, and the time may be an old one."""
-    numbers = [chance.randrange(len(blocks)) for _ in range(chance.choice((0, 1, 1, 1, 2, 3)))]
+    size = chance.choice((0, 1, 1, 1, 2, 3)) if size is None else size
+    numbers = [chance.randrange(len(blocks)) for _ in range(size)]
     times = (0, chance.randrange(3)) if chance.random() < 0.5 else None
     with open(path, "wb") as file:
         file.write(b"".join(blocks[n] for n in numbers))
