@@ -364,6 +364,20 @@ def pool_section(part, name_of, first):
         "| all, operations a second | " + " | ".join(f"{run['all']['operations a second']:,.0f}" for run in runs) + " |"]
 
 
+def pool_syncs():
+    """What it costs that a change is on the disk before it is confirmed."""
+    keys = sorted((key for key in pools if key[0] in ("synced", "unsynced")), key=lambda key: (key[2], key[0] == "synced"))
+    runs = [pools[key] for key in keys]
+    heads = [f"{number} agent{'s' * (number > 1)}, {'synced' if part == 'synced' else '`--no-sync`'}" for part, _, number in keys]
+    changes = [run["kinds"]["record"]["median"] * 1e3 for run in runs]
+    return ["## Waiting for the disk", "",
+            "The same mix, one run after the other. `serve` syncs each change before it confirms it, and not with `--no-sync`.",
+            "", *pool_table(runs, ["", *heads], pool_latency),
+            "| all, operations a second | " + " | ".join(f"{run['all']['operations a second']:,.0f}" for run in runs) + " |",
+            "", f"With one agent, the median of a record is {changes[1] - changes[0]:.1f} ms longer. Queries of other agents wait for a sync,",
+            "too, since the server carries out one request at a time.", ""]
+
+
 def pool_report():
     growth, growing = pool_section("growth", lambda _, number: f"{number:,}", "POs in the pool")
     agents, crowding = pool_section("agents", lambda _, number: str(number), "agents")
@@ -376,8 +390,8 @@ def pool_report():
     out = ["# A pool under load", "",
            "Written by `scripts/bench pool`: agents, each with a session and a thread of its own, record, query and",
            "expire POs on `kspool-sandbox`. Client and server share the processors of the machine. Each run has a server of",
-           f"its own, whose database is a file on {next(iter(pools))[1]} unless a table says otherwise; it stores the answer to a",
-           "change in the same transaction. An agent sends an operation when the one before has ended. Queries choose at random",
+           f"its own, whose database is a file on {next(iter(pools))[1]}, with `--no-sync`, unless a table says otherwise; it stores the answer",
+           "to a change in the same transaction. An agent sends an operation when the one before has ended. Queries choose at random",
            f"among all POs, and each answer is compared with what was recorded: of {total:,} operations, {failed:,} failed.",
            "Milliseconds, median and in brackets 99 %.",
            "", "## Growth", "", f"One agent; the kinds take turns in {growth[0]['rounds']} rounds.", ""]
@@ -391,8 +405,9 @@ def pool_report():
             "", f"The rate with {agents[-1]['agents']} agents is {crowd:.2f} times that with one. The server carries out one request at a time, so an",
             "agent waits for the requests of all others.", "", "## The file system of the database", "",
             f"The same mix from {store[0]['agents']} agents.", "", *storing,
-            "", "The server does not sync at a commit, but SQLite syncs at each checkpoint of its write-ahead log, about each",
-            "1,000 pages. The request that runs into a checkpoint waits for the disk, and all others wait behind it.", ""]
+            "", "With `--no-sync` the server does not sync at a commit, but SQLite syncs at each checkpoint of its write-ahead log,",
+            "about each 1,000 pages. The request that runs into a checkpoint waits for the disk, and all others wait behind it.", ""]
+    out += pool_syncs()
     write("pool.md", out + machine())
 
 
