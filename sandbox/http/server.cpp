@@ -190,7 +190,10 @@ void Server::Parts::listen(const Settings& settings) {
     state.core.setServerAddress(address);
 
     const auto pointer = [](std::string& text) -> void* { return text.data(); };
-    MHD_OptionItem tls[] = {{MHD_OPTION_HTTPS_MEM_KEY, 0, pointer(keys.key)},
+    // GnuTLS would take TLS 1.0 and 1.1 as well.
+    std::string versions = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
+    MHD_OptionItem tls[] = {{MHD_OPTION_HTTPS_PRIORITIES, 0, pointer(versions)},
+                            {MHD_OPTION_HTTPS_MEM_KEY, 0, pointer(keys.key)},
                             {MHD_OPTION_HTTPS_MEM_CERT, 0, pointer(keys.certificate)},
                             {MHD_OPTION_HTTPS_MEM_TRUST, 0, pointer(keys.authority)},
                             {MHD_OPTION_END, 0, nullptr}};
@@ -204,7 +207,7 @@ void Server::Parts::listen(const Settings& settings) {
                               MHD_OPTION_NOTIFY_CONNECTION, noteConnection, &service,  //
                               MHD_OPTION_CONNECTION_LIMIT, connections.most(),         //
                               MHD_OPTION_CONNECTION_TIMEOUT, settings.idleSeconds,     //
-                              MHD_OPTION_ARRAY, keys.used() ? tls : tls + 3, MHD_OPTION_END);
+                              MHD_OPTION_ARRAY, keys.used() ? tls : tls + 4, MHD_OPTION_END);
     if (daemon == nullptr) fail("the HTTP server does not start: " + complaints.first);
     static_cast<void>(listener.socket.release());  // the daemon closes it
 }

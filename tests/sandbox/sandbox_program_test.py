@@ -37,9 +37,11 @@ def ask(server, number=[0], **form):
     return OPENER.open(request, timeout=20).read().decode()
 
 
-def secure(port, host, authority, keys):
+def secure(port, host, authority, keys, most=ssl.TLSVersion.MAXIMUM_SUPPORTED):
     """Whether a server is believed, and believes its client."""
     context = ssl.create_default_context(cafile=authority + "/ca.pem")
+    context.set_ciphers("DEFAULT:@SECLEVEL=0")  # as the old versions of TLS need it
+    context.minimum_version, context.maximum_version = ssl.TLSVersion.MINIMUM_SUPPORTED, most
     if keys:
         context.load_cert_chain(keys + "/cert.pem", keys + "/key.pem")
     try:
@@ -127,6 +129,8 @@ def check_tls():
             ("127.0.0.1", ours, theirs, False), ("127.0.0.1", theirs, ours, False), ("else.example", ours, ours, False),
             ("pool.example", ours, ours, True)):
         assert secure(int(server.url.split(":")[2]), host, authority, keys) == believed, (host, authority, keys)
+    for most in ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1, ssl.TLSVersion.TLSv1_2:
+        assert secure(int(server.url.split(":")[2]), "localhost", ours, ours, most) == (most == ssl.TLSVersion.TLSv1_2), most
     server.stop()
 
 
