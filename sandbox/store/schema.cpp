@@ -1,7 +1,11 @@
 #include "sandbox/store/schema.h"
 
+#include <fcntl.h>
+
 #include <cstdint>
 #include <iterator>
+
+#include "common/owned.h"
 
 namespace sandbox {
 namespace {
@@ -19,9 +23,17 @@ int64_t versionOf(Database& database) {
     return query.step() ? query.number(0) : 0;
 }
 
+/// SQLite would let every user read a new file, which tells what the machines of a pool hold. Its
+/// log gets the mode of the database. A failure is left to SQLite, which reports it.
+void makeForItsUser(const std::string& file) {
+    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+    const kspool::Descriptor made(open(file.c_str(), flags, 0600));
+}
+
 }  // namespace
 
 Database openPool(const std::string& file, bool sync) {
+    if (!file.empty()) makeForItsUser(file);
     Database database(file);
     if (file.empty()) return database;
     const int64_t version = versionOf(database);

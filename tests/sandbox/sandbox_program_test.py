@@ -108,7 +108,7 @@ def check_serving(server, accounts):
     assert server.url == "http://127.0.0.1:" + open("port", encoding="ascii").read().strip() + "/p"
     assert re.fullmatch(r"d 0 \d+ d\nf 5 \d{10,} d/f\n", ask(server, action="dir", path="/", recursive=1))
     server.stop(signal.SIGINT)
-    assert os.path.exists("other.db")
+    assert os.stat("other.db").st_mode & 0o777 == 0o600
     for bad in (("--tree", "nowhere"), ("--tls-dir", "nowhere"), ("--port-file", "nowhere/port")):
         run("serve", "made", "--port", "0", *bad, says="nowhere")
     for text, says in ((accounts.replace("write", "fly"), "'fly'"), ('{"accounts": []}', "no account"), ("x", "accounts.json: ")):
@@ -131,6 +131,8 @@ def check_tls():
         assert secure(int(server.url.split(":")[2]), host, authority, keys) == believed, (host, authority, keys)
     for most in ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1, ssl.TLSVersion.TLSv1_2:
         assert secure(int(server.url.split(":")[2]), "localhost", ours, ours, most) == (most == ssl.TLSVersion.TLSv1_2), most
+    for name in "tls/server/key.pem", "tls/client/key.pem", "agent.password", "pool.db":
+        assert os.stat("secure/" + name).st_mode & 0o777 == 0o600, name
     server.stop()
 
 
