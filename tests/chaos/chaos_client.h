@@ -21,6 +21,10 @@ namespace chaos {
 /// The code of the events that a server is told to make up.
 constexpr uint32_t kOrderedEvent = 4711;
 
+/// Response time-outs in seconds. The longest faults of faults.json take longer than the first and
+/// shorter than the second.
+constexpr int32_t kImpatient = 1, kPatient = 3, kForReview = 60;
+
 struct Pool {
     std::string url, config, password;
 };
@@ -35,7 +39,7 @@ class Client {
           session_(MBInitWithAgentCfg(pool.url.c_str(), 0, "agent", pool.password.c_str(),
                                       pool.config.c_str())) {
         if (session_ == nullptr) throw std::runtime_error("no session could be made");
-        WSSetOptVa(session_->transport, uint32_t{WS_OPT_RESPONSE_TIMEOUT}, int64_t{1}, uint32_t{0});
+        MBSetResponseTimeOut(session_, kImpatient);
         if (number % 2 != 0) MBEnableResiliency(session_, 2);
         for (const std::string& thing : thingsOf(kEntry, tree()))
             ledger_.had(thing);
@@ -48,6 +52,7 @@ class Client {
     const Ledger& ledger() const { return ledger_; }
     uint64_t count(Outcome outcome) const { return counts_[outcome]; }
     uint64_t aborted() const { return aborted_; }
+    uint64_t timedOut() const { return timedOut_; }
     const std::vector<std::string>& differences() const { return differences_; }
 
     /// Any thread may call this while the session runs.
@@ -59,6 +64,8 @@ class Client {
         for (const Row& row : kRows)
             total += row.weight;
         for (uint64_t own = 0; done.fetch_add(1) < count; ++own) {
+            if (below(20) == 0)
+                MBSetResponseTimeOut(session_, below(2) == 0 ? kImpatient : kPatient);
             if (own % 200 == 0) {
                 openBucket();
                 continue;
@@ -72,6 +79,7 @@ class Client {
 
     /// Asks for all that it has ever made, without faults.
     void review() {
+        MBSetResponseTimeOut(session_, kForReview);
         for (const Kind kind : {kEntry, kPO, kImage})
             if (read(kind, folder_, kind == kEntry ? folder_ : "") != kConfirmed)
                 differences_.push_back("no review");
@@ -102,6 +110,7 @@ class Client {
                    status == WS_STATUS_BAD_ANSWER || status == WS_STATUS_TOO_LARGE ||
                    status == WS_STATUS_ABORTED) {
             aborted_ += status == WS_STATUS_ABORTED ? 1 : 0;
+            timedOut_ += status == WS_STATUS_TIMED_OUT ? 1 : 0;
             outcome = kUnknown;
         } else if (status == WS_STATUS_NO_CONNECT || status == WS_STATUS_CONNECT_TIMED_OUT) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -297,7 +306,7 @@ class Client {
     MBSession* session_;
     Ledger ledger_;
     std::vector<Item> items_[kKinds];  ///< those in the bucket that are there for certain
-    uint64_t tokens_ = 0, aborted_ = 0;
+    uint64_t tokens_ = 0, aborted_ = 0, timedOut_ = 0;
     uint64_t counts_[kOutcomes] = {};
     std::vector<std::string> differences_;
 };

@@ -13,7 +13,7 @@ from pool_server import PoolServer
 TOOL, SANDBOX = (os.path.abspath(path) for path in sys.argv[1:3])
 GATEWAY = os.path.dirname(os.path.abspath(__file__)) + "/../support/gateway.sh"
 UNKNOWN = ("; if it was a change, it may have been made\n", "may have been made; is it a pool server?\n")
-LOSE, DELAY, RESET = {"kind": "lose"}, {"kind": "delay", "ms": 1200}, {"kind": "reset"}
+LOSE, DELAY, RESET = {"kind": "lose"}, {"kind": "delay", "ms": 1700}, {"kind": "reset"}
 AWAY, EVENT = {"kind": "status", "code": 503, "times": 1000000}, {"kind": "event", "code": 77, "status": 503}
 
 # Faults; who goes once the tool was told of a 503; seconds of retries; exit code; whether the change is made. The
@@ -47,7 +47,7 @@ def play(path, faults, leave, retry):
         if "(HTTP status 503)" in line:
             for name in leave:
                 {"gateway": gateway, "server": server}[name].kill()
-    time.sleep(1.3 if DELAY in faults else 0)
+    time.sleep(1.8 if DELAY in faults else 0)
     gateway.kill()
     server.kill()
     wait(False)
