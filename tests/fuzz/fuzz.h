@@ -33,6 +33,12 @@ class Input {
         return taken;
     }
     std::string all() { return bytes(rest_.size()); }
+    /// The bytes before a mark, which is dropped, or else all.
+    std::string until(char mark) {
+        std::string taken = bytes(std::min(rest_.find(mark), rest_.size()));
+        bytes(1);
+        return taken;
+    }
 
   private:
     std::string_view rest_;

@@ -9,7 +9,7 @@
 #include "platform/status.h"
 #include "platform/ws.h"
 #include "tests/fuzz/fuzz.h"
-#include "tests/fuzz/fuzz_transport.h"
+#include "tests/fuzz/fuzz_replies.h"
 
 namespace {
 

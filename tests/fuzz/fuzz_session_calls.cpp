@@ -4,7 +4,7 @@
 #include <iterator>
 
 #include "tests/fuzz/fuzz.h"
-#include "tests/fuzz/fuzz_transport.h"
+#include "tests/fuzz/fuzz_replies.h"
 
 namespace {
 
