@@ -1,5 +1,6 @@
 // Random operations on a cache beside the same ones on a plain map, with pages and transfers as a
-// system may have them.
+// system may have them. KSPOOL_TEST_STEPS=n makes a run n steps long; with --gtest_repeat, each run
+// has a seed of its own, which it prints, and the last line counts what all have done.
 #include <cstdlib>
 #include <random>
 
@@ -19,11 +20,17 @@ struct Shape {
 
 class Model : public testing::TestWithParam<Shape> {};
 
+uint64_t fromEnvironment(const char* name, uint64_t otherwise) {
+    const char* given = getenv(name);
+    return given != nullptr ? std::strtoull(given, nullptr, 0) : otherwise;
+}
+
 TEST_P(Model, AgreesAfterEachStep) {
     const Shape& shape = GetParam();
-    const char* given = getenv("KSPOOL_TEST_SEED");
-    const uint64_t seed =
-        given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device()();
+    static uint64_t runs = 0, steps = 0, comparisons = 0;
+    const uint64_t seed = fromEnvironment("KSPOOL_TEST_SEED", std::random_device()());
+    const uint64_t count = fromEnvironment("KSPOOL_TEST_STEPS", 2000);
+    printf("model: KSPOOL_TEST_STEPS=%lu KSPOOL_TEST_SEED=%lu\n", count, seed);
     std::mt19937_64 random(seed);
     const auto below = [&](uint64_t limit) { return random() % limit; };
     const torture::Watched watched;
@@ -34,9 +41,12 @@ TEST_P(Model, AgreesAfterEachStep) {
                       .name = "KSPOOL_TEST_SEED=" + std::to_string(seed)},
                      testing::TempDir() + "model-" + shape.name, below);
     constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
-    for (int step = 0; step < 2000; ++step) {
+    for (uint64_t step = 0; step < count; ++step, ++steps) {
         calls::cutTransfers(1 + below(kPieces[below(3)]));
-        if (model.step() || step < 200 || step % 97 == 0) model.compareAll();
+        if (model.step() || step < 200 || step % 97 == 0) {
+            model.compareAll();
+            ++comparisons;
+        }
         scripted::takeRecord();
     }
     for (const uint64_t piece : kPieces) {  // so many steps meet few restarts
@@ -44,6 +54,7 @@ TEST_P(Model, AgreesAfterEachStep) {
         model.restart();
         model.compareAll();
     }
+    printf("model: %lu runs, %lu steps, %lu comparisons of all\n", ++runs, steps, comparisons);
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, Model,
