@@ -6,34 +6,33 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
-#include <string>
 #include <tuple>
 
-#include "tests/support/failing_calls.h"
-#include "tests/support/folder.h"
-#include "tests/support/operations.h"
-#include "tests/support/sandbox_process.h"
+#include "tests/mb/armed.h"
+
+#define DECLARATION(call, type, name, parameters, ...) type __real_##name parameters;
+extern "C" {
+MEMORY_CALLS(DECLARATION)
+TEXT_CALLS(DECLARATION)
+void* __real_malloc(size_t size);
+void __real_free(void* memory);
+}
 
 namespace hooks {
+namespace {
 
 #define ENUMERATOR(call, ...) call,
 #define NAME(call, type, name, ...) #name,
 enum Call { kNew, kOurs, kMalloc, kCalloc, kRealloc, kStrdup, SOCKET_CALLS(ENUMERATOR) kCalls };
 constexpr std::array<const char*, kCalls> kNames = {
-    "new",         "calloc, realloc, strdup", "curl malloc", "curl calloc", "curl realloc",
-    "curl strdup", SOCKET_CALLS(NAME)};
+    "new",          "malloc to strndup", "curl malloc",     "curl calloc",
+    "curl realloc", "curl strdup",       SOCKET_CALLS(NAME)};
 
 std::array<size_t, kCalls> made;
-FailurePlan plan;
 auto& [nth, fromThenOn, seen, failed] = plan;
-long live = 0;  ///< allocations of libcurl and of C++ that were not released
-thread_local bool armed = false;
 
 bool fails(Call call) {
     if (!armed) return false;
@@ -51,7 +50,12 @@ void* counted(void* memory) {
 /// Kept whole: inlined into delete, the compiler takes the pair of new and free for a mistake.
 __attribute__((noinline)) void release(void* memory) {
     if (memory != nullptr) --live;
-    free(memory);
+    __real_free(memory);
+}
+
+/// Of a new block; one that only moves stays counted.
+void* countedMove(const void* old, void* memory) {
+    return old == nullptr ? counted(memory) : memory;
 }
 
 template <typename Function>
@@ -59,15 +63,22 @@ Function next(const char* name, Function) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
+}  // namespace
+
+FailurePlan plan;
+long live = 0;
+thread_local bool armed = false;
+
 }  // namespace hooks
 
 using namespace hooks;
+std::array<std::unique_ptr<Pool>, 2> pools;
 
 // Of all libraries, which find the program's symbols first.
 #pragma GCC visibility push(default)
 
 void* operator new(size_t size) {
-    void* memory = fails(kNew) ? nullptr : malloc(size);
+    void* memory = fails(kNew) ? nullptr : __real_malloc(size);
     if (memory == nullptr) throw std::bad_alloc();
     return counted(memory);
 }
@@ -80,13 +91,24 @@ void operator delete(void* memory, size_t) noexcept {
 
 extern "C" {
 
-#define WRAPPED(call, type, name, parameters, arguments, failure, error) \
-    type __real_##name parameters;                                       \
-    type __wrap_##name parameters {                                      \
-        return fails(kOurs) ? failure : __real_##name arguments;         \
-    }
-MEMORY_CALLS(WRAPPED)
-TEXT_CALLS(WRAPPED)
+void* __wrap_malloc(size_t size) {
+    return fails(kOurs) ? nullptr : counted(__real_malloc(size));
+}
+void* __wrap_calloc(size_t count, size_t size) {
+    return fails(kOurs) ? nullptr : counted(__real_calloc(count, size));
+}
+void* __wrap_realloc(void* old, size_t size) {
+    return fails(kOurs) ? nullptr : countedMove(old, __real_realloc(old, size));
+}
+char* __wrap_strdup(const char* text) {
+    return fails(kOurs) ? nullptr : static_cast<char*>(counted(__real_strdup(text)));
+}
+char* __wrap_strndup(const char* text, size_t most) {
+    return fails(kOurs) ? nullptr : static_cast<char*>(counted(__real_strndup(text, most)));
+}
+void __wrap_free(void* memory) {
+    release(memory);
+}
 
 #define INTERPOSED(call, type, name, parameters, arguments, failure, error) \
     type name parameters {                                                  \
@@ -102,57 +124,20 @@ SOCKET_CALLS(INTERPOSED)
 namespace {
 
 void* curlMalloc(size_t size) {
-    return fails(kMalloc) ? nullptr : counted(malloc(size));
+    return fails(kMalloc) ? nullptr : counted(__real_malloc(size));
 }
 void* curlCalloc(size_t count, size_t size) {
     return fails(kCalloc) ? nullptr : counted(__real_calloc(count, size));
 }
 void* curlRealloc(void* old, size_t size) {
-    if (fails(kRealloc)) return nullptr;
-    void* memory = __real_realloc(old, size);
-    return old == nullptr ? counted(memory) : memory;
+    return fails(kRealloc) ? nullptr : countedMove(old, __real_realloc(old, size));
 }
 char* curlStrdup(const char* text) {
     return fails(kStrdup) ? nullptr : static_cast<char*>(counted(__real_strdup(text)));
 }
 
-/// A server with its folder, over http or TLS with a client's certificate.
-class Pool {
-  public:
-    explicit Pool(bool tls) {
-        const std::string made = folder_.path + "/pool";
-        sandbox::setUp({made, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls});
-        sandbox::Settings settings = sandbox::readSetup(made);
-        settings.port = 0;
-        settings.accounts = {{"me", "secret", {"read", "write", "delete"}}};
-        config = made + "/agent.cfg";
-        server_ = std::make_unique<SandboxProcess>(settings);
-        url = server_->url;
-    }
-    std::string url, config;
-
-  private:
-    Folder folder_;
-    std::unique_ptr<SandboxProcess> server_;
-};
-
-std::array<std::unique_ptr<Pool>, 2> pools;  ///< http, TLS
-
-/// Calls are made to fail within the library alone, and only while wanted.
-struct Armed : operations::Objects {
-    void enter() override { armed = isWanted; }
-    void leave() override { armed = false; }
-    bool isWanted = false;
-};
-
 size_t injections = 0;
 constexpr size_t kLeast = 10'000;
-
-/// The statuses of what may fail here: no memory, and what the transport makes of dead connections.
-bool isNamed(uint32_t status) {
-    return status == CR_STATUS_NO_MEMORY || status == 1012 || (status >= 2000 && status <= 2009) ||
-           status == CR_STATUS_LIMIT_EXCEEDED;
-}
 
 class TransportTorture : public testing::TestWithParam<std::tuple<size_t, bool>> {};
 
