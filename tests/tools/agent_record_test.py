@@ -209,8 +209,8 @@ with tempfile.TemporaryDirectory() as top:
         with open(tree + "/large", "wb") as file:
             file.write(random.Random(seed).randbytes(20_000 * 512))
 
-    def limited(image):
-        done = record(image, "--limit", "1", "--force", segment="512", kept=top + "/small.cache")
+    def limited(image, *options):
+        done = record(image, "--limit", "1", *(options or ["--force"]), segment="512", kept=top + "/small.cache", **later)
         assert done["cached"] * 72 <= 1 << 20, done
         return done
 
@@ -228,11 +228,14 @@ with tempfile.TemporaryDirectory() as top:
     large = record("big6", "--limit", "2", "--force", segment="512", kept=top + "/small.cache")
     lower = limited("big7")
     assert large["cached"] > 20_000 and lower["newSegments"] == 0, (large, lower)
+    # What a run did not read it does not drop.
+    unread = limited("unread", "--jobs", "1")
+    assert unread["unread"] == 7 and unread["cached"] == lower["cached"], (lower, unread)
 
     # A disk that is full while the cache is saved: the old one is kept.
     before = open(top + "/small.cache", "rb").read()
     full = programs.run(AGENT, "record", tree, "--client", "me", "--image", "big8", "--cache", top + "/small.cache",
-                        "--segment", "512", "--limit", "1", code=1, restore_signals=False,
+                        "--segment", "512", "--limit", "1", "--force", code=1, restore_signals=False,
                         preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
     assert "could not be replaced: File too large" in full.stderr, full
     assert open(top + "/small.cache", "rb").read() == before

@@ -61,7 +61,8 @@ class BlockCache {
     /// segment counts as new in the next run.
     void remember(const std::vector<KSCacheKey>& keys, uint64_t value);
 
-    /// Holds the cache to its limit. `sawAll`: the run met all of its data.
+    /// Holds the cache to its limit. `sawAll`: the run read all of its files, so that what it did
+    /// not meet is gone.
     void makeRoom(bool sawAll);
 
     /// Gives the entries that this run met a value. Reference counts then start anew.
