@@ -41,7 +41,7 @@ class Server {
   public:
     Server(std::string program, const char* gateway, uint64_t seed)
         : program_(std::move(program)), gateway_(gateway) {
-        sandbox::setUp({pool(), "http://127.0.0.1:1", false});
+        sandbox::setUp({pool(), "http://127.0.0.1:1", false, false});
         // Below the ports that the system gives to clients: one that looks for a server that is
         // down must not find itself.
         for (unsigned tries = 0; tries < 20; ++tries) {

@@ -26,9 +26,10 @@ class Pool {
   public:
     explicit Pool(bool tls) {
         const std::string made = folder_.path + "/pool";
-        sandbox::setUp({made, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls});
+        sandbox::setUp({made, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls, false});
         sandbox::Settings settings = sandbox::readSetup(made);
         settings.port = 0;
+        settings.sync = false;
         settings.accounts = {{"me", "secret", {"read", "write", "delete"}}};
         config = made + "/agent.cfg";
         server_ = std::make_unique<SandboxProcess>(settings);

@@ -80,9 +80,10 @@ auto* const witness =
 class Pool {
   public:
     explicit Pool(bool tls) : folder_(witness->folder + (tls ? "/tls" : "/http")) {
-        sandbox::setUp({folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls});
+        sandbox::setUp({folder_, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls, false});
         settings = sandbox::readSetup(folder_);
         settings.port = 0;
+        settings.sync = false;
         settings.accounts = {{"canary", kCanary, {"read", "write", "delete"}},
                              {"reader", "r", {"read"}}};
         server = servedPool(settings);
@@ -240,7 +241,7 @@ TEST_P(Sessions, AreTheParents) {
 TEST(SessionTls, IsNotMadeWithoutTheRightKeys) {
     const Pool& pool = emptyPool(true);
     const std::string folder = witness->folder + "/stranger", keys = folder + "/mixed";
-    sandbox::setUp({folder, "https://127.0.0.1:1", true});
+    sandbox::setUp({folder, "https://127.0.0.1:1", true, false});
     std::ofstream(folder + "/mixed.cfg") << "[paths]\nssl-key = " << keys << "\n";
     const std::string ours = witness->folder + "/tls/tls/client/", theirs = folder + "/tls/client/";
     const std::string port = pool.server->url().substr(strlen("https://127.0.0.1"));
