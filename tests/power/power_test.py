@@ -96,8 +96,6 @@ def tell(what, *counts):
     print(f"power: {what}: " + ", ".join(f"{number} {name}" for number, name in counts) + ", 0 broken promises", flush=True)
 
 
-# A cache file
-
 def cache_of(size):
     """A cache file with that many entries."""
     path = f"{top}/made{size}.cache"
@@ -137,8 +135,6 @@ def cache_file():
     must_notice("of its folder", check_caches, record, 4, disk.Folder)
 
 
-# A folder that init makes
-
 def check_set_up(record, tries, ignored=None):
     """The folder is missing, or empty as before, or whole; and whole once init has ended."""
     whole, count = disk.Disk(record.folder).state(chance, "all", "all"), 0
@@ -160,8 +156,6 @@ def set_up():
         must_notice("of a folder that init makes", check_set_up, record, 4, disk.Folder)
     tell("a folder that init makes", (count, "states"))
 
-
-# The sandbox's database
 
 class Client:
     """Counts the answers that it and those before it got."""
@@ -278,8 +272,6 @@ def database():
     must_notice("with --no-sync", Changes(top + "/unsynced", 1, 4, sync=False).check, 4)
     tell("the database of the sandbox", (count, "states"), (opened, "opened by kspool-sandbox"))
 
-
-# Facts and cache of the agent
 
 class Recordings:
     """Recordings of a tree through a cache, with a server of which images expire."""
