@@ -140,7 +140,7 @@ TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
     errno = ENOENT;
     __TraceA("trace %d", 1);
     InfoA(1, "info");
-    NoticeA(2, "notice");
+    NoticeA(2, "notice \x1b[2J\n|");
     WarningA(3, "warning");
     ErrorA(4, "error %s", std::string(100000, 'x').c_str());
     qlxLogA(5, 16, "note");
@@ -148,7 +148,7 @@ TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
     EXPECT_EQ(*__cr_errno_location(), 7U);
     const std::vector<Heard> expected = {{0, 0, "trace 1"},
                                          {QLX_LEVEL_INFO, 1, "info"},
-                                         {QLX_LEVEL_NOTICE, 2, "notice"},
+                                         {QLX_LEVEL_NOTICE, 2, "notice \x1b[2J\n|"},
                                          {QLX_LEVEL_WARNING, 3, "warning"},
                                          {128, 4, "error " + std::string(100000, 'x')},
                                          {16, 5, "note"}};

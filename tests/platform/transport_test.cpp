@@ -1,13 +1,16 @@
 // The transport: what it sends, how long it tries, whose connections it uses.
 #include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <set>
 
 #include "cr_status.h"
 #include "platform/status.h"
 #include "platform/support.h"
 #include "platform/ws.h"
+#include "tests/support/folder.h"
 #include "tests/support/raw_server.h"
 #include "tests/support/transport_client.h"
 
@@ -32,6 +35,14 @@ TEST(Transport, SaysWhyNothingCanBeSent) {
         {"http:///127.0.0.1", WS_STATUS_NO_SERVER},
         {any, WS_STATUS_PLAINTEXT},
         {"http://127.0.0.1.example", WS_STATUS_PLAINTEXT},
+        {"http://localhost.example", WS_STATUS_PLAINTEXT},
+        {"http://localhost.", WS_STATUS_PLAINTEXT},
+        {"http://localhost@pool.example", WS_STATUS_NO_SERVER},
+        {"http://[::1].example", WS_STATUS_NO_SERVER},
+        {"http://[::ffff:7f00:1]", WS_STATUS_PLAINTEXT},
+        {"http://128.0.0.1", WS_STATUS_PLAINTEXT},
+        {"http://[::1]:1", WS_STATUS_NO_CONNECT},
+        {"http://LocalHost:1", WS_STATUS_NO_CONNECT},
         {"http://127.0.0.1:1", WS_STATUS_NO_CONNECT},
     };
     for (const auto& row : table) {
@@ -48,9 +59,11 @@ TEST(Transport, SaysWhyNothingCanBeSent) {
     EXPECT_EQ(WSRequestExt(transport, 5, &none, "action", "x", kEnd), CR_STATUS_INVALID_PARAMETER);
     EXPECT_EQ(server.requests().size(), sent);
 
-    setenv("KSPOOL_ALLOW_PLAINTEXT", "1", 1);
-    Transport allowed(any);
-    EXPECT_EQ(allowed.get(), 0U);
+    for (const char* value : {"", "0", "yes", "11", "1 ", "1"}) {
+        setenv("KSPOOL_ALLOW_PLAINTEXT", value, 1);
+        const bool allowed = strcmp(value, "1") == 0;
+        EXPECT_EQ(Transport(any).get(), allowed ? 0 : WS_STATUS_PLAINTEXT) << value;
+    }
     unsetenv("KSPOOL_ALLOW_PLAINTEXT");
 }
 
@@ -278,6 +291,9 @@ TEST(Transport, GoesThroughNoProxyButItsOwn) {
         {"http_proxy", "http://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
         {"https_proxy", "https://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
         {"all_proxy", "https://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"http_proxy", "http://127.0.0.1:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"https_proxy", "https://127.0.0.1:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
+        {"ALL_PROXY", "https://localhost:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
         {"KSPOOL_PROXY", "http://0.0.0.0:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
         {"KSPOOL_PROXY", "https://127.0.0.1:1", address.c_str(), WS_STATUS_NO_CONNECT, nullptr},
         {"KSPOOL_PROXY", "https://0.0.0.0:1", "", WS_STATUS_NO_CONNECT, nullptr},
@@ -304,6 +320,25 @@ TEST(Transport, GoesThroughNoProxyButItsOwn) {
     }
     unsetenv("no_proxy");
     unsetenv("KSPOOL_ALLOW_PLAINTEXT");
+}
+
+// Neither from a file of the user, which is written for other programs, nor from an earlier answer.
+TEST(Transport, TakesNoLoginButItsOwn) {
+    const Folder home;
+    std::ofstream(home.path + "/.netrc") << "default login other password secret\n";
+    setenv("HOME", home.path.c_str(), 1);
+    RawServer server(
+        {"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 0\r\n"
+         "Set-Cookie: name=value\r\n\r\n",
+         kOpen, 0, 0});
+    Transport transport(server.url());
+    for (const char* login : {"", "", "me"}) {
+        transport.set(WS_OPT_LOGIN, login);
+        EXPECT_EQ(transport.get(), 0U);
+        EXPECT_EQ(headerOf(server.requests().back(), "Cookie"), "");
+        EXPECT_EQ(headerOf(server.requests().back(), "Authorization"),
+                  *login == '\0' ? "" : "Basic bWU6");
+    }
 }
 
 TEST(Transport, CountsWhatItDoes) {

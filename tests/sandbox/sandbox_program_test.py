@@ -13,6 +13,7 @@ import ssl
 import subprocess
 import sys
 import tempfile
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -27,6 +28,11 @@ def run(*arguments, code=1, says="", **options):
     assert done.returncode == code and says in done.stderr, (arguments, done.returncode, done.stderr)
     assert done.stderr.count("\n") == (code != 0), done.stderr
     return done.stdout
+
+
+def write(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
 
 
 def ask(server, number=[0], **form):
@@ -66,8 +72,7 @@ def check_refusals():
     run("init", "a\nb", "--url", "http://a", says="control characters")
     assert not os.listdir()
     os.mkdir("mine")
-    with open("mine/file", "w", encoding="ascii") as file:
-        file.write("precious")
+    write("mine/file", "precious")
     run("init", "mine", "--url", "http://127.0.0.1:1", says="is not empty")
     run("init", "mine/file", "--url", "http://127.0.0.1:1", says="is no folder")
     assert (os.listdir(), os.listdir("mine")) == (["mine"], ["file"])
@@ -85,9 +90,11 @@ def check_folder():
     assert f"route-tables = {os.path.realpath('made')}/routes\n" in config, config
     for name in ("agent.cfg", "accounts.json", "agent.password", "reader.password"):
         assert os.stat(f"made/{name}").st_mode & 0o777 == 0o600, name
+    assert os.stat("made").st_mode & 0o777 == 0o700
     with open("made/accounts.json", encoding="utf-8") as file:
         accounts = file.read()
     assert len(server.password) == 24 and server.password not in accounts
+    assert len({account["salt"] for account in json.loads(accounts)["accounts"]}) == 2
     return server, accounts
 
 
@@ -96,12 +103,29 @@ def check_serving(server, accounts):
     server.start()
     assert server.url == shown[:-1] and os.path.exists("made/pool.db")
     assert re.fullmatch(r"\d{10,}\n", ask(server, action="gettime"))
+    with socket.socket() as elsewhere:  # an address of the machine that is not the server's
+        assert elsewhere.connect_ex(("127.0.0.2", int(server.url.split(":")[2].split("/")[0]))) != 0
     run("serve", "made", says="Address already in use")
     server.stop()
+    # Hashes that differ in one byte, wherever it is.
+    for number in (0, 1, 2, 31):
+        changed = json.loads(accounts)
+        for account in changed["accounts"]:
+            digits = bytearray.fromhex(account["hash"])
+            digits[number] ^= 1
+            account["hash"] = digits.hex()
+        write("made/accounts.json", json.dumps(changed))
+        server.start()
+        try:
+            ask(server, action="gettime")
+            raise AssertionError(number)
+        except urllib.error.HTTPError as refused:
+            assert refused.code == 401
+        server.stop()
+    write("made/accounts.json", accounts)
     os.makedirs("tree/d")
     for name, content in (("d/f", "12345"), ("bad\nname", "x")):
-        with open("tree/" + name, "w", encoding="ascii") as file:
-            file.write(content)
+        write("tree/" + name, content)
     os.symlink("/", "tree/link")
     server.start("--port", "0", "--port-file", "port", "--db", "other.db", "--tree", "tree", stderr=subprocess.PIPE)
     assert "2 entries left out" in server.process.stderr.readline()
@@ -112,8 +136,7 @@ def check_serving(server, accounts):
     for bad in (("--tree", "nowhere"), ("--tls-dir", "nowhere"), ("--port-file", "nowhere/port")):
         run("serve", "made", "--port", "0", *bad, says="nowhere")
     for text, says in ((accounts.replace("write", "fly"), "'fly'"), ('{"accounts": []}', "no account"), ("x", "accounts.json: ")):
-        with open("made/accounts.json", "w", encoding="utf-8") as file:
-            file.write(text)
+        write("made/accounts.json", text)
         run("serve", "made", "--port", "0", says=says)
 
 
@@ -162,6 +185,8 @@ def check_run():
         assert not os.listdir("temporary"), arguments
     assert run("run", "--", "printf", "<%s>", "[1,2]", "[]", "", "--", "--tls", code=0, env=env) == "<[1,2]><[]><><--><--tls>"
     run("run", "--", "true", code=0, env=env, preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+    inherited = run("run", "--tls", "--", "sh", "-c", "ls /proc/self/fd", code=0, env=env)
+    assert inherited.split() == ["0", "1", "2", "3"], inherited  # the last one is that of ls
     told = 'echo "$KSPOOL_LOGIN $KSPOOL_PASSWORD $KSPOOL_SANDBOX_URL"; grep url "$KSPOOL_AGENT_CONFIG"'
     for options, scheme in (((), "http"), (("--tls",), "https")):
         said = run("run", *options, "--", "sh", "-c", told, code=0, env=env)

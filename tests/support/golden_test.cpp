@@ -5,6 +5,7 @@
 #include "tests/support/golden.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -102,6 +103,7 @@ TEST_P(Golden, IsReplayedToTheLetter) {
         testing::TempDir() + "kspool-golden-" + GetParam().stem().string();
     std::filesystem::create_directory(folder);
     std::filesystem::current_path(folder);
+    umask(0);  // modes are as they were asked for
     scripted::reset();
     calls::watch();
     const std::string actual = replay(expected);

@@ -40,7 +40,7 @@ with tempfile.TemporaryDirectory() as top:
     pool, tree, cache = top + "/pool", top + "/tree", top + "/blocks.cache"
     server = PoolServer(SANDBOX, pool)
     blocks = [random.Random(i).randbytes(4 * K) for i in range(8)]
-    for i, name in enumerate(["a|b%", "sub/c", "sub/d", "e*", "f", "g"]):
+    for i, name in enumerate(["a|b%41\n", "sub/c", "sub/d", "e*", "f", "g"]):
         os.makedirs(os.path.dirname(f"{tree}/{name}"), exist_ok=True)
         with open(f"{tree}/{name}", "wb") as file:
             file.write(blocks[i] + blocks[7])
@@ -57,7 +57,7 @@ with tempfile.TemporaryDirectory() as top:
         file.write(b"more")
     assert record("three")["newSegments"] == 1
     paths = [entry["path"] for entry in found("three")]
-    assert paths == [f"{tree}/{n}" for n in ("a|b%", "e*", "f", "g", "sub/c", "sub/d")], paths
+    assert paths == [f"{tree}/{n}" for n in ("a|b%41\n", "e*", "f", "g", "sub/c", "sub/d")], paths
     sizes = [e["size"] for e in found("*") if e["path"].endswith("/f")]
     assert sizes == [8 * K, 8 * K + 4, 8 * K], sizes
 
@@ -76,6 +76,8 @@ with tempfile.TemporaryDirectory() as top:
     assert (left["newSegments"], left["recorded"]) == (8, 0) and not found("next"), left
     folders = {os.path.relpath(f["path"], tree): (f["files"], f["newBytes"] // K) for f in left["byFolder"]}
     assert folders == {".": (4, 20), "sub": (2, 8)}, folders
+
+    assert [os.stat(cache + end).st_mode & 0o777 for end in ("", ".facts", ".lock")] == [0o600] * 3
 
     # A cache is bound to what it was made for.
     record("kept")
@@ -102,6 +104,11 @@ with tempfile.TemporaryDirectory() as top:
     for image in ("read", "unread"):
         run("expire", "--client", "me", "--image", image)
     assert record("forced", **later)["unread"] == 0
+
+    # Without a cache each file is read, and each segment new, however often.
+    for image in ("fresh", "newer"):
+        fresh = json.loads(run("record", tree + "/sub", "--client", "me", "--image", image, "--json", **later).stdout)
+        assert fresh["unread"] == 0 and fresh["newSegments"] > 0, fresh
 
     # The server loses its answers: what was sent counts once. It refuses: nothing is remembered.
     with open(tree + "/g", "wb") as file:

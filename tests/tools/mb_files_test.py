@@ -4,6 +4,8 @@ import json
 import os
 import re
 import signal
+import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -209,6 +211,41 @@ def check_odd_answers(agent):
             assert any(one.endswith(f", {words} the local clock\n") for one in said), said
 
 
+OLD = ("openssl_conf = all\n[all]\nssl_conf = versions\n[versions]\nsystem_default = old\n[old]\n"
+       "MinProtocol = TLSv1\nCipherString = DEFAULT:@SECLEVEL=0\n")
+
+
+def check_peers(top, agent):
+    """No answer over the limit is waited for, and no old TLS spoken, even where the system would."""
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        for length, says in ((2**32, "complete"), (2**32 + 1, "too large")):
+            client = subprocess.Popen([TOOL, *agent, "--server", f"http://127.0.0.1:{listener.getsockname()[1]}", "time"],
+                                      env=CLEAN, stderr=subprocess.PIPE, text=True)
+            peer = listener.accept()[0]
+            peer.recv(65536)
+            peer.sendall(f"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: {length}\r\n\r\n".encode())
+            peer.close()
+            said = client.communicate(timeout=60)[1]
+            assert says in said, said
+    with open(top + "/old.cnf", "w", encoding="ascii") as file:
+        file.write(OLD)
+    server = PoolServer(SANDBOX, top + "/tls", "--tls", url="https://127.0.0.1:{}")
+    for most in ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1, ssl.TLSVersion.TLSv1_2:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(*(f"{top}/tls/tls/server/{name}.pem" for name in ("cert", "key")))
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")
+        context.minimum_version, context.maximum_version = ssl.TLSVersion.TLSv1, most
+        with socket.create_server(("127.0.0.1", int(server.url.split(":")[2]))) as listener, \
+                subprocess.Popen([TOOL, "--config", server.config, "time"], env={**CLEAN, "OPENSSL_CONF": top + "/old.cnf"},
+                                 stderr=subprocess.DEVNULL):
+            try:
+                with context.wrap_socket(listener.accept()[0], server_side=True) as peer:
+                    version = peer.version()
+            except OSError:
+                version = None
+        assert version == ("TLSv1.2" if most == ssl.TLSVersion.TLSv1_2 else None), version
+
+
 def check_usage(top, config):
     places = ["--config FILE", "$KSPOOL_AGENT_CONFIG", "$XDG_CONFIG_HOME/kspool/agent.cfg", "/etc/kspool/agent.cfg"]
     if not os.path.exists("/etc/kspool/agent.cfg"):
@@ -243,5 +280,6 @@ with tempfile.TemporaryDirectory() as top:
     check_odd_answers(agent)
     check_usage(top, config)
     check_network(top, server, agent)
+    check_peers(top, agent)
     server.stop()
 print("kspool-mb: as expected")
