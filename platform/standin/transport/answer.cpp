@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
@@ -42,17 +43,84 @@ bool isType(std::string_view value, std::string_view type) {
     return kspool::sameText(bare, type);
 }
 
-/// A text member of a problem document, empty when it is missing or not a text. The text ends up in
-/// logs, so control characters become spaces: a server must not be able to forge log lines.
-std::string textMember(const nlohmann::json& problem, const char* name) {
-    const auto member = problem.find(name);
-    if (member == problem.end() || !member->is_string()) return {};
-    std::string text = member->get<std::string>();
+/// A text of an event. It ends up in logs, so control characters become spaces: a server must not
+/// be able to forge log lines.
+std::string printable(std::string text) {
     std::replace_if(
         text.begin(), text.end(),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, ' ');
     return text;
 }
+
+/// Reads a problem document member by member; of equal names the last one counts. The JSON
+/// library's tree of values is not used: its destructor allocates, so that a lack of memory would
+/// end the process.
+class ProblemReader : public nlohmann::json_sax<nlohmann::json> {
+  public:
+    bool isEvent() const { return isObject_ && code_ > 0 && code_ <= UINT32_MAX; }
+    Event takeEvent() {
+        event_.code = static_cast<uint32_t>(code_);
+        return std::move(event_);
+    }
+
+    bool null() override { return member(); }
+    bool boolean(bool) override { return member(); }
+    bool number_integer(number_integer_t) override { return member(); }
+    bool number_unsigned(number_unsigned_t value) override { return member(value); }
+    bool number_float(number_float_t, const string_t&) override { return member(); }
+    bool string(string_t& value) override { return member(0, std::move(value)); }
+    bool binary(binary_t&) override { return member(); }
+    bool start_object(size_t) override {
+        isObject_ = isObject_ || depth_ == 0;
+        return begin();
+    }
+    bool key(string_t& name) override {
+        if (depth_ == 1) name_ = std::move(name);
+        return true;
+    }
+    bool start_array(size_t) override { return begin(); }
+    bool end_object() override { return end(); }
+    bool end_array() override { return end(); }
+    bool parse_error(size_t, const std::string&, const nlohmann::detail::exception&) override {
+        return false;
+    }
+
+  private:
+    struct Text {
+        const char* name;
+        std::string Event::*member;
+    };
+    static constexpr Text kTexts[] = {{"severity", &Event::severity},
+                                      {"serverAddress", &Event::serverAddress},
+                                      {"sourceApplication", &Event::sourceApplication},
+                                      {"detail", &Event::description}};
+
+    bool begin() {
+        member();
+        ++depth_;
+        return true;
+    }
+    bool end() {
+        --depth_;
+        return true;
+    }
+
+    /// Takes a value: its number, or 0 when it is none, and its text.
+    bool member(uint64_t number = 0, std::string text = {}) {
+        if (depth_ != 1) return true;
+        if (name_ == "eventCode") code_ = number;
+        const auto* const row = std::find_if(std::begin(kTexts), std::end(kTexts),
+                                             [&](const Text& each) { return name_ == each.name; });
+        if (row != std::end(kTexts)) event_.*row->member = printable(std::move(text));
+        return true;
+    }
+
+    Event event_;
+    uint64_t code_ = 0;
+    std::string name_;  ///< of the member that is being read
+    size_t depth_ = 0;  ///< objects and arrays that are open
+    bool isObject_ = false;
+};
 
 }  // namespace
 
@@ -167,16 +235,10 @@ uint32_t Collector::judge(long httpStatus, kspool::OwnedText& text, Event& event
 
 uint32_t Collector::judgeProblem(Event& event) const {
     if (content_ != Content::kProblem || size_ == 0) return WS_STATUS_BAD_ANSWER;
-    const auto problem = nlohmann::json::parse(text_.get(), text_.get() + size_, nullptr,
-                                               /*allow_exceptions=*/false);
-    if (!problem.is_object()) return WS_STATUS_BAD_ANSWER;
-    const auto code = problem.find("eventCode");
-    if (code == problem.end() || !code->is_number_unsigned()) return WS_STATUS_BAD_ANSWER;
-    const auto number = code->get<uint64_t>();
-    if (number == 0 || number > UINT32_MAX) return WS_STATUS_BAD_ANSWER;
-    event = {static_cast<uint32_t>(number), textMember(problem, "severity"),
-             textMember(problem, "serverAddress"), textMember(problem, "sourceApplication"),
-             textMember(problem, "detail")};
+    ProblemReader reader;
+    const bool isWhole = nlohmann::json::sax_parse(text_.get(), text_.get() + size_, &reader);
+    if (!isWhole || !reader.isEvent()) return WS_STATUS_BAD_ANSWER;
+    event = reader.takeEvent();
     return CR_STATUS_OK;
 }
 
