@@ -30,7 +30,7 @@ TEST_P(Model, AgreesAfterEachStep) {
     static uint64_t runs = 0, steps = 0, comparisons = 0;
     const uint64_t seed = fromEnvironment("KSPOOL_TEST_SEED", std::random_device()());
     const uint64_t count = fromEnvironment("KSPOOL_TEST_STEPS", 2000);
-    printf("model: KSPOOL_TEST_STEPS=%lu KSPOOL_TEST_SEED=%lu\n", count, seed);
+    fprintf(stderr, "model: KSPOOL_TEST_STEPS=%lu KSPOOL_TEST_SEED=%lu\n", count, seed);
     std::mt19937_64 random(seed);
     const auto below = [&](uint64_t limit) { return random() % limit; };
     const torture::Watched watched;

@@ -1,17 +1,26 @@
 // Sessions with the real transport under failing calls: every allocation of ours and of libcurl,
-// and every call on a socket, fails in turn, once and from then on.
+// and every call on a socket, fails in turn, once and from then on. With the argument "calls", it
+// makes the calls that it reads instead, for session_model_test.py.
 #include <curl/curl.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <iostream>
+#include <memory>
 #include <new>
+#include <string>
 #include <tuple>
 
-#include "tests/mb/armed.h"
+#include "tests/support/failing_calls.h"
+#include "tests/support/folder.h"
+#include "tests/support/operations.h"
+#include "tests/support/sandbox_process.h"
 
 #define DECLARATION(call, type, name, parameters, ...) type __real_##name parameters;
 extern "C" {
@@ -22,7 +31,6 @@ void __real_free(void* memory);
 }
 
 namespace hooks {
-namespace {
 
 #define ENUMERATOR(call, ...) call,
 #define NAME(call, type, name, ...) #name,
@@ -32,7 +40,10 @@ constexpr std::array<const char*, kCalls> kNames = {
     "curl realloc", "curl strdup",       SOCKET_CALLS(NAME)};
 
 std::array<size_t, kCalls> made;
+FailurePlan plan;
 auto& [nth, fromThenOn, seen, failed] = plan;
+long live = 0;  ///< allocations that were not released
+thread_local bool armed = false;
 
 bool fails(Call call) {
     if (!armed) return false;
@@ -63,16 +74,9 @@ Function next(const char* name, Function) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-}  // namespace
-
-FailurePlan plan;
-long live = 0;
-thread_local bool armed = false;
-
 }  // namespace hooks
 
 using namespace hooks;
-std::array<std::unique_ptr<Pool>, 2> pools;
 
 // Of all libraries, which find the program's symbols first.
 #pragma GCC visibility push(default)
@@ -113,7 +117,7 @@ void __wrap_free(void* memory) {
 #define INTERPOSED(call, type, name, parameters, arguments, failure, error) \
     type name parameters {                                                  \
         static const auto real = next(#name, name);                         \
-        return fails(call) ? failure : real arguments;                      \
+        return fails(call) ? (failure) : real arguments;                    \
     }
 SOCKET_CALLS(INTERPOSED)
 
@@ -134,6 +138,42 @@ void* curlRealloc(void* old, size_t size) {
 }
 char* curlStrdup(const char* text) {
     return fails(kStrdup) ? nullptr : static_cast<char*>(counted(__real_strdup(text)));
+}
+
+/// A server with its folder, over http or TLS with a client's certificate.
+class Pool {
+  public:
+    explicit Pool(bool tls) {
+        const std::string made = folder_.path + "/pool";
+        sandbox::setUp({made, tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1", tls, false});
+        sandbox::Settings settings = sandbox::readSetup(made);
+        settings.port = 0;
+        settings.sync = false;
+        settings.accounts = {{"me", "secret", {"read", "write", "delete"}}};
+        config = made + "/agent.cfg";
+        server_ = std::make_unique<SandboxProcess>(settings);
+        url = server_->url;
+    }
+    std::string url, config;
+
+  private:
+    Folder folder_;
+    std::unique_ptr<SandboxProcess> server_;
+};
+
+std::array<std::unique_ptr<Pool>, 2> pools;  ///< http, TLS
+
+/// Calls are made to fail within the library alone, and only while wanted.
+struct Armed : operations::Objects {
+    void enter() override { armed = isWanted; }
+    void leave() override { armed = false; }
+    bool isWanted = false;
+};
+
+/// The statuses of what may fail here: no memory, and what the transport makes of dead connections.
+bool isNamed(uint32_t status) {
+    return status == CR_STATUS_NO_MEMORY || status == 1012 || (status >= 2000 && status <= 2009) ||
+           status == CR_STATUS_LIMIT_EXCEEDED;
 }
 
 size_t injections = 0;
@@ -196,6 +236,38 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, TransportTorture,
                                     (std::get<1>(given.param) ? "OverTls" : "");
                          });
 
+MBSession* createVa(uint32_t word, const char* url, const char* login, const char* password) {
+    return MBCreateVa(word, uint32_t{KS_OPT_MBS_URL}, url, uint32_t{KS_OPT_LOGIN}, login,
+                      uint32_t{KS_OPT_PASSWORD}, password, uint32_t{0});
+}
+
+/// A line in: which of two scenes makes the call, the call that fails, whether all after it do, the
+/// call; "-" in its place ends the scene. A line out: the status, how many calls could fail, how
+/// many did, whether session or configuration changed, what is not released, what the call shows.
+void makeCalls(const Pool& pool) {
+    const operations::Operation withPairs = operations::bind(createVa);
+    setenv("KSPOOL_AGENT_CONFIG", pool.config.c_str(), 1);
+    std::cout << pool.url << " " << pool.config << std::endl;
+    std::unique_ptr<Armed> scenes[] = {std::make_unique<Armed>(), std::make_unique<Armed>()};
+    size_t scene = 0;
+    for (std::string line; std::cin >> scene >> plan.nth >> plan.fromThenOn;
+         std::cout << std::endl) {
+        std::getline(std::cin >> std::ws, line);
+        if (line == "-") scenes[scene] = std::make_unique<Armed>();
+        Armed& objects = *scenes[scene];
+        seen = failed = 0;
+        *__cr_errno_location() = 7;
+        objects.isWanted = true;
+        objects.status = objects.changed = 0;
+        const operations::Words words(line);
+        const std::string out = line == "-"                ? ""
+                                : words[0] == "MBCreateVa" ? withPairs.run(objects, words)
+                                                           : operations::run(objects, line);
+        std::cout << objects.status << " " << seen << " " << failed << " " << objects.changed << " "
+                  << live << " " << out;
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -206,6 +278,11 @@ int main(int argc, char** argv) {
     curl_global_init_mem(CURL_GLOBAL_DEFAULT, curlMalloc, release, curlRealloc, curlStrdup,
                          curlCalloc);
     MBSetRetryCount(0);
+    if (argc > 1 && strcmp(argv[1], "calls") == 0) {
+        makeCalls(*pools[argc > 2 ? 1 : 0]);
+        pools = {};
+        return 0;
+    }
     int result = RUN_ALL_TESTS();
     printf("torture: %zu scenarios, %zu injections\n", 2 * kRows, injections);
     const bool all = testing::GTEST_FLAG(filter) == "*";
