@@ -12,6 +12,7 @@ import tempfile
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.S | re.M)
+SHELL = os.environ.get("KSPOOL_TEST_SHELL", "bash").split()
 OTHERS = {"ini", "hex", "json", "http"}
 PIECE = """#include <stdio.h>
 #include "kscache.h"
@@ -50,7 +51,7 @@ with tempfile.TemporaryDirectory() as place:
                    "EXAMPLES": os.path.join(ROOT, "examples")}
     for path in documents:
         folder = tempfile.mkdtemp(dir=place)
-        done = subprocess.run(["bash", "-c", script(path)], cwd=folder, env=environment, check=False,
+        done = subprocess.run([*SHELL, "-c", script(path)], cwd=folder, env=environment, check=False,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         assert done.returncode == 0, f"{path}: {done.returncode}\n{done.stdout}"
         print(f"{path}: in order")
