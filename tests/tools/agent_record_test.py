@@ -216,8 +216,8 @@ with tempfile.TemporaryDirectory() as top:
         with open(tree + "/large", "wb") as file:
             file.write(random.Random(seed).randbytes(20_000 * 512))
 
-    def limited(image, *options):
-        done = record(image, "--limit", "1", *(options or ["--force"]), segment="512", kept=top + "/small.cache", **later)
+    def limited(image, force=True):
+        done = record(image, "--limit", "1", *["--force"] * force, segment="512", kept=top + "/small.cache", **later)
         assert done["cached"] * 72 <= 1 << 20, done
         return done
 
@@ -236,8 +236,16 @@ with tempfile.TemporaryDirectory() as top:
     lower = limited("big7")
     assert large["cached"] > 20_000 and lower["newSegments"] == 0, (large, lower)
     # What a run did not read it does not drop.
-    unread = limited("unread", "--jobs", "1")
+    unread = limited("unread", force=False)
     assert unread["unread"] == 7 and unread["cached"] == lower["cached"], (lower, unread)
+    # What took the place of data that are gone is known the next time, beside files that were not read.
+    fill(3)
+    changed = limited("changed", force=False)
+    os.utime(tree + "/large")
+    after = limited("after", force=False)
+    assert changed["unread"] == after["unread"] == 6 and changed["newSegments"] > 19_000, (changed, after)
+    fill(3)
+    assert limited("later", force=False)["newSegments"] < 7_500
 
     # A disk that is full while the cache is saved: the old one is kept.
     before = open(top + "/small.cache", "rb").read()

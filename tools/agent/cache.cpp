@@ -104,7 +104,7 @@ void BlockCache::keep(const std::set<uint64_t>& values) {
 void BlockCache::remember(const std::vector<KSCacheKey>& keys, uint64_t value) {
     const std::vector<uint64_t> values(keys.size(), value);
     const size_t count = std::min<size_t>(keys.size(), room());
-    full_ = full_ || count < keys.size();
+    leftOut_ += keys.size() - count;
     KSCacheAddBatch(cache_.get(), keys.data(), values.data(), nullptr, count, nullptr);
     // Raises the counts above those of entries that were only loaded.
     KSCacheExistsBatch(cache_.get(), keys.data(), count, nullptr, nullptr);
@@ -118,15 +118,22 @@ uint64_t BlockCache::room() const {
     return s.freeListCount + s.nodesAvailable + pages * (s.areaSize - 1);
 }
 
-/// Drops the entries that a whole run did not meet; then any entries, in case the limit is lower
-/// than in the run before.
-void BlockCache::makeRoom(bool sawAll) {
-    if (!full_ && stats().cacheSize <= limit_) return;
-    if (sawAll) drop(cache_.get(), [](const KSCacheNode& node) { return node.refCount == 1; });
-    const uint64_t fit = limit_ / stats().nodeSize, items = stats().cachedItems;
-    uint64_t excess = items > fit ? items - fit : 0;
-    drop(cache_.get(), [&](const KSCacheNode&) { return excess > 0 && excess-- > 0; });
+void BlockCache::makeRoom() {
+    if (leftOut_ == 0 && stats().cacheSize <= limit_) return;
+    const uint64_t fit = limit_ / stats().nodeSize;
+    dropSurplus(fit - std::min(leftOut_, fit), /*met=*/false);
+    dropSurplus(fit, /*met=*/true);  // in case the limit is lower than in the run before
     KSCacheReclaim(cache_.get());
+}
+
+/// Drops entries until at most so many are left, or none that may go. `met`: those that the run met
+/// may go as well.
+void BlockCache::dropSurplus(uint64_t most, bool met) {
+    const uint64_t items = stats().cachedItems;
+    uint64_t surplus = items > most ? items - most : 0;
+    drop(cache_.get(), [&](const KSCacheNode& node) {
+        return surplus > 0 && (met || node.refCount == 1) && surplus-- > 0;
+    });
 }
 
 /// An entry keeps its value for life, so it is made anew, in the slot that its deletion freed: the

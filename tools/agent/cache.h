@@ -10,8 +10,9 @@
 //  3. Only a whole run is saved: until then the entries that it met keep the image that they had.
 //
 // A full cache takes no more entries, and makes room at the end of the run by dropping entries that
-// the run did not meet. KSCacheCheck() would not do: recordings read all data in turn, and cyclic
-// scans larger than the limit defeat count-based eviction, since every entry has the same count.
+// the run did not meet: as many as it left out, since they may be of files that were not read
+// again. KSCacheCheck() would not do: recordings read all data in turn, and cyclic scans larger
+// than the limit defeat count-based eviction, since every entry has the same count.
 #ifndef TOOLS_AGENT_CACHE_H
 #define TOOLS_AGENT_CACHE_H
 
@@ -61,9 +62,8 @@ class BlockCache {
     /// segment counts as new in the next run.
     void remember(const std::vector<KSCacheKey>& keys, uint64_t value);
 
-    /// Holds the cache to its limit. `sawAll`: the run read all of its files, so that what it did
-    /// not meet is gone.
-    void makeRoom(bool sawAll);
+    /// Holds the cache to its limit, with room for as many entries as this run left out.
+    void makeRoom();
 
     /// Gives the entries that this run met a value. Reference counts then start anew.
     void tieMet(uint64_t value);
@@ -72,9 +72,10 @@ class BlockCache {
 
   private:
     uint64_t room() const;
+    void dropSurplus(uint64_t most, bool met);
 
-    uint64_t limit_;     ///< bytes
-    bool full_ = false;  ///< an entry was left out
+    uint64_t limit_;        ///< bytes
+    uint64_t leftOut_ = 0;  ///< entries without room
     tool::CachePointer cache_;
 };
 

@@ -301,7 +301,7 @@ void Recording::finish() {
 
 /// Replaces both files, the facts first. Facts of images without a record go.
 void Recording::saveCache() {
-    cache_->makeRoom(/*sawAll=*/result_.unread == 0);
+    cache_->makeRoom();
     cache_->tieMet(image_.number);
     image_.sum = outbox_->sum();
     std::erase_if(facts_.images, [&](const ImageFact& i) { return !claims_.hasRecord(i.name); });
