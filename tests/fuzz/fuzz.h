@@ -55,6 +55,10 @@ class ScratchFile {
     ScratchFile& operator=(const ScratchFile&) = delete;
 
     const char* path() const { return path_.c_str(); }
+    std::string content() const {
+        std::ifstream file(path_, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
     void hold(const std::string& bytes) const {
         std::ofstream file(path_, std::ios::binary | std::ios::trunc);
         file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

@@ -12,11 +12,6 @@ uint64_t items(const KSCache* cache) {
     return stats.cachedItems;
 }
 
-std::string bytesOf(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
@@ -35,8 +30,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
         KSCache* copy = KSCacheCreate(0, 3, 0, nullptr, nullptr);
         MUST(KSCacheLoad(copy, file.path(), &again) == 0);
         MUST(again == saved && items(copy) == saved);
-        const std::string first = bytesOf(file.path());
-        MUST(KSCacheSave(copy, file.path(), nullptr) == 0 && bytesOf(file.path()) == first);
+        const std::string first = file.content();
+        MUST(KSCacheSave(copy, file.path(), nullptr) == 0 && file.content() == first);
         KSCacheDestroy(copy);
     }
     KSCacheDestroy(cache);

@@ -19,11 +19,6 @@ size_t linesAbout(const std::string& text, const std::string& about) {
     return count;
 }
 
-std::string bytesOf(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
@@ -40,14 +35,14 @@ int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     }
     MUST(isOurs && facts);
     agent::saveFacts(file.path(), agent::Facts{});
-    const std::string nothing = bytesOf(file.path());
+    const std::string nothing = file.content();
     agent::saveFacts(file.path(), *facts);
-    const std::string saved = bytesOf(file.path());
+    const std::string saved = file.content();
     // All lines count, or none.
     for (const char* about : {"image", "cache"})
         MUST(saved == nothing || linesAbout(saved, about) == linesAbout(text, about));
     MUST(saved == nothing || text.starts_with("kspool-agent facts 1\n"));
     agent::saveFacts(file.path(), *agent::loadFacts(file.path()));
-    MUST(bytesOf(file.path()) == saved);
+    MUST(file.content() == saved);
     return 0;
 }
