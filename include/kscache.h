@@ -76,6 +76,13 @@ typedef struct KSCacheNode {
     uint8_t type;               /* fingerprint type, low 8 bits */
 } KSCacheNode;
 
+/* A place in a walk by KSCacheNext(). All zero: before the first entry. The members are private. */
+typedef struct KSCacheCursor {
+    const void* page;
+    const KSCacheNode* slot;
+    uint64_t moves;
+} KSCacheCursor;
+
 /* A key of the batch functions. The digest stays the caller's and is read during the call only. */
 typedef struct KSCacheKey {
     const void* fingerprint; /* the digest */
@@ -278,6 +285,23 @@ KSPOOL_API uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, cons
  */
 KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback,
                                    void* arg) KSPOOL_NOEXCEPT;
+
+/*
+ * The same walk, an entry a call, for callers that no callback suits. Between the calls the cache
+ * may be used: as with KSCacheIterate(), a deleted entry is not visited any more, and an added one
+ * only if its slot lies ahead. KSCacheCheck() and KSCacheReclaim() are allowed too, but when they
+ * have compacted, the walk cannot go on, since entries may have moved past its place.
+ *
+ *   cursor  the caller's place in the walk, zeroed before the first call; needs no release
+ *   node    receives the entry, which may be read until it is deleted or entries move; unchanged
+ *           without one
+ *
+ * Returns 0; CR_STATUS_NOT_FOUND (2) after the last entry, slot left alone; 44 or 82, also in the
+ * status slot, 82 also when the cache was compacted or reset since the walk began; 9 for a NULL
+ * `cursor` or `node`.
+ */
+KSPOOL_API uint32_t KSCacheNext(const KSCache* cache, KSCacheCursor* cursor,
+                                const KSCacheNode** node) KSPOOL_NOEXCEPT;
 
 /* ---- File ---- */
 

@@ -64,6 +64,7 @@ struct KSCache {
     uint32_t lockPages;
     uint32_t areaSize;  ///< slots per page, the header's included
     uint32_t bits;
+    uint32_t moves;        ///< compactions and resets, each of which ends walks by KSCacheNext()
     uint64_t cacheSize;    ///< bytes of all pages
     uint64_t cachedItems;  ///< nodes in the trees
     uint64_t hits;

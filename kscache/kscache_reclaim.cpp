@@ -297,6 +297,7 @@ void compact(KSCache* cache, FreeListBuilder* listed) noexcept {
     }
     KS_TRACE("KSCacheReclaim: memory usage before rebuild: %u", residentMemory());
     KS_TRACE("KSCacheReclaim: start, %lu items on free list", freeNodes(cache));
+    ++cache->moves;
     KS_TRACE("KSCacheReclaim: stage #1: rebuilding free list");
     rebuildFreeList(cache, listed);
     const uint64_t before = cache->freeListCount;

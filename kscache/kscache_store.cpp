@@ -30,7 +30,8 @@ void freeRoots(KSCache* cache) {
     cache->roots = nullptr;
 }
 
-/// Sets every field to its start but the settings, which survive.
+/// Sets every field to its start but the settings, which survive, and the count of moves, which
+/// goes on: a walk of before must not take the new entries for its own.
 void clearAllButSettings(KSCache* cache) {
     KSCache fresh{};
     fresh.magic = kCacheMagic;
@@ -39,6 +40,7 @@ void clearAllButSettings(KSCache* cache) {
     fresh.bits = cache->bits;
     fresh.callback = cache->callback;
     fresh.callbackArg = cache->callbackArg;
+    fresh.moves = cache->moves + 1;
     *cache = fresh;
 }
 

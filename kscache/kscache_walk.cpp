@@ -1,5 +1,6 @@
-// The walk over all entries, in the order of memory. `busy` keeps compaction out meanwhile, since
-// it would move entries past the walk or unmap its page.
+// The walks over all entries, in the order of memory. Compaction would move entries past a walk, or
+// unmap its page: `busy` keeps compaction out during a walk by callback, and `moves` tells a walk
+// by cursor that there was one.
 #include <utility>
 
 #include "kscache/kscache_int.h"
@@ -20,6 +21,26 @@ void walk(KSCache* cache, KSCacheIterateCallback callback, void* arg) {
     }
 }
 
+/// Puts a cursor on the first slot of a page.
+void enter(KSCacheCursor* cursor, KSCachePage* page) {
+    cursor->page = page;
+    cursor->slot = slotsOf(page).data();
+}
+
+/// The next entry from the cursor's place on, NULL without one. The cursor then stays at the end of
+/// the last page, so that it meets what is added behind.
+const KSCacheNode* advance(KSCacheCursor* cursor) {
+    for (;;) {
+        const auto* page = static_cast<const KSCachePage*>(cursor->page);
+        while (cursor->slot < page->end) {
+            const KSCacheNode* slot = cursor->slot++;
+            if (slot->refCount != 0) return slot;
+        }
+        if (page->next == nullptr) return nullptr;
+        enter(cursor, page->next);
+    }
+}
+
 }  // namespace
 
 uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback, void* arg) noexcept {
@@ -29,5 +50,21 @@ uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback, void* a
     const uint32_t outer = std::exchange(cache->busy, 1);
     walk(cache, callback, arg);
     cache->busy = outer;
+    return CR_STATUS_OK;
+}
+
+uint32_t KSCacheNext(const KSCache* cache, KSCacheCursor* cursor,
+                     const KSCacheNode** node) noexcept {
+    if (const uint32_t bad = checkHandle(cache)) return bad;
+    if (cursor == nullptr || node == nullptr) return CR_STATUS_INVALID_PARAMETER;
+    if (cursor->page == nullptr) {
+        if (cache->firstPage == nullptr) return CR_STATUS_NOT_FOUND;
+        enter(cursor, cache->firstPage);
+        cursor->moves = cache->moves;
+    }
+    if (cursor->moves != cache->moves) return storeStatus(CR_STATUS_BAD_HANDLE);
+    const KSCacheNode* found = advance(cursor);
+    if (found == nullptr) return CR_STATUS_NOT_FOUND;
+    *node = found;
     return CR_STATUS_OK;
 }

@@ -291,6 +291,31 @@ void CacheModel::walk() {
     met_.clear();
     same("status", KSCacheIterate(cache_, onEntry, this), 0);
     same("entries met", met_.size(), entries);
+    walkByCursor();
+}
+
+/// Goes on with a walk by cursor until a status is not 0, which is returned.
+uint32_t CacheModel::walkOn(KSCacheCursor& cursor, size_t most) {
+    const KSCacheNode* node = nullptr;
+    uint32_t status = 0;
+    for (size_t i = 0; i < most && (status = KSCacheNext(cache_, &cursor, &node)) == 0; ++i) {
+        const Identity met = identity({node->fingerprint, node->type});
+        same("known", model_.contains(met), 1);
+        met_.insert(met);
+    }
+    return status;
+}
+
+/// A walk by cursor meets the same, and one that began earlier what is still there, until entries
+/// move.
+void CacheModel::walkByCursor() {
+    const uint32_t status = walkOn(standing_, 1 + below_(20));
+    if (status != 0) standing_ = {};
+    same("status", status == CR_STATUS_NOT_FOUND || status == CR_STATUS_BAD_HANDLE ? 0 : status, 0);
+    met_.clear();
+    KSCacheCursor cursor{};
+    same("status", walkOn(cursor, model_.size() + 1), CR_STATUS_NOT_FOUND);
+    same("entries met", met_.size(), model_.size());
 }
 
 /// Reference counts are not kept in the file; everything else is. A save or load that fails leaves

@@ -97,6 +97,8 @@ class CacheModel {
     void removeOne(const KSCacheKey& key);
     static int onEntry(KSCache* cache, KSCacheNode* node, uint64_t value, int, void* arg);
 
+    uint32_t walkOn(KSCacheCursor& cursor, size_t most);
+    void walkByCursor();
     void add();
     void lookup();
     void remove();
@@ -108,6 +110,7 @@ class CacheModel {
     Source below_;
     std::string path_;
     KSCache* cache_;
+    KSCacheCursor standing_{};  // of a walk that goes on over many steps
     std::map<Identity, Entry> model_;
     std::set<Identity> met_;
     std::deque<Bytes> keys_;

@@ -155,6 +155,20 @@ std::string iterate(Objects& objects, const Words& w) {
            walk.results;
 }
 
+/// So many calls with the scenario's cursor, or until one meets no entry.
+std::string next(Objects& objects, const Words& w) {
+    const KSCacheNode* node = nullptr;
+    uint32_t result = 0;
+    unsigned met = 0;
+    if (w[1] == "first") objects.place = {};
+    for (unsigned long left = number(w[2]); left > 0 && result == 0; --left) {
+        result = KSCacheNext(objects.noHandle ? nullptr : objects.cache,
+                             w[1] == "null" ? nullptr : &objects.place, &node);
+        met += result == 0;
+    }
+    return withSlot(std::to_string(result)) + ", met " + std::to_string(met);
+}
+
 /// A call, and the size of the file that its first word names.
 Operation withFile(const Operation& call) {
     return {[=](Objects& objects, const Words& w) {
@@ -222,6 +236,7 @@ const Operations& golden::cacheCommands() {
              return outcome + ", callbacks " + std::to_string(repeats);
          }}},
         {"KSCacheIterate", {iterate}},
+        {"KSCacheNext", {next}},
         {"KSCacheSave", withFile(bind(KSCacheSave, "count"))},
         {"KSCacheLoad", withFile(bind(KSCacheLoad, "count"))},
         {"KSCacheReplaceFile", bind(KSCacheReplaceFile, "count")},

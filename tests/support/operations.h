@@ -80,6 +80,7 @@ struct Objects {
     MBPOCursor* cursor = nullptr;
     KSCache* cache = nullptr;
     KSCacheHold* hold = nullptr;
+    KSCacheCursor place{};
     KSConfig config{};
     MBPOFilter filter{};
     PO po{};
