@@ -7,6 +7,7 @@ import json
 import os
 import pty
 import random
+import resource
 import signal
 import struct
 import subprocess
@@ -45,7 +46,11 @@ def write(path, data):
 
 
 def sparse(path, size):
+    """A file of holes, which no limit of the file size has to keep off the disk."""
+    limits = resource.getrlimit(resource.RLIMIT_FSIZE)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (limits[1], limits[1]))
     os.truncate(write(path, b""), size)
+    resource.setrlimit(resource.RLIMIT_FSIZE, limits)
     return path
 
 
