@@ -158,14 +158,17 @@ TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
 // A server's text may neither forge a line nor rewrite the terminal.
 TEST(PlatformSupport, LinesOfAMessageAreMarkedOnStderr) {
     testing::internal::CaptureStderr();
-    ErrorA(7, "%s", "a\x1b[2J\nb\xc2\x9b\x7f\xff\xc3\xa4");
+    // Characters of two and four bytes are shown; bytes that are none, and half a character, are
+    // not.
+    ErrorA(7, "%s", "a\x1b[2J\nb\xc2\x9b\x7f\xff\xc3\xa4\xf0\x9f\x98\x80\xf0\x9f\x98");
     const std::string large(100000, '\n');
     ErrorA(7, "%s", large.c_str());
     const std::string said = testing::internal::GetCapturedStderr();
     const std::string head =
         std::string(OSGetProcName(0)) + "[" + std::to_string(getpid()) + "] error 7";
-    const std::string expected =
-        head + ": a\\x1b[2J\n" + head + "| b\\xc2\\x9b\\x7f\\xff\xc3\xa4\n" + head + ": \n";
+    const std::string expected = head + ": a\\x1b[2J\n" + head +
+                                 "| b\\xc2\\x9b\\x7f\\xff\xc3\xa4\xf0\x9f\x98\x80" +
+                                 "\\xf0\\x9f\\x98\n" + head + ": \n";
     EXPECT_EQ(said.substr(0, expected.size()), expected);
     EXPECT_EQ(std::count(said.begin(), said.end(), '|'), 1 + 99999);
 }
@@ -285,17 +288,18 @@ TEST(PlatformIni, ReadsOddFiles) {
         const char* entry;
         int64_t wide;
         int32_t narrow;
-    } numbers[] = {{"number", 12, 12},
-                   {"words", -5, -5},
-                   {"none", -5, -5},
-                   {"big", 99999999999, INT32_MAX},
-                   {"small", -99999999999, INT32_MIN},
-                   {"huge", INT64_MAX, INT32_MAX}};
+        int found;
+    } numbers[] = {{"number", 12, 12, 1},
+                   {"words", -5, -5, 0},
+                   {"none", -5, -5, 0},
+                   {"big", 99999999999, INT32_MAX, 1},
+                   {"small", -99999999999, INT32_MIN, 1},
+                   {"huge", INT64_MAX, INT32_MAX, 1}};
     for (const auto& row : numbers) {
         int64_t wide = 0;
         int32_t narrow = 0;
-        InifileGetLongLongA("one", row.entry, &wide, -5, path.c_str());
-        InifileGetIntegerA("one", row.entry, &narrow, -5, path.c_str());
+        EXPECT_EQ(InifileGetLongLongA("one", row.entry, &wide, -5, path.c_str()), row.found);
+        EXPECT_EQ(InifileGetIntegerA("one", row.entry, &narrow, -5, path.c_str()), row.found);
         EXPECT_EQ(wide, row.wide) << row.entry;
         EXPECT_EQ(narrow, row.narrow) << row.entry;
     }

@@ -142,6 +142,9 @@ TEST(Transport, SetsAllOptionsOrNone) {
     EXPECT_EQ(WSGetOption(transport, WS_OPT_7), -5);
     EXPECT_EQ(transport.get(), 0U);
     EXPECT_EQ(headerOf(server.requests().back(), "Authorization"), "Basic bWU6c2VjcmV0");
+    transport.set(WS_OPT_PASSWORD, longest.c_str() + 1);
+    EXPECT_EQ(transport.get(), 0U);
+    EXPECT_EQ(headerOf(server.requests().back(), "Authorization").size(), 6 + (3 + 4095) / 3 * 4);
     transport.set(WS_OPT_LOGIN, "");
     EXPECT_EQ(transport.get(), 0U);
     EXPECT_EQ(headerOf(server.requests().back(), "Authorization"), "");
