@@ -14,8 +14,8 @@ constexpr size_t kLoggedLength = 200;
 constexpr size_t kMostActionNames = 100;
 constexpr size_t kMostLogged = 20;
 
-std::string cut(const std::string& text) {
-    return text.substr(0, kLoggedLength);
+void cut(std::string& text) {
+    text.resize(std::min(text.size(), kLoggedLength));
 }
 
 OrderedJson summary(const LogEntry& entry) {
@@ -46,14 +46,13 @@ OrderedJson withParameters(const LogEntry& entry) {
 
 uint64_t RequestLog::add(LogEntry entry) {
     entry.number = ++total_;
-    for (std::string* text : {&entry.id, &entry.action}) {
-        if (text->size() > kLoggedLength) *text = cut(*text);
-    }
+    cut(entry.id);
+    cut(entry.action);
     if (entry.parameters.size() > kMostLogged)
         entry.parameters = Pairs(entry.parameters.begin(), entry.parameters.begin() + kMostLogged);
     for (auto& [name, value] : entry.parameters) {
-        if (name.size() > kLoggedLength) name = cut(name);
-        if (value.size() > kLoggedLength) value = cut(value);
+        cut(name);
+        cut(value);
     }
     // Names come from clients, valid or not: without a limit, invented ones would fill the memory.
     if (actions_.size() < kMostActionNames || actions_.contains(entry.action)) {

@@ -64,7 +64,7 @@ Json parseJson(const std::string& text) {
     // the stack.
     constexpr int kDeepest = 100;
     const auto check = [](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
-        if (depth > kDeepest)
+        if (depth >= kDeepest)  // counted from 0
             throw std::runtime_error("JSON that is nested deeper than 100 levels");
         return true;
     };
