@@ -160,9 +160,9 @@ struct Server::Parts {
     void placeTree(const std::string& folder) {
         const uint64_t leftOut = state.core.placeFolder(folder);
         if (leftOut > 0) {
-            warning =
-                folder + ": " + std::to_string(leftOut) +
-                " entries left out: neither file nor folder, or with names that are not valid";
+            warning = folder + ": " + std::to_string(leftOut) +
+                      (leftOut == 1 ? " entry" : " entries") +
+                      " left out: neither file nor folder, or with names that are not valid";
         }
     }
 

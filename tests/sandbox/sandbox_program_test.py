@@ -124,11 +124,10 @@ def check_serving(server, accounts):
         server.stop()
     write("made/accounts.json", accounts)
     os.makedirs("tree/d")
-    for name, content in (("d/f", "12345"), ("bad\nname", "x")):
-        write("tree/" + name, content)
+    write("tree/d/f", "12345")
     os.symlink("/", "tree/link")
     server.start("--port", "0", "--port-file", "port", "--db", "other.db", "--tree", "tree", stderr=subprocess.PIPE)
-    assert "2 entries left out" in server.process.stderr.readline()
+    assert "1 entry left out: neither" in server.process.stderr.readline()
     assert server.url == "http://127.0.0.1:" + open("port", encoding="ascii").read().strip() + "/p"
     assert re.fullmatch(r"d 0 \d+ d\nf 5 \d{10,} d/f\n", ask(server, action="dir", path="/", recursive=1))
     server.stop(signal.SIGINT)
@@ -178,7 +177,7 @@ def check_run():
     shell = ("run", "--", "sh", "-c")
     for arguments, code, says in (
             ((*shell, "exit 7"), 7, ""), ((*shell, "kill -KILL $$"), 137, ""), (("run", "--", "no-such-command"), 127, "No such file"),
-            (("run", "--", "/dev/null"), 126, "Permission denied"), (("run",), 2, "COMMAND"),
+            (("run", "--", "/dev/null"), 126, "Permission denied"), (("run",), 2, "COMMAND"), ((), 2, "A subcommand"), ((*shell, f"{PROGRAM} run -- sh -c 'exit 8'"), 8, ""),
             (("run", "--faults", "none", "--", "true"), 1, "'none'"), (("run", "--tree", "none", "--", "true"), 1, "none")):
         done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, env=env, check=False)
         assert done.returncode == code and says in done.stderr, (arguments, done)

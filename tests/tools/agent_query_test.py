@@ -92,7 +92,8 @@ with tempfile.TemporaryDirectory() as top:
     # A pattern is for finding only: it would expire other images as well.
     check(*((f"{command} {bad}", 2) for command in ("expire", "verify")
             for bad in ("--image *", "--client m? --image one", "--image a|b", "")),
-          ("expire --image one --older-than 1d", 2), ("expire --image one --even-newest", 2),
+          ("verify --image " + "x" * 256, 2, "1 to 255 characters"), ("expire --image one --older-than 1d", 2),
+          ("expire --image one --even-newest", 2),
           ("expire --older-than 5", 2), ("expire --older-than 0d", 2), ("expire --older-than -1d", 2))
 
     # Verify: every difference by its name, a code for scripts.
@@ -119,6 +120,8 @@ with tempfile.TemporaryDirectory() as top:
           ("verify --image one --exclude more {t}/sub", 0), ("verify --image one --exclude sub {t}/sub/a", 4, "new "))
     whole = report("verify", "--image", "one", code=4)
     assert (whole["same"], whole["changed"], whole["bytesRead"], len(whole["differences"])) == (3, 4, 1, 6), whole
+
+    assert report("expire", "--image", "one", "-n")["images"][0]["complete"]
 
     # A signal ends it while the server is silent.
     server.admin("faults", [{"kind": "delay", "ms": 9000, "action": "find"}])

@@ -276,6 +276,7 @@ def check_progress(top):
         lines = text.decode().split("\r\x1b[K")
         assert max(map(len, lines)) < width, lines
         assert any(shown in line for line in lines) if shown else not text, (term, width, lines)
+        assert all(int(line.split("%")[0].split()[-1]) <= 100 for line in lines if "%" in line), lines
 
 
 with tempfile.TemporaryDirectory() as home:
