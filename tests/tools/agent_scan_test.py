@@ -7,6 +7,7 @@ import json
 import os
 import pty
 import random
+import re
 import resource
 import signal
 import struct
@@ -252,6 +253,12 @@ def check_report(top):
     for text in ("Dedup ratio by segment size", "3.00 : 1", top + "-page/zz", ".txt", "8.00 KiB",
                  top + "-page/<b>&{{tiles}}\\x0a.txt"):
         assert text in found.texts, (text, found.texts)
+    assert set(re.findall("<thead><tr>(<th.*?>)", page)) == {"<th>"}, page
+    for known, share in (("0.0 %", "100.0 %"), ("100.0 %", "0.0 %")):  # the first and the second scan
+        run(AGENT, "scan", "--report", path, "--cache", path + ".cache", top + "-page/zz/more.c")
+        with open(path, encoding="utf-8") as file:
+            texts = Texts(file.read()).texts
+        assert known in texts and share not in texts, texts
     assert "No such file" in run(AGENT, "scan", "--report", "/none/page", top, code=1).stderr
 
 
