@@ -78,9 +78,9 @@ typedef struct KSCacheNode {
 
 /* A place in a walk by KSCacheNext(). All zero: before the first entry. The members are private. */
 typedef struct KSCacheCursor {
-    const void* page;
-    const KSCacheNode* slot;
-    uint64_t moves;
+    const void* page;        /* NULL before the first entry */
+    const KSCacheNode* slot; /* where the next step goes on */
+    uint64_t moves;          /* tells whether entries have moved since */
 } KSCacheCursor;
 
 /* A key of the batch functions. The digest stays the caller's and is read during the call only. */
