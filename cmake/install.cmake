@@ -10,7 +10,8 @@ set(package ${CMAKE_INSTALL_LIBDIR}/cmake/kspool)
 file(RELATIVE_PATH libraries /x/${CMAKE_INSTALL_BINDIR} /x/${CMAKE_INSTALL_LIBDIR})
 set_target_properties(kspool kspool_platform PROPERTIES INSTALL_RPATH $ORIGIN)
 
-install(DIRECTORY include/ DESTINATION ${headers} COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY include/ DESTINATION ${headers} COMPONENT development
+        FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 install(DIRECTORY platform DESTINATION ${headers} COMPONENT development
         FILES_MATCHING PATTERN "*.h" PATTERN standin EXCLUDE)
 install(TARGETS kspool kspool_platform kspool_static kspool_platform_static

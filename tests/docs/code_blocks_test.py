@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Does what the documents say: installs a build, and for each document compiles its C blocks and runs
-its shell blocks in order, in a folder of their own. A block with a main() is saved as program.c; one
-without is compiled as a piece of a function. Other kinds of blocks have tests of their own.
+"""Does what the documents say: installs a build, and for each document compiles its blocks of C and C++ and
+runs its shell blocks in order, in a folder of their own. A block with a main() is saved as program.c or
+program.cpp; one without is compiled as a piece of a function. Other kinds of blocks have tests of their own.
 Usage: code_blocks_test.py BUILD DOCUMENT...
 """
 import os
@@ -14,7 +14,7 @@ ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.S | re.M)
 SHELL = os.environ.get("KSPOOL_TEST_SHELL", "bash").split()
 OTHERS = {"ini", "hex", "json", "http"}
-PIECE = """#include <stdio.h>
+C_PIECE = """#include <stdio.h>
 #include "kscache.h"
 #include "mb.h"
 #include "ks.h"
@@ -23,20 +23,28 @@ void piece(KSCache* cache, MBSession* session, unsigned char* digest, unsigned c
     (void)cache, (void)session, (void)digest, (void)other;
 %s}
 """
+CPP_PIECE = """#include <cstdio>
+#include "kspool.hpp"
+void piece(kspool::Cache& cache, kspool::Session& session) {
+    (void)cache, (void)session;
+%s}
+"""
+LANGUAGES = {"c": ("cc -std=c99", C_PIECE), "cpp": ("c++ -std=c++20", CPP_PIECE)}
 
 
 def script(document):
     """One shell script of all blocks, so that what one sets the next one has."""
     lines = ["set -euo pipefail", "trap 'kill $(jobs -p) 2>/dev/null || :' EXIT"]
     for number, (kind, code) in enumerate(BLOCK.findall(open(document, encoding="utf-8").read())):
-        assert kind in {"c", "sh"} | OTHERS, f"{document}: a block of kind '{kind}'"
+        assert kind in {"sh", *LANGUAGES} | OTHERS, f"{document}: a block of kind '{kind}'"
         if kind == "sh":
             lines.append(code)
-        elif kind == "c":
-            name = "program.c" if "int main" in code else f"piece{number}.c"
-            text = code if "int main" in code else PIECE % code
+        elif kind in LANGUAGES:
+            compiler, piece = LANGUAGES[kind]
+            name = f"program.{kind}" if "int main" in code else f"piece{number}.{kind}"
+            text = code if "int main" in code else piece % code
             lines.append(f"cat >{name} <<'END_OF_CODE'\n{text}END_OF_CODE")
-            lines.append(f"cc -std=c99 -Wall -Wextra -Werror -c {name} $(pkg-config --cflags kspool) -o piece.o")
+            lines.append(f"{compiler} -Wall -Wextra -Werror -c {name} $(pkg-config --cflags kspool) -o piece.o")
     return "\n".join(lines)
 
 

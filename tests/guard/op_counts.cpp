@@ -1,5 +1,6 @@
 // One operation of the library, a fixed number of times, for counting its instructions. Usage:
-// op_counts OPERATION, or without one to list them.
+// op_counts OPERATION, or without one to list them. "X (C++)" is the operation X through
+// kspool.hpp.
 #include <unistd.h>
 
 #include <array>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "kscache.h"
+#include "kspool.hpp"
 #include "mb.h"
 #include "mb/mb_int.h"
 #include "platform/status.h"
@@ -51,6 +53,7 @@ KSCache* newCache(bool filled) {
 /// What an operation works on.
 struct Work {
     KSCache* cache;
+    kspool::Cache* owner;
     size_t first;  ///< key
     char* answer;
 };
@@ -72,6 +75,32 @@ void existsBatch(const Work& w) {
 }
 void addBatch(const Work& w) {
     KSCacheAddBatch(w.cache, kKeys.keys.data(), kKeys.values.data(), nullptr, kEntries, nullptr);
+}
+
+/// Batches so small that the cost of a call shows.
+template <typename Call>
+void eights(Call call) {
+    for (size_t i = 0; i < kEntries; i += 8)
+        call(std::span(kKeys.keys).subspan(i, 8), std::span(kKeys.values).subspan(i, 8));
+}
+std::array<uint64_t, 8> found;
+std::array<uint32_t, 8> statuses;
+
+void hitEights(const Work& w) {
+    eights([&](auto keys, auto) {
+        KSCacheExistsBatch(w.cache, keys.data(), 8, found.data(), statuses.data());
+    });
+}
+void hitEightsCpp(const Work& w) {
+    eights([&](auto keys, auto) { (void)w.owner->existsBatch(keys, found, statuses); });
+}
+void addEights(const Work& w) {
+    eights([&](auto keys, auto values) {
+        KSCacheAddBatch(w.cache, keys.data(), values.data(), nullptr, 8, statuses.data());
+    });
+}
+void addEightsCpp(const Work& w) {
+    eights([&](auto keys, auto values) { (void)w.owner->addBatch(keys, values, statuses); });
 }
 void walkLines(const Work& w) {
     MBPOCursor cursor{};
@@ -110,6 +139,10 @@ constexpr struct {
          each(w, [&](const void* key) { KSCacheDelete(w.cache, key, CR_FP_SHA256); });
      },
      true, false},
+    {"hit eights", hitEights, true, false},
+    {"hit eights (C++)", hitEightsCpp, true, false},
+    {"add eights", addEights, false, false},
+    {"add eights (C++)", addEightsCpp, false, false},
     {"save", [](const Work& w) { KSCacheSave(w.cache, kFile.c_str(), nullptr); }, true, false},
     {"load", [](const Work& w) { KSCacheLoad(w.cache, kFile.c_str(), nullptr); }, false, false},
     {"limit check", [](const Work& w) { KSCacheCheck(w.cache, 1); }, true, false},
@@ -137,10 +170,9 @@ int main(int argc, char** argv) {
         KSCache* saved = newCache(true);  // for the load
         KSCacheSave(saved, kFile.c_str(), nullptr);
         KSCacheDestroy(saved);
-        KSCache* cache = newCache(row.filled);
-        const Work work{cache, row.unknown ? kEntries : 0, answer.data()};
+        kspool::Cache cache(newCache(row.filled));
+        const Work work{cache.get(), &cache, row.unknown ? kEntries : 0, answer.data()};
         countedOperation(i, &work);
-        KSCacheDestroy(cache);
         unlink(kFile.c_str());
         return 0;
     }

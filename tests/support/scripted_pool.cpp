@@ -180,6 +180,11 @@ int POSetFromNonConstString(PO* po, char* line) noexcept {
     *__cr_errno_location() = reply.status != 0 ? reply.status : uint32_t{CR_STATUS_NO_MEMORY};
     return -1;
 }
+const char* POGetField(const PO* po, uint32_t index, size_t* length) noexcept {
+    if (index > 0 || po->text == nullptr) return nullptr;
+    *length = strlen(po->text);
+    return po->text;
+}
 char* URLDecode(char* text) noexcept {
     record("URLDecode(" + shown(text) + ")");
     return text;
