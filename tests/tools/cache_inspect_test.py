@@ -95,6 +95,9 @@ def check_damage():
             assert all(text in line for text, line in zip(said, lines)), (arguments, done.stderr)
             assert code == 0 or arguments[0] == "verify" or done.stdout == "", arguments
     assert [(row["type"], row["records"]) for row in ask("stat", "types")["types"]] == [(3, 3), (200, 12)]
+    shown = run("stat", "types").stdout
+    assert re.findall(r"^  type (\d+) +(\d+) ", shown, re.M) == [("3", "3"), ("200", "12")], shown
+    assert "Cache memory   72.25 KiB: 1 pages of 1,024 slots" in shown, shown
     run("verify", "good", "sum", "gone", "good", code=2)
     found = ask("verify", "good", "sum", "odd\n\\", "b\udcff\\\x01", code=2)
     assert [one["state"] for one in found] == ["good", "damaged", "unreadable", "unreadable"], found

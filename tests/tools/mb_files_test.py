@@ -205,6 +205,7 @@ def check_odd_answers(agent):
         assert found[0] == {"type": "f", "size": 1, "mtime": 2, "path": "b\\xff\\x5c", "escaped": ["path"]}, found
         assert found[2] == {"type": "f", "size": 2**64 - 1, "mtime": -1, "path": "ok \x1b[2J\\"}, found
         run(*odd, "time", code=1)
+        run(*odd, "--json", "image", "last", "1", code=1, says=["1 lines of the answer are no images"])
         for ahead[0], words in ((7200, "7,200 s ahead of"), (-7200, "7,200 s behind"), (0, "as")):
             # A second may begin between the two clocks, but not each time.
             said = [run(*odd, "time") for _ in range(3)]

@@ -91,7 +91,8 @@ with tempfile.TemporaryDirectory() as top:
     run(*at, "image", "last", "1", "--parent", "6", code=10)
     run(*at, "image", "policy", "1", *image, out="p\n")
     run(*at, "image", "retention", "1", *image, code=10, out="")
-    run(*at, "image", "retention", "1", *image, "--set", "60", "--worm", "3")
+    for least in "0", "60":
+        run(*at, "image", "retention", "1", *image, "--set", least, "--worm", "3")
     shown, = json.loads(run(*at, "--json", "image", "retention", "1", *image).stdout)
     assert (shown["retention"], shown["worm"]) == (60, 3), shown
     run(*at, "image", "delete", "1", *image)
