@@ -184,6 +184,9 @@ def check_run():
         assert not os.listdir("temporary"), arguments
     assert run("run", "--", "printf", "<%s>", "[1,2]", "[]", "", "--", "--tls", code=0, env=env) == "<[1,2]><[]><><--><--tls>"
     run("run", "--", "true", code=0, env=env, preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+    # A file of the setup then has the descriptor 0.
+    run("init", "closed", "--url", "http://127.0.0.1:9", code=0, preexec_fn=lambda: os.close(0))
+    assert all(os.path.getsize("closed/" + name) for name in os.listdir("closed")), os.listdir("closed")
     inherited = run("run", "--tls", "--", "sh", "-c", "ls /proc/self/fd", code=0, env=env)
     assert inherited.split() == ["0", "1", "2", "3"], inherited  # the last one is that of ls
     told = 'echo "$KSPOOL_LOGIN $KSPOOL_PASSWORD $KSPOOL_SANDBOX_URL"; grep url "$KSPOOL_AGENT_CONFIG"'
