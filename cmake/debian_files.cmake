@@ -1,7 +1,8 @@
 # What Debian wants of each package besides its files: no search paths for libraries, compressed manual
 # pages and change log, and a note on copyright.
 file(GLOB binaries LIST_DIRECTORIES false "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/bin/*"
-     "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/lib/*/lib*.so.*")
+     "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/lib/*/lib*.so.*"
+     "${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/lib/python3/dist-packages/*/*.so")
 foreach(binary IN LISTS binaries)
   file(RPATH_REMOVE FILE ${binary})
 endforeach()

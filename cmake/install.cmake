@@ -1,4 +1,5 @@
-# What `cmake --install` and the packages hold: four components. Headers lie in one folder of their
+# What `cmake --install` and the packages hold: four components, and that of the
+# Python package (python/CMakeLists.txt). Headers lie in one folder of their
 # own, which pkg-config and the CMake package add to the search path.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)

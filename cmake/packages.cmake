@@ -37,6 +37,11 @@ debian_package(tools kspool-tools utils "command-line programs for a backup stor
   "libkspool1 ${this}")
 debian_package(documentation libkspool-doc doc "client library of a backup storage pool, documentation"
   "Guides, reference, file and wire formats, examples.")
+if(KSPOOL_BUILD_PYTHON)
+  debian_package(python python3-kspool python "client library of a backup storage pool, for Python"
+    "The fingerprint cache, sessions with the pool's server, and a server for\ntests."
+    "libkspool1 ${this}" "python3 (>= 3.11~)" "python3-cffi-backend")
+endif()
 # Who links which name needs which package; the linker's cache is refreshed by its trigger.
 set(control ${PROJECT_BINARY_DIR}/control)
 file(WRITE ${control}/shlibs "libkspool 1 libkspool1 (>= ${PROJECT_VERSION})\n"
@@ -45,5 +50,12 @@ file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control}/shlibs ${control}/triggers)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+if(KSPOOL_BUILD_PYTHON)  # the interpreter's byte code comes and goes with the package
+  file(WRITE ${control}/postinst "#!/bin/sh\nset -e\nif command -v py3compile >/dev/null; then py3compile -p python3-kspool; fi\n")
+  file(WRITE ${control}/prerm "#!/bin/sh\nset -e\nif command -v py3clean >/dev/null; then py3clean -p python3-kspool; fi\n")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${control}/postinst ${control}/prerm)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS kspool-tools)
+endif()
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 include(CPack)

@@ -1,0 +1,83 @@
+/*
+ * What the Python package does in blocks, below one call of Python: batches over digests without
+ * gaps, and walks. The keys of a block lie on the stack, so that a batch allocates nothing. Blocks
+ * of a thousand keys gain all that batches gain (kscache.h, convention 7).
+ *
+ * What stands above the definitions is declared to Python as well.
+ */
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "kscache.h"
+
+enum { BLOCK_KEYS = 1000, BLOCK_ENTRIES = 512 };
+enum { BATCH_ADD, BATCH_EXISTS, BATCH_FETCH };
+
+/* Entries of a walk. */
+typedef struct EntryBlock {
+    uint8_t digests[BLOCK_ENTRIES * 32]; /* 32 bytes for each entry, whose type may use 16 */
+    uint64_t values[BLOCK_ENTRIES];
+    uint8_t types[BLOCK_ENTRIES];
+    size_t count;
+} EntryBlock;
+
+/*
+ * A batch function of kscache.h over digests of one type: 32 bytes each for type 3, 16 for others.
+ * Returns how many had the status 0, or the negative of the first failure, which ends no batch.
+ */
+static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_t count,
+                        uint32_t type, uint64_t* values, uint32_t* statuses);
+
+/* KSCacheNext() until the block is full or the walk has ended. */
+static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBlock* block);
+
+/* ---- Definitions ---- */
+
+enum { WIDE_TYPE = 3, WIDE = 32, NARROW = 16 };
+
+static uint32_t runBlock(KSCache* cache, int batch, const KSCacheKey* keys, size_t count,
+                         uint64_t* values, uint32_t* statuses) {
+    switch (batch) {
+        case BATCH_ADD:
+            return KSCacheAddBatch(cache, keys, values, NULL, count, statuses);
+        case BATCH_EXISTS:
+            return KSCacheExistsBatch(cache, keys, count, values, statuses);
+        default:
+            return KSCacheFetchBatch(cache, keys, count, values, statuses);
+    }
+}
+
+static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_t count,
+                        uint32_t type, uint64_t* values, uint32_t* statuses) {
+    const size_t width = type == WIDE_TYPE ? WIDE : NARROW;
+    KSCacheKey keys[BLOCK_KEYS];
+    uint32_t unwanted[BLOCK_KEYS], first = CR_STATUS_OK;
+    int64_t done = 0;
+    for (size_t at = 0; at < count; at += BLOCK_KEYS) {
+        const size_t some = count - at < BLOCK_KEYS ? count - at : BLOCK_KEYS;
+        uint32_t* told = statuses != NULL ? statuses + at : unwanted;
+        for (size_t i = 0; i < some; ++i) {
+            keys[i].fingerprint = digests + (at + i) * width;
+            keys[i].type = type;
+        }
+        const uint32_t status =
+            runBlock(cache, batch, keys, some, values != NULL ? values + at : NULL, told);
+        if (status != CR_STATUS_OK && first == CR_STATUS_OK) first = status;
+        for (size_t i = 0; i < some; ++i)
+            done += told[i] == CR_STATUS_OK;
+    }
+    return first == CR_STATUS_OK ? done : -(int64_t)first;
+}
+
+static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBlock* block) {
+    for (block->count = 0; block->count < BLOCK_ENTRIES; ++block->count) {
+        const KSCacheNode* node = NULL;
+        const uint32_t status = KSCacheNext(cache, cursor, &node);
+        if (status != CR_STATUS_OK) return status == CR_STATUS_NOT_FOUND ? CR_STATUS_OK : status;
+        memcpy(block->digests + block->count * WIDE, node->fingerprint, WIDE);
+        block->values[block->count] = node->value;
+        block->types[block->count] = node->type;
+    }
+    return CR_STATUS_OK;
+}

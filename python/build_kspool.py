@@ -1,0 +1,56 @@
+"""Makes the extension of the package: its declarations are the public headers themselves, so that none is
+written twice. setup.py uses the installed library, which pkg-config finds; CMake has the C code written with
+    build_kspool.py FOLDERS OUTPUT    FOLDERS: those of the headers, with : between them
+"""
+import os
+import re
+import subprocess
+import sys
+
+import cffi
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+WHOLE = ("kspool_version.h", "cr_status.h", "ks_option.h", "kscache.h", "mb.h")
+PLATFORM = ("platform/status.h", "platform/ws.h")
+DEFINITIONS = "/* ---- Definitions"  # in blocks.c
+# Of the platform only what is used: an implementation of its first contract has fewer functions.
+FUNCTIONS = """
+uint32_t* __cr_errno_location(void);
+const char* CRStatusToStringA(uint32_t status);
+void free(void* memory);
+"""
+
+
+def read(folders, name):
+    path = next(filter(os.path.isfile, (os.path.join(folder, name) for folder in (*folders, HERE))))
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def declarations(folders):
+    text = "".join(read(folders, name) for name in WHOLE) + read((), "blocks.c").partition(DEFINITIONS)[0]
+    text = re.sub(r"^#ifdef __cplusplus\n.*?^#endif\n", "", text, flags=re.S | re.M)
+    text = re.sub(r"^#.*\n|\bKSPOOL_API |\bKSPOOL_NOEXCEPT\b", "", text, flags=re.M)
+    platform = "".join(read(folders, name) for name in PLATFORM)
+    return text + "".join(re.findall(r"^enum\b[^;]*;", platform, flags=re.M)) + FUNCTIONS
+
+
+def pkg_config(*words):
+    done = subprocess.run(["pkg-config", *words, "kspool"], check=True, stdout=subprocess.PIPE, text=True)
+    return done.stdout.split()
+
+
+def builder(folders=None):
+    ffi = cffi.FFI()
+    options = {}
+    if folders is None:
+        folders = [flag.removeprefix("-I") for flag in pkg_config("--cflags-only-I")]
+        options = {"include_dirs": folders, "extra_link_args": pkg_config("--libs"), "extra_compile_args": ["-O2"]}
+    ffi.cdef(declarations(folders))
+    includes = "".join(f'#include "{name}"\n' for name in (*WHOLE, *PLATFORM))
+    ffi.set_source("kspool._kspool", "#include <stdlib.h>\n" + includes + read((), "blocks.c"), **options)
+    return ffi
+
+
+if __name__ == "__main__":
+    builder(sys.argv[1].split(":")).emit_c_code(sys.argv[2])

@@ -1,0 +1,207 @@
+"""The fingerprint cache.
+
+Threads: a call runs without the GIL, and a cache serves one thread at a time. Calls of other threads wait for the
+lock of the cache; other caches, and all other Python code, go on.
+
+1. `_lock` is held in each call that uses the cache. Its thread may take it again, as a signal handler does.
+2. Digests, values and statuses are read and written where they lie. Their buffers are exported during the call, so
+   that nobody can resize or free them.
+3. `_moves` changes with each call after which a walk could tell of entries that are gone.
+"""
+import os
+import threading
+from typing import Any, Iterator, NamedTuple
+
+from ._handle import Handle, check, encoded, fail, record_of
+from ._kspool import ffi, lib
+
+MD5, SHA1_16, SHA256 = map(int, (lib.CR_FP_MD5, lib.CR_FP_SHA1_16, lib.CR_FP_SHA256))
+
+ARRAYS = {4: ffi.typeof("uint32_t[]"), 8: ffi.typeof("uint64_t[]")}
+Path = str | bytes | os.PathLike[str]
+Buffer = Any  # an object with the buffer protocol, which has a type from Python 3.12 on only
+Entry = NamedTuple("Entry", [("digest", bytes), ("value", int), ("type", int)])
+CacheStats = NamedTuple("CacheStats", [
+    ("cache_size", int), ("cached_items", int), ("hits", int), ("misses", int), ("free_list_count", int),
+    ("page_count", int), ("nodes_available", int), ("lock_pages", int), ("area_size", int), ("bits", int),
+    ("node_size", int)])
+
+
+def _width(kind: int) -> int:
+    if not 0 <= kind <= 255:
+        raise ValueError(f"fingerprint type {kind} is not within 0 to 255")
+    return 32 if kind == SHA256 else 16
+
+
+def _numbers(buffer: Buffer | None, size: int, count: int, writable: bool) -> Any:
+    """A buffer of `count` unsigned numbers of `size` bytes, as C has them."""
+    if buffer is None:
+        return ffi.NULL
+    view = memoryview(buffer)
+    if view.itemsize != size or view.format.lstrip("@=<") not in ("I", "L", "Q") or view.nbytes != count * size:
+        raise ValueError(f"{count} unsigned {size * 8}-bit numbers are needed, not {view.nbytes} bytes of "
+                         f"'{view.format}'")
+    return ffi.from_buffer(ARRAYS[size], view, require_writable=writable)
+
+
+class Hold(Handle):
+    """A cache file that is held: until close(), no other process and no other hold replaces the file."""
+
+    __slots__ = ()
+
+    def __init__(self, path: Path) -> None:
+        place = ffi.new("KSCacheHold **")
+        check(lib.KSCacheHoldFile(encoded(os.fsencode(path)), place))
+        owner, getpid, release = os.getpid(), os.getpid, lib.KSCacheReleaseFile
+        # A child of fork() has a copy, which must not give back the hold of the parent.
+        super().__init__(place[0], lambda hold: release(hold) if getpid() == owner else None)
+
+
+class Cache(Handle):
+    """Which blocks of data are known, and with which value of 64 bits.
+
+    Digests are bytes-like. `type` is that of the fingerprints: 3 for 32 bytes, any other for 16; a call may name
+    another one than the cache has. A batch takes digests without gaps: bytes, a memoryview, or an array of uint8 with
+    a row for each; its values and statuses are arrays of uint64 and uint32. Presence tests (`in`, exists(),
+    exists_batch()) count, and limit() keeps what was asked for most; get(), [] and fetch_batch() change nothing.
+    """
+
+    __slots__ = ("type", "_lock", "_moves", "_value")
+
+    def __init__(self, expected: int = 1_000_000, *, type: int = SHA256, lock_pages: bool = False) -> None:
+        """An empty cache for about `expected` entries. It takes more, and is slower then."""
+        _width(type)
+        self.type = type
+        self._lock, self._moves, self._value = threading.RLock(), 0, ffi.new("uint64_t *")
+        super().__init__(lib.KSCacheCreate(lib.KSCacheAreaFor(expected), lib.KSCacheBitsFor(expected), lock_pages,
+                                           ffi.NULL, ffi.NULL), lib.KSCacheDestroy)
+
+    def _call(self, function: Any, digest: Buffer, type: int | None, *more: Any, result: int) -> bool:
+        """Carries out a single call. False when the status was `result`."""
+        kind = self.type if type is None else type
+        key = digest if isinstance(digest, bytes) else memoryview(digest).tobytes()
+        if len(key) != _width(kind):
+            raise ValueError(f"a digest of {len(key)} bytes: those of type {kind} have {_width(kind)}")
+        return bool(check(function(self._open(), key, kind, *more), result) == lib.CR_STATUS_OK)
+
+    def add(self, digest: Buffer, value: int, type: int | None = None) -> bool:
+        """Records a digest. False if it is known already: it keeps its value, and counts as asked for."""
+        with self._lock:
+            return self._call(lib.KSCacheAdd, digest, type, value, ffi.NULL, result=lib.CR_STATUS_EXISTS)
+
+    def _find(self, function: Any, digest: Buffer, type: int | None) -> int | None:
+        with self._lock:
+            found = self._call(function, digest, type, self._value, result=lib.CR_STATUS_NOT_FOUND)
+            return self._value[0] if found else None
+
+    def get(self, digest: Buffer, default: int | None = None, type: int | None = None) -> int | None:
+        """The value of a digest, or `default`. Nothing is counted."""
+        value = self._find(lib.KSCacheFetch, digest, type)
+        return default if value is None else value
+
+    def exists(self, digest: Buffer, type: int | None = None) -> int | None:
+        """The value of a digest, or None, by a presence test, which counts."""
+        return self._find(lib.KSCacheExists, digest, type)
+
+    def __contains__(self, digest: Buffer) -> bool:
+        return self.exists(digest) is not None
+
+    def __getitem__(self, digest: Buffer) -> int:
+        value = self.get(digest)
+        return fail(lib.CR_STATUS_NOT_FOUND) if value is None else value
+
+    def delete(self, digest: Buffer, type: int | None = None) -> None:
+        """Removes a digest. NotFound, which is a KeyError, if it is not known."""
+        with self._lock:
+            self._moves += 1
+            self._call(lib.KSCacheDelete, digest, type, result=lib.CR_STATUS_OK)
+
+    __delitem__ = delete
+
+    def _batch(self, batch: int, digests: Buffer, type: int | None, values: Buffer | None,
+               statuses: Buffer | None) -> int:
+        """Carries out a batch in one call of C, and tells how many statuses are 0."""
+        kind = self.type if type is None else type
+        width, view = _width(kind), memoryview(digests)
+        if view.itemsize != 1 or view.nbytes % width or (view.shape or ())[1:] not in ((), (width,)):
+            raise ValueError(f"digests of type {kind} are rows of {width} bytes, not {view.shape} of '{view.format}'")
+        keys, count = ffi.from_buffer("uint8_t[]", view), view.nbytes // width
+        numbers = _numbers(values, 8, count, batch != lib.BATCH_ADD), _numbers(statuses, 4, count, True)
+        with self._lock:
+            done: int = lib.runBatch(self._open(), batch, keys, count, kind, *numbers)
+        return done if done >= 0 else fail(-done)
+
+    def add_batch(self, digests: Buffer, values: Buffer, statuses: Buffer | None = None, *,
+                  type: int | None = None) -> int:
+        """add() for each digest. Returns how many were new: their status is 0, that of known ones 1."""
+        return self._batch(lib.BATCH_ADD, digests, type, memoryview(values), statuses)
+
+    def exists_batch(self, digests: Buffer, values: Buffer | None = None, statuses: Buffer | None = None, *,
+                     type: int | None = None) -> int:
+        """exists() for each digest. Returns how many are known: their status is 0, and their values are written. The
+        status of others is 2, and their values are left as they were."""
+        return self._batch(lib.BATCH_EXISTS, digests, type, values, statuses)
+
+    def fetch_batch(self, digests: Buffer, values: Buffer | None = None, statuses: Buffer | None = None, *,
+                    type: int | None = None) -> int:
+        """get() for each digest; otherwise as exists_batch()."""
+        return self._batch(lib.BATCH_FETCH, digests, type, values, statuses)
+
+    def entries(self) -> Iterator[Entry]:
+        """All entries, in the order of memory. Entries that are added meanwhile are met or not. After delete(), limit()
+        or reset() the next step raises RuntimeError."""
+        cursor, block, moves = ffi.new("KSCacheCursor *"), ffi.new("EntryBlock *"), self._moves
+        while True:
+            with self._lock:
+                check(lib.nextEntries(self._open(), cursor, block))
+            if block.count == 0:
+                return
+            digests, count = bytes(ffi.buffer(block.digests)), block.count
+            values, types = ffi.unpack(block.values, count), ffi.unpack(block.types, count)
+            for at, value, kind in zip(range(0, len(digests), 32), values, types):
+                yield Entry(digests[at:at + (32 if kind == SHA256 else 16)], value, kind)
+                if self._moves != moves:
+                    raise RuntimeError("entries of the cache went or moved during the walk")
+
+    def __iter__(self) -> Iterator[bytes]:
+        return (entry.digest for entry in self.entries())
+
+    def __len__(self) -> int:
+        return self.stats().cached_items
+
+    def stats(self) -> CacheStats:
+        """Counters and settings, as KSCacheStatsRecord has them; sizes are in bytes."""
+        record = ffi.new("KSCacheStatsRecord *")
+        with self._lock:
+            check(lib.KSCacheStats(self._open(), record))
+        return CacheStats(*record_of(record))
+
+    def limit(self, mib: int) -> None:
+        """Holds the pages to `mib` MiB: drops what was asked for least, and compacts. 0: compacts only."""
+        with self._lock:
+            self._moves += 1
+            check(lib.KSCacheCheck(self._open(), mib))
+
+    def reset(self) -> None:
+        """Removes all entries."""
+        with self._lock:
+            self._moves += 1
+            lib.KSCacheReset(self._open())
+
+    def _file(self, function: Any, path: Path, *more: Any) -> int:
+        count = ffi.new("uint64_t *")
+        with self._lock:
+            check(function(self._open(), encoded(os.fsencode(path)), *more, count))
+        return int(count[0])
+
+    def load(self, path: Path) -> int:
+        """Adds the entries of a file, all or none, and returns their number."""
+        return self._file(lib.KSCacheLoad, path)
+
+    def save(self, path: Path) -> int:
+        """Writes a file, and returns the number of entries. Write errors go unseen: replace() sees them."""
+        return self._file(lib.KSCacheSave, path)
+
+    def replace(self, path: Path, hold: Hold | None = None) -> int:
+        """Replaces a file so that a good one is there at any time, and returns the number of entries."""
+        return self._file(lib.KSCacheReplaceFile, path, hold._open() if hold else ffi.NULL)

@@ -1,0 +1,106 @@
+"""Errors, and what caches, holds and sessions have alike."""
+from typing import Any, NoReturn, Self
+
+from ._kspool import ffi, lib
+
+
+class Error(Exception):
+    """A failure that the library reported: `status` is its number, `text` tells it to people, `errno` is the number
+    of the system error or None."""
+
+    def __init__(self, status: int, text: str = "") -> None:
+        self.status, self.text = status, text or decoded(lib.CRStatusToStringA(status))
+        self.errno = status - 1000 if 1000 <= status < 2000 else None
+        super().__init__(status, self.text)
+
+    def __str__(self) -> str:
+        return f"{self.text} ({self.status})"
+
+
+class NotFound(Error, KeyError): """A fingerprint is not in the cache."""
+class Busy(Error): """A cache file is held by another process, or by another hold."""
+class Corrupt(Error): """A file is no cache file or damaged, or the server's data are malformed."""
+class NoMemory(Error, MemoryError): """Memory is short."""
+class Permission(Error): """The server refused the request for lack of a permission."""
+class Remote(Error): """The server reported an error, which Session.last_event() describes."""
+class Unreachable(Error): """There was no connection to the server, and nothing was sent."""
+class Timeout(Error): """No connection, or no complete answer in time."""
+class Aborted(Error): """Session.abort() ended the request: it was carried out once or not at all."""
+
+
+# The statuses that raise more than Error.
+KINDS: dict[int, type[Error]] = {
+    lib.CR_STATUS_NOT_FOUND: NotFound, lib.CR_STATUS_BUSY: Busy, lib.CR_STATUS_CORRUPT: Corrupt,
+    lib.CR_STATUS_BAD_HANDLE: Corrupt, lib.CR_STATUS_NO_MEMORY: NoMemory, lib.CR_STATUS_SYSTEM_BASE + 12: NoMemory,
+    lib.CR_STATUS_PERMISSION_DENIED: Permission, lib.CR_STATUS_REMOTE_ERROR: Remote, lib.CR_STATUS_BAD_RESPONSE: Remote,
+    lib.WS_STATUS_NO_SERVER: Unreachable, lib.WS_STATUS_PLAINTEXT: Unreachable, lib.WS_STATUS_NO_CONNECT: Unreachable,
+    lib.WS_STATUS_TLS: Unreachable, lib.WS_STATUS_TIMED_OUT: Timeout, lib.WS_STATUS_CONNECT_TIMED_OUT: Timeout,
+    lib.WS_STATUS_ABORTED: Aborted,
+}
+
+
+def fail(status: int, text: str = "") -> NoReturn:
+    raise KINDS.get(status, Error)(status, text)
+
+
+def check(status: int, *results: int) -> int:
+    """Raises the exception of a status that is neither 0 nor one of the results."""
+    return status if status == lib.CR_STATUS_OK or status in results else fail(status)
+
+
+def last_status() -> int:
+    """Why the last call that returns a handle returned none."""
+    return int(lib.__cr_errno_location()[0])
+
+
+def encoded(value: Any) -> Any:
+    """A text for C; other values as they are. Bytes that are no UTF-8 come and go as surrogates."""
+    data = value.encode("utf-8", "surrogateescape") if isinstance(value, str) else value
+    if isinstance(data, bytes) and b"\0" in data:
+        raise ValueError("a text with a NUL in it")
+    return data
+
+
+def decoded(text: Any) -> str:
+    return str(ffi.string(text).decode("utf-8", "surrogateescape"))
+
+
+def record_of(record: Any, *skipped: str) -> list[Any]:
+    """The fields of a C record, in its order: numbers, texts or None, tuples of numbers."""
+    values = []
+    for name, field in ffi.typeof(record).item.fields:
+        value, kind = getattr(record, name), field.type
+        if kind.kind != "primitive":
+            text = kind.item.cname == "char"
+            value = None if value == ffi.NULL else decoded(value) if text else tuple(value)
+        if name not in skipped:
+            values.append(value)
+    return values
+
+
+class Handle:
+    """Owns a C object. The object goes with the last reference to it, so that a call under way in another thread,
+    which has one, never loses its object to close(): the object goes when that call returns."""
+
+    __slots__ = ("_object",)
+
+    def __init__(self, pointer: Any, release: Any) -> None:
+        if pointer == ffi.NULL:
+            fail(last_status())
+        self._object: Any = ffi.gc(pointer, release)
+
+    def _open(self) -> Any:
+        if self._object is None:
+            raise ValueError(f"the {type(self).__name__.lower()} is closed")
+        return self._object
+
+    def close(self) -> None:
+        """Releases the object; a second time has no effect. All other calls raise ValueError afterwards."""
+        self._object = None
+
+    def __enter__(self) -> Self:
+        self._open()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()

@@ -1,0 +1,305 @@
+"""Sessions with the pool's server.
+
+Threads: one thread at a time uses a session; the call of another one meanwhile raises RuntimeError. abort()
+alone may be called beside a call. A call runs without the GIL. After a fork the session belongs to the
+parent: calls of the child fail, and its copy goes without a byte to the server.
+"""
+import contextlib
+import re
+import threading
+from typing import Any, Callable, Iterable, Iterator, NamedTuple
+
+from ._handle import Handle, check, decoded, encoded, fail, last_status, record_of
+from ._kspool import ffi, lib
+
+
+class PO(NamedTuple):
+    """A record of the Metabase: the fields of docs/wire-protocol.md, in their order. A dsid of 0 is that of the
+    data selection to which the PO is sent."""
+
+    dsid: int = 0
+    kind: int = 1
+    origin: str = ""
+    owner: int = 0
+    group: int = 0
+    client: str = ""
+    policy: str = ""
+    image: str = ""
+    folder: str = ""
+    name: str = ""
+    digest: str = ""
+    type: str = "f"
+    format: str = ""
+    label: str = ""
+    application: str = ""
+    size: int = 0
+    mtime: int = 0
+    ctime: int = 0
+    backuptime: int = 0
+    expires: int = 0
+    segments: int = 0
+    newsegments: int = 0
+    dcid: int = 0
+    mode: int = 0
+    flags: int = 0
+    comment: str = ""
+
+    @classmethod
+    def parse(cls, line: str) -> "PO":
+        """The PO that the server sent."""
+        return cls(*_fields(cls, line.split("|")))
+
+    def line(self) -> str:
+        """The PO as the server wants it."""
+        line = "|".join(map(str, self))
+        if line.count("|") != len(self) - 1 or re.search("[\0-\x1f\x7f]", line):
+            raise ValueError(f"a PO with | or a control character in a text: {line!r}")
+        return line
+
+
+Node = NamedTuple("Node", [("type", str), ("size", int), ("mtime", int), ("path", str)])
+Image = NamedTuple("Image", [("datetime", int), ("client", str), ("policy", str), ("parentid", int),
+                             ("imagename", str), ("dofp", str), ("dcid", int), ("flags", int)])
+Retention = NamedTuple("Retention", [("retention", int), ("wormflags", int), ("flags", int), ("time", int),
+                                     ("text", str)])
+Event = NamedTuple("Event", [("code", int), ("http_status", int), ("attempts", int), ("request_id", str | None),
+                             ("severity", str | None), ("server_address", str | None),
+                             ("source_application", str | None), ("description", str | None)])
+Statistics = NamedTuple("Statistics", [("requests", int), ("attempts", int), ("connections", int), ("bytes_sent", int),
+                                       ("bytes_received", int), ("microseconds", int), ("latencies", tuple[int, ...])])
+
+# The options of a session: the code of each, and what its value is.
+OPTIONS: dict[str, tuple[int, type]] = {
+    "login": (lib.KS_OPT_LOGIN, str), "password": (lib.KS_OPT_PASSWORD, str),
+    "application": (lib.KS_OPT_APPLICATION, str), "option_133": (lib.KS_OPT_133, int),
+    "route_table_dir": (lib.KS_OPT_ROUTE_TABLE_DIR, str), "spa_url": (lib.KS_OPT_SPA_URL, str),
+    "mbs_url": (lib.KS_OPT_MBS_URL, str), "ws_7": (lib.KS_OPT_WS_7, int), "ws_8": (lib.KS_OPT_WS_8, int),
+}
+Value = str | int
+
+
+def _fields(kind: Any, texts: list[str]) -> list[Any]:
+    """The fields of a record that came as texts."""
+    types = kind.__annotations__.values()
+    if len(texts) != len(types):
+        raise ValueError(f"{len(texts)} fields, where a {kind.__name__} has {len(types)}")
+    return [convert(text) for convert, text in zip(types, texts)]
+
+
+def _known(name: str, value: Value, kind: type | None) -> Any:
+    """A value that C will take; the text of a pointer to an integer would be read anywhere."""
+    if kind is None or not isinstance(value, kind):
+        raise TypeError(f"{name}={value!r}: " + (f"wants {kind.__name__}" if kind else "there is no such name"))
+    return encoded(value)
+
+
+def _options(options: dict[str, Value]) -> tuple[Any, list[Any]]:
+    """Option records, and the texts that they point to."""
+    records, texts = ffi.new("KSOption[]", len(options)), []
+    for record, (name, given) in zip(records, options.items()):
+        record.code, kind = OPTIONS.get(name, (0, None))
+        value = _known(name, given, kind)
+        if isinstance(value, int):
+            record.value.number = value
+        else:
+            texts.append(ffi.new("char[]", value))
+            record.value.text = texts[-1]
+    return records, texts
+
+
+def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
+    """A filter, and the texts that it points to. Criterion k is for field k of a PO."""
+    record, texts = ffi.new("MBPOFilter *", {"size": ffi.sizeof("MBPOFilter")}), []
+    members = dict(ffi.typeof("MBPOFilter").fields)
+    check(lib.MBPOFilterInit(record))
+    for name, given in criteria.items():
+        value = _known(name, given, PO.__annotations__.get(name))
+        criterion = f"criterion{PO._fields.index(name) + 1}"
+        kind = members[criterion].type
+        if kind.kind == "array" and len(value) >= kind.length:
+            raise ValueError(f"{name}: longer than {kind.length - 1} bytes")
+        if kind.kind == "pointer":
+            texts.append(value := ffi.new("char[]", value))
+        setattr(record, criterion, ord(value) if kind.cname == "signed char" else value)
+    return record, texts
+
+
+def _po_list(name: str, doc: str) -> Callable[["Session", int, Iterable[PO | str]], None]:
+    """A method that sends POs."""
+    function = getattr(lib, name)
+
+    def send(self: "Session", dataselection: int, pos: Iterable[PO | str]) -> None:
+        self._call(function, dataselection, "\n".join(po.line() if isinstance(po, PO) else po for po in pos))
+    send.__doc__ = doc
+    return send
+
+
+def _lines(cursor: Any, line: Any) -> Iterator[str]:
+    status = lib.CR_STATUS_OK
+    while status == lib.CR_STATUS_OK:
+        yield decoded(line[0])
+        status = lib.MBPOStringFindNext(cursor, line)
+    if status != lib.CR_STATUS_NOT_FOUND:
+        fail(status)
+
+
+class Session(Handle):
+    """A session with one server. Options are those of OPTIONS: with login and password it can send requests."""
+
+    __slots__ = ("_lock",)
+
+    def __init__(self, config: str | None = None, **options: Value) -> None:
+        """Reads the agent configuration `config`, or the default one. Nothing is sent."""
+        self._lock = threading.Lock()
+        records, texts = _options(options)
+        path = ffi.NULL if config is None else encoded(config)
+        super().__init__(lib.MBCreateWithAgentCfg(0, records, len(records), path), lib.MBShutdown)
+
+    @contextlib.contextmanager
+    def _use(self) -> Iterator[None]:
+        if not self._lock.acquire(blocking=False):
+            raise RuntimeError("the session is in use: it serves one call at a time")
+        try:
+            yield
+        finally:
+            self._lock.release()
+
+    def _call(self, function: Any, *arguments: Any) -> None:
+        with self._use():
+            self._check(function(self._open(), *map(encoded, arguments)))
+
+    def _check(self, status: int) -> None:
+        """Raises the exception of a status, with the server's own words where it has some."""
+        if status:
+            event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
+            lib.MBLastEvent(self._open(), event)
+            said = status in (event.eventCode, lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED)
+            fail(status, decoded(event.description) if said and event.description else "")
+
+    def _text(self, function: Any, *arguments: Any, after: tuple[Any, ...] = ()) -> str:
+        """The text that an operation returns."""
+        place = ffi.new("char **")
+        self._call(function, *arguments, place, *after)
+        return decoded(ffi.gc(place[0], lib.free)) if place[0] != ffi.NULL else ""
+
+    def abort(self) -> None:
+        """Ends the request under way, which then raises Aborted. For other threads, and for signal handlers while
+        a request runs in a thread that is not the main one: Python runs handlers between calls of the main
+        thread. Without a request, or on a closed session, it has no effect."""
+        if (session := self._object) is not None:
+            check(lib.MBAbort(session))
+
+    def set_options(self, **options: Value) -> None:
+        """Changes options, all of them or none."""
+        records, texts = _options(options)
+        self._call(lib.MBOptionsSet, records, len(records))
+
+    def keep_alive(self, interval: int = 0) -> None:
+        """Sends a keep-alive if the session was idle for `interval` seconds."""
+        self._call(lib.MBKeepAlive, interval)
+
+    def set_timeout(self, seconds: int) -> None:
+        """The response time-out of requests to come."""
+        self._call(lib.MBSetResponseTimeOut, seconds)
+
+    def enable_resiliency(self, seconds: int) -> int:
+        """How long requests are tried again; returns the time-out that was set before, if any, which stays."""
+        with self._use():
+            return int(lib.MBEnableResiliency(self._open(), seconds))
+
+    def _told(self, function: Any, ctype: str, *skipped: str) -> list[Any]:
+        record = ffi.new(ctype + " *", {"size": ffi.sizeof(ctype)})
+        with self._use():
+            check(function(self._open(), record))
+            return record_of(record, "size", *skipped)
+
+    def last_event(self) -> Event:
+        """What is known of the last request, and of the event that the server reported in it."""
+        return Event(*self._told(lib.MBLastEvent, "MBEvent", "reserved"))
+
+    def statistics(self) -> Statistics:
+        """What the session did so far."""
+        return Statistics(*self._told(lib.MBGetStatistics, "MBStatistics"))
+
+    def time(self) -> int:
+        """The server's time, in seconds since 1970."""
+        seconds = ffi.new("uint32_t *")
+        self._call(lib.MBGetTime, seconds)
+        return int(seconds[0])
+
+    def mkdir(self, path: str) -> None:
+        """Creates a directory."""
+        self._call(lib.MBDirCreate, path)
+
+    def copy(self, source: str, destination: str, recursive: bool = False) -> None:
+        """Copies a file, or a directory with its contents."""
+        self._call(lib.MBFileCopy, source, destination, recursive)
+
+    def move(self, source: str, destination: str, recursive: bool = False) -> None:
+        """Renames a file or a directory."""
+        self._call(lib.MBFileMove, source, destination, recursive)
+
+    def delete(self, path: str, recursive: bool = False) -> None:
+        """Deletes a file or an empty directory, or a directory with its contents."""
+        self._call(lib.MBFileDelete, path, recursive)
+
+    def listdir(self, path: str, recursive: bool = False) -> list[Node]:
+        """The entries of a directory, or of the tree below it."""
+        text = self._text(lib.MBDirList, path, after=(ffi.NULL, recursive))
+        return [Node(*_fields(Node, line.split(" ", 3))) for line in text.split("\n") if line]
+
+    import_pos = _po_list("MBPOImport", "Imports POs into a data selection.")
+    add_pos = _po_list("MBPOAddList", "Adds POs to a data selection; one that exists is replaced.")
+    add_new_pos = _po_list("MBPOZELTAddList", "Adds POs to a data selection; one that exists stays as it is.")
+    expire_pos = _po_list("MBPOExpire", "Deletes POs from a data selection.")
+
+    def find_lines(self, dataselection: int, **criteria: Value) -> Iterator[str]:
+        """The POs that match, as lines. A criterion is named by its field of PO; texts match as in a shell."""
+        record, texts = _filter(criteria)
+        line = ffi.new("char **")
+        with self._use():
+            cursor = lib.MBPOStringFindFirst(self._open(), dataselection, record, line, ffi.NULL)
+            if cursor == ffi.NULL:
+                status = last_status()
+                self._check(status if status != lib.CR_STATUS_NOT_FOUND else lib.CR_STATUS_OK)
+                return iter(())
+        return _lines(ffi.gc(cursor, lib.MBPOFindClose), line)
+
+    def find(self, dataselection: int, **criteria: Value) -> Iterator[PO]:
+        """The POs that match. The answer is in memory as a whole; the session may be used meanwhile."""
+        return map(PO.parse, self.find_lines(dataselection, **criteria))
+
+    def set_last_image(self, dsid: int, client: str, policy: str, imagename: str, datetime: int, *, parentid: int = 0,
+                       flags: int = 0) -> None:
+        """Records the last image."""
+        self._call(lib.MBSetLastImageV2, dsid, client, policy, parentid, datetime, imagename, flags)
+
+    def last_images(self, dsid: int, client: str = "", policy: str = "", *, parentid: int = -1,
+                    datetime: int = 0) -> list[Image]:
+        """The images of a client and a policy, newest first; empty texts, -1 and 0 match any."""
+        text = self._text(lib.MBGetLastImages, dsid, client, policy, parentid, datetime)
+        return [Image(*_fields(Image, line.split("|"))) for line in text.split("\n") if line]
+
+    def delete_image(self, dsid: int, client: str, policy: str, imagename: str, flags: int = 0) -> None:
+        """Deletes an image's record."""
+        self._call(lib.MBDeleteImage, dsid, client, policy, imagename, flags)
+
+    def set_retention(self, dsid: int, client: str, policy: str, imagename: str, retention: int, *, flags: int = 0,
+                      wormflags: int = 0) -> None:
+        """Sets an image's retention."""
+        self._call(lib.MBSetImageRetention, dsid, client, policy, imagename, flags, wormflags, retention)
+
+    def retention(self, dsid: int, client: str, policy: str, imagename: str) -> Retention:
+        """An image's retention."""
+        record = ffi.new("MBImageRetentionInfo *")
+        self._call(lib.MBGetImageRetention, dsid, client, policy, imagename, record)
+        return Retention(*record_of(record))
+
+    def image_policy(self, dsid: int, client: str, imagename: str) -> str:
+        """The policy of an image."""
+        return self._text(lib.MBFindImagePolicy, dsid, client, imagename)
+
+    def hvx_tag(self, dataselection: int) -> str:
+        """The HVX tag of a data selection, empty without one."""
+        digit = ffi.new("int32_t *")
+        return self._text(lib.MBGetHVXTag, dataselection, digit)
