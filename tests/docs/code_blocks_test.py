@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Does what the documents say: installs a build, and for each document compiles its blocks of C and C++ and
-runs its shell blocks in order, in a folder of their own. A block with a main() is saved as program.c or
-program.cpp; one without is compiled as a piece of a function. Other kinds of blocks have tests of their own.
+runs its blocks of shell and Python in order, in a folder of their own. A block with a main() is saved as
+program.c or program.cpp; one without is compiled as a piece of a function. Other kinds of blocks have
+tests of their own.
 Usage: code_blocks_test.py BUILD DOCUMENT...
 """
 import os
@@ -36,9 +37,11 @@ def script(document):
     """One shell script of all blocks, so that what one sets the next one has."""
     lines = ["set -euo pipefail", "trap 'kill $(jobs -p) 2>/dev/null || :' EXIT"]
     for number, (kind, code) in enumerate(BLOCK.findall(open(document, encoding="utf-8").read())):
-        assert kind in {"sh", *LANGUAGES} | OTHERS, f"{document}: a block of kind '{kind}'"
+        assert kind in {"sh", "python", *LANGUAGES} | OTHERS, f"{document}: a block of kind '{kind}'"
         if kind == "sh":
             lines.append(code)
+        elif kind == "python":
+            lines.append(f"cat >program.py <<'END_OF_CODE'\n{code}END_OF_CODE\npython3 -B program.py")
         elif kind in LANGUAGES:
             compiler, piece = LANGUAGES[kind]
             name = f"program.{kind}" if "int main" in code else f"piece{number}.{kind}"
@@ -55,7 +58,7 @@ with tempfile.TemporaryDirectory() as place:
     lib = subprocess.run(["find", place, "-name", "libkspool.so.1"], check=True, stdout=subprocess.PIPE,
                          text=True).stdout.strip().rsplit("/", 1)[0]
     environment = {"PATH": place + "/usr/bin:/usr/bin:/bin", "HOME": place, "LANG": "C.UTF-8",
-                   "LD_LIBRARY_PATH": lib, "PKG_CONFIG_PATH": lib + "/pkgconfig",
+                   "LD_LIBRARY_PATH": lib, "PYTHONPATH": place + "/usr/lib/python3/dist-packages", "PKG_CONFIG_PATH": lib + "/pkgconfig",
                    "EXAMPLES": os.path.join(ROOT, "examples")}
     for path in documents:
         folder = tempfile.mkdtemp(dir=place)
