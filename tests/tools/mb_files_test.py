@@ -258,7 +258,7 @@ def check_usage(top, config):
     run("ls", "/", "--config", top, "--server", "http://127.0.0.1:1", code=1, says=[top + ": could not be read"])
     for bad in ((), ("ls",), ("ls", "/", "/"), ("ls", ""), ("rm", "-R", ""), ("mkdir",), ("cp", "/"), ("mv", "/a", "/b", "/c"),
                 ("mv", "-R", "/a", "/b"), ("ping", "-c", "0"), ("ping", "/"), ("time", "-q", "-v"), ("nonsense",),
-                ("ls", "/", "--server", ""), ("ls", "/", "--login", "x" * 256), ("ls", "/", "--retry", "-1"),
+                ("ls", "/", "--server", ""), ("ls", "/", "--login", "x" * 256), ("ls", "/", "--retry", "-1"), ("ls", "/", "--retry", "3601"),
                 ("ls", "/", "--password", CANARY), ("ls", "/", "--login", "a:b"), ("ls", "/", "--server", "foo://x"),
                 ("ls", "/", "--server", "http://"), ("ls", "/", "--server", "http://192.0.2.1")):
         run("--config", config, *bad, code=2)
