@@ -14,7 +14,7 @@ from kspool._kspool import ffi
 
 PEER, DOCUMENT = ctypes.CDLL(os.path.abspath(sys.argv[1])), sys.argv[2]
 PEER.peerSeconds.restype = ctypes.c_double
-SIZES = [int(size) for size in sys.argv[3:]] or [1_000_000, 10_000_000]
+SIZES = [int(size) for size in sys.argv[3:]] or [1_000_000, 5_000_000]
 ROUNDS, LOOKUPS, BATCH, BAR = 5, 3, 1000, 0.8
 PYTHON, BATCHES, C, DICT = "Python, one call", f"Python, {BATCH:,} a call", f"C, {BATCH:,} a call", "dict"
 WORKS = {"add": "add of new keys", "exists": "presence test, hits", "fetch": "fetch, hits", "miss": "fetch, misses"}
