@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kspool.hpp"
+#include "tests/support/folder.h"
 #include "tests/support/scripted_platform.h"
 
 using namespace kspool;
@@ -135,7 +136,8 @@ TEST(Cpp, LoopsOverEntries) {
 }
 
 TEST(Cpp, CallsReachEachFunctionOfAHandle) {
-    const std::string path = testing::TempDir() + "cpp.cache";
+    const Folder folder;
+    const std::string path = folder.path + "/cache";
     Known known(10);
     const Cache other(10);
     const auto hold = ask<FileHold>(KSCacheHoldFile, path.c_str());

@@ -14,6 +14,7 @@
 #include "kscache/kscache_adler.h"
 #include "kscache/kscache_int.h"
 #include "tests/support/cache_model.h"
+#include "tests/support/folder.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/system_calls.h"
 #include "tests/support/torture.h"
@@ -35,7 +36,8 @@ Cache makeCache(uint32_t bits) {
 
 /// The file of the test that runs.
 std::string path() {
-    return testing::TempDir() + testing::UnitTest::GetInstance()->current_test_info()->name();
+    static const Folder folder;
+    return folder.path + "/" + testing::UnitTest::GetInstance()->current_test_info()->name();
 }
 
 /// A cache of the keys and values 1, 2, 3 and so on.

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "tests/support/cache_model.h"
+#include "tests/support/folder.h"
 #include "tests/support/torture.h"
 
 namespace {
@@ -32,6 +33,7 @@ TEST_P(Model, AgreesAfterEachStep) {
     const uint64_t count = fromEnvironment("KSPOOL_TEST_STEPS", 2000);
     fprintf(stderr, "model: KSPOOL_TEST_STEPS=%lu KSPOOL_TEST_SEED=%lu\n", count, seed);
     std::mt19937_64 random(seed);
+    const Folder folder;
     const auto below = [&](uint64_t limit) { return random() % limit; };
     const torture::Watched watched;
     calls::place(shape.placement);
@@ -39,7 +41,7 @@ TEST_P(Model, AgreesAfterEachStep) {
                       .tellsRepeats = shape.tellsRepeats,
                       .pagesAscend = shape.placement == Placement::kAsAsked,
                       .name = "KSPOOL_TEST_SEED=" + std::to_string(seed)},
-                     testing::TempDir() + "model-" + shape.name, below);
+                     folder.path + "/" + shape.name, below);
     constexpr uint64_t kPieces[] = {40, 5000, 100000};  // of records, of blocks, of files
     for (uint64_t step = 0; step < count; ++step, ++steps) {
         calls::cutTransfers(1 + below(kPieces[below(3)]));

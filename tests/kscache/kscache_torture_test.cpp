@@ -4,9 +4,12 @@
 #include <filesystem>
 
 #include "tests/support/cache_model.h"
+#include "tests/support/folder.h"
 #include "tests/support/torture.h"
 
 namespace {
+
+const Folder kFolder;
 
 struct Scenario {
     const char* name;
@@ -39,7 +42,7 @@ void goOn(CacheModel& model, uint32_t entries) {
 /// The old file stays whatever fails before the folder is synced, and nothing is left beside it,
 /// unless that cannot be removed either.
 void replaceFile(CacheModel& model, uint32_t entries) {
-    const std::string path = testing::TempDir() + "torture-replaced";
+    const std::string path = kFolder.path + "/replaced";
     const std::string old = "400000000000000001\n";  // no entries
     FILE* file = fopen(path.c_str(), "w");
     fwrite(old.data(), 1, old.size(), file);
@@ -65,7 +68,7 @@ TEST_P(CacheTorture, EveryCallFailsInTurn) {
                           .lockPages = s.lockPages,
                           .name = torture::what,
                           .failed = [] { return calls::failures() > 0; }},
-                         testing::TempDir() + "torture-" + s.name);
+                         kFolder.path + "/" + s.name);
         if (model.exists()) s.live(model, s.entries);
     });
 }

@@ -7,6 +7,7 @@
 
 #include "platform/status.h"
 #include "sandbox/sandbox.h"
+#include "tests/support/folder.h"
 #include "tests/support/operations.h"
 #include "tests/support/raw_server.h"
 
@@ -68,7 +69,8 @@ std::string comparable(std::string text) {
 constexpr char kSelections[] = R"([{"number":1},{"number":2,"tag":"a tag|2"}])";
 
 TEST(Wire, IsWhatTheClientSpeaks) {
-    const std::string config = testing::TempDir() + "wire.cfg";
+    const Folder folder;
+    const std::string config = folder.path + "/wire.cfg";
     std::ofstream(config) << "\n";
     for (const Exchange& exchange : exchanges()) {
         SCOPED_TRACE(exchange.name);

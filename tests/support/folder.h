@@ -1,4 +1,5 @@
-// A folder that goes with the test.
+// A folder that goes with the test. Names of its own keep runs apart that use one machine at a
+// time.
 #ifndef TESTS_FOLDER_H
 #define TESTS_FOLDER_H
 
@@ -8,8 +9,8 @@
 
 struct Folder {
     Folder() {
-        char name[] = "/tmp/kspool-test-XXXXXX";
-        path = mkdtemp(name);
+        path = std::filesystem::temp_directory_path() / "kspool-test-XXXXXX";
+        if (mkdtemp(path.data()) == nullptr) abort();
     }
     ~Folder() { std::filesystem::remove_all(path); }
     Folder(const Folder&) = delete;

@@ -15,6 +15,7 @@
 
 #include "platform/status.h"
 #include "platform/support.h"
+#include "tests/support/folder.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/system_calls.h"
 
@@ -99,18 +100,15 @@ TEST_P(Golden, IsReplayedToTheLetter) {
     std::ifstream file(GetParam());
     ASSERT_TRUE(file);
     const std::string expected(std::istreambuf_iterator<char>(file), {});
-    const std::filesystem::path folder =
-        testing::TempDir() + "kspool-golden-" + GetParam().stem().string();
-    std::filesystem::create_directory(folder);
-    std::filesystem::current_path(folder);
+    const Folder folder;
+    std::filesystem::current_path(folder.path);
     umask(0);  // modes are as they were asked for
     scripted::reset();
     calls::watch();
     const std::string actual = replay(expected);
     EXPECT_EQ(calls::live(), 0U);
     calls::leaveAlone();
-    std::filesystem::current_path(folder.parent_path());
-    std::filesystem::remove_all(folder);
+    std::filesystem::current_path("/");
     EXPECT_EQ(expected, actual);
     if (expected != actual) {
         const std::string heard = testing::TempDir() + GetParam().filename().string();
