@@ -230,7 +230,7 @@ def check_file_systems(top):
     mount = f'mount -t tmpfs none {top}-mount/sub && echo x >{top}-mount/sub/file && exec "$@"'
     write(top + "-mount/file", b"x")
     os.mkdir(top + "-mount/sub")
-    for options, files in (([], 2), (["--one-file-system"], 1)):
+    for options, files in (([], 2), (["--one-file-system"], 1), (["--one-file-system", top + "-mount/sub"], 2)):
         done = subprocess.run(["unshare", "-rm", "sh", "-c", mount, "-", AGENT, "scan", "--json", *options, top + "-mount"],
                               capture_output=True, text=True, check=False)
         if "unshare failed" in done.stderr or "permission denied" in done.stderr:

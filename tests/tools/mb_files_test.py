@@ -115,6 +115,7 @@ def check_secrets(top, config, password):
         run(*login, "--password-file", "-", *ls, code=code, input=content)
     for bad, why in ((top + "/none", "No such file"), (top, "Is a directory"), ("/", "Is a directory")):
         run(*login, "--password-file", bad, *ls, code=2, says=[f"{bad}: {why}"])
+    run(*login, "--password-file", "-", *ls, code=2, says=["Bad file descriptor"], preexec_fn=lambda: os.close(0))
     variables = {"KSPOOL_LOGIN": "agent", "KSPOOL_PASSWORD": word, "KSPOOL_AGENT_CONFIG": config}
     run(*ls, env=variables)
     run(*ls, "--login", "nobody", code=12, says=["login nobody)\n"], env=variables)
