@@ -34,10 +34,12 @@ Cache makeCache(uint32_t bits) {
     return Cache(KSCacheCreate(0, bits, 0, nullptr, nullptr));
 }
 
+// Made before any process is forked, which would have a folder of its own.
+const Folder kFolder;
+
 /// The file of the test that runs.
 std::string path() {
-    static const Folder folder;
-    return folder.path + "/" + testing::UnitTest::GetInstance()->current_test_info()->name();
+    return kFolder.path + "/" + testing::UnitTest::GetInstance()->current_test_info()->name();
 }
 
 /// A cache of the keys and values 1, 2, 3 and so on.
