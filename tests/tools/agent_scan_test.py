@@ -231,7 +231,7 @@ def check_file_systems(top):
     write(top + "-mount/file", b"x")
     os.mkdir(top + "-mount/sub")
     for options, files in (([], 2), (["--one-file-system"], 1), (["--one-file-system", top + "-mount/sub"], 2)):
-        done = subprocess.run(["unshare", "-rm", "sh", "-c", mount, "-", AGENT, "scan", "--json", *options, top + "-mount"],
+        done = subprocess.run(["unshare", "-rm", "sh", "-c", mount, "-", AGENT, "scan", "--json", top + "-mount", *options],
                               capture_output=True, text=True, check=False)
         if "unshare failed" in done.stderr or "permission denied" in done.stderr:
             return
