@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <barrier>
 #include <fstream>
@@ -72,6 +73,34 @@ TEST(CacheStore, FirstPagesShareALimitOfAddresses) {
     setrlimit(RLIMIT_AS, &kept);
     EXPECT_EQ(failed, 0);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(model.cache()->firstPage) % (2 << 20), 0U);
+}
+
+/// Without a span a page lies where the system maps it.
+TEST(CacheStore, APageIsMappedWhereNoSpanCanBeHad) {
+    struct Row {
+        int64_t room;  ///< addresses left, in MiB
+        int failing;
+        uint32_t status;
+    };
+    rlimit kept{};
+    getrlimit(RLIMIT_AS, &kept);
+    for (const auto& [room, failing, status] :
+         {Row{4096, calls::kOpen, 0}, Row{4096, calls::kRead, 0}, Row{4096, calls::kGetrlimit, 0},
+          Row{16, calls::kAny, 0}, Row{-1, calls::kAny, 1000 + ENOMEM}}) {
+        const torture::Watched watched;
+        KSCache* cache = KSCacheCreate(29127, 4, 0, nullptr, nullptr);
+        unsigned long used = 0;
+        std::ifstream("/proc/self/statm") >> used;
+        rlimit low = kept;
+        low.rlim_cur = used * 4096 + static_cast<rlim_t>(room << 20);
+        EXPECT_EQ(setrlimit(RLIMIT_AS, &low), 0);
+        calls::fail({.call = failing, .nth = failing != calls::kAny ? 1U : 0U});
+        const uint32_t added = KSCacheAdd(cache, std::array<uint64_t, 4>{1}.data(), 3, 1, nullptr);
+        setrlimit(RLIMIT_AS, &kept);
+        EXPECT_EQ(added, status) << room;
+        EXPECT_EQ(calls::failures(), failing != calls::kAny ? 1U : 0U);
+        KSCacheDestroy(cache);
+    }
 }
 
 /// Very large pages take memory as they fill, others at once.

@@ -1,4 +1,6 @@
 // Sessions under failing calls: of the system, and of the platform's libraries.
+#include <unistd.h>
+
 #include "tests/support/operations.h"
 #include "tests/support/torture.h"
 
@@ -51,8 +53,10 @@ class AllReached : public testing::Environment {
   public:
     void TearDown() override {
         printf("torture: %zu scenarios, %zu injections\n", torture::scenarios, torture::injections);
-        for (int call = 0; call < calls::kCalls; ++call)
+        for (int call = 0; call < calls::kCalls; ++call) {
+            if (call == calls::kFchown && geteuid() != 0) continue;  // only root gives files away
             EXPECT_GT(calls::made(static_cast<calls::Call>(call)), 0U) << "call " << call;
+        }
     }
 };
 [[maybe_unused]] testing::Environment* const allReached =

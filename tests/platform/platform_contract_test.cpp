@@ -173,6 +173,24 @@ TEST(PlatformSupport, LinesOfAMessageAreMarkedOnStderr) {
     EXPECT_EQ(std::count(said.begin(), said.end(), '|'), 1 + 99999);
 }
 
+// Bytes that another decoder would take for another character are none.
+TEST(PlatformSupport, OnlyWellFormedCharactersAreShown) {
+    for (const std::string shown : {"\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
+                                    "\xee\x80\x80", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+        testing::internal::CaptureStderr();
+        ErrorA(7, "%s", shown.c_str());
+        EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(" 7: " + shown + "\n"));
+    }
+    for (const std::string refused :
+         {"\x80", "\xc1\xbf", "\xc2\x9f", "\xe0\x9f\xbf", "\xe1\xbf\xc0", "\xed\xa0\x80",
+          "\xf0\x8f\xbf\xbf", "\xf1\xbf\x7f", "\xf4\x90\x80\x80", "\xf5\x80"}) {
+        testing::internal::CaptureStderr();
+        ErrorA(7, "%s", refused.c_str());
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(std::all_of(said.begin(), said.end(), [](char c) { return c > 0; })) << said;
+    }
+}
+
 // Locks that another thread held at the fork would never be released in the child.
 TEST(PlatformSupport, AChildCanSpeakWhileOtherThreadsDo) {
     const Folder folder;

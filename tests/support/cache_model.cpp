@@ -45,7 +45,7 @@ CacheModel::CacheModel(Setup setup, std::string path, Source below)
 
 CacheModel::~CacheModel() {
     KSCacheDestroy(cache_);
-    unlink(path_.c_str());
+    ::remove(path_.c_str());
 }
 
 void CacheModel::same(const char* what, uint64_t got, uint64_t expected) const {

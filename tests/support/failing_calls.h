@@ -23,6 +23,12 @@
     CALL(kLstat, int, lstat, (const char* path, struct stat* found), (path, found), -1, EACCES) \
     CALL(kFstat, int, fstat, (int fd, struct stat* found), (fd, found), -1, EIO) \
     CALL(kFcntl, int, fcntl, (int fd, int command, void* argument), (fd, command, argument), -1, ENOLCK) \
+    CALL(kPread, ssize_t, pread, (int fd, void* bytes, size_t length, off_t at), (fd, bytes, length, at), -1, EIO) \
+    CALL(kPwrite, ssize_t, pwrite, (int fd, const void* bytes, size_t length, off_t at), (fd, bytes, length, at), -1, ENOSPC) \
+    CALL(kReadlink, ssize_t, readlink, (const char* path, char* text, size_t size), (path, text, size), -1, EACCES) \
+    CALL(kFtruncate, int, ftruncate, (int fd, off_t length), (fd, length), -1, EIO) \
+    CALL(kFchown, int, fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group), -1, EPERM) \
+    CALL(kUnlink, int, unlink, (const char* path), (path), -1, EACCES) \
     CALL(kFchmod, int, fchmod, (int fd, mode_t mode), (fd, mode), -1, EPERM) \
     CALL(kFallocate, int, fallocate, (int fd, int mode, off_t from, off_t length), (fd, mode, from, length), -1, ENOSPC) \
     CALL(kFsync, int, fsync, (int fd), (fd), -1, EIO) \
@@ -33,6 +39,7 @@
     CALL(kMunlock, int, munlock, (const void*, size_t), , , ) \
     CALL(kLseek, off_t, lseek, (int, off_t, int), , , )
 #define OTHER_CALLS(CALL) \
+    CALL(kGetrlimit, int, getrlimit, (__rlimit_resource_t, struct rlimit*), , , ) \
     CALL(kSnprintf, int, snprintf, (char*, size_t, const char*, ...), , , ) \
     CALL(kFree, void, free, (void*), , , ) \
     CALL(kMunmap, int, munmap, (void*, size_t), , , ) \

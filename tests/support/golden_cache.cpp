@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "kscache/kscache_hold.h"
 #include "kscache/kscache_int.h"
 #include "kscache/kscache_tree.h"
 #include "tests/support/golden.h"
@@ -163,7 +164,8 @@ std::string next(Objects& objects, const Words& w) {
     if (w[1] == "first") objects.place = {};
     for (unsigned long left = number(w[2]); left > 0 && result == 0; --left) {
         result = KSCacheNext(objects.noHandle ? nullptr : objects.cache,
-                             w[1] == "null" ? nullptr : &objects.place, &node);
+                             w[1] == "null" ? nullptr : &objects.place,
+                             w[1] == "nowhere" ? nullptr : &node);
         met += result == 0;
     }
     return withSlot(std::to_string(result)) + ", met " + std::to_string(met);
@@ -214,8 +216,10 @@ const Operations& golden::cacheCommands() {
          })},
         {"handle", quietly([](Objects& objects, const Words& w) {
              objects.noHandle = w[1] == "null";
-             if (objects.cache == nullptr) return;
-             objects.cache->magic = w[1] == "bad" ? 0xBAD : kspool::kCacheMagic;
+             if (objects.hold != nullptr)
+                 objects.hold->magic = w[1] == "bad" ? 0xBAD : kspool::kHoldMagic;
+             else if (objects.cache != nullptr)
+                 objects.cache->magic = w[1] == "bad" ? 0xBAD : kspool::kCacheMagic;
          })},
         {"lose", quietly([](Objects& objects, const Words& w) {
              const operations::Argument<const void*> key(w[1]);
@@ -245,7 +249,10 @@ const Operations& golden::cacheCommands() {
              return withSlot(std::to_string(KSCacheHoldFile(operations::Text(w[1]).get(), hold)));
          }}},
         {"KSCacheReleaseFile", {[](Objects& objects, const Words&) {
-             KSCacheReleaseFile(std::exchange(objects.hold, nullptr));
+             const bool isOne =
+                 objects.hold != nullptr && objects.hold->magic == kspool::kHoldMagic;
+             KSCacheReleaseFile(objects.hold);
+             if (isOne) objects.hold = nullptr;
              return withSlot("done");
          }}},
         {"file", quietly(makeFile)},

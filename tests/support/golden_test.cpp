@@ -12,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "platform/status.h"
 #include "platform/support.h"
@@ -28,7 +29,13 @@ void fail(Objects&, const Words& w) {
     failure.call = calls::callNamed(failure.pagesOnly ? "mmap" : w[1]);
     failure.nth = operations::number(w[2]);
     failure.fromThenOn = w[3] == "on";
-    failure.error = w[4] == "EAGAIN" ? EAGAIN : w[4] == "EPERM" ? EPERM : ENOMEM;
+    static const std::map<std::string, int> kErrors = {{"EACCES", EACCES},
+                                                       {"EAGAIN", EAGAIN},
+                                                       {"EINVAL", EINVAL},
+                                                       {"ENOTSUP", ENOTSUP},
+                                                       {"EPERM", EPERM}};
+    const auto error = kErrors.find(w[4]);
+    failure.error = error != kErrors.end() ? error->second : ENOMEM;
     calls::fail(failure);
 }
 

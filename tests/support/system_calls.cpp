@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "tests/support/scripted_platform.h"
 
@@ -175,6 +177,10 @@ void leaveAlone() {
 
 using namespace calls;
 
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return fails(kCalloc) ? nullptr : ::operator new(size);
+}
+
 extern "C" {
 
 #define WRAPPED(call, type, name, parameters, arguments, failure, error) \
@@ -182,6 +188,10 @@ extern "C" {
         return fails(call) ? failure : __real_##name arguments;          \
     }
 PLACING_CALLS(WRAPPED)
+
+int __wrap_getrlimit(__rlimit_resource_t resource, rlimit* limit) {
+    return fails(kGetrlimit) ? -1 : __real_getrlimit(resource, limit);
+}
 
 void* __wrap_calloc(size_t count, size_t size) {
     return fails(kCalloc) ? nullptr : allocated(__real_calloc(count, size));

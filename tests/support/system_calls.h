@@ -12,8 +12,8 @@
 namespace calls {
 
 #define ENUMERATOR(call, ...) call,
-/// The wrapped calls. Those up to kPlatform fail in turn, kSnprintf when it is asked for by name:
-/// tests use it too.
+/// The wrapped calls. Those up to kPlatform fail in turn, kSnprintf and kGetrlimit when they are
+/// asked for by name: tests use the one too, and without the other pages lie elsewhere.
 enum Call {
     FAILING_CALLS(ENUMERATOR)
         kPlatform,  ///< a call of the scripted platform that can fail, not of the system
