@@ -1,19 +1,17 @@
-// The C++ interface of kspool, for C++20: owners, spans, ranges and results over the C interface,
-// in this header alone. What the C functions say of arguments, statuses, times and threads holds
-// here.
+// The C++ interface of kspool, for C++20: owners, spans, ranges and results over the C functions,
+// whose headers tell of arguments, statuses, times and threads.
 //
 // 1. Owners take the handle that a C function returns, and release it at their end. They are moved,
 //    never copied. One without a handle is safe: its calls fail as those with NULL do.
-// 2. Calls. call() and ask() reach every C function of a handle: session.call(MBDirCreate, "/a"),
-//    session.ask<uint32_t>(MBGetTime). What C++ can say better has a method.
-// 3. Failures are returned, never thrown. When a callable throws, std::terminate() ends the
-// program,
-//    since no exception may pass through C code. The body of a loop may throw.
+// 2. Calls. session.call(MBDirCreate, "/a") calls a C function with the handle before the other
+//    arguments, session.ask<uint32_t>(MBGetTime) returns what the last argument receives as well.
+// 3. Failures are returned, never thrown. A callable that throws ends the program by
+//    std::terminate(): no exception may pass through C code. The body of a loop may throw.
 // 4. Ranges are input ranges. A further loop goes on with the next item. A loop ends after the last
-//    item and at a failure; status() then tells which. A range stays where it was made.
-// 5. Spans are not copied. An empty span stands for an output that is not wanted. Spans whose
-// length
-//    is not that of the keys give CR_STATUS_INVALID_PARAMETER, and nothing is done.
+//    item and at a failure; status() then tells which. A range stays where it was made: for a view
+//    it must have a name (auto lines = ...; lines | std::views::take(3)).
+// 5. Spans are not copied. An empty span stands for an output that is not wanted. Spans of another
+//    length than the keys give CR_STATUS_INVALID_PARAMETER, and nothing is done.
 #ifndef KSPOOL_HPP
 #define KSPOOL_HPP
 
@@ -48,10 +46,14 @@ class [[nodiscard]] Status {
     uint32_t code_;
 };
 
-/// A value, or the status of a failure. * and -> need a value, as with std::optional.
+/// A value, or the status of a failure, which is why there is no ==: compare *result or status().
+/// * and -> need a value, as with std::optional.
 template <typename T>
-class [[nodiscard]] Result : public std::optional<T> {
+class [[nodiscard]] Result : std::optional<T> {
+    using Value = std::optional<T>;
+
   public:
+    using Value::operator bool, Value::operator*, Value::operator->, Value::value_or;
     Result(Status failure) noexcept : status_(failure) {}
     Result(T value) noexcept : std::optional<T>(std::move(value)) {}
     Status status() const noexcept { return status_; }
@@ -68,8 +70,8 @@ struct RawOf<Owning, std::void_t<typename Owning::Raw>> : std::type_identity<typ
 };
 
 /// Calls a C function whose last argument receives the value. A record's `size` is set before.
-template <typename Value, typename... Arguments>
-Result<Value> ask(auto* function, Arguments... arguments) noexcept {
+template <typename Value>
+Result<Value> ask(auto* function, auto... arguments) noexcept {
     typename RawOf<Value>::type raw{};
     if constexpr (requires { raw.size; }) raw.size = sizeof raw;
     if (const Status status = function(arguments..., &raw); !status) return status;
@@ -82,18 +84,20 @@ class Owner {
   public:
     using Raw = Handle*;
     Owner() noexcept = default;
-    explicit Owner(Handle* handle) noexcept : handle_(handle) {}
-    Handle* get() const noexcept { return handle_.get(); }
+    explicit Owner(std::same_as<Handle> auto* handle) noexcept : handle_(handle) {}
+    Handle* get() noexcept { return handle_.get(); }
+    const Handle* get() const noexcept { return handle_.get(); }
     Handle* release() noexcept { return handle_.release(); }
     explicit operator bool() const noexcept { return handle_ != nullptr; }
 
-    /// Calls a C function whose first argument is the handle.
-    template <typename... Arguments>
-    Status call(auto* function, Arguments... arguments) const noexcept {
-        return function(get(), arguments...);
+    /// A returned uint32_t is taken for a status, which it is but for MBEnableResiliency().
+    auto call(auto* function, auto... arguments) noexcept {
+        using T = decltype(function(get(), arguments...));
+        return std::conditional_t<std::is_same_v<T, uint32_t>, Status, T>(
+            function(get(), arguments...));
     }
-    template <typename Value, typename... Arguments>
-    Result<Value> ask(auto* function, Arguments... arguments) const noexcept {
+    template <typename Value>
+    Result<Value> ask(auto* function, auto... arguments) noexcept {
         return kspool::ask<Value>(function, get(), arguments...);
     }
 
@@ -190,7 +194,7 @@ class Cache : public Owner<KSCache, KSCacheDestroy> {
         return call(KSCacheAdd, key.fingerprint, key.type, value, addArg);
     }
     Result<uint64_t> fetch(KSCacheKey key) const noexcept {
-        return ask<uint64_t>(KSCacheFetch, key.fingerprint, key.type);
+        return kspool::ask<uint64_t>(KSCacheFetch, get(), key.fingerprint, key.type);
     }
     Result<uint64_t> exists(KSCacheKey key) noexcept {
         return ask<uint64_t>(KSCacheExists, key.fingerprint, key.type);
@@ -198,7 +202,7 @@ class Cache : public Owner<KSCache, KSCacheDestroy> {
     Status erase(KSCacheKey key) noexcept { return call(KSCacheDelete, key.fingerprint, key.type); }
     Status fetchBatch(Keys keys, Values values = {}, Statuses statuses = {}) const noexcept {
         if (!fit(keys, values, statuses)) return CR_STATUS_INVALID_PARAMETER;
-        return call(KSCacheFetchBatch, keys.data(), keys.size(), given(values), given(statuses));
+        return KSCacheFetchBatch(get(), keys.data(), keys.size(), given(values), given(statuses));
     }
     Status existsBatch(Keys keys, Values values = {}, Statuses statuses = {}) noexcept {
         if (!fit(keys, values, statuses)) return CR_STATUS_INVALID_PARAMETER;
@@ -211,7 +215,6 @@ class Cache : public Owner<KSCache, KSCacheDestroy> {
         return KSCacheAddBatch(get(), keys.data(), values.data(), given(addArgs), keys.size(),
                                given(statuses));
     }
-
     Entries entries() const noexcept { return Entries(get()); }
 
   private:
@@ -251,13 +254,13 @@ class QuerySource : public Owner<MBPOCursor, MBPOFindClose> {
     uint32_t count() const noexcept { return count_; }
     QuerySource(MBSession* session, uint32_t dataselection, const MBPOFilter& filter) noexcept {
         Owner::operator=(Owner(findFirst(session, dataselection, &filter, &item_, &count_)));
-        if (!*this) first_ = Status::slot();
+        if (!*this) failure_ = Status::slot();
     }
 
   protected:
     Status next() noexcept {
-        if (*this && !std::exchange(isNew_, false)) return findNext(get(), &item_);
-        return first_;
+        if (!*this) return failure_;
+        return std::exchange(isNew_, false) ? Status() : findNext(get(), &item_);
     }
     Reference item() const noexcept { return item_; }
 
@@ -265,11 +268,11 @@ class QuerySource : public Owner<MBPOCursor, MBPOFindClose> {
     Item item_{};
     uint32_t count_ = 0;
     bool isNew_ = true;  ///< the item is the first, which no loop has had
-    Status first_;
+    Status failure_ = CR_STATUS_NOT_FOUND;
 };
 /// Lines; each ends with a NUL, too.
 using Lines = Range<QuerySource<char*, std::string_view, MBPOStringFindFirst, MBPOStringFindNext>>;
-/// POs; one changes with the next step. A loop behind a line that is no PO goes on with the next.
+/// POs; one changes with the next step. A loop ends at a line that is no PO, the next goes on.
 using Records = Range<QuerySource<Po, const Po&, MBPOFindFirst, MBPOFindNext>>;
 
 /// A filter that matches every PO. Its criteria count from 1: criterion10 is for field(9).

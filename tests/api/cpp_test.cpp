@@ -18,6 +18,18 @@ namespace {
 static_assert(std::ranges::input_range<Entries&> && std::ranges::input_range<Lines&> &&
               std::ranges::input_range<Records&>);
 static_assert(!std::is_copy_constructible_v<Cache> && !std::is_copy_assignable_v<Session>);
+static_assert(std::is_constructible_v<Cache, int> && !std::is_convertible_v<KSCache*, Cache>);
+
+/// A status is never compared with a value.
+template <typename A, typename B>
+concept Comparable = requires(const A& a, const B& b) { a == b; };
+static_assert(Comparable<Status, uint32_t> && !Comparable<Result<uint64_t>, uint32_t> &&
+              !Comparable<Result<uint64_t>, Status>);
+
+/// What a C function changes is not const.
+template <typename Owning>
+concept Resettable = requires(Owning& owner) { KSCacheReset(owner.get()); };
+static_assert(Resettable<Cache> && !Resettable<const Cache>);
 
 /// A cache, and numbered keys with their numbers as values.
 struct Known {
@@ -34,7 +46,7 @@ struct Known {
     std::vector<KSCacheKey> keys;
     std::vector<uint64_t> values;
     Cache cache{1000};
-    KSCacheStatsRecord stats() const { return *cache.ask<KSCacheStatsRecord>(KSCacheStats); }
+    KSCacheStatsRecord stats() { return *cache.ask<KSCacheStatsRecord>(KSCacheStats); }
 };
 
 /// A session over the scripted platform, and the answer to its next request.
@@ -104,7 +116,7 @@ TEST(Cpp, SpansOfOtherLengthsAreRefused) {
         EXPECT_EQ(std::ranges::count(known.values, 55), 4) << i;
         EXPECT_EQ(std::ranges::count(values, 77), isLookup ? 0 : values.size()) << i;
         EXPECT_EQ(std::ranges::count(statuses, 77), isLookup ? 0 : statuses.size()) << i;
-        KSCacheReset(known.cache.get());
+        known.cache.call(KSCacheReset);
         EXPECT_EQ(known.cache.addBatch(known.keys, to, statuses, args), expected(isAdd)) << i;
         EXPECT_EQ(known.stats().cachedItems, isAdd ? 4 : 0) << i;
     }
@@ -139,7 +151,7 @@ TEST(Cpp, CallsReachEachFunctionOfAHandle) {
     const Folder folder;
     const std::string path = folder.path + "/cache";
     Known known(10);
-    const Cache other(10);
+    Cache other(10);
     const auto hold = ask<FileHold>(KSCacheHoldFile, path.c_str());
     const auto replaced = [&](const KSCacheHold* with) {
         return known.cache.ask<uint64_t>(KSCacheReplaceFile, path.c_str(), with);
@@ -148,6 +160,7 @@ TEST(Cpp, CallsReachEachFunctionOfAHandle) {
     EXPECT_EQ(replaced(hold->get()).value_or(0), 10U);
     EXPECT_EQ(ask<FileHold>(KSCacheHoldFile, path.c_str()).status(), CR_STATUS_BUSY);
     EXPECT_EQ(other.ask<uint64_t>(KSCacheLoad, path.c_str()).value_or(0), 10U);
+    EXPECT_TRUE(other.erase(known.keys[0]) && other.call(KSCachePrune) == uint64_t{1});
     Session session = scriptedSession();
     answer("");
     EXPECT_TRUE(session.call(MBFileCopy, "a", "b", 1U));
@@ -193,6 +206,10 @@ TEST(Cpp, LoopsOverQueries) {
             EXPECT_EQ(none.status(), expected) << i;
         }
     }
+    answer(three);
+    auto given = session.findLines(1);
+    MBPOFindClose(given.release());
+    EXPECT_EQ(given.begin(), given.end());
 }
 
 TEST(Cpp, Callables) {
