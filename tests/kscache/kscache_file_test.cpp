@@ -139,7 +139,7 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
 TEST(CacheFile, ThatADiskKeptWronglyReplacesNothing) {
     const Cache cache = filled(3);
     ASSERT_EQ(KSCacheSave(filled(2).get(), path().c_str(), nullptr), 0U);
-    for (const uint64_t kept : {3, 4}) {  // one value is another; one entry more
+    for (const uint64_t kept : {3U, 4U}) {  // one value is another; one entry more
         Cache other = filled(kept);
         KSCacheDelete(other.get(), std::array<uint64_t, 4>{1}.data(), 3);
         KSCacheAdd(other.get(), std::array<uint64_t, 4>{1}.data(), 3, 2, nullptr);
