@@ -1,6 +1,7 @@
 /*
- * The PO library. A PO is one record of the pool's Metabase. This header is a contract without
- * code.
+ * The PO library. A PO is one record of the pool's Metabase.
+ *
+ * This header is a contract without code.
  *
  * Arguments that mean the same everywhere:
  *
