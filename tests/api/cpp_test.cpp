@@ -22,14 +22,13 @@ static_assert(std::is_constructible_v<Cache, int> && !std::is_convertible_v<KSCa
 
 /// A status is never compared with a value.
 template <typename A, typename B>
-concept Comparable = requires(const A& a, const B& b) { a == b; };
+concept Comparable = requires(const A& a, const B& b) {
+    a == b;
+};
 static_assert(Comparable<Status, uint32_t> && !Comparable<Result<uint64_t>, uint32_t> &&
               !Comparable<Result<uint64_t>, Status>);
 
-/// What a C function changes is not const.
-template <typename Owning>
-concept Resettable = requires(Owning& owner) { KSCacheReset(owner.get()); };
-static_assert(Resettable<Cache> && !Resettable<const Cache>);
+static_assert(std::is_same_v<decltype(std::declval<const Cache&>().get()), const KSCache*>);
 
 /// A cache, and numbered keys with their numbers as values.
 struct Known {
