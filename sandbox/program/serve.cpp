@@ -36,7 +36,7 @@ void serve(const ServeOptions& options) {
     const Server server(settings);
     if (!server.warning().empty()) complain(server.warning());
     if (!options.portFile.empty())
-        replaceFile(options.portFile, std::to_string(server.port()) + "\n");
+        replaceFile(options.portFile, std::to_string(server.port()) + "\n", 0644);
     printf("READY url=%s pid=%ld\n", server.url().c_str(), static_cast<long>(getpid()));
     flush();
     int signalNumber = 0;

@@ -33,9 +33,9 @@ void writeFile(const std::string& path, const std::string& text) {
     if (const int reason = writeAll(std::move(file), text); reason != 0) fail(path, reason);
 }
 
-void replaceFile(const std::string& path, const std::string& text) {
+void replaceFile(const std::string& path, const std::string& text, mode_t mode) {
     const std::string made = path + ".new";
-    kspool::Descriptor file(open(made.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    kspool::Descriptor file(open(made.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
     int reason = writeAll(std::move(file), text);
     if (reason == 0 && rename(made.c_str(), path.c_str()) != 0) reason = errno;
     if (reason == 0) return;

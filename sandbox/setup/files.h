@@ -2,6 +2,8 @@
 #ifndef SANDBOX_SETUP_FILES_H
 #define SANDBOX_SETUP_FILES_H
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace sandbox {
@@ -10,9 +12,10 @@ namespace sandbox {
 /// std::runtime_error, also when the file exists.
 void writeFile(const std::string& path, const std::string& text);
 
-/// Puts a file in place of another by rename: a reader never sees half of it. A run that is killed
-/// may leave PATH.new behind. Throws std::runtime_error.
-void replaceFile(const std::string& path, const std::string& text);
+/// Puts a file in place of another by rename: a reader never sees half of it. `mode` is that of the
+/// new one, less the umask. A run that is killed may leave PATH.new behind. Throws
+/// std::runtime_error.
+void replaceFile(const std::string& path, const std::string& text, mode_t mode);
 
 /// Returns when a file, or a folder's names, are on the disk. Throws std::runtime_error.
 void sync(const std::string& path);

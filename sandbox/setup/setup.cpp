@@ -199,7 +199,7 @@ void setUp(const Setup& setup) {
 
 void changeUrl(const std::string& folder, const std::string& url) {
     const std::string path = absoluteFolder(folder);
-    replaceFile(path + "/" + kConfiguration, configurationText(url, path));
+    replaceFile(path + "/" + kConfiguration, configurationText(url, path), 0600);
 }
 
 Settings readSetup(const std::string& folder) {

@@ -397,6 +397,7 @@ TEST(PlatformNet, DecodesInPlace) {
     for (const auto& [coded, plain] : {std::pair{"abc%20d", "abc d"},
                                        {"a+b", "a+b"},
                                        {"%4a%4A", "JJ"},
+                                       {"%0A%09%a0%ff", "\n\t\xa0\xff"},
                                        {"%", "%"},
                                        {"%2", "%2"},
                                        {"%zz%2g%%41", "%zz%2g%A"}}) {

@@ -37,6 +37,7 @@ NOW = 1700000000
 EVERYTHING = "0|0||-1|-1|*|*|*|*|*|*|*|*|*|*|" + "-1|" * 10 + "*"
 chance = random.Random(SEED)
 noticed = {}  # the syncs that were missing on purpose
+total = 0  # states
 
 
 class Broken(Exception):
@@ -92,8 +93,10 @@ def must_notice(what, check, *arguments):
     raise AssertionError(f"not noticed: {what}")
 
 
-def tell(what, *counts):
-    print(f"power: {what}: " + ", ".join(f"{number} {name}" for number, name in counts) + ", 0 broken promises", flush=True)
+def tell(what, states, *counts):
+    global total
+    total += states
+    print(f"power: {what}: " + ", ".join(f"{number} {name}" for number, name in ((states, "states"), *counts)), flush=True)
 
 
 def cache_of(size):
@@ -130,7 +133,7 @@ def cache_file():
     record = Record(top + "/cache")
     for size in (40, 300, 200, *[20000, 100][:SIZE - 1]):  # 16,384 are written at once
         record.run(CACHE, "shrink", cache_of(size), "-o", top + "/cache/it.cache", "--limit", "2")
-    tell("a cache file", (check_caches(record, 40 * SIZE), "states"))
+    tell("a cache file", check_caches(record, 40 * SIZE))
     must_notice("of a cache file", check_caches, record, 4, disk.File)
     must_notice("of its folder", check_caches, record, 4, disk.Folder)
 
@@ -154,7 +157,7 @@ def set_up():
         count += check_set_up(record, 20 * SIZE)
         must_notice("of a file that init makes", check_set_up, record, 4, disk.File)
         must_notice("of a folder that init makes", check_set_up, record, 4, disk.Folder)
-    tell("a folder that init makes", (count, "states"))
+    tell("a folder that init makes", count)
 
 
 class Client:
@@ -269,8 +272,9 @@ def database():
         assert sum(event.path.endswith("-wal") and event.number == 0 for event in disk.read_log(long.record.log)) > 2
         count += long.check(1, share=0.1)[0]
     must_notice("of the database", changes.check, 4, disk.File)
+    must_notice("of its folder in the pool", changes.check, 4, disk.Folder)
     must_notice("with --no-sync", Changes(top + "/unsynced", 1, 4, sync=False).check, 4)
-    tell("the database of the sandbox", (count, "states"), (opened, "opened by kspool-sandbox"))
+    tell("the database of the sandbox", count, (opened, "opened by kspool-sandbox"))
 
 
 class Recordings:
@@ -342,7 +346,7 @@ def agent():
         recorded += recordings.check_claims(3 + SIZE // 2)
     must_notice("of facts or cache", recordings.check_pair, 4, disk.File)
     must_notice("of their folder", recordings.check_pair, 4, disk.Folder)
-    tell("facts and cache of kspool-agent", (count, "states"), (recorded, "recorded upon"),
+    tell("facts and cache of kspool-agent", count, (recorded, "recorded upon"),
          (seen["known"], "segments called known"), (seen["unread"], "files not read"))
 
 
@@ -354,4 +358,4 @@ with tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") els
     except Exception:
         print(f"KSPOOL_TEST_SEED={SEED}", file=sys.stderr)
         raise
-print(f"power: {len(noticed)} missing syncs noticed: {', '.join(noticed)}; KSPOOL_TEST_SEED={SEED}")
+print(f"power: {total} states in all, {len(noticed)} missing syncs noticed: {', '.join(noticed)}; KSPOOL_TEST_SEED={SEED}")

@@ -189,7 +189,8 @@ def check_run():
     assert all(os.path.getsize("closed/" + name) for name in os.listdir("closed")), os.listdir("closed")
     inherited = run("run", "--tls", "--", "sh", "-c", "ls /proc/self/fd", code=0, env=env)
     assert inherited.split() == ["0", "1", "2", "3"], inherited  # the last one is that of ls
-    told = 'echo "$KSPOOL_LOGIN $KSPOOL_PASSWORD $KSPOOL_SANDBOX_URL"; grep url "$KSPOOL_AGENT_CONFIG"'
+    told = '''echo "$KSPOOL_LOGIN $KSPOOL_PASSWORD $KSPOOL_SANDBOX_URL"; grep url "$KSPOOL_AGENT_CONFIG"
+              pool=$(dirname "$KSPOOL_AGENT_CONFIG"); find $pool '(' -type f -o -path $pool ')' -perm /077'''
     for options, scheme in (((), "http"), (("--tls",), "https")):
         said = run("run", *options, "--", "sh", "-c", told, code=0, env=env)
         url = re.fullmatch(rf"agent \S{{24}} ({scheme}://127\.0\.0\.1:\d+)\nurl = (.*)\nurl = (.*)\n", said).groups()

@@ -1,8 +1,8 @@
 /*
  * For LD_PRELOAD: from main() on, the FAIL_NTH-th call of those below fails, with FAIL_ALL every
- * one after it too. Calls that libraries for cryptography make are left alone, as are those of
- * fts_open(): they do not survive it. With FAIL_COUNT, their number goes into the file of that name
- * at the end.
+ * one after it too, with FAIL_ONLY those of that name alone. Calls that libraries for cryptography
+ * make are left alone, as are those of fts_open(): they do not survive it. With FAIL_COUNT, their
+ * number goes into the file of that name at the end.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -17,12 +17,13 @@
 #include "tests/support/failing_calls.h"
 
 static struct FailurePlan plan;
+static const char* only;
 static int armed;
 static __thread int busy;
 
-static int fails(const void* caller, int error) {
+static int fails(const void* caller, const char* name, int error) {
     Dl_info info;
-    if (!armed || busy) return 0;
+    if (!armed || busy || (only != NULL && strcmp(only, name) != 0)) return 0;
     busy = 1;
     const int known = dladdr(caller, &info) != 0 && info.dli_fname != NULL;
     busy = 0;
@@ -34,10 +35,10 @@ static int fails(const void* caller, int error) {
     return 1;
 }
 #define NEXT(name) ((__typeof__(&failing_##name))dlsym(RTLD_NEXT, #name))
-#define DEFINITION(type, name, parameters, arguments, failure, error, next)          \
-    type failing_##name parameters __asm__(#name);                                   \
-    type failing_##name parameters {                                                 \
-        return fails(__builtin_return_address(0), error) ? failure : next arguments; \
+#define DEFINITION(type, name, parameters, arguments, failure, error, next)                 \
+    type failing_##name parameters __asm__(#name);                                          \
+    type failing_##name parameters {                                                        \
+        return fails(__builtin_return_address(0), #name, error) ? failure : next arguments; \
     }
 #define OF_MEMORY(call, type, name, parameters, arguments, failure, error) \
     extern type __libc_##name parameters;                                  \
@@ -48,6 +49,7 @@ static int fails(const void* caller, int error) {
 OF_MEMORY(, void*, malloc, (size_t size), (size), NULL, ENOMEM)
 MEMORY_CALLS(OF_MEMORY)
 FILE_CALLS(OF_FILES)
+OF_FILES(, int, fsync, (int fd), (fd), -1, EIO)
 OF_FILES(, int, rename, (const char* from, const char* to), (from, to), -1, EACCES)
 
 FTS* fts_open(char* const* paths, int options, int (*order)(const FTSENT**, const FTSENT**)) {
@@ -63,6 +65,7 @@ static Main* program;
 static int armedMain(int argc, char** argv, char** environment) {
     if (getenv("FAIL_NTH") != NULL) plan.nth = strtoul(getenv("FAIL_NTH"), NULL, 10);
     plan.fromThenOn = getenv("FAIL_ALL") != NULL;
+    only = getenv("FAIL_ONLY");
     armed = 1;
     const int code = program(argc, argv, environment);
     armed = 0;

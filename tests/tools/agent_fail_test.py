@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""kspool-agent record while calls of it fail: memory, reads, writes, opens, the rename of its cache.
+"""kspool-agent record while calls of it fail: memory, reads, writes, opens, syncs, the rename of its cache.
 Usage: agent_fail_test.py AGENT SANDBOX SHIM [RUNS]
 
 Whatever fails, the run ends with a documented exit code and a word on it, and the next one completes.
+A sync that fails is never passed over.
 """
 import os
 import random
@@ -37,6 +38,18 @@ with tempfile.TemporaryDirectory() as top:
         whole = record(image)
         assert whole.returncode == 0, whole
         assert len(found(AGENT, image)) == FILES, found(AGENT, image)
+
+    def init(folder, **variables):
+        return subprocess.run([SANDBOX, "init", f"{top}/{folder}", "--url", "http://127.0.0.1:1"],
+                              env={**os.environ, **variables}, capture_output=True, text=True)
+
+    for program, least in ((init, 7), (record, 4)):
+        for nth in range(1, 99):
+            done = program(f"synced{nth}", LD_PRELOAD=SHIM, FAIL_NTH=str(nth), FAIL_ONLY="fsync", FAIL_COUNT=top + "/count")
+            if int(open(top + "/count").read()) < nth:
+                break
+            assert done.returncode in (1, 3) and "Input/output error" in done.stderr, (nth, done)
+        assert done.returncode == 0 and nth > least, (nth, done)
 
     counted = record("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
     assert counted.returncode == 0, counted

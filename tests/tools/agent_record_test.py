@@ -21,6 +21,7 @@ from pool_server import PoolServer
 
 AGENT, SANDBOX, LATER = sys.argv[1:]
 K = 1024
+HARD = "a|b%41" + "".join(map(chr, range(1, 32))) + "\x7f"  # a name of what no PO may hold as it is
 
 
 def run(*arguments, code=0, timeout=60, **variables):
@@ -40,7 +41,7 @@ with tempfile.TemporaryDirectory() as top:
     pool, tree, cache = top + "/pool", top + "/tree", top + "/blocks.cache"
     server = PoolServer(SANDBOX, pool)
     blocks = [random.Random(i).randbytes(4 * K) for i in range(8)]
-    for i, name in enumerate(["a|b%41\n", "sub/c", "sub/d", "e*", "f", "g"]):
+    for i, name in enumerate([HARD, "sub/c", "sub/d", "e*", "f", "g"]):
         os.makedirs(os.path.dirname(f"{tree}/{name}"), exist_ok=True)
         with open(f"{tree}/{name}", "wb") as file:
             file.write(blocks[i] + blocks[7])
@@ -57,7 +58,7 @@ with tempfile.TemporaryDirectory() as top:
         file.write(b"more")
     assert record("three")["newSegments"] == 1
     paths = [entry["path"] for entry in found("three")]
-    assert paths == [f"{tree}/{n}" for n in ("a|b%41\n", "e*", "f", "g", "sub/c", "sub/d")], paths
+    assert paths == [f"{tree}/{n}" for n in (HARD, "e*", "f", "g", "sub/c", "sub/d")], paths
     sizes = [e["size"] for e in found("*") if e["path"].endswith("/f")]
     assert sizes == [8 * K, 8 * K + 4, 8 * K], sizes
 

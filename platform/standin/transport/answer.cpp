@@ -43,12 +43,13 @@ bool isType(std::string_view value, std::string_view type) {
     return kspool::sameText(bare, type);
 }
 
-/// A text of an event. It ends up in logs, so control characters become spaces: a server must not
-/// be able to forge log lines.
+/// A text of an event. It ends up in logs, so the bytes of control characters become spaces: a
+/// server must not be able to forge log lines.
 std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, ' ');
+    for (size_t at = 0, shown = 0; at < text.size(); at += std::max(shown, size_t{1})) {
+        shown = kspool::shownLength(std::string_view(text).substr(at));
+        if (shown == 0) text[at] = ' ';
+    }
     return text;
 }
 
