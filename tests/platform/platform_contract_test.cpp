@@ -338,7 +338,7 @@ TEST(PlatformIni, EndsASectionAtADamagedHeader) {
                  {"[spa] url", "d", "d", 1},
                  {"[spa" + std::string(70000, ' ') + "]", "d", "d", 1},
                  {std::string("[sp\0a]", 7), "d", "d", 1},
-                 {"x = y\r[spa]", "d", "d", 1},
+                 {"x = y\r[spa] ; s", "d", "d", 1},
                  {"no sense", "u", "d", 1}};
     for (const auto& row : table) {
         std::ofstream(path) << "[metabase]\n" << row.header << "\nurl = u\n";

@@ -227,9 +227,9 @@ void CacheModel::lookup() {
 
 void CacheModel::removeOne(const KSCacheKey& key) {
     at_ = key;
-    const bool known = model_.erase(identity(key)) != 0;
-    same("status", KSCacheDelete(cache_, key.fingerprint, key.type),
-         known ? CR_STATUS_OK : CR_STATUS_NOT_FOUND);
+    const uint32_t status = model_.erase(identity(key)) != 0 ? CR_STATUS_OK : CR_STATUS_NOT_FOUND;
+    same("found", KSCacheFetch(cache_, key.fingerprint, key.type, nullptr), status);
+    same("status", KSCacheDelete(cache_, key.fingerprint, key.type), status);
 }
 
 void CacheModel::remove() {
