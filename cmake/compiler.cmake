@@ -14,6 +14,8 @@ target_include_directories(kspool_compiler INTERFACE ${PROJECT_SOURCE_DIR}
 if(KSPOOL_HARDEN AND NOT KSPOOL_SANITIZE)
   target_compile_options(kspool_compiler INTERFACE
     -fstack-protector-strong -fstack-clash-protection
+    # Marks where indirect jumps may end. Systems check that only in programs all of whose parts have the
+    # property for it, the C library's start files too. The figures of tests/guard include the marks.
     $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>
     # Checked buffers work in optimised code only.
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE>
