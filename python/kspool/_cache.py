@@ -3,7 +3,8 @@
 Threads: a call runs without the GIL, and a cache serves one thread at a time. Calls of other threads wait for the
 lock of the cache; other caches, and all other Python code, go on.
 
-1. `_lock` is held in each call that uses the cache. Its thread may take it again, as a signal handler does.
+1. `_lock` is held in each call that uses the cache. Its thread may take it again, as a signal handler does; so no
+   call leaves its results where another call of the same thread writes.
 2. Digests, values and statuses are read and written where they lie. Their buffers are exported during the call, so
    that nobody can resize or free them.
 3. `_moves` changes with each call after which a walk could tell of entries that are gone.
@@ -16,8 +17,9 @@ from ._handle import Handle, check, encoded, fail, record_of
 from ._kspool import ffi, lib
 
 MD5, SHA1_16, SHA256 = map(int, (lib.CR_FP_MD5, lib.CR_FP_SHA1_16, lib.CR_FP_SHA256))
+WIDTHS = {kind: 32 if kind == SHA256 else 16 for kind in range(256)}
 
-ARRAYS = {4: ffi.typeof("uint32_t[]"), 8: ffi.typeof("uint64_t[]")}
+ARRAYS, PLACE = {4: ffi.typeof("uint32_t[]"), 8: ffi.typeof("uint64_t[]")}, ffi.typeof("uint64_t *")
 Path = str | bytes | os.PathLike[str]
 Buffer = Any  # an object with the buffer protocol, which has a type from Python 3.12 on only
 Entry = NamedTuple("Entry", [("digest", bytes), ("value", int), ("type", int)])
@@ -28,9 +30,9 @@ CacheStats = NamedTuple("CacheStats", [
 
 
 def _width(kind: int) -> int:
-    if not 0 <= kind <= 255:
+    if kind not in WIDTHS:
         raise ValueError(f"fingerprint type {kind} is not within 0 to 255")
-    return 32 if kind == SHA256 else 16
+    return WIDTHS[kind]
 
 
 def _numbers(buffer: Buffer | None, size: int, count: int, writable: bool) -> Any:
@@ -66,13 +68,13 @@ class Cache(Handle):
     exists_batch()) count, and limit() keeps what was asked for most; get(), [] and fetch_batch() change nothing.
     """
 
-    __slots__ = ("type", "_lock", "_moves", "_value")
+    __slots__ = ("type", "_lock", "_moves")
 
     def __init__(self, expected: int = 1_000_000, *, type: int = SHA256, lock_pages: bool = False) -> None:
         """An empty cache for about `expected` entries. It takes more, and is slower then."""
         _width(type)
         self.type = type
-        self._lock, self._moves, self._value = threading.RLock(), 0, ffi.new("uint64_t *")
+        self._lock, self._moves = threading.RLock(), 0
         super().__init__(lib.KSCacheCreate(lib.KSCacheAreaFor(expected), lib.KSCacheBitsFor(expected), lock_pages,
                                            ffi.NULL, ffi.NULL), lib.KSCacheDestroy)
 
@@ -80,9 +82,9 @@ class Cache(Handle):
         """Carries out a single call. False when the status was `result`."""
         kind = self.type if type is None else type
         key = digest if isinstance(digest, bytes) else memoryview(digest).tobytes()
-        if len(key) != _width(kind):
+        if WIDTHS.get(kind) != len(key):
             raise ValueError(f"a digest of {len(key)} bytes: those of type {kind} have {_width(kind)}")
-        return bool(check(function(self._open(), key, kind, *more), result) == lib.CR_STATUS_OK)
+        return not check(function(self._object or self._open(), key, kind, *more), result)
 
     def add(self, digest: Buffer, value: int, type: int | None = None) -> bool:
         """Records a digest. False if it is known already: it keeps its value, and counts as asked for."""
@@ -90,9 +92,9 @@ class Cache(Handle):
             return self._call(lib.KSCacheAdd, digest, type, value, ffi.NULL, result=lib.CR_STATUS_EXISTS)
 
     def _find(self, function: Any, digest: Buffer, type: int | None) -> int | None:
+        value = ffi.new(PLACE)
         with self._lock:
-            found = self._call(function, digest, type, self._value, result=lib.CR_STATUS_NOT_FOUND)
-            return self._value[0] if found else None
+            return value[0] if self._call(function, digest, type, value, result=lib.CR_STATUS_NOT_FOUND) else None
 
     def get(self, digest: Buffer, default: int | None = None, type: int | None = None) -> int | None:
         """The value of a digest, or `default`. Nothing is counted."""

@@ -45,7 +45,7 @@ def fail(status: int, text: str = "") -> NoReturn:
 
 def check(status: int, *results: int) -> int:
     """Raises the exception of a status that is neither 0 nor one of the results."""
-    return status if status == lib.CR_STATUS_OK or status in results else fail(status)
+    return status if not status or status in results else fail(status)
 
 
 def last_status() -> int:

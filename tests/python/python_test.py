@@ -115,6 +115,16 @@ def walks_end_when_entries_go():
         refused(RuntimeError, lambda: next(walk))
 
 
+def handlers_use_the_cache_that_they_interrupt():
+    cache, ends = Cache(), time.monotonic() + 0.5
+    assert cache.add(DIGEST, 1) and cache.add(NARROW, 2, kspool.MD5)
+    signal.signal(signal.SIGALRM, lambda *_: cache.get(NARROW, type=kspool.MD5))
+    signal.setitimer(signal.ITIMER_REAL, 0.0002, 0.0002)
+    while time.monotonic() < ends:
+        assert cache.get(DIGEST) == 1
+    signal.setitimer(signal.ITIMER_REAL, 0)
+
+
 def is_locked(used):
     return not (used._lock.acquire(blocking=False) and used._lock.release() is None)
 
@@ -241,6 +251,7 @@ with tempfile.TemporaryDirectory() as top:
     wrong_arguments_are_refused(top)
     files_survive(top)
 walks_end_when_entries_go()
+handlers_use_the_cache_that_they_interrupt()
 other_threads_run_meanwhile()
 refused(RuntimeError, lambda: kspool.sandbox("--nonsense").__enter__(), "did not start")
 with kspool.sandbox() as server:
