@@ -4,7 +4,6 @@ Threads: one thread at a time uses a session; the call of another one meanwhile 
 alone may be called beside a call. A call runs without the GIL. After a fork the session belongs to the
 parent: calls of the child fail, and its copy goes without a byte to the server.
 """
-import contextlib
 import re
 import threading
 from typing import Any, Callable, Iterable, Iterator, NamedTuple
@@ -143,6 +142,15 @@ def _lines(cursor: Any, line: Any) -> Iterator[str]:
         fail(status)
 
 
+def _check(session: Any, status: int) -> None:
+    """Raises the exception of a status, with the server's own words where it has some."""
+    if status:
+        event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
+        lib.MBLastEvent(session, event)
+        said = status in (event.eventCode, lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED)
+        fail(status, decoded(event.description) if said and event.description else "")
+
+
 class Session(Handle):
     """A session with one server. Options are those of OPTIONS: with login and password it can send requests."""
 
@@ -155,26 +163,17 @@ class Session(Handle):
         path = ffi.NULL if config is None else encoded(config)
         super().__init__(lib.MBCreateWithAgentCfg(0, records, len(records), path), lib.MBShutdown)
 
-    @contextlib.contextmanager
-    def _use(self) -> Iterator[None]:
+    def _use(self, work: Callable[[Any], Any]) -> Any:
+        """What `work` makes of the C session, which is of this call alone until then, and stays beside close()."""
         if not self._lock.acquire(blocking=False):
             raise RuntimeError("the session is in use: it serves one call at a time")
         try:
-            yield
+            return work(self._open())
         finally:
             self._lock.release()
 
     def _call(self, function: Any, *arguments: Any) -> None:
-        with self._use():
-            self._check(function(self._open(), *map(encoded, arguments)))
-
-    def _check(self, status: int) -> None:
-        """Raises the exception of a status, with the server's own words where it has some."""
-        if status:
-            event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
-            lib.MBLastEvent(self._open(), event)
-            said = status in (event.eventCode, lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED)
-            fail(status, decoded(event.description) if said and event.description else "")
+        self._use(lambda session: _check(session, function(session, *map(encoded, arguments))))
 
     def _text(self, function: Any, *arguments: Any, after: tuple[Any, ...] = ()) -> str:
         """The text that an operation returns."""
@@ -204,14 +203,11 @@ class Session(Handle):
 
     def enable_resiliency(self, seconds: int) -> int:
         """How long requests are tried again; returns the time-out that was set before, if any, which stays."""
-        with self._use():
-            return int(lib.MBEnableResiliency(self._open(), seconds))
+        return int(self._use(lambda session: lib.MBEnableResiliency(session, seconds)))
 
-    def _told(self, function: Any, ctype: str, *skipped: str) -> list[Any]:
+    def _told(self, function: Any, ctype: str, *skipped: str) -> Any:
         record = ffi.new(ctype + " *", {"size": ffi.sizeof(ctype)})
-        with self._use():
-            check(function(self._open(), record))
-            return record_of(record, "size", *skipped)
+        return self._use(lambda session: check(function(session, record)) or record_of(record, "size", *skipped))
 
     def last_event(self) -> Event:
         """What is known of the last request, and of the event that the server reported in it."""
@@ -257,13 +253,15 @@ class Session(Handle):
         """The POs that match, as lines. A criterion is named by its field of PO; texts match as in a shell."""
         record, texts = _filter(criteria)
         line = ffi.new("char **")
-        with self._use():
-            cursor = lib.MBPOStringFindFirst(self._open(), dataselection, record, line, ffi.NULL)
-            if cursor == ffi.NULL:
-                status = last_status()
-                self._check(status if status != lib.CR_STATUS_NOT_FOUND else lib.CR_STATUS_OK)
-                return iter(())
-        return _lines(ffi.gc(cursor, lib.MBPOFindClose), line)
+
+        def first(session: Any) -> Any:
+            cursor = lib.MBPOStringFindFirst(session, dataselection, record, line, ffi.NULL)
+            if cursor == ffi.NULL and (status := last_status()) != lib.CR_STATUS_NOT_FOUND:
+                _check(session, status)
+            return cursor
+
+        cursor = self._use(first)
+        return iter(()) if cursor == ffi.NULL else _lines(ffi.gc(cursor, lib.MBPOFindClose), line)
 
     def find(self, dataselection: int, **criteria: Value) -> Iterator[PO]:
         """The POs that match. The answer is in memory as a whole; the session may be used meanwhile."""

@@ -223,9 +223,24 @@ def failures_have_kinds(pool, session):
             abort()
             concurrent.futures.wait([request], 0.2)
         assert isinstance(request.exception(), kspool.Aborted), request
+    order(kind="delay", ms=20000, action="gettime")
+    request = THREADS.submit(slow.time)
+    while not is_locked(slow):
+        time.sleep(0.001)
     slow.close()
     slow.abort()
+    assert isinstance(request.exception(), kspool.Timeout), request
     refused(ValueError, slow.time, "closed")
+    sys.setswitchinterval(1e-6)
+    for _ in range(20):  # a session stays until a call of another thread has read its texts
+        with pool.session() as session:
+            refused(kspool.Remote, lambda: session.mkdir("/c"))
+            told, closing = session.last_event(), THREADS.submit(session.close)
+            try:
+                while True:
+                    assert session.last_event() == told
+            except ValueError:
+                closing.result()
 
 
 def processes_end_cleanly(pool, session):
