@@ -5,7 +5,6 @@ alone may be called beside a call. A call runs without the GIL. After a fork the
 parent: calls of the child fail, and its copy goes without a byte to the server.
 """
 import re
-import threading
 from typing import Any, Callable, Iterable, Iterator, NamedTuple
 
 from ._handle import Handle, check, decoded, encoded, fail, last_status, record_of
@@ -154,23 +153,25 @@ def _check(session: Any, status: int) -> None:
 class Session(Handle):
     """A session with one server. Options are those of OPTIONS: with login and password it can send requests."""
 
-    __slots__ = ("_lock",)
+    __slots__ = ("_user",)
 
     def __init__(self, config: str | None = None, **options: Value) -> None:
         """Reads the agent configuration `config`, or the default one. Nothing is sent."""
-        self._lock = threading.Lock()
+        self._user: dict[int, object] = {}  # under 0 the call that uses the session
         records, texts = _options(options)
         path = ffi.NULL if config is None else encoded(config)
         super().__init__(lib.MBCreateWithAgentCfg(0, records, len(records), path), lib.MBShutdown)
 
     def _use(self, work: Callable[[Any], Any]) -> Any:
         """What `work` makes of the C session, which is of this call alone until then, and stays beside close()."""
-        if not self._lock.acquire(blocking=False):
-            raise RuntimeError("the session is in use: it serves one call at a time")
+        me = object()
         try:
+            if self._user.setdefault(0, me) is not me:
+                raise RuntimeError("the session is in use: it serves one call at a time")
             return work(self._open())
-        finally:
-            self._lock.release()
+        finally:  # Python runs signal handlers, which may raise, after calls: so there is none before the end of use
+            if self._user == {0: me}:
+                del self._user[0]
 
     def _call(self, function: Any, *arguments: Any) -> None:
         self._use(lambda session: _check(session, function(session, *map(encoded, arguments))))

@@ -216,7 +216,7 @@ def failures_have_kinds(pool, session):
     for abort in (session.abort, lambda: signal.setitimer(signal.ITIMER_REAL, 0.05)):
         order(kind="delay", ms=20000, action="gettime")
         request = THREADS.submit(session.time)
-        while not is_locked(session):
+        while not session._user:
             time.sleep(0.001)
         refused(RuntimeError, session.time, "in use")
         while not request.done():
@@ -225,7 +225,7 @@ def failures_have_kinds(pool, session):
         assert isinstance(request.exception(), kspool.Aborted), request
     order(kind="delay", ms=20000, action="gettime")
     request = THREADS.submit(slow.time)
-    while not is_locked(slow):
+    while not slow._user:
         time.sleep(0.001)
     slow.close()
     slow.abort()
@@ -241,6 +241,20 @@ def failures_have_kinds(pool, session):
                     assert session.last_event() == told
             except ValueError:
                 closing.result()
+
+
+def interrupts_leave_a_session_usable(session):
+    def stop(*_):
+        raise InterruptedError
+
+    signal.signal(signal.SIGALRM, stop)
+    for _ in range(200):
+        try:
+            signal.setitimer(signal.ITIMER_REAL, 0.0002)
+            while True:
+                session.statistics()
+        except InterruptedError:
+            session.statistics()
 
 
 def processes_end_cleanly(pool, session):
@@ -274,6 +288,7 @@ with kspool.sandbox() as server:
     with server.session() as user:
         pool_is_used(user)
         failures_have_kinds(server, user)
+        interrupts_leave_a_session_usable(user)
         nothing_leaks(user)
         processes_end_cleanly(server, user)
 assert not os.path.exists(server.config)
