@@ -3,6 +3,10 @@
  * gaps, and walks. The keys of a block lie on the stack, so that a batch allocates nothing. Blocks
  * of a thousand keys gain all that batches gain (kscache.h, convention 7).
  *
+ * Without the GIL other Python code may change a buffer during its batch. An add reads a digest
+ * more than once, to find its place and to store the digest, so it gets copies; lookups change no
+ * tree, and a digest that changes meanwhile is found or not.
+ *
  * What stands above the definitions is declared to Python as well.
  */
 #include <stddef.h>
@@ -51,14 +55,17 @@ static uint32_t runBlock(KSCache* cache, int batch, const KSCacheKey* keys, size
 static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_t count,
                         uint32_t type, uint64_t* values, uint32_t* statuses) {
     const size_t width = type == WIDE_TYPE ? WIDE : NARROW;
+    uint8_t copies[BLOCK_KEYS * WIDE];
     KSCacheKey keys[BLOCK_KEYS];
     uint32_t unwanted[BLOCK_KEYS], first = CR_STATUS_OK;
     int64_t done = 0;
     for (size_t at = 0; at < count; at += BLOCK_KEYS) {
         const size_t some = count - at < BLOCK_KEYS ? count - at : BLOCK_KEYS;
         uint32_t* told = statuses != NULL ? statuses + at : unwanted;
+        const uint8_t* from = digests + at * width;
+        if (batch == BATCH_ADD) from = memcpy(copies, from, some * width);
         for (size_t i = 0; i < some; ++i) {
-            keys[i].fingerprint = digests + (at + i) * width;
+            keys[i].fingerprint = from + i * width;
             keys[i].type = type;
         }
         const uint32_t status =

@@ -145,6 +145,11 @@ def other_threads_run_meanwhile():
                 pass
     assert ticks > 5 and batch.result() == MANY, (ticks, batch)
     refused(ValueError, lambda: len(cache), "closed")
+    keys, values, cache = bytearray(32_000), numbers("Q", 1000), Cache(MANY)
+    batch = THREADS.submit(lambda: [cache.add_batch(keys, values) for _ in range(300)])
+    while not batch.done():
+        keys[:] = os.urandom(32_000)
+    assert batch.result() and all(digest in cache for digest in cache)
     cache, halves = Cache(MANY), [os.urandom(16 * MANY) for _ in range(2)]
     both = [THREADS.submit(cache.add_batch, half, numbers("Q", MANY // 2)) for half in halves]
     assert [half.result() for half in both] == [MANY // 2] * 2 and len(cache) == MANY
