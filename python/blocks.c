@@ -9,11 +9,15 @@
  *
  * What stands above the definitions is declared to Python as well.
  */
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "kscache.h"
+#include "platform/status.h"
+#include "platform/support.h"
 
 enum { BLOCK_KEYS = 1000, BLOCK_ENTRIES = 512 };
 enum { BATCH_ADD, BATCH_EXISTS, BATCH_FETCH };
@@ -36,7 +40,28 @@ static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_
 /* KSCacheNext() until the block is full or the walk has ended. */
 static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBlock* block);
 
+/*
+ * A message of the library. Messages wait here until the call of Python that wrote them has ended:
+ * a log below C code could not raise, could not run in a thread that waits for the GIL while
+ * another one forks, and could be called when there is no interpreter any more.
+ */
+typedef struct Message {
+    struct Message* next;
+    uint32_t level; /* of Python's logging */
+    uint32_t status;
+    char text[];
+} Message;
+
+/* Where messages go: to stderr, nowhere, or to takeMessages(). 1038 on a platform without sinks. */
+enum { TO_STDERR, TO_NOBODY, TO_PYTHON };
+static uint32_t sendMessages(int to);
+
+/* The messages that wait, the newest first; the caller frees each. */
+static Message* takeMessages(void);
+
 /* ---- Definitions ---- */
+
+#pragma weak qlxSetSink
 
 enum { WIDE_TYPE = 3, WIDE = 32, NARROW = 16 };
 
@@ -87,4 +112,30 @@ static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBl
         block->types[block->count] = node->type;
     }
     return CR_STATUS_OK;
+}
+
+static Message*
+    waiting; /* changed by exchanges alone: a lock could be held when the process forks */
+
+static void keepMessage(uint32_t level, uint32_t status, const char* text, void* wanted) {
+    const size_t size = strlen(text) + 1;
+    Message* message = wanted != NULL ? malloc(sizeof *message + size) : NULL;
+    if (message == NULL) return;
+    message->level = level >= QLX_LEVEL_ERROR ? 40 : level >= QLX_LEVEL_WARNING ? 30 : 20;
+    message->status = status;
+    memcpy(message->text, text, size);
+    message->next = __atomic_load_n(&waiting, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&waiting, &message->next, message, 1, __ATOMIC_RELEASE,
+                                        __ATOMIC_RELAXED)) {
+    }
+}
+
+static uint32_t sendMessages(int to) {
+    if (qlxSetSink == NULL) return CR_STATUS_SYSTEM_BASE + ENOSYS;
+    qlxSetSink(to == TO_STDERR ? NULL : keepMessage, to == TO_PYTHON ? &waiting : NULL);
+    return CR_STATUS_OK;
+}
+
+static Message* takeMessages(void) {
+    return __atomic_exchange_n(&waiting, NULL, __ATOMIC_ACQUIRE);
 }

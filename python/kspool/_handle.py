@@ -1,5 +1,5 @@
 """Errors, and what caches, holds and sessions have alike."""
-from typing import Any, NoReturn, Self
+from typing import Any, Callable, Literal, NoReturn, Self
 
 from ._kspool import ffi, lib
 
@@ -39,12 +39,39 @@ KINDS: dict[int, type[Error]] = {
 }
 
 
+Log = Callable[[int, int, str], object]
+_log: Log | None = None
+
+
+def set_log(log: Log | Literal[False] | None) -> None:
+    """Where messages of the library go: to `log`, with the level that `logging` would give them, the status and the
+    text; nowhere (False); or to standard error as at first (None). The log is called when the call of the package
+    that wrote the messages ends, which raises what the log raises."""
+    global _log
+    check(lib.sendMessages(lib.TO_PYTHON if log else lib.TO_STDERR if log is None else lib.TO_NOBODY))
+    _log = log or None
+
+
+def hand_over() -> None:
+    """Gives the messages that wait to the log."""
+    entries, message = [], lib.takeMessages() if _log else ffi.NULL
+    while message != ffi.NULL:
+        message = ffi.gc(message, lib.free)
+        entries.append((message.level, message.status, decoded(message.text)))
+        message = message.next
+    while _log and entries:
+        _log(*entries.pop())
+
+
 def fail(status: int, text: str = "") -> NoReturn:
+    hand_over()
     raise KINDS.get(status, Error)(status, text)
 
 
 def check(status: int, *results: int) -> int:
     """Raises the exception of a status that is neither 0 nor one of the results."""
+    if _log:
+        hand_over()
     return status if not status or status in results else fail(status)
 
 

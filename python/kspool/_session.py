@@ -143,7 +143,7 @@ def _lines(cursor: Any, line: Any) -> Iterator[str]:
 
 def _check(session: Any, status: int) -> None:
     """Raises the exception of a status, with the server's own words where it has some."""
-    if status:
+    if check(status, status):
         event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
         lib.MBLastEvent(session, event)
         said = status in (event.eventCode, lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED)

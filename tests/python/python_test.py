@@ -105,6 +105,17 @@ def files_survive(folder):
     assert cache.replace(path) == 10 and Cache().load(path) == 10
 
 
+def messages_go_where_they_are_sent():
+    program = ("import kspool\ndef hold():\n    try: kspool.Hold('/none/x')\n    except kspool.Error: pass\nheard = []\n"
+               "for log in (None, False, lambda *message: heard.append(message), None):\n    kspool.set_log(log); hold()\n"
+               "(level, status, text), = heard; assert (level, status) == (30, 1002) and '/none/x' in text, heard")
+    done = subprocess.run([sys.executable, "-c", program], stderr=subprocess.PIPE, text=True)
+    assert done.returncode == 0 and done.stderr.count("/none/x") == 2, done
+    kspool.set_log(lambda *_: 1 // 0)
+    refused(ZeroDivisionError, lambda: kspool.Hold("/none/x"))
+    kspool.set_log(None)
+
+
 def walks_end_when_entries_go():
     for change in (lambda cache: cache.limit(0), lambda cache: cache.delete(digests(0, 1)), lambda cache: cache.reset()):
         cache = Cache()
@@ -174,7 +185,7 @@ def nothing_leaks(session):
 
 
 def pool_is_used(session):
-    pos = [PO(client="c", image="i", folder="/f", name=f"n{number}", size=number) for number in range(5)]
+    heard, pos = [], [PO(client="c", image="i", folder="/f", name=f"n{number}", size=number) for number in range(5)]
     rows = [
         (lambda: session.mkdir("/a"), None), (lambda: session.mkdir("/a/b"), None), (lambda: session.copy("/a", "/c", True), None),
         (lambda: session.move("/c/b", "/d"), None), (lambda: session.delete("/a", recursive=True), None),
@@ -187,11 +198,13 @@ def pool_is_used(session):
         (lambda: session.set_last_image(1, "c", "p", "i", 7), None), (lambda: session.last_images(1)[0][:5], (7, "c", "p", 0, "i")),
         (lambda: session.set_retention(1, "c", "p", "i", 9, flags=3), None), (lambda: session.retention(1, "c", "p", "i")[:3], (9, 0, 3)),
         (lambda: session.image_policy(1, "c", "i"), "p"), (lambda: session.delete_image(1, "c", "p", "i"), None),
-        (lambda: session.hvx_tag(1), ""), (lambda: session.keep_alive(), None), (lambda: session.last_event().http_status, 200),
+        (lambda: session.hvx_tag(1), ""), (lambda: session.keep_alive() or heard.pop()[2][:11], "MBKeepAlive"), (lambda: session.last_event().http_status, 200),
         (lambda: session.set_options(application="me"), None), (lambda: session.statistics().connections, 1),
     ]
+    kspool.set_log(lambda *message: heard.append(message))
     for number, (call, result) in enumerate(rows):
         assert (told := call()) == result, (number, told)
+    kspool.set_log(None)
 
 
 def failures_have_kinds(pool, session):
@@ -284,6 +297,7 @@ batches_do_what_single_calls_do()
 with tempfile.TemporaryDirectory() as top:
     wrong_arguments_are_refused(top)
     files_survive(top)
+messages_go_where_they_are_sent()
 walks_end_when_entries_go()
 handlers_use_the_cache_that_they_interrupt()
 other_threads_run_meanwhile()
