@@ -19,7 +19,7 @@ class Error(Exception):
 
 class NotFound(Error, KeyError): """A fingerprint is not in the cache."""
 class Busy(Error): """A cache file is held by another process, or by another hold."""
-class Corrupt(Error): """A file is no cache file or damaged, or the server's data are malformed."""
+class Corrupt(Error, ValueError): """A file is no cache file or damaged, or the server's data are malformed."""
 class NoMemory(Error, MemoryError): """Memory is short."""
 class Permission(Error): """The server refused the request for lack of a permission."""
 class Remote(Error): """The server reported an error, which Session.last_event() describes."""

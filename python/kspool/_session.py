@@ -5,9 +5,9 @@ alone may be called beside a call. A call runs without the GIL. After a fork the
 parent: calls of the child fail, and its copy goes without a byte to the server.
 """
 import re
-from typing import Any, Callable, Iterable, Iterator, NamedTuple
+from typing import Any, Callable, Iterable, Iterator, NamedTuple, cast
 
-from ._handle import Handle, check, decoded, encoded, fail, last_status, record_of
+from ._handle import Handle, Permission, Remote, check, decoded, encoded, fail, last_status, record_of
 from ._kspool import ffi, lib
 
 
@@ -45,7 +45,7 @@ class PO(NamedTuple):
     @classmethod
     def parse(cls, line: str) -> "PO":
         """The PO that the server sent."""
-        return cls(*_fields(cls, line.split("|")))
+        return cast(PO, _fields(cls, line, "|"))
 
     def line(self) -> str:
         """The PO as the server wants it."""
@@ -76,12 +76,13 @@ OPTIONS: dict[str, tuple[int, type]] = {
 Value = str | int
 
 
-def _fields(kind: Any, texts: list[str]) -> list[Any]:
-    """The fields of a record that came as texts."""
-    types = kind.__annotations__.values()
-    if len(texts) != len(types):
-        raise ValueError(f"{len(texts)} fields, where a {kind.__name__} has {len(types)}")
-    return [convert(text) for convert, text in zip(types, texts)]
+def _fields(kind: Any, line: str, separator: str, most: int = -1) -> Any:
+    """The record of a line that came."""
+    try:
+        fields = zip(kind.__annotations__.values(), line.split(separator, most), strict=True)
+        return kind(*(convert(text) for convert, text in fields))
+    except ValueError:
+        fail(lib.CR_STATUS_CORRUPT, f"no {kind.__name__}: {line!r}")
 
 
 def _known(name: str, value: Value, kind: type | None) -> Any:
@@ -146,8 +147,10 @@ def _check(session: Any, status: int) -> None:
     if check(status, status):
         event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
         lib.MBLastEvent(session, event)
-        said = status in (event.eventCode, lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED)
-        fail(status, decoded(event.description) if said and event.description else "")
+        text = decoded(event.description) if event.description else ""
+        if status == event.eventCode:  # some operations return it as it is; mb.h tells what it means
+            raise (Permission if "permission" in text.lower() else Remote)(status, text)
+        fail(status, text if status in (lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED) else "")
 
 
 class Session(Handle):
@@ -243,7 +246,7 @@ class Session(Handle):
     def listdir(self, path: str, recursive: bool = False) -> list[Node]:
         """The entries of a directory, or of the tree below it."""
         text = self._text(lib.MBDirList, path, after=(ffi.NULL, recursive))
-        return [Node(*_fields(Node, line.split(" ", 3))) for line in text.split("\n") if line]
+        return [_fields(Node, line, " ", 3) for line in text.split("\n") if line]
 
     import_pos = _po_list("MBPOImport", "Imports POs into a data selection.")
     add_pos = _po_list("MBPOAddList", "Adds POs to a data selection; one that exists is replaced.")
@@ -277,7 +280,7 @@ class Session(Handle):
                     datetime: int = 0) -> list[Image]:
         """The images of a client and a policy, newest first; empty texts, -1 and 0 match any."""
         text = self._text(lib.MBGetLastImages, dsid, client, policy, parentid, datetime)
-        return [Image(*_fields(Image, line.split("|"))) for line in text.split("\n") if line]
+        return [_fields(Image, line, "|") for line in text.split("\n") if line]
 
     def delete_image(self, dsid: int, client: str, policy: str, imagename: str, flags: int = 0) -> None:
         """Deletes an image's record."""

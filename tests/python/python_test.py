@@ -216,10 +216,13 @@ def failures_have_kinds(pool, session):
     reader, far = Session(pool.config, login="reader", password=password), pool.session(mbs_url="http://127.0.0.1:1/")
     wrong = [
         (kspool.Remote, lambda: session.mkdir("/c"), "already exists: /c", "(4)"),
-        (kspool.Error, lambda: session.delete_image(1, "c", "p", "no"), "no such image: no of", "(10023)"),
+        (kspool.Remote, lambda: session.delete_image(1, "c", "p", "no"), "no such image: no of", "(10023)"),
+        (kspool.Remote, lambda: session.retention(1, "c", "p", "no"), "no such image", "(10023)"),
+        (kspool.Permission, lambda: reader.delete_image(1, "c", "p", "i"), "Permission denied", "(10002)"),
         (kspool.Permission, lambda: reader.mkdir("/r"), "reader may not mkdir", "(106)"), (kspool.Unreachable, far.time, "(2004)"),
         (kspool.Remote, lambda: session.mkdir("/\udcff"), "(4)"), (kspool.Error, lambda: session.add_pos(1, []), "(9)"),
-        (ValueError, lambda: session.add_pos(1, [PO(name="a|b")]), "a|b"), (ValueError, lambda: PO.parse("1|2"), "2 fields"),
+        (ValueError, lambda: session.add_pos(1, [PO(name="a|b")]), "a|b"), (kspool.Corrupt, lambda: PO.parse("1|2"), "1|2"),
+        (kspool.Corrupt, lambda: PO.parse(PO().line().replace("|0", "|x", 1)), "no PO"),
         (ValueError, lambda: session.mkdir("/a\0b"), "NUL"), (TypeError, lambda: session.find(1, size="1"), "wants int"),
         (TypeError, lambda: session.find(1, sizes=1), "no such name"), (TypeError, lambda: Session(login=5), "wants str"),
         (ValueError, lambda: session.find(1, origin="x" * 128)), (kspool.Error, lambda: Session(login="x" * 300), "(10)"),
