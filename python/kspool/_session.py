@@ -49,7 +49,7 @@ class PO(NamedTuple):
 
     def line(self) -> str:
         """The PO as the server wants it."""
-        line = "|".join(map(str, self))
+        line = "|".join(map(str, map(_known, self._fields, self, self.__annotations__.values())))
         if line.count("|") != len(self) - 1 or re.search("[\0-\x1f\x7f]", line):
             raise ValueError(f"a PO with | or a control character in a text: {line!r}")
         return line
@@ -85,25 +85,22 @@ def _fields(kind: Any, line: str, separator: str, most: int = -1) -> Any:
         fail(lib.CR_STATUS_CORRUPT, f"no {kind.__name__}: {line!r}")
 
 
-def _known(name: str, value: Value, kind: type | None) -> Any:
+def _known(name: str, value: Any, kind: type | None) -> Any:
     """A value that C will take; the text of a pointer to an integer would be read anywhere."""
-    if kind is None or not isinstance(value, kind):
+    if kind is int and hasattr(value, "__index__"):
+        return int(value)
+    if kind is not str or not isinstance(value, str):
         raise TypeError(f"{name}={value!r}: " + (f"wants {kind.__name__}" if kind else "there is no such name"))
-    return encoded(value)
+    return value
 
 
 def _options(options: dict[str, Value]) -> tuple[Any, list[Any]]:
     """Option records, and the texts that they point to."""
-    records, texts = ffi.new("KSOption[]", len(options)), []
-    for record, (name, given) in zip(records, options.items()):
-        record.code, kind = OPTIONS.get(name, (0, None))
-        value = _known(name, given, kind)
-        if isinstance(value, int):
-            record.value.number = value
-        else:
-            texts.append(ffi.new("char[]", value))
-            record.value.text = texts[-1]
-    return records, texts
+    values = [_known(name, given, OPTIONS.get(name, (0, None))[1]) for name, given in options.items()]
+    texts = [ffi.new("char[]", encoded(value)) if isinstance(value, str) else value for value in values]
+    records = [{"code": OPTIONS[name][0], "value": {"text" if isinstance(value, str) else "number": text}}
+               for name, value, text in zip(options, values, texts)]
+    return ffi.new("KSOption[]", records), texts
 
 
 def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
@@ -112,7 +109,7 @@ def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
     members = dict(ffi.typeof("MBPOFilter").fields)
     check(lib.MBPOFilterInit(record))
     for name, given in criteria.items():
-        value = _known(name, given, PO.__annotations__.get(name))
+        value = encoded(_known(name, given, PO.__annotations__.get(name)))
         criterion = f"criterion{PO._fields.index(name) + 1}"
         kind = members[criterion].type
         if kind.kind == "array" and len(value) >= kind.length:
@@ -128,18 +125,18 @@ def _po_list(name: str, doc: str) -> Callable[["Session", int, Iterable[PO | str
     function = getattr(lib, name)
 
     def send(self: "Session", dataselection: int, pos: Iterable[PO | str]) -> None:
-        self._call(function, dataselection, "\n".join(po.line() if isinstance(po, PO) else po for po in pos))
+        if isinstance(pos, (str, PO)):
+            raise TypeError("a list of POs is wanted, not one")
+        if text := "\n".join(po.line() if isinstance(po, PO) else po for po in pos):
+            self._call(function, dataselection, text)
     send.__doc__ = doc
     return send
 
 
 def _lines(cursor: Any, line: Any) -> Iterator[str]:
-    status = lib.CR_STATUS_OK
-    while status == lib.CR_STATUS_OK:
+    yield decoded(line[0])
+    while not check(lib.MBPOStringFindNext(cursor, line), lib.CR_STATUS_NOT_FOUND):
         yield decoded(line[0])
-        status = lib.MBPOStringFindNext(cursor, line)
-    if status != lib.CR_STATUS_NOT_FOUND:
-        fail(status)
 
 
 def _check(session: Any, status: int) -> None:
