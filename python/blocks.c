@@ -28,6 +28,7 @@ typedef struct EntryBlock {
     uint64_t values[BLOCK_ENTRIES];
     uint8_t types[BLOCK_ENTRIES];
     size_t count;
+    int more; /* whether entries follow */
 } EntryBlock;
 
 /*
@@ -103,19 +104,22 @@ static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_
 }
 
 static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBlock* block) {
+    const KSCacheNode* node = NULL;
+    uint32_t status = CR_STATUS_OK;
     for (block->count = 0; block->count < BLOCK_ENTRIES; ++block->count) {
-        const KSCacheNode* node = NULL;
-        const uint32_t status = KSCacheNext(cache, cursor, &node);
-        if (status != CR_STATUS_OK) return status == CR_STATUS_NOT_FOUND ? CR_STATUS_OK : status;
+        status = KSCacheNext(cache, cursor, &node);
+        if (status != CR_STATUS_OK) break;
         memcpy(block->digests + block->count * WIDE, node->fingerprint, WIDE);
         block->values[block->count] = node->value;
         block->types[block->count] = node->type;
     }
-    return CR_STATUS_OK;
+    KSCacheCursor ahead = *cursor;
+    block->more = status == CR_STATUS_OK && KSCacheNext(cache, &ahead, &node) == CR_STATUS_OK;
+    return status == CR_STATUS_NOT_FOUND ? CR_STATUS_OK : status;
 }
 
-static Message*
-    waiting; /* changed by exchanges alone: a lock could be held when the process forks */
+/* Changed by exchanges alone: a lock could be held when the process forks. */
+static Message* waiting;
 
 static void keepMessage(uint32_t level, uint32_t status, const char* text, void* wanted) {
     const size_t size = strlen(text) + 1;

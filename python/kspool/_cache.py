@@ -7,7 +7,8 @@ lock of the cache; other caches, and all other Python code, go on.
    call leaves its results where another call of the same thread writes.
 2. Digests, values and statuses are read and written where they lie. Their buffers are exported during the call, so
    that nobody can resize or free them.
-3. `_moves` changes with each call after which a walk could tell of entries that are gone.
+3. `_moves` changes with each call after which a walk could tell of entries that are gone: limit() and reset() change
+   it first, since they change entries even when they fail.
 """
 import os
 import threading
@@ -115,8 +116,8 @@ class Cache(Handle):
     def delete(self, digest: Buffer, type: int | None = None) -> None:
         """Removes a digest. NotFound, which is a KeyError, if it is not known."""
         with self._lock:
-            self._moves += 1
             self._call(lib.KSCacheDelete, digest, type, result=lib.CR_STATUS_OK)
+            self._moves += 1
 
     __delitem__ = delete
 
@@ -151,18 +152,16 @@ class Cache(Handle):
 
     def entries(self) -> Iterator[Entry]:
         """All entries, in the order of memory. Entries that are added meanwhile are met or not. After delete(), limit()
-        or reset() the next step raises RuntimeError."""
-        cursor, block, moves = ffi.new("KSCacheCursor *"), ffi.new("EntryBlock *"), self._moves
-        while True:
+        or reset() the next step raises RuntimeError, unless the walk was over."""
+        cursor, block, moves = ffi.new("KSCacheCursor *"), ffi.new("EntryBlock *", {"more": 1}), self._moves
+        while block.more:
             with self._lock:
                 check(lib.nextEntries(self._open(), cursor, block))
-            if block.count == 0:
-                return
-            digests, count = bytes(ffi.buffer(block.digests)), block.count
+            digests, count, more = bytes(ffi.buffer(block.digests)), block.count, block.more
             values, types = ffi.unpack(block.values, count), ffi.unpack(block.types, count)
             for at, value, kind in zip(range(0, len(digests), 32), values, types):
                 yield Entry(digests[at:at + (32 if kind == SHA256 else 16)], value, kind)
-                if self._moves != moves:
+                if self._moves != moves and (more or at + 32 < count * 32):
                     raise RuntimeError("entries of the cache went or moved during the walk")
 
     def __iter__(self) -> Iterator[bytes]:

@@ -116,14 +116,22 @@ def messages_go_where_they_are_sent():
     kspool.set_log(None)
 
 
-def walks_end_when_entries_go():
+def walks_end_when_entries_that_follow_go():
     for change in (lambda cache: cache.limit(0), lambda cache: cache.delete(digests(0, 1)), lambda cache: cache.reset()):
-        cache = Cache()
-        cache.add_batch(digests(0, 2000), numbers("Q", 2000))
-        walk = cache.entries()
-        assert next(walk) and cache.add(DIGEST, 1) and next(walk)
-        change(cache)
-        refused(RuntimeError, lambda: next(walk))
+        for count, seen in ((600, 2), (512, 2), (1024, 510)):
+            cache = Cache()
+            cache.add_batch(digests(0, count), numbers("Q", count))
+            walk = cache.entries()
+            assert next(walk)
+            refused(KeyError, lambda: cache.delete(DIGEST))  # nothing goes
+            assert [next(walk) for _ in range(seen)] and cache.add(DIGEST, 1) and next(walk)
+            change(cache)
+            refused(RuntimeError, lambda: next(walk))
+            cache.reset()
+            cache.add_batch(digests(0, count), numbers("Q", count))
+            walk = cache.entries()
+            assert [next(walk) for _ in range(count)] and change(cache) is None
+            assert list(walk) == []
 
 
 def handlers_use_the_cache_that_they_interrupt():
@@ -305,7 +313,7 @@ with tempfile.TemporaryDirectory() as top:
     wrong_arguments_are_refused(top)
     files_survive(top)
 messages_go_where_they_are_sent()
-walks_end_when_entries_go()
+walks_end_when_entries_that_follow_go()
 handlers_use_the_cache_that_they_interrupt()
 other_threads_run_meanwhile()
 refused(RuntimeError, lambda: kspool.sandbox("--nonsense").__enter__(), "did not start")
