@@ -10,12 +10,15 @@
  * What stands above the definitions is declared to Python as well.
  */
 #include <errno.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "kscache.h"
+#include "mb.h"
 #include "platform/status.h"
 #include "platform/support.h"
 
@@ -59,6 +62,12 @@ static uint32_t sendMessages(int to);
 
 /* The messages that wait, the newest first; the caller frees each. */
 static Message* takeMessages(void);
+
+/*
+ * SIGINT ends the main thread's request of this session, until the next call, whose session may be
+ * NULL. Python's own handler would only take note of the signal until the request has ended.
+ */
+static void watch(MBSession* session);
 
 /* ---- Definitions ---- */
 
@@ -142,4 +151,26 @@ static uint32_t sendMessages(int to) {
 
 static Message* takeMessages(void) {
     return __atomic_exchange_n(&waiting, NULL, __ATOMIC_ACQUIRE);
+}
+
+static MBSession* volatile watched; /* lives at least until the next watch() */
+static struct sigaction pythons;
+
+static void endRequest(int number) {
+    if (watched != NULL && gettid() == getpid()) MBAbort(watched);
+    pythons.sa_handler(number);
+}
+
+static void watch(MBSession* session) {
+    struct sigaction now;
+    if (gettid() != getpid() || sigaction(SIGINT, NULL, &now) != 0) return;
+    watched = session;
+    if (now.sa_handler == endRequest) {
+        if (session == NULL) sigaction(SIGINT, &pythons, NULL);
+    } else if (session != NULL && now.sa_handler != SIG_DFL && now.sa_handler != SIG_IGN &&
+               (now.sa_flags & SA_SIGINFO) == 0) {
+        pythons = now;
+        now.sa_handler = endRequest;
+        sigaction(SIGINT, &now, NULL);
+    }
 }

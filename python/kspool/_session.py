@@ -5,6 +5,7 @@ alone may be called beside a call. A call runs without the GIL. After a fork the
 parent: calls of the child fail, and its copy goes without a byte to the server.
 """
 import re
+import signal
 from typing import Any, Callable, Iterable, Iterator, NamedTuple, cast
 
 from ._handle import Handle, Permission, Remote, check, decoded, encoded, fail, last_status, record_of
@@ -168,10 +169,14 @@ class Session(Handle):
         try:
             if self._user.setdefault(0, me) is not me:
                 raise RuntimeError("the session is in use: it serves one call at a time")
-            return work(self._open())
+            session = self._open()
+            if signal.getsignal(signal.SIGINT) is signal.default_int_handler:  # which raises in any case
+                lib.watch(session)
+            return work(session)
         finally:  # Python runs signal handlers, which may raise, after calls: so there is none before the end of use
             if self._user == {0: me}:
                 del self._user[0]
+            lib.watch(ffi.NULL)
 
     def _call(self, function: Any, *arguments: Any) -> None:
         self._use(lambda session: _check(session, function(session, *map(encoded, arguments))))
@@ -183,9 +188,9 @@ class Session(Handle):
         return decoded(ffi.gc(place[0], lib.free)) if place[0] != ffi.NULL else ""
 
     def abort(self) -> None:
-        """Ends the request under way, which then raises Aborted. For other threads, and for signal handlers while
-        a request runs in a thread that is not the main one: Python runs handlers between calls of the main
-        thread. Without a request, or on a closed session, it has no effect."""
+        """Ends the request under way, which then raises Aborted. For other threads, and for signal handlers, which
+        Python runs between calls of the main thread: while a request runs in another one. Without a request, or on a
+        closed session, it has no effect. Ctrl-C ends a request of the main thread by itself."""
         if (session := self._object) is not None:
             check(lib.MBAbort(session))
 

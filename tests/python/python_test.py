@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import urllib.request
 
@@ -256,6 +257,15 @@ def failures_have_kinds(pool, session):
             abort()
             concurrent.futures.wait([request], 0.2)
         assert isinstance(request.exception(), kspool.Aborted), request
+    for handler, ms in ((signal.default_int_handler, 20000), (lambda *_: None, 500)):  # only the former raises
+        signal.signal(signal.SIGINT, handler)
+        order(kind="delay", ms=ms, action="gettime")
+        begun = time.monotonic()
+        threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT)).start()
+        refused(KeyboardInterrupt, session.time) if ms > 500 else session.time()
+        assert time.monotonic() - begun < 5
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    refused(KeyboardInterrupt, lambda: signal.raise_signal(signal.SIGINT))
     order(kind="delay", ms=20000, action="gettime")
     request = THREADS.submit(slow.time)
     while not slow._user:
