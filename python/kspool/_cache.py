@@ -12,16 +12,15 @@ lock of the cache; other caches, and all other Python code, go on.
 """
 import os
 import threading
-from typing import Any, Iterator, NamedTuple
+from typing import Any, Iterator, NamedTuple, overload
 
-from ._handle import Handle, check, encoded, fail, record_of
+from ._handle import Handle, Path, check, encoded, fail, record_of
 from ._kspool import ffi, lib
 
 MD5, SHA1_16, SHA256 = map(int, (lib.CR_FP_MD5, lib.CR_FP_SHA1_16, lib.CR_FP_SHA256))
 WIDTHS = {kind: 32 if kind == SHA256 else 16 for kind in range(256)}
 
 ARRAYS, PLACE = {4: ffi.typeof("uint32_t[]"), 8: ffi.typeof("uint64_t[]")}, ffi.typeof("uint64_t *")
-Path = str | bytes | os.PathLike[str]
 Buffer = Any  # an object with the buffer protocol, which has a type from Python 3.12 on only
 Entry = NamedTuple("Entry", [("digest", bytes), ("value", int), ("type", int)])
 CacheStats = NamedTuple("CacheStats", [
@@ -97,6 +96,10 @@ class Cache(Handle):
         with self._lock:
             return value[0] if self._call(function, digest, type, value, result=lib.CR_STATUS_NOT_FOUND) else None
 
+    @overload
+    def get(self, digest: Buffer, default: None = None, type: int | None = None) -> int | None: ...
+    @overload
+    def get(self, digest: Buffer, default: int, type: int | None = None) -> int: ...
     def get(self, digest: Buffer, default: int | None = None, type: int | None = None) -> int | None:
         """The value of a digest, or `default`. Nothing is counted."""
         value = self._find(lib.KSCacheFetch, digest, type)

@@ -1,8 +1,10 @@
 """Errors, and what caches, holds and sessions have alike."""
+import os
 from typing import Any, Callable, Literal, NoReturn, Self
 
 from ._kspool import ffi, lib
 
+Path = str | bytes | os.PathLike[str]
 
 class Error(Exception):
     """A failure that the library reported: `status` is its number, `text` tells it to people, `errno` is the number

@@ -4,11 +4,12 @@ Threads: one thread at a time uses a session; the call of another one meanwhile 
 alone may be called beside a call. A call runs without the GIL. After a fork the session belongs to the
 parent: calls of the child fail, and its copy goes without a byte to the server.
 """
+import os
 import re
 import signal
 from typing import Any, Callable, Iterable, Iterator, NamedTuple, cast
 
-from ._handle import Handle, Permission, Remote, check, decoded, encoded, fail, last_status, record_of
+from ._handle import Handle, Path, Permission, Remote, check, decoded, encoded, fail, last_status, record_of
 from ._kspool import ffi, lib
 
 
@@ -113,8 +114,8 @@ def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
         value = encoded(_known(name, given, PO.__annotations__.get(name)))
         criterion = f"criterion{PO._fields.index(name) + 1}"
         kind = members[criterion].type
-        if kind.kind == "array" and len(value) >= kind.length:
-            raise ValueError(f"{name}: longer than {kind.length - 1} bytes")
+        if kind.kind == "array" and len(value) >= kind.length or kind.cname == "signed char" and len(value) != 1:
+            raise ValueError(f"{name}={given!r}: " + ("too long" if kind.kind == "array" else "wants one byte"))
         if kind.kind == "pointer":
             texts.append(value := ffi.new("char[]", value))
         setattr(record, criterion, ord(value) if kind.cname == "signed char" else value)
@@ -152,15 +153,16 @@ def _check(session: Any, status: int) -> None:
 
 
 class Session(Handle):
-    """A session with one server. Options are those of OPTIONS: with login and password it can send requests."""
+    """A session with one server. Options are the texts login, password, application, route_table_dir, spa_url and
+    mbs_url, and the numbers option_133, ws_7 and ws_8: with login and password it can send requests."""
 
     __slots__ = ("_user",)
 
-    def __init__(self, config: str | None = None, **options: Value) -> None:
+    def __init__(self, config: Path | None = None, **options: Value) -> None:
         """Reads the agent configuration `config`, or the default one. Nothing is sent."""
         self._user: dict[int, object] = {}  # under 0 the call that uses the session
         records, texts = _options(options)
-        path = ffi.NULL if config is None else encoded(config)
+        path = ffi.NULL if config is None else encoded(os.fsencode(config))
         super().__init__(lib.MBCreateWithAgentCfg(0, records, len(records), path), lib.MBShutdown)
 
     def _use(self, work: Callable[[Any], Any]) -> Any:
@@ -256,7 +258,8 @@ class Session(Handle):
     expire_pos = _po_list("MBPOExpire", "Deletes POs from a data selection.")
 
     def find_lines(self, dataselection: int, **criteria: Value) -> Iterator[str]:
-        """The POs that match, as lines. A criterion is named by its field of PO; texts match as in a shell."""
+        """The POs that match, as lines. A criterion is named by its field of PO. Texts match as in a shell, numbers
+        exactly; any matches 0 for dsid and kind, -1 for other numbers, "*", and "" for origin."""
         record, texts = _filter(criteria)
         line = ffi.new("char **")
 

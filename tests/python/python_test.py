@@ -223,7 +223,7 @@ def failures_have_kinds(pool, session):
         urllib.request.urlopen(urllib.request.Request(pool.url + "/__admin/faults", body, kind)).close()
 
     password = pathlib.Path(pool.config).with_name("reader.password").read_text().strip()
-    reader, far = Session(pool.config, login="reader", password=password), pool.session(mbs_url="http://127.0.0.1:1/")
+    reader, far = Session(pathlib.Path(pool.config), login="reader", password=password), pool.session(mbs_url="http://127.0.0.1:1/")
     wrong = [
         (kspool.Remote, lambda: session.mkdir("/c"), "already exists: /c", "(4)"),
         (kspool.Remote, lambda: session.delete_image(1, "c", "p", "no"), "no such image: no of", "(10023)"),
@@ -238,7 +238,9 @@ def failures_have_kinds(pool, session):
         (kspool.Corrupt, lambda: PO.parse(PO().line().replace("|0", "|x", 1)), "no PO"),
         (ValueError, lambda: session.mkdir("/a\0b"), "NUL"), (TypeError, lambda: session.find(1, size="1"), "wants int"),
         (TypeError, lambda: session.find(1, sizes=1), "no such name"), (TypeError, lambda: Session(login=5), "wants str"),
-        (ValueError, lambda: session.find(1, origin="x" * 128)), (kspool.Error, lambda: Session(login="x" * 300), "(10)"),
+        (ValueError, lambda: session.find(1, origin="x" * 128), "too long"), (TypeError, lambda: Session(5), "int"),
+        (ValueError, lambda: session.find(1, type=""), "one byte"), (ValueError, lambda: session.find(1, type="ff"), "one byte"),
+        (kspool.Error, lambda: Session(login="x" * 300), "(10)"),
     ]
     for row in wrong:
         refused(*row)
