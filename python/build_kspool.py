@@ -36,8 +36,10 @@ def declarations(folders):
 
 
 def pkg_config(*words):
-    done = subprocess.run(["pkg-config", *words, "kspool"], check=True, stdout=subprocess.PIPE, text=True)
-    return done.stdout.split()
+    try:
+        return subprocess.check_output(["pkg-config", *words, "kspool"], text=True).split()
+    except (OSError, subprocess.CalledProcessError) as error:
+        sys.exit(f"kspool: no installed library, whose kspool.pc lies in a folder of PKG_CONFIG_PATH: {error}")
 
 
 def builder(folders=None):
@@ -45,7 +47,11 @@ def builder(folders=None):
     options = {}
     if folders is None:
         folders = [flag.removeprefix("-I") for flag in pkg_config("--cflags-only-I")]
-        options = {"include_dirs": folders, "extra_link_args": pkg_config("--libs"), "extra_compile_args": ["-O2"]}
+        libraries = pkg_config("--libs")
+        places = [os.path.normpath(flag.removeprefix("-L")) for flag in libraries if flag.startswith("-L")]
+        # The loader finds libraries in the system's folders by itself.
+        rpath = ["-Wl,-rpath," + place for place in places if not place.startswith(("/lib", "/usr/lib"))]
+        options = {"include_dirs": folders, "extra_link_args": libraries + rpath, "extra_compile_args": ["-O2"]}
     ffi.cdef(declarations(folders))
     includes = "".join(f'#include "{name}"\n' for name in (*WHOLE, *PLATFORM))
     ffi.set_source("kspool._kspool", "#include <stdlib.h>\n" + includes + read((), "blocks.c"), **options)
