@@ -1,6 +1,5 @@
-"""Makes the extension of the package: its declarations are the public headers themselves, so that none is
-written twice. setup.py uses the installed library, which pkg-config finds; CMake has the C code written with
-    build_kspool.py FOLDERS OUTPUT    FOLDERS: those of the headers, with : between them
+"""Makes the extension of the package, with the public headers as declarations, so that none is written twice. setup.py
+uses the installed library, which pkg-config finds; for CMake `build_kspool.py FOLDER:... OUTPUT` writes the C code.
 """
 import os
 import re

@@ -5,10 +5,8 @@ lock of the cache; other caches, and all other Python code, go on.
 
 1. `_lock` is held in each call that uses the cache. Its thread may take it again, as a signal handler does; so no
    call leaves its results where another call of the same thread writes.
-2. Digests, values and statuses are read and written where they lie. Their buffers are exported during the call, so
-   that nobody can resize or free them.
-3. `_moves` changes with each call after which a walk could tell of entries that are gone: limit() and reset() change
-   it first, since they change entries even when they fail.
+2. The buffers of a batch are exported during the call, so that nobody can resize or free them.
+3. `_moves` is another object after each call after which a walk could tell of entries that are gone.
 """
 import os
 import threading
@@ -21,7 +19,8 @@ MD5, SHA1_16, SHA256 = map(int, (lib.CR_FP_MD5, lib.CR_FP_SHA1_16, lib.CR_FP_SHA
 WIDTHS = {kind: 32 if kind == SHA256 else 16 for kind in range(256)}
 
 ARRAYS, PLACE = {4: ffi.typeof("uint32_t[]"), 8: ffi.typeof("uint64_t[]")}, ffi.typeof("uint64_t *")
-Buffer = Any  # an object with the buffer protocol, which has a type from Python 3.12 on only
+Buffer = Any  # an object with the buffer protocol, which has a type from Python 3.12 on only, or None for none
+Kind = int | None  # of fingerprints; None: that of the cache
 Entry = NamedTuple("Entry", [("digest", bytes), ("value", int), ("type", int)])
 CacheStats = NamedTuple("CacheStats", [
     ("cache_size", int), ("cached_items", int), ("hits", int), ("misses", int), ("free_list_count", int),
@@ -35,21 +34,18 @@ def _width(kind: int) -> int:
     return WIDTHS[kind]
 
 
-def _numbers(buffer: Buffer | None, size: int, count: int, writable: bool) -> Any:
+def _numbers(buffer: Buffer, size: int, count: int, writable: bool) -> Any:
     """A buffer of `count` unsigned numbers of `size` bytes, as C has them."""
     if buffer is None:
         return ffi.NULL
     view = memoryview(buffer)
     if view.itemsize != size or view.format.lstrip("@=<") not in ("I", "L", "Q") or view.nbytes != count * size:
-        raise ValueError(f"{count} unsigned {size * 8}-bit numbers are needed, not {view.nbytes} bytes of "
-                         f"'{view.format}'")
+        raise ValueError(f"{count} unsigned {size * 8}-bit numbers are needed, not {view.nbytes} bytes '{view.format}'")
     return ffi.from_buffer(ARRAYS[size], view, require_writable=writable)
 
 
 class Hold(Handle):
     """A cache file that is held: until close(), no other process and no other hold replaces the file."""
-
-    __slots__ = ()
 
     def __init__(self, path: Path) -> None:
         place = ffi.new("KSCacheHold **")
@@ -62,50 +58,50 @@ class Hold(Handle):
 class Cache(Handle):
     """Which blocks of data are known, and with which value of 64 bits.
 
-    Digests are bytes-like. `type` is that of the fingerprints: 3 for 32 bytes, any other for 16; a call may name
-    another one than the cache has. A batch takes digests without gaps: bytes, a memoryview, or an array of uint8 with
-    a row for each; its values and statuses are arrays of uint64 and uint32. Presence tests (`in`, exists(),
-    exists_batch()) count, and limit() keeps what was asked for most; get(), [] and fetch_batch() change nothing.
+    Digests are bytes-like. `type` is that of the fingerprints: 3 for 32 bytes, any other for 16; a call may name one.
+    A batch takes digests without gaps: bytes, a memoryview, or rows of an array of uint8; its values are uint64,
+    statuses uint32. exists(), exists_batch(), `in` count, and limit() keeps what was asked for most; others do not.
     """
-
-    __slots__ = ("type", "_lock", "_moves")
 
     def __init__(self, expected: int = 1_000_000, *, type: int = SHA256, lock_pages: bool = False) -> None:
         """An empty cache for about `expected` entries. It takes more, and is slower then."""
         _width(type)
         self.type = type
-        self._lock, self._moves = threading.RLock(), 0
+        self._lock, self._moves = threading.RLock(), object()
         super().__init__(lib.KSCacheCreate(lib.KSCacheAreaFor(expected), lib.KSCacheBitsFor(expected), lock_pages,
                                            ffi.NULL, ffi.NULL), lib.KSCacheDestroy)
 
-    def _call(self, function: Any, digest: Buffer, type: int | None, *more: Any, result: int) -> bool:
+    def _call(self, function: Any, digest: Buffer, type: Kind, *more: Any, result: int) -> bool:
         """Carries out a single call. False when the status was `result`."""
         kind = self.type if type is None else type
         key = digest if isinstance(digest, bytes) else memoryview(digest).tobytes()
         if WIDTHS.get(kind) != len(key):
             raise ValueError(f"a digest of {len(key)} bytes: those of type {kind} have {_width(kind)}")
-        return not check(function(self._object or self._open(), key, kind, *more), result)
+        with self._lock:
+            return not check(function(self._object or self._open(), key, kind, *more), result)
 
-    def add(self, digest: Buffer, value: int, type: int | None = None) -> bool:
+    def _run(self, function: Any, *arguments: Any, moves: bool = False) -> None:
+        with self._lock:
+            self._moves = object() if moves else self._moves
+            check(function(self._open(), *arguments))
+
+    def add(self, digest: Buffer, value: int, type: Kind = None) -> bool:
         """Records a digest. False if it is known already: it keeps its value, and counts as asked for."""
-        with self._lock:
-            return self._call(lib.KSCacheAdd, digest, type, value, ffi.NULL, result=lib.CR_STATUS_EXISTS)
+        return self._call(lib.KSCacheAdd, digest, type, value, ffi.NULL, result=lib.CR_STATUS_EXISTS)
 
-    def _find(self, function: Any, digest: Buffer, type: int | None) -> int | None:
+    def _find(self, function: Any, digest: Buffer, type: Kind, default: int | None = None) -> int | None:
         value = ffi.new(PLACE)
-        with self._lock:
-            return value[0] if self._call(function, digest, type, value, result=lib.CR_STATUS_NOT_FOUND) else None
+        return value[0] if self._call(function, digest, type, value, result=lib.CR_STATUS_NOT_FOUND) else default
 
     @overload
-    def get(self, digest: Buffer, default: None = None, type: int | None = None) -> int | None: ...
+    def get(self, digest: Buffer, default: None = None, type: Kind = None) -> int | None: ...
     @overload
-    def get(self, digest: Buffer, default: int, type: int | None = None) -> int: ...
-    def get(self, digest: Buffer, default: int | None = None, type: int | None = None) -> int | None:
+    def get(self, digest: Buffer, default: int, type: Kind = None) -> int: ...
+    def get(self, digest: Buffer, default: int | None = None, type: Kind = None) -> int | None:
         """The value of a digest, or `default`. Nothing is counted."""
-        value = self._find(lib.KSCacheFetch, digest, type)
-        return default if value is None else value
+        return self._find(lib.KSCacheFetch, digest, type, default)
 
-    def exists(self, digest: Buffer, type: int | None = None) -> int | None:
+    def exists(self, digest: Buffer, type: Kind = None) -> int | None:
         """The value of a digest, or None, by a presence test, which counts."""
         return self._find(lib.KSCacheExists, digest, type)
 
@@ -116,16 +112,15 @@ class Cache(Handle):
         value = self.get(digest)
         return fail(lib.CR_STATUS_NOT_FOUND) if value is None else value
 
-    def delete(self, digest: Buffer, type: int | None = None) -> None:
+    def delete(self, digest: Buffer, type: Kind = None) -> None:
         """Removes a digest. NotFound, which is a KeyError, if it is not known."""
         with self._lock:
             self._call(lib.KSCacheDelete, digest, type, result=lib.CR_STATUS_OK)
-            self._moves += 1
+            self._moves = object()
 
     __delitem__ = delete
 
-    def _batch(self, batch: int, digests: Buffer, type: int | None, values: Buffer | None,
-               statuses: Buffer | None) -> int:
+    def _batch(self, batch: int, digests: Buffer, type: Kind, values: Buffer, statuses: Buffer) -> int:
         """Carries out a batch in one call of C, and tells how many statuses are 0."""
         kind = self.type if type is None else type
         width, view = _width(kind), memoryview(digests)
@@ -137,19 +132,16 @@ class Cache(Handle):
             done: int = lib.runBatch(self._open(), batch, keys, count, kind, *numbers)
         return done if done >= 0 else fail(-done)
 
-    def add_batch(self, digests: Buffer, values: Buffer, statuses: Buffer | None = None, *,
-                  type: int | None = None) -> int:
+    def add_batch(self, digests: Buffer, values: Buffer, statuses: Buffer = None, *, type: Kind = None) -> int:
         """add() for each digest. Returns how many were new: their status is 0, that of known ones 1."""
         return self._batch(lib.BATCH_ADD, digests, type, memoryview(values), statuses)
 
-    def exists_batch(self, digests: Buffer, values: Buffer | None = None, statuses: Buffer | None = None, *,
-                     type: int | None = None) -> int:
-        """exists() for each digest. Returns how many are known: their status is 0, and their values are written. The
-        status of others is 2, and their values are left as they were."""
+    def exists_batch(self, digests: Buffer, values: Buffer = None, statuses: Buffer = None, *,
+                     type: Kind = None) -> int:
+        """exists() for each digest. Returns how many are known: their status is 0. Others have 2 and no value."""
         return self._batch(lib.BATCH_EXISTS, digests, type, values, statuses)
 
-    def fetch_batch(self, digests: Buffer, values: Buffer | None = None, statuses: Buffer | None = None, *,
-                    type: int | None = None) -> int:
+    def fetch_batch(self, digests: Buffer, values: Buffer = None, statuses: Buffer = None, *, type: Kind = None) -> int:
         """get() for each digest; otherwise as exists_batch()."""
         return self._batch(lib.BATCH_FETCH, digests, type, values, statuses)
 
@@ -158,13 +150,12 @@ class Cache(Handle):
         or reset() the next step raises RuntimeError, unless the walk was over."""
         cursor, block, moves = ffi.new("KSCacheCursor *"), ffi.new("EntryBlock *", {"more": 1}), self._moves
         while block.more:
-            with self._lock:
-                check(lib.nextEntries(self._open(), cursor, block))
+            self._run(lib.nextEntries, cursor, block)
             digests, count, more = bytes(ffi.buffer(block.digests)), block.count, block.more
             values, types = ffi.unpack(block.values, count), ffi.unpack(block.types, count)
             for at, value, kind in zip(range(0, len(digests), 32), values, types):
                 yield Entry(digests[at:at + (32 if kind == SHA256 else 16)], value, kind)
-                if self._moves != moves and (more or at + 32 < count * 32):
+                if self._moves is not moves and (more or at + 32 < count * 32):
                     raise RuntimeError("entries of the cache went or moved during the walk")
 
     def __iter__(self) -> Iterator[bytes]:
@@ -176,26 +167,20 @@ class Cache(Handle):
     def stats(self) -> CacheStats:
         """Counters and settings, as KSCacheStatsRecord has them; sizes are in bytes."""
         record = ffi.new("KSCacheStatsRecord *")
-        with self._lock:
-            check(lib.KSCacheStats(self._open(), record))
+        self._run(lib.KSCacheStats, record)
         return CacheStats(*record_of(record))
 
     def limit(self, mib: int) -> None:
         """Holds the pages to `mib` MiB: drops what was asked for least, and compacts. 0: compacts only."""
-        with self._lock:
-            self._moves += 1
-            check(lib.KSCacheCheck(self._open(), mib))
+        self._run(lib.KSCacheCheck, mib, moves=True)
 
     def reset(self) -> None:
         """Removes all entries."""
-        with self._lock:
-            self._moves += 1
-            lib.KSCacheReset(self._open())
+        self._run(lib.KSCacheReset, moves=True)
 
     def _file(self, function: Any, path: Path, *more: Any) -> int:
         count = ffi.new("uint64_t *")
-        with self._lock:
-            check(function(self._open(), encoded(os.fsencode(path)), *more, count))
+        self._run(function, encoded(os.fsencode(path)), *more, count)
         return int(count[0])
 
     def load(self, path: Path) -> int:

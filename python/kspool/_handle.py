@@ -6,9 +6,9 @@ from ._kspool import ffi, lib
 
 Path = str | bytes | os.PathLike[str]
 
+
 class Error(Exception):
-    """A failure that the library reported: `status` is its number, `text` tells it to people, `errno` is the number
-    of the system error or None."""
+    """A failure that the library reported: its number `status`, a `text` for people, the system's `errno` or None."""
 
     def __init__(self, status: int, text: str = "") -> None:
         self.status, self.text = status, text or decoded(lib.CRStatusToStringA(status))
@@ -37,8 +37,7 @@ KINDS: dict[int, type[Error]] = {
     lib.CR_STATUS_PERMISSION_DENIED: Permission, lib.CR_STATUS_REMOTE_ERROR: Remote, lib.CR_STATUS_BAD_RESPONSE: Remote,
     lib.WS_STATUS_NO_SERVER: Unreachable, lib.WS_STATUS_PLAINTEXT: Unreachable, lib.WS_STATUS_NO_CONNECT: Unreachable,
     lib.WS_STATUS_TLS: Unreachable, lib.WS_STATUS_TIMED_OUT: Timeout, lib.WS_STATUS_CONNECT_TIMED_OUT: Timeout,
-    lib.WS_STATUS_ABORTED: Aborted,
-}
+    lib.WS_STATUS_ABORTED: Aborted}
 
 
 Log = Callable[[int, int, str], object]
@@ -58,9 +57,8 @@ def hand_over() -> None:
     """Gives the messages that wait to the log."""
     entries, message = [], lib.takeMessages() if _log else ffi.NULL
     while message != ffi.NULL:
-        message = ffi.gc(message, lib.free)
         entries.append((message.level, message.status, decoded(message.text)))
-        message = message.next
+        message, _ = message.next, lib.free(message)
     while _log and entries:
         _log(*entries.pop())
 
@@ -96,22 +94,18 @@ def decoded(text: Any) -> str:
 
 def record_of(record: Any, *skipped: str) -> list[Any]:
     """The fields of a C record, in its order: numbers, texts or None, tuples of numbers."""
-    values = []
-    for name, field in ffi.typeof(record).item.fields:
-        value, kind = getattr(record, name), field.type
-        if kind.kind != "primitive":
-            text = kind.item.cname == "char"
-            value = None if value == ffi.NULL else decoded(value) if text else tuple(value)
-        if name not in skipped:
-            values.append(value)
-    return values
+    def value_of(value: Any) -> Any:
+        if not isinstance(value, ffi.CData):
+            return value
+        text = ffi.typeof(value).item.cname == "char"
+        return None if value == ffi.NULL else decoded(value) if text else tuple(value)
+
+    return [value_of(getattr(record, name)) for name, _ in ffi.typeof(record).item.fields if name not in skipped]
 
 
 class Handle:
     """Owns a C object. The object goes with the last reference to it, so that a call under way in another thread,
     which has one, never loses its object to close(): the object goes when that call returns."""
-
-    __slots__ = ("_object",)
 
     def __init__(self, pointer: Any, release: Any) -> None:
         if pointer == ffi.NULL:

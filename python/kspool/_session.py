@@ -1,8 +1,7 @@
 """Sessions with the pool's server.
 
-Threads: one thread at a time uses a session; the call of another one meanwhile raises RuntimeError. abort()
-alone may be called beside a call. A call runs without the GIL. After a fork the session belongs to the
-parent: calls of the child fail, and its copy goes without a byte to the server.
+Threads: one call at a time uses a session; another one meanwhile raises RuntimeError, except abort(). Calls run without
+the GIL. After a fork the session is the parent's: calls of the child fail, and its copy goes without a byte sent.
 """
 import os
 import re
@@ -68,13 +67,9 @@ Event = NamedTuple("Event", [("code", int), ("http_status", int), ("attempts", i
 Statistics = NamedTuple("Statistics", [("requests", int), ("attempts", int), ("connections", int), ("bytes_sent", int),
                                        ("bytes_received", int), ("microseconds", int), ("latencies", tuple[int, ...])])
 
-# The options of a session: the code of each, and what its value is.
-OPTIONS: dict[str, tuple[int, type]] = {
-    "login": (lib.KS_OPT_LOGIN, str), "password": (lib.KS_OPT_PASSWORD, str),
-    "application": (lib.KS_OPT_APPLICATION, str), "option_133": (lib.KS_OPT_133, int),
-    "route_table_dir": (lib.KS_OPT_ROUTE_TABLE_DIR, str), "spa_url": (lib.KS_OPT_SPA_URL, str),
-    "mbs_url": (lib.KS_OPT_MBS_URL, str), "ws_7": (lib.KS_OPT_WS_7, int), "ws_8": (lib.KS_OPT_WS_8, int),
-}
+# The options of a session, and what their values are.
+OPTIONS: dict[str, type] = {"login": str, "password": str, "application": str, "route_table_dir": str, "spa_url": str,
+                            "mbs_url": str, "option_133": int, "ws_7": int, "ws_8": int}
 Value = str | int
 
 
@@ -98,22 +93,21 @@ def _known(name: str, value: Any, kind: type | None) -> Any:
 
 def _options(options: dict[str, Value]) -> tuple[Any, list[Any]]:
     """Option records, and the texts that they point to."""
-    values = [_known(name, given, OPTIONS.get(name, (0, None))[1]) for name, given in options.items()]
-    texts = [ffi.new("char[]", encoded(value)) if isinstance(value, str) else value for value in values]
-    records = [{"code": OPTIONS[name][0], "value": {"text" if isinstance(value, str) else "number": text}}
-               for name, value, text in zip(options, values, texts)]
-    return ffi.new("KSOption[]", records), texts
+    values = [encoded(_known(name, given, OPTIONS.get(name))) for name, given in options.items()]
+    values = [ffi.new("char[]", value) if isinstance(value, bytes) else value for value in values]
+    records = [{"code": getattr(lib, "KS_OPT_" + name.removeprefix("option_").upper()),
+                "value": {"text" if OPTIONS[name] is str else "number": value}} for name, value in zip(options, values)]
+    return ffi.new("KSOption[]", records), values
 
 
 def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
     """A filter, and the texts that it points to. Criterion k is for field k of a PO."""
     record, texts = ffi.new("MBPOFilter *", {"size": ffi.sizeof("MBPOFilter")}), []
-    members = dict(ffi.typeof("MBPOFilter").fields)
     check(lib.MBPOFilterInit(record))
     for name, given in criteria.items():
         value = encoded(_known(name, given, PO.__annotations__.get(name)))
         criterion = f"criterion{PO._fields.index(name) + 1}"
-        kind = members[criterion].type
+        kind = dict(ffi.typeof("MBPOFilter").fields)[criterion].type
         if kind.kind == "array" and len(value) >= kind.length or kind.cname == "signed char" and len(value) != 1:
             raise ValueError(f"{name}={given!r}: " + ("too long" if kind.kind == "array" else "wants one byte"))
         if kind.kind == "pointer":
@@ -124,13 +118,11 @@ def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
 
 def _po_list(name: str, doc: str) -> Callable[["Session", int, Iterable[PO | str]], None]:
     """A method that sends POs."""
-    function = getattr(lib, name)
-
     def send(self: "Session", dataselection: int, pos: Iterable[PO | str]) -> None:
         if isinstance(pos, (str, PO)):
             raise TypeError("a list of POs is wanted, not one")
         if text := "\n".join(po.line() if isinstance(po, PO) else po for po in pos):
-            self._call(function, dataselection, text)
+            self._call(getattr(lib, name), dataselection, text)
     send.__doc__ = doc
     return send
 
@@ -141,9 +133,9 @@ def _lines(cursor: Any, line: Any) -> Iterator[str]:
         yield decoded(line[0])
 
 
-def _check(session: Any, status: int) -> None:
-    """Raises the exception of a status, with the server's own words where it has some."""
-    if check(status, status):
+def _check(session: Any, status: int, *results: int) -> None:
+    """check(), with the server's own words where it has some."""
+    if check(status, status) not in (lib.CR_STATUS_OK, *results):
         event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
         lib.MBLastEvent(session, event)
         text = decoded(event.description) if event.description else ""
@@ -155,8 +147,6 @@ def _check(session: Any, status: int) -> None:
 class Session(Handle):
     """A session with one server. Options are the texts login, password, application, route_table_dir, spa_url and
     mbs_url, and the numbers option_133, ws_7 and ws_8: with login and password it can send requests."""
-
-    __slots__ = ("_user",)
 
     def __init__(self, config: Path | None = None, **options: Value) -> None:
         """Reads the agent configuration `config`, or the default one. Nothing is sent."""
@@ -190,9 +180,8 @@ class Session(Handle):
         return decoded(ffi.gc(place[0], lib.free)) if place[0] != ffi.NULL else ""
 
     def abort(self) -> None:
-        """Ends the request under way, which then raises Aborted. For other threads, and for signal handlers, which
-        Python runs between calls of the main thread: while a request runs in another one. Without a request, or on a
-        closed session, it has no effect. Ctrl-C ends a request of the main thread by itself."""
+        """Ends the request under way, which then raises Aborted; without one, or closed, it has no effect. For other
+        threads, and for signal handlers while a request runs in another thread: Python runs them between calls."""
         if (session := self._object) is not None:
             check(lib.MBAbort(session))
 
@@ -265,12 +254,11 @@ class Session(Handle):
 
         def first(session: Any) -> Any:
             cursor = lib.MBPOStringFindFirst(session, dataselection, record, line, ffi.NULL)
-            if cursor == ffi.NULL and (status := last_status()) != lib.CR_STATUS_NOT_FOUND:
-                _check(session, status)
+            _check(session, lib.CR_STATUS_OK if cursor else last_status(), lib.CR_STATUS_NOT_FOUND)
             return cursor
 
         cursor = self._use(first)
-        return iter(()) if cursor == ffi.NULL else _lines(ffi.gc(cursor, lib.MBPOFindClose), line)
+        return _lines(ffi.gc(cursor, lib.MBPOFindClose), line) if cursor else iter(())
 
     def find(self, dataselection: int, **criteria: Value) -> Iterator[PO]:
         """The POs that match. The answer is in memory as a whole; the session may be used meanwhile."""
@@ -308,5 +296,11 @@ class Session(Handle):
 
     def hvx_tag(self, dataselection: int) -> str:
         """The HVX tag of a data selection, empty without one."""
-        digit = ffi.new("int32_t *")
-        return self._text(lib.MBGetHVXTag, dataselection, digit)
+        return self._text(lib.MBGetHVXTag, dataselection, ffi.new("int32_t *"))
+
+
+def set_query_retries(count: int, step: int = 120) -> None:
+    """How often sessions of this process repeat a query that failed (3 times unless set), and how many seconds each
+    retry adds to the response time-out. To be called before threads run."""
+    lib.MBSetRetryCount(count)
+    lib.MBSetTimeOut(step)
