@@ -1,7 +1,8 @@
 /*
- * What the Python package does in blocks, below one call of Python: batches over digests without
- * gaps, and walks. The keys of a block lie on the stack, so that a batch allocates nothing. Blocks
- * of a thousand keys gain all that batches gain (kscache.h, convention 7).
+ * What the Python package does below one call of Python: batches over digests without gaps and
+ * walks, in blocks; messages that wait; and the end of a request by Ctrl-C. The keys of a block lie
+ * on the stack, so that a batch allocates nothing. Blocks of a thousand keys gain all that batches
+ * gain (kscache.h, convention 7).
  *
  * Without the GIL other Python code may change a buffer during its batch. An add reads a digest
  * more than once, to find its place and to store the digest, so it gets copies; lookups change no
@@ -77,14 +78,9 @@ enum { WIDE_TYPE = 3, WIDE = 32, NARROW = 16 };
 
 static uint32_t runBlock(KSCache* cache, int batch, const KSCacheKey* keys, size_t count,
                          uint64_t* values, uint32_t* statuses) {
-    switch (batch) {
-        case BATCH_ADD:
-            return KSCacheAddBatch(cache, keys, values, NULL, count, statuses);
-        case BATCH_EXISTS:
-            return KSCacheExistsBatch(cache, keys, count, values, statuses);
-        default:
-            return KSCacheFetchBatch(cache, keys, count, values, statuses);
-    }
+    if (batch == BATCH_ADD) return KSCacheAddBatch(cache, keys, values, NULL, count, statuses);
+    if (batch == BATCH_EXISTS) return KSCacheExistsBatch(cache, keys, count, values, statuses);
+    return KSCacheFetchBatch(cache, keys, count, values, statuses);
 }
 
 static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_t count,
