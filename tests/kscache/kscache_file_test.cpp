@@ -139,24 +139,17 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
 TEST(CacheFile, ThatADiskKeptWronglyReplacesNothing) {
     const Cache cache = filled(3);
     ASSERT_EQ(KSCacheSave(filled(2).get(), path().c_str(), nullptr), 0U);
-    for (const uint64_t kept : {3U, 4U}) {  // one value is another; one entry more
-        Cache other = filled(kept);
-        KSCacheDelete(other.get(), std::array<uint64_t, 4>{1}.data(), 3);
-        KSCacheAdd(other.get(), std::array<uint64_t, 4>{1}.data(), 3, 2, nullptr);
-        ASSERT_EQ(KSCacheSave(other.get(), (path() + ".other").c_str(), nullptr), 0U);
-        scripted::reset();
-        calls::watch();
-        calls::beforeSeeks([] {
-            std::ifstream from(path() + ".other", std::ios::binary);
-            std::ofstream(path() + ".new", std::ios::binary) << from.rdbuf();
-        });
-        EXPECT_EQ(KSCacheReplaceFile(cache.get(), path().c_str(), nullptr, nullptr),
-                  CR_STATUS_CORRUPT);
-        calls::leaveAlone();
-        uint64_t count = 0;
-        EXPECT_EQ(KSCacheLoad(makeCache(4).get(), path().c_str(), &count), 0U);
-        EXPECT_EQ(count, 2U);
-    }
+    ASSERT_EQ(KSCacheSave(filled(4).get(), (path() + ".other").c_str(), nullptr), 0U);
+    calls::watch();
+    calls::beforeSeeks([] {
+        std::ifstream from(path() + ".other", std::ios::binary);
+        std::ofstream(path() + ".new", std::ios::binary) << from.rdbuf();
+    });
+    EXPECT_EQ(KSCacheReplaceFile(cache.get(), path().c_str(), nullptr, nullptr), CR_STATUS_CORRUPT);
+    calls::leaveAlone();
+    uint64_t count = 0;
+    EXPECT_EQ(KSCacheLoad(makeCache(4).get(), path().c_str(), &count), 0U);
+    EXPECT_EQ(count, 2U);
     // A disk that takes nothing, without saying why.
     unlink(path().c_str());
     calls::watch();

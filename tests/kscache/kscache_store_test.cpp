@@ -10,6 +10,7 @@
 #include <barrier>
 #include <fstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kscache/kscache_int.h"
@@ -77,16 +78,15 @@ TEST(CacheStore, FirstPagesShareALimitOfAddresses) {
 
 /// Without a span a page lies where the system maps it.
 TEST(CacheStore, APageIsMappedWhereNoSpanCanBeHad) {
-    struct Row {
-        int64_t room;  ///< addresses left, in MiB
-        int failing;
-        uint32_t status;
-    };
     rlimit kept{};
     getrlimit(RLIMIT_AS, &kept);
-    for (const auto& [room, failing, status] :
-         {Row{4096, calls::kOpen, 0}, Row{4096, calls::kRead, 0}, Row{4096, calls::kGetrlimit, 0},
-          Row{16, calls::kAny, 0}, Row{-1, calls::kAny, 1000 + ENOMEM}}) {
+    // MiB of addresses that are left, a failing call, the status.
+    const std::tuple<int64_t, int, uint32_t> rows[] = {{4096, calls::kOpen, 0},
+                                                       {4096, calls::kRead, 0},
+                                                       {4096, calls::kGetrlimit, 0},
+                                                       {16, calls::kAny, 0},
+                                                       {-1, calls::kAny, 1000 + ENOMEM}};
+    for (const auto& [room, failing, status] : rows) {
         const torture::Watched watched;
         KSCache* cache = KSCacheCreate(29127, 4, 0, nullptr, nullptr);
         unsigned long used = 0;

@@ -175,19 +175,15 @@ TEST(PlatformSupport, LinesOfAMessageAreMarkedOnStderr) {
 
 // Bytes that another decoder would take for another character are none.
 TEST(PlatformSupport, OnlyWellFormedCharactersAreShown) {
-    for (const std::string shown : {"\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
-                                    "\xee\x80\x80", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    int left = 7;  // so many are shown
+    for (const char* text : {"\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+                             "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf", "\x80", "\xc1\xbf", "\xc2\x9f",
+                             "\xe0\x9f\xbf", "\xe1\xbf\xc0", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+                             "\xf1\xbf\x7f", "\xf4\x90\x80\x80", "\xf5\x80"}) {
         testing::internal::CaptureStderr();
-        ErrorA(7, "%s", shown.c_str());
-        EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with(" 7: " + shown + "\n"));
-    }
-    for (const std::string refused :
-         {"\x80", "\xc1\xbf", "\xc2\x9f", "\xe0\x9f\xbf", "\xe1\xbf\xc0", "\xed\xa0\x80",
-          "\xf0\x8f\xbf\xbf", "\xf1\xbf\x7f", "\xf4\x90\x80\x80", "\xf5\x80"}) {
-        testing::internal::CaptureStderr();
-        ErrorA(7, "%s", refused.c_str());
+        ErrorA(7, "%s", text);
         const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(std::all_of(said.begin(), said.end(), [](char c) { return c > 0; })) << said;
+        EXPECT_EQ(said.find(text) != said.npos, --left >= 0) << said;
     }
 }
 
