@@ -45,6 +45,7 @@ class Ear {
   private:
     static void hear(uint32_t level, uint32_t status, const char* text, void* ear) {
         static_cast<Ear*>(ear)->heard.push_back({level, status, text});
+        if (status == 3) ErrorA(9, "of the sink");
         errno = EDOM;
     }
 };
@@ -135,6 +136,7 @@ TEST(PlatformStatus, TheConfigurationFileIsLocated) {
 }
 
 TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
+    testing::internal::CaptureStderr();
     Ear ear;
     *__cr_errno_location() = 7;
     errno = ENOENT;
@@ -153,6 +155,7 @@ TEST(PlatformSupport, MessagesReachTheSinkWithLevelAndStatus) {
                                          {128, 4, "error " + std::string(100000, 'x')},
                                          {16, 5, "note"}};
     EXPECT_TRUE(ear.heard == expected);
+    EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with("error 9: of the sink\n"));
 }
 
 // A server's text may neither forge a line nor rewrite the terminal.
@@ -161,8 +164,7 @@ TEST(PlatformSupport, LinesOfAMessageAreMarkedOnStderr) {
     // Characters of two and four bytes are shown; bytes that are none, and half a character, are
     // not.
     ErrorA(7, "%s", "a\x1b[2J\nb\xc2\x9b\x7f\xff\xc3\xa4\xf0\x9f\x98\x80\xf0\x9f\x98");
-    const std::string large(100000, '\n');
-    ErrorA(7, "%s", large.c_str());
+    ErrorA(7, "%s", std::string(100000, '\n').c_str());
     const std::string said = testing::internal::GetCapturedStderr();
     const std::string head =
         std::string(OSGetProcName(0)) + "[" + std::to_string(getpid()) + "] error 7";
@@ -182,8 +184,8 @@ TEST(PlatformSupport, OnlyWellFormedCharactersAreShown) {
                              "\xf1\xbf\x7f", "\xf4\x90\x80\x80", "\xf5\x80"}) {
         testing::internal::CaptureStderr();
         ErrorA(7, "%s", text);
-        const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(said.find(text) != said.npos, --left >= 0) << said;
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find(text) != std::string::npos,
+                  --left >= 0);
     }
 }
 

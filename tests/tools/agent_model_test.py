@@ -141,5 +141,4 @@ with tempfile.TemporaryDirectory() as top:
             chance.choices((lambda: expire(1), damage, replace_server), (3, 1, 1))[0]()
     server.stop()
 assert RUNS < 50 or seen["known"] and seen["unread"], seen
-print(f"record against a model: {RUNS} runs, " + ", ".join(f"{n} {what}" for what, n in seen.items()) +
-      f"; KSPOOL_TEST_SEED={SEED}")
+print(f"record against a model: {RUNS} runs, {', '.join(f'{n} {what}' for what, n in seen.items())}; KSPOOL_TEST_SEED={SEED}")
