@@ -360,7 +360,11 @@ TEST(PlatformIni, TellsEachFaultOnceAndEachCutValue) {
     EXPECT_STREQ(value, "fi");
     EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, path.c_str()), 0);
     EXPECT_STREQ(value, "");
-    for (const char* file : {"/nowhere", "/nowhere", "/dev/null"})
+    const std::string full = folder.path + "/full.cfg", larger = folder.path + "/larger.cfg";
+    std::ofstream{full}, std::ofstream{larger};
+    std::filesystem::resize_file(full, 16 << 20);
+    std::filesystem::resize_file(larger, (16 << 20) + 1);
+    for (const char* file : {"/nowhere", "/nowhere", "/dev/null", full.c_str(), larger.c_str()})
         EXPECT_EQ(InifileGetPathA("one", "none", value, 2, nullptr, file), 0);
     const std::string line = path + ": line ";
     const std::vector<Heard> expected = {
@@ -370,7 +374,9 @@ TEST(PlatformIni, TellsEachFaultOnceAndEachCutValue) {
         {QLX_LEVEL_NOTICE, 82, line + "19 is too long"},
         {QLX_LEVEL_NOTICE, 10, path + ": [one] ab: value cut to 2 characters"},
         {QLX_LEVEL_NOTICE, 25, "/nowhere: No such file or directory"},
-        {QLX_LEVEL_NOTICE, 25, "/dev/null: is no regular file"}};
+        {QLX_LEVEL_NOTICE, 25, "/dev/null: is no regular file"},
+        {QLX_LEVEL_NOTICE, 82, full + ": line 1 is too long"},
+        {QLX_LEVEL_NOTICE, 25, larger + ": is larger than 16 MiB"}};
     EXPECT_EQ(ear.heard, expected);
 }
 
@@ -432,8 +438,12 @@ TEST(PlatformSupport, SearchesUpToTheLastByteOfAPage) {
     ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
     memset(pages, 'x', page);
     pages[page - 1] = '\0';
-    for (size_t length = 0; length < 200; ++length)
-        EXPECT_EQ(qlxstrpbrk(pages + page - 1 - length, "\r\n"), nullptr);
+    for (size_t length = 0; length < 200; ++length) {
+        char* text = pages + page - 1 - length;
+        text[-1] = '\n';  // before the text
+        EXPECT_EQ(qlxstrpbrk(text, "\r\n"), nullptr);
+        text[-1] = 'x';
+    }
     munmap(pages, 2 * page);
 }
 
