@@ -1,5 +1,6 @@
 """Small faults that scripts/mutants puts into the sources: in one line, one condition is turned or one
-constant raised by one. The contents of strings stay as they are."""
+constant raised by one. Comments and the contents of strings stay as they are."""
+import ast
 import os
 import re
 from typing import NamedTuple
@@ -7,14 +8,18 @@ from typing import NamedTuple
 import source_places
 from source_places import BETWEEN, Place
 
-# Binary operators stand between spaces, brackets of templates do not.
+# Binary operators stand between spaces, brackets of templates do not. Words are those of Python, too.
 TURNED = {" == ": " != ", " != ": " == ", " < ": " <= ", " <= ": " < ", " > ": " >= ", " >= ": " > ",
           " && ": " || ", " || ": " && ", " + ": " - ", " - ": " + ", "++": "--", "true": "false",
-          "false": "true", " += ": " -= ", " -= ": " += "}
+          "false": "true", " += ": " -= ", " -= ": " += ", " and ": " or ", " or ": " and ", "True": "False",
+          "False": "True"}
 FOUND = re.compile("|".join([re.escape(text) for text in TURNED if not text.isalpha()] +
-                            [r"\b(?:true|false)\b", r"!(?=[\w(])", r"(?<![\w.\"'%])\d+(?![\w.\"'])"]))
-IGNORED = re.compile(r'^\s*(//|#|static_assert|constexpr bool covers)|^\s*"|^template')
-TEXT = re.compile(r'"(?:[^"\\]|\\.)*"|//.*|\'(?:[^\'\\]|\\.)*\'')
+                            [r"\b(?:[Tt]rue|[Ff]alse)\b", r"!(?=[\w(])", r"\bnot ",
+                             r"(?<![\w.\"'%])\d+(?![\w.\"'])"]))
+IGNORED = re.compile(r'^\s*(//|#|/?\*(?:[ *]|/?$)|static_assert|constexpr bool covers)|^\s*"|^template')
+TEXT = re.compile(r'"(?:[^"\\]|\\.)*"|//.*|/\*.*?(?:\*/|$)|#.*|\'(?:[^\'\\]|\\.)*\'')
+# Public headers and platform/ hold constants that every source depends on, and no code.
+ENDINGS = {"include": ".hpp"}
 
 
 class Change(NamedTuple):
@@ -35,7 +40,7 @@ class Change(NamedTuple):
 
 
 def turned(text):
-    if text == "!":
+    if text in ("!", "not "):
         return ""
     return TURNED[text] if text in TURNED else str(int(text) + 1)
 
@@ -51,14 +56,24 @@ def changed_lines(line):
         yield line[:found.start()] + turned(found[0]) + line[found.end():]
 
 
+def texts_in(file):
+    """The lines of a Python source, as numbers from 0, in which texts of several lines lie."""
+    if not file.endswith(".py"):
+        return set()
+    texts = [node for node in ast.walk(ast.parse("\n".join(source_places.lines_of(file))))
+             if isinstance(node, ast.Constant) and node.end_lineno > node.lineno]
+    return {number for text in texts for number in range(text.lineno - 1, text.end_lineno)}
+
+
 def changes_in(folder):
     """All changes of the files of a folder, without the folders in it."""
     for name in sorted(os.listdir(folder)):
-        if not name.endswith((".cpp", ".h")):
+        if not name.endswith(ENDINGS.get(folder, (".cpp", ".c", ".h", ".py"))):
             continue
         file = f"{folder}/{name}"
+        texts = texts_in(file)
         for number, line in enumerate(source_places.lines_of(file)):
-            for changed in changed_lines(line):
+            for changed in () if number in texts else changed_lines(line):
                 yield Change(source_places.place_of(file, number), changed.strip())
 
 

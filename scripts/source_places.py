@@ -3,15 +3,17 @@ and its text. The lists tests/mutants.txt, survivors.txt and unreached.txt name 
 
 Functions are found by the layout that clang-format gives them: a definition starts in the column of
 its scope (0, or four further in for each class around it), its body is indented, and it ends with a
-`}` in the column where it started. Lines outside of functions have the function `-`. A line that its
-function holds several times needs a number: `walk#2` is the second one in `walk`.
+`}` in the column where it started. Python sources are parsed. Lines outside of functions have the
+function `-`. A line that its function holds several times needs a number: `walk#2` is the second one
+in `walk`.
 """
+import ast
 import functools
 import re
 from typing import NamedTuple
 
 BETWEEN = " :: "
-CLASS = re.compile(r"(?:template <.*?> )?(?:class|struct|union)\b ?([\w:]*)[^(]*[{;]$")
+CLASS = re.compile(r"(?:template <.*?> )?(?:class|struct|union)\b *([\w:]*)[^(]*[{;]$")
 ATTRIBUTE = re.compile(r"\[\[.*?\]\]|__attribute__\(\(.*?\)\)+|\balignas\(.*?\)|\b[A-Z]+(?:_[A-Z]+)+\(.*?\)")
 FUNCTION = re.compile(r"((?:[\w~]+(?:<[\w, ]*>)?::)*(?:operator\(\)|operator ?[^\s(]+|~?\w+))\(")
 PASSED_OVER = re.compile(r'\s*(?:$|//|#|(?:public|private|protected):$)|namespace\b|extern "C" {|}')
@@ -25,11 +27,12 @@ class Scopes:
         self.head = ""  # a definition or declaration, as far as it was read
         self.body = None  # function whose body is open; "-" for a table
         self.in_macro = False
+        self.in_comment = False
 
     def feed(self, line):
         """The function of a line and of those before it that got None: the head of a definition may
         take several lines."""
-        code = re.sub(r"\s*//(?=[\s/]).*", "", line).rstrip()
+        code = self._without_comments(line)
         column = 4 * len(self.classes)
         was_in_macro, self.in_macro = self.in_macro, code.endswith("\\")
         if was_in_macro:
@@ -46,6 +49,15 @@ class Scopes:
             return "-"
         self.head += " " + code.strip()
         return self._end_head() if code.endswith(("{", "}", ";")) else None
+
+    def _without_comments(self, line):
+        if self.in_comment:
+            _, end, line = line.partition("*/")
+            self.in_comment = not end
+        code = re.sub(r"\s*//(?=[\s/]).*|/\* .*? \*/", "", line).rstrip()
+        if re.match(r"\s*/\*", code):
+            self.in_comment, code = True, ""
+        return code
 
     def _end_head(self):
         head, self.head = ATTRIBUTE.sub("", self.head).strip(), ""
@@ -68,9 +80,25 @@ def lines_of(file):
         return source.read().splitlines()
 
 
+def python_functions(lines):
+    names = ["-"] * len(lines)
+
+    def walk(node, around):
+        for child in ast.iter_child_nodes(node):
+            name = f"{around}{child.name}" if isinstance(child, (ast.ClassDef, ast.FunctionDef)) else None
+            if isinstance(child, ast.FunctionDef):
+                names[child.lineno - 1:child.end_lineno] = [name] * (child.end_lineno - child.lineno + 1)
+            walk(child, name + "::" if name else around)
+
+    walk(ast.parse("\n".join(lines)), "")
+    return names
+
+
 @functools.cache
 def functions_of(file):
     """The function of each line of a file."""
+    if file.endswith(".py"):
+        return python_functions(lines_of(file))
     scopes, names, waiting = Scopes(), [], 0
     for line in lines_of(file):
         waiting += 1
