@@ -281,7 +281,7 @@ const std::string kOddFile =
     "quoted = \" a b \"\nhalf = \"x\nhash = a # b\nnumber = 12abc\nwords = abc\nbig = 99999999999\n"
     "small = -99999999999\nhuge = 99999999999999999999\n no sense\n[broken\nnul = a" +
     std::string(1, '\0') + "b\nlong = " + std::string(70000, 'x') +
-    "\n[TWO]\nab=two\nPOOL-ID=i\n[one]\nlate=l\nlast=z";
+    "\n[TWO]\nab=two\nZONE-ID=i\n[one]\nlate=l\nlast=z";
 
 TEST(PlatformIni, ReadsOddFiles) {
     const Folder folder;
@@ -294,7 +294,7 @@ TEST(PlatformIni, ReadsOddFiles) {
         {"one", "ab", "first", 5},     {"two", "AB", "two", 3},    {"one", "empty", "d", 0},
         {"one", "quoted", " a b ", 5}, {"one", "half", "\"x", 2},  {"one", "hash", "a # b", 5},
         {"one", "nul", "d", 0},        {"one", "long", "d", 0},    {"one", "late", "l", 1},
-        {"one", "last", "z", 1},       {"two", "pool-id", "i", 1}, {"three", "ab", "d", 0}};
+        {"one", "last", "z", 1},       {"two", "zone-id", "i", 1}, {"three", "ab", "d", 0}};
     for (const auto& row : table) {
         char value[8] = "";
         EXPECT_EQ(InifileGetValueA(row.section, row.entry, value, 7, "d", path.c_str()), row.found);
