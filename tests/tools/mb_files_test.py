@@ -58,6 +58,8 @@ def check_name_space(server, agent, reader):
         (agent, ["ls", "/none"], 10, "", ["/none: ", "event 10011"]),
         (agent, ["mkdir", "relative"], 1, "", ["event 10017"]),
         (agent, ["mkdir", "--", "-x"], 1, "", ["-x: ", "event 10017"]),
+        (agent, ["rm", "-R", "[/pool]"], 1, "", ["[/pool]: ", "event 10017"]),
+        (agent, ["rm", "-R", "[/pool,/new]"], 1, "", ["[/pool,/new]: ", "event 10017"]),
         (reader, ["mkdir", "/mine"], 12, "", ["event 10002", "login reader)"]),
         (reader, ["rm", "-R", "/pool"], 12, "", ["/pool: ", "ermission"]),
         (agent, ["ls", "/pool/zero"], 0, last, []),

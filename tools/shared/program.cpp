@@ -4,13 +4,16 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <new>
+#include <string>
 #include <system_error>
+#include <vector>
 
 #include "kspool_version.h"
 #include "tools/shared/signals.h"
@@ -31,6 +34,32 @@ void occupyStandardDescriptors() {
     }
 }
 
+/// The parser would take a word like [a,b] for a list and split it. A mark in front keeps the word
+/// whole until it is the value of an option or an operand.
+constexpr char kMark = '\1';
+
+std::vector<std::string> markedWords(int argc, char** argv) {
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    for (std::string& word : words) {
+        if (!word.empty() && (word.front() == '[' || word.front() == kMark))
+            word.insert(0, 1, kMark);
+    }
+    return words;
+}
+
+void takeMarksOff(CLI::App& app) {
+    const CLI::Validator off(
+        [](std::string& word) {
+            if (!word.empty() && word.front() == kMark) word.erase(0, 1);
+            return std::string();
+        },
+        "");
+    for (CLI::Option* option : app.get_options())
+        option->transform(off);
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; }))
+        takeMarksOff(*command);
+}
+
 ExitCode parseAndWork(const Program& program, int argc, char** argv) {
     const std::string name = program.name;
     CLI::App app(program.description, name);
@@ -38,14 +67,19 @@ ExitCode parseAndWork(const Program& program, int argc, char** argv) {
     app.set_version_flag("--version", name + " " + kspoolVersion());
     program.addCommands(app, code);
     app.require_subcommand(0, 1);
+    takeMarksOff(app);
+    std::vector<std::string> words = markedWords(argc, argv);
+    std::reverse(words.begin(), words.end());  // the order that the parser takes a vector in
     try {
-        app.parse(argc, argv);  // which calls the subcommand
+        app.parse(std::move(words));  // which calls the subcommand
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             app.exit(error);  // prints the help or the version
             return ExitCode::kOk;
         }
-        throw Failure(ExitCode::kUsage, std::string(error.what()) + " (see " + name + " --help)");
+        std::string what = error.what();
+        std::erase(what, kMark);
+        throw Failure(ExitCode::kUsage, what + " (see " + name + " --help)");
     }
     if (!app.get_subcommands().empty()) return code;
     throw Failure(ExitCode::kUsage, "a subcommand is needed (see " + name + " --help)");
