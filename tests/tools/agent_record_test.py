@@ -200,9 +200,14 @@ with tempfile.TemporaryDirectory() as top:
     assert open(top + "/other", "rb").read() == open(AGENT, "rb").read() and os.path.islink(top + "/link.cache")
     assert record("next", "--dry-run")["newSegments"] == 0 and not os.path.exists(top + "/link.cache.facts")
 
+    # Facts and cache of a link that leads to nothing are where it will lead.
+    os.symlink(top + "/here.cache", top + "/dangling.cache")
+
     # Without a client, the files are those of this host.
-    run("record", tree, "--image", "here", "--cache", top + "/here.cache")
-    run("find", "--client", socket.gethostname(), "--image", "here")
+    run("record", tree, "--image", "here", "--cache", top + "/dangling.cache", "--ds", "3000000000")
+    run("verify", "--image", "here", "--ds", "3000000000")
+    assert os.path.exists(top + "/here.cache.facts")
+    run("find", "--client", socket.gethostname(), "--image", "here", "--ds", "3000000000")
 
     # A damaged cache is not used, and is replaced.
     with open(cache, "r+b") as file:

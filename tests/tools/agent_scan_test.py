@@ -5,6 +5,7 @@ import hashlib
 import html.parser
 import json
 import os
+import pathlib
 import pty
 import random
 import re
@@ -101,6 +102,7 @@ def check_paths(top):
         (top, "--exclude", "[ab]", "--exclude", "*/d"): (2, 4 * K, 0),
         (top, "--exclude", os.path.abspath(top) + "/su*"): (2, SIZE - len(sub), 0),
         (top, "--exclude", "su*/b"): (5, SIZE, 0),  # the path begins before that
+        ("/", "--exclude", "/[!p]*", "--exclude", "/p[!r]*"): (0, 0, 0),  # /proc is passed over
         ("--files-from", listed): (4, 12 * K + len(sub), 3),
         ("--files-from", nulls, "--null"): (2, 16 * K, 0),
         ("--files-from", nulls, "-0", top + "/sub"): (5, SIZE, 0),
@@ -110,6 +112,7 @@ def check_paths(top):
         assert (found["files"], found["all"]["bytes"]) == (files, size), (arguments, found)
     with open(listed) as file:
         assert scan("--files-from", "-", code=3, stdin=file)["files"] == 4
+    run(AGENT, "scan", "--files-from", "-", code=2, stdin=os.open(top, os.O_RDONLY))
     # Names relative to the folder that the program runs in.
     assert scan(".", "sub", "--exclude", "./sub/b", cwd=top)["files"] == 4
 
@@ -273,6 +276,10 @@ def check_report(top):
             texts = Texts(file.read()).texts
         assert known in texts and share not in texts, texts
     assert "No such file" in run(AGENT, "scan", "--report", "/none/page", top, code=1).stderr
+    assert "Scanned" in run(AGENT, "scan", "--report", "/dev/full", top, code=1).stdout
+    page = pathlib.Path(path).read_bytes()
+    run(AGENT, "scan", "--report", path, "--cache", AGENT, top, code=1)  # refused
+    assert pathlib.Path(path).read_bytes() == page
 
 
 def check_progress(top):

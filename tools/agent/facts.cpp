@@ -19,6 +19,7 @@ namespace {
 constexpr char kProgram[] = "kspool-agent facts ";
 constexpr char kTitle[] = "kspool-agent facts 1";
 constexpr char kBinding[] = "binding", kNext[] = "next", kCache[] = "cache", kImage[] = "image";
+constexpr int kMostLinks = 40;  ///< as many as the system follows
 
 template <typename... Values>
 std::string lineOf(const char* about, const Values&... values) {
@@ -121,7 +122,11 @@ bool Facts::untie(const ImageName& name) {
 
 std::string factsPath(const std::string& cache) {
     std::error_code failure;
-    const std::string resolved = std::filesystem::weakly_canonical(cache, failure);
+    std::filesystem::path path = cache;
+    // weakly_canonical() would leave a link that leads to nothing, which the cache's file follows.
+    for (int links = 0; links < kMostLinks && std::filesystem::is_symlink(path, failure); ++links)
+        path = path.parent_path() / std::filesystem::read_symlink(path, failure);
+    const std::string resolved = std::filesystem::weakly_canonical(path, failure);
     return (failure ? cache : resolved) + ".facts";
 }
 

@@ -2,15 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <climits>
-#include <cstring>
-#include <fstream>
-#include <iostream>
 
 #include "ks.h"
 #include "platform/status.h"
 #include "tools/agent/segments.h"
+#include "tools/shared/input.h"
 #include "tools/shared/messages.h"
 #include "tools/shared/text.h"
 
@@ -71,20 +67,17 @@ void addWalkOptions(CLI::App& command, WalkOptions& options, const std::string& 
 
 void readPathList(WalkOptions& options) {
     if (options.listFile.empty()) return;
-    std::ifstream file;
-    std::istream& list = options.listFile == "-" ? std::cin : file;
-    errno = 0;
-    if (&list == &file) file.open(options.listFile);
-    for (std::string path; std::getline(list, path, options.nullSeparated ? '\0' : '\n');) {
+    const std::string list = tool::readInput(options.listFile);
+    const char separator = options.nullSeparated ? '\0' : '\n';
+    for (size_t at = 0, end = 0; at < list.size(); at = end + 1) {
+        end = std::min(list.find(separator, at), list.size());
+        const std::string path = list.substr(at, end - at);
         if (path.find('\0') != std::string::npos) {  // the system would take what is before it
             throw tool::Failure(tool::ExitCode::kUsage, tool::printable(options.listFile) +
                                                             ": a line holds NUL; is -0 missing?");
         }
         if (!path.empty()) options.listed.push_back(path);
     }
-    if (list.eof()) return;
-    throw tool::Failure(tool::ExitCode::kUsage,
-                        tool::printable(options.listFile) + ": " + strerror(errno));
 }
 
 void addJobs(CLI::App& command, uint32_t& jobs) {

@@ -145,7 +145,7 @@ std::string poLine(const ImageName& name, const Record& r) {
     std::string line;
     const auto text = [&](const std::string& value) { line += fieldText(value) + "|"; };
     const auto number = [&](auto value) { line += std::to_string(value) + "|"; };
-    number(name.dataselection);
+    number(static_cast<int32_t>(name.dataselection));
     number(1);  // kind: the agent's
     text("");   // origin
     number(static_cast<int32_t>(s.owner));
@@ -182,7 +182,7 @@ FoundPO readPO(std::string_view line) {
     const auto text = [&](Field which) { return plainText(raw(which)); };
     const auto number = [&](Field which) { return numberOf<int64_t>(raw(which)); };
     FoundPO found;
-    found.name = {.dataselection = numberOf<uint32_t>(fields.front()),
+    found.name = {.dataselection = static_cast<uint32_t>(numberOf<int64_t>(fields.front())),
                   .client = text(Field::kClient),
                   .policy = text(Field::kPolicy),
                   .image = text(Field::kImage)};

@@ -1,5 +1,7 @@
 #include "tools/agent/query.h"
 
+#include <fnmatch.h>
+
 #include <algorithm>
 #include <charconv>
 
@@ -14,6 +16,26 @@ namespace {
 
 constexpr size_t kHeadLines = 3;  ///< of an answer: names, types, count
 
+/// A pattern for the fields of POs, in which some characters are codes of several: what it finds
+/// too much, isMatch() drops.
+std::string widened(std::string pattern) {
+    std::replace(pattern.begin(), pattern.end(), '?', '*');
+    return fieldText(pattern);
+}
+
+bool isLike(const std::string& text, const std::string& pattern) {
+    std::string plain;  // brackets mean nothing
+    for (const char c : pattern)
+        plain += c == '[' ? std::string("[[]") : std::string(1, c);
+    return fnmatch(plain.c_str(), text.c_str(), FNM_NOESCAPE) == 0;
+}
+
+bool isMatch(const Criteria& criteria, const std::string& path) {
+    if ((criteria.folder + criteria.file).find('?') == std::string::npos) return true;
+    const PlaceOfPath place = placeOf(path);
+    return isLike(place.folder, criteria.folder) && isLike(place.name, criteria.file);
+}
+
 /// A filter and the texts that it points to.
 struct Filter {
     MBPOFilter criteria{};
@@ -23,8 +45,8 @@ struct Filter {
         : client(fieldText(c.name.client)),
           policy(fieldText(c.name.policy)),
           image(c.name.image.empty() ? "*" : fieldText(c.name.image)),
-          folder(fieldText(c.folder)),
-          file(fieldText(c.file)) {
+          folder(widened(c.folder)),
+          file(widened(c.file)) {
         criteria.size = sizeof criteria;
         MBPOFilterInit(&criteria);
         criteria.criterion6 = client.c_str();
@@ -99,11 +121,15 @@ uint64_t findPOs(tool::Session& session, const Criteria& criteria, const POVisit
     if (linesOf(rest) < announced) {
         throw tool::Failure("query: the server sent fewer POs than it announced");
     }
+    uint64_t matches = 0;
     for (uint32_t i = 0; i < announced; ++i) {
         const std::string_view line = takeLine(rest);
-        visit(readPO(line), line);
+        FoundPO found = readPO(line);
+        if (!isMatch(criteria, found.record.path)) continue;
+        ++matches;
+        visit(std::move(found), line);
     }
-    return announced;
+    return matches;
 }
 
 uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit) {

@@ -49,7 +49,7 @@ void addRecord(CLI::App& app, tool::ExitCode& code) {
         ->capture_default_str();
     command->add_option("--retention", options.retention, "Seconds to keep the image [not set]")
         ->check(CLI::NonNegativeNumber);
-    command->add_flag("--dry-run", options.dryRun,
+    command->add_flag("-n,--dry-run", options.dryRun,
                       "Tell what would be new, by folder, and change nothing");
     command->add_flag("--json", options.json, "Report as JSON");
     command->footer(kFooter);

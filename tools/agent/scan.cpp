@@ -167,13 +167,17 @@ class Scan {
     uint32_t fileNumber_ = 0;  ///< of the first pending file
 };
 
-/// Opened before the scan, whose report would otherwise be lost after hours of reading.
-std::ofstream openReport(const std::string& path) {
-    std::ofstream file;
-    if (path.empty()) return file;
-    file.open(path, std::ios::binary);
+std::ofstream openPage(const std::string& path, std::ios::openmode how) {
+    std::ofstream file(path, std::ios::binary | how);
     if (!file) throw tool::Failure(tool::printable(path) + ": " + strerror(errno));
     return file;
+}
+
+void writePage(const ScanOptions& options, const std::string& page) {
+    std::ofstream file = openPage(options.reportFile, std::ios::trunc);
+    file << page;
+    file.close();
+    if (!file) throw tool::Failure(tool::printable(options.reportFile) + ": not written");
 }
 
 ExitCode codeFor(const ScanResult& result) {
@@ -202,20 +206,20 @@ ExitCode scan(ScanOptions options) {
     if (options.digest.empty()) options.digest = defaultDigest("");
     std::optional<HeldFile> file;
     if (!options.cacheFile.empty()) hold(file, options.cacheFile);
-    std::ofstream report = openReport(options.reportFile);
+    // Before hours of reading, and without touching the page of before.
+    if (!options.reportFile.empty()) openPage(options.reportFile, std::ios::app);
     const tool::Interrupts interrupts;
     *__qlxlog_trace_location() = options.trace ? 1 : 0;
 
     Scan scan(options, file ? &*file : nullptr);
     scan.run();
-    if (file) replace(*file, scan.firstCache());
+    printScan(options, scan.result());  // first: it does not depend on files
+    tool::Steps steps;
+    if (file) steps.run([&] { replace(*file, scan.firstCache()); });
     if (scan.findings()) {
-        report << scanPage(options, scan.result(), *scan.findings());
-        report.close();
-        if (!report) throw tool::Failure(tool::printable(options.reportFile) + ": not written");
+        steps.run([&] { writePage(options, scanPage(options, scan.result(), *scan.findings())); });
     }
-    printScan(options, scan.result());
-    return codeFor(scan.result());
+    return steps.allDone() ? codeFor(scan.result()) : steps.code();
 }
 
 }  // namespace agent

@@ -59,8 +59,13 @@ class Comparison {
   public:
     Comparison(const VerifyOptions& options, VerifyResult& result)
         : options_(options), result_(result) {
-        for (const std::string& path : options.paths)
-            tops_.push_back(absolutePath(path));
+        for (std::string path : options.paths) {
+            std::string absolute = absolutePath(path);
+            while (path.size() > 1 && path.back() == '/')
+                path.pop_back();
+            tops_.push_back({std::move(path), std::move(absolute)});
+        }
+        if (tops_.empty()) tops_.push_back({"/", "/"});
     }
 
     /// Notes a record, unless it lies outside the paths that the user named.
@@ -78,8 +83,8 @@ class Comparison {
     void run() {
         for (const Expected& one : expected_)
             known_.insert(one.entry.path);
-        for (const std::string& top : tops_)
-            checkTop(top);
+        for (const std::string& path : options_.paths)
+            checkTop(absolutePath(path));
         for (const Expected& one : expected_) {
             if (Interrupts::asked()) break;
             compare(one);
@@ -89,6 +94,12 @@ class Comparison {
     }
 
   private:
+    /// A path that the user named, as it was given. Without one it is the root.
+    struct Top {
+        std::string given;
+        std::string absolute;
+    };
+
     struct CutOrder {
         bool operator()(const Cut& a, const Cut& b) const {
             return std::tie(a.digest, a.segmentSize) < std::tie(b.digest, b.segmentSize);
@@ -107,12 +118,19 @@ class Comparison {
     }
 
     bool isWanted(const std::string& path) const {
-        const auto holds = [&](const std::string& top) { return isAtOrBelow(path, top); };
-        if (!tops_.empty() && std::none_of(tops_.begin(), tops_.end(), holds)) return false;
-        if (options_.exclude.empty()) return true;
-        for (std::string at = path; at != "/" && at != "."; at = placeOf(at).folder)
-            if (isExcluded(options_.exclude, at, at)) return false;
-        return true;
+        return std::any_of(tops_.begin(), tops_.end(), [&](const Top& top) {
+            return isAtOrBelow(path, top.absolute) && !isLeftOut(path, top);
+        });
+    }
+
+    /// Whether a walk from `top` would have excluded the path, or a folder that it lies in.
+    bool isLeftOut(const std::string& path, const Top& top) const {
+        if (options_.exclude.empty()) return false;
+        for (std::string at = path; at.size() > top.absolute.size(); at = placeOf(at).folder) {
+            const std::string met = top.given + at.substr(top.absolute.size());
+            if (isExcluded(options_.exclude, met, at)) return true;
+        }
+        return false;
     }
 
     /// A path that the user named, and of which nothing is recorded, is new or a mistake.
@@ -180,6 +198,7 @@ class Comparison {
             struct stat status {};
             if (known_.count(path) != 0 || !isWanted(path)) continue;
             if (lstat(path.c_str(), &status) != 0) continue;
+            if (status.st_dev != device && belongsToKernel(path.c_str())) continue;
             const FileStatus now = statusOf(status);
             if (now.isFile() || now.isFolder() || now.isLink()) add(path, Finding::kNew, "");
         }
@@ -220,7 +239,7 @@ class Comparison {
 
     const VerifyOptions& options_;
     VerifyResult& result_;
-    std::vector<std::string> tops_;
+    std::vector<Top> tops_;
     std::set<Cut, CutOrder> cuts_;
     std::vector<Expected> expected_;
     std::unordered_set<std::string_view> known_;  ///< the paths in expected_

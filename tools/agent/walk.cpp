@@ -27,13 +27,6 @@ int byName(const FTSENT** left, const FTSENT** right) {
     return strcmp((*left)->fts_name, (*right)->fts_name);
 }
 
-/// Files of the kernel's own file systems look regular, but some of them never end.
-bool belongsToKernel(const char* path) {
-    struct statfs system {};
-    if (statfs(path, &system) != 0) return false;
-    return system.f_type == PROC_SUPER_MAGIC || system.f_type == SYSFS_MAGIC;
-}
-
 /// Whether the walk of the parent folder cannot have met the file system of this entry.
 bool entersFileSystem(const FTSENT& entry) {
     return entry.fts_level == FTS_ROOTLEVEL ||
@@ -143,7 +136,8 @@ std::optional<Entry> Walker::State::take(FTSENT& entry) {
         return {};
     }
     if (entersFileSystem(entry) && belongsToKernel(entry.fts_path)) {
-        problem(entry.fts_path, "is the kernel's, not scanned");
+        if (entry.fts_level == FTS_ROOTLEVEL)
+            problem(entry.fts_path, "is the kernel's, not scanned");
         fts_set(tree.get(), &entry, FTS_SKIP);
         return {};
     }
@@ -211,6 +205,12 @@ Tree walk(const WalkOptions& options, const ProblemVisitor& problem,
         if (counted) counted(tree);
     }
     return tree;
+}
+
+bool belongsToKernel(const char* path) {
+    struct statfs system {};
+    if (statfs(path, &system) != 0) return false;
+    return system.f_type == PROC_SUPER_MAGIC || system.f_type == SYSFS_MAGIC;
 }
 
 bool isExcluded(const std::vector<std::string>& patterns, const std::string& path,

@@ -37,7 +37,7 @@ struct Tree {
 /// Lists the regular files, folders and symbolic links below the paths, one after the other.
 /// Symbolic links are listed and not followed. A path that is reached from two of the named paths
 /// is listed once; two hard links are two paths. An excluded folder is not entered. The kernel's
-/// own file systems are a problem.
+/// own file systems are passed over; one that is named is a problem.
 class Walker {
   public:
     Walker(const WalkOptions& options, ProblemVisitor problem);
@@ -57,6 +57,10 @@ class Walker {
 /// may be empty; it is told of the list so far, as often.
 Tree walk(const WalkOptions& options, const ProblemVisitor& problem,
           const std::function<bool()>& stop, const std::function<void(const Tree&)>& counted = {});
+
+/// Whether a path is in a file system of the kernel's own, as /proc. Files there look regular, but
+/// some of them never end.
+bool belongsToKernel(const char* path);
 
 /// Whether a pattern of fnmatch(3) matches, where `*` matches slashes as well: a pattern without a
 /// slash the last name of the path, one that begins with a slash the absolute path, any other the
