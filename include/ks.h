@@ -85,7 +85,8 @@ KSPOOL_API void KSConfigInitWithAgentCfg(KSConfig* config,
  *
  * Returns 0, or the status of the last invalid record: CR_STATUS_INVALID_PARAMETER for a missing
  * text (and for a NULL `config`, or NULL `options` with a count), CR_STATUS_LIMIT_EXCEEDED for a
- * text that does not fit, CR_STATUS_INVALID_VALUE for an unknown type. The slot is left alone.
+ * text that does not fit, CR_STATUS_INVALID_VALUE for an unknown type, of which the low 32 bits
+ * count, and 8 of a DO type. The slot is left alone.
  */
 KSPOOL_API uint32_t KSConfigSet(KSConfig* config, const KSOption* options,
                                 uint32_t count) KSPOOL_NOEXCEPT;

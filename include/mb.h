@@ -152,9 +152,10 @@ KSPOOL_API void MBShutdown(MBSession* session) KSPOOL_NOEXCEPT;
 
 /*
  * Sends a keep-alive when the session has been idle for at least `interval` seconds; 0 or less:
- * now. Returns 0, the transport's status, or the event code that the server reported.
+ * now. The system's clock counts: after it was set back, nothing is sent until it has caught up.
+ * Returns 0, the transport's status, or the event code that the server reported.
  *
- * Slot: the result when it is not 0.
+ * Slot: the result, unless it is 0 or CR_STATUS_NULL_HANDLE.
  *
  *   interval  seconds of idleness after which a keep-alive is sent
  */
@@ -306,9 +307,9 @@ KSPOOL_API uint32_t MBGetTime(MBSession* session, uint32_t* serverTime) KSPOOL_N
 
 /*
  * Send a text of POs to the server for one data selection. The text is sent as it is; a NULL or
- * empty one gives CR_STATUS_INVALID_PARAMETER. An answer that does not begin with the server's
- * field names gives CR_STATUS_BAD_RESPONSE; MBPOExpire() does not check this. Otherwise the
- * statuses are those of conventions 1 and 2.
+ * empty one gives CR_STATUS_INVALID_PARAMETER. An answer that is not empty and does not begin with
+ * the server's field names gives CR_STATUS_BAD_RESPONSE; MBPOExpire() does not check this.
+ * Otherwise the statuses are those of conventions 1 and 2.
  */
 KSPOOL_API uint32_t MBPOImport(MBSession* session, uint32_t dataselection,
                                const char* pos) KSPOOL_NOEXCEPT;
@@ -373,7 +374,8 @@ KSPOOL_API uint32_t MBPOFilterInit(MBPOFilter* filter) KSPOOL_NOEXCEPT;
 /*
  * The three ways to a query's result. A query that fails and was not aborted is retried as
  * MBSetRetryCount() and MBSetTimeOut() say, each time with a longer response time-out, which the
- * session keeps; a query can therefore take minutes. Common statuses, in the slot too:
+ * session keeps, also one that had none; a query can therefore take minutes. A NULL output is
+ * reported before a NULL session. Common statuses, in the slot too:
  * CR_STATUS_NULL_HANDLE; CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of another size;
  * the transport's status of the last attempt; CR_STATUS_REMOTE_ERROR when the server reported an
  * error and no retry is allowed; CR_STATUS_BAD_HANDLE for a malformed answer, or an error that the
@@ -391,9 +393,10 @@ KSPOOL_API uint32_t MBPOFind(MBSession* session, uint32_t dataselection, const M
                              char** text, size_t* length, uint32_t* count) KSPOOL_NOEXCEPT;
 
 /*
- * A cursor whose first PO is in `po` (zeroed before its first use, the caller's to release), or
- * NULL with the status in the slot: CR_STATUS_NOT_FOUND when no PO matches,
- * CR_STATUS_INVALID_PARAMETER for a NULL `po`, the PO library's when the first line is invalid.
+ * A cursor whose first PO is in `po` (zeroed before its first use, the caller's to release; a
+ * record that held a PO of a legacy server is not for those of another one), or NULL with the
+ * status in the slot: CR_STATUS_NOT_FOUND when no PO matches, CR_STATUS_INVALID_PARAMETER for a
+ * NULL `po`, the PO library's when the first line is invalid.
  */
 KSPOOL_API MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection,
                                      const MBPOFilter* filter, struct PO* po,

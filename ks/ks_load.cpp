@@ -1,4 +1,6 @@
 // Reads the agent's configuration file: one table row for each directive, one case for each kind.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -11,6 +13,7 @@ namespace {
 constexpr int32_t kMaximumReconnectTimeout = 3600;
 constexpr int32_t kDefaultReconnectTimeout = 300;
 constexpr uint32_t kNoFingerprintType = 255;
+constexpr int kMostReadings = 10;  ///< of a file that is replaced again and again
 
 /// How a directive's value is read, and which values are valid.
 enum class Kind : uint32_t {
@@ -166,6 +169,23 @@ class Reader {
     const char* file_;
 };
 
+/// Tells a file from the one that replaces it, and from itself before it was written to.
+struct FileState {
+    dev_t device = 0;
+    ino_t number = 0;
+    off_t size = 0;
+    time_t seconds = 0;
+    long nanoseconds = 0;
+    bool operator==(const FileState&) const = default;
+};
+
+FileState stateOf(const char* path) {
+    struct stat status {};
+    if (stat(path, &status) != 0) return {};
+    return {status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
+            status.st_mtim.tv_nsec};
+}
+
 /// Makes the record one whose initialisation failed: zero but for the one flag, since programs may
 /// compare or store records as bytes.
 void fail(KSConfig* config) {
@@ -186,8 +206,18 @@ void _configLoad(KSConfig* config, const char* path) {
         qlxstrcpy(config->configFile, path, sizeof config->configFile);
         config->flags |= KS_CFG_CONFIG_FILE;
     }
-    for (const Directive& directive : kDirectives)
-        Reader(*config, path, directive).read();
+    // Each directive opens the file anew: when it is replaced meanwhile, the record would be a
+    // mixture of two files.
+    const KSConfig unread = *config;
+    FileState before = stateOf(path);
+    for (int rest = kMostReadings; rest > 0; --rest) {
+        *config = unread;
+        for (const Directive& directive : kDirectives)
+            Reader(*config, path, directive).read();
+        const FileState after = stateOf(path);
+        if (after == before) break;
+        before = after;
+    }
     _ksDump(config);
 }
 

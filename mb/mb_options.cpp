@@ -108,7 +108,12 @@ uint32_t MBOptionsSet(MBSession* session, const KSOption* options, uint32_t coun
     MBSession copy = *session;
     const ScopedWipe wiped(copy);
     const uint32_t status = apply(copy, options, count);
-    if (status == CR_STATUS_OK) *session = copy;
+    if (status == CR_STATUS_OK) {
+        // Not `transport`, which stays and which MBAbort() may be reading in another thread.
+        session->state = copy.state;
+        session->config = copy.config;
+        session->opt133Value = copy.opt133Value;
+    }
     return storeStatus(status);
 }
 

@@ -94,7 +94,10 @@ KSPOOL_API char* qlxstrcpy(char* destination, const char* source, size_t size) K
 /* The first character of `text` that is in `set`, or NULL. */
 KSPOOL_API char* qlxstrpbrk(const char* text, const char* set) KSPOOL_NOEXCEPT;
 
-/* 0 when the file may be accessed in this mode (4: read), otherwise -1 with errno set. */
+/*
+ * 0 when the file may be accessed in this mode (4: read), otherwise -1 with errno set. Only a
+ * regular file may be read.
+ */
 KSPOOL_API int qlx_access(const char* path, int mode) KSPOOL_NOEXCEPT;
 
 /* Removes a file: 0, or -1 with errno set. */

@@ -25,6 +25,7 @@
 #include <string_view>
 
 #include "common/ascii.h"
+#include "common/owned.h"
 #include "cr_status.h"
 #include "platform/ini.h"
 #include "platform/support.h"
@@ -52,9 +53,9 @@ std::string_view unquoted(std::string_view text) {
 /// the writer of a FIFO, which is then refused as not a regular file.
 std::string contentsOf(const char* file, const char*& problem) {
     std::string contents;
-    const int fd = open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const kspool::Descriptor fd(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
-    problem = fd < 0 || fstat(fd, &status) != 0 ? strerror(errno) : nullptr;
+    problem = fd.get() < 0 || fstat(fd.get(), &status) != 0 ? strerror(errno) : nullptr;
     // The file is read for each entry: a pipe has its bytes once only, and a device may never end.
     if (problem == nullptr && !S_ISREG(status.st_mode)) problem = "is no regular file";
     if (problem == nullptr && static_cast<size_t>(status.st_size) > kLargestFile) {
@@ -62,13 +63,12 @@ std::string contentsOf(const char* file, const char*& problem) {
     }
     char block[16 * 1024];
     while (problem == nullptr) {
-        const ssize_t got = read(fd, block, sizeof block);
+        const ssize_t got = read(fd.get(), block, sizeof block);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) problem = strerror(errno);
         if (got <= 0) break;
         contents.append(block, static_cast<size_t>(got));
     }
-    if (fd >= 0) close(fd);
     if (problem != nullptr) contents.clear();
     return contents;
 }

@@ -2,6 +2,7 @@
 // thread may call any function here.
 #include <endian.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,7 +51,11 @@ char* qlxstrcpy(char* destination, const char* source, size_t size) noexcept {
 }
 
 int qlx_access(const char* path, int mode) noexcept {
-    return access(path, mode);
+    struct stat status {};
+    if (access(path, mode) != 0) return -1;
+    if ((mode & R_OK) == 0 || stat(path, &status) != 0 || S_ISREG(status.st_mode)) return 0;
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return -1;
 }
 
 int qlx_unlink(const char* path) noexcept {

@@ -259,6 +259,8 @@ TEST(PlatformSupport, MagicHeaders) {
     close(fd);
     EXPECT_EQ(qlxMagicWrite(64, fd, 0), -1);
     EXPECT_EQ(qlx_access(path.c_str(), 4), 0);
+    EXPECT_EQ(qlx_access(folder.path.c_str(), 4), -1);
+    EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(qlx_unlink(path.c_str()), 0);
     EXPECT_EQ(qlx_access(path.c_str(), 4), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -501,6 +503,25 @@ TEST(AgentConfig, ReadsTheDocumentsExample) {
     for (const char* row : {"vendor", "label", "url", "pool-id", "agent-id", "reconnect-timeout",
                             "type", "route-tables", "ssl-key"})
         EXPECT_NE(text.find(std::string("| `") + row + "` |"), std::string::npos) << row;
+}
+
+// The report of the missing URL replaces the file, of which the label was read already.
+TEST(AgentConfig, IsThatOfOneFile) {
+    const Folder folder;
+    const std::string path = folder.path + "/agent.cfg";
+    std::ofstream(path) << "[product]\nlabel = old\n";
+    std::ofstream(path + ".new") << "[product]\nlabel = new\n[pool]\npool-id = 2\n";
+    qlxSetSink(
+        [](uint32_t, uint32_t, const char*, void* place) {
+            const auto& replaced = *static_cast<std::string*>(place);
+            rename((replaced + ".new").c_str(), replaced.c_str());
+        },
+        const_cast<std::string*>(&path));
+    KSConfig config;
+    KSConfigInitWithAgentCfg(&config, path.c_str());
+    qlxSetSink(nullptr, nullptr);
+    EXPECT_STREQ(config.programLabel, "new");
+    EXPECT_EQ(config.storagePoolId, 2U);
 }
 
 }  // namespace
