@@ -1,7 +1,10 @@
 """What tests of programs have alike."""
+import difflib
 import json
 import os
+import pathlib
 import subprocess
+import tempfile
 
 
 def run(*command, code=0, **options):
@@ -32,3 +35,30 @@ def check_usage(program, *calls):
     for call in calls:
         stderr = run(program, *call, code=2).stderr
         assert stderr.count("\n") == 1 and stderr.startswith(name + ": "), (call, stderr)
+
+
+def replay(name, server, folder, **names):
+    """Replays a transcript of this folder to the letter. Lines with ">" are commands for bash, with the server's programs
+    and account, or orders to the server ("admin FUNCTION BODY"); behind each stands what it says, on standard output
+    first, and its exit code unless that is 0. $URL, $TOP (the folder) and the other names stand for what differs."""
+    names.update(URL=server.url, TOP=folder)
+    env = {**os.environ, **names, "TZ": "UTC", "LC_ALL": "C.UTF-8",
+           "PATH": os.path.dirname(os.path.abspath(server.program)) + ":" + os.environ["PATH"]}
+    expected, told = pathlib.Path(__file__).with_name(name + ".txt").read_text("utf-8"), ""
+    for line in expected.splitlines(keepends=True):
+        if line.startswith("> admin "):
+            _, _, function, body = line.split(maxsplit=3)
+            server.admin(function, json.loads(body))
+        elif line.startswith("> "):
+            done = subprocess.run(["bash", "-c", line[2:]], capture_output=True, text=True, timeout=60, cwd=folder, env=env)
+            line += done.stdout + done.stderr + f"= {done.returncode}\n" * (done.returncode != 0)
+            for variable, value in names.items():
+                line = line.replace(value, "$" + variable)
+        elif line[0] not in "#\n":
+            continue  # what an earlier run said
+        told += line
+    if told != expected:
+        heard = pathlib.Path(tempfile.gettempdir(), name + ".txt")
+        heard.write_text(told, "utf-8")
+        changes = difflib.unified_diff(expected.splitlines(), told.splitlines(), "expected", str(heard), lineterm="")
+        raise AssertionError("\n".join(changes))
