@@ -12,6 +12,7 @@ import tempfile
 import time
 
 from pool_server import OPENER, PoolServer, answering
+from programs import replay
 
 TOOL, SANDBOX = (os.path.abspath(path) for path in sys.argv[1:3])
 CANARY = "canary-7d1f"
@@ -32,51 +33,6 @@ def run(*arguments, code=0, lines=None, says=(), unsaid=(), env=(), **options):
     assert all(line.startswith("kspool-mb: ") for line in done.stderr.splitlines()), told
     assert all(text in done.stderr for text in says) and not any(text in done.stderr for text in unsaid), told
     return done.stdout
-
-
-def check_name_space(server, agent, reader):
-    server.admin("tree", [{"path": path, "size": size, "mtime": mtime} for path, size, mtime in (
-        ("/pool/a b", 1536, 1700000000), ("/pool/sub/ü", 5, 86399), ("/pool/zero", 0, 0))])
-    url = server.url
-    day, any_time = "1970-01-01 23:59:59", r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
-    first, last = "f    1.50 KiB  2023-11-14 22:13:20  a b\n", "f         0 B  1970-01-01 00:00:00  zero\n"
-    folder, inner = f"d           -  {any_time}  sub\n", f"f         5 B  {day}  "
-    table = [  # who, what, exit code, regular expression for the output, what the error line says
-        (agent, ["ls", "/pool"], 0, first + folder + last, []),
-        (agent, ["ls", "-R", "/pool"], 0, first + folder + inner + "sub/ü\n" + last, []),
-        (reader, ["ls", "/pool/sub/ü"], 0, inner + "ü\n", []),
-        (agent, ["mkdir", "/new", "/new/deep"], 0, "", []),
-        (agent, ["ls", "/new/deep"], 0, "", []),
-        (agent, ["mkdir", "/new"], 1, "", ["/new: ", "(event 10012, server " + url]),
-        (agent, ["rm", "/new"], 1, "", ["/new: ", "event 10014"]),
-        (agent, ["cp", "/pool", "/copy"], 1, "", ["/pool to /copy: ", "event 10015"]),
-        (agent, ["cp", "-R", "/pool", "/copy"], 0, "", []),
-        (agent, ["mv", "/copy/sub", "/new/deep/sub"], 0, "", []),
-        (agent, ["ls", "/copy"], 0, f"f .* a b\nf .* zero\n", []),
-        (agent, ["ls", "-R", "/new"], 0, f"d .* deep\nd .* deep/sub\nf .* deep/sub/ü\n", []),
-        (agent, ["cp", "/none", "/more"], 10, "", ["event 10011"]),
-        (agent, ["ls", "/none"], 10, "", ["/none: ", "event 10011"]),
-        (agent, ["mkdir", "relative"], 1, "", ["event 10017"]),
-        (agent, ["mkdir", "--", "-x"], 1, "", ["-x: ", "event 10017"]),
-        (agent, ["rm", "-R", "[/pool]"], 1, "", ["[/pool]: ", "event 10017"]),
-        (agent, ["rm", "-R", "[/pool,/new]"], 1, "", ["[/pool,/new]: ", "event 10017"]),
-        (reader, ["mkdir", "/mine"], 12, "", ["event 10002", "login reader)"]),
-        (reader, ["rm", "-R", "/pool"], 12, "", ["/pool: ", "ermission"]),
-        (agent, ["ls", "/pool/zero"], 0, last, []),
-        (agent, ["rm", "-R", "/new", "/copy"], 0, "", []),
-        (agent, ["ls", "/"], 0, "d .* pool\n", []),
-    ]
-    for who, what, code, output, says in table:
-        said = run(*who, *what, code=code, says=says)
-        assert re.fullmatch(output, said), (what, said)
-    # Each failure has its line, the rest is done, and the highest code counts.
-    run(*agent, "mkdir", "/m", "/pool", "/none/x", "/n", code=10, lines=2, says=["/pool: ", "/none/x: "])
-    run(*agent, "rm", "/none", "/m", "/pool", "/n", code=10, lines=2, says=["/none: ", "/pool: "])
-    assert json.loads(run(*agent, "--json", "ls", "/")) == json.loads(run(*agent, "ls", "/", "--json"))
-    found = json.loads(run(*agent, "ls", "-R", "--json", "/pool"))
-    assert [(one["type"], one["size"], one["path"]) for one in found] == [
-        ("f", 1536, "a b"), ("d", 0, "sub"), ("f", 5, "sub/ü"), ("f", 0, "zero")], found
-    assert [found[0]["mtime"], found[2]["mtime"]] == [1700000000, 86399], found
 
 
 def check_server(server, agent):
@@ -100,34 +56,10 @@ def check_server(server, agent):
     assert 0 < low == found["min"] and high == found["max"] and abs(found["median"] - (low + high) / 2) < 1e-6
 
 
-def check_secrets(top, config, password):
-    login = ("--config", config, "--login", "agent")
-    ls = ("ls", "/")
-    for mode, code in ((0o600, 0), (0o400, 0), (0o640, 2), (0o604, 2), (0o602, 2)):
-        os.chmod(password, mode)
-        run(*login, "--password-file", password, *ls, code=code, says=["chmod 600"] if code else [])
-    os.chmod(password, 0o600)
+def check_secrets(config, password):
     word = open(password, encoding="utf-8").readline().rstrip("\n")
-    for number, (content, code) in enumerate((
-            (word, 0), (word + "\r\nsecond line", 0), ("", 2), ("\n" + word, 2), (word + "\0", 2), ("x" * 256, 2),
-            ("x" * 255, 12), (CANARY, 12))):
-        with open(f"{top}/file{number}", "w", opener=lambda path, flags: os.open(path, flags, 0o600)) as file:
-            file.write(content)
-        run(*login, "--password-file", f"{top}/file{number}", *ls, code=code)
-        run(*login, "--password-file", "-", *ls, code=code, input=content)
-    for bad, why in ((top + "/none", "No such file"), (top, "Is a directory"), ("/", "Is a directory")):
-        run(*login, "--password-file", bad, *ls, code=2, says=[f"{bad}: {why}"])
-    run(*login, "--password-file", "-", *ls, code=2, says=["Bad file descriptor"], preexec_fn=lambda: os.close(0))
     variables = {"KSPOOL_LOGIN": "agent", "KSPOOL_PASSWORD": word, "KSPOOL_AGENT_CONFIG": config}
-    run(*ls, env=variables)
-    run(*ls, "--login", "nobody", code=12, says=["login nobody)\n"], env=variables)
-    run(*ls, "--password-file", password, env={**variables, "KSPOOL_PASSWORD": CANARY})
-    # What to do is said, and not what was done.
-    asked = ("--login NAME", "--password-file FILE")
-    run("ls", "/", "--config", config, code=12, says=["no login, no password", " and ".join(asked)])
-    run(*login, *ls, code=12, says=asked[1:], unsaid=asked[:1])
-    run(*login[:2], "--password-file", password, *ls, code=12, says=asked[:1], unsaid=asked[1:])
-    for command in (ls, ("ping",), ("ls", "-R", "/none"), ("mkdir", "/"), ("time",)):
+    for command in (("ls", "/"), ("ping",), ("ls", "-R", "/none"), ("mkdir", "/"), ("time",)):
         for secret in (word, CANARY):
             done = subprocess.run([TOOL, "-v", *command], env={**CLEAN, **variables, "KSPOOL_PASSWORD": secret},
                                   capture_output=True, text=True)
@@ -149,15 +81,6 @@ def check_secrets(top, config, password):
 
 def check_network(top, sandbox, agent):
     url = sandbox.url
-    busy, late = "the server is overloaded or in maintenance (HTTP status 503, ", "answer in time (HTTP status 504, "
-    for fault, options, says, unsaid in (
-            ({"kind": "lose"}, (), ["complete ("], ["--retry"]), ({"kind": "status", "code": 504}, (), [late, "--retry"], []),
-            ({"kind": "status", "code": 503}, (), [busy, "--retry"], ["is it a pool server?"]),
-            ({"kind": "status", "code": 503, "times": 1000}, ("--retry", "1"), [busy], ["--retry"])):
-        sandbox.admin("faults", [fault])
-        run(*agent, *options, "mkdir", "/perhaps", code=13, unsaid=unsaid,
-            says=[*says, "if it was a change, it may have been made"])
-        sandbox.admin("reset", {})
     # Interrupted, it sums up, and ends by the signal; a silent server does not hold it up.
     for faults, number, summary in (([], signal.SIGINT, r"([1-9]\d*) of \1 answered, .*\n"),
                                     ([{"kind": "delay", "ms": 20000}], signal.SIGTERM, "0 of 0 answered\n")):
@@ -170,8 +93,6 @@ def check_network(top, sandbox, agent):
         assert (ping.returncode, error) == (-number, "") and re.fullmatch(summary, output), (ping.returncode, output, error)
     server = PoolServer(SANDBOX, top + "/late")
     closed = server.url
-    run("ls", "/", "--server", closed.replace("//", f"//user:{CANARY}@"), "--config", agent[1], code=2,
-        says=[closed, "give --login NAME"])
     run(*agent, "mkdir", "/a", "/b", "--server", closed, code=13, lines=2, says=[f"server {closed})", "--retry"])
     run(*agent, "ls", "/", "--server", closed, "--retry", "1", code=13, says=["be reached: "], unsaid=["--retry"])
     assert run(*agent, "ping", "-c", "2", "--server", closed, code=13, lines=2) == "0 of 2 answered\n"
@@ -250,15 +171,10 @@ def check_peers(top, agent):
         assert version == ("TLSv1.2" if most == ssl.TLSVersion.TLSv1_2 else None), version
 
 
-def check_usage(top, config):
+def check_usage(config):
     places = ["--config FILE", "$KSPOOL_AGENT_CONFIG", "$XDG_CONFIG_HOME/kspool/agent.cfg", "/etc/kspool/agent.cfg"]
     if not os.path.exists("/etc/kspool/agent.cfg"):
         run("ls", "/", code=2, says=places)
-    run("ls", "/", "--config", top + "/none", code=2, says=[top + "/none: "])
-    with open(top + "/empty.cfg", "w"):
-        pass
-    run("ls", "/", "--config", top + "/empty.cfg", code=2, says=["--server"])
-    run("ls", "/", "--config", top, "--server", "http://127.0.0.1:1", code=1, says=[top + ": could not be read"])
     for bad in ((), ("ls",), ("ls", "/", "/"), ("ls", ""), ("rm", "-R", ""), ("mkdir",), ("cp", "/"), ("mv", "/a", "/b", "/c"),
                 ("mv", "-R", "/a", "/b"), ("ping", "-c", "0"), ("ping", "/"), ("time", "-q", "-v"), ("nonsense",),
                 ("ls", "/", "--server", ""), ("ls", "/", "--login", "x" * 256), ("ls", "/", "--retry", "-1"), ("ls", "/", "--retry", "3601"),
@@ -268,21 +184,22 @@ def check_usage(top, config):
 
 
 with tempfile.TemporaryDirectory() as top:
-    server = PoolServer(SANDBOX, top + "/sandbox")
+    server = PoolServer(SANDBOX, top + "/pool")
     server.start()
     config, url = server.config, server.url
-    agent, reader = (("--config", config, "--login", login, "--password-file", f"{top}/sandbox/{login}.password")
+    agent, reader = (("--config", config, "--login", login, "--password-file", f"{top}/pool/{login}.password")
                      for login in ("agent", "reader"))
     # The configuration that init makes lacks nothing.
     told = subprocess.run([TOOL, "-v", *agent, "time"], capture_output=True, text=True, timeout=60, env=CLEAN, check=True)
     assert "trace: _configLoad" in told.stderr and "Missing configuration" not in told.stderr, told.stderr
     secrets += [open(who[-1], encoding="utf-8").readline().strip() for who in (agent, reader)]
     assert all(secrets)
-    check_name_space(server, agent, reader)
+    replay("mb_refused", server, top)
+    replay("mb_files", server, top, READER=secrets[-1])
     check_server(server, agent)
-    check_secrets(top, config, agent[-1])
+    check_secrets(config, agent[-1])
     check_odd_answers(agent)
-    check_usage(top, config)
+    check_usage(config)
     check_network(top, server, agent)
     check_peers(top, agent)
     server.stop()
