@@ -3,6 +3,7 @@ import difflib
 import json
 import os
 import pathlib
+import re
 import subprocess
 import tempfile
 
@@ -40,7 +41,8 @@ def check_usage(program, *calls):
 def replay(name, server, folder, **names):
     """Replays a transcript of this folder to the letter. Lines with ">" are commands for bash, with the server's programs
     and account, or orders to the server ("admin FUNCTION BODY"); behind each stands what it says, on standard output
-    first, and its exit code unless that is 0. $URL, $TOP (the folder) and the other names stand for what differs."""
+    first, and its exit code unless that is 0. $URL, $TOP (the folder), $NOW (any time from 2025 on) and the other names
+    stand for what differs."""
     names.update(URL=server.url, TOP=folder)
     env = {**os.environ, **names, "TZ": "UTC", "LC_ALL": "C.UTF-8",
            "PATH": os.path.dirname(os.path.abspath(server.program)) + ":" + os.environ["PATH"]}
@@ -50,10 +52,12 @@ def replay(name, server, folder, **names):
             _, _, function, body = line.split(maxsplit=3)
             server.admin(function, json.loads(body))
         elif line.startswith("> "):
-            done = subprocess.run(["bash", "-c", line[2:]], capture_output=True, text=True, timeout=60, cwd=folder, env=env)
+            done = subprocess.run(["bash", "-o", "pipefail", "-c", line[2:]], capture_output=True, text=True, timeout=60,
+                                  cwd=folder, env=env)
             line += done.stdout + done.stderr + f"= {done.returncode}\n" * (done.returncode != 0)
             for variable, value in names.items():
                 line = line.replace(value, "$" + variable)
+            line = re.sub(r"20(2[5-9]|[3-9]\d)-\d\d-\d\d[ T]\d\d:\d\d(:\d\d\+00:00)?", "$NOW", line)
         elif line[0] not in "#\n":
             continue  # what an earlier run said
         told += line
