@@ -14,7 +14,7 @@ AGENT, _, SANDBOX = sys.argv[1:]
 with tempfile.TemporaryDirectory() as top:
     server = PoolServer(SANDBOX, top + "/pool")
     server.start()
-    programs.replay("agent_query", server, top)
+    programs.replay("agent_query", top, AGENT, server)
     # A pattern is for finding only: it would expire other images as well.
     programs.check_usage(AGENT, *(call.split() for call in (
         "find -0 --json", "find --type x", "expire --image one --older-than 1d", "expire --image one --even-newest",

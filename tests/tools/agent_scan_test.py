@@ -19,7 +19,7 @@ import termios
 import time
 import zlib
 
-from programs import check_full_disk, check_usage, run
+from programs import check_full_disk, check_usage, replay, run
 
 AGENT = os.path.abspath(sys.argv[1])
 K = 1024
@@ -33,7 +33,6 @@ FILES = {
     "sub/d": BLOCKS[2][:100],                # the same short segment
     "odd\nname": BLOCKS[3],
 }
-SIZE = sum(len(data) for data in FILES.values())
 
 
 def scan(*arguments, code=0, **options):
@@ -64,75 +63,17 @@ def untimed(report):
     return report
 
 
-def check_counts(top):
-    os.chmod(top, 0o755)
+def check_told(home, top):
     for name, data in FILES.items():
         write(f"{top}/{name}", data)
     os.symlink("a", top + "/link")
     os.mkfifo(top + "/pipe")
-    for digest, area in (("sha256", "1"), ("md5", "5000"), ("sha1", "1")):
-        found = scan("--segment", "4KiB", "--digest", digest, "--area", area, "--bits", "3", top)
-        assert (found["files"], found["skipped"], found["all"]["bytes"]) == (5, 0, SIZE), found
-        assert found["unique"] == {"segments": 4, "bytes": 12 * K + 100}, found
-        assert found["repeatedSameFile"] == {"segments": 1, "bytes": 4 * K}, found
-        assert found["repeatedOtherFile"] == {"segments": 2, "bytes": 4 * K + 100}, found
-        cache = found["cache"]
-        assert (cache["entries"], cache["hits"], cache["misses"], cache["bits"]) == (4, 3, 4, 3)
-        assert not found["interrupted"]
-    assert scan(top + "/sub/c")["dedupRatio"] == 0  # nothing of nothing
-    for uncounted in ([], ["--no-count"]):
-        people = run(AGENT, "scan", "--trace", "--lock", "--bits", "3", *uncounted, top)
-        assert "Dedup ratio" in people.stdout and "   100.0 %\n" in people.stdout and "KSCacheInit: bits = 3" in people.stderr, people
-        assert max(map(len, people.stdout.splitlines())) <= 80, people.stdout
-    assert "Scanned 1 file, " in run(AGENT, "scan", top + "/a").stdout
-
-
-def check_paths(top):
-    """What is named twice is read once; what is excluded is not read; lists of paths."""
-    sub = FILES["sub/b"] + FILES["sub/d"]
-    listed = write(top + "-lists/lines", f"{top}/a\n\n{top}/none\n{top}/sub\n".encode())
-    nulls = write(top + "-lists/nulls", f"{top}/odd\nname\0{top}/a".encode())
-    # arguments: files, bytes, exit code
-    rows = {
-        (top, top + "/sub"): (5, SIZE, 0),
-        (top + "/sub/b", top + "/sub", top, f"{top}/./sub/../a"): (5, SIZE, 0),
-        (top, "--exclude", "sub"): (2, SIZE - len(sub), 0),
-        (top, "--exclude", "sub/"): (2, SIZE - len(sub), 0),
-        (top, top + "/sub", "--exclude", "sub"): (5, SIZE, 0),  # named, so not excluded
-        (top, "--exclude", "[ab]", "--exclude", "*/d"): (2, 4 * K, 0),
-        (top, "--exclude", os.path.abspath(top) + "/su*"): (2, SIZE - len(sub), 0),
-        (top, "--exclude", "su*/b"): (5, SIZE, 0),  # the path begins before that
-        ("/", "--exclude", "/[!p]*", "--exclude", "/p[!r]*"): (0, 0, 0),  # /proc is passed over
-        ("--files-from", listed): (4, 12 * K + len(sub), 3),
-        ("--files-from", nulls, "--null"): (2, 16 * K, 0),
-        ("--files-from", nulls, "-0", top + "/sub"): (5, SIZE, 0),
-    }
-    for arguments, (files, size, code) in rows.items():
-        found = scan(*arguments, code=code)
-        assert (found["files"], found["all"]["bytes"]) == (files, size), (arguments, found)
-    with open(listed) as file:
-        assert scan("--files-from", "-", code=3, stdin=file)["files"] == 4
-    run(AGENT, "scan", "--files-from", "-", code=2, stdin=os.open(top, os.O_RDONLY))
-    # Names relative to the folder that the program runs in.
-    assert scan(".", "sub", "--exclude", "./sub/b", cwd=top)["files"] == 4
-
+    replay("agent_scan", home, AGENT)
     check_usage(AGENT, *(("scan", *bad) for bad in (
         (top + "/none",), (top + "/link",), (top + "/pipe",), ("--bits", "30", top), ("--segment", "1", top),
         ("--digest", "crc32", top), ("--nonsense", top), (), ("--files-from", top + "/none"),
         ("--files-from", top), ("--compare", "4KiB,1", top), ("--compare", "4KiB", "--segment", "4KiB", top),
         ("--jobs", "0", top), ("--report", top + "-lists/r", "--no-count", top))))
-
-    # An unreadable file, as somebody whom permissions bind.
-    os.chmod(top + "/odd\nname", 0)
-    powerless = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"] if os.geteuid() == 0 else []
-    partial = run(*powerless, AGENT, "scan", "--json", top, code=3)
-    assert json.loads(partial.stdout)["skipped"] == 1, partial.stdout
-    assert "odd\\x0aname: Permission denied" in partial.stderr, partial.stderr
-    os.chmod(top + "/odd\nname", 0o644)
-
-    for path in ("/proc/sys/kernel", "/proc/kmsg"):
-        kernel = run(AGENT, "scan", path, top + "/a", code=3)
-        assert kernel.stderr == f"kspool-agent: {path}: is the kernel's, not scanned\n", kernel.stderr
 
 
 def check_threads(top):
@@ -170,16 +111,6 @@ def check_threads(top):
 
 
 def check_cache(top):
-    cache = top + "-lists/kept.cache"
-    first = scan("--segment", "4KiB", "--cache", cache, top + "/sub")
-    assert first["unique"]["segments"] == 2 and first["knownFromEarlier"]["segments"] == 0, first
-    # Both scans number their files from 0.
-    second = scan("--segment", "4KiB", "--cache", cache, top)
-    assert second["knownFromEarlier"] == {"segments": 4, "bytes": 8 * K + 200}, second
-    assert second["unique"]["segments"] == 2 and second["repeatedSameFile"]["segments"] == 1, second
-    third = run(AGENT, "scan", "--segment", "4KiB", "--cache", cache, top).stdout
-    assert "known from earlier" in third and cache in third and "all of the data is known" in third, third
-
     entry = random.Random(3).randbytes(32) + struct.pack("<BQ", 3, 1)
     good = b"\x8bKSP\r\n\x1a\n" + struct.pack("<IIQ", 64, 0, zlib.adler32(entry)) + entry
     refused = {
@@ -309,8 +240,7 @@ def check_progress(top):
 with tempfile.TemporaryDirectory() as home:
     tree = home + "/tree"
     os.mkdir(tree)
-    check_counts(tree)
-    check_paths(tree)
+    check_told(home, tree)
     check_file_systems(tree)
     check_cache(tree)
     check_signals(tree)

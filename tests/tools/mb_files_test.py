@@ -194,8 +194,8 @@ with tempfile.TemporaryDirectory() as top:
     assert "trace: _configLoad" in told.stderr and "Missing configuration" not in told.stderr, told.stderr
     secrets += [open(who[-1], encoding="utf-8").readline().strip() for who in (agent, reader)]
     assert all(secrets)
-    replay("mb_refused", server, top)
-    replay("mb_files", server, top, READER=secrets[-1])
+    replay("mb_refused", top, TOOL, server)
+    replay("mb_files", top, TOOL, server, READER=secrets[-1])
     check_server(server, agent)
     check_secrets(config, agent[-1])
     check_odd_answers(agent)

@@ -12,7 +12,7 @@ MB, SANDBOX = sys.argv[1:]
 with tempfile.TemporaryDirectory() as top:
     server = PoolServer(SANDBOX, top + "/pool")
     server.start()
-    programs.replay("mb_po", server, top)
+    programs.replay("mb_po", top, MB, server)
     programs.check_usage(MB, ("po", "find"), ("po",), ("po", "find", "1", "--size", "1x"), ("po", "find", "1", "--type", "ff"),
                          ("po", "find", "1", "--name", "a|b"), ("po", "add", "1", top + "/none"), ("po", "add", "1", top),
                          ("image", "retention", "1", "--image", "i", "--worm", "1"))

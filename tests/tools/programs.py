@@ -38,14 +38,14 @@ def check_usage(program, *calls):
         assert stderr.count("\n") == 1 and stderr.startswith(name + ": "), (call, stderr)
 
 
-def replay(name, server, folder, **names):
-    """Replays a transcript of this folder to the letter. Lines with ">" are commands for bash, with the server's programs
-    and account, or orders to the server ("admin FUNCTION BODY"); behind each stands what it says, on standard output
-    first, and its exit code unless that is 0. $URL, $TOP (the folder), $NOW (any time from 2025 on) and the other names
-    stand for what differs."""
-    names.update(URL=server.url, TOP=folder)
+def replay(name, folder, program, server=None, **names):
+    """Replays a transcript of the folder of this file to the letter. Lines with ">" are commands, which bash runs in a
+    folder with the programs that lie beside one of them, or orders to a server ("admin FUNCTION BODY"). Behind each
+    stands what it says, on standard output first, and its exit code unless that is 0. $URL of the server, $TOP of the
+    folder, $NOW for any time from 2025 on and the names that are given stand for what differs from run to run."""
+    names.update({"URL": server.url} if server else {}, TOP=folder)
     env = {**os.environ, **names, "TZ": "UTC", "LC_ALL": "C.UTF-8",
-           "PATH": os.path.dirname(os.path.abspath(server.program)) + ":" + os.environ["PATH"]}
+           "PATH": os.path.dirname(os.path.abspath(program)) + ":" + os.environ["PATH"]}
     expected, told = pathlib.Path(__file__).with_name(name + ".txt").read_text("utf-8"), ""
     for line in expected.splitlines(keepends=True):
         if line.startswith("> admin "):
