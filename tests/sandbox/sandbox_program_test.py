@@ -20,6 +20,7 @@ import urllib.request
 
 sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
 from pool_server import OPENER, PoolServer  # noqa: E402
+from programs import replay  # noqa: E402
 
 PROGRAM = os.path.abspath(sys.argv[1])
 
@@ -60,23 +61,12 @@ def secure(port, host, authority, keys, most=ssl.TLSVersion.MAXIMUM_SUPPORTED):
         return False
 
 
-def check_refusals():
-    for arguments, says in (((), ""), (("serve",), ""), (("init", "made"), "")):
+def check_told():
+    os.mkdir("temporary")
+    for arguments, says in (((), "A subcommand"), (("serve",), ""), (("init", "made"), ""), (("run",), "COMMAND"),
+                            (("faults", "--url", "http://127.0.0.1:1"), "NAME")):
         run(*arguments, code=2, says=says)
-    run("serve", "made", says="init makes such a folder")
-    for url, says in (("ftp://127.0.0.1", "http:// nor"), ("http://", "its host"), ("http://a:0", "its port"),
-                      ("http://a:65536", "its port"), ("http://a:1x", "its port"), ("http://u@a", "its host"),
-                      ("http://a/b?c", "its path"), ("http://[::1]:80", "its host"), ("https://a", "needs TLS")):
-        run("init", "made", "--url", url, says=says)
-    run("init", "made", "--url", "http://127.0.0.1", "--tls", says="needs an https:// URL")
-    run("init", "no/made", "--url", "http://a", says="No such file")
-    run("init", "a\nb", "--url", "http://a", says="control characters")
-    assert not os.listdir()
-    os.mkdir("mine")
-    write("mine/file", "precious")
-    run("init", "mine", "--url", "http://127.0.0.1:1", says="is not empty")
-    run("init", "mine/file", "--url", "http://127.0.0.1:1", says="is no folder")
-    assert (os.listdir(), os.listdir("mine")) == (["mine"], ["file"])
+    replay("../sandbox/sandbox_program", os.getcwd(), PROGRAM, TMPDIR=os.path.abspath("temporary"))
 
 
 def check_folder():
@@ -173,17 +163,7 @@ def check_schema():
 
 def check_run():
     """The command's exit code, its environment, and nothing that is left, however it ends."""
-    os.mkdir("temporary")
     env = {**os.environ, "TMPDIR": os.path.abspath("temporary")}
-    shell = ("run", "--", "sh", "-c")
-    for arguments, code, says in (
-            ((*shell, "exit 7"), 7, ""), ((*shell, "kill -KILL $$"), 137, ""), (("run", "--", "no-such-command"), 127, "No such file"),
-            (("run", "--", "/dev/null"), 126, "Permission denied"), (("run",), 2, "COMMAND"), ((), 2, "A subcommand"), ((*shell, f"{PROGRAM} run -- sh -c 'exit 8'"), 8, ""),
-            (("run", "--faults", "none", "--", "true"), 1, "'none'"), (("run", "--tree", "none", "--", "true"), 1, "none")):
-        done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, env=env, check=False)
-        assert done.returncode == code and says in done.stderr, (arguments, done)
-        assert not os.listdir("temporary"), arguments
-    assert run("run", "--", "printf", "<%s>", "[1,2]", "[]", "", "--", "--tls", code=0, env=env) == "<[1,2]><[]><><--><--tls>"
     run("run", "--", "true", code=0, env=env, preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
     # A file of the setup then has the descriptor 0.
     run("init", "closed", "--url", "http://127.0.0.1:9", code=0, preexec_fn=lambda: os.close(0))
@@ -197,59 +177,19 @@ def check_run():
         url = re.fullmatch(rf"agent \S{{24}} ({scheme}://127\.0\.0\.1:\d+)\nurl = (.*)\nurl = (.*)\n", said).groups()
         assert url[0] == url[1] == url[2], said
     for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-        with subprocess.Popen([PROGRAM, *shell, "echo $$; exec sleep 60"], stdout=subprocess.PIPE, text=True, env=env) as ran:
+        with subprocess.Popen([PROGRAM, "run", "--", "sh", "-c", "echo $$; exec sleep 60"], stdout=subprocess.PIPE,
+                              text=True, env=env) as ran:
             command = int(ran.stdout.readline())
             ran.send_signal(number)
             assert ran.wait(20) == 128 + number
         assert not os.path.exists(f"/proc/{command}") and not os.listdir("temporary")
 
 
-WAITING = """import os, signal
-os.setpgid(0, 0)
-signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])
-print("ready", flush=True)
-print("interrupted" if signal.sigtimedwait([signal.SIGINT], 1) else "left alone")"""
-
-
-def check_terminal():
-    """Ctrl-C is not handed on: the terminal sends it to the command, too, unless the command left the group."""
-    process, terminal = pty.fork()
-    if process == 0:
-        os.execv(PROGRAM, [PROGRAM, "run", "--", "python3", "-c", WAITING])
-    said = os.read(terminal, 1000)
-    os.write(terminal, b"\x03")
-    while not re.search(b"alone|interrupted", said):
-        said += os.read(terminal, 1000)
-    assert os.waitpid(process, 0)[1] == 0 and b"alone" in said, said
-    os.close(terminal)
-
-
-def check_faults():
-    listed = run("faults", code=0).splitlines()
-    names = [line.split()[0] for line in listed]
-    assert names == sorted(names) and len(names) > 4 and all(len(line.split()) > 5 for line in listed)
-    for name in names:
-        # A scenario's file is an order, too.
-        with open("faults.json", "w", encoding="utf-8") as file:
-            file.write(run("faults", name, code=0))
-        waiting = len(json.load(open("faults.json", encoding="utf-8"))["faults"])
-        said = run("run", "--faults", "faults.json", "--", "sh", "-c", f'"{PROGRAM}" faults {name} --url $KSPOOL_SANDBOX_URL', code=0)
-        assert said == f"{2 * waiting} faults wait.\n", said
-    run("faults", "none", says="'none'")
-    run("faults", "slow", "--url", "http://127.0.0.1:1", says="http://127.0.0.1:1: ")
-    run("faults", "--url", "http://127.0.0.1:1", code=2, says="NAME")
-    said = run("run", "--tls", "--", "sh", "-c", f'"{PROGRAM}" faults slow --url $KSPOOL_SANDBOX_URL --keys '
-               '"$(dirname "$KSPOOL_AGENT_CONFIG")/tls/client"', code=0)
-    assert said == "2 faults wait.\n", said
-
-
 with tempfile.TemporaryDirectory() as place:
     os.chdir(place)
-    check_refusals()
+    check_told()
     check_serving(*check_folder())
     check_schema()
     check_run()
-    check_terminal()
-    check_faults()
     check_tls()
     os.chdir("/")

@@ -46,7 +46,8 @@ def replay(name, folder, program, server=None, **names):
     names.update({"URL": server.url} if server else {}, TOP=folder)
     env = {**os.environ, **names, "TZ": "UTC", "LC_ALL": "C.UTF-8",
            "PATH": os.path.dirname(os.path.abspath(program)) + ":" + os.environ["PATH"]}
-    expected, told = pathlib.Path(__file__).with_name(name + ".txt").read_text("utf-8"), ""
+    path = pathlib.Path(__file__).parent / (name + ".txt")
+    expected, told = path.read_text("utf-8"), ""
     for line in expected.splitlines(keepends=True):
         if line.startswith("> admin "):
             _, _, function, body = line.split(maxsplit=3)
@@ -62,7 +63,7 @@ def replay(name, folder, program, server=None, **names):
             continue  # what an earlier run said
         told += line
     if told != expected:
-        heard = pathlib.Path(tempfile.gettempdir(), name + ".txt")
+        heard = pathlib.Path(tempfile.gettempdir(), path.name)
         heard.write_text(told, "utf-8")
         changes = difflib.unified_diff(expected.splitlines(), told.splitlines(), "expected", str(heard), lineterm="")
         raise AssertionError("\n".join(changes))
