@@ -108,20 +108,20 @@ std::string rawExchange(uint16_t port, const std::string& request) {
 }
 
 RawServer::RawServer(Reply otherwise) : otherwise_(std::move(otherwise)) {
-    start();
+    listen();
 }
 
 RawServer::~RawServer() {
-    stop();
+    refuse();
 }
 
-void RawServer::start() {
+void RawServer::listen() {
     stopping_ = false;
     listener_ = loopback::listenOn(port_, 64);
     acceptor_ = std::thread([this] { acceptAll(); });
 }
 
-void RawServer::stop() {
+void RawServer::refuse() {
     stopping_ = true;
     if (acceptor_.joinable()) acceptor_.join();
     for (std::thread& worker : workers_)
@@ -129,14 +129,6 @@ void RawServer::stop() {
     workers_.clear();
     if (listener_ >= 0) close(listener_);
     listener_ = -1;
-}
-
-void RawServer::refuse() {
-    stop();
-}
-
-void RawServer::listen() {
-    start();
 }
 
 std::string RawServer::url() const {

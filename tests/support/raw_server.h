@@ -49,8 +49,6 @@ class RawServer {
     void serve(int fd);
     bool readRequest(int fd, std::string& pending, std::string& request);
     bool send(int fd, const Reply& reply);
-    void start();
-    void stop();
 
     Reply otherwise_;
     uint16_t port_ = 0;
