@@ -17,7 +17,6 @@ import itertools
 import os
 import random
 import sqlite3
-import subprocess
 import sys
 import tempfile
 import urllib.parse

@@ -185,11 +185,32 @@ def check_run():
         assert not os.path.exists(f"/proc/{command}") and not os.listdir("temporary")
 
 
+WAITING = """import os, signal
+os.setpgid(0, 0)
+signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])
+print("ready", flush=True)
+print("interrupted" if signal.sigtimedwait([signal.SIGINT], 1) else "left alone")"""
+
+
+def check_terminal():
+    """Ctrl-C is not handed on: the terminal sends it to the command, too, unless the command left the group."""
+    process, terminal = pty.fork()
+    if process == 0:
+        os.execv(PROGRAM, [PROGRAM, "run", "--", "python3", "-c", WAITING])
+    said = os.read(terminal, 1000)
+    os.write(terminal, b"\x03")
+    while not re.search(b"alone|interrupted", said):
+        said += os.read(terminal, 1000)
+    assert os.waitpid(process, 0)[1] == 0 and b"alone" in said, said
+    os.close(terminal)
+
+
 with tempfile.TemporaryDirectory() as place:
     os.chdir(place)
     check_told()
     check_serving(*check_folder())
     check_schema()
     check_run()
+    check_terminal()
     check_tls()
     os.chdir("/")
