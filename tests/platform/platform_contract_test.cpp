@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "cr_status.h"
@@ -251,7 +252,7 @@ TEST(PlatformSupport, MagicHeaders) {
     ASSERT_EQ(pwrite(fd, "beside the rule: a header with its zero broken", 46, 100), 46);
     ASSERT_EQ(pwrite(fd, bytes, 12, 100), 12);
     // Other bytes, a header cut short, nothing at all, one whose zero is none.
-    for (const off_t from : {0, 7, 30, 100}) {
+    for (const off_t from : {0, 7, 30, 100, 135}) {
         lseek(fd, from, SEEK_SET);
         EXPECT_EQ(qlxMagicRead(fd, &magic), 0U);
         EXPECT_EQ(magic.value, 0U);
@@ -274,6 +275,9 @@ TEST(PlatformSupport, TextsAndProcessFacts) {
     EXPECT_EQ(qlxstrpbrk(text, "\r\n"), text + 4);
     EXPECT_EQ(qlxstrpbrk(text, "#"), nullptr);
     EXPECT_STREQ(OSGetProcName(0), program_invocation_short_name);
+    char* const name = std::exchange(program_invocation_short_name, buffer + 3);
+    EXPECT_STREQ(OSGetProcName(0), "unknown");
+    program_invocation_short_name = name;
     EXPECT_GT(OSGetRSS(), 1U << 20);
 }
 
