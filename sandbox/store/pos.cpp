@@ -171,6 +171,16 @@ void bindFields(Query& query, uint32_t dataselection, const Fields& fields, size
     }
 }
 
+/// The first text behind all those that begin with `prefix`, which may have any bytes. Empty when
+/// there is none: behind 0xff comes no byte.
+std::string endOfRange(std::string prefix) {
+    while (prefix.ends_with('\xff'))
+        prefix.pop_back();
+    if (!prefix.empty())
+        prefix.back() = static_cast<char>(static_cast<unsigned char>(prefix.back()) + 1);
+    return prefix;
+}
+
 /// A filter as an SQL condition. Values are bound and not part of the SQL: filters that set the
 /// same criteria share one prepared statement, and no value can be mistaken for SQL.
 struct Condition {
@@ -190,19 +200,14 @@ struct Condition {
         textPlaces.emplace_back(++places, texts.size() - 1);
     }
 
-    /// The characters before the first wildcard are a range, which an index on the field can seek;
-    /// GLOB then tests the rows of the range only. Of a pattern alone SQLite would test every row.
+    /// The bytes before the first wildcard are a range, which an index on the field can seek; GLOB
+    /// then tests the rows of the range only. Of a pattern alone SQLite would test every row.
     void pattern(const std::string& name, std::string_view value) {
         const size_t wild = value.find_first_of("*?");
         if (wild == std::string_view::npos) return text(name + " = ?", std::string(value));
         const std::string prefix(value.substr(0, wild));
-        if (!prefix.empty()) {
-            text(name + " >= ?", prefix);
-            std::string after = prefix;
-            after.back() = static_cast<char>(static_cast<unsigned char>(after.back()) + 1);
-            // No carry is needed: UTF-8 has no byte 0xff.
-            text(name + " < ?", after);
-        }
+        if (!prefix.empty()) text(name + " >= ?", prefix);
+        if (const std::string end = endOfRange(prefix); !end.empty()) text(name + " < ?", end);
         // A '[' would start a set of characters, which filters do not have.
         std::string glob;
         for (const char c : value)
