@@ -70,8 +70,9 @@ struct Setup {
     bool sync = true;  ///< the folder is on the disk when setUp() returns
 };
 
-/// Makes a folder with configuration, accounts and keys, complete or not at all.
-void setUp(const Setup& setup);
+/// Makes a folder with configuration, accounts and keys, complete or not at all. Returns its URL,
+/// without slashes at the end.
+std::string setUp(const Setup& setup);
 
 /// Writes the configuration of such a folder anew, for a server at another URL.
 void changeUrl(const std::string& folder, const std::string& url);

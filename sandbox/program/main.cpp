@@ -23,7 +23,7 @@ constexpr char kFaultsHelp[] =
     "A scenario's name (see the faults command), or a JSON file of faults";
 
 void init(const sandbox::Setup& setup) {
-    sandbox::setUp(setup);
+    const std::string url = sandbox::setUp(setup);
     const char* folder = setup.folder.c_str();
     printf("%s: configuration agent.cfg, accounts agent (may do everything) and reader%s\n", folder,
            setup.tls ? ", keys for TLS" : "");
@@ -34,9 +34,9 @@ void init(const sandbox::Setup& setup) {
         printf(
             "  curl --cacert '%s/tls/client/ca.pem' --cert '%s/tls/client/cert.pem' "
             "--key '%s/tls/client/key.pem' %s/__admin/health\n",
-            folder, folder, folder, setup.url.c_str());
+            folder, folder, folder, url.c_str());
     } else {
-        printf("  curl %s/__admin/health\n", setup.url.c_str());
+        printf("  curl %s/__admin/health\n", url.c_str());
     }
     sandbox::program::flush();
 }
@@ -128,7 +128,11 @@ int parseAndWork(int argc, char** argv) {
     try {
         app.parse(static_cast<int>(end - argv), argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);
+        if (error.get_exit_code() == 0) {
+            app.exit(error);  // prints the help or the version
+            sandbox::program::flush();
+            return kExitOk;
+        }
         complain(std::string(error.what()) + " (see " + kProgram + " --help)");
         return kExitUsage;
     }

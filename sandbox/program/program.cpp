@@ -43,7 +43,8 @@ sigset_t blockSignals(std::initializer_list<int> numbers) {
 }
 
 void flush() {
-    if (fflush(stdout) != 0) fail(std::string("standard output: ") + strerror(errno));
+    // An earlier write may have failed, with nothing left to flush.
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) fail("the output could not be written");
 }
 
 }  // namespace sandbox::program

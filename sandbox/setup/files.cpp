@@ -35,11 +35,15 @@ void writeFile(const std::string& path, const std::string& text) {
 
 void replaceFile(const std::string& path, const std::string& text, mode_t mode) {
     const std::string made = path + ".new";
-    kspool::Descriptor file(open(made.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    // A run that was killed may have left it. O_EXCL then refuses whatever is put in its place, a
+    // symbolic link to another file among it.
+    unlink(made.c_str());
+    kspool::Descriptor file(
+        open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
     int reason = writeAll(std::move(file), text);
     if (reason == 0 && rename(made.c_str(), path.c_str()) != 0) reason = errno;
     if (reason == 0) return;
-    remove(made.c_str());
+    unlink(made.c_str());
     fail(path, reason);
 }
 

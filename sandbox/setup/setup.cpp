@@ -171,10 +171,7 @@ void fillFolder(const NewFolder& made, const std::string& folder, const Setup& s
     for (const Account& account : accounts)
         writeFile(path + "/" + account.login + ".password", account.password + "\n");
     writeFile(path + "/" + kAccounts, accountsText(accounts));
-    std::string shown = setup.url;
-    while (shown.ends_with('/'))
-        shown.pop_back();
-    writeFile(path + "/" + kConfiguration, configurationText(shown, folder));
+    writeFile(path + "/" + kConfiguration, configurationText(url.text, folder));
     fs::create_directory(path + "/" + kRoutes);
     if (!setup.tls) return;
     const CertificateSet set = makeCertificates(url.host);
@@ -184,7 +181,7 @@ void fillFolder(const NewFolder& made, const std::string& folder, const Setup& s
 
 }  // namespace
 
-void setUp(const Setup& setup) {
+std::string setUp(const Setup& setup) {
     const Url url = parseUrl(setup.url);
     if (url.tls != setup.tls)
         fail(setup.tls ? "TLS needs an https:// URL" : "an https:// URL needs TLS");
@@ -195,6 +192,7 @@ void setUp(const Setup& setup) {
     if (setup.sync) made.sync();
     made.rename(folder);
     if (setup.sync) sync(fs::path(folder).parent_path());
+    return url.text;
 }
 
 void changeUrl(const std::string& folder, const std::string& url) {

@@ -50,6 +50,7 @@ Url parseUrl(const std::string& text) {
         if (error != std::errc() || stop != end || url.port == 0)
             refuse(text, "its port is no number from 1 to 65535");
     }
+    url.text = text.substr(0, text.find_last_not_of('/') + 1);
     return url;
 }
 

@@ -23,6 +23,15 @@ int64_t versionOf(Database& database) {
     return query.step() ? query.number(0) : 0;
 }
 
+/// Whether a database has a pool's tables, or none: then it becomes a pool's. All tables of a pool
+/// are made in one transaction, so that a few tell.
+bool isPool(Database& database) {
+    Query query = database.query(
+        "SELECT count(*) = 0 OR total(type = 'table' AND name IN ('answers', 'entries', 'pos')) = 3"
+        " FROM sqlite_schema");
+    return query.step() && query.number(0) != 0;
+}
+
 /// SQLite would let every user read a new file, which tells what the machines of a pool hold. Its
 /// log gets the mode of the database. A failure is left to SQLite, which reports it.
 void makeForItsUser(const std::string& file) {
@@ -36,6 +45,8 @@ Database openPool(const std::string& file, bool sync) {
     if (!file.empty()) makeForItsUser(file);
     Database database(file);
     if (file.empty()) return database;
+    if (!isPool(database))
+        throw DatabaseError(file + ": not a pool's database: it has other tables");
     const int64_t version = versionOf(database);
     if (version < 0 || version > kCurrent) {
         throw DatabaseError(file + ": of a newer kspool-sandbox: its version is " +

@@ -1,9 +1,10 @@
 // The version of the tables in a pool's database.
 //
-// A database names the version that wrote it (PRAGMA user_version). One of a newer version is
-// refused, untouched: this program does not know what the tables mean. One of an older version
-// becomes a current one, in one transaction with the tables that are made: a server that is killed
-// meanwhile leaves the old version or the new one.
+// A pool's database names the version that wrote it (PRAGMA user_version). One of a newer version
+// is refused, untouched: this program does not know what the tables mean. So is a database with the
+// tables of another program. One of an older version becomes a current one, in one transaction with
+// the tables that are made: a server that is killed meanwhile leaves the old version or the new
+// one.
 #ifndef SANDBOX_STORE_SCHEMA_H
 #define SANDBOX_STORE_SCHEMA_H
 
