@@ -1,9 +1,13 @@
 // kspool-mb: the command line.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <iterator>
 #include <map>
 #include <memory>
+#include <string>
+#include <system_error>
 #include <utility>
 
 #include "tools/mb/commands.h"
@@ -16,7 +20,7 @@ namespace {
 using mb::Options;
 
 #define EXIT_CODES                                                                       \
-    "Exit code: 0 ok; 1 error; 2 bad options, no configuration, no usable server URL;\n" \
+    "Exit code: 0 ok; 1 error; 2 bad options, no usable configuration or server URL;\n"  \
     "10 nothing found; 12 permission denied; 13 no answer from the server. Of several\n" \
     "failures the highest."
 
@@ -28,6 +32,23 @@ constexpr char kCommandFooter[] = "Options of all subcommands: kspool-mb --help\
 
 CLI::Validator pathText() {
     return tool::textUpTo(SIZE_MAX);
+}
+
+/// Decimal digits: the parser would wrap a negative number around, and cut one that is too large.
+CLI::Validator numberUpTo(uint64_t most) {
+    return {[most](const std::string& text) -> std::string {
+                uint64_t number = 0;
+                const char* end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, number);
+                if (error == std::errc() && stop == end && number <= most) return {};
+                return "is no number from 0 to " + std::to_string(most);
+            },
+            ""};
+}
+
+/// A time or a duration, which servers keep as a signed number.
+CLI::Validator seconds() {
+    return numberUpTo(INT64_MAX);
 }
 
 void addOptions(CLI::App& app, Options& options) {
@@ -90,6 +111,7 @@ void addNoOptions(CLI::App& /*command*/, Options& /*options*/) {}
 void addSelection(CLI::App& command, Options& options) {
     command.add_option("DS", options.dataselection, "Number of the data selection")
         ->required()
+        ->check(numberUpTo(UINT32_MAX))
         ->type_name("");
 }
 
@@ -141,21 +163,25 @@ void addImage(CLI::App& command, Options& options) {
 void addNewImage(CLI::App& command, Options& options) {
     addImage(command, options);
     command.add_option("--parent", options.image.parent, "Parent's number")->type_name("");
-    command.add_option("--time", options.image.time, "Seconds since 1970 [now]")->type_name("");
+    command.add_option("--time", options.image.time, "Seconds since 1970 [now]")
+        ->check(seconds())
+        ->type_name("");
 }
 
 void addImageQuery(CLI::App& command, Options& options) {
     addClient(command, options);
     command.add_option("--parent", options.image.wantedParent, "Parent's number [any]")
         ->type_name("");
-    command.add_option("--since", options.image.time, "Seconds since 1970 [any]")->type_name("");
+    command.add_option("--since", options.image.time, "Seconds since 1970 [any]")
+        ->check(seconds())
+        ->type_name("");
 }
 
 void addRetention(CLI::App& command, Options& options) {
     addImage(command, options);
     CLI::Option* set =
         command.add_option("--set", options.image.retention, "Seconds; without, it is shown")
-            ->check(CLI::NonNegativeNumber)
+            ->check(seconds())
             ->type_name("");
     command.add_option("--worm", options.image.worm, "WORM flags")->needs(set)->type_name("");
     command.get_option("--flags")->needs(set);
