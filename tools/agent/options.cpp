@@ -97,8 +97,9 @@ std::string defaultDigest(const std::string& file) {
     KSConfig config{};
     KSConfigInitWithAgentCfg(&config, file.empty() ? nullptr : file.c_str());
     if (unheard.notRead() != 0) {
-        throw tool::Failure(std::string("the configuration could not be read as a whole: ") +
-                            CRStatusToStringA(unheard.notRead()));
+        throw tool::Failure(tool::ExitCode::kUsage,
+                            std::string("the configuration could not be read as a whole: ") +
+                                CRStatusToStringA(unheard.notRead()));
     }
     const bool given = (config.flags & KS_CFG_FP_TYPE) != 0;
     const DigestKind* kind = digestKind(given ? config.fingerprintType : uint32_t{CR_FP_SHA256});

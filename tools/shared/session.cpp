@@ -124,7 +124,7 @@ Session::Session(const SessionOptions& options)
     readConfiguration(options);
     // Where a file could not be read, the library goes on with defaults, which nobody asked for.
     if (const uint32_t reason = messages_.notRead(); reason != 0) {
-        throw Failure(ExitCode::kFailed,
+        throw Failure(ExitCode::kUsage,
                       configFile_ + ": could not be read as a whole: " + CRStatusToStringA(reason));
     }
     const std::string url = options.server.empty() ? configUrl_ : options.server;
