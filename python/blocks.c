@@ -70,6 +70,14 @@ static Message* takeMessages(void);
  */
 static void watch(MBSession* session);
 
+/* Why the last call that returns a handle returned none. */
+static uint32_t lastStatus(void);
+
+/* Of the platform only what is used: an implementation of its first contract has fewer functions.
+ */
+const char* CRStatusToStringA(uint32_t status);
+void free(void* memory);
+
 /* ---- Definitions ---- */
 
 #pragma weak qlxSetSink
@@ -147,6 +155,10 @@ static uint32_t sendMessages(int to) {
 
 static Message* takeMessages(void) {
     return __atomic_exchange_n(&waiting, NULL, __ATOMIC_ACQUIRE);
+}
+
+static uint32_t lastStatus(void) {
+    return *__cr_errno_location();
 }
 
 static MBSession* volatile watched; /* lives at least until the next watch() */

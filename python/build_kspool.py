@@ -1,6 +1,5 @@
 """Makes the extension of the package, with the public headers as declarations, so that none is written twice. setup.py
-uses the installed library, which pkg-config finds; for CMake `build_kspool.py FOLDER:... OUTPUT` writes the C code.
-"""
+uses the installed library, which pkg-config finds; for CMake `build_kspool.py FOLDER:... OUTPUT` writes the C code."""
 import os
 import re
 import subprocess
@@ -11,13 +10,6 @@ import cffi
 HERE = os.path.dirname(os.path.abspath(__file__))
 WHOLE = ("kspool_version.h", "cr_status.h", "ks_option.h", "kscache.h", "mb.h")
 PLATFORM = ("platform/status.h", "platform/ws.h")
-DEFINITIONS = "/* ---- Definitions"  # in blocks.c
-# Of the platform only what is used: an implementation of its first contract has fewer functions.
-FUNCTIONS = """
-uint32_t* __cr_errno_location(void);
-const char* CRStatusToStringA(uint32_t status);
-void free(void* memory);
-"""
 
 
 def read(folders, name):
@@ -27,11 +19,11 @@ def read(folders, name):
 
 
 def declarations(folders):
-    text = "".join(read(folders, name) for name in WHOLE) + read((), "blocks.c").partition(DEFINITIONS)[0]
-    text = re.sub(r"^#ifdef __cplusplus\n.*?^#endif\n", "", text, flags=re.S | re.M)
-    text = re.sub(r"^#.*\n|\bKSPOOL_API |\bKSPOOL_NOEXCEPT\b", "", text, flags=re.M)
+    text = "".join(read(folders, name) for name in WHOLE) + read((), "blocks.c").partition("/* ---- Definitions")[0]
+    unwanted = r"^#ifdef __cplusplus\n.*?^#endif\n|^#[^\n]*\n|\bKSPOOL_API |\bKSPOOL_NOEXCEPT\b"
+    text = re.sub(unwanted, "", text, flags=re.S | re.M)
     platform = "".join(read(folders, name) for name in PLATFORM)
-    return text + "".join(re.findall(r"^enum\b[^;]*;", platform, flags=re.M)) + FUNCTIONS
+    return text + "".join(re.findall(r"^enum\b[^;]*;", platform, flags=re.M))
 
 
 def pkg_config(*words):
@@ -42,8 +34,7 @@ def pkg_config(*words):
 
 
 def builder(folders=None):
-    ffi = cffi.FFI()
-    options = {}
+    ffi, options = cffi.FFI(), {}
     if folders is None:
         folders = [flag.removeprefix("-I") for flag in pkg_config("--cflags-only-I")]
         libraries = pkg_config("--libs")

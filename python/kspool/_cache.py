@@ -7,9 +7,10 @@ lock of the cache; other caches, and all other Python code, go on.
    call leaves its results where another call of the same thread writes.
 2. The buffers of a batch are exported during the call, so that nobody can resize or free them.
 3. `_moves` is another object after each call after which a walk could tell of entries that are gone.
-"""
+4. In a child of fork() nobody uses a cache that another thread was using: that call may be half done for good."""
 import os
 import threading
+import weakref
 from typing import Any, Iterator, NamedTuple, overload
 
 from ._handle import Handle, Path, check, encoded, fail, record_of
@@ -22,10 +23,10 @@ ARRAYS, PLACE = {4: ffi.typeof("uint32_t[]"), 8: ffi.typeof("uint64_t[]")}, ffi.
 Buffer = Any  # an object with the buffer protocol, which has a type from Python 3.12 on only, or None for none
 Kind = int | None  # of fingerprints; None: that of the cache
 Entry = NamedTuple("Entry", [("digest", bytes), ("value", int), ("type", int)])
-CacheStats = NamedTuple("CacheStats", [
-    ("cache_size", int), ("cached_items", int), ("hits", int), ("misses", int), ("free_list_count", int),
-    ("page_count", int), ("nodes_available", int), ("lock_pages", int), ("area_size", int), ("bits", int),
-    ("node_size", int)])
+CacheStats = NamedTuple("CacheStats", [("cache_size", int), ("cached_items", int), ("hits", int), ("misses", int),
+                                       ("free_list_count", int), ("page_count", int), ("nodes_available", int),
+                                       ("lock_pages", int), ("area_size", int), ("bits", int), ("node_size", int)])
+CACHES: "weakref.WeakSet[Cache]" = weakref.WeakSet()
 
 
 def _width(kind: int) -> int:
@@ -66,10 +67,10 @@ class Cache(Handle):
     def __init__(self, expected: int = 1_000_000, *, type: int = SHA256, lock_pages: bool = False) -> None:
         """An empty cache for about `expected` entries. It takes more, and is slower then."""
         _width(type)
-        self.type = type
-        self._lock, self._moves = threading.RLock(), object()
+        self.type, self._lock, self._moves = type, threading.RLock(), object()
         super().__init__(lib.KSCacheCreate(lib.KSCacheAreaFor(expected), lib.KSCacheBitsFor(expected), lock_pages,
                                            ffi.NULL, ffi.NULL), lib.KSCacheDestroy)
+        CACHES.add(self)
 
     def _call(self, function: Any, digest: Buffer, type: Kind, *more: Any, result: int) -> bool:
         """Carries out a single call. False when the status was `result`."""
@@ -194,3 +195,16 @@ class Cache(Handle):
     def replace(self, path: Path, hold: Hold | None = None) -> int:
         """Replaces a file so that a good one is there at any time, and returns the number of entries."""
         return self._file(lib.KSCacheReplaceFile, path, hold._open() if hold else ffi.NULL)
+
+
+def _after_fork() -> None:
+    """In a child, whose only thread is the one that forked: gives up the caches that others were using."""
+    for cache in CACHES:
+        if cache._lock.acquire(blocking=False):
+            cache._lock.release()
+        else:
+            cache._lock, cache._lost = threading.RLock(), "another thread used the cache when the process forked"
+            cache._object = cache._object and ffi.gc(cache._object, None)  # what is half changed is not released
+
+
+os.register_at_fork(after_in_child=_after_fork)

@@ -24,7 +24,7 @@ class Busy(Error): """A cache file is held by another process, or by another hol
 class Corrupt(Error, ValueError): """A file is no cache file or damaged, or the server's data are malformed."""
 class NoMemory(Error, MemoryError): """Memory is short."""
 class Permission(Error): """The server refused the request for lack of a permission."""
-class Remote(Error): """The server reported an error, which Session.last_event() describes."""
+class Remote(Error): """The server reported an error, which Session.last_event() describes, or had nothing."""
 class Unreachable(Error): """There was no connection to the server, and nothing was sent."""
 class Timeout(Error): """No connection, or no complete answer in time."""
 class Aborted(Error): """Session.abort() ended the request: it was carried out once or not at all."""
@@ -75,11 +75,6 @@ def check(status: int, *results: int) -> int:
     return status if not status or status in results else fail(status)
 
 
-def last_status() -> int:
-    """Why the last call that returns a handle returned none."""
-    return int(lib.__cr_errno_location()[0])
-
-
 def encoded(value: Any) -> Any:
     """A text for C; other values as they are. Bytes that are no UTF-8 come and go as surrogates."""
     data = value.encode("utf-8", "surrogateescape") if isinstance(value, str) else value
@@ -107,14 +102,16 @@ class Handle:
     """Owns a C object. The object goes with the last reference to it, so that a call under way in another thread,
     which has one, never loses its object to close(): the object goes when that call returns."""
 
+    _lost = ""  # why the object may not be used although nobody closed it
+
     def __init__(self, pointer: Any, release: Any) -> None:
         if pointer == ffi.NULL:
-            fail(last_status())
+            fail(lib.lastStatus())
         self._object: Any = ffi.gc(pointer, release)
 
     def _open(self) -> Any:
         if self._object is None:
-            raise ValueError(f"the {type(self).__name__.lower()} is closed")
+            raise RuntimeError(self._lost) if self._lost else ValueError(f"the {type(self).__name__.lower()} is closed")
         return self._object
 
     def close(self) -> None:

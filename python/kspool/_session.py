@@ -1,14 +1,13 @@
 """Sessions with the pool's server.
 
 Threads: one call at a time uses a session; another one meanwhile raises RuntimeError, except abort(). Calls run without
-the GIL. After a fork the session is the parent's: calls of the child fail, and its copy goes without a byte sent.
-"""
+the GIL. After a fork the session is the parent's: calls of the child fail, and its copy goes without a byte sent."""
 import os
 import re
 import signal
 from typing import Any, Callable, Iterable, Iterator, NamedTuple, cast
 
-from ._handle import Handle, Path, Permission, Remote, check, decoded, encoded, fail, last_status, record_of
+from ._handle import Handle, Path, Permission, Remote, check, decoded, encoded, fail, record_of
 from ._kspool import ffi, lib
 
 
@@ -106,6 +105,8 @@ def _filter(criteria: dict[str, Value]) -> tuple[Any, list[Any]]:
     check(lib.MBPOFilterInit(record))
     for name, given in criteria.items():
         value = encoded(_known(name, given, PO.__annotations__.get(name)))
+        if isinstance(given, str) and re.search("[\0-\x1f\x7f|]", given):
+            raise ValueError(f"{name}={given!r}: has | or a control character")
         criterion = f"criterion{PO._fields.index(name) + 1}"
         kind = dict(ffi.typeof("MBPOFilter").fields)[criterion].type
         if kind.kind == "array" and len(value) >= kind.length or kind.cname == "signed char" and len(value) != 1:
@@ -138,7 +139,7 @@ def _check(session: Any, status: int, *results: int) -> None:
     if check(status, status) not in (lib.CR_STATUS_OK, *results):
         event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
         lib.MBLastEvent(session, event)
-        text = decoded(event.description) if event.description else ""
+        text = decoded(event.description) if event.description else "an empty answer" if event.httpStatus == 200 else ""
         if status == event.eventCode:  # some operations return it as it is; mb.h tells what it means
             raise (Permission if "permission" in text.lower() else Remote)(status, text)
         fail(status, text if status in (lib.CR_STATUS_REMOTE_ERROR, lib.CR_STATUS_PERMISSION_DENIED) else "")
@@ -254,7 +255,7 @@ class Session(Handle):
 
         def first(session: Any) -> Any:
             cursor = lib.MBPOStringFindFirst(session, dataselection, record, line, ffi.NULL)
-            _check(session, lib.CR_STATUS_OK if cursor else last_status(), lib.CR_STATUS_NOT_FOUND)
+            _check(session, lib.CR_STATUS_OK if cursor else lib.lastStatus(), lib.CR_STATUS_NOT_FOUND)
             return cursor
 
         cursor = self._use(first)
@@ -271,7 +272,7 @@ class Session(Handle):
 
     def last_images(self, dsid: int, client: str = "", policy: str = "", *, parentid: int = -1,
                     datetime: int = 0) -> list[Image]:
-        """The images of a client and a policy, newest first; empty texts, -1 and 0 match any."""
+        """The images of a client and a policy, newest first; empty texts, -1 and 0 match any. Remote if none does."""
         text = self._text(lib.MBGetLastImages, dsid, client, policy, parentid, datetime)
         return [_fields(Image, line, "|") for line in text.split("\n") if line]
 
@@ -285,7 +286,7 @@ class Session(Handle):
         self._call(lib.MBSetImageRetention, dsid, client, policy, imagename, flags, wormflags, retention)
 
     def retention(self, dsid: int, client: str, policy: str, imagename: str) -> Retention:
-        """An image's retention."""
+        """An image's retention. Remote if none was set."""
         record = ffi.new("MBImageRetentionInfo *")
         self._call(lib.MBGetImageRetention, dsid, client, policy, imagename, record)
         return Retention(*record_of(record))

@@ -167,6 +167,22 @@ def other_threads_run_meanwhile():
     assert [cache.fetch_batch(half) for half in halves] == [MANY // 2] * 2
 
 
+def forks_give_up_what_other_threads_use():
+    idle, used, keys = Cache(), Cache(MANY), os.urandom(32 * MANY)
+    idle.add(DIGEST, 7)
+    batch = THREADS.submit(used.add_batch, keys, numbers("Q", MANY))
+    while not is_locked(used):
+        time.sleep(0.001)
+    child = os.fork()
+    if child == 0:
+        signal.alarm(10)
+        for call in (lambda: used.get(DIGEST), lambda: len(used), lambda: used.add_batch(DIGEST, numbers("Q", 1))):
+            refused(RuntimeError, call, "another thread")
+        used.close()
+        os._exit(idle[DIGEST])
+    assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 7 and batch.result() == len(used) == MANY
+
+
 def resident():
     return int(pathlib.Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
@@ -196,6 +212,7 @@ def pool_is_used(session):
         (lambda: [po.size for po in session.find(1, folder="/f", name="n*", type="f", origin="", comment="*")], [0, 1, 3, 4]),
         (lambda: [line.split("|")[9] for line in session.find_lines(1, size=3)], ["n3"]),
         (lambda: session.set_last_image(1, "c", "p", "i", 7), None), (lambda: session.last_images(1)[0][:5], (7, "c", "p", 0, "i")),
+        (lambda: refused(kspool.Remote, lambda: session.retention(1, "c", "p", "i"), "an empty answer", "(4)"), None),
         (lambda: session.set_retention(1, "c", "p", "i", 9, flags=3), None), (lambda: session.retention(1, "c", "p", "i")[:3], (9, 0, 3)),
         (lambda: session.image_policy(1, "c", "i"), "p"), (lambda: session.delete_image(1, "c", "p", "i"), None),
         (lambda: session.hvx_tag(1), ""), (lambda: kspool.set_log(lambda *message: heard.append(message)), None),
@@ -233,7 +250,8 @@ def failures_have_kinds(pool, session):
         (ValueError, lambda: session.mkdir("/a\0b"), "NUL"), (TypeError, lambda: session.find(1, size="1"), "wants int"),
         (TypeError, lambda: session.find(1, sizes=1), "no such name"), (TypeError, lambda: Session(login=5), "wants str"),
         (ValueError, lambda: session.find(1, type=""), "one byte"), (ValueError, lambda: session.find(1, type="ff"), "one byte"),
-        (ValueError, lambda: session.find(1, origin="x" * 128), "long"), (kspool.Error, lambda: Session(login="x" * 300), "(10)"),
+        (ValueError, lambda: session.find(1, origin="x" * 128), "long"),
+        *((ValueError, lambda bad=bad: session.find(1, name=bad), "a control") for bad in ("a|b", "a\nb", "\x7f")), (kspool.Error, lambda: Session(login="x" * 300), "(10)"),
     ]
     for row in wrong:
         refused(*row)
@@ -295,6 +313,7 @@ with tempfile.TemporaryDirectory() as top:
     files_survive(top)
 messages_go_where_they_are_sent()
 walks_end_when_entries_that_follow_go()
+forks_give_up_what_other_threads_use()
 handlers_use_the_cache_that_they_interrupt()
 other_threads_run_meanwhile()
 refused(RuntimeError, lambda: kspool.sandbox("--nonsense").__enter__(), "did not start")
