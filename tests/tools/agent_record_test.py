@@ -264,6 +264,7 @@ with tempfile.TemporaryDirectory() as top:
     os.remove(tree + "/large")
 
     run("record", tree, "--image", "s*", code=2)
+    run("record", tree, "--image", "late", "--retention", "18446744073709551616", code=2)
     run("record", "--files-from", "/dev/null", "--client", "me", "--image", "six", code=2)
     assert len(found("six")) == 6
     run("record", tree, "--image", "x", code=12, KSPOOL_PASSWORD="wrong")

@@ -48,7 +48,7 @@ void addRecord(CLI::App& app, tool::ExitCode& code) {
         ->check(CLI::Range(1U, 100'000U))
         ->capture_default_str();
     command->add_option("--retention", options.retention, "Seconds to keep the image [not set]")
-        ->check(CLI::NonNegativeNumber);
+        ->check(tool::numberUpTo(INT64_MAX));
     command->add_flag("-n,--dry-run", options.dryRun,
                       "Tell what would be new, by folder, and change nothing");
     command->add_flag("--json", options.json, "Report as JSON");

@@ -1,13 +1,10 @@
 // kspool-mb: the command line.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <iterator>
 #include <map>
 #include <memory>
-#include <string>
-#include <system_error>
 #include <utility>
 
 #include "tools/mb/commands.h"
@@ -34,21 +31,9 @@ CLI::Validator pathText() {
     return tool::textUpTo(SIZE_MAX);
 }
 
-/// Decimal digits: the parser would wrap a negative number around, and cut one that is too large.
-CLI::Validator numberUpTo(uint64_t most) {
-    return {[most](const std::string& text) -> std::string {
-                uint64_t number = 0;
-                const char* end = text.data() + text.size();
-                const auto [stop, error] = std::from_chars(text.data(), end, number);
-                if (error == std::errc() && stop == end && number <= most) return {};
-                return "is no number from 0 to " + std::to_string(most);
-            },
-            ""};
-}
-
 /// A time or a duration, which servers keep as a signed number.
 CLI::Validator seconds() {
-    return numberUpTo(INT64_MAX);
+    return tool::numberUpTo(INT64_MAX);
 }
 
 void addOptions(CLI::App& app, Options& options) {
@@ -111,7 +96,7 @@ void addNoOptions(CLI::App& /*command*/, Options& /*options*/) {}
 void addSelection(CLI::App& command, Options& options) {
     command.add_option("DS", options.dataselection, "Number of the data selection")
         ->required()
-        ->check(numberUpTo(UINT32_MAX))
+        ->check(tool::numberUpTo(UINT32_MAX))
         ->type_name("");
 }
 

@@ -1,5 +1,10 @@
 #include "tools/shared/session_options.h"
 
+#include <charconv>
+#include <cstdint>
+#include <string>
+#include <system_error>
+
 namespace tool {
 namespace {
 
@@ -14,6 +19,17 @@ CLI::Validator textUpTo(size_t longest) {
                 if (text.empty()) return "may not be empty";
                 if (text.size() <= longest) return {};
                 return "may have up to " + std::to_string(longest) + " characters";
+            },
+            ""};
+}
+
+CLI::Validator numberUpTo(uint64_t most) {
+    return {[most](const std::string& text) -> std::string {
+                uint64_t number = 0;
+                const char* end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, number);
+                if (error == std::errc() && stop == end && number <= most) return {};
+                return "is no number from 0 to " + std::to_string(most);
             },
             ""};
 }

@@ -12,6 +12,9 @@ namespace tool {
 /// than the library takes.
 CLI::Validator textUpTo(size_t longest);
 
+/// Decimal digits: the parser would wrap a negative number around, and cut one that is too large.
+CLI::Validator numberUpTo(uint64_t most);
+
 void addSessionOptions(CLI::App& app, SessionOptions& session);
 
 }  // namespace tool
