@@ -1,5 +1,8 @@
 // The transport: what it sends, how long it tries, whose connections it uses.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -241,6 +244,21 @@ TEST(Transport, WaitsForAServerThatIsBusyOrDown) {
     EXPECT_EQ(transport.get(), 0U);
     EXPECT_GT(WSGetLastUseTime(transport), used);
     later.join();
+}
+
+// A process that closed its standard descriptors may write to them all the same.
+TEST(Transport, LeavesStandardErrorAlone) {
+    RawServer server;
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const int fd : {0, 1, 2})
+            close(fd);
+        Transport transport(server.url());  // libcurl takes 0 and 1, on which nothing is sent
+        _exit(transport.get() == 0 && fcntl(2, F_GETFD) < 0 ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 // A server may drop a connection that it kept open just when the next request comes.

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/ascii.h"
+#include "common/descriptor_above.h"
 #include "platform/standin/transport/transport.h"
 
 namespace ws {
@@ -115,8 +116,8 @@ size_t onBody(char* bytes, size_t, size_t length, void* collector) {
 
 /// Opens a socket and lists it: a child of the process has to find them all at WSShutdown().
 curl_socket_t onOpen(void* transport, curlsocktype, curl_sockaddr* address) {
-    const curl_socket_t opened =
-        socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    const curl_socket_t opened = kspool::aboveStandard(
+        socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
     struct stat status {};
     if (opened == CURL_SOCKET_BAD || fstat(opened, &status) != 0) return opened;
     try {

@@ -15,6 +15,7 @@
 #include <new>
 #include <type_traits>
 
+#include "common/descriptor_above.h"
 #include "platform/standin/transport/transport.h"
 #include "platform/status.h"
 
@@ -103,7 +104,8 @@ std::unique_ptr<WSTransport> makeTransport() {
     transport->curl.reset(curl_easy_init());
     transport->multi.reset(curl_multi_init());
     if (transport->curl == nullptr || transport->multi == nullptr) return nullptr;
-    transport->wake = kspool::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    transport->wake =
+        kspool::Descriptor(kspool::aboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
     if (transport->wake.get() < 0) return nullptr;
     const ssize_t got = getrandom(&transport->idStart, sizeof transport->idStart, 0);
     if (got != static_cast<ssize_t>(sizeof transport->idStart)) return nullptr;
