@@ -244,6 +244,12 @@ TEST(Transport, WaitsForAServerThatIsBusyOrDown) {
     EXPECT_EQ(transport.get(), 0U);
     EXPECT_GT(WSGetLastUseTime(transport), used);
     later.join();
+    // A request whose first attempt alone was sent.
+    used = WSGetLastUseTime(transport);
+    server.queue({answer("503 Busy", "text/plain", "x"), Reply::Vanishes, 1100, 0});
+    transport.reconnect(1);
+    EXPECT_EQ(transport.get(), kCut);
+    EXPECT_GT(WSGetLastUseTime(transport), used);
 }
 
 // A process that closed its standard descriptors may write to them all the same.

@@ -103,6 +103,7 @@ class Call {
     void attempt(kspool::OwnedText& text) {
         transport_.event = {};
         last_ = ws::attempt(transport_, limit_, text);
+        if (transport_.transmissions > 0) transport_.lastUse = time(nullptr);
         if (last_.httpStatus != 0)
             transport_.trace.httpStatus = static_cast<uint32_t>(last_.httpStatus);
         ++transport_.trace.attempts;
@@ -173,7 +174,6 @@ uint32_t exchange(WSTransport& transport, const Request& request, kspool::OwnedT
     long connects = 0;
     curl_easy_getinfo(transport.curl.get(), CURLINFO_NUM_CONNECTS, &connects);
     if (connects > 0) transport.configured = false;
-    if (transport.transmissions > 0) transport.lastUse = time(nullptr);
     countRequest(transport.statistics, Clock::now() - start);
     return status;
 }
