@@ -70,17 +70,25 @@ TEST(TransportTime, LimitsSilenceAndNotTheWholeTransfer) {
     }
 }
 
-// Far more than the system's buffers hold, to a server that reads 6 MB/s.
+// Far more than the system's buffers hold, to a server that reads 6 MB/s; and as much as they hold,
+// to one that needs several response time-outs to read it.
 TEST(TransportTime, WaitsForAServerThatReadsSlowly) {
-    RawServer server;
-    server.readSlowly();
-    Transport transport(server.url(), 2);
-    const std::string text(30'000'000, 'x');
-    const auto start = Clock::now();
-    EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &transport.result, 1, text.c_str(),
-                            "addlist"),
-              0U);
-    EXPECT_GT(secondsSince(start), 2.5);
+    const struct {
+        size_t size;
+        int pauseMs;
+        int64_t timeout;
+    } table[] = {{30'000'000, 10, 2}, {2'000'000, 100, 1}};
+    for (const auto& row : table) {
+        RawServer server;
+        server.readSlowly(row.pauseMs);
+        Transport transport(server.url(), row.timeout);
+        const std::string text(row.size, 'x');
+        const auto start = Clock::now();
+        EXPECT_EQ(WSRequestPOST(transport, WS_SERVICE_METABASE, &transport.result, 1, text.c_str(),
+                                "addlist"),
+                  0U);
+        EXPECT_GT(secondsSince(start), 2.5);
+    }
 }
 
 // A machine that is down does not refuse: it says nothing. Nor does one whose queue is full.

@@ -164,8 +164,8 @@ bool RawServer::readRequest(int fd, std::string& pending, std::string& request) 
         }
         static thread_local char block[1 << 20];
         if (!readable(fd, stopping_)) return false;
-        if (slow_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        const ssize_t got = recv(fd, block, slow_ ? size_t{64} << 10 : sizeof block, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs_));
+        const ssize_t got = recv(fd, block, pauseMs_ > 0 ? size_t{64} << 10 : sizeof block, 0);
         if (got <= 0) return false;
         pending.append(block, static_cast<size_t>(got));
     }

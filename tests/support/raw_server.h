@@ -41,8 +41,8 @@ class RawServer {
     /// Stops listening: connections are refused until listen() is called again.
     void refuse();
     void listen();
-    /// Reads 64 KiB each 10 ms from now on.
-    void readSlowly() { slow_ = true; }
+    /// Reads 64 KiB at a time from now on, after a pause.
+    void readSlowly(int pauseMs) { pauseMs_ = pauseMs; }
 
   private:
     void acceptAll();
@@ -54,7 +54,7 @@ class RawServer {
     uint16_t port_ = 0;
     int listener_ = -1;
     std::atomic<bool> stopping_ = false;
-    std::atomic<bool> slow_ = false;
+    std::atomic<int> pauseMs_ = 0;
     std::atomic<size_t> connections_ = 0;
     std::mutex lock_;
     std::deque<Reply> replies_;

@@ -12,12 +12,15 @@
 //     resolution too: libcurl leaves its resolver thread behind instead of joining it.
 #include "platform/standin/transport/attempt.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "platform/status.h"
 
@@ -25,6 +28,7 @@ namespace ws {
 namespace {
 
 constexpr uint64_t kBytesPerSecond = 64 << 10;  // the slowest transfer that is not ended
+constexpr milliseconds kUploadLook{1'000};      // between two looks at an upload
 
 struct Meaning {
     CURLcode code;
@@ -158,8 +162,9 @@ class Attempt {
             noteProgress();
             const auto left = std::chrono::ceil<milliseconds>(limit_.left());
             if (left.count() <= 0) return CURLE_OPERATION_TIMEDOUT;
+            const auto wait = unacknowledged_ > 0 ? std::min(left, kUploadLook) : left;
             curl_waitfd wake = {transport_.wake.get(), CURL_WAIT_POLLIN, 0};
-            check(curl_multi_poll(multi, &wake, 1, static_cast<int>(left.count()), nullptr));
+            check(curl_multi_poll(multi, &wake, 1, static_cast<int>(wait.count()), nullptr));
             if (wake.revents != 0) emptyWake(transport_);
         }
     }
@@ -179,11 +184,18 @@ class Attempt {
         curl_multi_remove_handle(multi, curl_);
     }
 
-    /// libcurl starts counting anew when it transmits the request again.
+    /// Of the body, what the server's system acknowledged has moved; the rest of what libcurl sent
+    /// still waits in buffers of this system. libcurl starts counting anew when it transmits the
+    /// request again. Over TLS, more bytes wait than libcurl counts.
     void noteProgress() {
-        const uint64_t now = collector_.received() +
-                             static_cast<uint64_t>(info<curl_off_t>(curl_, CURLINFO_SIZE_UPLOAD_T));
-        if (now != progress_) limit_.moved(now > progress_ ? now - progress_ : now);
+        const auto sent = static_cast<uint64_t>(info<curl_off_t>(curl_, CURLINFO_SIZE_UPLOAD_T));
+        if (std::exchange(sent_, sent) > sent) progress_ = 0;
+        unacknowledged_ = 0;
+        for (const Socket& one : transport_.sockets)
+            if (one.isOurs()) unacknowledged_ += one.unacknowledged();
+        const uint64_t now = collector_.received() + sent - std::min(sent, unacknowledged_);
+        if (now <= progress_) return;
+        limit_.moved(now - progress_);
         progress_ = now;
     }
 
@@ -231,7 +243,7 @@ class Attempt {
 
     /// libcurl counts a body that it sends along with the head, which it does with short ones, as
     /// part of the request and as upload.
-    uint64_t sent() const {
+    uint64_t bytesSent() const {
         const auto request = static_cast<uint64_t>(info<long>(curl_, CURLINFO_REQUEST_SIZE));
         const auto body = static_cast<uint64_t>(info<curl_off_t>(curl_, CURLINFO_SIZE_UPLOAD_T));
         return request > body ? request : request + body;
@@ -241,7 +253,7 @@ class Attempt {
         WSStatisticsRecord& statistics = transport_.statistics;
         ++statistics.attempts;
         statistics.connections += static_cast<uint64_t>(info<long>(curl_, CURLINFO_NUM_CONNECTS));
-        statistics.bytesSent += sent();
+        statistics.bytesSent += bytesSent();
         statistics.bytesReceived += collector_.received();
     }
 
@@ -249,11 +261,18 @@ class Attempt {
     CURL* curl_;
     TimeLimit& limit_;
     Collector collector_;
-    uint64_t progress_ = 0;
+    uint64_t sent_ = 0;            ///< bytes of the body that libcurl sent
+    uint64_t unacknowledged_ = 0;  ///< bytes that wait for the server's system
+    uint64_t progress_ = 0;        ///< bytes that moved
     char detail_[CURL_ERROR_SIZE] = "";
 };
 
 }  // namespace
+
+uint64_t Socket::unacknowledged() const noexcept {
+    int bytes = 0;
+    return ioctl(fd, SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<uint64_t>(bytes) : 0;
+}
 
 void TimeLimit::moved(uint64_t bytes) {
     lastMove_ = Clock::now();

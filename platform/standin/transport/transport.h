@@ -133,6 +133,9 @@ struct Socket {
         struct stat status {};
         return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == inode;
     }
+
+    /// The bytes that were sent and are not yet acknowledged by the peer's system.
+    uint64_t unacknowledged() const noexcept;
 };
 
 }  // namespace ws
