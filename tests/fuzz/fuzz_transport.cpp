@@ -22,6 +22,7 @@
 #include "platform/status.h"
 #include "platform/ws.h"
 #include "tests/fuzz/fuzz.h"
+#include "tests/support/loopback.h"
 
 namespace {
 
@@ -127,12 +128,21 @@ IN_PLACE_OF_THE_SYSTEM int connect(int fd, const sockaddr* /*address*/, socklen_
     return failed(end == End::kRefuses ? ECONNREFUSED : EINPROGRESS);
 }
 
+/// libcurl reuses no connection whose peer it does not know.
+IN_PLACE_OF_THE_SYSTEM int getpeername(int /*fd*/, sockaddr* address, socklen_t* length) noexcept {
+    const sockaddr_in server = loopback::addressOf(1);
+    memcpy(address, &server, *length = sizeof server);
+    return 0;
+}
+
 IN_PLACE_OF_THE_SYSTEM ssize_t send(int fd, const void* bytes, size_t size, int /*flags*/) {
     Connection& c = world.connections.at(fd);
     if (c.isShut) return failed(EPIPE);
     size = std::min(size, world.piece);
     if (c.end != End::kKeepsOpen) return static_cast<ssize_t>(size);  // nobody reads it
     world.moved += size;
+    // What a server said unasked would be taken for the answer.
+    MUST(!c.request.empty() || (eventsOf(c) & POLLIN) == 0);
     c.request.append(static_cast<const char*>(bytes), size);
     if (!isRequest(c.request)) return static_cast<ssize_t>(size);
     Reply reply = world.peek();

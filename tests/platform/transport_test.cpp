@@ -252,6 +252,34 @@ TEST(Transport, WaitsForAServerThatIsBusyOrDown) {
     EXPECT_GT(WSGetLastUseTime(transport), used);
 }
 
+// What a server says unasked on an idle connection is the answer to no request, and the connection
+// that took its place is kept.
+TEST(Transport, LeavesAConnectionOnWhichTheServerSpeaksUnasked) {
+    const std::string first = textAnswer("first");
+    const struct {
+        const char* name;
+        std::string unasked;
+        Reply::End end;
+    } table[] = {{"the answer once more", first, kOpen},
+                 {"a byte", "x", kOpen},
+                 {"a time-out", "HTTP/1.1 408 Late\r\nContent-Length: 0\r\n\r\n", kClose},
+                 {"the end", "", kClose}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name);
+        RawServer server;
+        Transport transport(server.url());
+        server.queue({first + row.unasked, row.end, 0, 0, first.size()});
+        ASSERT_EQ(transport.get(), 0U);
+        EXPECT_EQ(transport.data(), "first");
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(transport.get(), 0U);
+            EXPECT_EQ(transport.data(), "ok");
+        }
+        EXPECT_EQ(server.connections(), 2U);
+    }
+}
+
 // A process that closed its standard descriptors may write to them all the same.
 TEST(Transport, LeavesStandardErrorAlone) {
     RawServer server;

@@ -10,9 +10,12 @@
 //  2. After any failure, every socket of the transport is shut down before the handle leaves.
 //  3. No wait is longer than the time that is left. With CURLOPT_QUICK_EXIT, that holds during name
 //     resolution too: libcurl leaves its resolver thread behind instead of joining it.
+//  4. No request is sent on a connection that held unread bytes when the attempt began: they belong
+//     to no request, or to one before. libcurl takes such a connection for a live one.
 #include "platform/standin/transport/attempt.h"
 
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -111,6 +114,10 @@ class Attempt {
         setCurl(curl_, CURLOPT_HEADERDATA, &collector_);
         setCurl(curl_, CURLOPT_WRITEDATA, &collector_);
         setCurl(curl_, CURLOPT_ERRORBUFFER, detail_);
+        // libcurl closes the oldest idle connection when it keeps a new one beyond the limit.
+        const bool unread = hasUnread();
+        setCurl(curl_, CURLOPT_FRESH_CONNECT, long{unread});
+        check(curl_multi_setopt(transport.multi.get(), CURLMOPT_MAXCONNECTS, unread ? 1L : 4L));
     }
     ~Attempt() { curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr); }
     Attempt(const Attempt&) = delete;
@@ -133,6 +140,14 @@ class Attempt {
     }
 
   private:
+    /// Whether a connection has something to read while nothing is asked. The protocol has nothing
+    /// that a server says unasked; with TLS, the records that belong to the handshake were read
+    /// before the first answer.
+    bool hasUnread() const {
+        return std::any_of(transport_.sockets.begin(), transport_.sockets.end(),
+                           [](const Socket& one) { return one.isOurs() && one.isReadable(); });
+    }
+
     /// Drives the transfer to its end.
     CURLcode perform() {
         CURLM* multi = transport_.multi.get();
@@ -268,6 +283,11 @@ class Attempt {
 };
 
 }  // namespace
+
+bool Socket::isReadable() const noexcept {
+    pollfd one = {fd, POLLIN, 0};
+    return poll(&one, 1, 0) != 0;
+}
 
 uint64_t Socket::unacknowledged() const noexcept {
     int bytes = 0;

@@ -134,6 +134,9 @@ struct Socket {
         return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == inode;
     }
 
+    /// True when there is something to read: bytes, the end of the connection or an error.
+    bool isReadable() const noexcept;
+
     /// The bytes that were sent and are not yet acknowledged by the peer's system.
     uint64_t unacknowledged() const noexcept;
 };
