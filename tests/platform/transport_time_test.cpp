@@ -91,6 +91,38 @@ TEST(TransportTime, WaitsForAServerThatReadsSlowly) {
     }
 }
 
+TEST(TransportTime, WaitsForAServerThatIsBusyOrDown) {
+    RawServer server({answer("503 Busy", "text/plain", "x"), kOpen, 0, 0});
+    Transport transport(server.url());
+    transport.reconnect(1);
+    int64_t used = 0;
+    for (const uint32_t status : {kBad, uint32_t{WS_STATUS_NO_CONNECT}}) {
+        const auto start = Clock::now();
+        EXPECT_EQ(transport.get(), status);
+        EXPECT_GT(secondsSince(start), 0.9);
+        EXPECT_LT(secondsSince(start), 2);
+        server.refuse();
+        // Only a request that was sent counts as use.
+        if (status == kBad) used = WSGetLastUseTime(transport);
+    }
+    EXPECT_EQ(WSGetLastUseTime(transport), used);
+    server.queue({textAnswer("ok"), kOpen, 0, 0});
+    transport.reconnect(10);
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        server.listen();
+    });
+    EXPECT_EQ(transport.get(), 0U);
+    EXPECT_GT(WSGetLastUseTime(transport), used);
+    later.join();
+    // A request whose first attempt alone was sent.
+    used = WSGetLastUseTime(transport);
+    server.queue({answer("503 Busy", "text/plain", "x"), Reply::Vanishes, 1100, 0});
+    transport.reconnect(1);
+    EXPECT_EQ(transport.get(), kCut);
+    EXPECT_GT(WSGetLastUseTime(transport), used);
+}
+
 // A machine that is down does not refuse: it says nothing. Nor does one whose queue is full.
 TEST(TransportTime, WaitsForAServerThatDoesNotAnswerTheConnect) {
     uint16_t port = 0;
