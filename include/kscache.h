@@ -308,7 +308,8 @@ KSPOOL_API uint32_t KSCacheNext(const KSCache* cache, KSCacheCursor* cursor,
 /*
  * Saves all entries to a file, whose format docs/cache-format.md describes: fingerprints, types and
  * values; reference counts and counters are not saved. An existing file is truncated, a new one has
- * mode 0644. An empty cache leaves no file: one of that name is removed.
+ * mode 0644. An empty cache leaves no file: one of that name, or the one to which a symbolic link
+ * leads, is removed; a link, a device and a pipe stay.
  *
  *   path   file name, read during the call only.
  *   count  NULL, or receives the number of entries saved when the call succeeds.
@@ -325,8 +326,10 @@ KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
  * Adds all entries of a file to a cache, as KSCacheAdd() with a NULL `addArg` does: a fingerprint
  * that is known already counts a hit. The whole file is checked before the first entry is added, so
  * that a refused file leaves the cache as it was. A file that changes during the call gives no
- * wrong entries: the first block that is not what was checked ends the call as the end of the file
- * would, which is logged as a warning.
+ * wrong entries: the first block that is not what was checked, or cannot be read again, ends the
+ * call as the end of the file would. The call then returns 0, logs a warning, and leaves
+ * CR_STATUS_CORRUPT or CR_STATUS_READ_FAILED in the status slot. The cache then lacks entries of
+ * the file, which must not be replaced by it: set the slot to 0 before the load, and look at it.
  *
  *   path   file name, read during the call only.
  *   count  NULL, or receives the number of entries read when the call succeeds, including entries
@@ -336,12 +339,14 @@ KSPOOL_API uint32_t KSCacheSave(const KSCache* cache, const char* path,
  * Returns 0; all others are stored in the status slot as well:
  *   44, 82                       bad handle;
  *   9                            NULL path;
- *   CR_STATUS_BAD_HANDLE (82)    the file is not a cache file;
- *   CR_STATUS_SEEK_FAILED (23)   the file is not seekable (a pipe);
+ *   CR_STATUS_BAD_HANDLE (82)    the file is not a cache file, or its header cannot be read;
+ *   CR_STATUS_SEEK_FAILED (23)   the file is not seekable (a pipe, for whose writer the call does
+ *                                not wait);
  *   CR_STATUS_READ_FAILED (25)   the file could not be read;
  *   CR_STATUS_NO_MEMORY (22)     no memory for 4 bytes for each 26 kB of the file;
  *   CR_STATUS_CORRUPT (32)       the checksum of the file differs;
- *   any other value              the status of the system error when the file cannot be opened.
+ *   any other value              the status of the system error when the file cannot be opened;
+ *                                that of EBADF when it would be opened as descriptor 0.
  */
 KSPOOL_API uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* count) KSPOOL_NOEXCEPT;
 
@@ -354,7 +359,8 @@ typedef struct KSCacheHold KSCacheHold;
  * replaces it at the end. Readers are not kept out. The hold is a lock of PATH.lock, where PATH is
  * the path with symbolic links resolved; this file has the process id of the holder, and stays.
  * The file itself need not exist. A child process of fork() shares the hold, until either
- * gives it back.
+ * gives it back: it is of no use to the other from then on, but for KSCacheReleaseFile(). Threads
+ * may share a hold. The files PATH.lock and PATH.new are the library's.
  *
  *   path  file name, read during the call only.
  *   hold  receives the hold, which the caller must pass to KSCacheReleaseFile(); unchanged by a
@@ -363,7 +369,8 @@ typedef struct KSCacheHold KSCacheHold;
  * Returns 0; all others are stored in the status slot and, except for 9, logged as a warning:
  *   9                    NULL path or `hold`;
  *   CR_STATUS_BUSY (11)  held already; the warning names the process;
- *   CR_STATUS_BAD_HANDLE (82)  there is a file that KSCacheReplaceFile() would refuse;
+ *   CR_STATUS_BAD_HANDLE (82)  there is a file that KSCacheReplaceFile() would refuse, or PATH.lock
+ *                        has what no holder writes into it;
  *   any other value      the status of the system error.
  */
 KSPOOL_API uint32_t KSCacheHoldFile(const char* path, KSCacheHold** hold) KSPOOL_NOEXCEPT;
@@ -376,7 +383,9 @@ KSPOOL_API void KSCacheReleaseFile(KSCacheHold* hold) KSPOOL_NOEXCEPT;
  * or a power cut. A new file PATH.new, in the format of KSCacheSave(), is written beside the old
  * one, synced, read back and verified; then it takes the name of the old one, and the folder is
  * synced. The new file has owner, group and mode of the old one; without an old one, mode 0600. An
- * empty cache leaves no file: an old one is removed, and the folder is synced.
+ * empty cache leaves no file: an old one is removed, and the folder is synced. A PATH.new that an
+ * interrupted call left behind is removed. One call at a time replaces a file, also among those who
+ * share a hold.
  *
  *   path   file name, read during the call only. Symbolic links are followed, so that the file is
  *          replaced and not the link.
@@ -385,10 +394,14 @@ KSPOOL_API void KSCacheReleaseFile(KSCacheHold* hold) KSPOOL_NOEXCEPT;
  *
  * Returns 0; all others are stored in the status slot and, except for NULL arguments and bad
  * handles, logged as a warning that names the step that failed:
- *   44, 82                      bad handle (82 also for an invalid `hold`);
+ *   44, 82                      bad handle (82 also for an invalid `hold`, and for one that a
+ *                               process that shares it gave back);
  *   9                           NULL path, or a hold of another file;
- *   CR_STATUS_BUSY (11)         held by another process, or by a hold that was not passed;
- *   CR_STATUS_BAD_HANDLE (82)   there is a file that is neither empty nor a cache file;
+ *   CR_STATUS_BUSY (11)         held by another process, or by a hold that was not passed, or
+ *                               being replaced by another call;
+ *   CR_STATUS_BAD_HANDLE (82)   there is a file that is neither empty nor a cache file, PATH.lock
+ *                               has what no holder writes into it, or PATH.new.lock exists, so
+ *                               that PATH.new may be somebody's cache file;
  *   CR_STATUS_CORRUPT (32), CR_STATUS_READ_FAILED (25), CR_STATUS_SEEK_FAILED (23),
  *   CR_STATUS_NO_MEMORY (22)    what was read back is not what was written, or could not be read;
  *   any other value             the status of the system error, such as that of a full disk.

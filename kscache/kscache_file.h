@@ -44,6 +44,10 @@ struct Written {
     int error;          ///< errno of the first write of records that failed, or 0
 };
 
+/// open() of a file that is written: never as descriptor 0, 1 or 2, where a message would land in
+/// the file. -1 with errno set on failure.
+int openToWrite(const char* path, int flags, mode_t mode) noexcept;
+
 /// Writes a header with checksum 0, and a record for each entry in the order of memory, after it
 /// has asked the file system to reserve room. `block` is used when there is no memory for a larger
 /// one. A failed write does not end it.

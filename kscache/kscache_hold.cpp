@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -46,9 +47,12 @@ OwnedText inResolvedFolder(const char* path) {
     return withSlash != nullptr ? joined(withSlash.get(), name) : nullptr;
 }
 
+constexpr size_t kHolderRoom = 24;  ///< for a process id, the end of its line, and a NUL
+
 /// A lock file is opened without waiting for anyone, as a pipe of that name would.
 int openLock(const char* path) {
-    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    const int fd = openToWrite(path, kFlags, 0600);
     struct stat found {};
     if (fd < 0 || (fstat(fd, &found) == 0 && S_ISREG(found.st_mode))) return fd;
     close(fd);
@@ -56,29 +60,75 @@ int openLock(const char* path) {
     return -1;
 }
 
+/// Whether a holder can have written what is in a lock file. A loss of power may leave zeros.
+bool isOfHolder(const char* text, size_t length) {
+    if (length == kHolderRoom) return false;
+    return std::all_of(text, text + length,
+                       [](char c) { return (c >= '0' && c <= '9') || c == '\n' || c == '\0'; });
+}
+
+/// Opens the lock file of a cache file, unless it is somebody's file of another kind. Any status
+/// but 0 is in the status slot and was logged.
+uint32_t openLockOf(const char* function, const char* path, Descriptor& lock) {
+    const OwnedText lockPath = joined(path, ".lock");
+    if (lockPath == nullptr) return reportFailure(function, path, "name the lock file");
+    Descriptor opened(openLock(lockPath.get()));
+    if (opened.get() < 0) return reportFailure(function, lockPath.get(), "open the lock file");
+    char text[kHolderRoom];
+    const ssize_t length = pread(opened.get(), text, sizeof text, 0);
+    if (length < 0) return reportFailure(function, lockPath.get(), "read the lock file");
+    if (!isOfHolder(text, static_cast<size_t>(length)))
+        return refuse(function, lockPath.get(), CR_STATUS_BAD_HANDLE, "not a lock file");
+    lock = std::move(opened);
+    return CR_STATUS_OK;
+}
+
 /// The process id in a lock file; 0 when there is none (yet).
 long holderOf(int lock) {
-    char text[24] = "";
+    char text[kHolderRoom] = "";
     return pread(lock, text, sizeof text - 1, 0) > 0 ? strtol(text, nullptr, 10) : 0;
 }
 
 /// Without its process id a hold is as good, so that a failure is no one's concern.
 void writeHolder(int lock) {
     const ErrnoAndSlotGuard kept;
-    char text[24];
+    char text[kHolderRoom];
     const int length = snprintf(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
     if (ftruncate(lock, 0) != 0 || pwrite(lock, text, static_cast<size_t>(length), 0) != length)
         KS_TRACE("%s: the process id of the holder could not be written", "KSCacheHoldFile");
 }
 
-/// Locks (F_WRLCK) or unlocks (F_UNLCK) a whole file without waiting.
-bool setLock(int fd, short type) {
-    struct flock whole {};
-    whole.l_type = type;
-    return fcntl(fd, F_OFD_SETLK, &whole) == 0;
+/// The bytes of a lock file that are locked, which it need not have.
+enum LockedByte : off_t { kHoldByte = 0, kTurnByte = 1 };
+
+struct flock lockOf(LockedByte byte, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_start = byte;
+    lock.l_len = 1;
+    return lock;
 }
 
-uint32_t reportHeld(const char* path, long holder) {
+/// Locks (F_WRLCK) or unlocks (F_UNLCK) a byte without waiting.
+bool setLock(int fd, LockedByte byte, short type) {
+    struct flock lock = lockOf(byte, type);
+    return fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+/// Whether a byte is locked through another descriptor.
+bool isLocked(int fd, LockedByte byte) {
+    struct flock lock = lockOf(byte, F_WRLCK);
+    return fcntl(fd, F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
+}
+
+bool isTaken() {
+    return errno == EAGAIN || errno == EACCES;
+}
+
+/// For a hold's byte that could not be locked.
+uint32_t reportNotHeld(const char* function, const char* path, int lock) {
+    if (!isTaken()) return reportFailure(function, path, "lock the file");
+    const long holder = holderOf(lock);
     const uint32_t status = storeStatus(CR_STATUS_BUSY);
     if (holder > 0) {
         KS_WARNING(status, "Cache file %s is held by process %ld", path, holder);
@@ -151,15 +201,10 @@ uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noe
     if (hold.path == nullptr) return reportFailure(function, path, "resolve the path");
     struct stat found {};
     if (const uint32_t bad = examineFile(function, hold.path.get(), found)) return bad;
-    const OwnedText lockPath = joined(hold.path.get(), ".lock");
-    if (lockPath == nullptr) return reportFailure(function, path, "name the lock file");
-    Descriptor lock(openLock(lockPath.get()));
-    if (lock.get() < 0) return reportFailure(function, lockPath.get(), "open the lock file");
-    if (!setLock(lock.get(), F_WRLCK)) {
-        if (errno == EAGAIN || errno == EACCES)
-            return reportHeld(hold.path.get(), holderOf(lock.get()));
-        return reportFailure(function, lockPath.get(), "lock the file");
-    }
+    Descriptor lock(-1);
+    if (const uint32_t bad = openLockOf(function, hold.path.get(), lock)) return bad;
+    if (!setLock(lock.get(), kHoldByte, F_WRLCK))
+        return reportNotHeld(function, hold.path.get(), lock.get());
     writeHolder(lock.get());
     hold.lock = std::move(lock);
     hold.magic = kHoldMagic;
@@ -169,12 +214,35 @@ uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noe
 void releaseHold(KSCacheHold& hold) noexcept {
     const ErrnoAndSlotGuard kept;
     if (hold.lock.get() < 0) return;
-    if (ftruncate(hold.lock.get(), 0) != 0)
+    // Another process that shares the hold may have given it back, and a new holder have come.
+    const bool isOurs = setLock(hold.lock.get(), kHoldByte, F_WRLCK);
+    if (isOurs && ftruncate(hold.lock.get(), 0) != 0)
         KS_TRACE("%s: the lock file keeps the process id", "KSCacheReleaseFile");
     // Not by close() alone: a child process of fork() has the descriptor, too.
-    setLock(hold.lock.get(), F_UNLCK);
+    setLock(hold.lock.get(), kHoldByte, F_UNLCK);
     hold.lock.close();
     hold.magic = 0;
+}
+
+/// Whether the hold was given back is asked through another descriptor, to which the lock of the
+/// hold shows. To lock it once more tells whose it is.
+uint32_t Turn::take(const char* function, const KSCacheHold& hold) noexcept {
+    const char* path = hold.path.get();
+    if (const uint32_t bad = openLockOf(function, path, lock_)) return bad;
+    if (!setLock(lock_.get(), kTurnByte, F_WRLCK)) {
+        if (!isTaken()) return reportFailure(function, path, "lock the file");
+        return refuse(function, path, CR_STATUS_BUSY, "another call replaces the file");
+    }
+    if (!isLocked(lock_.get(), kHoldByte))
+        return refuse(function, path, CR_STATUS_BAD_HANDLE,
+                      "the hold was given back, or its lock file removed");
+    if (setLock(hold.lock.get(), kHoldByte, F_WRLCK)) return CR_STATUS_OK;
+    return reportNotHeld(function, path, lock_.get());
+}
+
+Turn::~Turn() {
+    const ErrnoAndSlotGuard kept;
+    if (lock_.get() >= 0) setLock(lock_.get(), kTurnByte, F_UNLCK);
 }
 
 }  // namespace kspool

@@ -3,6 +3,7 @@
 // checksum at the end of each with that of the first: a file that changes in between would
 // otherwise add records that nobody has checked.
 #include <fcntl.h>
+#include <poll.h>
 
 #include <algorithm>
 
@@ -88,13 +89,20 @@ namespace {
 constexpr size_t kKeysAtOnce = 256;  ///< of a batch, on the stack
 
 /// Opens a file for reading; -1 with errno set on failure. Descriptor 0 counts as a failure and is
-/// closed again.
+/// closed again. A pipe is opened without waiting for a writer. Descriptors 1 and 2 do no harm,
+/// since no message can be written to them.
 int openForReading(const char* path) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd != 0) return fd;
     close(fd);
     errno = EBADF;
     return -1;
+}
+
+/// Whether there is nothing to read yet, as in a pipe without a writer. Files are always ready.
+bool wouldWait(int fd) {
+    pollfd asked{fd, POLLIN, 0};
+    return poll(&asked, 1, 0) == 0;
 }
 
 /// Adds whole records. The statuses of single adds are ignored: a record whose key is known
@@ -113,6 +121,13 @@ void addRecords(KSCache* cache, const char* records, size_t count) {
     }
 }
 
+/// The slot tells the caller that the entries are right, but not all.
+uint64_t endEarly(const char* path, uint32_t status, const char* why, uint64_t count) {
+    storeStatus(status);
+    KS_WARNING(status, "%s %s: %lu nodes loaded", path, why, static_cast<unsigned long>(count));
+    return count;
+}
+
 /// Adds all records of a file that was checked, and returns their number. A read error, and a block
 /// that is not what it was, end the loop. A last piece shorter than a record is ignored.
 uint64_t loadRecords(KSCache* cache, int fd, const char* path, Block& block,
@@ -123,12 +138,10 @@ uint64_t loadRecords(KSCache* cache, int fd, const char* path, Block& block,
     for (size_t i = 0; left > 0; ++i) {
         const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, block.size()));
         const ssize_t got = readFully(fd, block.data(), wanted);
-        if (got < 0) return count;
+        if (got < 0) return endEarly(path, CR_STATUS_READ_FAILED, "could not be read again", count);
         checksum = adlerFold(checksum, block.data(), static_cast<size_t>(got));
         if (static_cast<size_t>(got) != wanted || checksum != checked.sums[i]) {
-            KS_WARNING(CR_STATUS_CORRUPT, "%s changed while it was read: %lu nodes loaded", path,
-                       static_cast<unsigned long>(count));
-            return count;
+            return endEarly(path, CR_STATUS_CORRUPT, "changed while it was read", count);
         }
         addRecords(cache, block.data(), wanted / kRecordSize);
         count += wanted / kRecordSize;
@@ -146,6 +159,10 @@ uint32_t KSCacheLoad(KSCache* cache, const char* path, uint64_t* count) noexcept
     if (file.get() < 0) {
         KS_TRACE("CacheLoad: load of %s failed: %s", path, strerror(errno));
         return storeSystemError("KSCacheLoad", kSourceFile);
+    }
+    if (wouldWait(file.get())) {
+        KS_TRACE("%s: seek to current positon failed", path);
+        return storeStatus(CR_STATUS_SEEK_FAILED);
     }
     Block block;
     CheckedFile checked;

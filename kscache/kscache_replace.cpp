@@ -33,7 +33,7 @@ class NewFile {
     bool removeLeftOver() const { return qlx_unlink(path()) == 0 || errno == ENOENT; }
     bool make() {
         constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-        file_ = Descriptor(open(path(), kFlags, 0600));
+        file_ = Descriptor(openToWrite(path(), kFlags, 0600));
         mustGo_ = file_.get() >= 0;
         return mustGo_;
     }
@@ -71,6 +71,7 @@ class Replacement {
         // Opened before anything is written: a folder that cannot be opened cannot be synced.
         Descriptor folder(openFolder());
         if (folder.get() < 0) return failed("open the folder");
+        if (const uint32_t bad = refuseOwned()) return bad;
         if (!new_.removeLeftOver()) return failed("remove the left-over new file");
         count = cache_->cachedItems;
         if (const uint32_t bad = count > 0 ? placeNew() : removeTarget()) return bad;
@@ -80,6 +81,16 @@ class Replacement {
   private:
     uint32_t failed(const char* action) const { return reportFailure(kFunction, target_, action); }
     bool isThere() const { return old_.st_mode != 0; }
+
+    /// Refuses a new file with a lock file: somebody holds, or held, a cache file of that name.
+    uint32_t refuseOwned() const {
+        const OwnedText lock = joined(new_.path(), ".lock");
+        if (lock == nullptr) return failed("name the new file");
+        struct stat found {};
+        if (lstat(lock.get(), &found) != 0) return CR_STATUS_OK;
+        return refuse(kFunction, new_.path(), CR_STATUS_BAD_HANDLE,
+                      "has a lock file, so it is a cache file of its own");
+    }
 
     int openFolder() const {
         const char* name = strrchr(target_, '/') + 1;  // the path is resolved, hence absolute
@@ -146,6 +157,12 @@ uint32_t checkHold(const char* path, const KSCacheHold& hold) {
     return refuse(kFunction, path, CR_STATUS_INVALID_PARAMETER, "the hold is one of another file");
 }
 
+uint32_t replace(const KSCache* cache, const KSCacheHold& hold, uint64_t& count) {
+    Turn turn;
+    if (const uint32_t bad = turn.take(kFunction, hold)) return bad;
+    return Replacement(cache, hold.path.get()).run(count);
+}
+
 }  // namespace
 
 uint32_t KSCacheReplaceFile(const KSCache* cache, const char* path, const KSCacheHold* hold,
@@ -157,7 +174,7 @@ uint32_t KSCacheReplaceFile(const KSCache* cache, const char* path, const KSCach
     if (bad != CR_STATUS_OK) return bad;
     uint64_t saved = 0;
     const KSCacheHold& used = hold != nullptr ? *hold : own;
-    const uint32_t status = Replacement(cache, used.path.get()).run(saved);
+    const uint32_t status = replace(cache, used, saved);
     releaseHold(own);
     if (status == CR_STATUS_OK && count != nullptr) *count = saved;
     return status;

@@ -1,11 +1,14 @@
 // Save: writes every entry, in the order of memory, into a cache file. Write errors are not
 // reported; the checksum in the header makes the next load refuse an incomplete file.
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <span>
 
+#include "common/descriptor_above.h"
 #include "kscache/kscache_adler.h"
 #include "kscache/kscache_file.h"
+#include "kscache/kscache_hold.h"
 
 namespace kspool {
 namespace {
@@ -76,6 +79,14 @@ OwnedText heapBlock() {
 
 }  // namespace
 
+/// A descriptor that is moved after open() could have got a message before. So the free standard
+/// descriptors are taken meanwhile, by ones that nothing can be written to.
+int openToWrite(const char* path, int flags, mode_t mode) noexcept {
+    const Descriptor place(open("/", O_PATH | O_CLOEXEC, 0));
+    if (place.get() >= 0 && place.get() <= STDERR_FILENO) return openToWrite(path, flags, mode);
+    return aboveStandard(open(path, flags, mode));
+}
+
 Written writeEntries(const KSCache* cache, int fd, Block& block) noexcept {
     qlxMagicWrite(kCacheFileType, fd, 0);
     reserveRoom(cache, fd);
@@ -103,6 +114,18 @@ void giveBackRoom(int fd) {
     [[maybe_unused]] const int ignored = length >= 0 ? ftruncate(fd, length) : 0;
 }
 
+/// An empty cache has no file. Of a link, the file goes to which it leads; what is not a regular
+/// file, such as a device, stays.
+void removeEmpty(const char* path, Descriptor& file) {
+    struct stat found {};
+    const bool isFile = fstat(file.get(), &found) == 0 && S_ISREG(found.st_mode);
+    file.close();
+    if (!isFile) return;
+    const bool isLink = lstat(path, &found) == 0 && S_ISLNK(found.st_mode);
+    const OwnedText target = isLink ? resolvedPath(path) : nullptr;
+    if (!isLink || target != nullptr) qlx_unlink(isLink ? target.get() : path);
+}
+
 uint32_t reportNotOpened(const char* path) {
     const uint32_t status = storeSystemError("KSCacheSave", kSourceFile);
     KS_WARNING(status, "Could not open cache file %s for writing: %s", path, strerror(errno));
@@ -114,14 +137,13 @@ uint32_t reportNotOpened(const char* path) {
 uint32_t KSCacheSave(const KSCache* cache, const char* path, uint64_t* count) noexcept {
     if (const uint32_t bad = checkFileRequest(cache, path)) return bad;
     KS_TRACE("%s: saving cache to %s", "KSCacheSave", path);
-    Descriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    Descriptor file(openToWrite(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (file.get() < 0) return reportNotOpened(path);
     Block block;
     const Written written = writeEntries(cache, file.get(), block);
     if (written.error != 0) giveBackRoom(file.get());
     if (written.count == 0) {
-        file.close();
-        qlx_unlink(path);
+        removeEmpty(path, file);
     } else {
         KS_TRACE("%s: %lu nodes saved, payload CRC = %u", path,
                  static_cast<unsigned long>(written.count), written.checksum);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -127,6 +128,7 @@ TEST(CacheFile, ChangedWhileItIsReadGivesNoWrongValue) {
         EXPECT_EQ(KSCacheLoad(loaded.get(), path().c_str(), &count), 0U);
         calls::leaveAlone();
         EXPECT_EQ(count, expected);
+        EXPECT_EQ(std::exchange(*__cr_errno_location(), 0), count < 1500 ? CR_STATUS_CORRUPT : 0);
         EXPECT_EQ(scripted::takeRecord().find("WarningA(32") != std::string::npos, count < 1500);
         for (uint64_t i = 1, value = 0; i <= count; ++i, value = 0) {
             KSCacheFetch(loaded.get(), std::array<uint64_t, 4>{i}.data(), 3, &value);
@@ -188,20 +190,69 @@ TEST(CacheFile, ReplacedByTwoProcessesIsWhole) {
     unlink(path().c_str());
 }
 
-TEST(CacheFile, MayBeStandardInputOnlyWhenItIsWritten) {
+/// Those who share a hold: a second thread in the midst of a replacement, then a child process that
+/// gives the hold back. A lock file may hold zeros after a loss of power.
+TEST(CacheFile, OfASharedHoldIsReplacedByOneAtATime) {
+    static KSCacheHold* hold = nullptr;
+    static std::vector<uint32_t> others;
+    const auto replace = [](uint64_t entries, const KSCacheHold* with) {
+        return KSCacheReplaceFile(filled(entries).get(), path().c_str(), with, nullptr);
+    };
+    std::ofstream(path() + ".lock") << Bytes(6, '\0');
+    EXPECT_EQ(KSCacheHoldFile(path().c_str(), &hold), 0U);
+    calls::watch();
+    calls::beforeSeeks([] {
+        if (!others.empty()) return;
+        others.push_back(0);
+        others[0] = KSCacheReplaceFile(filled(2).get(), path().c_str(), hold, nullptr);
+    });
+    EXPECT_EQ(replace(3, hold), 0U);
+    calls::leaveAlone();
+    EXPECT_EQ(others, std::vector<uint32_t>{CR_STATUS_BUSY});
+    uint64_t count = 0;
+    EXPECT_EQ(KSCacheLoad(makeCache(4).get(), path().c_str(), &count), 0U);
+    EXPECT_EQ(count, 3U);
+    if (fork() == 0) {
+        KSCacheReleaseFile(hold);
+        _exit(0);
+    }
+    wait(nullptr);
+    EXPECT_EQ(replace(4, hold), CR_STATUS_BAD_HANDLE);
+    KSCacheHold* next = nullptr;
+    EXPECT_EQ(KSCacheHoldFile(path().c_str(), &next), 0U);
+    EXPECT_EQ(replace(4, hold), CR_STATUS_BUSY);
+    KSCacheReleaseFile(hold);
+    EXPECT_GT(std::filesystem::file_size(path() + ".lock"), 0U);
+    EXPECT_EQ(replace(5, next), 0U);
+    KSCacheReleaseFile(next);
+}
+
+/// Whoever has closed the standard descriptors still prints, and logs.
+TEST(CacheFile, IsNoStandardDescriptor) {
+    static int landed = 0;
     const Cache cache = filled(1);
     KSCacheHold* hold = nullptr;
-    EXPECT_EQ(KSCacheHoldFile(path().c_str(), &hold), 0U);
-    const int kept = dup(0);
-    close(0);
-    EXPECT_EQ(KSCacheSave(cache.get(), path().c_str(), nullptr), 0U);
-    EXPECT_EQ(KSCacheReplaceFile(cache.get(), path().c_str(), hold, nullptr), 0U);
+    std::array<int, 3> kept{dup(0), dup(1), dup(2)};
+    for (const int fd : {0, 1, 2})
+        close(fd);
+    calls::watch();
+    calls::beforeSeeks([] {
+        for (const int fd : {0, 1, 2})
+            landed += write(fd, "message", 7) > 0;
+    });
+    std::vector<uint32_t> results{KSCacheHoldFile(path().c_str(), &hold),
+                                  KSCacheReplaceFile(cache.get(), path().c_str(), hold, nullptr),
+                                  KSCacheSave(cache.get(), path().c_str(), nullptr),
+                                  KSCacheLoad(cache.get(), path().c_str(), nullptr)};
     KSCacheReleaseFile(hold);
-    EXPECT_EQ(fcntl(0, F_GETFD), -1);
-    EXPECT_EQ(KSCacheLoad(cache.get(), path().c_str(), nullptr), 1000U + EBADF);
-    EXPECT_EQ(fcntl(0, F_GETFD), -1);
-    dup2(kept, 0);
-    close(kept);
+    calls::leaveAlone();
+    for (const int fd : {0, 1, 2}) {
+        landed += fcntl(fd, F_GETFD) != -1;
+        dup2(kept[fd], fd);
+        close(kept[fd]);
+    }
+    EXPECT_EQ(landed, 0);
+    EXPECT_EQ(results, (std::vector<uint32_t>{0, 0, 0, 1000U + EBADF}));
     EXPECT_EQ(KSCacheLoad(makeCache(4).get(), path().c_str(), nullptr), 0U);
 }
 
