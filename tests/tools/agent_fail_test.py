@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""kspool-agent record while calls of it fail: memory, reads, writes, opens, syncs, the rename of its cache.
+"""kspool-agent while calls of it fail: memory, reads, writes, opens, syncs, the rename of its cache.
 Usage: agent_fail_test.py AGENT SANDBOX SHIM [RUNS]
 
-Whatever fails, the run ends with a documented exit code and a word on it, and the next one completes.
-A sync that fails is never passed over.
+Whatever fails, a recording ends with a documented exit code and a word on it, and the next one completes.
+A sync that fails is never passed over. A read that fails costs a scan no entry of its cache.
 """
 import os
 import random
@@ -50,6 +50,17 @@ with tempfile.TemporaryDirectory() as top:
                 break
             assert done.returncode in (1, 3) and "Input/output error" in done.stderr, (nth, done)
         assert done.returncode == 0 and nth > least, (nth, done)
+
+    scanned, small = top + "/scanned.cache", tree + "/0"
+    for path in (tree, small):
+        for nth in range(1, 99):
+            done = subprocess.run([AGENT, "scan", path, "--cache", scanned, "--segment", "1KiB"], env={
+                **os.environ, "LD_PRELOAD": SHIM, "FAIL_NTH": str(nth if path == small else 0),
+                "FAIL_ONLY": "read", "FAIL_COUNT": top + "/count"}, capture_output=True, text=True)
+            assert os.path.getsize(scanned) == 24 + 41 * 3 * FILES, (nth, done)
+            if int(open(top + "/count").read()) < nth or path == tree:
+                break
+        assert done.returncode == 0 and nth > (path == small) * 5, (nth, done)
 
     counted = record("first", LD_PRELOAD=SHIM, FAIL_COUNT=top + "/count")
     assert counted.returncode == 0, counted

@@ -55,8 +55,10 @@ void ScanCache::load(const HeldFile& file) {
     const auto refuse = [&](const std::string& why) {
         throw Failure(tool::printable(file.path()) + ": " + why);
     };
-    const uint32_t status = KSCacheLoad(cache_.get(), file.path().c_str(), nullptr);
-    if (status != CR_STATUS_OK) refuse(CRStatusToStringA(status));
+    // A part of the entries, which would replace all of them, is told by the slot alone.
+    const uint32_t& slot = *__cr_errno_location() = CR_STATUS_OK;
+    KSCacheLoad(cache_.get(), file.path().c_str(), nullptr);
+    if (slot != CR_STATUS_OK) refuse(CRStatusToStringA(slot));
     Origins origins;
     KSCacheIterate(cache_.get(), Origins::see, &origins);
     if (origins.foreign) refuse("is a cache file, but not that of a scan");
