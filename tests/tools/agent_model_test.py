@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """kspool-agent record against a model: random runs of two clients in two data selections, over trees that
-change, with images that expire, kills, failures, and servers and files that come from elsewhere.
+change, or cannot be read, with images that expire, kills, failures, and servers and files from elsewhere.
 
 Usage: agent_model_test.py AGENT SANDBOX MB LATER [RUNS]
 
@@ -16,16 +16,16 @@ import sys
 import tempfile
 import time
 
-from claims import Model, files_in, files_of, on_server, seen, write
+from claims import Model, at, files_in, files_of, on_server, seen, write
 from pool_server import PoolServer
-from programs import run
+from programs import POWERLESS, run
 
 AGENT, SANDBOX, MB, LATER = sys.argv[1:5]
 RUNS = int(sys.argv[5]) if len(sys.argv) > 5 else 50
 SEED = int(os.environ.get("KSPOOL_TEST_SEED") or random.randrange(1 << 32))
 chance = random.Random(SEED)
 saved = {}     # what may come back: folder -> copy
-seen.update(dict.fromkeys(("killed", "failed", "whole", "stale"), 0))
+seen.update(dict.fromkeys(("killed", "failed", "whole", "stale", "kept"), 0))
 
 
 def change(tree):
@@ -45,13 +45,20 @@ def record(model, ds, client):
     options = [tree, "--ds", str(ds), "--client", client, "--image", key[1], "--cache", cache, "--segment", "512",
                "--list", chance.choice(("2", "500")), *chance.choices(([], ["--force"], ["--rebind"]), (8, 1, 1))[0]]
     before = on_server(MB, ds)
-    model.tried.setdefault((ds, *key), []).append(files_in(tree))
+    hidden = f"{tree}/{chance.choice('ab')}" + chance.choice(("", f"/{chance.randrange(8)}"))
+    hidden = hidden if chance.random() < 0.3 and os.path.exists(hidden) else None
+    kept = {path: po for path, po in on_server(MB, ds, whole=False).get(key, {}).items() if at(hidden, path) and
+            (key in before or po["newsegments"] == po["segments"])}
+    here = {file for file in files_in(tree) if not at(hidden, file[0])} | files_of(kept)
+    model.tried.setdefault((ds, *key), []).append(frozenset(here))
     disturbed = chance.choices(("", "kill", "kill in the save", "fault"), (6, 1, 1, 1))[0]
     if disturbed == "fault":
         action = chance.choice(("addlist", "setlastimage", "find", "deleteimage", "expire"))
         server.admin("faults", [{"kind": "event", "code": 77, "action": action}])
     later = {"LD_PRELOAD": LATER, "KSPOOL_TEST_LATER": "10", "ASAN_OPTIONS": "verify_asan_link_order=0"}
-    running = subprocess.Popen([AGENT, "record", *options], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+    if hidden:
+        os.chmod(hidden, 0)
+    running = subprocess.Popen([*POWERLESS, AGENT, "record", *options], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                env={**os.environ, **(later if chance.random() < 0.8 else {})})
     if disturbed == "kill":
         time.sleep(chance.uniform(0, 0.08))
@@ -60,18 +67,21 @@ def record(model, ds, client):
     if disturbed.startswith("kill"):
         running.kill()
     said = running.communicate()[0]
+    if hidden:
+        os.chmod(hidden, 0o755)
     server.admin("faults", method="DELETE")
-    finished = running.returncode == 0
+    finished = running.returncode == (3 if hidden else 0)
     assert finished or disturbed, (running.returncode, said)
     seen["killed" if running.returncode < 0 else "whole" if finished else "failed"] += 1
     after = on_server(MB, ds).get(key, {})
-    model.check(ds, key, before, after, finished)
+    model.check(ds, key, before, {path: po for path, po in after.items() if kept.get(path) != po}, finished)
     if finished:
         assert files_of(after) == model.tried[(ds, *key)][-1], (sorted(after), said)
         seen["stale"] += len(before.get(key, {}).keys() - after.keys())
+        seen["kept"] += len(kept)
         assert not [name for name in os.listdir(caches) if name.startswith(cache[len(caches) + 1:] + ".") and
                     name.endswith(".new")], os.listdir(caches)
-        if chance.random() < 0.2 and files_of(after):  # what is on the server is known, not only forgotten
+        if chance.random() < 0.2 and files_of(after) and not hidden:  # what is on the server is known, not only forgotten
             again = [tree, "--ds", str(ds), "--client", client, "--image", "new", "--cache", cache, "--segment", "512"]
             assert json.loads(run(AGENT, "record", "--dry-run", "--json", *again).stdout)["newSegments"] == 0
     time.sleep(0.01)  # a file that changes now has another time than the one that was read

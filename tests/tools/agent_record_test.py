@@ -24,13 +24,23 @@ K = 1024
 HARD = "a|b%41" + "".join(map(chr, range(1, 32))) + "\x7f"  # a name of what no PO may hold as it is
 
 
-def run(*arguments, code=0, timeout=60, **variables):
-    return programs.run(AGENT, *arguments, code=code, timeout=timeout, env={**os.environ, **variables})
+def run(*arguments, code=0, timeout=60, powerless=False, **variables):
+    program = [*(programs.POWERLESS if powerless else ()), AGENT]
+    return programs.run(*program, *arguments, code=code, timeout=timeout, env={**os.environ, **variables})
 
 
 def record(image, *options, code=0, segment="4KiB", kept=None, **variables):
     return json.loads(run("record", tree, "--client", "me", "--image", image, "--cache", kept or cache,
                           "--segment", segment, "--json", *options, code=code, **variables).stdout)
+
+
+def hidden_from(image, *names):
+    """Records the tree when nobody but root could read these names in it."""
+    paths = [f"{tree}/{name}" for name in names]
+    programs.run("chmod", "0", *paths)
+    done = record(image, code=3, kept=top + "/partly.cache", powerless=True)
+    programs.run("chmod", "755", *paths)
+    return done["skipped"], done["kept"], done["stale"], done["found"]
 
 
 def found(image):
@@ -68,6 +78,16 @@ with tempfile.TemporaryDirectory() as top:
     assert (again["stale"], again["recorded"], again["found"]) == (1, 8, 8), again
     os.rename(top + "/g", tree + "/g")
     assert len(found("three")) == 5
+
+    # What cannot be read keeps its PO of before, and the image counts; of one without a record, if all of it was new.
+    record("partly", kept=top + "/partly.cache")
+    for stale in (0, 1):
+        assert hidden_from("partly", "f", "sub") == (2, 3, stale, 9 - stale)
+        assert record("next", "--dry-run", kept=top + "/partly.cache")["newSegments"] == 4
+        os.rename(*[tree + "/g", top + "/g"][::1 - 2 * stale])
+    server.admin("faults", [{"kind": "event", "code": 77, "action": "setlastimage"}])
+    record("ended", code=1, kept=top + "/other.cache")
+    assert hidden_from("ended", HARD, "f") == (2, 1, 1, 8)
 
     # Segments are known while an image that holds them is on the server.
     record("kept")
@@ -155,6 +175,35 @@ with tempfile.TemporaryDirectory() as top:
         assert waiting.wait() == 0
         assert len(found("five")) == 6
         run("expire", "--client", "me", "--image", "five")
+
+    # What the end of a run has done, and what not, or nobody can tell. A server that stalls has done what was asked.
+    def state(image):
+        return [i for i in json.loads(run("images", "--client", "me", "--json").stdout) if i["image"] == image]
+
+    def fault(kind, action="setlastimage", **members):
+        return {"kind": kind, "action": action, **members}
+
+    for faults, awaited, code, said in (
+            ([fault("stall", "setimgretention", ms=9000)], "retention", 3, "if the retention is set; kspool-mb"),
+            ([fault("stall", ms=9000)], "complete", 3, "Not known      interrupted; kspool-agent images tells"),
+            ([fault("event", "setimgretention", code=77)], None, 1, "Not set        the retention"),
+            ([fault("lose", "setimgretention", times=2)], None, 13, "if the retention is set; kspool-mb"),
+            ([fault("lose", times=2)], None, 0, "On the server  9 entries of this image\n"),
+            ([fault("lose", times=2), fault("delay", "getlastimage", ms=1, times=2),
+              fault("lose", "getlastimage", times=2)], None, 13, "Not known      it ended early"),
+            ([fault("event", code=77)], None, 1, "Not complete   it ended early")):
+        server.admin("faults", faults)
+        known = os.stat(cache).st_mtime_ns
+        running = started("end", "--retention", "99999")
+        while awaited and not any(one[awaited] for one in state("end")):
+            time.sleep(0.05)
+        if awaited:
+            running.send_signal(signal.SIGTERM)
+        output = running.communicate()[0].decode()
+        assert running.returncode == code and said in output and "Not saved" not in output, (faults, running.returncode, output)
+        assert (os.stat(cache).st_mtime_ns != known) == ("On the server" in output), (faults, output)
+        server.admin("faults", method="DELETE")
+        run("expire", "--client", "me", "--image", "end")
 
     # Another recording takes the name of the image that holds what is known, while a run relies on it.
     record("held")
@@ -256,16 +305,18 @@ with tempfile.TemporaryDirectory() as top:
     # A disk that is full while the cache is saved: the old one is kept.
     before = open(top + "/small.cache", "rb").read()
     full = programs.run(AGENT, "record", tree, "--client", "me", "--image", "big8", "--cache", top + "/small.cache",
-                        "--segment", "512", "--limit", "1", "--force", code=1, restore_signals=False,
+                        "--segment", "512", "--limit", "1", "--force", "--json", "--retention", "9", code=1, restore_signals=False,
                         preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (9000, 9000)))
     assert "could not be replaced: File too large" in full.stderr, full
+    ended = json.loads(full.stdout)
+    assert (ended["complete"], ended["retentionSet"], ended["cacheSaved"]) == (True, True, False), ended
     assert open(top + "/small.cache", "rb").read() == before
     assert not os.path.exists(top + "/small.cache.new")
     os.remove(tree + "/large")
 
     run("record", tree, "--image", "s*", code=2)
     run("record", tree, "--image", "late", "--retention", "18446744073709551616", code=2)
-    run("record", "--files-from", "/dev/null", "--client", "me", "--image", "six", code=2)
+    assert not run("record", "--files-from", "/dev/null", "--client", "me", "--image", "six", code=2).stdout
     assert len(found("six")) == 6
     run("record", tree, "--image", "x", code=12, KSPOOL_PASSWORD="wrong")
     assert server.password not in run("record", tree, "--image", "x", "-v").stderr

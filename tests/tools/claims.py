@@ -24,8 +24,8 @@ def write(chance, path, size=None):
     contents[hashlib.sha256(digests).hexdigest()] = numbers
 
 
-def on_server(mb, ds):
-    """Images with a record: (client, image) -> {path: PO}."""
+def on_server(mb, ds, whole=True):
+    """Images, `whole`: those with a record: (client, image) -> {path: PO}."""
     records = subprocess.run([mb, "image", "last", str(ds)], capture_output=True, text=True)
     assert records.returncode in (0, 10), records
     recorded = {tuple(line.split("|")[i] for i in (1, 4)) for line in records.stdout.splitlines()}
@@ -33,7 +33,7 @@ def on_server(mb, ds):
     found = subprocess.run([mb, "po", "find", str(ds), "--json"], capture_output=True, text=True)
     for po in json.loads(found.stdout) if found.returncode == 0 else []:
         images.setdefault((po["client"], po["image"]), {})[po["folder"] + "/" + po["name"]] = po
-    return {key: pos for key, pos in images.items() if key in recorded}
+    return {key: pos for key, pos in images.items() if key in recorded or not whole}
 
 
 def runs_of(pos):
@@ -70,6 +70,11 @@ class Model:
             met.update(numbers)
             seen["known"] += len(numbers) - po["newsegments"]
             assert po["newsegments"] >= must, ("called known", path, po, must, sorted(known))
+
+
+def at(hidden, path):
+    """Whether a path is a hidden one or below it."""
+    return hidden is not None and (path + "/").startswith(hidden + "/")
 
 
 def files_of(pos):

@@ -24,6 +24,7 @@
 #include "tools/agent/progress.h"
 #include "tools/agent/query.h"
 #include "tools/agent/reading.h"
+#include "tools/agent/record_finish.h"
 #include "tools/agent/record_report.h"
 #include "tools/shared/signals.h"
 #include "tools/shared/text.h"
@@ -42,6 +43,21 @@ std::string newRun() {
     return text.data();
 }
 
+/// Whether a signal has ended the request that failed, which the report tells.
+bool isAborted(const tool::Failure& failure) {
+    return Interrupts::asked() && failure.code() == ExitCode::kNetwork;
+}
+
+/// Runs a step. Throws its Failure, unless a signal has ended it.
+template <typename Step>
+void unlessAborted(Step step) {
+    try {
+        step();
+    } catch (const tool::Failure& failure) {
+        if (!isAborted(failure)) throw;
+    }
+}
+
 class Recording {
   public:
     Recording(const RecordOptions& options, tool::Session& session)
@@ -56,7 +72,9 @@ class Recording {
           claims_(session, facts_),
           sums_(options.walk) {}
 
-    void run();
+    /// Throws Failure while the image is not known to be recorded; what fails afterwards is one of
+    /// the steps.
+    void run(tool::Steps& steps);
 
     RecordResult& result() { return result_; }
 
@@ -69,9 +87,7 @@ class Recording {
     void take(ReadFile&& file);
     void dropDead();
     void readAll(const std::vector<const Entry*>& files);
-    void finish();
-    void expireStale();
-    void setRetention();
+    void finish(tool::Steps& steps);
     void saveCache();
     std::set<uint64_t> metImages();
     void skip(const std::string& path, const std::string& problem);
@@ -86,6 +102,7 @@ class Recording {
     ImageFact image_;  ///< the one being recorded
     std::optional<BlockCache> cache_;
     std::optional<Outbox> outbox_;
+    EarlierPOs earlier_;
     Progress progress_{std::nullopt, /*takesMessages=*/false};
     FolderSums sums_;             ///< of a dry run
     std::set<uint64_t> readFor_;  ///< images for which unread files were read
@@ -94,6 +111,7 @@ class Recording {
 
 void Recording::skip(const std::string& path, const std::string& problem) {
     ++result_.skipped;
+    earlier_.skipped.insert(absolutePath(path));
     progress_.complain(tool::printable(path) + ": " + problem);
 }
 
@@ -133,9 +151,17 @@ void Recording::untie() {
         if (facts_.caches.empty()) facts_.caches = {kNoEntries};
         saveFacts(factsPath(file_.path()), facts_);
     }
-    if (claims_.hasRecord(options_.name)) {
-        const Stopwatch server(result_.serverSeconds);
-        deleteImage(session_, options_.name);
+    const Stopwatch server(result_.serverSeconds);
+    try {
+        earlier_.complete =
+            claims_.hasRecord(options_.name) && deleteImage(session_, options_.name);
+        result_.begun = true;
+    } catch (const tool::Failure& failure) {
+        if (failure.code() == ExitCode::kNetwork) {  // it may have been deleted
+            result_.begun = true;
+            result_.complete = Outcome::kUnknown;
+        }
+        throw;
     }
 }
 
@@ -241,69 +267,27 @@ std::set<uint64_t> Recording::metImages() {
     return numbers;
 }
 
-/// POs of an earlier recording of this name, of files that are gone since, are expired. Then the
-/// server has exactly the paths that were sent. Throws Failure when it has not.
-void Recording::expireStale() {
-    std::string stale;
-    const auto compare = [&] {
-        stale.clear();
-        result_.found = 0;
-        uint64_t sent = 0;
-        ImageSum sum;
-        findImage(session_, options_.name, [&](FoundPO&& po, std::string_view line) {
-            ++result_.found;
-            if (outbox_->paths().count(po.record.path) != 0) {
-                ++sent;
-                sum.add(po.record);
-            } else {
-                ++result_.stale;
-                stale.append(line).append("\n");
-            }
-        });
-        if (sum == outbox_->sum()) return;
-        if (sent == outbox_->paths().size()) {
-            throw tool::Failure(
-                "the server has other records of these paths: is the image recorded "
-                "elsewhere at the same time?");
-        }
-        throw tool::Failure("the server has " + tool::humanCount(sent) + " of the " +
-                            tool::humanCount(outbox_->paths().size()) +
-                            " entries that were recorded");
-    };
-    compare();
-    if (stale.empty()) return;
-    expirePOs(session_, options_.name.dataselection, stale);
-    compare();
-    if (!stale.empty()) throw tool::Failure("the server keeps POs that were expired");
-}
-
-/// After the save: what is known stays known when the server refuses a retention.
-void Recording::setRetention() {
-    if (options_.retention == 0) return;
-    const ImageName& n = options_.name;
-    session_.attemptEvent("retention of image " + tool::printable(n.image), [&](MBSession* s) {
-        return MBSetImageRetention(s, n.dataselection, n.client.c_str(), n.policy.c_str(),
-                                   n.image.c_str(), 0, 0, options_.retention);
-    });
-}
-
-void Recording::finish() {
+/// The retention comes before the cache, which takes time. What is known stays known when the
+/// server refuses a retention.
+void Recording::finish(tool::Steps& steps) {
+    RecordFinish end(options_, session_, *outbox_, earlier_, result_);
     {
         const Stopwatch server(result_.serverSeconds);
         claims_.checkStillThere(metImages());
-        expireStale();
-        setImage(session_, options_.name, time(nullptr));
+        image_.sum = end.settlePOs();
+        end.setRecord();
+        progress_.clear();  // before a failure is reported
+        steps.run([&] { unlessAborted([&] { end.setRetention(); }); });
     }
     if (file_.path().empty()) return;
     const Stopwatch watch(result_.cacheSeconds);
-    saveCache();
+    result_.cacheSaved = steps.run([&] { saveCache(); });
 }
 
 /// Replaces both files, the facts first. Facts of images without a record go.
 void Recording::saveCache() {
     cache_->makeRoom();
     cache_->tieMet(image_.number);
-    image_.sum = outbox_->sum();
     std::erase_if(facts_.images, [&](const ImageFact& i) { return !claims_.hasRecord(i.name); });
     facts_.images.push_back(image_);
     facts_.caches.push_back(cache_->sum());
@@ -335,7 +319,7 @@ void Recording::dropDead() {
     cache_->keep(live);
 }
 
-void Recording::run() {
+void Recording::run(tool::Steps& steps) {
     const struct Cleared {
         Progress& progress;
         ~Cleared() { progress.clear(); }  // before a failure is reported
@@ -356,11 +340,20 @@ void Recording::run() {
     readAll(toRead);
     if (Interrupts::asked()) return;
     outbox_->send();
-    if (!options_.dryRun) finish();
+    if (options_.dryRun) {
+        result_.complete = Outcome::kYes;
+    } else {
+        finish(steps);
+    }
     result_.cached = cache_->stats().cachedItems;
     result_.byFolder = sums_.take();
-    result_.complete = true;
-    if (!options_.dryRun) setRetention();
+}
+
+/// Whether nothing is left for which a signal may have come too early.
+bool isDone(const RecordOptions& options, const RecordResult& result) {
+    const bool retained =
+        options.dryRun || options.retention == 0 || result.retentionSet == Outcome::kYes;
+    return result.complete == Outcome::kYes && retained;
 }
 
 ExitCode exitCode(const RecordResult& result, ExitCode code) {
@@ -389,17 +382,12 @@ ExitCode record(RecordOptions options) {
     tool::Steps steps;
     {
         const Stopwatch watch(result.seconds);
-        steps.run([&] {
-            try {
-                recording->run();
-            } catch (const tool::Failure&) {
-                if (!Interrupts::asked()) throw;  // else the report says so
-            }
-        });
+        steps.run([&] { unlessAborted([&] { recording->run(steps); }); });
     }
-    result.interrupted = Interrupts::asked() && !result.complete;
-    printRecord(options, result);
-    return exitCode(result, result.interrupted ? ExitCode::kOk : steps.code());
+    result.interrupted = Interrupts::asked() && !isDone(options, result);
+    // Of a run that has failed before it changed anything, the failure says all.
+    if (result.begun || steps.allDone()) printRecord(options, result);
+    return exitCode(result, steps.code());
 }
 
 }  // namespace agent

@@ -6,9 +6,11 @@
 //  2. The facts forget an earlier recording of the same name, in the file too. Only then does the
 //     server: its record goes first, so that nobody takes a half recorded image for whole.
 //  3. POs are sent. New segments enter the cache in memory when the server has confirmed them.
-//  4. POs of the earlier recording that this one has not replaced are expired, the server's POs are
-//     compared with those that were sent, and the image's record is made.
-//  5. Facts and cache are replaced. A run that ended before has not changed the cache file.
+//  4. POs of the earlier recording that this one has not replaced are expired, or kept where they
+//     are of what could not be read; the server's POs are compared with those that were sent.
+//  5. The image's record is set: the image is complete. Its retention is set.
+//  6. Facts and cache are replaced, whether or not the retention could be set. A run that ended
+//     before has not changed the cache file.
 #ifndef TOOLS_AGENT_RECORD_H
 #define TOOLS_AGENT_RECORD_H
 
@@ -41,8 +43,8 @@ struct RecordOptions {
 };
 
 /// Records and reports: kOk, or kPartial when files were skipped or the run was interrupted; the
-/// code of a failure, which has then been reported, after a run that ended early. Throws Failure
-/// when no file was recorded at all.
+/// code of a failure, which has then been reported, after a run that ended early or left something
+/// undone. Throws Failure when it could not begin.
 tool::ExitCode record(RecordOptions options);
 
 }  // namespace agent

@@ -28,18 +28,42 @@ void printFolders(const RecordResult& r) {
     }
 }
 
+/// What is left to be done of an image that is complete.
+void printLeft(const RecordOptions& options, const RecordResult& r) {
+    if (options.retention != 0 && r.retentionSet == Outcome::kNo) {
+        printf("Not set        the retention; kspool-mb image retention --set sets it\n");
+    } else if (options.retention != 0 && r.retentionSet == Outcome::kUnknown) {
+        printf("Not known      if the retention is set; kspool-mb image retention tells\n");
+    }
+    if (!options.cacheFile.empty() && !r.cacheSaved) {
+        printf("Not saved      the cache; run it again, or the next run counts the same as new\n");
+    }
+}
+
+void printComplete(const RecordOptions& options, const RecordResult& r) {
+    printf("On the server  %s of this image", tool::counted(r.found, "entry", "entries").c_str());
+    if (r.stale > 0) printf("; %s of before expired", tool::humanCount(r.stale).c_str());
+    printf("\n");
+    if (r.kept > 0) {
+        printf("Kept           %s of before, of what could not be read now\n",
+               tool::counted(r.kept, "entry", "entries").c_str());
+    }
+    printLeft(options, r);
+}
+
 void printEnd(const RecordOptions& options, const RecordResult& r) {
-    if (options.dryRun && r.complete) {
+    const char* why = r.interrupted ? "interrupted" : "it ended early";
+    if (options.dryRun && r.complete == Outcome::kYes) {
         printf("Dry run        the server was not changed\n");
         if (!r.byFolder.empty()) printFolders(r);
-    } else if (!r.complete) {
-        printf("Not complete   %s; run it again to complete the image\n",
-               r.interrupted ? "interrupted" : "it ended early");
+    } else if (!r.begun) {
+        printf("Not recorded   %s; the server was not changed\n", why);
+    } else if (r.complete == Outcome::kNo) {
+        printf("Not complete   %s; run it again to complete the image\n", why);
+    } else if (r.complete == Outcome::kUnknown) {
+        printf("Not known      %s; kspool-agent images tells if the image is complete\n", why);
     } else {
-        printf("On the server  %s of this image",
-               tool::counted(r.found, "entry", "entries").c_str());
-        if (r.stale > 0) printf("; %s of before expired", tool::humanCount(r.stale).c_str());
-        printf("\n");
+        printComplete(options, r);
     }
 }
 
@@ -59,6 +83,11 @@ void printForPeople(const RecordOptions& options, const RecordResult& r) {
     printf("Time           %s, of which %.1f %% in the cache, %.1f %% for the server\n",
            tool::humanSeconds(r.seconds).c_str(), share(r.cacheSeconds), share(r.serverSeconds));
     printEnd(options, r);
+}
+
+nlohmann::ordered_json outcomeJson(Outcome outcome) {
+    if (outcome == Outcome::kUnknown) return nullptr;
+    return outcome == Outcome::kYes;
 }
 
 nlohmann::ordered_json foldersJson(const RecordResult& r) {
@@ -84,18 +113,24 @@ void printRecord(const RecordOptions& options, const RecordResult& r) {
                                      {"recorded", r.recorded},
                                      {"skipped", r.skipped},
                                      {"stale", r.stale},
+                                     {"kept", r.kept},
                                      {"bytes", r.bytes},
                                      {"segments", r.segments},
                                      {"newSegments", r.newSegments},
                                      {"newBytes", r.newBytes},
                                      {"found", r.found},
                                      {"cached", r.cached},
-                                     {"complete", r.complete},
+                                     {"complete", outcomeJson(r.complete)},
                                      {"interrupted", r.interrupted},
                                      {"seconds", r.seconds},
                                      {"cacheSeconds", r.cacheSeconds},
                                      {"serverSeconds", r.serverSeconds}};
-    if (options.dryRun) report["byFolder"] = foldersJson(r);
+    if (options.dryRun) {
+        report["byFolder"] = foldersJson(r);
+    } else {
+        if (options.retention != 0) report["retentionSet"] = outcomeJson(r.retentionSet);
+        if (!options.cacheFile.empty()) report["cacheSaved"] = r.cacheSaved;
+    }
     tool::printJson(report, 2);
 }
 

@@ -11,6 +11,9 @@
 
 namespace agent {
 
+/// Whether the server has carried out a change.
+enum class Outcome { kNo, kUnknown, kYes };
+
 struct RecordResult {
     uint64_t files = 0;    ///< regular files, read to their ends or not read again
     uint64_t unread = 0;   ///< of these, not read again
@@ -19,14 +22,18 @@ struct RecordResult {
     uint64_t recorded = 0;  ///< POs that the server has confirmed
     uint64_t skipped = 0;   ///< files and folders that could not be read, or not wholly
     uint64_t stale = 0;     ///< POs of an earlier recording that were expired
+    uint64_t kept = 0;      ///< and that were kept, of what could not be read now
     uint64_t bytes = 0;
     uint64_t segments = 0;
     uint64_t newSegments = 0;
     uint64_t newBytes = 0;
     uint64_t found = 0;  ///< POs of the image on the server, afterwards
     uint64_t cached = 0;
-    bool complete = false;  ///< all steps were done
-    bool interrupted = false;
+    bool begun = false;               ///< the server may have been changed
+    Outcome complete = Outcome::kNo;  ///< the server has the image's record; the dry run has ended
+    Outcome retentionSet = Outcome::kNo;
+    bool cacheSaved = false;
+    bool interrupted = false;  ///< before the image was complete, or its retention was set
     double seconds = 0;
     double cacheSeconds = 0;          ///< of these, in the cache
     double serverSeconds = 0;         ///< and waiting for the server
