@@ -27,7 +27,7 @@ enum CRStatus {
     CR_STATUS_INVALID_PARAMETER = 9,
     /* More option records than one call accepts, or a text that does not fit its field. */
     CR_STATUS_LIMIT_EXCEEDED = 10,
-    /* The cache is being walked, or its file is held by another process. */
+    /* The cache is being walked, or its file is held already. */
     CR_STATUS_BUSY = 11,
     /* The argument that is to receive the result is NULL. */
     CR_STATUS_NULL_OUTPUT = 14,
@@ -47,7 +47,7 @@ enum CRStatus {
     CR_STATUS_INVALID_VALUE = 85,
     /* The server refused the request for lack of a permission. */
     CR_STATUS_PERMISSION_DENIED = 106,
-    /* The server answered without error, but not with the expected field names. */
+    /* The server reported no error, but its answer lacks the expected field names. */
     CR_STATUS_BAD_RESPONSE = 108
 };
 

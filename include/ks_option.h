@@ -19,7 +19,7 @@ typedef struct KSOption {
     union {
         uint64_t number;  /* integer options */
         const char* text; /* text options, NUL-terminated */
-    } value;              /* as the code wants it */
+    } value;              /* the member that the code uses */
 } KSOption;
 
 /* The codes that the library knows. */

@@ -19,14 +19,15 @@
  *    unless its description says that it stores a status there.
  * 4. Ownership. The caller owns a cache from KSCacheCreate() to KSCacheDestroy(). The cache copies
  *    keys and values; the callback's argument is the only pointer of the caller's that it keeps.
- * 5. Threads. The library takes no lock. One cache is used by one thread at a time, including
+ * 5. Threads. The library takes no lock. Only one thread at a time may use a cache, even for
  *    lookups, which update counters. Different caches are independent, with one exception: when a
  *    page of a cache with `lockPages` cannot be unlocked, all memory of the process is unlocked.
  * 6. Memory. An entry takes one slot of 72 bytes in a page of `areaSize` slots (one memory mapping
  *    each), the root table 8 bytes for each of its 2^bits roots. Nothing is allocated per entry.
  * 7. Batches. A batch function does what a loop of its single calls does, in the same order, but
- *    the cache misses of many keys overlap: two to four times as fast for a cache that does not fit
- *    into the processor's own. Lookups of eight known keys at once gain already, hundreds gain all.
+ *    the cache misses of many keys overlap. A batch is two to four times as fast when the cache is
+ *    larger than the processor's caches. Lookups of known keys gain from batches of eight on; the
+ *    full gain takes batches of some hundred keys.
  * 8. Stack. A call needs up to 48 KiB of stack, KSCacheCheck() up to 80 KiB, whatever the number of
  *    entries and the shape of their trees.
  * 9. Messages. The library reports failures on standard error. qlxSetSink()
@@ -68,8 +69,8 @@ typedef struct KSCache KSCache;
 
 /* One entry as the cache stores it: exactly one slot of 72 bytes. */
 typedef struct KSCacheNode {
-    uint8_t fingerprint[32];    /* 16-byte types leave bytes 16 to 31 as the slot held them */
-    struct KSCacheNode* higher; /* entries that sort after this one; next node if free */
+    uint8_t fingerprint[32];    /* a 16-byte digest leaves bytes 16 to 31 unspecified */
+    struct KSCacheNode* higher; /* entries that sort after this one; in a free slot: the next one */
     struct KSCacheNode* lower;  /* entries that sort before this one; NULL if free */
     uint64_t value;             /* the caller's value, as given when the entry was made */
     uint64_t refCount;          /* 1 to 16383 in an entry, 0 in a free slot */
@@ -80,7 +81,7 @@ typedef struct KSCacheNode {
 typedef struct KSCacheCursor {
     const void* page;        /* NULL before the first entry */
     const KSCacheNode* slot; /* where the next step goes on */
-    uint64_t moves;          /* tells whether entries have moved since */
+    uint64_t moves;          /* detects that entries have moved since the last step */
 } KSCacheCursor;
 
 /* A key of the batch functions. The digest stays the caller's and is read during the call only. */
@@ -134,8 +135,8 @@ KSPOOL_API uint32_t KSCacheBitsFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
 /*
  * The `areaSize` to pass to KSCacheCreate() for a number of entries: from 970,900 entries on pages
  * of one to sixteen whole huge pages of 2 MiB, below that a 200th of the entries, at least 1024.
- * From 34,000 entries on, the unused end of the newest page takes at most 3 % of the pages,
- * where system pages have 4 KiB.
+ * From 34,000 entries on, the unused end of the newest page is at most 3 % of the memory of all
+ * pages (with system pages of 4 KiB).
  *
  *   expectedItems  entries that the cache is to hold
  */
@@ -145,8 +146,8 @@ KSPOOL_API uint32_t KSCacheAreaFor(uint64_t expectedItems) KSPOOL_NOEXCEPT;
  * Makes an empty cache.
  *
  *   areaSize   slots of 72 bytes per page. Rounded up to whole system pages, at least 1024, and
- *              held below pages of 4 GiB. KSCacheAreaFor() gives a good value: memory is given back
- *              in whole pages, and the newest page is partly unused.
+ *              limited so that a page stays below 4 GiB. KSCacheAreaFor() gives a good value:
+ *              memory is released in whole pages, and the newest page is partly unused.
  *   bits       the root table gets 2^bits roots of 8 bytes: 1 to 29; anything else means 4.
  *              KSCacheBitsFor() gives a good value. The table does not grow with the cache: too few
  *              roots make deep trees and slow searches. When memory for the table is short, it is
@@ -234,9 +235,9 @@ KSPOOL_API uint32_t KSCacheDelete(KSCache* cache, const void* fingerprint,
 /* ---- Batches: convention 7 ---- */
 
 /*
- * KSCacheExists() for each of `count` keys. One key costs more than a single call, about a fifth if
- * it is known; four known keys are as fast as four single calls, eight faster, and from some
- * hundred on a key costs the least.
+ * KSCacheExists() for each of `count` keys. A batch of one known key takes about a fifth longer
+ * than a single call, four known keys take as long as four single calls, and eight take less. The
+ * time per key is shortest in batches of some hundred keys.
  *
  *   keys      belong to the caller, as do their digests.
  *   values    NULL, or room for `count` values. As with single calls, the value of a key that is
@@ -255,7 +256,7 @@ KSPOOL_API uint32_t KSCacheFetchBatch(const KSCache* cache, const KSCacheKey* ke
                                       uint64_t* values, uint32_t* statuses) KSPOOL_NOEXCEPT;
 
 /*
- * KSCacheAdd() for each of `count` keys. The second occurrence of a key in a batch is a known one.
+ * KSCacheAdd() for each of `count` keys. The second occurrence of a key in a batch counts as known.
  *
  *   values    `count` values; read only.
  *   addArgs   NULL for no callbacks, or one argument a key.
@@ -287,14 +288,14 @@ KSPOOL_API uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callba
                                    void* arg) KSPOOL_NOEXCEPT;
 
 /*
- * The same walk, an entry a call, for callers that no callback suits. Between the calls the cache
- * may be used: as with KSCacheIterate(), a deleted entry is not visited any more, and an added one
- * only if its slot lies ahead. KSCacheCheck() and KSCacheReclaim() are allowed too, but when they
- * have compacted, the walk cannot go on, since entries may have moved past its place.
+ * The same walk with one entry per call, for callers that cannot use a callback. The cache may be
+ * used between calls: as with KSCacheIterate(), a deleted entry is no longer visited, and an added
+ * one only if its slot lies ahead. KSCacheCheck() and KSCacheReclaim() are allowed too, but the
+ * walk ends once they have compacted the cache, since entries may have moved past the cursor.
  *
  *   cursor  the caller's place in the walk, zeroed before the first call; needs no release
  *   node    receives the entry, which may be read until it is deleted or entries move; unchanged
- *           without one
+ *           when there is none
  *
  * Returns 0; CR_STATUS_NOT_FOUND (2) after the last entry, slot left alone; 44 or 82, also in the
  * status slot, 82 also when the cache was compacted or reset since the walk began; 9 for a NULL
@@ -375,7 +376,7 @@ typedef struct KSCacheHold KSCacheHold;
  */
 KSPOOL_API uint32_t KSCacheHoldFile(const char* path, KSCacheHold** hold) KSPOOL_NOEXCEPT;
 
-/* Gives a hold back, and frees it. NULL is allowed. errno and the status slot are left alone. */
+/* Releases a hold and frees it. NULL is allowed. errno and the status slot are left alone. */
 KSPOOL_API void KSCacheReleaseFile(KSCacheHold* hold) KSPOOL_NOEXCEPT;
 
 /*
@@ -403,11 +404,11 @@ KSPOOL_API void KSCacheReleaseFile(KSCacheHold* hold) KSPOOL_NOEXCEPT;
  *                               has what no holder writes into it, or PATH.new.lock exists, so
  *                               that PATH.new may be somebody's cache file;
  *   CR_STATUS_CORRUPT (32), CR_STATUS_READ_FAILED (25), CR_STATUS_SEEK_FAILED (23),
- *   CR_STATUS_NO_MEMORY (22)    what was read back is not what was written, or could not be read;
+ *   CR_STATUS_NO_MEMORY (22)    reading back failed, or returned other bytes than were written;
  *   any other value             the status of the system error, such as that of a full disk.
- * After any status but 0 the old file is as it was, and nothing else is left but PATH.lock. One
- * failure comes later: when the folder cannot be synced, the new file is in place, but a power cut
- * may bring back the old one.
+ * After any status but 0 the old file is unchanged and no new file but PATH.lock remains. The
+ * exception is a failed sync of the folder: the new file is in place then, but a power cut may
+ * bring back the old one.
  */
 KSPOOL_API uint32_t KSCacheReplaceFile(const KSCache* cache, const char* path,
                                        const KSCacheHold* hold, uint64_t* count) KSPOOL_NOEXCEPT;
@@ -417,10 +418,10 @@ KSPOOL_API uint32_t KSCacheReplaceFile(const KSCache* cache, const char* path,
 /*
  * Holds a cache to a memory limit. When its pages take more, entries with low reference counts are
  * dropped until the others take at most the limit, and the pages are compacted (KSCacheReclaim()).
- * This is count-based eviction. Entries with equal counts go together, so a cache in which every
- * entry has the same count may be emptied: cyclic scans larger than the limit defeat it. The pages
- * of the remaining entries may take somewhat more than the limit: their headers, the end of the
- * last page, and another page when too few slots are free for a compaction.
+ * This is count-based eviction. Entries with equal counts are dropped together, so a cache whose
+ * entries all have the same count may be emptied: cyclic scans larger than the limit defeat it. The
+ * pages of the remaining entries may take somewhat more than the limit: their headers, the end of
+ * the last page, and another page when too few slots are free for a compaction.
  *
  *   limit  MiB; 0 for no limit, which compacts only. The root table does not count.
  *
@@ -450,10 +451,10 @@ KSPOOL_API void KSCacheReclaim(KSCache* cache) KSPOOL_NOEXCEPT;
  * Write a report to `stream` (NULL: standard output), which is not flushed. KSCacheDump() writes a
  * line for each slot, including free ones; KSCacheDumpSorted() a line for each entry, tree by tree,
  * from the highest to the lowest; KSCacheDumpRaw() a summary, each slot of each page, and the free
- * list. The heading of a page has its free count less one: of its slots that were never used, or
- * that were free at the last compaction of the page. Deletes and reused slots do not change it, and
- * 0 less one prints as 4294967295. All three do nothing for a NULL cache. The handle is not
- * checked.
+ * list. The heading of a page shows its free count minus one; a count of 0 prints as 4294967295.
+ * The free count is that of the slots never used, or free at the last compaction of the page:
+ * deletes and reused slots do not change it. All three do nothing for a NULL cache. The handle is
+ * not checked.
  */
 KSPOOL_API void KSCacheDump(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;
 KSPOOL_API void KSCacheDumpSorted(FILE* stream, const KSCache* cache) KSPOOL_NOEXCEPT;

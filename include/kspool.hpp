@@ -1,17 +1,17 @@
 // The C++ interface of kspool, for C++20: owners, spans, ranges and results over the C functions,
-// whose headers tell of arguments, statuses, times and threads.
+// whose headers document arguments, statuses, times and threads.
 //
-// 1. Owners take the handle that a C function returns, and release it at their end. They are moved,
-//    never copied. One without a handle is safe: its calls fail as those with NULL do.
-// 2. Calls. session.call(MBDirCreate, "/a") calls a C function with the handle before the other
-//    arguments, session.ask<uint32_t>(MBGetTime) returns what the last argument receives as well.
+// 1. Owners take the handle that a C function returns, and release it on destruction. They are
+//    movable, not copyable. An owner without a handle is safe: its calls fail as for a NULL handle.
+// 2. Calls. session.call(MBDirCreate, "/a") calls a C function with the handle as first argument;
+//    session.ask<uint32_t>(MBGetTime) also returns what the function stores in its last argument.
 // 3. Failures are returned, never thrown. A callable that throws ends the program by
 //    std::terminate(): no exception may pass through C code. The body of a loop may throw.
-// 4. Ranges are input ranges. A further loop goes on with the next item. A loop ends after the last
-//    item and at a failure; status() then tells which. A range stays where it was made: for a view
-//    it must have a name (auto lines = ...; lines | std::views::take(3)).
-// 5. Spans are not copied. An empty span stands for an output that is not wanted. Spans of another
-//    length than the keys give CR_STATUS_INVALID_PARAMETER, and nothing is done.
+// 4. Ranges are input ranges. A second loop continues with the next item. A loop ends after the
+//    last item or at a failure; status() tells which. A range cannot be moved: name it to make a
+//    view of it (auto lines = ...; lines | std::views::take(3)).
+// 5. Spans are not copied. An empty span stands for an output that is not wanted. A span of another
+//    length than the keys gives CR_STATUS_INVALID_PARAMETER, and nothing is done.
 #ifndef KSPOOL_HPP
 #define KSPOOL_HPP
 
@@ -62,7 +62,7 @@ class [[nodiscard]] Result : std::optional<T> {
     Status status_;
 };
 
-/// What a C function is to fill for a value: the value itself, or the handle of an owner.
+/// The type that a C function fills to make a Value: Value itself, or the handle of an owner.
 template <typename Value, typename = void>
 struct RawOf : std::type_identity<Value> {};
 template <typename Owning>
@@ -90,7 +90,7 @@ class Owner {
     Handle* release() noexcept { return handle_.release(); }
     explicit operator bool() const noexcept { return handle_ != nullptr; }
 
-    /// A returned uint32_t is taken for a status, which it is but for MBEnableResiliency().
+    /// A returned uint32_t is taken for a status; only MBEnableResiliency() returns another number.
     auto call(auto* function, auto... arguments) noexcept {
         using T = decltype(function(get(), arguments...));
         return std::conditional_t<std::is_same_v<T, uint32_t>, Status, T>(
@@ -105,7 +105,7 @@ class Owner {
     std::unique_ptr<Handle, std::integral_constant<decltype(freeHandle), freeHandle>> handle_;
 };
 
-/// A text that the library allocated; empty without one.
+/// A text that the library allocated; c_str() is "" for an owner without one.
 class Text : public Owner<char, std::free> {
   public:
     using Owner::Owner;
@@ -113,8 +113,8 @@ class Text : public Owner<char, std::free> {
     operator std::string_view() const noexcept { return c_str(); }
 };
 
-/// The items of a source as an input range: rule 4. A source has a type Reference, and protected
-/// functions next(), whose status CR_STATUS_NOT_FOUND is the end, and item().
+/// The items of a source as an input range: rule 4. A source has a type Reference and protected
+/// functions item() and next(), which returns CR_STATUS_NOT_FOUND at the end.
 template <typename Source>
 class [[nodiscard]] Range : public Source {
   public:
@@ -143,7 +143,7 @@ class [[nodiscard]] Range : public Source {
     Status status_;
 };
 
-/// The key of a digest, which has the length of its type.
+/// The key of a digest, whose length must be that of its type.
 template <CRFPType type = CR_FP_SHA256>
 constexpr KSCacheKey keyOf(
     std::span<const uint8_t, type == CR_FP_SHA256 ? 32 : 16> digest) noexcept {
@@ -153,7 +153,7 @@ constexpr KSCacheKey keyOf(
 /// A cache file that is held: ask<FileHold>(KSCacheHoldFile, path).
 using FileHold = Owner<KSCacheHold, KSCacheReleaseFile>;
 
-/// Source of a cache's entries, by KSCacheNext(), which says what a loop may do with the cache.
+/// Source of a cache's entries. KSCacheNext() documents what a loop may do with the cache.
 class EntrySource {
   public:
     using Reference = const KSCacheNode&;
@@ -170,8 +170,8 @@ class EntrySource {
 };
 using Entries = Range<EntrySource>;
 
-/// A fingerprint cache. Of files and limits: cache.ask<uint64_t>(KSCacheReplaceFile, path, hold),
-/// cache.call(KSCacheCheck, 100).
+/// A fingerprint cache. Files and limits are C calls: cache.call(KSCacheCheck, 100),
+/// cache.ask<uint64_t>(KSCacheReplaceFile, path, hold).
 class Cache : public Owner<KSCache, KSCacheDestroy> {
     using Keys = std::span<const KSCacheKey>;
     using Values = std::span<uint64_t>;
@@ -179,7 +179,7 @@ class Cache : public Owner<KSCache, KSCacheDestroy> {
 
   public:
     using Owner::Owner;
-    /// For so many entries. There is no handle without memory: Status::slot() tells why.
+    /// For this number of entries. On failure there is no handle; Status::slot() has the reason.
     explicit Cache(uint64_t entries, KSCacheAddCallback callback = nullptr,
                    void* callbackArg = nullptr) noexcept
         : Owner(KSCacheCreate(KSCacheAreaFor(entries), KSCacheBitsFor(entries), 0, callback,
@@ -232,13 +232,13 @@ class Cache : public Owner<KSCache, KSCacheDestroy> {
     }
 };
 
-/// A PO, which POReset() ends.
+/// A PO, released by POReset().
 struct Po : PO {
     Po() noexcept : PO{} {}
     Po(Po&& other) noexcept : PO(std::exchange(static_cast<PO&>(other), {})) {}
     Po& operator=(Po&& other) noexcept { return std::swap<PO>(*this, other), *this; }
     ~Po() { POReset(this); }
-    /// Field `index`, from 0, while the PO lives; its data() is NULL beyond the last field.
+    /// Field `index`, from 0, valid as long as the PO; data() is NULL beyond the last field.
     std::string_view field(uint32_t index) const noexcept {
         size_t length = 0;
         const char* bytes = POGetField(this, index, &length);
@@ -246,7 +246,7 @@ struct Po : PO {
     }
 };
 
-/// Source of what a query found; nothing found is an empty range. The items live as long.
+/// Source of what a query found: an empty range if nothing. Items are valid as long as the source.
 template <typename Item, typename Shown, auto findFirst, auto findNext>
 class QuerySource : public Owner<MBPOCursor, MBPOFindClose> {
   public:
@@ -267,12 +267,12 @@ class QuerySource : public Owner<MBPOCursor, MBPOFindClose> {
   private:
     Item item_{};
     uint32_t count_ = 0;
-    bool isNew_ = true;  ///< the item is the first, which no loop has had
+    bool isNew_ = true;  ///< no loop has visited the first item yet
     Status failure_ = CR_STATUS_NOT_FOUND;
 };
-/// Lines; each ends with a NUL, too.
+/// Lines, each followed by a NUL.
 using Lines = Range<QuerySource<char*, std::string_view, MBPOStringFindFirst, MBPOStringFindNext>>;
-/// POs; one changes with the next step. A loop ends at a line that is no PO, the next goes on.
+/// POs; each step overwrites the last one. A loop ends at an invalid line, the next loop behind it.
 using Records = Range<QuerySource<Po, const Po&, MBPOFindFirst, MBPOFindNext>>;
 
 /// A filter that matches every PO. Its criteria count from 1: criterion10 is for field(9).
@@ -283,7 +283,7 @@ struct Filter : MBPOFilter {
     }
 };
 
-/// A session, of MBInit() or another create call. call(MBAbort) alone may run beside another call.
+/// A session, of MBInit() or another create call. Only call(MBAbort) may run during another call.
 class Session : public Owner<MBSession, MBShutdown> {
   public:
     using Owner::Owner;

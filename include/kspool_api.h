@@ -5,7 +5,7 @@
 /* Before each exported function. */
 #define KSPOOL_API __attribute__((visibility("default")))
 
-/* Behind each exported function: no exception leaves it. */
+/* After each exported function: it throws no exception. */
 #ifdef __cplusplus
 #define KSPOOL_NOEXCEPT noexcept
 #else

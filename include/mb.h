@@ -18,12 +18,12 @@
  * 4. Ownership. Texts given are read during the call only. Texts received are the caller's, who
  *    releases them with free(); lines of a cursor are the cursor's and valid until MBPOFindClose().
  * 5. Threads. No lock is taken: a session is used by one thread at a time; different sessions are
- *    independent. MBAbort() alone may run beside another call. After a fork a session belongs to
+ *    independent. Only MBAbort() may run during another call. After a fork a session belongs to
  *    the parent; the child may only shut it down.
- * 6. Time. An operation blocks until the answer is complete. A request ends when nothing moves for
- *    one response time-out (30 seconds unless set), and at the latest when the response and the
- *    reconnect time-out are over, and a second more for each 64 KiB that moved. MBAbort() ends it
- *    at once.
+ * 6. Time. An operation blocks until the answer is complete. A request ends when no byte is
+ *    transferred for one response time-out (30 seconds unless set). Its deadline is the response
+ *    plus the reconnect time-out after its start, extended by a second for each 64 KiB transferred.
+ *    MBAbort() ends the request at once.
  * 7. Messages. The library reports failures on standard error. qlxSetSink()
  *    (platform/support.h) sends the messages elsewhere, or nowhere:
  *    docs/howto/redirect-messages.md.
@@ -31,7 +31,7 @@
  * Arguments that mean the same everywhere:
  *
  *   session        a session of one of the create calls
- *   callerWord     kept and not interpreted
+ *   callerWord     kept with the session and not interpreted
  *   options        option records, read during the call only
  *   count          number of option records; or NULL, or receives the number of POs found
  *   agentCfgPath   path of the agent configuration; NULL: the default one, see ks.h
@@ -89,8 +89,8 @@ typedef struct MBSession MBSession;
  * Creates a session: reads the agent configuration from `agentCfgPath` (NULL: from the default
  * place, see ks.h), opens a transport and applies `count` options as MBOptionsSet() does.
  * `callerWord` is kept and not interpreted. `options` may be NULL when `count` is 0. Nothing is
- * sent. The transport gets server, login, password and key only with one of the options that
- * MBOptionsSet() names, so a session without one cannot reach its server.
+ * sent. The transport gets server, login, password and key only with an option that MBOptionsSet()
+ * lists as passing them on, so a session without such an option cannot reach its server.
  *
  * Returns the session, or NULL with the reason in the slot. After success the slot holds 0.
  */
@@ -162,20 +162,20 @@ KSPOOL_API void MBShutdown(MBSession* session) KSPOOL_NOEXCEPT;
 KSPOOL_API uint32_t MBKeepAlive(MBSession* session, int32_t interval) KSPOOL_NOEXCEPT;
 
 /*
- * Sets the reconnect time-out: requests are then retried for up to `seconds` after a first failure,
- * while the server cannot be reached or asks for patience (429, 502, 503, 504). If the
- * configuration or an earlier call has set one, that time-out stays and is returned; otherwise
- * returns the status of setting it: 0.
+ * Sets the reconnect time-out: requests are then retried for up to `seconds` after the first
+ * failure, while the server cannot be reached or asks to retry later (429, 502, 503, 504). A
+ * time-out that the configuration or an earlier call has set stays, and is returned; otherwise the
+ * call returns the status of setting the time-out: 0.
  *
  *   seconds  how long to retry
  */
 KSPOOL_API uint32_t MBEnableResiliency(MBSession* session, int32_t seconds) KSPOOL_NOEXCEPT;
 
 /*
- * The response time-out of the session's requests in seconds; 0 or less: none, and then only the
- * connection has a limit of its own. It counts for requests to come. MBGetResponseTimeOut() also
- * shows what the retries of a query have added. 0, CR_STATUS_INVALID_PARAMETER for a NULL output,
- * or the transport's status.
+ * Set and get the response time-out of the session's requests in seconds; 0 or less: none, and then
+ * only connecting is limited in time. A new time-out applies to later requests. The retries of a
+ * query extend the time-out, which MBGetResponseTimeOut() shows. Return 0,
+ * CR_STATUS_INVALID_PARAMETER for a NULL output, or the transport's status.
  *
  *   seconds  time-out in seconds, or receives it
  */
@@ -183,21 +183,21 @@ KSPOOL_API uint32_t MBSetResponseTimeOut(MBSession* session, int32_t seconds) KS
 KSPOOL_API uint32_t MBGetResponseTimeOut(const MBSession* session,
                                          int32_t* seconds) KSPOOL_NOEXCEPT;
 
-/* ---- The request under way, and requests so far ---- */
+/* ---- The current request, and requests so far ---- */
 
 /*
- * These three need a platform that offers them (platform/ws.h). Without one they return the status
- * of the system error ENOSYS, 1038, and do nothing.
+ * MBAbort(), MBLastEvent() and MBGetStatistics() need a platform that offers them (platform/ws.h).
+ * Without one they return the status of the system error ENOSYS, 1038, and do nothing.
  */
 
 /*
- * Ends the request under way within 100 ms with WS_STATUS_ABORTED (2011): the server has carried it
- * out once or not at all. A query that is aborted is not retried. The session goes on: the next
- * request connects anew. Without a request under way the call has no effect, so who must be sure
- * aborts again until the operation has returned.
+ * Ends the current request within 100 ms with WS_STATUS_ABORTED (2011): the server has carried the
+ * request out once or not at all. An aborted query is not retried. The session remains usable: the
+ * next request opens a new connection. Between requests the call has no effect, so a caller that
+ * must be sure repeats the call until the operation has returned.
  *
- * Any thread may call MBAbort(), and any signal handler, but not beside MBShutdown(). errno and the
- * slot stay as they are. Returns 0, or WS_STATUS_FORKED in a child.
+ * Any thread and any signal handler may call MBAbort(), but not during MBShutdown(). errno and the
+ * slot are left alone. Returns 0, or WS_STATUS_FORKED in a child.
  */
 KSPOOL_API uint32_t MBAbort(MBSession* session) KSPOOL_NOEXCEPT;
 
@@ -210,7 +210,7 @@ typedef struct MBEvent {
     uint64_t size;                 /* sizeof(MBEvent): set by the caller first */
     uint32_t eventCode;            /* 0 without an event */
     uint32_t httpStatus;           /* of the last answer; 0 without one */
-    uint32_t attempts;             /* how often it was tried; 0: it was refused before */
+    uint32_t attempts;             /* made; 0: the request was refused before the first */
     uint32_t reserved;             /* 0 */
     const char* requestId;         /* the request's id in the server's log */
     const char* severity;          /* severity of the event */
@@ -220,9 +220,9 @@ typedef struct MBEvent {
 } MBEvent;
 
 /*
- * Tells about the last request, also after operations that return the event's code alone. 0, or
- * CR_STATUS_INVALID_PARAMETER for a NULL record or one that is too small. A larger record is one of
- * a newer library: `size` becomes the number of bytes that were filled.
+ * Describes the last request; also useful after operations that return only the event's code.
+ * Returns 0, or CR_STATUS_INVALID_PARAMETER for a NULL record or one that is too small. A program
+ * built with newer headers may pass a larger record: `size` becomes the number of bytes filled.
  */
 KSPOOL_API uint32_t MBLastEvent(const MBSession* session, MBEvent* event) KSPOOL_NOEXCEPT;
 
@@ -232,25 +232,25 @@ enum { MB_LATENCIES = 32 }; /* classes of requests by their time */
  * not count. */
 typedef struct MBStatistics {
     uint64_t size;                    /* sizeof(MBStatistics): set by the caller first */
-    uint64_t requests;                /* sent, or tried to */
-    uint64_t attempts;                /* at least one a request */
+    uint64_t requests;                /* including those that could not be sent */
+    uint64_t attempts;                /* at least one per request */
     uint64_t connections;             /* opened */
     uint64_t bytesSent;               /* heads and bodies, without TLS */
     uint64_t bytesReceived;           /* the same */
     uint64_t microseconds;            /* in requests, pauses included */
-    uint64_t latencies[MB_LATENCIES]; /* requests by their time: class k holds those of 2^(k-1) or
-                                         more and less than 2^k microseconds; the last one also all
-                                         longer ones */
+    uint64_t latencies[MB_LATENCIES]; /* histogram: class k counts requests that took at least
+                                         2^(k-1) and less than 2^k microseconds, the last class
+                                         also all longer ones */
 } MBStatistics;
 
-/* Tells what the session has done so far; statuses and `size` as with MBLastEvent(). */
+/* Gets the session's statistics; statuses and `size` as with MBLastEvent(). */
 KSPOOL_API uint32_t MBGetStatistics(const MBSession* session,
                                     MBStatistics* statistics) KSPOOL_NOEXCEPT;
 
 /*
  * How PO queries are retried: each retry adds the step (120 seconds unless set) to the response
  * time-out; the count (3 unless set; below 1: no retry) is the number of retries. Both apply to all
- * sessions of the process. Changes are not synchronised: make them before threads run.
+ * sessions of the process. Access is not synchronised: change them before threads are started.
  *
  *   step   seconds that each retry adds to the response time-out
  *   count  number of retries
@@ -296,8 +296,8 @@ KSPOOL_API uint32_t MBDirList(MBSession* session, const char* path, char** listi
                               uint32_t recursive) KSPOOL_NOEXCEPT;
 
 /*
- * Stores the server's time, in seconds since 1970, low 32 bits; 0 when the answer has no number in
- * it, and on failure after the arguments were checked.
+ * Gets the low 32 bits of the server's time in seconds since 1970; 0 when the answer does not begin
+ * with a number, and on failure after the arguments were checked.
  *
  *   serverTime  receives the time
  */
@@ -365,47 +365,47 @@ typedef struct MBPOFilter {
 } MBPOFilter;
 
 /*
- * Fills a filter, whose `size` the caller has set, with the defaults. 0, or
- * CR_STATUS_INVALID_PARAMETER with the filter left untouched (NULL, or another size). The slot is
+ * Fills a filter, whose `size` the caller has set, with the defaults. Returns 0, or
+ * CR_STATUS_INVALID_PARAMETER for NULL or another size, with the filter left untouched. The slot is
  * left alone.
  */
 KSPOOL_API uint32_t MBPOFilterInit(MBPOFilter* filter) KSPOOL_NOEXCEPT;
 
 /*
- * The three ways to a query's result. A query that fails and was not aborted is retried as
+ * Three ways to read the result of a query. A failed query that was not aborted is retried as
  * MBSetRetryCount() and MBSetTimeOut() say, each time with a longer response time-out, which the
- * session keeps, also one that had none; a query can therefore take minutes. A NULL output is
- * reported before a NULL session. Common statuses, in the slot too:
+ * session keeps, even if it had none; a query can therefore take minutes. A NULL output is reported
+ * before a NULL session. Common statuses, also in the slot:
  * CR_STATUS_NULL_HANDLE; CR_STATUS_INVALID_PARAMETER for a filter that is NULL or of another size;
- * the transport's status of the last attempt; CR_STATUS_REMOTE_ERROR when the server reported an
- * error and no retry is allowed; CR_STATUS_BAD_HANDLE for a malformed answer, or an error that the
- * server reported to a retry; a system error without memory. `count`, unless NULL, becomes the
- * number of POs that the server announces.
+ * the transport's status for the last attempt; CR_STATUS_REMOTE_ERROR when the server reported an
+ * error and no retry is allowed; CR_STATUS_BAD_HANDLE for a malformed answer, or when the server
+ * reported an error to a retry; the status of the system error when memory is short. `count`,
+ * unless NULL, becomes the number of POs that the server announces.
  */
 
 /*
- * The whole answer as one text: names, types, count and one PO a line. `*text` is the caller's to
- * free, `*length`, unless NULL, its size with the NUL. CR_STATUS_NOT_FOUND, which is not stored in
- * the slot, when no PO matches; CR_STATUS_NULL_OUTPUT for a NULL `text`. Without success the
- * outputs are NULL and 0.
+ * Returns the whole answer as one text: names, types, count and one PO per line. `*text` is the
+ * caller's to free; `*length`, unless NULL, is its size with the NUL. CR_STATUS_NOT_FOUND, which is
+ * not stored in the slot, when no PO matches; CR_STATUS_NULL_OUTPUT for a NULL `text`. On failure
+ * the outputs are NULL and 0.
  */
 KSPOOL_API uint32_t MBPOFind(MBSession* session, uint32_t dataselection, const MBPOFilter* filter,
                              char** text, size_t* length, uint32_t* count) KSPOOL_NOEXCEPT;
 
 /*
- * A cursor whose first PO is in `po` (zeroed before its first use, the caller's to release; a
- * record that held a PO of a legacy server is not for those of another one), or NULL with the
- * status in the slot: CR_STATUS_NOT_FOUND when no PO matches, CR_STATUS_INVALID_PARAMETER for a
- * NULL `po`, the PO library's when the first line is invalid.
+ * Returns a cursor, with the first PO in `po` (zeroed before its first use, the caller's to
+ * release; a record that held a PO of a legacy server must not be used for another server), or NULL
+ * with the status in the slot: CR_STATUS_NOT_FOUND when no PO matches, CR_STATUS_INVALID_PARAMETER
+ * for a NULL `po`, the PO library's status when the first line is invalid.
  */
 KSPOOL_API MBPOCursor* MBPOFindFirst(MBSession* session, uint32_t dataselection,
                                      const MBPOFilter* filter, struct PO* po,
                                      uint32_t* count) KSPOOL_NOEXCEPT;
 
 /*
- * The next PO. 0; CR_STATUS_NOT_FOUND at the end; CR_STATUS_INVALID_PARAMETER for a NULL argument;
- * the PO library's status, which is in the slot too, for an invalid line: the next call continues
- * with the line after it.
+ * Gets the next PO. Returns 0; CR_STATUS_NOT_FOUND at the end; CR_STATUS_INVALID_PARAMETER for a
+ * NULL argument; for an invalid line the PO library's status, which is in the slot too. The next
+ * call then continues with the line after the invalid one.
  */
 KSPOOL_API uint32_t MBPOFindNext(MBPOCursor* cursor, struct PO* po) KSPOOL_NOEXCEPT;
 
@@ -421,10 +421,10 @@ KSPOOL_API void MBPOFindClose(MBPOCursor* cursor) KSPOOL_NOEXCEPT;
 /* ---- Backup images ---- */
 
 /*
- * Records of backup images on the server. NULL texts that are not refused are sent as empty. The
- * library does not interpret the numbers. Unlike the operations above, these return the event code
- * when the server reports an error, and log no report of it. Texts received are copies that the
- * caller frees. A NULL session gives CR_STATUS_NULL_HANDLE.
+ * Records of backup images on the server. A NULL text is sent as an empty one unless the function
+ * refuses NULL. The library does not interpret the numbers. Unlike the operations above, these
+ * return the event code when the server reports an error, and do not log the error. Texts received
+ * are copies that the caller frees. A NULL session gives CR_STATUS_NULL_HANDLE.
  */
 
 /*
