@@ -11,8 +11,8 @@ namespace {
 
 constexpr uint32_t kModulus = 65521;
 
-/// The most bytes that can be added to reduced sums before the second sum overflows 32 bits, so
-/// that the modulo is taken once for as many bytes.
+/// The most bytes that can be added to reduced sums before the second sum overflows 32 bits: one
+/// modulo per so many bytes is enough.
 constexpr size_t kReduceAfter = 5552;
 
 constexpr uint32_t join(uint32_t first, uint32_t second) {
@@ -34,7 +34,7 @@ __attribute__((target("avx2"))) uint32_t sumOfWords(__m256i words) {
     return static_cast<uint32_t>(_mm_cvtsi128_si32(half));
 }
 
-/// Folds whole steps; the caller folds the rest.
+/// Folds complete steps only; the caller folds the remaining bytes.
 __attribute__((target("avx2"))) uint32_t foldSteps(uint32_t sum, const uint8_t* bytes,
                                                    size_t steps) {
     // The weight of a byte within its half of a step: the first counts 32 times, the last once.

@@ -1,6 +1,6 @@
 // Adler-32, the checksum of cache files: two sums modulo 65521, the first of all bytes, the second
-// of the first sum after each byte. The checksum starts at 1, and folding pieces in turn gives the
-// checksum of the whole.
+// of the values of the first sum after each byte. The checksum starts at 1. Data may be folded in
+// pieces.
 #ifndef KSCACHE_ADLER_H
 #define KSCACHE_ADLER_H
 

@@ -29,8 +29,8 @@ void tell(uint32_t* statuses, size_t i, uint32_t status) {
     if (statuses != nullptr) statuses[i] = status;
 }
 
-/// A batch of one key is a single call, which is shorter than lanes for one key. The status of a
-/// call that was refused is that of the batch.
+/// A batch of one key is a single call, which is faster than lanes for one key. A refused single
+/// call refuses the batch with the same status.
 bool isSingle(const KSCacheKey* keys, size_t count) {
     return count == 1 && keys != nullptr;
 }
@@ -60,8 +60,8 @@ uint32_t KSCacheExistsBatch(KSCache* cache, const KSCacheKey* keys, size_t count
     if (isSingle(keys, count))
         return singleDone(KSCacheExists(cache, keys->fingerprint, keys->type, values), statuses);
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
-    // Counted apart: to the compiler `values` and `statuses` could point at the cache's counters,
-    // which it would store after each key.
+    // Local counters: `values` and `statuses` may alias the counters in the cache, so the compiler
+    // would have to store those after each key.
     LookupCounts counts{};
     lookUp(cache, keys, count, statuses, [=, &counts](KSCacheNode* node, size_t i) {
         return countLookup(counts, node, valueAt(values, i));
@@ -86,9 +86,9 @@ uint32_t KSCacheAddBatch(KSCache* cache, const KSCacheKey* keys, const uint64_t*
     if (const uint32_t bad = checkBatch(cache, keys, count)) return bad;
     if (count != 0 && values == nullptr) return CR_STATUS_INVALID_PARAMETER;
     uint32_t failure = CR_STATUS_OK;
-    // Lanes are not kept across adds: an add changes trees, and its callback may even release pages
-    // (by a compaction), from which a lane would read. So a batch of keys is prefetched first, and
-    // each add then searches anew.
+    // Lanes do not survive an add: an add changes trees, and its callback may even compact the
+    // cache and so release pages that a lane reads. Therefore the paths of many keys are prefetched
+    // first, and each add then searches by itself.
     for (size_t first = 0; first < count; first += kPathsAtOnce) {
         const size_t end = std::min(first + kPathsAtOnce, count);
         if (count > 1) prefetchPaths(cache, keys + first, end - first);

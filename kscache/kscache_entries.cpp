@@ -40,7 +40,7 @@ void unlinkNode(KSCacheNode** link) {
     attach(link, successor);
 }
 
-/// Frees the slot of the node of a link, which is on no list then.
+/// Removes the node of a link from its tree and marks its slot free, without putting it on a list.
 void removeAt(KSCache* cache, KSCacheNode** link) {
     KSCacheNode* node = nodeAt(link);
     unlinkNode(link);

@@ -11,8 +11,8 @@ struct LookupCounts {
     uint64_t misses;
 };
 
-/// The presence test of a search's result: counts the reference, and the hit or miss in a cache or
-/// in the counts of a batch.
+/// The presence test for the result of a search: raises the reference count, and counts the hit or
+/// miss in `counts`, which is a cache or the counters of a batch.
 template <typename Counts>
 uint32_t countLookup(Counts& counts, KSCacheNode* node, uint64_t* valueOut) noexcept {
     if (node == nullptr) {
@@ -25,7 +25,7 @@ uint32_t countLookup(Counts& counts, KSCacheNode* node, uint64_t* valueOut) noex
     return CR_STATUS_OK;
 }
 
-/// The fetch of a search's result: nothing is counted.
+/// The fetch for the result of a search: counts nothing.
 inline uint32_t copyValue(const KSCacheNode* node, uint64_t* valueOut) noexcept {
     if (node == nullptr) return CR_STATUS_NOT_FOUND;
     if (valueOut != nullptr) *valueOut = node->value;

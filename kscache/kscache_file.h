@@ -1,6 +1,6 @@
 // The cache file: a magic header whose value is the Adler-32 checksum of all bytes after it, then
 // one record for each entry, without count, padding or trailer. docs/cache-format.md describes it
-// to the byte. This header has what save, load and replace share.
+// byte by byte. This header has what save, load and replace share.
 #ifndef KSCACHE_FILE_H
 #define KSCACHE_FILE_H
 
@@ -23,15 +23,14 @@ inline constexpr size_t kValueOffset = kTypeOffset + sizeof(KSCacheNode::type);
 inline constexpr size_t kRecordSize = kValueOffset + sizeof(KSCacheNode::value);
 static_assert(kRecordSize == 41);
 
-/// Records are read in blocks of 26 kB, which lie on the caller's stack: larger ones would overflow
-/// small thread stacks. Records are written in larger blocks on the heap, and in such a block when
-/// there is no memory. A call has one block.
+/// Records are read in blocks of 26 kB on the stack: larger ones would overflow small thread
+/// stacks. Records are written in larger blocks from the heap, or in a block of this size when
+/// memory is short. A call uses only one block on the stack.
 inline constexpr size_t kBlockRecords = 640;
 inline constexpr size_t kBlockSize = kBlockRecords * kRecordSize;
 using Block = std::array<char, kBlockSize>;
 
-/// For the functions of files: checks the handle and the path; the status of a bad one is in the
-/// status slot.
+/// Checks the handle and the path of a file function. A failure's status is stored in the slot.
 inline uint32_t checkFileRequest(const KSCache* cache, const char* path) noexcept {
     if (const uint32_t bad = checkHandle(cache)) return bad;
     if (path == nullptr) return storeStatus(CR_STATUS_INVALID_PARAMETER);
@@ -53,8 +52,8 @@ int openToWrite(const char* path, int flags, mode_t mode) noexcept;
 /// one. A failed write does not end it.
 Written writeEntries(const KSCache* cache, int fd, Block& block) noexcept;
 
-/// The checksum of a file at the end of each of its blocks, by which a second pass over the file
-/// recognises a block that has changed.
+/// The running checksum of a file at the end of each block. A second pass over the file compares
+/// them to detect a block that has changed.
 class BlockSums {
   public:
     BlockSums() = default;
@@ -79,12 +78,12 @@ struct CheckedFile {
     BlockSums sums;
 };
 
-/// Reads a file from its header at the current position to its end, and checks the header and the
-/// checksum. On success the file is positioned at its first record. Any other status is in the
-/// status slot.
+/// Reads a file from the header at the current position to the end, and checks header and checksum.
+/// On success the file is positioned at its first record; a failure's status is also stored in the
+/// slot.
 uint32_t checkFile(int fd, const char* path, Block& block, CheckedFile& checked) noexcept;
 
-/// Reads until `length` bytes are there or the file ends. Returns the bytes read, or -1 with errno
+/// Reads `length` bytes, or fewer at the end of the file. Returns the number read, or -1 with errno
 /// set.
 ssize_t readFully(int fd, char* bytes, size_t length) noexcept;
 

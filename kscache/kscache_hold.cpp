@@ -24,7 +24,7 @@ OwnedText linkText(const char* path) {
     return OwnedText(strdup(text));
 }
 
-/// The path to which a link at `path` leads: its text, in the folder of the link unless absolute.
+/// The target of a link at `path`: its text, relative to the folder of the link unless absolute.
 OwnedText followed(const char* path, const char* link) {
     const char* slash = strrchr(path, '/');
     if (*link == '/' || slash == nullptr) return OwnedText(strdup(link));
@@ -32,8 +32,8 @@ OwnedText followed(const char* path, const char* link) {
     return folder != nullptr ? joined(folder.get(), link) : nullptr;
 }
 
-/// Resolves the folder of a path at which there is nothing; ENOENT, as found, for a path that ends
-/// with its folder.
+/// Resolves the folder of a path that does not exist. NULL for a path that ends with a slash, with
+/// errno still ENOENT.
 OwnedText inResolvedFolder(const char* path) {
     const char* slash = strrchr(path, '/');
     const char* name = slash != nullptr ? slash + 1 : path;
@@ -89,7 +89,7 @@ long holderOf(int lock) {
     return pread(lock, text, sizeof text - 1, 0) > 0 ? strtol(text, nullptr, 10) : 0;
 }
 
-/// Without its process id a hold is as good, so that a failure is no one's concern.
+/// The process id is only for messages: a hold works without it, so a failure is only traced.
 void writeHolder(int lock) {
     const ErrnoAndSlotGuard kept;
     char text[kHolderRoom];
@@ -155,7 +155,7 @@ OwnedText resolvedPath(const char* path) noexcept {
     for (int links = 0; now != nullptr && links < kMostLinks; ++links) {
         if (char* whole = realpath(now.get(), nullptr)) return OwnedText(whole);
         if (errno != ENOENT) return {};
-        // Nothing is there, or a link that leads to nothing.
+        // Either nothing exists at the path, or a dangling link.
         const OwnedText link = linkText(now.get());
         if (link == nullptr)
             return errno == ENOENT || errno == EINVAL ? inResolvedFolder(now.get()) : nullptr;
@@ -189,7 +189,7 @@ uint32_t examineFile(const char* function, const char* path, struct stat& found)
     if (found.st_size == 0) return CR_STATUS_OK;
     const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0));
     if (file.get() < 0) return reportFailure(function, path, "open the file");
-    char probe = 0;  // qlxMagicRead() fails alike for a read error and for another file
+    char probe = 0;  // qlxMagicRead() does not tell a read error from a file of another kind
     if (pread(file.get(), &probe, 1, 0) < 0) return reportFailure(function, path, "read the file");
     QLXMagic header{};
     if (qlxMagicRead(file.get(), &header) == kCacheFileType) return CR_STATUS_OK;

@@ -31,8 +31,8 @@ namespace kspool {
 
 inline constexpr uint32_t kHoldMagic = 0x401D;
 
-/// A path with symbolic links resolved, so that the file is replaced and not the link. The file
-/// need not exist, its folder must. NULL with errno set.
+/// A path with symbolic links resolved, so that the file is replaced and not the link. The folder
+/// must exist, the file need not. NULL with errno set on failure.
 OwnedText resolvedPath(const char* path) noexcept;
 
 /// Two texts as one; NULL with errno set when there is no memory.
@@ -66,9 +66,9 @@ class Turn {
 /// since opening a device can have effects.
 uint32_t examineFile(const char* function, const char* path, struct stat& found) noexcept;
 
-/// Takes the lock of a cache file for `hold`, which is released by releaseHold(). Any status but 0
-/// is in the status slot and was logged. A file that would not be replaced is refused before its
-/// lock file is made.
+/// Takes the lock of a cache file for `hold`, which releaseHold() releases. A failure is logged,
+/// and its status stored in the slot. A file that examineFile() refuses is refused before its lock
+/// file is made.
 uint32_t takeHold(const char* function, const char* path, KSCacheHold& hold) noexcept;
 void releaseHold(KSCacheHold& hold) noexcept;
 

@@ -1,4 +1,4 @@
-// The cache's records, and the functions that its source files call of each other.
+// The cache's records, and the functions that its source files share.
 //
 // Thread rule: one thread at a time per cache, lookups included, since they update counters and
 // reference counts. No lock is taken; different caches share no data.
@@ -6,14 +6,14 @@
 //  1. Each slot is in exactly one of: the tree of the root that its key selects (refCount >= 1),
 //     the free list, or the area (refCount 0 in both). Passes over pages recognise used slots by
 //     refCount alone: a free slot still holds the bytes of its last key.
-//  2. The area is the end of the last page, from `areaPointer` on. No other page has one: a page
-//     is only added when the area is used up.
+//  2. The area is the unused end of the last page, from `areaPointer` on. No other page has an
+//     area, since a page is added only when the area is used up.
 //  3. A search for the key of a node ends at that node (kscache_tree.h has the invariants of a
 //     tree). So a key is in one node at most.
 //  4. Every page has `areaSize` slots. `areaSize`, `bits` and `mask` change only in cacheInit(),
 //     when there are no pages.
-//  5. A node keeps its address as long as its entry lives, except in KSCacheReclaim(), which
-//     `busy` keeps out while a walk is under way.
+//  5. A node keeps its address as long as its entry lives. Only compaction moves nodes, and `busy`
+//     prevents compaction during a walk.
 //  6. The counters are exact: `cachedItems` nodes in the trees, `freeListCount` on the free list,
 //     `nodesAvailable` in the area. `KSCachePage::freeCount` alone is not (see there).
 #ifndef KSCACHE_INT_H
@@ -34,9 +34,9 @@
 struct KSCachePage {
     uint64_t size;    ///< length in bytes
     uint32_t locked;  ///< 1: locked into memory
-    /// For reports only, and not exact: areaSize - 1 at first, one less for each slot that the area
-    /// issues, unchanged by deletion; compaction sets it to areaSize less the used slots, which
-    /// counts the header as free.
+    /// For reports only, and not exact: areaSize - 1 at first, decremented for each slot taken from
+    /// the area, unchanged by deletion. Compaction sets it to areaSize minus the used slots, which
+    /// counts the header as a free slot.
     uint32_t freeCount;
     KSCachePage* prev;
     KSCachePage* next;
@@ -44,12 +44,12 @@ struct KSCachePage {
 };
 
 /// A cache: a hash table of 2^bits roots, each the root of a binary search tree whose nodes are
-/// slots of the pages. The settings (`lockPages`, `areaSize`, `bits`, callback) survive a reset,
-/// all other fields start anew. The area serves new entries in address order; the free list is a
-/// stack of deleted ones, so that a slot that is still in the processor's cache is used first.
+/// slots of the pages. A reset keeps the settings (`lockPages`, `areaSize`, `bits`, callback) and
+/// reinitialises all other fields. The area hands out slots in address order. The free list is a
+/// stack, so that the slot freed last, probably still in the processor's cache, is reused first.
 struct KSCache {
     uint32_t magic;
-    uint32_t busy;            ///< 1: a walk is under way, memory must stay where it is
+    uint32_t busy;            ///< 1: a walk is under way, so nodes must not move
     KSCacheNode** roots;      ///< links with Bloom marks; on the heap, or &inlineRoot
     KSCacheNode* inlineRoot;  ///< a table of one root, for when no other could be allocated
     uint32_t mask;            ///< 2^bits - 1
@@ -64,7 +64,7 @@ struct KSCache {
     uint32_t lockPages;
     uint32_t areaSize;  ///< slots per page, the header's included
     uint32_t bits;
-    uint32_t moves;        ///< compactions and resets, each of which ends walks by KSCacheNext()
+    uint32_t moves;        ///< compactions and resets: each invalidates walks by KSCacheNext()
     uint64_t cacheSize;    ///< bytes of all pages
     uint64_t cachedItems;  ///< nodes in the trees
     uint64_t hits;
@@ -85,16 +85,16 @@ inline constexpr uint64_t kNodeSize = sizeof(KSCacheNode);
 /// The source file that failed system calls are reported under.
 inline constexpr char kSourceFile[] = "../kscache";
 
-/// (Re)initialises a handle whose settings hold the wanted values: rounds them, makes the root
-/// table and clears everything else. Pages are not released: the caller has done so before.
+/// (Re)initialises a cache: rounds its settings, makes the root table and clears all other fields.
+/// REQUIRES: the settings are set, and the pages released.
 void cacheInit(KSCache* cache) noexcept;
 
 /// Unlocks and unmaps every page of a page list.
 void cacheRelease(KSCachePage* firstPage) noexcept;
 
 /// Takes one slot for a node, from the free list, the area or a new page. The slot still holds the
-/// bytes of its last entry. NULL with the status in the status slot when no page can be mapped;
-/// only `disabled` has changed then.
+/// bytes of its last entry. When no page can be mapped, returns NULL with the status in the slot
+/// and changes nothing but `disabled`.
 KSCacheNode* newnode(KSCache* cache) noexcept;
 
 /// Unlocks and unmaps the last page of a cache and takes it off the page list. The area and the
@@ -106,14 +106,14 @@ inline std::span<KSCacheNode> slotsOf(KSCachePage* page) noexcept {
     return {reinterpret_cast<KSCacheNode*>(page) + 1, page->end};
 }
 
-/// Puts a slot on the free list, to be taken next. Its refCount and `lower` are cleared already.
+/// Puts a slot at the head of the free list. REQUIRES: its refCount and `lower` are cleared.
 inline void pushFree(KSCache* cache, KSCacheNode* slot) noexcept {
     slot->higher = cache->freeList;
     cache->freeList = slot;
     ++cache->freeListCount;
 }
 
-/// Builds a free list anew, from its head on; the old one is forgotten. Complete after finish().
+/// Replaces the free list by a new one, built from its head on. Complete after finish().
 class FreeListBuilder {
   public:
     explicit FreeListBuilder(KSCache* cache) noexcept : cache_(cache), end_(&cache->freeList) {
@@ -131,15 +131,15 @@ class FreeListBuilder {
     KSCacheNode** end_;
 };
 
-/// KSCacheReclaim(). `listed` is NULL, or has linked every free slot except those of the area, in
-/// the order of pages and slots, which saves a pass over the pages.
+/// KSCacheReclaim(). `listed` is NULL, or has already linked every free slot outside the area, in
+/// the order of pages and slots; this saves a pass over the pages.
 void compact(KSCache* cache, FreeListBuilder* listed) noexcept;
 
-/// Takes a node out of its tree and makes its slot a free one that is on no list yet. False, with
-/// nothing changed, for a node that is in no tree (a broken cache).
+/// Removes a node from its tree and marks its slot free, without putting it on a list. False, with
+/// nothing changed, for a node that is in no tree (a corrupt cache).
 bool removeNode(KSCache* cache, KSCacheNode* node) noexcept;
 
-/// 0 for a valid handle, else its status, which is then in the status slot too.
+/// 0 for a valid handle, else a status, which is also stored in the slot.
 inline uint32_t checkHandle(const KSCache* cache) noexcept {
     if (cache == nullptr) return storeStatus(CR_STATUS_NULL_HANDLE);
     if (cache->magic != kCacheMagic) return storeStatus(CR_STATUS_BAD_HANDLE);

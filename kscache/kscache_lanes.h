@@ -4,7 +4,7 @@
 // A search is a chain of dependent loads (root, node, next node), each of which may miss the
 // processor's caches. Chains of different keys are independent. For each key i that is answered,
 // key i + 96 prefetches its root, i + 72 reads the root and prefetches its first node, i + 48
-// compares and prefetches the next node, i + 24 does so again if it must. A lane is the state of
+// compares and prefetches the next node, i + 24 does so again if needed. A lane is the state of
 // one key between these stages. Up to 96 keys take each stage together, before the next stage: a
 // pipeline that is never full costs more to fill and to empty than it saves.
 //
@@ -48,9 +48,9 @@ class Lanes {
     Lanes(const Lanes&) = delete;
     Lanes& operator=(const Lanes&) = delete;
 
-    /// Calls `act(i, node)` for each key in turn. `node` is where the key's search has arrived:
-    /// NULL if it has ended without the key, otherwise the node at which findBelow() goes on. Only
-    /// an action that leaves the trees as they are may use `node`, and none may release a page.
+    /// Calls `act(i, node)` for each key in turn. `node` is NULL if the search has ended without
+    /// the key, otherwise the node at which findBelow() continues the search. An action that
+    /// changes the trees must not use `node`, and no action may release a page.
     template <typename Act>
     void follow(Act act) noexcept {
         if (count_ <= kFilled)
@@ -61,7 +61,7 @@ class Lanes {
 
   private:
     static constexpr size_t kStages = 4;
-    /// Keys between two stages of one key: enough work for a prefetch to arrive meanwhile.
+    /// Distance between two stages, in keys: enough work for a prefetch to arrive.
     static constexpr size_t kAhead = 24;
     /// Keys under way at once when the pipeline is full.
     static constexpr size_t kFilled = kStages * kAhead;
@@ -110,7 +110,7 @@ class Lanes {
         }
     }
 
-    /// One round of all stages for the first and last keys, when some stages are empty.
+    /// One round of all stages, for the first and last keys, when some stages are empty.
     void advance(size_t i) {
         // i - kAhead wraps around for small i and fails this test.
         const auto isKey = [&](size_t number) { return number < count_; };
@@ -154,8 +154,8 @@ class Lanes {
         KSCacheNode* next = __builtin_bswap64(head) < __builtin_bswap64(ours) ? higher : lower;
         goTo(lane(i), head == ours ? node : orEnd(next));
     }
-    /// A second step, for the few keys whose search has not ended. This branch is usually predicted
-    /// right, while a second step for all keys would cost more than it saves.
+    /// A second step, for the few keys whose search has not ended. The branch is usually predicted
+    /// correctly; an unconditional second step would cost more than it saves.
     void stepAgain(size_t i) noexcept {
         const KSCacheNode* node = lane(i).node;
         if (node == &end_ || digestWord(node->fingerprint, 0) == lane(i).head) [[likely]]
@@ -184,11 +184,11 @@ class Lanes {
 /// are still in the processor's caches when the last key is acted on.
 inline constexpr size_t kPathsAtOnce = 256;
 
-/// Prefetches the roots and nodes that searches for some keys are going to read. The searches are
-/// the caller's, who may then change the trees and release pages.
+/// Prefetches the roots and nodes that searches for these keys will read. The caller then makes the
+/// searches, and may change the trees and release pages meanwhile.
 inline void prefetchPaths(const KSCache* cache, const KSCacheKey* keys, size_t count) noexcept {
-    // A prefetch is not a side effect to the compiler, which would treat this function as pure and
-    // drop the call; an empty volatile asm keeps it.
+    // The compiler does not count a prefetch as a side effect and would drop the call as pure; an
+    // empty volatile asm keeps it.
     Lanes<Purpose::kChange>(cache, keys, count).follow([](size_t, const KSCacheNode*) {
         asm volatile("");
     });

@@ -22,7 +22,7 @@ namespace {
 
 constexpr uint64_t kMebibyte = uint64_t{1} << 20;
 
-/// All entries with a reference count up to `highest` are dropped.
+/// Entries with a reference count up to `highest` are dropped.
 struct Threshold {
     uint64_t highest;
     uint64_t bytesKept;  ///< by the entries above it
@@ -44,8 +44,8 @@ Threshold findThreshold(const KSCache* cache, uint64_t budget) {
     return {count, kept * kNodeSize, cache->cachedItems - kept};
 }
 
-/// The pass over all slots that drops entries. It gathers slots, so that the trees of a whole batch
-/// are prefetched before the first of its entries is dropped.
+/// The pass over all slots that drops entries. Slots are gathered into batches, so that the trees
+/// of a batch are prefetched before its first entry is dropped.
 class Dropping {
   public:
     /// `list` is NULL, or links the free slots in order.
@@ -138,8 +138,7 @@ uint64_t KSCachePrune(KSCache* cache) noexcept {
     if (checkIdle(cache) != CR_STATUS_OK) return 0;
     KS_TRACE("KSCachePrune: before: %lu nodes on free list",
              static_cast<unsigned long>(cache->freeListCount));
-    // A delete frees its slot at once, so no slot is used without an entry: there is nothing to
-    // prune, and only the two traces are left of it.
+    // A delete frees its slot at once, so there is nothing to prune; only the two traces remain.
     KS_TRACE("KSCachePrune: after: %lu nodes on free list",
              static_cast<unsigned long>(cache->freeListCount));
     return cache->freeListCount;

@@ -1,7 +1,7 @@
-// Load: a cache file is read twice, once to check it as a whole and once to add its records, so
-// that a damaged file adds none of them. The second pass reads the same blocks, and compares the
-// checksum at the end of each with that of the first: a file that changes in between would
-// otherwise add records that nobody has checked.
+// Load: a cache file is read twice, first to check all of it, then to add its records, so that a
+// damaged file adds none. The second pass reads the same blocks and compares the running checksum
+// at the end of each with that of the first pass: a file that changes in between would otherwise
+// add unchecked records.
 #include <fcntl.h>
 #include <poll.h>
 
@@ -55,7 +55,8 @@ uint32_t checksumRest(int fd, Block& block, CheckedFile& checked) {
 
 }  // namespace
 
-/// The position after the header is asked for, since its length is the platform library's.
+/// The position of the first record is queried, since the platform library decides how long a
+/// header is.
 uint32_t checkFile(int fd, const char* path, Block& block, CheckedFile& checked) noexcept {
     QLXMagic header{};
     if (qlxMagicRead(fd, &header) != kCacheFileType) {

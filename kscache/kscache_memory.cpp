@@ -20,12 +20,12 @@
 namespace kspool {
 namespace {
 
-/// The free address span that is searched for when a cache maps its first page. It has room for 900
-/// million nodes; a cache that outgrows it goes on above it, or wherever the system maps.
+/// The size of the free address span that is searched for when a cache maps its first page: room
+/// for 900 million nodes. A cache that outgrows it continues above, or wherever the system maps.
 constexpr uint64_t kAddressSpan = uint64_t{64} << 30;
 
-/// NULL with errno set when it fails, also for a mapping at address 0, which callers could not tell
-/// from a failure.
+/// mmap() of anonymous memory; NULL with errno set on failure. A mapping at address 0 counts as a
+/// failure, since callers could not tell them apart.
 void* mapMemory(void* hint, uint64_t length, int protection, int extraFlags) {
     void* memory = mmap(hint, length, protection, MAP_PRIVATE | MAP_ANONYMOUS | extraFlags, -1, 0);
     if (memory == MAP_FAILED) return nullptr;
@@ -42,7 +42,7 @@ char* firstBoundary(void* address, uint64_t multiple) {
     return static_cast<char*>(address) + (roundUp(number, multiple) - number);
 }
 
-/// Bytes of addresses that the process uses; UINT64_MAX when the system does not tell.
+/// The size of the process's address space in use; UINT64_MAX when it cannot be read.
 uint64_t addressesUsed() {
     char text[64] = "";
     const Descriptor file(open("/proc/self/statm", O_RDONLY | O_CLOEXEC, 0));
@@ -50,17 +50,17 @@ uint64_t addressesUsed() {
     return strtoull(text, nullptr, 10) * systemPageSize();
 }
 
-/// The base of a free span of addresses, or NULL. It is reserved and given back at once: this is
-/// only a place where pages can ascend for long, and a lasting reservation would count against the
-/// process's address-space limit.
+/// The base of a free address span, or NULL. The span is reserved and unmapped at once: only its
+/// address matters, as a place with room for ascending pages, and a lasting reservation would count
+/// against the process's address-space limit.
 void* freeSpanOf(uint64_t length) {
     void* base = mapMemory(nullptr, length, PROT_NONE, MAP_NORESERVE);
     if (base != nullptr) munmap(base, length);
     return base;
 }
 
-/// A large span, halved until it can be had. With an address-space limit, one of at most a
-/// sixteenth of what is left is tried: more could make mappings of other threads fail meanwhile.
+/// A large free span, halved until one is found. Under an address-space limit, only a sixteenth of
+/// what is left is tried: a larger reservation could make mappings of other threads fail.
 void* freeSpan(uint64_t atLeast) {
     const ErrnoAndSlotGuard kept;
     rlimit limit{};
@@ -77,7 +77,7 @@ void* freeSpan(uint64_t atLeast) {
 }
 
 /// Populates a page at once, with huge pages where they fit. Otherwise the first touch of each
-/// 4 KiB is a page fault, and these faults take most of the time of an add.
+/// 4 KiB would be a page fault, and these faults would take most of the time of an add.
 void populate(void* memory, uint64_t length) {
     adviseHugePages(memory, roundUp(length, systemPageSize()));
     if (length > kPopulatedAtOnce) return;
@@ -85,8 +85,8 @@ void populate(void* memory, uint64_t length) {
     madvise(memory, length, MADV_POPULATE_WRITE);
 }
 
-/// An address above all pages of a cache, rounded up to a system page, or to a huge page for pages
-/// as large: pages rarely end on such a boundary. NULL (no hint) when no span is free.
+/// An address above all pages of a cache, rounded up to a system page boundary, or for pages of
+/// 2 MiB and more to a huge page boundary. NULL (no hint) when no span is free.
 void* hintAbove(void* lastEnd, uint64_t length) {
     void* above = lastEnd != nullptr ? lastEnd : freeSpan(length);
     const bool huge = roundUp(length, systemPageSize()) >= kHugePageSize;

@@ -24,20 +24,20 @@ constexpr uint64_t roundUp(uint64_t value, uint64_t multiple) noexcept {
     return (value + multiple - 1) & ~(multiple - 1);
 }
 
-/// Maps zeroed memory, above `lastEnd` if the system honours the address hint. Compaction moves
-/// nodes to lower addresses only, and Linux by itself maps at descending addresses, so that without
-/// the hint the last page would be the lowest and no node could move. Any other address works as
-/// well. `lastEnd` is NULL for the first page of a cache. NULL with errno set on failure.
+/// Maps zeroed memory, above `lastEnd` (NULL: the first page of a cache) if the system honours the
+/// address hint. Compaction moves nodes to lower addresses only, and Linux by default maps at
+/// descending addresses: without the hint the last page would be the lowest and no node could move.
+/// Everything else works at any address. NULL with errno set on failure.
 void* mapAbove(void* lastEnd, uint64_t length) noexcept;
 
-/// Advises huge pages (2 MiB) for memory that holds at least one whole, aligned huge page. A random
-/// lookup then needs one TLB entry for 2 MiB instead of one for 4 KiB. `length` may include the
-/// rest of the last system page: 29,127 slots are 8 bytes short of a huge page, yet their mapping
-/// fills one.
+/// Advises huge pages (2 MiB) for memory that contains at least one aligned huge page. Random
+/// lookups then need one TLB entry per 2 MiB instead of one per 4 KiB. `length` may include the
+/// rest of the last system page: 29,127 slots are 8 bytes short of a huge page, but their mapping
+/// fills it.
 void adviseHugePages(void* memory, uint64_t length) noexcept;
 
-/// Moves the populated memory of a huge page's range, which begins on its boundary, into one huge
-/// page. Takes Linux 6.1; where it cannot be done, nothing changes.
+/// Collapses the populated small pages of an aligned 2 MiB range into one huge page. Needs Linux
+/// 6.1; a failure changes nothing.
 void collapseHugePage(uintptr_t range) noexcept;
 
 }  // namespace kspool

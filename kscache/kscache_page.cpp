@@ -3,12 +3,12 @@
 //
 // Thread rule: one thread at a time per cache (kscache_int.h).
 // Invariants:
-//  1. The free list comes first, then the area, then a new page: the area is handed out only while
-//     the free list is empty, and a page is mapped only when both are.
-//  2. A page that cannot be mapped changes nothing but `disabled`, so that the add fails and the
-//     cache works on. A page that cannot be locked is used unlocked.
-//  3. Only the last page of the list is ever released alone: the area lies in it, and compaction
-//     empties pages from the end.
+//  1. Slots come from the free list, then from the area, then from a new page: the area is used
+//     only while the free list is empty, and a page is mapped only when both are empty.
+//  2. A failed mapping changes nothing but `disabled`: the add fails and the cache remains usable.
+//     A page that cannot be locked is used unlocked.
+//  3. Single pages are released only from the end of the list, since compaction empties pages from
+//     there. The last page contains the area, so the caller rebuilds it.
 #include <sys/mman.h>
 
 #include <cstring>
@@ -19,8 +19,8 @@
 namespace kspool {
 namespace {
 
-/// Maps a page and fills its header; the rest of the header and all slots are 0, as mapped memory
-/// is. NULL with errno set when there is no memory.
+/// Maps a page and fills in its header. Other header fields and all slots are 0, since mapped
+/// memory is zeroed. NULL with errno set when there is no memory.
 KSCachePage* mapPage(const KSCache* cache) {
     const uint64_t length = cache->areaSize * kNodeSize;
     void* memory = mapAbove(cache->lastPage != nullptr ? cache->lastPage->end : nullptr, length);
@@ -42,7 +42,7 @@ void lockPage(KSCachePage* page) {
                strerror(errno));
 }
 
-/// Unlocks a locked page; false when that fails.
+/// Unlocks a page if it is locked; false on failure.
 bool unlockPage(const KSCachePage* page) {
     if (page->locked == 0) return true;
     auto* memory = const_cast<KSCachePage*>(page);
@@ -56,7 +56,7 @@ bool unlockPage(const KSCachePage* page) {
     return true;
 }
 
-/// Stores the status of a failed mapping. It is reported once until a mapping succeeds again, or
+/// Stores the status of a failed mapping, and logs it unless the last mapping failed too: otherwise
 /// every add to a full cache would log an error.
 void reportNoPage(KSCache* cache) {
     const uint32_t status = storeSystemError("newnode", kSourceFile);
@@ -93,9 +93,9 @@ uintptr_t endOf(const KSCachePage* page) {
     return roundUp(startOf(page) + page->size, systemPageSize());
 }
 
-/// Pages below 2 MiB are populated with small system pages. When a new page completes the range of
-/// a huge page, which it shares with the pages before it, the range is collapsed into one: random
-/// lookups then need a TLB entry for 2 MiB and not one for each 4 KiB.
+/// Pages below 2 MiB are populated with small system pages. When a new page and the pages before it
+/// together fill an aligned 2 MiB range, the range is collapsed into a huge page: random lookups
+/// then need one TLB entry per 2 MiB instead of one per 4 KiB.
 void collapseShared(const KSCachePage* page) {
     if (page->size > kPopulatedAtOnce) return;
     const uintptr_t end = endOf(page) & ~(kHugePageSize - 1);
@@ -107,8 +107,8 @@ void collapseShared(const KSCachePage* page) {
     collapseHugePage(end - kHugePageSize);
 }
 
-/// Makes a new page the last one and its slots the area; false, with the status stored and
-/// reported, when it cannot be mapped.
+/// Appends a new page, whose slots become the area; false, with the status stored and reported,
+/// when it cannot be mapped.
 bool addPage(KSCache* cache) {
     KSCachePage* page = mapPage(cache);
     if (page == nullptr) {

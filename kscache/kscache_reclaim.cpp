@@ -9,12 +9,12 @@
 // since a walk holds the address of a slot.
 //
 // Invariants:
-//  1. A node moves only to a page at a lower address than its own, so that compaction always ends
-//     and no two moves undo each other.
-//  2. Between moves, each entry is in exactly one slot, and its tree leads there: a node is copied
-//     before its link is changed, and its old slot is free (refCount 0) but on no list.
-//  3. From stage 1 to stage 4 the area is void: its slots are on the free list, and `areaPointer`
-//     and `nodesAvailable` are not used. newnode() must not run in between.
+//  1. A node moves only to a page at a lower address than its own. So no move undoes another, and
+//     compaction always ends.
+//  2. Between moves, each entry is in exactly one slot, and its tree links to that slot: a node is
+//     copied before its link is changed, and its old slot is free (refCount 0) but on no list.
+//  3. From stage 1 to stage 4 the area is invalid: its slots are on the free list, and
+//     `areaPointer` and `nodesAvailable` are not used. newnode() must not run in between.
 //  4. After stage 4 the invariants of kscache_int.h hold again.
 #include <algorithm>
 #include <array>
@@ -38,7 +38,7 @@ unsigned long freeNodes(const KSCache* cache) {
     return cache->freeListCount;
 }
 
-/// Resident memory of the process, in the 32 bits that the messages print.
+/// Resident memory of the process, truncated to the 32 bits that the messages print.
 uint32_t residentMemory() {
     return static_cast<uint32_t>(OSGetRSS());
 }
@@ -61,17 +61,17 @@ void traceCounts(const KSCache* cache, const KSCachePage* page, uint32_t used) {
     KS_TRACE("Page free count   : %i", static_cast<int>(page->freeCount - 1));
 }
 
-/// Pushes the free slots of a range on the free list, from the last to the first, so that the
-/// lowest is at the head.
+/// Pushes the free slots of a range on the free list, last slot first, so that the lowest ends up
+/// at the head.
 void pushFreeSlots(KSCache* cache, std::span<KSCacheNode> slots) {
     for (auto slot = slots.rbegin(); slot != slots.rend(); ++slot) {
         if (!isUsed(*slot)) pushFree(cache, &*slot);
     }
 }
 
-/// Stage 1: links every free slot, those of the area included, from the first page's lowest at the
-/// head of the list to the last page's highest. So the head is always the first free slot, the
-/// target of the next move. A list without the area's slots, which are the last, is completed.
+/// Stage 1: links every free slot, including those of the area, in the order of pages and slots. So
+/// the head of the list is always the first free slot, the target of the next move. If `listed` has
+/// linked all slots but those of the area, which come last, only these are added.
 void rebuildFreeList(KSCache* cache, FreeListBuilder* listed) {
     if (listed != nullptr) {
         for (KSCacheNode& slot : std::span(cache->areaPointer, cache->nodesAvailable))
@@ -88,8 +88,8 @@ void rebuildFreeList(KSCache* cache, FreeListBuilder* listed) {
     list.finish();
 }
 
-/// Whether a node of a page can move: the head of the free list must lie below the page; if not,
-/// this is traced and stage 2 ends.
+/// Whether a node of a page can move: the head of the free list must be at a lower address than the
+/// page. If not, this is traced and stage 2 ends.
 bool canMove(const KSCache* cache, const KSCachePage* page, const KSCacheNode* node) {
     const auto* target = reinterpret_cast<const KSCachePage*>(cache->freeList);
     if (target != nullptr && target < page) return true;
@@ -100,9 +100,8 @@ bool canMove(const KSCache* cache, const KSCachePage* page, const KSCacheNode* n
     return false;
 }
 
-/// Moves a node, with its links, into the first free slot, and makes the link that led to it lead
-/// there. A node that is in no tree (a broken cache) is dropped: its target stays free, and false
-/// is returned.
+/// Moves a node, with its links, into the first free slot, and updates the link to the node. A node
+/// that is in no tree (a corrupt cache) is dropped: its target stays free, and false is returned.
 bool moveNode(KSCache* cache, KSCacheNode* node) {
     KSCacheNode* target = cache->freeList;
     cache->freeList = target->higher;
@@ -124,13 +123,13 @@ bool moveNode(KSCache* cache, KSCacheNode* node) {
 }
 
 /// The used slots of a page from its end downwards, in batches whose trees and targets are
-/// prefetched. One object serves all pages: the targets ascend from page to page, and a search for
-/// them that began at the first page each time would make compaction quadratic.
+/// prefetched. One object serves all pages, because it remembers where the next targets are: a
+/// search for targets that started at the first page each time would make compaction quadratic.
 class NodesToMove {
   public:
     explicit NodesToMove(const KSCache* cache) : front_(cache->firstPage) {}
 
-    /// The next batch from the end of `slots`, which is cut to the slots below the batch.
+    /// Takes the next batch from the end of `slots`, which is shortened accordingly.
     std::span<KSCacheNode* const> take(const KSCache* cache, std::span<KSCacheNode>& slots) {
         size_t count = 0;
         for (; !slots.empty() && count < nodes_.size(); slots = slots.first(slots.size() - 1)) {
@@ -165,7 +164,7 @@ class NodesToMove {
 /// How far stage 2 came.
 struct Relocation {
     const KSCachePage* reached = nullptr;
-    bool dropped = false;  ///< a node was in no tree, and a free slot was skipped for it
+    bool dropped = false;  ///< a node was in no tree; the free slot meant for it stays unused
 };
 
 /// Moves nodes off a page, from its last slot down. Returns false when no more can move; `used` is
@@ -183,8 +182,8 @@ bool emptyPage(KSCache* cache, KSCachePage* page, NodesToMove& next, uint32_t& u
     return true;
 }
 
-/// Stage 2, from the last page backwards, until the pages from behind and the free slots from the
-/// front meet.
+/// Stage 2: takes pages from the last backwards and free slots from the first onwards, until they
+/// meet.
 Relocation relocateNodes(KSCache* cache) {
     Relocation relocation;
     NodesToMove next(cache);
@@ -204,8 +203,8 @@ Relocation relocateNodes(KSCache* cache) {
     return relocation;
 }
 
-/// Stage 3: releases the empty pages at the end of the list. Their slots are counted again, since
-/// only the pages that stage 2 reached have current counts.
+/// Stage 3: releases the empty pages at the end of the list. Used slots are counted again, since
+/// only pages that stage 2 reached have current counts.
 void releaseEmptyPages(KSCache* cache) {
     int freed = 0;
     while (cache->lastPage != nullptr && countSlots(cache, cache->lastPage) == 0) {
@@ -239,9 +238,9 @@ void resetArea(KSCache* cache) {
         static_cast<int>(cache->nodesAvailable));
 }
 
-/// After stage 2: the number of pages at the beginning of the list that are full, so that stage 4
-/// need not pass over them. They end before the page of the first slot that is still free, or
-/// before the page that stage 2 reached, from which on it has emptied slots.
+/// After stage 2: the number of full pages at the beginning of the list, which stage 4 can skip.
+/// The first page that is not full has the first free slot, or is the page that stage 2 reached
+/// last: stage 2 has emptied slots from that page on.
 uint32_t countFullPages(const KSCache* cache, const Relocation& relocation) {
     uint32_t full = 0;
     if (relocation.dropped) return full;
@@ -252,8 +251,8 @@ uint32_t countFullPages(const KSCache* cache, const Relocation& relocation) {
     return full;
 }
 
-/// Stage 4: the area, and a free list of all other free slots, the lowest at its head. A cache
-/// without pages is initialised anew.
+/// Stage 4: resets the area, and rebuilds the free list from all other free slots, the lowest at
+/// its head. A cache without pages is reinitialised.
 void rebuildAreaAndFreeList(KSCache* cache, uint32_t fullPages) {
     KSCachePage* page = cache->lastPage;
     if (page == nullptr) {

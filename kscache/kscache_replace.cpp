@@ -1,6 +1,6 @@
-// Replace: a save that survives. The new file is made, synced and read back beside the old one, and
-// takes its name by rename(), under the lock of the file (kscache_hold.h). Whatever fails before
-// the rename leaves the old file as it was.
+// Replace: an atomic, durable save. Under the lock of the file (kscache_hold.h), a new file is
+// written beside the old one, synced, read back and renamed over the old one. A failure before the
+// rename leaves the old file unchanged.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -16,8 +16,8 @@ namespace {
 
 constexpr char kFunction[] = "KSCacheReplaceFile";
 
-/// The new file until it is placed: removed at the end unless it was. Its descriptor is closed
-/// first, since some file systems keep a removed file that is open.
+/// The new file. The destructor removes it unless place() has renamed it, and closes it first,
+/// since some file systems keep a removed file while it is open.
 class NewFile {
   public:
     explicit NewFile(OwnedText path) : path_(std::move(path)) {}
@@ -29,7 +29,7 @@ class NewFile {
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    /// One that an interrupted call left behind is removed: nobody else writes it, under the lock.
+    /// Removes a file that an interrupted call left behind. The lock keeps others from writing it.
     bool removeLeftOver() const { return qlx_unlink(path()) == 0 || errno == ENOENT; }
     bool make() {
         constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
@@ -51,7 +51,7 @@ class NewFile {
     bool mustGo_ = false;
 };
 
-/// Owner, group and mode are those of the file that is replaced.
+/// Gives the new file owner, group and mode of the old one.
 bool giveAccess(int fd, const struct stat& old) {
     struct stat now {};
     if (fstat(fd, &now) != 0) return false;
@@ -99,8 +99,8 @@ class Replacement {
         return open(folder.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
     }
 
-    /// A rename that is not synced may be undone by a power cut. Some file systems cannot sync a
-    /// folder at all, and say so.
+    /// Without this sync a power cut may undo the rename. File systems that cannot sync a folder
+    /// return EINVAL or ENOTSUP, which is not a failure.
     uint32_t syncFolder(int folder) const {
         if (fsync(folder) == 0 || errno == EINVAL || errno == ENOTSUP) return CR_STATUS_OK;
         return failed("sync the folder (the change is made)");
@@ -123,7 +123,7 @@ class Replacement {
         return new_.place(target_) ? uint32_t{CR_STATUS_OK} : failed("rename the new file");
     }
 
-    /// Reads the new file back: a disk may accept what it does not keep.
+    /// Reads the new file back: a disk may accept bytes that it then does not keep.
     uint32_t verify(const Written& written, Block& block) const {
         if (lseek(new_.fd(), 0, SEEK_SET) != 0) return failed("read the new file back");
         CheckedFile checked;
@@ -136,7 +136,7 @@ class Replacement {
                       "the new file is not what was written, nothing is replaced");
     }
 
-    /// For an empty cache there is no file.
+    /// An empty cache leaves no file.
     uint32_t removeTarget() const {
         if (!isThere() || qlx_unlink(target_) == 0) return CR_STATUS_OK;
         return failed("remove the file of an empty cache");
@@ -148,7 +148,7 @@ class Replacement {
     struct stat old_ {};
 };
 
-/// Whether a hold is one of this file.
+/// CR_STATUS_OK if the hold is one of this file.
 uint32_t checkHold(const char* path, const KSCacheHold& hold) {
     if (hold.magic != kHoldMagic) return storeStatus(CR_STATUS_BAD_HANDLE);
     const OwnedText resolved = resolvedPath(path);

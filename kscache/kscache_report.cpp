@@ -15,8 +15,8 @@ double megabytes(uint64_t bytes) {
     return static_cast<double>(bytes) / kMegabyte;
 }
 
-/// A fingerprint as text, valid as long as the object: to the end of the full expression if it is a
-/// temporary.
+/// A fingerprint as text. The text is valid as long as the object: for a temporary, to the end of
+/// the full expression.
 class FingerprintText {
   public:
     explicit FingerprintText(const KSCacheNode& node)
@@ -44,8 +44,8 @@ FILE* outputTo(FILE* stream) {
 }
 
 /// The stack of an in-order traversal: the ancestors of the current node that are still to be
-/// printed, the nearest on top. It is on the heap. When it cannot grow, each ancestor is searched
-/// from the root of the tree instead, which is slow in a deep tree but complete.
+/// printed, the nearest on top. It is on the heap. If it cannot grow, each further ancestor is
+/// found by a search from the root of the tree: slow in a deep tree, but complete.
 class NodesAbove {
   public:
     explicit NodesAbove(const KSCacheNode* top) : top_(top) {}
@@ -99,7 +99,7 @@ const KSCacheNode* descend(const KSCacheNode* node, NodesAbove& above) {
     return node;
 }
 
-/// A tree from its highest entry to its lowest.
+/// Prints a tree from its highest entry to its lowest.
 void dumpSorted(FILE* stream, const KSCacheNode* top) {
     NodesAbove above(top);
     const KSCacheNode* node = descend(top, above);

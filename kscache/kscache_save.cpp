@@ -13,7 +13,7 @@
 namespace kspool {
 namespace {
 
-/// Writes all bytes; a short or interrupted write is continued. Returns 0, or errno.
+/// Writes all bytes; continues after a short or interrupted write. Returns 0, or errno.
 int writeAll(int fd, const char* bytes, size_t length) {
     while (length > 0) {
         const ssize_t written = write(fd, bytes, length);
@@ -60,12 +60,12 @@ class RecordWriter {
     Written written_{0, kAdlerStart, 0};
 };
 
-/// Records of a block on the heap. On ext4 writes of 670 kB take a third of the time that writes of
-/// 26 kB take for as many bytes (docs/internals/cache-memory.md).
+/// Records of a block on the heap. On ext4, writing the same bytes in blocks of 670 kB takes a
+/// third of the time of blocks of 26 kB (docs/internals/cache-memory.md).
 constexpr size_t kHeapRecords = 16384;
 
-/// Has the file system find room for the file at once, instead of piece by piece while the file
-/// grows. Only advice: some file systems cannot, and a full one is met by the writes.
+/// Lets the file system allocate the file at once instead of piece by piece as it grows. Errors are
+/// ignored: some file systems cannot, and on a full one the writes fail.
 void reserveRoom(const KSCache* cache, int fd) {
     const ErrnoAndSlotGuard kept;
     const auto records = static_cast<off_t>(cache->cachedItems * kRecordSize);
@@ -107,8 +107,8 @@ using namespace kspool;
 
 namespace {
 
-/// Gives back what reserveRoom() got for records that could not be written. The bytes of the file
-/// stay as they are.
+/// Frees disk space that reserveRoom() allocated for records that could not be written. The
+/// contents of the file do not change.
 void giveBackRoom(int fd) {
     const off_t length = lseek(fd, 0, SEEK_END);
     [[maybe_unused]] const int ignored = length >= 0 ? ftruncate(fd, length) : 0;

@@ -1,10 +1,10 @@
 // The life of a cache: create, reset, destroy, statistics.
 //
-// Thread rule: one thread at a time per cache (kscache_int.h); KSCacheStats() reads counters that
-// lookups update, so it is no exception.
+// Thread rule: one thread at a time per cache (kscache_int.h). This includes KSCacheStats(), which
+// reads counters that lookups update.
 // Invariants:
-//  1. The settings are rounded once, in cacheInit(), and a cache has no pages then.
-//  2. A cache always has a root table, if only the one root in the handle.
+//  1. The settings are rounded only in cacheInit(), while the cache has no pages.
+//  2. A cache always has a root table, in the worst case the one root in the handle.
 #include <algorithm>
 #include <bit>
 #include <cerrno>
@@ -16,13 +16,13 @@
 namespace kspool {
 namespace {
 
-/// The most slots that a page below 4 GiB holds.
+/// The most slots in a page below 4 GiB.
 constexpr uint64_t kMaximumAreaSize = UINT32_MAX / kNodeSize;
 
 /// Slots of a page that fills one huge page.
 constexpr uint64_t kHugePageSlots = kHugePageSize / kNodeSize;
 
-/// From so many entries on, a huge page that is not used at all is at most 3 % of the pages.
+/// From this number of entries on, an entirely unused huge page is at most 3 % of the pages.
 constexpr uint64_t kFewestForHugePages = kHugePageSlots * 100 / 3;
 
 void freeRoots(KSCache* cache) {
@@ -30,8 +30,8 @@ void freeRoots(KSCache* cache) {
     cache->roots = nullptr;
 }
 
-/// Sets every field to its start but the settings, which survive, and the count of moves, which
-/// goes on: a walk of before must not take the new entries for its own.
+/// Resets every field except the settings and `moves`. `moves` goes on counting, so that a walk
+/// from before the reset notices that its cursor is invalid.
 void clearAllButSettings(KSCache* cache) {
     KSCache fresh{};
     fresh.magic = kCacheMagic;
@@ -44,7 +44,7 @@ void clearAllButSettings(KSCache* cache) {
     *cache = fresh;
 }
 
-/// Bits outside their range, 0 among them, mean the default.
+/// Replaces bits outside their range, such as 0, by the default.
 void clampBits(KSCache* cache) {
     if (cache->bits < 1 || cache->bits > kMaximumBits) cache->bits = kDefaultBits;
     KS_TRACE("KSCacheInit: bits = %i", static_cast<int>(cache->bits));
@@ -71,8 +71,9 @@ uint32_t printedSize(uint64_t bytes) {
     return static_cast<uint32_t>(std::min<uint64_t>(bytes, UINT32_MAX));
 }
 
-/// Allocates the root table, halved until the allocation succeeds; at last the one root in the
-/// handle itself. So a cache never fails for want of a table: it is slower with fewer roots.
+/// Allocates the root table, halved until the allocation succeeds; as a last resort uses the one
+/// root in the handle itself. So lack of memory for the table makes a cache slower, but never
+/// unusable.
 void makeRoots(KSCache* cache) {
     for (;;) {
         const uint64_t bytes = sizeof(KSCacheNode*) << cache->bits;

@@ -3,9 +3,10 @@
 //
 // Order. Nodes are ordered by digest and type. Nodes of one type compare all bytes of their
 // digests. Nodes of two types compare 16 bytes, and when these agree a node of type 3 sorts after
-// the key, one of any other type before it. With three or more types that share 16 bytes this is
-// not a total order (each of two types other than 3 sorts before the other), yet a search takes the
-// same turns as the insert did, so it is sound. No code may assume a symmetric comparison.
+// the key, one of any other type before it. This is not a total order: if digests of two types
+// other than 3 share 16 bytes, each sorts before the other. Searches are correct all the same,
+// since a search turns at each node as the insert of its key did. No code may assume that a < b
+// excludes b < a.
 //
 // Thread rule: one thread at a time per cache (kscache_int.h).
 // Invariants:
@@ -32,7 +33,7 @@ constexpr size_t digestLength(uint8_t type) noexcept {
     return type == kLongType ? kLongDigest : kShortDigest;
 }
 
-/// Eight bytes of a digest as one native word: fit for equality only.
+/// Eight bytes of a digest as one native word: only good for testing equality.
 inline uint64_t digestWord(const uint8_t* digest, size_t at) noexcept {
     uint64_t word = 0;
     memcpy(&word, digest + at, sizeof word);
@@ -88,9 +89,9 @@ inline bool sortsBefore(const KSCacheNode& node, const Key& key) noexcept {
 /// link of the root table keeps a Bloom filter of its tree in the other 16: one hash function, four
 /// bits of the digest, picks the mark that an added key sets. A key whose mark is not set is not in
 /// the tree, so most misses end at the root, without the cache miss and the branch misprediction of
-/// a node with another key. As in any Bloom filter a bit cannot be cleared for one key alone; all
-/// are cleared when the tree is empty. Until then a stale bit only causes a false positive: a
-/// search that finds nothing.
+/// reading a node with another key. As in any Bloom filter, a bit cannot be cleared for a single
+/// key; all are cleared when the tree becomes empty. Until then a stale bit only causes a false
+/// positive: a search that finds nothing.
 inline constexpr uint32_t kAddressBits = 48;
 inline constexpr uint64_t kMarks = 64 - kAddressBits;
 
@@ -107,8 +108,8 @@ inline KSCacheNode* nodeAt(KSCacheNode* const* link) noexcept {
     return nodeIn(bitsOf(link));
 }
 
-/// Stores a node in a link and keeps the link's marks; NULL clears both, since the tree of a root
-/// is empty then.
+/// Stores a node in a link and keeps the link's marks. NULL clears both, since the tree of a root
+/// is then empty.
 inline void attach(KSCacheNode** link, KSCacheNode* node) noexcept {
     const uintptr_t marks = bitsOf(link) ^ reinterpret_cast<uintptr_t>(nodeAt(link));
     const uintptr_t bits = node != nullptr ? marks | reinterpret_cast<uintptr_t>(node) : 0;
@@ -158,7 +159,7 @@ inline KSCacheNode* findBelow(KSCacheNode* node, const Key& key) noexcept {
     return node;
 }
 
-/// The key's node, or NULL. Only for lookups: an add needs the link even if the mark is not set.
+/// The key's node, or NULL. For lookups only: an add needs the link even if the mark is not set.
 inline KSCacheNode* findNode(const KSCache* cache, const Key& key) noexcept {
     const uintptr_t root = bitsOf(rootOf(cache, key));
     return isMarked(root, key.head) ? findBelow(nodeIn(root), key) : nullptr;

@@ -1,6 +1,6 @@
-// The walks over all entries, in the order of memory. Compaction would move entries past a walk, or
-// unmap its page: `busy` keeps compaction out during a walk by callback, and `moves` tells a walk
-// by cursor that there was one.
+// The walks over all entries, in the order of memory. Compaction could move entries past a walk, or
+// unmap the page it is on. Therefore `busy` forbids compaction during a walk by callback, and a
+// walk by cursor detects a compaction by `moves`.
 #include <utility>
 
 #include "kscache/kscache_int.h"
@@ -10,8 +10,8 @@ using namespace kspool;
 namespace {
 
 /// Calls back for each entry until the callback asks to stop. The callback may add and delete
-/// entries, so each slot's refCount, and the link to the next page, are read only when they are
-/// reached.
+/// entries, so a slot's refCount and the link to the next page are read only when the walk gets
+/// there.
 void walk(KSCache* cache, KSCacheIterateCallback callback, void* arg) {
     for (KSCachePage* page = cache->firstPage; page != nullptr; page = page->next) {
         for (KSCacheNode* slot = slotsOf(page).data(); slot < page->end; ++slot) {
@@ -27,8 +27,8 @@ void enter(KSCacheCursor* cursor, KSCachePage* page) {
     cursor->slot = slotsOf(page).data();
 }
 
-/// The next entry from the cursor's place on, NULL without one. The cursor then stays at the end of
-/// the last page, so that it meets what is added behind.
+/// The next entry from the cursor's place on, or NULL at the end. The cursor then stays at the end
+/// of the last page, so that a later call visits entries that were added behind it.
 const KSCacheNode* advance(KSCacheCursor* cursor) {
     for (;;) {
         const auto* page = static_cast<const KSCachePage*>(cursor->page);
@@ -46,7 +46,7 @@ const KSCacheNode* advance(KSCacheCursor* cursor) {
 uint32_t KSCacheIterate(KSCache* cache, KSCacheIterateCallback callback, void* arg) noexcept {
     if (const uint32_t bad = checkHandle(cache)) return bad;
     if (callback == nullptr) return CR_STATUS_INVALID_PARAMETER;
-    // A nested walk puts `busy` back to 1, not to 0: the outer one still needs it.
+    // A nested walk restores `busy` to 1, since the outer walk still needs it.
     const uint32_t outer = std::exchange(cache->busy, 1);
     walk(cache, callback, arg);
     cache->busy = outer;
