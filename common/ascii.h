@@ -1,7 +1,7 @@
-// Texts whatever the locale: comparison without regard to ASCII case, and control characters made
-// visible. strcasecmp() and its relatives follow the locale of the program: in a Turkish one "I" is
-// not the capital of "i", and a header line or a name would not be found. This header depends on
-// the standard library alone, so that programs and stand-ins may include it as well.
+// Locale-independent text functions: comparison that ignores ASCII case, and escaping of control
+// characters. strcasecmp() and similar functions depend on the program's locale: in a Turkish one
+// "I" is not the capital of "i", and a header line or a name would not be found. This header
+// depends only on the standard library, so that programs and stand-ins may include it as well.
 #ifndef COMMON_ASCII_H
 #define COMMON_ASCII_H
 
@@ -31,9 +31,10 @@ constexpr bool contains(std::string_view text, std::string_view part) noexcept {
            text.end();
 }
 
-/// Bytes of the character that a text begins with; 0 for a control character, which a terminal
-/// would obey, and for a byte outside well-formed UTF-8, which may be one in another encoding. C1
-/// (U+0080 to U+009F) are control characters too: U+009B does as ESC [ does.
+/// The length in bytes of the first character of a text; 0 for a control character, which a
+/// terminal would interpret, and for a byte outside well-formed UTF-8, which may be a control
+/// character in another encoding. C1 (U+0080 to U+009F) are control characters too: U+009B means
+/// ESC [.
 constexpr size_t shownLength(std::string_view text) noexcept {
     const auto byte = [=](size_t i) {
         return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
@@ -54,8 +55,9 @@ constexpr size_t shownLength(std::string_view text) noexcept {
     return length;
 }
 
-/// Hands a text to `put` in pieces, each byte that shownLength() refuses as \xHH. An LF is a piece
-/// of its own, so that the caller decides whether it may end a line. A backslash stays one.
+/// Passes a text to `put` in pieces, with each byte that shownLength() refuses as \xHH. An LF is
+/// passed unescaped as a piece of its own, so that the caller decides whether it may end a line. A
+/// backslash is not escaped.
 template <typename Put>
 constexpr void visible(std::string_view text, Put put) {
     constexpr std::string_view kDigits = "0123456789abcdef";

@@ -1,6 +1,6 @@
-// How every module reports: the status slot, failed system calls, traces and log messages. This
-// file is the only way to store a status or to write a message, so that the slot rule is kept in
-// one place: a message leaves errno and the slot as they were.
+// How every module reports: the status slot, failed system calls, traces and log messages. The
+// library stores statuses and writes messages only through this file, so that the slot rule is kept
+// in one place: a message leaves errno and the slot unchanged.
 //
 // Thread rule: any thread; errno and the slot are the calling thread's own.
 #ifndef COMMON_DIAGNOSTICS_H
@@ -31,8 +31,8 @@ inline bool tracing() noexcept {
     return __atomic_load_n(__qlxlog_trace_location(), __ATOMIC_RELAXED) != 0;
 }
 
-/// Restores errno and the status slot at its end: for calls that may change them, inside functions
-/// whose contract leaves them alone.
+/// Restores errno and the status slot on destruction: for calls that may change them, inside
+/// functions whose contract leaves them alone.
 class ErrnoAndSlotGuard {
   public:
     ErrnoAndSlotGuard() noexcept : errno_(errno), status_(statusSlot()) {}
@@ -62,9 +62,9 @@ inline uint32_t storeSystemError(const char* function, const char* sourceFile,
 
 }  // namespace kspool
 
-// Messages are macros, so that the arguments of a trace that is not written are not computed, and
-// the compiler checks each message's arguments against its format. They leave errno and the slot as
-// they were; an argument may still read both.
+// Messages are macros, so that the arguments of a trace are not evaluated while tracing is off, and
+// the compiler checks the arguments against the format. Messages leave errno and the slot
+// unchanged; their arguments may read both.
 #define KS_MESSAGE_(call, ...)                 \
     do {                                       \
         const kspool::ErrnoAndSlotGuard kept_; \

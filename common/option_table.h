@@ -41,7 +41,7 @@ enum class ConfigField : uint8_t {
     kDoType,
 };
 
-/// Which texts an option of an agent configuration accepts.
+/// Which texts an option of an agent configuration accepts, as far as NULL and empty ones go.
 enum class ConfigText : uint8_t {
     kNotText,
     kNonEmpty,      ///< neither NULL nor empty
@@ -62,7 +62,7 @@ struct OptionRow {
     uint32_t capacity;  ///< texts must be shorter than this
 };
 
-/// The most records of each kind that one call accepts.
+/// Limits on the number of records of each kind in one call.
 enum OptionLimit : uint32_t {
     kMaxVaOptions = 32,
     kMaxForwardedOptions = 31,

@@ -1,5 +1,5 @@
-// Owners of what C hands out: texts from malloc, and file descriptors. This header depends on the
-// standard library and unistd.h alone, so that programs and stand-ins may include it as well.
+// Owners of C resources: texts from malloc, and file descriptors. This header depends only on the
+// standard library and unistd.h, so that programs and stand-ins may include it as well.
 #ifndef COMMON_OWNED_H
 #define COMMON_OWNED_H
 
@@ -18,8 +18,8 @@ struct FreeText {
 };
 using OwnedText = std::unique_ptr<char, FreeText>;
 
-/// An owned file descriptor, closed at the end; negative when there is none. Closing leaves errno
-/// as it was, for the caller may still have to report the error that ended its work.
+/// An owned file descriptor, closed by the destructor; negative when there is none. Closing leaves
+/// errno unchanged, since the caller may still have to report an earlier error.
 class Descriptor {
   public:
     explicit Descriptor(int fd) noexcept : fd_(fd) {}
@@ -33,11 +33,11 @@ class Descriptor {
 
     int get() const noexcept { return fd_; }
 
-    /// Gives the descriptor away: the caller closes it.
+    /// Gives up ownership: the caller closes the descriptor.
     int release() noexcept { return std::exchange(fd_, -1); }
 
-    /// Closes it now. An error is not reported: a file whose last write matters needs its own
-    /// close().
+    /// Closes the descriptor. Errors are not reported: where a failed close() may mean lost data,
+    /// call close() directly.
     void close() noexcept {
         if (fd_ < 0) return;
         const int kept = errno;

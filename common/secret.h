@@ -1,6 +1,6 @@
-// Wiping of memory that holds a password: freed or reused memory would still show it, in a core
-// dump for example. This header depends on the standard library alone, so that programs and
-// stand-ins may include it as well.
+// Wiping of memory that holds a password: otherwise freed or reused memory would still contain it,
+// for example in a core dump. This header depends only on the standard library, so that programs
+// and stand-ins may include it as well.
 #ifndef COMMON_SECRET_H
 #define COMMON_SECRET_H
 
@@ -28,9 +28,9 @@ class ScopedWipe {
     Record& record_;
 };
 
-/// A text of up to `longest` characters that lies nowhere but in the object, which is wiped at its
-/// end. std::string would leave copies: in the block that it frees when it grows, and on the stack
-/// when a short text is moved.
+/// A text of up to `longest` characters, stored only in the object itself, which the destructor
+/// wipes. std::string would leave copies: in the block that it frees when it grows, and on the
+/// stack when a short text is moved.
 template <size_t longest>
 class SecretText {
   public:
@@ -39,7 +39,7 @@ class SecretText {
     SecretText& operator=(const SecretText&) = default;  ///< overwrites all of the former text
     ~SecretText() { wipe(); }
 
-    /// Replaces the text. False, with the former text in place, for one that is too long.
+    /// Replaces the text. False, with the former text unchanged, if the new one is too long.
     bool set(std::string_view text) noexcept {
         if (text.size() > longest) return false;
         wipe();
