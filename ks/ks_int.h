@@ -3,10 +3,10 @@
 // Thread rule: one thread at a time per record. The files have no state: the record is the
 // caller's. Invariants of a record:
 //  1. Every text is NUL-terminated within its field.
-//  2. A flag says that its field was set. One field is set without it: the fingerprint type by its
-//     option. Fields that have no flag have defaults.
+//  2. A set flag means that its field was set. The fingerprint type may also be set without its
+//     flag, by its option. Fields without a flag have defaults.
 //  3. An empty `applicationName` marks a record whose file could not be found or read; its flag is
-//     set all the same.
+//     set nevertheless.
 //  4. The record holds no pointer, so it may be copied as bytes; each copy may hold the password.
 #ifndef KS_KS_INT_H
 #define KS_KS_INT_H
@@ -18,7 +18,7 @@
 
 namespace kspool {
 
-/// The source name that the files of this folder give to the status library.
+/// The source file that the files of this folder report to the status library.
 inline constexpr char kKsSource[] = "../ks";
 
 inline constexpr size_t kPathSize = sizeof KSConfig::configFile;

@@ -102,7 +102,7 @@ class Reader {
   private:
     char* textField() { return reinterpret_cast<char*>(&config_) + d_.field; }
 
-    /// True when the file gave a text; otherwise `destination` has the default.
+    /// True when the file has a value; otherwise `destination` gets the default.
     template <typename Call>
     bool text(Call call, char* destination) {
         return call(section_, entry_, destination, d_.capacity, d_.fallback, file_) >= 1;
@@ -186,8 +186,8 @@ FileState stateOf(const char* path) {
             status.st_mtim.tv_nsec};
 }
 
-/// Makes the record one whose initialisation failed: zero but for the one flag, since programs may
-/// compare or store records as bytes.
+/// Resets the record after a failed initialisation: all bytes are 0 except one flag, since programs
+/// may compare or store records as bytes.
 void fail(KSConfig* config) {
     *config = {};
     config->flags = KS_CFG_APPLICATION;

@@ -21,8 +21,8 @@ void nameAfter(KSConfig& config, const char* folder, const char* mark) {
     config.flags |= KS_CFG_ROUTE_TABLES;
 }
 
-/// Host and port of the SPA server as a part of a file name, with a dot for the colon. The scheme
-/// is skipped by its length: 7 characters for "kbox://", else 8, as "https://" has.
+/// Host and port of the SPA server for use in a file name, with a dot for the colon. The scheme is
+/// skipped by length: 7 characters for "kbox://", else 8, the length of "https://".
 void spaHost(const KSConfig& config, char (&host)[1024]) {
     const char* url = config.spaUrl;
     const size_t scheme = strncmp(url, "kbox://", 7) == 0 ? 7 : 8;

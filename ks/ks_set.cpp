@@ -1,5 +1,5 @@
-// Options of an agent configuration, applied to a copy that replaces the record only when all of
-// them are valid.
+// Options of an agent configuration. They are applied to a copy, which replaces the record only
+// when all options are valid.
 #include <cstring>
 
 #include "common/option_table.h"
@@ -53,8 +53,8 @@ uint32_t applyText(KSConfig& config, const OptionRow& row, const char* text) {
         return CR_STATUS_OK;
     }
     const TextField field = textField(config, row.field);
-    // strncpy() fills the field with NULs: the end of a longer password must not stay behind a
-    // shorter one.
+    // strncpy() pads the field with NULs: otherwise the end of a longer password would remain
+    // after a shorter one.
     strncpy(field.text, text, row.capacity);
     config.flags |= field.flag;
     return CR_STATUS_OK;
