@@ -18,16 +18,16 @@ MBSession* allocateSession() {
     return session;
 }
 
-/// Tears down a session that cannot be completed. The teardown may change the slot, so the reason
-/// is stored after it.
+/// Tears down an incomplete session. The teardown may change the slot, so the reason is stored
+/// afterwards.
 MBSession* giveUp(MBSession* session, uint32_t status) {
     MBSessionTeardown(session);
     storeStatus(status);
     return nullptr;
 }
 
-/// Reads the pairs of a variadic option list. False for an invalid list: the type of an unknown
-/// code's value is unknown as well, so nothing behind the code can be read.
+/// Reads the pairs of a variadic option list. False for an invalid list: for an unknown code, the
+/// type of the value is unknown too, so the rest of the list cannot be read.
 bool readPairs(va_list& pairs, KSOption (&options)[kMaxVaOptions], uint32_t& count) {
     for (count = 0;; ++count) {
         const auto code = va_arg(pairs, uint32_t);

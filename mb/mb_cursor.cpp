@@ -1,5 +1,5 @@
-// The three ways to the POs of an answer: the text as a whole, POs one by one, lines one by one.
-// The invariants of a cursor are in mb_int.h.
+// Three ways to read the POs of an answer: as one text, PO by PO, line by line. The invariants of a
+// cursor are in mb_int.h.
 #include <cstdlib>
 #include <cstring>
 
@@ -18,7 +18,7 @@ uint32_t checkQuery(const MBSession* session, const MBPOFilter* filter) {
     return usable ? uint32_t{CR_STATUS_OK} : storeStatus(CR_STATUS_INVALID_PARAMETER);
 }
 
-/// A cursor with at least one PO to come, or NULL with the status in the slot.
+/// A cursor with at least one PO left, or NULL with the status in the slot.
 MBPOCursor* findSome(MBSession* session, uint32_t dataselection, const MBPOFilter* filter,
                      const void* output, uint32_t* count) {
     if (output == nullptr) {
@@ -35,8 +35,8 @@ MBPOCursor* findSome(MBSession* session, uint32_t dataselection, const MBPOFilte
     return nullptr;
 }
 
-/// The line at a cursor, and the place of the next one: behind the line end, or the same place when
-/// the answer ends without a line end, since a cursor never moves past the NUL.
+/// The line at a cursor, and the start of the next one. When the answer ends without a line end,
+/// `next` is the same line again, since a cursor never moves past the NUL.
 struct Line {
     char* text;
     char* next;
@@ -58,7 +58,7 @@ bool isAtEnd(const MBPOCursor& cursor) {
     return cursor.nextLine == nullptr || cursor.poIndex == cursor.poCount;
 }
 
-/// Makes a PO of a line. False, logged, with the status in the slot.
+/// Converts a line to a PO. On failure logs it and returns false, with the status in the slot.
 bool convert(const char* caller, const MBPOCursor& cursor, const Line& line, PO* po) {
     if (POSetFromNonConstString(po, line.text) == 0) return true;
     KS_LOG(statusSlot(), QLX_LEVEL_ERROR,
@@ -72,8 +72,8 @@ void traceRemaining(const char* caller, const MBPOCursor& cursor) {
     KS_TRACE("%s: %u out of %u PO's remaining", caller, cursor.poIndex, cursor.poCount);
 }
 
-/// Makes the first PO. A legacy server (architecture mode 0) serializes POs in another form, which
-/// the record remembers for the conversions that follow. False with the status in the slot.
+/// Converts the first line. A legacy server (architecture mode 0) uses another serialization, which
+/// the PO record remembers for later conversions. False with the status in the slot.
 bool convertFirst(MBSession* session, const MBPOCursor& cursor, const Line& line, PO* po) {
     POReset(po);
     const uint32_t mode = WSArchMode(session->transport);

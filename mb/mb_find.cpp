@@ -1,9 +1,10 @@
 // A query: the request with its retries, and the head of its answer.
 //
-// Two mechanisms retry. The transport repeats a request while the server cannot be reached or asks
-// for patience, within one call and under one request id. Here a query that failed for any reason
-// is sent as a new request, with a longer response time-out: a large data selection can take the
-// server longer than one time-out, and a query changes nothing, so asking twice is safe.
+// There are two levels of retry. The transport repeats a request while the server cannot be reached
+// or asks to retry later, within one call and under one request id. This file repeats a query that
+// failed for any reason but an abort, as a new request with a longer response time-out: on a large
+// data selection the server may need longer than one time-out, and a query changes nothing, so
+// repeating it is safe.
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -23,7 +24,7 @@ struct CloseCursor {
 using Cursor = std::unique_ptr<MBPOCursor, CloseCursor>;
 
 /// The query string of a filter, or NULL with the reason in the slot. The filter is printed twice,
-/// for its length and for its text, because its texts have no limit.
+/// first to get the length, because the length of its texts is not limited.
 OwnedText _mbFilterToString(const MBPOFilter* filter) {
     const int length = _mbFilterToStringPrint(nullptr, 0, filter);
     if (length < 0) {
@@ -43,7 +44,7 @@ OwnedText _mbFilterToString(const MBPOFilter* filter) {
     }
     const int printed = _mbFilterToStringPrint(text.get(), size, filter);
     if (printed == length) return text;
-    // If another thread changed the filter in between, no call has failed and the slot may be 0,
+    // Another thread has changed the filter in between. No call has failed, so the slot may be 0,
     // which MBPOFind() would return as success.
     if (printed >= 0) storeStatus(CR_STATUS_INVALID_PARAMETER);
     KS_ERROR(statusSlot(), "%s: Could not convert filter to string: %s", "_mbFilterToString",
@@ -60,9 +61,8 @@ class Query {
           text_(text),
           result_(cursor.result) {}
 
-    /// False with the status of the last attempt in the slot. Before the first retry an event
-    /// counts as a failure of the attempt; in a retry it does not, and the answer then fails in
-    /// readHead().
+    /// False with the status of the last attempt in the slot. An event is a failure only in the
+    /// first attempt. A retry that gets an event succeeds here, and its answer fails in readHead().
     bool send() {
         const uint32_t status = attempt();
         if (status == CR_STATUS_OK && result_.eventCode == 0) return true;
@@ -73,7 +73,7 @@ class Query {
     }
 
   private:
-    /// An aborted query has failed for good: its user wants it to end. Stores the status.
+    /// True for an aborted query, which is not retried. Stores its status.
     static bool isAborted(uint32_t status) {
         if (status == WS_STATUS_ABORTED) storeStatus(status);
         return status == WS_STATUS_ABORTED;
@@ -84,8 +84,8 @@ class Query {
                             "dataselection", dataselection_, "filter", text_, kEndOfParameters);
     }
 
-    /// Each retry raises the response time-out by the step, and the transport keeps it. The
-    /// tunables are read anew for each, since programs may write the variables.
+    /// Each retry extends the response time-out by the step; the transport keeps the new time-out.
+    /// The tunables are read again for each retry, since programs may write the variables.
     bool retry(uint32_t status) {
         int64_t timeout = WSGetResponseTimeout(transport_);
         for (int64_t retries = 1; retries <= ksvfs_conf_ws_retrycount; ++retries) {
@@ -114,15 +114,15 @@ class Query {
     WSResult& result_;
 };
 
-/// The number that a line begins with, its low 32 bits; 0 without one. leadingNumber() skips line
-/// ends as blanks, so in a blank line it would read the number of the next.
+/// The low 32 bits of the number at the start of a line; 0 without one. Blanks are skipped here,
+/// since leadingNumber() also skips line ends and would read a blank line's number from the next.
 uint32_t countOf(const char* line, const char* end) {
     line += strspn(line, " \t\v\f");
     return line < end ? static_cast<uint32_t>(leadingNumber(line)) : 0;
 }
 
-/// Reads the three lines before the POs: names, types, count. False, with a report, for a malformed
-/// answer.
+/// Reads the three lines before the POs: names, types, count. Logs a malformed answer and returns
+/// false.
 bool readHead(MBPOCursor& cursor) {
     static constexpr const char* kUnterminated[] = {"PO field names improperly terminated",
                                                     "PO field types improperly terminated",

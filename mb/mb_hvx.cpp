@@ -7,8 +7,8 @@
 namespace kspool {
 namespace {
 
-/// Reads an answer of one digit, a separator, the URL-encoded tag and one end character. A first
-/// character up to '0' says that there is no tag.
+/// Reads an answer of one digit, a separator, the URL-encoded tag and one final character. A first
+/// character of '0' or less means that there is no tag.
 uint32_t readTag(const char* answer, int32_t* digit, char** tag) {
     *digit = static_cast<signed char>(answer[0]) - '0';
     if (*digit <= 0) return CR_STATUS_OK;

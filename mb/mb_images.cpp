@@ -1,5 +1,5 @@
-// Records of backup images. Each operation is one request; they differ in their parameters, in the
-// row of their operation and in how they check their arguments.
+// Records of backup images. Each operation is one request; operations differ in their parameters,
+// their row in the table of operations and the checks of their arguments.
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -14,18 +14,18 @@ uint32_t checkImage(const MBSession* session, uint32_t dsid) {
     return session == nullptr ? CR_STATUS_NULL_HANDLE : CR_STATUS_OK;
 }
 
-/// Copies an answer for the caller. Without an answer `*output` is left alone; without memory it is
-/// NULL.
+/// Copies an answer for the caller. `*output` is left alone when there is no answer, and NULL when
+/// memory is short.
 uint32_t copyAnswer(const char* answer, char** output) {
     if (answer == nullptr) return CR_STATUS_REMOTE_ERROR;
     *output = strdup(answer);
     return *output != nullptr ? CR_STATUS_OK : CR_STATUS_NO_MEMORY;
 }
 
-/// Reads the fields of an answer, each ended by a semicolon, until a field is empty or the text
-/// ends: four numbers, then a text; the rest is not looked at. Of a field that is longer than the
-/// text's member, the character behind that many is skipped as if it were the separator. The end of
-/// the text is checked before the separator is skipped, because the last field may lack it.
+/// Reads the fields of an answer, four numbers and a text, each ended by a semicolon, until a field
+/// is empty or the answer ends; the rest is ignored. A field that is longer than `retentionText` is
+/// split there, and the next character skipped as if it were the separator. The end of the answer
+/// is checked before the separator is skipped, because the last field may lack one.
 void readRetention(const char* text, MBImageRetentionInfo* info) {
     int64_t* const numbers[] = {&info->retentionValue1, &info->retentionValue2,
                                 &info->retentionValue3, &info->retentionValue4};

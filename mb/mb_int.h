@@ -40,19 +40,19 @@ static_assert(offsetof(MBSession, state) == 4 && offsetof(MBSession, config) == 
 static_assert(offsetof(MBSession, scratchPO) == 19744 && offsetof(MBSession, transport) == 19760);
 static_assert(offsetof(MBSession, opt133Value) == 19768 && sizeof(MBSession) == 19776);
 
-/// A query under way. Lines are terminated in place, in the answer that `result.data` owns, and
-/// handed out as pointers into it: an answer of 100 MB is in memory once.
+/// A query's cursor. Lines are terminated in place in the answer, which `result.data` owns, and
+/// returned as pointers into it: an answer of 100 MB is in memory only once.
 ///
 /// Invariants:
-///  1. `nextLine` points into the answer, at the line that the next step hands out, and never moves
+///  1. `nextLine` points into the answer, at the line that the next step returns, and never moves
 ///     past the answer's NUL.
-///  2. `poIndex` <= `poCount`. The count is the server's word: the answer may hold fewer lines, and
-///     its end, an empty line or the last one, is then handed out again.
+///  2. `poIndex` <= `poCount`. The count is what the server claims: an answer may have fewer lines,
+///     and its end, an empty line or the last line, is then returned repeatedly.
 ///  3. The texts of `result` other than `data` belong to the transport and are not used here.
 struct MBPOCursor {
     WSResult result;
     uint32_t poCount;  ///< as the answer announces
-    uint32_t poIndex;  ///< handed out so far
+    uint32_t poIndex;  ///< returned so far
     char* nextLine;    ///< NULL until the head of the answer was read
 };
 
@@ -69,19 +69,19 @@ static_assert(sizeof(MBPOFilter) == 440);
 static_assert(offsetof(MBImageRetentionInfo, retentionText) == 32);
 static_assert(sizeof(MBImageRetentionInfo) == 1056);
 
-/// Wipes and releases a session with its transport; also one that is not complete.
+/// Wipes and releases a session and its transport. The session may be incomplete.
 void MBSessionTeardown(MBSession* session) noexcept;
 
 namespace kspool {
 
-/// The source name that the files of this folder give to the status library.
+/// The source file that the files of this folder report to the status library.
 inline constexpr char kMbSource[] = "../mb";
 
-/// Ends a variadic list of parameters. A plain NULL may be passed as an int.
+/// Ends a variadic list of parameters. Typed, since a plain NULL may be passed as an int.
 inline constexpr char* kEndOfParameters = nullptr;
 
-/// The number that a text begins with, 0 without one. errno stays as it was: strtoll() would leave
-/// ERANGE behind a call that succeeded.
+/// The number at the start of a text, 0 without one. errno is restored: otherwise strtoll() could
+/// leave ERANGE after a call that succeeds.
 inline int64_t leadingNumber(const char* text) noexcept {
     const int kept = errno;
     const int64_t number = strtoll(text, nullptr, 10);

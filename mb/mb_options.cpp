@@ -1,7 +1,7 @@
-// Options of a live session. All changes go to a working copy, which is committed whole or not at
-// all. The transport is told last, because it cannot be rolled back: its own refusal is the last
-// failure that can happen. The copy is wiped but never released: it shares the PO and the transport
-// with the session.
+// Options of a live session. All changes go to a working copy, which is committed completely or not
+// at all. The transport cannot be rolled back, so its options are set last: when they are accepted,
+// nothing else can fail. The copy is wiped but never released, because it shares the PO and the
+// transport with the session.
 #include "common/option_table.h"
 #include "common/secret.h"
 #include "mb/mb_int.h"
@@ -12,7 +12,7 @@ namespace {
 /// The settings that a refresh passes to the transport: URL, login, password, key location.
 constexpr uint32_t kRefreshed = 4;
 
-/// The records of one call, sorted by who takes them.
+/// The records of one call, sorted by their consumer.
 struct Sorted {
     KSOption forwarded[kMaxForwardedOptions];
     uint32_t forwardedCount;

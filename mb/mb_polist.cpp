@@ -1,4 +1,4 @@
-// Lists of POs that are sent to the server as one text.
+// Lists of POs, sent to the server as one text.
 #include <cstring>
 
 #include "mb/mb_request.h"

@@ -1,5 +1,5 @@
-// The request under way, and requests so far. All state is the transport's, whose three calls are
-// weak references: a platform that was written before them still links.
+// The current request, and requests so far. All state is in the transport. Its three calls are weak
+// references, so that a platform from before they existed still links.
 #include <cerrno>
 #include <cstring>
 
@@ -12,14 +12,14 @@
 namespace kspool {
 namespace {
 
-/// Not by _crMapError(), which may write a trace: MBAbort() runs in signal handlers.
+/// A constant, since MBAbort() runs in signal handlers and _crMapError() may write a trace.
 constexpr uint32_t kNotOffered = CR_STATUS_SYSTEM_BASE + ENOSYS;
 
 static_assert(offsetof(MBEvent, requestId) == 24 && sizeof(MBEvent) == 64);
 static_assert(offsetof(MBStatistics, latencies) == 56 && sizeof(MBStatistics) == 312);
 static_assert(int{MB_LATENCIES} == int{WS_LATENCIES});
 
-/// Checks a session and a record that is to be filled.
+/// Checks a session, and a record that the caller wants filled.
 template <typename Record>
 uint32_t checkRecord(const MBSession* session, const Record* record, bool offered) {
     if (const uint32_t bad = checkArguments(session, record)) return bad;

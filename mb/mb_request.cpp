@@ -1,4 +1,4 @@
-// The table of the operations, and how the result of a request is reported and becomes a status.
+// The table of operations, and how the result of a request is reported and turned into a status.
 #include "mb/mb_request.h"
 
 #include <cstdlib>
@@ -40,8 +40,8 @@ const char* orElse(const char* text, const char* otherwise) {
     return text != nullptr ? text : otherwise;
 }
 
-/// Reports an event, and returns its status. Event codes are the server's own; a lack of permission
-/// is recognised by the word in the description.
+/// Logs an event, and returns its status. Event codes are server-specific, so a lack of permission
+/// is recognised by the word "permission" in the description.
 uint32_t reportEvent(const MBSession& session, const Operation& op, const WSResult& result) {
     KS_ERROR(result.eventCode,
              "The requested action could not be completed due to an unexpected error on a remote "

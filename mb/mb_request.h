@@ -15,13 +15,13 @@ enum class TraceAnswer : uint8_t { kNever, kAlways, kAlwaysSpa, kIfNoEvent };
 /// How a server's event is reported, and the status that it becomes.
 enum class OnEvent : uint8_t {
     kReport,            ///< reported; 106 for a permission, else 4
-    kReportEvenIfDead,  ///< the same, also when the transport failed
-    kCode,              ///< the event's code is the status
+    kReportEvenIfDead,  ///< the same, even if the transport reported a failure
+    kCode,              ///< not reported; the event's code is the status
 };
 
-/// One operation, apart from its parameters: where it is sent, and how its result is reported. All
+/// One operation, without its parameters: where it is sent, and how its result is reported. All
 /// differences between operations are columns of this table, so that conclude() has no special
-/// case.
+/// cases.
 struct Operation {
     const char* name;
     const char* action;
@@ -43,7 +43,7 @@ class Answer : public WSResult {
     Answer(const Answer&) = delete;
     Answer& operator=(const Answer&) = delete;
 
-    /// Gives up the text: the caller owns it.
+    /// Gives up ownership of the text: the caller frees it.
     char* takeData() noexcept {
         char* taken = data;
         data = nullptr;
@@ -75,13 +75,13 @@ enum class Op : uint8_t {
 
 const Operation& operation(Op op) noexcept;
 
-/// The status of an operation after its request, with the reports that go with it.
+/// Reports the result of a request as the operation's row says. Returns the operation's status.
 uint32_t conclude(const MBSession& session, const Operation& op, const WSResult& result,
                   uint32_t transportStatus) noexcept;
 
-/// Carries an operation out. The transport reads each value by its parameter's name, so the
-/// argument must have exactly the width of that parameter: an int for an int64_t would be read with
-/// garbage in its upper half.
+/// Carries out an operation. The transport reads each variadic value with the type of the parameter
+/// named before it, so the argument must have exactly that width: an int passed for an int64_t
+/// would be read with garbage in its upper half.
 template <typename... Parameters>
 uint32_t carryOut(const MBSession& session, Op which, WSResult& result,
                   Parameters... parameters) noexcept {
@@ -99,7 +99,7 @@ uint32_t checkArguments(const MBSession* session, Pointers... required) {
     return complete ? CR_STATUS_OK : CR_STATUS_INVALID_PARAMETER;
 }
 
-/// The same for the operations to which a missing argument counts as a missing handle: 44 for both.
+/// The same for operations that return 44 for a missing argument too.
 template <typename... Pointers>
 uint32_t checkArgumentsAsHandles(const MBSession* session, Pointers... required) {
     const bool complete = session != nullptr && (... && (required != nullptr));

@@ -1,4 +1,4 @@
-// A session after its creation: teardown, keep-alive, time-outs.
+// The life of a session after its creation: keep-alive, time-outs, teardown.
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
