@@ -11,13 +11,13 @@
  *
  * with comments on lines of their own that start with # or ;. Names are compared without regard to
  * ASCII case, values are trimmed and may stand in double quotes, lines may end with CR LF and be up
- * to 64 KiB long. A comment may follow a header, nothing else. A section may be given more than
- * once; the first of equal entries counts. An invalid header also ends the section before it: the
- * entries below would otherwise count for the wrong section. An
- * entry that is missing, empty, or in a file that cannot be read has the default. Notices report a
- * file that cannot be read, is not a regular file or is larger than 16 MiB, and invalid lines, once
- * until the file or its contents change; a truncated value is reported each time. No call touches
- * the slot.
+ * to 64 KiB long. Only a comment may follow a header on its line. A section may be given more than
+ * once; the first of equal entries counts. An invalid header also ends the section before it:
+ * otherwise the entries below would count for the wrong section. An entry that is missing, empty,
+ * or in a file that cannot be read has the default. Notices report a file that cannot be read, is
+ * not a regular file or is larger than 16 MiB, and invalid lines; they are not repeated until
+ * another file is read or the contents change. A truncated value is reported each time. No call
+ * touches the slot.
  *
  * Arguments that mean the same everywhere:
  *
@@ -47,9 +47,9 @@ extern KSPOOL_API const char _qlx_config_section_string_table_[]; /* the section
 extern KSPOOL_API const char _qlx_config_entry_string_table_[];   /* the entries */
 
 /*
- * Where the names that the library reads begin in the two tables. The offsets are part of the
- * binary interface: they never change, whatever the names are. docs/agent-config.md describes the
- * directives.
+ * Offsets in the two tables at which the names that the library reads begin. The offsets are part
+ * of the binary interface and never change, even if the names do. docs/agent-config.md describes
+ * the directives.
  */
 enum InifileSection {
     INI_SECTION_FINGERPRINTS = 9,

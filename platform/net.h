@@ -29,8 +29,8 @@ KSPOOL_API int NetExtractHostAndPort(const char* url, char* buffer, size_t size,
                                      int unused) KSPOOL_NOEXCEPT;
 
 /*
- * Decodes a text in place: %XX becomes the byte. A + is not decoded, and a % without two
- * hexadecimal digits behind it is copied. Returns `text`.
+ * Decodes a text in place: %XX becomes the byte. A + is not decoded, and a % that two hexadecimal
+ * digits do not follow is copied. Returns `text`.
  */
 KSPOOL_API char* URLDecode(char* text) KSPOOL_NOEXCEPT;
 

@@ -23,7 +23,7 @@
 extern "C" {
 #endif
 
-/* A PO. Zeroed before its first use. It may be copied as bytes; one of the copies is released. */
+/* A PO. Zeroed before its first use. It may be copied as bytes; only one copy must be released. */
 typedef struct PO {
     uint32_t stype; /* serialization type */
     char* text;     /* the PO's contents, allocated, or NULL */
@@ -37,8 +37,8 @@ KSPOOL_API void POSetStype(PO* po, uint32_t stype) KSPOOL_NOEXCEPT;
 
 /*
  * Makes a PO from its serialized form, one line of fields with | between them. The line is read
- * during the call only, and may be changed. 0; otherwise not 0, with the reason in the status slot
- * and the PO empty: CR_STATUS_BAD_HANDLE for an invalid line, CR_STATUS_NO_MEMORY.
+ * during the call only, and may be changed. Returns 0 for success. Any other result leaves the PO
+ * empty and the reason in the slot: CR_STATUS_BAD_HANDLE for an invalid line, CR_STATUS_NO_MEMORY.
  */
 KSPOOL_API int POSetFromNonConstString(PO* po, char* line) KSPOOL_NOEXCEPT;
 

@@ -1,8 +1,9 @@
 /*
  * The status library: statuses and a few types that the pool's components share.
  *
- * This header is a contract without code. An implementation provides every function here; the one
- * in platform/standin/ does so for development, tests and installations of their own.
+ * This header is a contract without code. An implementation provides every function here. The one
+ * in platform/standin/ serves development, tests and installations without a platform library of
+ * their own.
  *
  * Arguments that mean the same everywhere:
  *
@@ -44,14 +45,14 @@ enum CRFPType {
 /* DO types: 0 to 3. */
 enum CRDOType { CR_DO_LAST = 3 };
 
-/* The calling thread's status slot, never NULL, valid as long as the thread. 0 at first. */
+/* The calling thread's status slot: never NULL, valid as long as the thread, initially 0. */
 KSPOOL_API uint32_t* __cr_errno_location(void) KSPOOL_NOEXCEPT;
 
 /* A constant text for any status, never NULL or empty. Leaves errno and the slot alone. */
 KSPOOL_API const char* CRStatusToStringA(uint32_t status) KSPOOL_NOEXCEPT;
 
 /*
- * The status of the system call that has just failed, from errno (0 counts as EIO); function,
+ * The status for the system call that has just failed, from errno (0 counts as EIO). Function,
  * source file and line are for a trace. Leaves errno and the slot alone: the caller stores the
  * status.
  */
@@ -60,9 +61,9 @@ KSPOOL_API uint32_t _crMapError(const char* function, const char* sourceFile,
 
 /*
  * Finds the configuration file of a kind ("Agent"). Writes its path, NUL-terminated, into `buffer`
- * of `size` bytes and returns `buffer`; returns NULL with the reason in the status slot (2 when
- * there is none, 10 when the path does not fit). The file need not be readable. No argument may be
- * NULL; errno is undefined afterwards.
+ * of `size` bytes and returns `buffer`. On failure returns NULL with the reason in the status slot:
+ * 2 when there is no file, 10 when the path does not fit. The file need not be readable. No
+ * argument may be NULL; errno is undefined afterwards.
  */
 KSPOOL_API char* CRConfigLocate(const char* kind, char* buffer, size_t size) KSPOOL_NOEXCEPT;
 
@@ -74,8 +75,8 @@ KSPOOL_API int CRDOTypeIsValid(uint8_t type) KSPOOL_NOEXCEPT;
 
 /*
  * Writes a digest (32 bytes for type 3, 16 for any other) as lower-case hexadecimal into `buffer`
- * of `size` bytes, cut to what fits and NUL-terminated. Returns `buffer`; with `size` 0 or a NULL
- * argument an empty constant text.
+ * of `size` bytes, cut to what fits and NUL-terminated. Returns `buffer`, or an empty constant text
+ * when `size` is 0 or an argument is NULL.
  */
 KSPOOL_API const char* CRFPDigestToString_r(const void* fingerprint, uint32_t type, char* buffer,
                                             size_t size) KSPOOL_NOEXCEPT;

@@ -61,11 +61,11 @@ enum QLXLevel {
 
 /*
  * The trace switch of the process, never NULL: tracing is on while it is not 0. Once threads run,
- * it is to be stored atomically, as the library reads it.
+ * store it atomically, since the library reads it atomically.
  */
 KSPOOL_API int* __qlxlog_trace_location(void) KSPOOL_NOEXCEPT;
 
-/* Writes one trace message. The caller looks at the switch; this call does not. */
+/* Writes one trace message. The caller checks the switch; this call does not. */
 KSPOOL_API void __TraceA(const char* format, ...) KSPOOL_NOEXCEPT QLX_PRINTF(1, 2);
 
 /* Log one message about a status (or event code, or 0xFFFFFFFF where none applies). */
@@ -86,7 +86,7 @@ KSPOOL_API void qlxSetFatalError(const char* function, uint32_t id, const char* 
                                  ...) KSPOOL_NOEXCEPT QLX_PRINTF(3, 4);
 
 /*
- * Copies at most size - 1 characters and terminates; nothing for size 0. Neither text may be NULL
+ * Copies at most size - 1 characters and a NUL; does nothing for size 0. Neither text may be NULL
  * unless the size is 0. Returns `destination`.
  */
 KSPOOL_API char* qlxstrcpy(char* destination, const char* source, size_t size) KSPOOL_NOEXCEPT;
@@ -137,13 +137,12 @@ KSPOOL_API uint64_t OSGetRSS(void) KSPOOL_NOEXCEPT;
 typedef void (*QLXSink)(uint32_t level, uint32_t status, const char* text, void* arg);
 
 /*
- * Sends all messages to `sink` (NULL: back to stderr). Messages are handed over one at a time, from
- * the thread that writes them, as they are: control characters and line ends may come from a
- * server. On stderr control characters are visible (\x1b), and each further line of a message
- * begins with the process, the level and "| ". The sink must not throw; a message that the sink
- * writes goes to stderr. When the call returns, no other thread is inside the old sink any more.
- * fork() waits for the message that another thread is handing over, so that the child may write
- * messages, too.
+ * Sends all messages to `sink` (NULL: back to stderr). The sink is called for one message at a
+ * time, on the thread that writes the message. Texts are not escaped: control characters and line
+ * ends may come from a server. On stderr control characters are escaped (\x1b), and each further
+ * line of a message begins with the process, the level and "| ". The sink must not throw; a message
+ * that the sink writes goes to stderr. When qlxSetSink() returns, no other thread is inside the old
+ * sink. fork() waits while another thread is in the sink, so that the child can write messages too.
  */
 KSPOOL_API void qlxSetSink(QLXSink sink, void* arg) KSPOOL_NOEXCEPT;
 

@@ -1,12 +1,12 @@
 /*
- * The web-service transport: carries requests to the pool's servers and brings their answers.
+ * The web-service transport: sends requests to the pool's servers and returns their answers.
  *
  * This header is a contract without code. The library calls the first part; the second is for
  * programs that inspect or adjust a transport of the implementation in platform/standin/.
  *
- * A transport is used by one thread at a time; different transports are independent. WSAbort()
- * alone may run beside another call. After a fork a transport belongs to the parent: the child's
- * requests fail, its WSShutdown() frees memory and sends nothing. Texts are copied when they are
+ * A transport is used by one thread at a time; different transports are independent. Only WSAbort()
+ * may run during another call. After a fork a transport belongs to the parent: requests of the
+ * child fail, and its WSShutdown() frees memory and sends nothing. Texts are copied when they are
  * set. Calls that return a status leave the status slot alone; errno is undefined after every call.
  *
  * Arguments that mean the same everywhere:
@@ -59,10 +59,10 @@ enum WSOptionCode {
     WS_OPT_7 = 7,          /* integer */
     WS_OPT_8 = 8,          /* integer */
     WS_OPT_RESPONSE_TIMEOUT =
-        9, /* integer, seconds in which something has to move, up to a day; 0 or less: none */
-    WS_OPT_SSL_KEY_LOCATION = 11,  /* text: a PEM file with key and certificate, with which the
-                                      system's authorities are trusted; or a folder with all of
-                                      ca.pem, cert.pem, key.pem, with which only the first is */
+        9, /* integer, seconds without a byte transferred, up to a day; 0 or less: none */
+    WS_OPT_SSL_KEY_LOCATION = 11,  /* text: a PEM file with key and certificate; the system's
+                                      authorities are then trusted. Or a folder with all of ca.pem,
+                                      cert.pem, key.pem; only ca.pem is then trusted */
     WS_OPT_RECONNECT_TIMEOUT = 12, /* integer, seconds; 0 or less: none */
     WS_OPT_LAST = 12
 };
@@ -80,7 +80,7 @@ enum WSStatus {
     WS_STATUS_TIMED_OUT = 2005,         /* sent, but no complete answer in time */
     WS_STATUS_CUT = 2006,               /* the connection ended before the answer was complete */
     WS_STATUS_TLS = 2007,               /* no secure connection: certificate, key or protocol */
-    WS_STATUS_BAD_ANSWER = 2008,        /* an answer that is not of the protocol */
+    WS_STATUS_BAD_ANSWER = 2008,        /* an answer that violates the protocol */
     WS_STATUS_TOO_LARGE = 2009,         /* an answer over the limit */
     WS_STATUS_CONNECT_TIMED_OUT = 2010, /* no connection in time: name, TCP or TLS */
     WS_STATUS_ABORTED = 2011            /* ended by WSAbort() */
@@ -100,11 +100,11 @@ typedef struct WSResult {
     const char* description;       /* description for people */
 } WSResult;
 
-/* What a transport knows of its last request. Texts are NULL where nothing is known. */
+/* What a transport knows about its last request. Unknown texts are NULL. */
 typedef struct WSEventRecord {
     uint32_t eventCode;            /* 0 without an event */
     uint32_t httpStatus;           /* of the last answer; 0 without one */
-    uint32_t attempts;             /* how often it was tried; 0: it was refused before */
+    uint32_t attempts;             /* made; 0: the request was refused before the first */
     const char* requestId;         /* 32 hexadecimal digits */
     const char* severity;          /* severity of the event */
     const char* serverAddress;     /* address of the reporting server */
@@ -117,15 +117,15 @@ enum { WS_LATENCIES = 32 }; /* number of classes */
 /* What a transport has done since WSInit(). Requests that were refused before they were sent do not
  * count. */
 typedef struct WSStatisticsRecord {
-    uint64_t requests;                /* sent, or tried to */
-    uint64_t attempts;                /* at least one a request */
+    uint64_t requests;                /* including those that could not be sent */
+    uint64_t attempts;                /* at least one per request */
     uint64_t connections;             /* opened */
     uint64_t bytesSent;               /* heads and bodies, without TLS */
     uint64_t bytesReceived;           /* the same */
     uint64_t microseconds;            /* in requests, pauses included */
-    uint64_t latencies[WS_LATENCIES]; /* requests by their time: class k holds those of 2^(k-1) or
-                                         more and less than 2^k microseconds; the last one also all
-                                         longer ones */
+    uint64_t latencies[WS_LATENCIES]; /* histogram: class k counts requests that took at least
+                                         2^(k-1) and less than 2^k microseconds, the last class
+                                         also all longer ones */
 } WSStatisticsRecord;
 
 /* ---- What the library calls ---- */
@@ -140,9 +140,9 @@ KSPOOL_API WSTransport* WSInit(int a, int b, int c, int d, int e) KSPOOL_NOEXCEP
 KSPOOL_API void WSShutdown(WSTransport* transport) KSPOOL_NOEXCEPT;
 
 /*
- * Sets options, all of them or none. 0; 9 for an unknown code, a NULL text or a login with ':'; 10
- * for a text of 4096 characters or more; 22 without memory. Key files are opened at the next
- * request.
+ * Sets options, all of them or none. Returns 0; 9 for an unknown code, a NULL text or a login with
+ * ':'; 10 for a text of 4096 characters or more; 22 when memory is short. Key files are opened at
+ * the next request.
  */
 KSPOOL_API uint32_t WSSetOpt(WSTransport* transport, const WSOption* options,
                              uint32_t count) KSPOOL_NOEXCEPT;
@@ -160,14 +160,14 @@ KSPOOL_API uint32_t WSSetOptVa(WSTransport* transport, ...) KSPOOL_NOEXCEPT;
  *   uint64_t            datetime, dcid
  *   int64_t             wormflags, retention
  * Returns 0 when the server answered, with `result` filled: eventCode 0 and the text, or an event.
- * Otherwise `result` is cleared: 9 for an unknown name or service, 22 without memory, or a
- * WS_STATUS_... value. The request may have been carried out all the same, once, but not with 9,
- * WS_STATUS_NO_SERVER, WS_STATUS_PLAINTEXT, WS_STATUS_FORKED, WS_STATUS_NO_CONNECT, WS_STATUS_TLS
- * and WS_STATUS_CONNECT_TIMED_OUT.
+ * Any other status clears `result`: 9 for an unknown name or service, 22 when memory is short, or a
+ * WS_STATUS_... value. The server has not carried out the request after 9, WS_STATUS_NO_SERVER,
+ * WS_STATUS_PLAINTEXT, WS_STATUS_FORKED, WS_STATUS_NO_CONNECT, WS_STATUS_TLS and
+ * WS_STATUS_CONNECT_TIMED_OUT; after any other status it may have done so, once.
  *
- * A request ends when nothing moved, in either direction, for one response time-out; and at the
- * latest when the response and the reconnect time-out are over, and a second more for each 64 KiB
- * that moved.
+ * A request ends when no byte is transferred, in either direction, for one response time-out. Its
+ * deadline is the response plus the reconnect time-out after its start, extended by a second for
+ * each 64 KiB transferred.
  */
 KSPOOL_API uint32_t WSRequestExt(WSTransport* transport, uint32_t service, WSResult* result,
                                  ...) KSPOOL_NOEXCEPT;
@@ -177,10 +177,7 @@ KSPOOL_API uint32_t WSRequestPOST(WSTransport* transport, uint32_t service, WSRe
                                   uint32_t dataselection, const char* body,
                                   const char* action) KSPOOL_NOEXCEPT;
 
-/*
- * When the transport was last used, in seconds as time() counts them: WSInit(), or a request that
- * was sent.
- */
+/* The time() of the last request that was sent; before any, of WSInit(). */
 KSPOOL_API int64_t WSGetLastUseTime(const WSTransport* transport) KSPOOL_NOEXCEPT;
 
 /* The time-outs in seconds. The reconnect time-out is 0 when not set, that for responses 30. */
@@ -197,17 +194,17 @@ KSPOOL_API uint32_t WSArchMode(WSTransport* transport) KSPOOL_NOEXCEPT;
 /*
  * The library refers to the next three weakly: an implementation may leave them out.
  *
- * WSAbort() ends the request under way in another thread, or in the code that a signal has
- * interrupted, with WS_STATUS_ABORTED. Without a request under way the call has no effect. Any
- * thread and any signal handler may call it, but not beside WSShutdown(). errno stays as it is. 0,
- * or WS_STATUS_FORKED in a child.
+ * WSAbort() ends the current request, which runs in another thread or in the code that a signal has
+ * interrupted, with WS_STATUS_ABORTED. Between requests the call has no effect. Any thread and any
+ * signal handler may call it, but not during WSShutdown(). errno is left alone. Returns 0, or
+ * WS_STATUS_FORKED in a child.
  */
 KSPOOL_API uint32_t WSAbort(WSTransport* transport) KSPOOL_NOEXCEPT;
 
-/* Tells about the last request. The texts are the transport's, valid until its next request. */
+/* Describes the last request. The texts are the transport's, valid until its next request. */
 KSPOOL_API void WSLastEvent(const WSTransport* transport, WSEventRecord* record) KSPOOL_NOEXCEPT;
 
-/* Tells what the transport has done so far. */
+/* Gets the transport's statistics. */
 KSPOOL_API void WSStatistics(const WSTransport* transport,
                              WSStatisticsRecord* record) KSPOOL_NOEXCEPT;
 
@@ -216,7 +213,7 @@ KSPOOL_API void WSStatistics(const WSTransport* transport,
 /* The value of WS_OPT_7 or WS_OPT_8, 0 when not set. */
 KSPOOL_API int64_t WSGetOption(const WSTransport* transport, uint32_t code) KSPOOL_NOEXCEPT;
 
-/* Limits answers to all transports of the process, in bytes; 4 GiB unless set. */
+/* Limits the size of answers, in bytes, for all transports of the process; 4 GiB unless set. */
 KSPOOL_API void WSSetAnswerLimit(uint64_t bytes) KSPOOL_NOEXCEPT;
 
 #ifdef __cplusplus

@@ -1,11 +1,11 @@
 // The configuration support library's stand-in: reads ini files.
 //
-// The file is read anew and searched from its start for each entry. Nothing is cached, so there is
-// nothing to become stale or to share between threads, and a configuration has ten entries. The
-// one state is the mark of the last file whose faults were reported (isFirstReport).
+// The file is read again and searched from its start for each entry. There is no cache that could
+// become stale or would have to be shared between threads; a configuration has only ten entries.
+// The only state is a hash of the last file whose faults were reported (isFirstReport).
 //
-// Thread rule: any thread may call any function here; so may the child of a fork, because no lock
-// is taken that another thread could have held at the fork.
+// Thread rule: any thread may call any function here. So may a child of fork(): no lock is taken
+// that another thread could have held at the fork.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,7 +56,8 @@ std::string contentsOf(const char* file, const char*& problem) {
     const kspool::Descriptor fd(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     problem = fd.get() < 0 || fstat(fd.get(), &status) != 0 ? strerror(errno) : nullptr;
-    // The file is read for each entry: a pipe has its bytes once only, and a device may never end.
+    // The file is read for each entry, but a pipe can be read only once, and a device may never
+    // end.
     if (problem == nullptr && !S_ISREG(status.st_mode)) problem = "is no regular file";
     if (problem == nullptr && static_cast<size_t>(status.st_size) > kLargestFile) {
         problem = "is larger than 16 MiB";
@@ -73,17 +74,17 @@ std::string contentsOf(const char* file, const char*& problem) {
     return contents;
 }
 
-/// True unless the last call had the same file and contents. Each entry reads the whole file, and
-/// every bad line would otherwise be reported once per entry. Two files that are read by turns are
-/// reported at each turn.
+/// True unless the last call had the same file and contents. Each entry reads the whole file, so
+/// otherwise every bad line would be reported once per entry. Two files that are read alternately
+/// are reported each time.
 bool isFirstReport(const char* file, const std::string& contents) {
     static std::atomic<size_t> last = 0;
     const size_t mark = std::hash<std::string>()(contents) * 31 + std::hash<std::string>()(file);
     return last.exchange(mark) != mark;
 }
 
-/// True for an unusable line that may have been meant as a header, or that hides one behind a CR
-/// which some editor took for a line end.
+/// True for an invalid line that may have been meant as a header, or that contains a CR, which an
+/// editor may show as a line end before a header.
 bool mayBeHeader(std::string_view text) {
     constexpr std::string_view kPassedOver(" \t\v\f\r\0\xef\xbb\xbf", 9);
     const size_t first = text.find_first_not_of(kPassedOver);
@@ -91,7 +92,7 @@ bool mayBeHeader(std::string_view text) {
     return text[first] == '[' || text.back() == ']' || text.find('\r') != std::string_view::npos;
 }
 
-/// One pass over a file in search of one entry. It goes on behind the entry, so that the bad lines
+/// One pass over a file in search of one entry. It continues after the entry, so that invalid lines
 /// there are reported too.
 class Search {
   public:
@@ -148,8 +149,8 @@ class Search {
         inSection_ = kspool::sameText(trimmed(text.substr(1, end - 1)), section_);
     }
 
-    /// A header that cannot be used still ends the section before it. Its entries would otherwise
-    /// count for that section, and a login would go to another section's URL.
+    /// An invalid header still ends the section before it. Otherwise the entries below would count
+    /// for that section, and a login could be sent to the URL of another section.
     void refuse(std::string_view text, const char* fault) {
         if (mayBeHeader(text)) inSection_ = false;
         report(fault);
@@ -183,8 +184,7 @@ std::string valueOf(const char* section, const char* entry, const char* file) {
     return value;
 }
 
-/// The number that the value begins with, if any; one out of range becomes the nearest int64_t, as
-/// strtoll() has it.
+/// The number at the start of the value, if any, saturated to int64_t as by strtoll().
 std::optional<int64_t> numberOf(const char* section, const char* entry, const char* file) {
     const std::string text = valueOf(section, entry, file);
     const int savedErrno = errno;

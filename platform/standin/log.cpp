@@ -2,23 +2,23 @@
 //
 // Thread rule: any thread may call any function here.
 // Invariants:
-//  1. Messages are formatted without a lock and handed to the sink under `sinkLock`: one thread at
-//     a time is in the sink, and it gets whole messages.
+//  1. Messages are formatted without a lock and passed to the sink under `sinkLock`: only one
+//     thread at a time is in the sink, and messages do not mix.
 //  2. qlxSetSink() takes the same lock. When it returns, no other thread is in the old sink, whose
-//     `arg` may be freed. A message that was on its way to stderr may still come there.
-//  3. `isInSink` marks the thread that is in the sink. That thread has the lock and does not take
-//     it again, or it would wait for itself: a message that a sink writes goes to stderr.
+//     `arg` may be freed. A message that is already being written to stderr may appear later.
+//  3. `isInSink` marks the thread that is in the sink. This thread holds the lock, and would
+//     deadlock if it took the lock again. Therefore a message that a sink writes goes to stderr.
 //  4. `fatalLock` covers the fatal-error record. It is the inner lock: a sink may read the record,
 //     and nothing is called while `fatalLock` is held.
-//  5. fork() takes both locks, the outer one first, and releases them in parent and child. A lock
-//     that another thread held would stay locked in the child, whose next message would wait for
-//     ever; and the child gets a sink whose data no thread was changing. A thread that forks inside
-//     the sink has the outer lock already, and so has its child. stderr is written to without a
-//     lock, so that fork() does not wait for the reader of a full pipe.
+//  5. fork() takes both locks, the outer one first, and releases them in parent and child.
+//     Otherwise a lock held by another thread would stay locked in the child, whose next message
+//     would hang, and the sink's data could be copied in the middle of a change. A thread that
+//     forks inside the sink already holds the outer lock, and so does its child. stderr is written
+//     without a lock, so that fork() does not wait for the reader of a full pipe.
 //  6. errno is as before after each message call; the status slot is never touched.
 //  7. On stderr each line of a message begins with the process and the level, and control
-//     characters are visible: a server's text could otherwise forge a line or rewrite the terminal.
-//     A program's own sink gets the text unchanged.
+//     characters are escaped: otherwise text from a server could forge a line or control the
+//     terminal. A sink gets the text unchanged.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -50,8 +50,8 @@ constexpr LevelName kLevelNames[] = {
     {QLX_LEVEL_NOTICE, "notice"}, {QLX_LEVEL_WARNING, "warning"}, {QLX_LEVEL_ERROR, "error"},
 };
 
-/// A formatted text of any length. A text of up to 1023 bytes lies in the object itself; a longer
-/// one is allocated, and is cut to that size when there is no memory.
+/// A formatted text of any length. Up to 1023 bytes are stored in the object itself; a longer text
+/// is allocated, or truncated to that size when memory is short.
 class Message {
   public:
     QLX_PRINTF(2, 0) Message(const char* format, va_list arguments) {
@@ -72,7 +72,7 @@ class Message {
     kspool::OwnedText long_;
 };
 
-/// Counts what it is given, and keeps as much of it as there is room for.
+/// Counts all bytes, and stores as many as fit.
 struct Output {
     char* text;
     size_t room;
@@ -85,8 +85,9 @@ struct Output {
     }
 };
 
-/// The lines of a message as they go to stderr: the head and ": ", and before each further line the
-/// head and "| ", which no first line has. An LF at the message's end begins no line.
+/// Puts a message as it appears on stderr: its first line after the head and ": ", each further
+/// line after the head and "| ", so that no further line can pass for a message. A final LF is
+/// dropped.
 void putLines(Output& output, std::string_view head, std::string_view text) {
     if (text.ends_with('\n')) text.remove_suffix(1);
     const auto putHead = [&] {
@@ -103,8 +104,8 @@ void putLines(Output& output, std::string_view head, std::string_view text) {
     output.put("\n");
 }
 
-/// Writes a message with a single write(): pieces written one by one would mix with those of other
-/// processes that have the same stderr. Without memory for it the message is cut.
+/// Writes a message with a single write(): separate pieces would mix with those of other processes
+/// on the same stderr. A long message is truncated when memory is short.
 void writeToStderr(uint32_t level, uint32_t status, const char* text) {
     const auto* row = std::find_if(std::begin(kLevelNames), std::end(kLevelNames),
                                    [=](const LevelName& l) { return l.level == level; });
@@ -132,7 +133,7 @@ void writeToStderr(uint32_t level, uint32_t status, const char* text) {
             few[sizeof few - 1] = '\n';
         }
     }
-    // A failure is ignored: stderr is where it would have to be reported.
+    // A failure is ignored: it could only be reported on stderr.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, output.text, output.size);
 }
 
@@ -156,13 +157,14 @@ void unlockAfterFork() {
     if (!isInSink) sinkLock.unlock();
 }
 
-/// When the library is loaded, before any thread of the program can log and fork. Without memory
-/// for the handlers children may hang, and nobody could be told yet.
+/// Runs when the library is loaded, before any thread of the program can log or fork. If memory is
+/// short, handlers are missing and a child may hang; there is no way to report that yet.
 [[gnu::constructor]] void watchForks() {
     pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork);
 }
 
-/// Hands a message to the sink. False without a sink, and for a message that the sink itself wrote.
+/// Passes a message to the sink. False without a sink, and for a message that the sink itself
+/// wrote.
 bool hand(uint32_t level, uint32_t status, const char* text) {
     if (isInSink) return false;
     const std::lock_guard<std::mutex> hold(sinkLock);

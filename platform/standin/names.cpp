@@ -1,9 +1,9 @@
 // The names of sections and entries of configuration files, in two tables that are read by offset.
 //
-// Each table is a record of char arrays: an array holds one name and is as long as the distance to
-// the next one, and its unused bytes are NUL. The offsets are part of the binary interface
-// (platform/ini.h); the names are our own, and so are those that no offset of the library points at
-// ("database", "transfer", "active"), which stand for names of other components of the pool.
+// Each table is a record of char arrays. An array holds one name, is as long as the distance to the
+// next name, and is padded with NUL. The offsets are part of the binary interface (platform/ini.h).
+// The names are our own; the ones at no offset of the library ("database", "transfer", "active")
+// stand for names of other components of the pool.
 #include <cstddef>
 
 #include "platform/ini.h"
@@ -53,8 +53,8 @@ static_assert(offsetof(EntryNames, reconnectTimeout) == INI_ENTRY_RECONNECT_TIME
 
 }  // namespace
 
-// platform/ini.h declares the tables as plain characters. A variable has one type, so these have
-// names of their own and are bound to the symbols of the tables.
+// platform/ini.h declares the tables as char arrays, but here they are records. A variable has only
+// one type, so the records have other C++ names and are bound to the symbols of the tables.
 #define TABLE(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
 extern "C" {

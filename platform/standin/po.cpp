@@ -1,4 +1,4 @@
-// The PO library's stand-in. A PO is a copy of its line; fields are found when they are asked for.
+// The PO library's stand-in. A PO is a copy of its line; POGetField() searches for a field.
 // Thread rule: one thread at a time per PO.
 #include <cstdlib>
 #include <cstring>

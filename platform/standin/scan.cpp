@@ -14,7 +14,7 @@
 namespace {
 
 // A block load may read past the terminating NUL. It cannot fault, because it never crosses into a
-// page that holds no byte of the text; the sanitizers would report it all the same.
+// page without a byte of the text; the sanitizers would report it nevertheless.
 #define WIDE __attribute__((target("avx2"), no_sanitize("address", "thread")))
 
 constexpr uintptr_t kPage = 4096;
@@ -37,11 +37,11 @@ WIDE const char* findEither(const char* text, char a, char b) {
             _mm256_or_si256(_mm256_cmpeq_epi8(bytes, first), _mm256_cmpeq_epi8(bytes, second));
         return static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_or_si256(either, ends)));
     };
-    // An unaligned load near the end of a page would cross it. Go byte by byte into the next one.
+    // An unaligned load near the end of a page would cross it: go byte by byte into the next page.
     for (; reinterpret_cast<uintptr_t>(text) % kPage > kPage - kBlock; ++text)
         if (*text == a || *text == b || *text == '\0') return text;
-    // The next search depends on this result, so the hardware prefetcher cannot run ahead. Ask for
-    // what will be searched a few lines later.
+    // The next search depends on this result, so the hardware prefetcher cannot run ahead. Prefetch
+    // the text that will be searched a few lines later.
     _mm_prefetch(text + kAhead, _MM_HINT_T0);
     _mm_prefetch(text + kAhead + kCacheLine, _MM_HINT_T0);
     // The first load is unaligned. An aligned load would cover the NUL just stored in front of the
@@ -64,7 +64,7 @@ const bool isWide = __builtin_cpu_supports("avx2") != 0;
 
 char* qlxstrpbrk(const char* text, const char* set) noexcept {
 #ifdef __x86_64__
-    // The library asks for "\r\n" only; other sets are not worth a loop of their own.
+    // The library only searches for "\r\n"; other sets are not worth a fast path.
     const bool two = set[0] != '\0' && set[1] != '\0' && set[2] == '\0';
     if (two && isWide) {
         const char* found = findEither(text, set[0], set[1]);

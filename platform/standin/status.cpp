@@ -1,6 +1,6 @@
-// The status library's stand-in: the slot, the texts of statuses, the place of the configuration
-// file and the types of the pool. The slot is one word per thread; nothing else here is state, so
-// any thread may call any function.
+// The status library's stand-in: the slot, the texts of statuses, the location of the configuration
+// file and the types of the pool. The only state is the slot, one word per thread, so any thread
+// may call any function.
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,7 +60,7 @@ constexpr StatusText kTexts[] = {
 #undef KSPOOL_EVENT_ROW
 };
 
-/// Leaves a reason in the slot and returns NULL, for CRConfigLocate().
+/// Stores a reason in the slot and returns NULL, for CRConfigLocate().
 char* locateFailed(uint32_t status) {
     threadStatus = status;
     return nullptr;

@@ -14,8 +14,8 @@
 
 namespace {
 
-// As in PNG's signature: the first byte marks the file as not a text, and a transfer that rewrites
-// line ends or stops at ^Z changes the rest.
+// As in PNG's signature: the first byte shows that the file is not text, and a transfer that
+// converts line ends or stops at ^Z damages the rest.
 constexpr char kSignature[8] = {'\x8b', 'K', 'S', 'P', '\r', '\n', '\x1a', '\n'};
 
 struct MagicOnDisk {
@@ -26,8 +26,8 @@ struct MagicOnDisk {
 };
 static_assert(sizeof(MagicOnDisk) == QLX_MAGIC_LENGTH);
 
-/// Repeats read() or write() until all of `size` bytes are through: either may move fewer bytes
-/// than it was given, or be interrupted by a signal.
+/// Repeats read() or write() until `size` bytes are transferred: a call may transfer fewer bytes,
+/// or be interrupted by a signal.
 template <typename Call, typename Byte>
 bool transferAll(Call call, int fd, Byte* bytes, size_t size) {
     while (size > 0) {

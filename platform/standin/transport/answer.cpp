@@ -1,6 +1,6 @@
-// The transport's stand-in: one answer, received piece by piece and then judged. A piece that
-// breaks the protocol or a limit ends the transfer at once, so that a server cannot make the client
-// read on or allocate without bound.
+// The transport's stand-in: receives and validates one answer. A piece that violates the protocol
+// or a limit ends the transfer at once, so that a server cannot make the client read or allocate
+// without bound.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -25,7 +25,7 @@ constexpr size_t kFirstCapacity = 4096;
 
 std::atomic<uint64_t> limit = uint64_t{4} << 30;
 
-/// If the header line begins with `name` ("name:"), strips it and the blanks behind it.
+/// If the header line begins with `name` ("name:"), strips it and the blanks after it.
 bool takeName(std::string_view& line, std::string_view name) {
     if (!kspool::beginsWith(line, name)) return false;
     line.remove_prefix(name.size());
@@ -33,8 +33,8 @@ bool takeName(std::string_view& line, std::string_view name) {
     return true;
 }
 
-/// True for a line that different programs read differently: one that goes on with the line before,
-/// and one with a CR that does not end it.
+/// True for a line that programs interpret differently: a continuation of the line before (obsolete
+/// line folding), or a line with a CR that is not part of its end.
 bool isAmbiguous(std::string_view line) {
     if (line.ends_with('\n')) line.remove_suffix(1);
     if (line.ends_with('\r')) line.remove_suffix(1);
@@ -47,8 +47,8 @@ bool isType(std::string_view value, std::string_view type) {
     return kspool::sameText(bare, type);
 }
 
-/// A text of an event. It ends up in logs, so the bytes of control characters become spaces: a
-/// server must not be able to forge log lines.
+/// A text of an event, with control characters replaced by spaces: it ends up in logs, where a
+/// server must not be able to forge lines.
 std::string printable(std::string text) {
     for (size_t at = 0, shown = 0; at < text.size(); at += std::max(shown, size_t{1})) {
         shown = kspool::shownLength(std::string_view(text).substr(at));
@@ -57,9 +57,9 @@ std::string printable(std::string text) {
     return text;
 }
 
-/// Reads a problem document member by member; of equal names the last one counts. The JSON
-/// library's tree of values is not used: its destructor allocates, so that a lack of memory would
-/// end the process.
+/// Reads a problem document by SAX events; of equal names the last one counts. The JSON library's
+/// tree of values is not used, because its destructor allocates: lack of memory would end the
+/// process.
 class ProblemReader : public nlohmann::json_sax<nlohmann::json> {
   public:
     bool isEvent() const { return isObject_ && code_ > 0 && code_ <= UINT32_MAX; }
@@ -110,7 +110,7 @@ class ProblemReader : public nlohmann::json_sax<nlohmann::json> {
         return true;
     }
 
-    /// Takes a value: its number, or 0 when it is none, and its text.
+    /// Takes a value as a number (0 for any other type) and as a text.
     bool member(uint64_t number = 0, std::string text = {}) {
         if (depth_ != 1) return true;
         if (name_ == "eventCode") code_ = number;
@@ -163,8 +163,8 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     } else if (takeName(rest, "content-encoding:")) {
         if (!isType(rest, "identity")) refusal_ = WS_STATUS_BAD_ANSWER;
     } else if (takeName(rest, "transfer-encoding:")) {
-        // libcurl would also decode further transfer codings, and ignore a Content-Length beside
-        // this one, which a proxy in between may have believed.
+        // libcurl would also decode other transfer codings, and would ignore a Content-Length
+        // beside this header, by which a proxy may have delimited the answer.
         const bool plain = kspool::sameText(rest, "chunked");
         if (!plain || isChunked_ || hasLength_) refusal_ = WS_STATUS_BAD_ANSWER;
         isChunked_ = true;
@@ -174,8 +174,8 @@ size_t Collector::header(const char* line, size_t length) noexcept {
     return refusal_ == 0 ? length : 0;
 }
 
-/// Accepts one Content-Length of digits alone, or equal ones. Other forms are read differently by
-/// different programs, so that one of them would find another end of the answer.
+/// Accepts a Content-Length of digits only, and repeated ones if equal. Programs interpret other
+/// forms differently, and would then disagree about where the answer ends.
 void Collector::takeLength(std::string_view text) noexcept {
     constexpr size_t kMostDigits = 19;
     const bool digits =
@@ -192,8 +192,8 @@ void Collector::takeLength(std::string_view text) noexcept {
     length_ = length;
 }
 
-/// Makes room for `length` more bytes and a NUL. The capacity doubles: growth by a fixed step would
-/// copy a large answer a number of times that grows with its size.
+/// Makes room for `length` more bytes and a NUL. The capacity doubles: with a fixed step, copying
+/// would take time quadratic in the size of the answer.
 bool Collector::grow(size_t length) noexcept {
     const size_t needed = size_ + length + 1;
     if (needed <= capacity_) return true;
@@ -222,7 +222,7 @@ size_t Collector::body(const char* bytes, size_t length) noexcept {
 
 uint32_t Collector::judge(long httpStatus, kspool::OwnedText& text, Event& event) {
     if (!headIsComplete_) return WS_STATUS_CUT;
-    // A body that only the end of the connection ends cannot be told from one that was cut.
+    // A body that ends with the connection cannot be told from a truncated one.
     if (!isChunked_ && !hasLength_) return WS_STATUS_BAD_ANSWER;
     if (size_ > 0 && memchr(text_.get(), '\0', size_) != nullptr) return WS_STATUS_BAD_ANSWER;
     if (httpStatus >= 400 && httpStatus < 600) return judgeProblem(event);
@@ -230,7 +230,7 @@ uint32_t Collector::judge(long httpStatus, kspool::OwnedText& text, Event& event
     if (size_ == 0) return CR_STATUS_OK;
     text_.get()[size_] = '\0';
     text = std::move(text_);
-    // The caller may keep the text for long; give back what doubling left over.
+    // The caller may keep the text for long, so free the unused part of the buffer.
     if (auto* fitting = static_cast<char*>(realloc(text.get(), size_ + 1))) {
         [[maybe_unused]] char* moved = text.release();
         text.reset(fitting);

@@ -1,13 +1,13 @@
 // The transport's stand-in: one attempt of a request.
 //
-// The attempt joins the transport's multi handle and is driven from the caller's thread. Between
-// steps the thread waits for its socket, for `wake` (WSAbort) and for the end of its time, whatever
-// comes first. libcurl may transmit the request more than once within an attempt, when a connection
-// that was kept open turns out to be dead.
+// The easy handle is added to the transport's multi handle, and the caller's thread drives the
+// transfer. Between steps the thread waits for the socket, for `wake` (WSAbort) or for the end of
+// its time, whichever comes first. libcurl may transmit the request more than once within an
+// attempt, when a connection that was kept open turns out to be dead.
 //
 // Invariants:
-//  1. The handle has left the multi handle at the end, also when an exception passes.
-//  2. After any failure, every socket of the transport is shut down before the handle leaves.
+//  1. The easy handle is removed from the multi handle at the end, even after an exception.
+//  2. After any failure, every socket of the transport is shut down before the handle is removed.
 //  3. No wait is longer than the time that is left. With CURLOPT_QUICK_EXIT, that holds during name
 //     resolution too: libcurl leaves its resolver thread behind instead of joining it.
 //  4. No request is sent on a connection that held unread bytes when the attempt began: they belong
@@ -38,7 +38,7 @@ struct Meaning {
     uint32_t status;
 };
 
-/// Codes of libcurl that are newer than the oldest one that is supported.
+/// Codes that the oldest supported libcurl does not declare.
 constexpr auto kCurlTooLarge = static_cast<CURLcode>(100);
 constexpr auto kCurlEchRequired = static_cast<CURLcode>(101);
 
@@ -92,9 +92,9 @@ void check(CURLMcode code) {
     if (code != CURLM_OK) throw std::runtime_error(curl_multi_strerror(code));
 }
 
-/// The handle for the next attempt. libcurl before 8.1.1 keeps a pointer to the last header line
-/// of a transfer, frees the line, and follows the pointer when the next answer begins with a line
-/// that goes on with the one before. A copy of the handle has no such pointer.
+/// The easy handle for the next attempt. libcurl before 8.1.1 keeps a dangling pointer to the last
+/// header line of a transfer, and follows it when the next answer begins with a continuation line.
+/// A copy of the handle has no such pointer.
 CURL* freshHandle(WSTransport& transport) {
     constexpr unsigned kMended = 0x080101;
     static const bool isMended = curl_version_info(CURLVERSION_NOW)->version_num >= kMended;
@@ -190,9 +190,9 @@ class Attempt {
         return message != nullptr ? message->data.result : CURLE_FAILED_INIT;
     }
 
-    /// Ends a transfer that failed. libcurl may keep a connection on which a request was sent in
-    /// part. The next request would complete it there, and be given the answer to the one before.
-    /// A connection that is shut down is found dead and replaced.
+    /// Ends a failed transfer. libcurl may keep a connection on which part of a request was sent;
+    /// the next request would complete the old one there, and receive its answer. libcurl finds a
+    /// connection that is shut down dead, and replaces it.
     void leave(CURLM* multi) {
         for (const Socket& one : transport_.sockets)
             if (one.isOurs()) shutdown(one.fd, SHUT_RDWR);
@@ -230,8 +230,8 @@ class Attempt {
     uint32_t statusWithinAnswer(CURLcode code) const {
         // libcurl limits a header line to 100 kB and reports OUT_OF_MEMORY beyond that.
         if (code == CURLE_OUT_OF_MEMORY) return WS_STATUS_TOO_LARGE;
-        // A broken chunk and a broken connection share a code. Without a system error it was the
-        // chunk; over TLS, whose library may keep the error to itself, the two look alike.
+        // An invalid chunk and a broken connection share a code. Without a system error it was the
+        // chunk. Over TLS the two look alike, since the TLS library may not pass the error on.
         const bool system = info<long>(curl_, CURLINFO_OS_ERRNO) != transport_.connectErrno;
         if (code == CURLE_RECV_ERROR && collector_.isChunked() && !system && !transport_.isTls)
             return WS_STATUS_BAD_ANSWER;
@@ -239,8 +239,8 @@ class Attempt {
         return status == WS_STATUS_FAILED ? uint32_t{WS_STATUS_BAD_ANSWER} : status;
     }
 
-    /// True for a connection that could not be made, and for an answer by which the server, or a
-    /// gateway before it, asks for patience. An event in such an answer does not change that.
+    /// True when no connection could be made, and for an answer by which the server, or a gateway
+    /// before it, asks to retry later, whether the answer contains an event or not.
     static bool isRetryable(const Outcome& outcome) {
         if (outcome.status == WS_STATUS_NO_CONNECT) return true;
         if (outcome.status == WS_STATUS_CONNECT_TIMED_OUT) return true;

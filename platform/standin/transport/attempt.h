@@ -11,23 +11,23 @@ namespace ws {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-/// The time that a request has left. Bytes that move, in either direction, extend it: a long
-/// transfer at a fair rate goes on, and a server that trickles is still bounded.
+/// The time that a request has left. Each byte transferred, in either direction, extends it: a long
+/// transfer at a reasonable rate can complete, but a server that trickles bytes is still bounded.
 class TimeLimit {
   public:
     /// `response` 0: no limit.
     TimeLimit(milliseconds response, milliseconds reconnect)
         : response_(response), end_(Clock::now() + response + reconnect) {}
 
-    /// To be called at the start of an attempt: nothing has moved yet.
+    /// Restarts the response time-out. To be called at the start of an attempt.
     void restart() { lastMove_ = Clock::now(); }
 
     void moved(uint64_t bytes);
 
-    /// Zero or less when the time is over, and never more than a minute.
+    /// The time to wait at most: zero or less when the time is over, never more than a minute.
     Clock::duration left() const;
 
-    /// True for a time at which the whole request is over.
+    /// True for a time at or after the deadline of the request.
     bool isOverAt(Clock::time_point time) const { return response_.count() != 0 && time >= end_; }
 
   private:
@@ -41,9 +41,9 @@ class TimeLimit {
 struct Outcome {
     uint32_t status = WS_STATUS_FAILED;
     long httpStatus = 0;
-    /// The server may have carried the request out, as far as this attempt tells.
+    /// Judging by this attempt alone, the server may have carried out the request.
     bool mayBeDone = false;
-    /// The server, or a gateway before it, or the lack of a connection asks for another attempt.
+    /// No connection could be made, or the server or a gateway before it asks to retry later.
     bool isRetryable = false;
     std::chrono::seconds retryAfter{0};  ///< 0: the server did not say
 };
@@ -52,10 +52,10 @@ struct Outcome {
 /// filled.
 Outcome attempt(WSTransport& transport, TimeLimit& limit, kspool::OwnedText& text);
 
-/// Forgets aborts of former requests.
+/// Clears aborts that were meant for earlier requests.
 void forgetAborts(WSTransport& transport);
 
-/// Takes the bytes out of the eventfd: it would otherwise end every wait to come.
+/// Resets the eventfd: otherwise it would end every later wait.
 void emptyWake(const WSTransport& transport);
 
 }  // namespace ws

@@ -50,8 +50,8 @@ std::string partOf(CURLU* url, CURLUPart part) {
     return text;
 }
 
-/// A URL, or NULL for a text that is not an http or https one. libcurl also takes "http:/host" and
-/// "http:///host", of which other programs make another host or none.
+/// A parsed URL, or NULL unless the text is an http or https URL. libcurl also accepts "http:/host"
+/// and "http:///host", in which other programs find another host or none.
 Url parsed(std::string_view text) {
     Url url(curl_url());
     if (url == nullptr) throw std::bad_alloc();
@@ -75,9 +75,9 @@ uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
     if (text.empty()) return WS_STATUS_NO_SERVER;
     const Url url = parsed(text);
     if (url == nullptr) return WS_STATUS_NO_SERVER;
-    // Paths are appended to the text, which a query or a fragment would swallow.
+    // Paths are appended to the text, and would become part of a query or fragment.
     if (text.find_first_of("?#") != std::string_view::npos) return WS_STATUS_NO_SERVER;
-    // The URL is logged with each failure, and a password in it would be as well.
+    // The URL is logged with each failure, and a password in it would be logged as well.
     for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD}) {
         if (!partOf(url.get(), part).empty()) return WS_STATUS_NO_SERVER;
     }
@@ -92,10 +92,10 @@ uint32_t readServerUrl(WSTransport& transport, bool& loopback) {
     return CR_STATUS_OK;
 }
 
-/// Names the proxy, if any. libcurl would take one from http_proxy and its relatives, which are set
-/// for other programs: login and password would reach a host that nobody meant to trust with them.
-/// Only TLS goes through a proxy, as a tunnel that it cannot look into. Returns 0, or the status of
-/// an unusable KSPOOL_PROXY, since a direct connection may be what the proxy is to prevent.
+/// Sets the proxy, if any. By default libcurl would take one from http_proxy and similar variables,
+/// which are set for other programs: login and password could reach a host that nobody trusts with
+/// them. Only TLS goes through a proxy, as a tunnel that the proxy cannot read. Returns 0, or a
+/// status for an unusable KSPOOL_PROXY: connecting directly instead may be what the user forbids.
 uint32_t setProxy(const WSTransport& transport, bool loopback) {
     CURL* curl = transport.curl.get();
     const char* proxy = transport.isTls && !loopback ? setVariable("KSPOOL_PROXY") : nullptr;
@@ -114,7 +114,8 @@ size_t onBody(char* bytes, size_t, size_t length, void* collector) {
     return static_cast<Collector*>(collector)->body(bytes, length);
 }
 
-/// Opens a socket and lists it: a child of the process has to find them all at WSShutdown().
+/// Opens a socket and adds it to the list, where failed attempts and WSShutdown() in a child find
+/// it.
 curl_socket_t onOpen(void* transport, curlsocktype, curl_sockaddr* address) {
     const curl_socket_t opened = kspool::aboveStandard(
         socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
@@ -135,8 +136,8 @@ int onClose(void* transport, curl_socket_t closed) {
     return close(closed);
 }
 
-/// Called when a connection is ready, just before the request goes out on it. More than one call
-/// within an attempt means that libcurl repeated the request by itself.
+/// Called just before a request is sent on a connection. A second call within an attempt means that
+/// libcurl has repeated the request by itself.
 int onTransmission(void* data, char*, char*, int, int) {
     auto* transport = static_cast<WSTransport*>(data);
     ++transport->transmissions;
@@ -171,7 +172,7 @@ void configure(WSTransport& transport) {
     curl_easy_reset(curl);
     transport.unusable = readServerUrl(transport, loopback);
     if (transport.unusable == 0) transport.unusable = setProxy(transport, loopback);
-    // Signals belong to the program: no SIGALRM, no change of handlers.
+    // Signals belong to the program: use no SIGALRM, and install no handlers.
     setCurl(curl, CURLOPT_NOSIGNAL, 1L);
     setCurl(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     setCurl(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
@@ -183,7 +184,7 @@ void configure(WSTransport& transport) {
     setCurl(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
     setCurl(curl, CURLOPT_TCP_KEEPALIVE, 1L);
     setCurl(curl, CURLOPT_USERAGENT, "kspool");
-    // A name server that never answers would hold the caller beyond the deadline.
+    // Otherwise a name server that never answers would block the caller beyond the deadline.
     setCurl(curl, CURLOPT_QUICK_EXIT, 1L);
     setKeys(curl, s.keyLocation.text());
     if (!s.login.empty()) {

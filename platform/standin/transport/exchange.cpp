@@ -5,9 +5,10 @@
 // Invariants of a request:
 //  1. All attempts and transmissions carry the same bytes and the same Request-Id, which makes a
 //     repetition idempotent on a server that remembers ids.
-//  2. The deadline is the response plus the reconnect time-out after the start, and a second more
-//     for each 64 KiB that moved. No attempt begins later. An attempt in which nothing moves for
-//     one response time-out ends. Without a response time-out, neither limit exists.
+//  2. The deadline is the response plus the reconnect time-out after the start, extended by a
+//     second for each 64 KiB transferred. No attempt begins after the deadline. An attempt ends
+//     when no byte is transferred for one response time-out. Without a response time-out, neither
+//     limit exists.
 //  3. A status that promises "nothing was done" is returned only when no transmission of any
 //     attempt can have been carried out.
 //  4. WSAbort() ends an attempt or a pause, and no attempt follows.
@@ -55,8 +56,8 @@ HeaderList headersFor(WSTransport& transport, const Request& request) {
 void prepare(WSTransport& transport, const Request& request, const curl_slist* headers) {
     CURL* curl = transport.curl.get();
     setCurl(curl, CURLOPT_URL, (transport.base + request.path).c_str());
-    // When libcurl runs out of memory while it copies the query, it sends the path without it. A
-    // request target of our own is sent as it is.
+    // Set the request target explicitly: when libcurl runs out of memory while it copies the query
+    // of a URL, it sends the path without the query.
     setCurl(curl, CURLOPT_REQUEST_TARGET, (transport.path + request.path).c_str());
     setCurl(curl, CURLOPT_HTTPHEADER, headers);
     if (request.contentType == nullptr) {
@@ -107,13 +108,13 @@ class Call {
         if (last_.httpStatus != 0)
             transport_.trace.httpStatus = static_cast<uint32_t>(last_.httpStatus);
         ++transport_.trace.attempts;
-        // The server's own refusal says that no transmission of this request was carried out. A
-        // gateway's answer says nothing of the kind: it may stand for a lost answer.
+        // An event of the server promises that no transmission of this request was carried out. A
+        // gateway's answer promises nothing: it may replace an answer that was lost.
         const bool refused = last_.status == CR_STATUS_OK && transport_.event.code != 0;
         mayBeDone_ = !refused && (mayBeDone_ || last_.mayBeDone);
     }
 
-    /// Sleeps until the time is over or WSAbort() is called.
+    /// Sleeps for a time, or until WSAbort() is called.
     void pause(Clock::duration time) const {
         const auto end = Clock::now() + time;
         while (!transport_.aborted) {
@@ -124,14 +125,15 @@ class Call {
         }
     }
 
-    /// The pause before the next attempt: Retry-After when the server gave one, else exponential
-    /// back-off with full jitter, a random part of a span that doubles up to a cap. Clients that a
-    /// failing server dropped together would otherwise come back together.
+    /// The pause before the next attempt: Retry-After if the server sent one, else exponential
+    /// back-off with full jitter (a random part of a span that doubles up to a cap). Without
+    /// jitter, clients that a failing server dropped at the same time would return at the same
+    /// time.
     Clock::duration backOff(unsigned failures) const {
         if (last_.retryAfter.count() > 0) return seconds(last_.retryAfter.count());
         const milliseconds most =
             std::min(kBackOffBase * (1U << std::min(failures, 10U)), kBackOffCap);
-        // The seed differs between transports, so that their pauses differ as well.
+        // Seeded differently in each transport, so that their pauses differ.
         std::minstd_rand random(static_cast<uint32_t>(transport_.idStart + failures) ^
                                 static_cast<uint32_t>(transport_.requests << 8));
         random.discard(1);
@@ -168,9 +170,9 @@ uint32_t exchange(WSTransport& transport, const Request& request, kspool::OwnedT
     prepare(transport, request, headers.get());
     const uint32_t status = Call(transport).run(text);
     curl_easy_setopt(transport.curl.get(), CURLOPT_HTTPHEADER, nullptr);
-    // libcurl repeats a request on a new connection when a reused one is dead, but only five times
-    // in the life of a handle, unless it is reset. So a request that needed a new connection has
-    // the next one configure, and thereby reset, the handle.
+    // When a reused connection is dead, libcurl repeats the request on a new one, but only five
+    // times in the life of a handle, unless the handle is reset. So after a request that opened a
+    // connection, the next request configures, and thereby resets, the handle.
     long connects = 0;
     curl_easy_getinfo(transport.curl.get(), CURLINFO_NUM_CONNECTS, &connects);
     if (connects > 0) transport.configured = false;

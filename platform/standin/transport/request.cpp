@@ -29,8 +29,8 @@ struct Parameter {
     Type type;
 };
 
-/// The parameters by name. A variadic list does not carry the types of its values, so the name
-/// tells how to read the value that follows.
+/// The types of parameters by name. A variadic list does not carry types, so the name of a
+/// parameter decides how the value after it is read.
 constexpr Parameter kParameters[] = {
     {"action", Type::kText},
     {"path", Type::kText},
@@ -54,8 +54,8 @@ constexpr Parameter kParameters[] = {
     {"retention", Type::kInt64},
 };
 
-/// Percent-encodes all but the unreserved characters of a URL. curl_easy_escape() fails when the
-/// escaped form is over 24 MB, which a list of POs can be.
+/// Percent-encodes all but the unreserved characters of a URL. curl_easy_escape() fails for results
+/// over 24 MB, which a list of POs can reach.
 std::string escaped(const char* text) {
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string out;
@@ -86,8 +86,8 @@ std::string valueText(Type type, va_list& parameters) {
     }
 }
 
-/// Writes the parameters as a form. False when a name is not in the table: the type of its value is
-/// unknown, so the rest of the list cannot be read either.
+/// Writes the parameters as a form. False for a name that is not in the table: the type of its
+/// value is unknown, so the rest of the list cannot be read.
 bool writeForm(va_list& parameters, std::string& form) {
     while (const char* name = va_arg(parameters, const char*)) {
         const auto* row =

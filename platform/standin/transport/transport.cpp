@@ -59,15 +59,15 @@ const Row* rowOf(const Row (&table)[size], uint32_t code) {
 uint32_t checkText(const WSOption& option) {
     const char* text = option.value.text;
     if (text == nullptr) return CR_STATUS_INVALID_PARAMETER;
-    // HTTP Basic sends "login:password", so a server would split the login at its colon.
+    // HTTP Basic sends "login:password", so a server would split a login at its first colon.
     if (option.code == WS_OPT_LOGIN && strchr(text, ':') != nullptr) {
         return CR_STATUS_INVALID_PARAMETER;
     }
     return CR_STATUS_OK;
 }
 
-/// Applies all records or none: they go to a copy, and assigning it cannot fail. The copy's Secrets
-/// are wiped.
+/// Applies all records or none: they are applied to a copy, whose assignment cannot fail. The
+/// copy's Secrets are wiped.
 uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t count) {
     Settings next = transport.settings;
     for (uint32_t i = 0; i < count; ++i) {
@@ -89,8 +89,8 @@ uint32_t setOptions(WSTransport& transport, const WSOption* options, uint32_t co
     return CR_STATUS_OK;
 }
 
-/// curl_global_init() must not run twice at the same time, and its result is kept for all
-/// transports of the process.
+/// Calls curl_global_init() once, since concurrent calls are not allowed, and keeps the result for
+/// all transports of the process.
 bool globalInit() {
     static std::once_flag once;
     static CURLcode result = CURLE_FAILED_INIT;
@@ -114,9 +114,9 @@ std::unique_ptr<WSTransport> makeTransport() {
     return transport;
 }
 
-/// Called in a child of the owner. Its descriptors refer to the parent's connections, on which the
-/// close_notify that libcurl sends would end the parent's TLS session. So each socket is replaced
-/// by /dev/null, which swallows the bytes, or closed where that fails.
+/// Called in a child of the owner. The child's descriptors refer to the parent's connections, where
+/// the close_notify that libcurl sends would end the parent's TLS session. So each socket is
+/// replaced by /dev/null, which discards the bytes, or closed if that fails.
 void muteConnections(const WSTransport& transport) {
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const Socket& one : transport.sockets) {
@@ -126,8 +126,8 @@ void muteConnections(const WSTransport& transport) {
     if (nowhere >= 0) close(nowhere);
 }
 
-/// Asks for the architecture mode and remembers it. The answer is a number below kNoArchMode, which
-/// stands for a failure in WSArchMode(), and perhaps line ends.
+/// Requests the architecture mode and remembers it. A valid answer is a number below kNoArchMode,
+/// which WSArchMode() returns on failure, and optional line ends.
 uint32_t askArchMode(WSTransport& transport) {
     kspool::OwnedText text;
     const uint32_t status = exchange(transport, {"/ws/arch", nullptr, nullptr, 0}, text);
@@ -174,7 +174,7 @@ WSTransport* WSInit(int, int, int, int, int) noexcept {
 void WSShutdown(WSTransport* transport) noexcept {
     if (transport == nullptr) return;
     if (transport->owner != getpid()) muteConnections(*transport);
-    // The handles go first: closing the connections calls onClose(), which needs the record.
+    // Release the handles first: closing the connections calls onClose(), which uses the record.
     transport->multi.reset();
     transport->curl.reset();
     delete transport;
@@ -236,8 +236,8 @@ uint32_t WSArchMode(WSTransport* transport) noexcept {
     return kNoArchMode;
 }
 
-// WSInit() stands in this file, too, so that a program that is linked with the archive gets these
-// three: weak references alone would not bring them in.
+// These three are in the same file as WSInit(): the library refers to them weakly, and a weak
+// reference alone would not make the linker take them from the archive.
 
 uint32_t WSAbort(WSTransport* transport) noexcept {
     if (transport->owner != getpid()) return WS_STATUS_FORKED;

@@ -27,8 +27,8 @@ namespace ws {
 /// The longest text of an option is 4095 characters.
 using Secret = kspool::SecretText<4095>;
 
-/// The values of the options that WSSetOpt() sets, in seconds where they are times. An empty text
-/// is an option that is not set. All texts are wiped, although only login and password must be.
+/// The values of the options that WSSetOpt() sets; times are in seconds. An empty text means that
+/// the option is not set. All texts are wiped, although only login and password must be.
 struct Settings {
     Secret serverUrl;
     Secret login;
@@ -54,7 +54,7 @@ struct FreeCurlText {
 };
 using HeaderList = std::unique_ptr<curl_slist, FreeList>;
 
-/// One request. Its attempts all send the same bytes.
+/// One request. All its attempts send the same bytes.
 struct Request {
     const char* path;         ///< below the server URL, with its query
     const char* contentType;  ///< NULL: a GET
@@ -75,14 +75,14 @@ struct Trace {
     std::string id;  ///< its Request-Id
 };
 
-/// Receives the answer to one attempt and judges it. libcurl accepts more than the protocol allows
-/// (repeated lengths, further transfer codings, bodies without a known end), so the header lines
-/// are read here as well.
+/// Receives the answer to one attempt and validates it. libcurl accepts more than the protocol
+/// allows (repeated lengths, other transfer codings, bodies that end with the connection), so the
+/// header lines are parsed here as well.
 ///
 /// Invariants:
 ///  1. Once `refusal_` is set, the callbacks return 0, which ends the transfer.
 ///  2. `text_` has `capacity_` bytes, of which `size_` are filled; unless both are 0, there is room
-///     for a NUL behind them.
+///     for a NUL after them.
 ///  3. Header members describe the answer of the last status line. Interim answers (1xx) are
 ///     forgotten, but their bytes count for the limit.
 class Collector {
@@ -91,13 +91,13 @@ class Collector {
     size_t header(const char* line, size_t length) noexcept;
     size_t body(const char* bytes, size_t length) noexcept;
 
-    /// Why the transfer was ended from here, or 0.
+    /// The status with which a callback has ended the transfer, or 0.
     uint32_t refusal() const { return refusal_; }
     bool isChunked() const { return isChunked_; }
     /// Bytes of head and body so far.
     uint64_t received() const { return headerBytes_ + size_; }
 
-    /// The status of an answer that arrived whole: 0 with `text` or `event` filled, or a failure.
+    /// The status of a complete answer: 0 with `text` or `event` filled, or a failure.
     uint32_t judge(long httpStatus, kspool::OwnedText& text, Event& event);
 
   private:
@@ -109,7 +109,7 @@ class Collector {
 
     size_t headerBytes_ = 0;
     Content content_ = Content::kOther;
-    bool mayBegin_ = true;  ///< a status line may come: at first, and behind an interim answer
+    bool mayBegin_ = true;  ///< a status line is allowed: at first, and after an interim answer
     bool isInterim_ = false;
     bool headIsComplete_ = false;
     bool isChunked_ = false;
@@ -123,8 +123,8 @@ class Collector {
 
 uint64_t answerLimit() noexcept;
 
-/// A socket that the transport opened. libcurl closes some sockets without the callback, after
-/// which the number may belong to a descriptor of the program; the inode tells them apart.
+/// A socket that the transport opened. libcurl closes some sockets without calling onClose(); the
+/// program may then get the same descriptor number, and the inode tells the two apart.
 struct Socket {
     curl_socket_t fd;
     ino_t inode;
@@ -143,13 +143,12 @@ struct Socket {
 
 }  // namespace ws
 
-// A transport: one libcurl handle, or a copy of it, for every request, the multi handle that drives
-// it and keeps the connection, and the state around them.
+// A transport: one libcurl easy handle, or a copy of it, for every request; the multi handle that
+// drives it and keeps the connection; and the state around them.
 //
-// Thread rule: one thread at a time per transport, no locks, but for WSAbort(): any thread or a
-// signal handler may call it, so it touches `aborted` (lock-free), `wake` and `owner` alone.
-// Process-wide are only libcurl's global state, initialised once, and the answer limit, which is
-// atomic.
+// Thread rule: one thread at a time per transport, without locks. The exception is WSAbort(), which
+// any thread or signal handler may call: it uses only `aborted` (lock-free), `wake` and `owner`.
+// Process-wide state is libcurl's own, initialised once, and the answer limit, which is atomic.
 //
 // Invariants:
 //  1. Only the process `owner` sends. In a child, requests return WS_STATUS_FORKED and WSShutdown()
@@ -161,14 +160,14 @@ struct Socket {
 //  4. No two requests share an id: `idStart` is random per transport, `requests` only grows. All
 //     attempts of one request carry the same id.
 //  5. `sockets` names every open socket of `curl`. It may also name closed ones: see Socket.
-//  6. Pointers that `curl` keeps into a finished call (body, collector) are dead; each attempt
-//     replaces them before `curl` joins `multi`.
+//  6. Pointers in `curl` to objects of a finished call (body, collector) are dangling; each attempt
+//     replaces them before `curl` is added to `multi`.
 //  7. `archKnown` implies that `archMode` is that of `settings.serverUrl`.
 //  8. `event` and `trace` belong to the last request and own the texts that its WSResult and
 //     WSLastEvent() point to; the next request clears both.
 //  9. `curl` is in `multi` only during an attempt. The connections belong to `multi`.
-// 10. `aborted` is false when an attempt of a new request begins. `wake` may hold the rest of an
-//     earlier abort, which then ends one wait early and nothing else.
+// 10. `aborted` is false when a new request begins. `wake` may still be signalled by an earlier
+//     abort, which only ends one wait early.
 struct WSTransport {
     std::unique_ptr<CURL, ws::FreeEasy> curl;
     std::unique_ptr<CURLM, ws::FreeMulti> multi;
@@ -189,7 +188,7 @@ struct WSTransport {
     bool archKnown = false;
     uint32_t archMode = 0;
     unsigned transmissions = 0;  ///< how often libcurl began to send within the current attempt
-    long connectErrno = 0;  ///< left by connecting, as libcurl keeps it: an address that failed
+    long connectErrno = 0;  ///< OS errno of a failed address, which libcurl keeps after connecting
     ws::Event event;
     ws::Trace trace;
     WSStatisticsRecord statistics{};
@@ -197,8 +196,9 @@ struct WSTransport {
 
 namespace ws {
 
-/// Sets one libcurl option. A failure ends the request: without the option, other bytes would be
-/// sent, or to another host. An option that this libcurl was built without is not a lack of memory.
+/// Sets one libcurl option. A failure ends the request: without the option, other bytes could be
+/// sent, or to another host. Throws bad_alloc for lack of memory, and runtime_error for an option
+/// that this libcurl does not support.
 template <typename Value>
 void setCurl(CURL* curl, CURLoption option, Value value) {
     const CURLcode code = curl_easy_setopt(curl, option, value);
@@ -210,14 +210,13 @@ inline const char* nullIfEmpty(const std::string& text) {
     return text.empty() ? nullptr : text.c_str();
 }
 
-/// The status of the exception that is being handled. To be called in a handler alone.
+/// The status for the exception being handled. REQUIRES: called in a catch block.
 uint32_t statusOfException() noexcept;
 
-/// Gives libcurl the settings and all options that are the same for every request. The open
-/// connection is kept.
+/// Sets all libcurl options that are the same for every request. The open connection is kept.
 void configure(WSTransport& transport);
 
-/// Sends a request, again while the reconnect time-out allows, and returns its status.
+/// Sends a request, with retries while the reconnect time-out allows. Returns its status.
 uint32_t exchange(WSTransport& transport, const Request& request, kspool::OwnedText& text);
 
 }  // namespace ws
