@@ -20,7 +20,7 @@ namespace sandbox {
 namespace {
 
 constexpr int kIterations = 100'000;
-/// A file with more is refused: one login would hold up all connections for many seconds.
+/// A file with more iterations is refused: each check of a password would take many seconds.
 constexpr int kMostIterations = 10'000'000;
 constexpr size_t kSaltSize = 16;
 constexpr size_t kPasswordLength = 24;
@@ -80,7 +80,7 @@ std::string fromBase64(std::string_view text) {
     return decoded;
 }
 
-/// The password is wiped at the end; otherwise it would stay in freed memory.
+/// The destructor wipes the password, which otherwise would remain in freed memory.
 struct Credentials {
     std::string login;
     std::string password;
@@ -186,8 +186,8 @@ std::optional<const Accounts::Entry*> Accounts::verdict(const std::string& heade
     return known != verdicts_.end() ? std::optional(known->second) : std::nullopt;
 }
 
-/// Hashes one password even when the login is unknown, with the first account's salt: the time of
-/// an answer would otherwise tell which logins exist. Of equal logins the one added last counts.
+/// For an unknown login, hashes the password with the first account's salt: otherwise the time of
+/// an answer would reveal which logins exist. Of equal logins the one added last counts.
 const Accounts::Entry* Accounts::check(const std::string& header) const {
     Credentials credentials;
     if (!parseHeader(header, credentials)) return nullptr;
@@ -197,7 +197,7 @@ const Accounts::Entry* Accounts::check(const std::string& header) const {
     }
     const Entry& against = found != nullptr ? *found : entries_.front();
     const Digest hash = hashPassword(credentials.password, against.salt, against.iterations);
-    // In constant time: an early end would tell how many bytes of a guess are right.
+    // In constant time: an early exit would reveal how many bytes of a guess are right.
     const bool same = CRYPTO_memcmp(hash.data(), against.hash.data(), hash.size()) == 0;
     return same ? found : nullptr;
 }

@@ -1,22 +1,22 @@
 // Who may do what: logins with hashed passwords and permissions.
 //
-// A password is stored as its PBKDF2 with HMAC-SHA-256, so that accounts.json does not show it. The
-// random salt makes the hashes of equal passwords differ, and tables of hashes computed in advance
-// useless; the iterations make each guess of a password cost 100,000 HMACs.
+// Passwords are stored as PBKDF2 hashes with HMAC-SHA-256, so that accounts.json does not reveal
+// them. The random salt makes the hashes of equal passwords differ, and precomputed tables useless;
+// the iterations make each guess of a password cost 100,000 HMACs.
 //
-// A login costs as much, and a session sends its header with each request. Therefore the verdict on
-// each of the newest headers is remembered, under a digest of the header: an equal header costs one
-// SHA-256. The digest is keyed with random bytes of this process. An unkeyed digest that leaks
-// would allow fast guesses, and the iterations would be in vain; a leaked keyed digest is of no use
-// without the key, and the header itself, which holds the password, is not kept at all. The key is
-// also why an ordinary map may compare digests: the time of a comparison tells a guesser nothing.
+// Checking a login costs the same, and a session sends its Authorization header with each request.
+// Therefore the verdicts on the newest headers are cached under a digest of the header: a known
+// header costs one SHA-256. The digest is keyed with random bytes of this process. A leaked unkeyed
+// digest would allow fast guesses and make the iterations useless; a keyed one is worthless without
+// the key. The header itself, which contains the password, is not kept. Because of the key, digests
+// may be compared in an ordinary map: the time of a comparison reveals nothing about a password.
 //
 // Thread rule: check() may be called by any thread, once the accounts are added; all other
 // functions by one thread at a time.
 //
 // Invariants:
-//  1. A verdict was given by check() in full. NULL is a refusal.
-//  2. Accounts are only added, before the server starts: a verdict never becomes invalid.
+//  1. Every cached verdict is a result of check(). NULL is a refusal.
+//  2. Accounts are only added, and only before the server starts, so verdicts never become invalid.
 //  3. `verdicts_` has at most 1,000 headers, each once in `order_`, the newest at the end.
 #ifndef SANDBOX_ACCOUNTS_H
 #define SANDBOX_ACCOUNTS_H
@@ -57,7 +57,7 @@ class Accounts {
     void addText(const std::string& text);
 
     bool empty() const { return entries_.empty(); }
-    /// The remembered verdict on an Authorization header; nothing when it has to be checked.
+    /// The cached verdict on an Authorization header; nullopt if the header has to be checked.
     std::optional<const Entry*> verdict(const std::string& header) const;
     /// The account whose login and password the header holds, or NULL. Takes some 30 ms. REQUIRES:
     /// there is an account.

@@ -78,9 +78,9 @@ std::string findPOs(Context& context, const Parameters& given) {
     return context.pos.find(selectionOf(context, given), given.text("filter"), context.more);
 }
 
-/// The given members of an image; the others keep their defaults. An image that is given by its
-/// dofp alone has that as its name. Throws Event for an unknown data selection, and for a text that
-/// is no field of an answer's line.
+/// An image from the given parameters, with defaults for the others. Without a name, the dofp is
+/// the image name. Throws Event for an unknown data selection, and for a text that cannot be a
+/// field of an answer's line.
 Image imageOf(Context& context, const Parameters& given) {
     const auto text = [&](const char* name) {
         std::string value = given.has(name) ? given.text(name) : "";

@@ -23,15 +23,15 @@ struct Context {
     Selections& selections;
     ImageStore& images;
     int64_t now;  ///< seconds since 1970
-    /// Set by a handler whose answer is long: the source of the blocks after the returned text, as
-    /// in Answer::more.
+    /// Set by a handler with a long answer: the source of the blocks after the returned text, as in
+    /// Answer::more.
     std::function<std::string()> more{};
 };
 
 constexpr size_t kMostParameters = 9;
 
-/// One row of the protocol's table. The row decides everything but the effect: which service has
-/// the action, who may ask for it, where its parameters are and of which types.
+/// One row of the protocol's table. The row decides everything but the effect: the service, the
+/// permission, and where the parameters are and of which types.
 struct Action {
     const char* name;
     const char* service;
@@ -46,7 +46,7 @@ struct Action {
     std::string (*handle)(Context&, const Parameters&);
 };
 
-/// True for an action of any service, and for "arch", the question for the architecture mode.
+/// True for an action of any service, and for "arch", the request for the architecture mode.
 bool isActionName(const std::string& name);
 /// The names of all of these, in the order of the protocol's table.
 std::vector<std::string> actionNames();

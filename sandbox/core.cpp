@@ -19,7 +19,7 @@ namespace sandbox {
 namespace {
 
 constexpr char kSourceApplication[] = "kspool-sandbox";
-/// A client resends within its reconnect time-out, so the newest ids are enough.
+/// Clients resend only within their reconnect time-out, so keeping the newest ids is enough.
 constexpr int64_t kStoredAnswers = 10'000;
 
 struct EventRow {
@@ -34,8 +34,9 @@ constexpr EventRow kEvents[] = {
 #undef KSPOOL_EVENT_ROW
 };
 
-/// Requests with equal digests are attempts of one request. Each part has its length in front: a
-/// byte that moves from the end of one part to the start of the next gives another digest.
+/// Requests with the same id and equal digests are attempts of one request. Each part is hashed
+/// after its length: otherwise moving a byte from the end of one part to the start of the next
+/// would not change the digest.
 std::string digestOf(const Request& request, const std::string& login) {
     std::string text;
     for (const std::string* part :
@@ -56,7 +57,7 @@ void checkMediaType(const Request& request, const char* type) {
         throw Event{POOL_EVENT_BAD_REQUEST, std::string("Content-Type is not ") + type};
 }
 
-/// A client's text for a description, cut so that the answer stays short.
+/// A client's text for a description, truncated to keep the answer short.
 std::string quoted(const std::string& text) {
     constexpr size_t kLongest = 100;
     return "'" + (text.size() > kLongest ? text.substr(0, kLongest) + "..." : text) + "'";
@@ -87,8 +88,8 @@ const Action& actionOf(const Request& request, const Pairs& pairs) {
     return *action;
 }
 
-/// Accepts each parameter of the action once, and no other: a misspelt optional parameter would
-/// otherwise go unnoticed.
+/// Accepts each parameter of the action once, and no other parameter: otherwise a misspelt optional
+/// one would go unnoticed.
 Parameters parametersOf(const Action& action, const Pairs& pairs, const Request& request) {
     Parameters parameters;
     for (auto pair = pairs.begin() + 1; pair != pairs.end(); ++pair) {
@@ -150,7 +151,7 @@ nlohmann::ordered_json Core::reporter() const {
     return {{"serverAddress", serverAddress_}, {"sourceApplication", kSourceApplication}};
 }
 
-/// `promises`: that no sending of the request's id was carried out, which is what the code tells.
+/// `promises`: no transmission with this id was carried out. Only then the answer has an eventCode.
 Answer Core::eventAnswer(const Event& event, bool promises) const {
     const EventRow& row =
         *std::find_if(std::begin(kEvents), std::end(kEvents),
@@ -179,13 +180,13 @@ Answer Core::answer(const Request& request, const Accounts::Entry* account, LogE
     }
 }
 
-/// The only answer that a login may get which is not the id's own: it tells that the id is in use,
-/// and nothing of the stored answer.
+/// From a refusal without a code, another login can learn that the id is in use, but nothing about
+/// the stored answer.
 Answer Core::refusal(const Request& request, const Event& event) {
     return eventAnswer(event, !mayBeDone(request.id));
 }
 
-/// An answer other than 200 was a refusal by the handler, which changed nothing.
+/// A stored answer other than 200 is a refusal by the handler, which changed nothing.
 bool Core::mayBeDone(const std::string& id) noexcept {
     if (open_.contains(id)) return true;
     try {
@@ -247,8 +248,8 @@ Answer Core::change(const Request& request, const Action& action, const Paramete
         Context context{names_, pos_, selections_, images_, now()};
         answer.body = action.handle(context, parameters);
     } catch (const Event& event) {
-        // The handler may have changed rows before it refused: roll these back, then store the
-        // refusal by itself.
+        // The handler may have changed rows before it refused: roll the changes back, then store
+        // the refusal in a transaction of its own.
         answer = eventAnswer(event);
         transaction.reset();
         transaction = std::make_unique<Transaction>(database_);

@@ -44,12 +44,13 @@ void redirect(const Fault& fault, const Json& /*reporter*/, Answer& answer) {
     answer.headers.emplace_back("Location", fault.text("location", "/"));
 }
 
-/// An event of a bad event would be a promise that nobody looked up: see FaultKind::refuses.
+/// True for a valid event code. A bad-event fault must not send one: it would promise that the
+/// request was not done, which is checked only for FaultKind::refuses.
 bool isEventCode(const Json& value) {
     return value.is_number_unsigned() && value > 0 && value <= UINT32_MAX;
 }
 
-/// An event's answer. A member that the fault gives replaces the default one; null leaves it out.
+/// An event's answer. Members of the fault replace the defaults; null leaves a member out.
 void eventWithCode(const Fault& fault, const Json& reporter, const Json& code, Answer& answer) {
     nlohmann::ordered_json members = {{"title", "Ordered"},
                                       {"detail", "ordered"},
@@ -74,7 +75,7 @@ void event(const Fault& fault, const Json& reporter, Answer& answer) {
     eventWithCode(fault, reporter, POOL_EVENT_SERVER_FAILED, answer);
 }
 
-/// The code goes out as ordered, whatever its JSON type and value; by default it is left out.
+/// The code is sent as ordered, whatever its JSON type and value; by default there is none.
 void badEvent(const Fault& fault, const Json& reporter, Answer& answer) {
     eventWithCode(fault, reporter, nullptr, answer);
 }
@@ -118,9 +119,9 @@ bool isHttpStatus(const Json& value) {
     return value.is_number_unsigned() && value >= 200 && value <= 999;
 }
 
-/// The description of the values that a member takes; NULL when it takes this one. Asked when a
-/// fault is ordered, so that Fault::number() and Fault::text() cannot throw when the fault strikes:
-/// the client would see a closed connection, and nobody the mistake in the order.
+/// Which values a member accepts; NULL if it accepts this one. Checked when a fault is ordered, so
+/// that Fault::number() and Fault::text() cannot throw when the fault strikes: then the client
+/// would see a closed connection, and nobody would see the mistake in the order.
 const char* wrong(const FaultKind& kind, const std::string& name, const Json& value) {
     const bool tells = std::string_view(kind.members).starts_with("code status");
     const auto unless = [](bool right, const char* wanted) { return right ? nullptr : wanted; };
@@ -181,8 +182,8 @@ Json expanded(const Json& element) {
     return scenarioFaults(name->get<std::string>());
 }
 
-/// True with the fault's chance: the upper 53 bits as a number from 0 to below 1. The distributions
-/// of the standard library are not portable, this is: a seed means the same faults everywhere.
+/// True with the fault's chance: the upper 53 bits are a number in [0, 1). Unlike the distributions
+/// of the standard library, this is portable: a seed gives the same faults everywhere.
 bool comesUp(Fault& fault) {
     return static_cast<double>(fault.random() >> 11) * 0x1p-53 < fault.chance;
 }

@@ -1,26 +1,25 @@
-// Fault injection: a queue of faults, each of which spoils one of the next requests.
+// Fault injection: a queue of faults, each of which disrupts one of the next requests.
 //
-// A fault strikes on one of two sides of the effect:
-//  - carried out: the core handles the request, then its answer is late or spoilt on the way out
-//    (delay, lose, lie, cut, stall, nul, unbounded, chunked, type), or the clock jumps before
-//    (clock). A client without a valid answer does not know that the request was done, and can only
-//    resend it with the same id.
+// A fault strikes either after the effect of the request or instead of it:
+//  - carried out: the core handles the request, then its answer is delayed or corrupted (delay,
+//    lose, lie, cut, stall, nul, unbounded, chunked, type); `clock` lets the clock jump first. A
+//    client without a valid answer cannot tell whether the request was done, and can only resend it
+//    with the same id.
 //  - not carried out: the core never sees the request, and the fault makes an answer of its own, or
 //    none (reset, oversize, garbage, status, redirect, event, bad-event).
-// An injected event also refuses: it promises the client that no sending of the request was carried
-// out. Where the core cannot promise that, a client would report a failure of a change that was
-// made; the HTTP side drops the fault then, and the core answers.
+// An injected event also refuses: it promises the client that no transmission of the request was
+// carried out. If the core cannot promise that, the HTTP side drops the fault and the core answers:
+// otherwise the client would report that a change failed which was made.
 //
 // Thread rule: one thread at a time, under State::mutex.
 //
 // Invariants:
 //  1. `timesLeft` of each fault in the queue is at least 1; a fault at 0 is removed. The queue has
-//  at
-//     most 1,000.
-//  2. The members of each fault are checked when it is added: to read them cannot throw later.
+//     at most 1,000 faults.
+//  2. The members of each fault are validated when it is added, so reading them later cannot throw.
 //  3. `struck_` has at most 20 requests, the newest at the end.
-//  4. Each fault has a random generator of its own, with a given seed, and draws only for requests
-//     of its action: the same requests in the same order meet the same faults in each run.
+//  4. Each fault has its own random generator with a given seed, and draws only for requests of its
+//     action: the same requests in the same order get the same faults in each run.
 #ifndef SANDBOX_FAULTS_H
 #define SANDBOX_FAULTS_H
 
@@ -53,7 +52,7 @@ struct Fault;
 /// One row for each kind.
 struct FaultKind {
     const char* name;
-    bool carriedOut;  ///< the request is carried out, and only its answer is spoilt
+    bool carriedOut;  ///< the request is carried out, and only its answer is disrupted
     bool refuses;     ///< the answer promises that the request was not done
     Delivery delivery;
     /// Changes the answer: the core's if `carriedOut`, else an empty one with status 200.
@@ -62,11 +61,11 @@ struct FaultKind {
     const char* members;  ///< JSON members beside the common ones, each followed by a blank
 };
 
-/// An ordered fault. take() hands out copies, so that the one in the queue can go on.
+/// An ordered fault. take() returns a copy, since the fault in the queue may apply again.
 struct Fault {
     const FaultKind* kind = nullptr;
     nlohmann::json members;  ///< as ordered
-    uint64_t timesLeft = 1;  ///< requests that it still strikes
+    uint64_t timesLeft = 1;  ///< number of requests that it will still strike
     double chance = 1;       ///< of each request, 0 to 1
     std::mt19937_64 random;  ///< draws for `chance`
 
@@ -86,13 +85,13 @@ struct Fault {
 class Faults {
   public:
     /// Adds all faults of a JSON array, or none if one is invalid. {"scenario": NAME} stands for
-    /// the faults of that scenario (scenarios.h). Throws std::runtime_error with what was not
-    /// understood.
+    /// the faults of that scenario (scenarios.h). Throws std::runtime_error that names the invalid
+    /// part.
     void add(const nlohmann::json& list);
     void clear();
-    /// The first fault that is for this action and whose chance comes up; it counts as used.
+    /// The first fault for this action that its chance selects; it counts as used.
     std::optional<Fault> take(const std::string& action);
-    /// Notes that a fault struck this request.
+    /// Records that a fault struck this request.
     void struck(uint64_t request, const Fault& fault, const std::string& action);
     nlohmann::ordered_json report() const;
     /// Changes with each change of the report.

@@ -1,4 +1,4 @@
-// The pages of rows that Core tells people: images, data selections, names.
+// Core's pages of rows for display: images, data selections, names.
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -15,14 +15,13 @@ using OrderedJson = nlohmann::ordered_json;
 
 constexpr size_t kRows = 100;
 
-/// Gathers a page: the stores offer one row more than it takes, which tells whether there is a
-/// next.
+/// Collects a page. The stores offer one more row than a page has, which shows whether there is a
+/// next page.
 struct Page {
     OrderedJson rows = OrderedJson::array();
     OrderedJson next = nullptr;
 
-    /// Takes a row; false when the page was full. `cursor` makes the next page begin behind the
-    /// row.
+    /// Takes a row; false if the page was full. With `cursor` the next page begins after this row.
     bool take(OrderedJson row, const std::string& cursor) {
         if (rows.size() == kRows) {
             next = last;
@@ -39,8 +38,8 @@ struct Page {
 
 constexpr char kSeparator = '\0';
 
-/// The key of an image as a cursor, and back: in hexadecimal digits, since a name may be no UTF-8,
-/// and JSON would change it.
+/// The key of an image as a cursor, and back. It is in hexadecimal, since JSON would change a name
+/// that is not UTF-8.
 std::string cursorOf(const Image& image) {
     std::string cursor;
     for (const std::string& part :

@@ -35,7 +35,7 @@ OrderedJson summary(const LogEntry& entry) {
 OrderedJson withParameters(const LogEntry& entry) {
     OrderedJson json = summary(entry);
     auto& parameters = json["parameters"] = OrderedJson::object();
-    // No action has such a parameter; a client that sends one by mistake is not exposed.
+    // No action has such a parameter, but a client may send one by mistake.
     for (const auto& [name, value] : entry.parameters) {
         if (name != "password") parameters[name] = value;
     }
@@ -54,7 +54,7 @@ uint64_t RequestLog::add(LogEntry entry) {
         cut(name);
         cut(value);
     }
-    // Names come from clients, valid or not: without a limit, invented ones would fill the memory.
+    // Names come from clients, valid or not: without a limit, invented names could fill the memory.
     if (actions_.size() < kMostActionNames || actions_.contains(entry.action)) {
         ++actions_[entry.action];
     } else {

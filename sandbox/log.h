@@ -1,14 +1,13 @@
-// The request log: tests and people read from it how many requests and connections there were,
-// which ones, and what went over the wire.
+// The request log: shows tests and people how many requests and connections there were, which ones,
+// and the messages on the wire.
 //
 // Thread rule: one thread at a time, under State::mutex.
 //
 // Invariants:
-//  1. `last_` has at most 100 entries, the newest at the end, with ascending numbers. The texts
-//  that
-//     a client chooses are cut to 200 bytes each, of the first 20 parameters, the messages to 8
-//     KiB.
-//  2. `actions_` has at most 101 names: further ones are counted together as "...".
+//  1. `last_` has at most 100 entries, the newest at the end, with ascending numbers. Texts that a
+//     client chooses are truncated to 200 bytes each, and messages to 8 KiB; only the first 20
+//     parameters are kept.
+//  2. `actions_` has at most 101 names: all others are counted together as "...".
 #ifndef SANDBOX_LOG_H
 #define SANDBOX_LOG_H
 
@@ -25,7 +24,7 @@ namespace sandbox {
 /// A message as on the wire, or its beginning.
 struct Message {
     std::string text;
-    uint64_t bytes = 0;  ///< of the whole message, as far as it is known when it is logged
+    uint64_t bytes = 0;  ///< of the complete message, as far as known when it is logged
 };
 
 /// One request of the log.
@@ -55,18 +54,17 @@ class RequestLog {
     void clear();
     nlohmann::ordered_json report() const;
 
-    /// Changes when the log is cleared; the numbers then begin anew.
+    /// Changes when the log is cleared; numbering then restarts.
     uint64_t epoch() const { return epoch_; }
     uint64_t total() const { return total_; }
-    /// The kept requests with higher numbers, as {"missed": those that are not kept, "requests":
-    /// [...]}.
+    /// Requests with higher numbers, as {"missed": how many are no longer kept, "requests": [...]}.
     nlohmann::ordered_json since(uint64_t number) const;
     /// Both messages of a request that is kept; null for another one.
     nlohmann::ordered_json messages(uint64_t number) const;
 
   private:
     uint64_t epoch_ = 0;
-    uint64_t total_ = 0;        ///< requests, also those that `last_` has no more
+    uint64_t total_ = 0;        ///< requests, including those that are no longer in `last_`
     uint64_t connections_ = 0;  ///< connections of any request, /__admin/ too
     std::map<std::string, uint64_t> actions_;
     std::deque<LogEntry> last_;

@@ -7,7 +7,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// A value for a message, cut so that the message stays short.
+/// A value for a message, truncated to keep the message short.
 std::string shown(const Json& value) {
     constexpr size_t kLongest = 100;
     const std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -60,8 +60,8 @@ int64_t Members::number(const Json& object, const char* name,
 
 Json parseJson(const std::string& text) {
     if (text.empty()) return nullptr;
-    // The library reads any depth, and prints and copies by recursion: a deep text would exhaust
-    // the stack.
+    // The library parses any depth, but prints and copies by recursion: a deeply nested text would
+    // exhaust the stack.
     constexpr int kDeepest = 100;
     const auto check = [](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
         if (depth >= kDeepest)  // counted from 0

@@ -1,5 +1,4 @@
-// Members of JSON objects that a person wrote: a mistake is told in words, with what was not
-// understood.
+// Members of JSON objects that a person wrote: errors say in words which part is wrong.
 #ifndef SANDBOX_MEMBERS_H
 #define SANDBOX_MEMBERS_H
 
@@ -13,10 +12,10 @@ namespace sandbox {
 /// All functions throw std::runtime_error.
 class Members {
   public:
-    /// The name of such an object, for the words: "a file".
+    /// `owner` names such an object in error messages: "a file".
     explicit Members(const char* owner) : owner_(owner) {}
 
-    /// A member; without one, `otherwise`, and a failure without that.
+    /// A member; if it is missing, `otherwise`; throws if there is no `otherwise`.
     std::string text(const nlohmann::json& object, const char* name,
                      const std::optional<std::string>& otherwise = {}) const;
     int64_t number(const nlohmann::json& object, const char* name,
@@ -24,7 +23,7 @@ class Members {
                    int64_t most = INT64_MAX) const;
 
   private:
-    /// NULL when the member is missing and need not be there.
+    /// NULL if the member is missing and not `needed`.
     const nlohmann::json* find(const nlohmann::json& object, const char* name, bool needed) const;
     [[noreturn]] void refuse(const char* name, const std::string& wanted,
                              const nlohmann::json& given) const;

@@ -112,7 +112,7 @@ Answer problem(unsigned status, const nlohmann::ordered_json& members) {
     answer.status = status;
     answer.type = "application/problem+json";
     // A detail may quote a client's bytes. JSON is UTF-8, so invalid bytes are replaced by U+FFFD;
-    // dump() would throw otherwise.
+    // otherwise dump() would throw.
     answer.body =
         document.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
     return answer;

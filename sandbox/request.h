@@ -30,15 +30,16 @@ struct Answer {
     unsigned status = 200;
     std::string type = "text/plain";
     std::string body{};
-    uint32_t event = 0;  ///< the event that it tells of, for the log; 0: none
+    uint32_t event = 0;  ///< its event code, for the log; 0: none
     std::vector<std::pair<const char*, std::string>> headers{};
-    /// Returns the next block after `body`, empty at the end. A long answer is made while it is
-    /// sent: whole, it would fill the memory, and the client would wait for the last line before it
-    /// gets the first. The blocks need no lock of the server's. NULL: `body` is the whole answer.
+    /// Returns the next block after `body`, empty at the end. A long answer is generated while it
+    /// is sent: otherwise it would fill the memory, and the client would get the first line only
+    /// after the last one was made. Makes the blocks without a lock of the server. NULL: `body` is
+    /// the complete answer.
     std::function<std::string()> more{};
 };
 
-/// True when a Content-Type header names this type, with parameters or without.
+/// True if a Content-Type header has this type, with or without parameters.
 bool hasMediaType(const std::string& header, std::string_view type);
 
 /// A problem document of RFC 9457. A member that is null is left out.
@@ -46,8 +47,8 @@ Answer problem(unsigned status, const nlohmann::ordered_json& members);
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-/// Parses name=value&..., strictly as the wire protocol writes it: a lenient server would hide a
-/// client's mistakes. Throws Event.
+/// Parses name=value&..., in the protocol's exact form only: a lenient server would hide mistakes
+/// of a client. Throws Event.
 Pairs decodePairs(std::string_view text);
 
 enum class Type { kText, kUint32, kInt32, kUint64, kInt64 };

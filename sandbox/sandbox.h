@@ -27,17 +27,17 @@ struct Settings {
     std::string prefix;             ///< path of the URL, such as "/pool"; empty: none
     std::string tlsFolder;          ///< with ca.pem, cert.pem and key.pem; empty: plain http
     std::string accountsFile;       ///< as setUp() writes it
-    std::vector<Account> accounts;  ///< more accounts; they win over equal logins of the file
+    std::vector<Account> accounts;  ///< more accounts; they override equal logins of the file
     std::string tree;               ///< folder whose names, sizes and times go into the name space
     uint32_t architectureMode = 1;
     std::string faults;  ///< JSON to order at the start: an array of faults, or a scenario's file
-    unsigned idleSeconds = 60;                ///< a connection in which nothing moves is closed
+    unsigned idleSeconds = 60;                ///< idle connections are closed after this time
     uint64_t bodyLimit = uint64_t{64} << 20;  ///< bytes of a request's body
 };
 
-/// A running server, from its construction to its destruction. It works in threads of its own:
-/// libmicrohttpd's, the alarm's that ends delays, and that of the logins, which hashes passwords.
-/// They block all signals. Its functions may be called from any thread.
+/// A running server, from its construction to its destruction. It has three threads, which block
+/// all signals: libmicrohttpd's; the alarm's, which ends delays; and one that hashes passwords. Its
+/// functions may be called from any thread.
 class Server {
   public:
     /// Returns when the server accepts connections.
@@ -74,7 +74,7 @@ struct Setup {
 /// without slashes at the end.
 std::string setUp(const Setup& setup);
 
-/// Writes the configuration of such a folder anew, for a server at another URL.
+/// Rewrites the configuration of such a folder for a server at another URL.
 void changeUrl(const std::string& folder, const std::string& url);
 
 /// The settings for a server of such a folder.

@@ -1,5 +1,5 @@
-// Scenarios: faults that belong together, under a name. A scenario is a JSON file with a
-// "description" for people and the "faults", each as an order of Faults has it.
+// Scenarios: named groups of faults. A scenario is a JSON file with a "description" for people and
+// "faults", an array as Faults::add() takes it.
 #ifndef SANDBOX_SCENARIOS_H
 #define SANDBOX_SCENARIOS_H
 
@@ -8,9 +8,9 @@
 
 namespace sandbox {
 
-/// {"name": ..., "description": ...} of each scenario that is built in, by name.
+/// {"name": ..., "description": ...} of each built-in scenario, sorted by name.
 nlohmann::ordered_json scenarioList();
-/// The file of a scenario that is built in. Throws std::runtime_error, which tells the names.
+/// The file of a built-in scenario. Throws std::runtime_error that lists the names.
 std::string scenarioText(const std::string& name);
 /// Its faults, as an array.
 nlohmann::json scenarioFaults(const std::string& name);

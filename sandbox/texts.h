@@ -1,4 +1,4 @@
-// Files that are built into the program; CMakeLists.txt lists them.
+// Files that are embedded in the program; CMakeLists.txt lists them.
 #ifndef SANDBOX_TEXTS_H
 #define SANDBOX_TEXTS_H
 

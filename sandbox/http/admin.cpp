@@ -17,8 +17,7 @@ std::string header(MHD_Connection* connection, const char* name) {
     return value != nullptr ? value : "";
 }
 
-/// The names by which programs on this machine reach the server: those of the loopback interface,
-/// and the one that somebody configured.
+/// True for the names of the loopback interface and for the configured host.
 bool isOurs(std::string_view host, const std::string& configured) {
     const std::string_view names[] = {"127.0.0.1", "localhost", "[::1]", configured};
     return std::any_of(std::begin(names), std::end(names), [&](std::string_view name) {
@@ -34,7 +33,7 @@ Answer plain(unsigned status, const char* text) {
     return answer;
 }
 
-/// The refusal of a request that another site's page may have sent; status 200 when it is none.
+/// Refuses a request that a page of another site may have sent; status 200 if it did not.
 Answer refusal(MHD_Connection* connection, const State& state, const Request& request) {
     const std::string host = header(connection, MHD_HTTP_HEADER_HOST);
     if (!isOurs(host, state.host))
@@ -42,7 +41,8 @@ Answer refusal(MHD_Connection* connection, const State& state, const Request& re
     const std::string origin = header(connection, MHD_HTTP_HEADER_ORIGIN);
     const std::string own = state.url.substr(0, state.url.find("//") + 2) + host;
     if (!origin.empty() && origin != own) return plain(403, "not for pages of other sites\n");
-    // A picture or frame of another site sends no Origin, and would hold a stream of events.
+    // An image or frame on a page of another site sends no Origin, and could occupy a stream of
+    // events.
     const bool foreign = header(connection, "Sec-Fetch-Site") == "cross-site" &&
                          header(connection, "Sec-Fetch-Mode") != "navigate";
     if (foreign) return plain(403, "not for pages of other sites\n");

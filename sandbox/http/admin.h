@@ -1,14 +1,14 @@
-// What is below /__admin/: a page for people, and the calls by which it, tests and people steer and
-// inspect the server.
+// Everything below /__admin/: a page, and the calls by which the page, tests and scripts control
+// and inspect the server.
 //
-// The calls need no login, so web pages of other sites must not reach them through the browser of
-// somebody on this machine:
+// The calls need no login, so pages of other sites must not reach them through a browser on this
+// machine:
 //  - A foreign Origin is refused: browsers send the header with scripted requests and each POST.
 //  - A Host that is neither a name of the loopback interface nor that of the configured URL is
-//    refused. A site could otherwise make its
-//    own name resolve to 127.0.0.1 (DNS rebinding), and its Origin would be the server's own.
+//    refused. Otherwise a site could make its own name resolve to 127.0.0.1 (DNS rebinding), and
+//    its Origin would be the server's own.
 //  - Calls that change something need Content-Type: application/json, which a page of another site
-//    cannot send without asking first.
+//    cannot send without a CORS preflight.
 #ifndef SANDBOX_HTTP_ADMIN_H
 #define SANDBOX_HTTP_ADMIN_H
 

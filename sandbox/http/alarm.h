@@ -1,7 +1,7 @@
 // Delays: suspends a connection and resumes it later.
 //
-// One thread of libmicrohttpd serves all connections, so a callback that sleeps would hold up each
-// of them. A suspended connection is out of the event loop until it is resumed; libmicrohttpd then
+// One thread of libmicrohttpd serves all connections, so a callback that sleeps would block all of
+// them. A suspended connection is not in the event loop until it is resumed; libmicrohttpd then
 // calls its handler, or the reader of its answer, again.
 //
 // Thread rule: suspend() in libmicrohttpd's thread, stop() in the one that ends the server; the
@@ -9,8 +9,8 @@
 //
 // Invariants, under `mutex_`:
 //  1. A connection is in `waiting_` if and only if suspend() suspended it and it was not resumed.
-//     Both happen in one critical section: otherwise the alarm could resume a connection before it
-//     is suspended, and it would sleep for ever.
+//     suspend() adds and suspends in one critical section: otherwise the alarm could resume a
+//     connection before it is suspended, and it would stay suspended for ever.
 //  2. Once `stopping_` is set, nothing is added, and the alarm's thread empties the list before it
 //     ends: libmicrohttpd aborts the program when it is stopped with suspended connections.
 #ifndef SANDBOX_HTTP_ALARM_H

@@ -19,17 +19,17 @@ namespace {
 using Json = nlohmann::json;
 using OrderedJson = nlohmann::ordered_json;
 
-/// What is asked for is not there: 404.
+/// The requested thing does not exist: 404.
 struct Missing : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// A call with what it was given.
+/// A call and its arguments.
 struct Call {
     State& state;
     const Json& body;
     const Pairs& query;
-    const std::string& rest;  ///< the part of the path behind the row's
+    const std::string& rest;  ///< the part of the path after the row's
 
     /// A parameter of the query, empty when it is missing.
     std::string parameter(const char* name) const {
@@ -128,7 +128,7 @@ OrderedJson names(const Call& call) {
 
 struct Row {
     const char* method;
-    std::string_view path;  ///< of all paths that begin with it, if it ends with a slash
+    std::string_view path;  ///< if it ends with a slash: the prefix of the paths
     OrderedJson (*run)(const Call& call);
 
     bool matches(const std::string& givenMethod, const std::string& givenPath) const {
@@ -175,7 +175,7 @@ Answer administrate(State& state, const std::string& method, const std::string& 
                                    [&](const Row& one) { return one.matches(method, path); });
     try {
         if (row == std::end(kRows)) return failure(404, "no such function");
-        // Outside the lock: a large body would hold up all other requests.
+        // Outside the lock: parsing a large body would block all other requests.
         const Json given = parseJson(body);
         const Pairs parameters = decodePairs(query);
         const std::string rest = path.substr(row->path.size());

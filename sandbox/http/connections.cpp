@@ -25,7 +25,7 @@ unsigned mostConnections() {
 Connections::Connections() : most_(mostConnections()) {}
 
 void Connections::begin(MHD_Connection* connection, void** context) noexcept {
-    // Before it has a seat: otherwise the newcomer could be the one that makes room.
+    // Before the new connection has a seat: otherwise it could be the one that is closed.
     if (count_ + 1 > most_ - most_ / 10) makeRoom();
     try {
         Seats& fresh = seats_[kFresh];
@@ -33,7 +33,7 @@ void Connections::begin(MHD_Connection* connection, void** context) noexcept {
         seat.self = std::prev(fresh.end());
         *context = &seat;
     } catch (const std::exception&) {
-        *context = nullptr;  // it is served, and does not count
+        *context = nullptr;  // the connection is served, but not counted
         return;
     }
     ++count_;
@@ -59,7 +59,8 @@ void Connections::move(MHD_Connection* connection, Stage stage) noexcept {
 }
 
 /// libmicrohttpd has no call that closes another connection. A socket that is shut down reads as
-/// ended, and libmicrohttpd closes it; until then it counts as busy, so as not to be chosen again.
+/// ended, and libmicrohttpd closes it. Until then it counts as busy, so that it is not chosen
+/// again.
 void Connections::makeRoom() noexcept {
     for (const Stage stage : {kFresh, kIdle}) {
         if (seats_[stage].empty()) continue;

@@ -1,16 +1,16 @@
 // The open connections, and room for new ones.
 //
-// libmicrohttpd stops accepting at its limit. Without this, clients that open connections and send
-// nothing, or half a request, would keep everybody else out for as long as they like. So a tenth of
-// the places is kept for those who come: when the others are taken, the connection is closed that
-// has waited longest for its first whole request; if there is none, the one that has waited longest
-// for its next request, which its client sends on a new connection. One whose request is being
-// carried out or answered is never closed.
+// libmicrohttpd stops accepting connections at its limit, so clients that open connections and send
+// nothing, or half a request, could lock out all others. Therefore a tenth of the limit is
+// reserved: when the rest is in use, each new connection closes an old one. The first choice is the
+// connection that has waited longest for its first complete request, the second one that has waited
+// longest for its next request, which its client then sends on a new connection. A connection whose
+// request is being carried out or answered is never closed.
 //
 // Thread rule: libmicrohttpd's thread.
 //
-// Invariant: each open connection has one seat, in the list of its stage, in the order in which the
-// connections came to that stage.
+// Invariant: each open connection has one seat, in the list of its stage. Each list is in the order
+// in which the connections reached that stage.
 #ifndef SANDBOX_HTTP_CONNECTIONS_H
 #define SANDBOX_HTTP_CONNECTIONS_H
 
@@ -32,8 +32,8 @@ class Connections {
     /// The limit for libmicrohttpd.
     unsigned most() const { return most_; }
 
-    // The callbacks of libmicrohttpd: a connection was accepted (makes room when there is little),
-    // its whole request arrived, its answer is out, it is closed.
+    // The callbacks of libmicrohttpd: a connection was accepted (may close another one), its
+    // request has arrived completely, its answer was sent, it is closed.
     void begin(MHD_Connection* connection, void** context) noexcept;
     void busy(MHD_Connection* connection) noexcept { move(connection, kBusy); }
     void idle(MHD_Connection* connection) noexcept { move(connection, kIdle); }

@@ -15,7 +15,7 @@
 namespace sandbox {
 namespace {
 
-/// The length that the head of a cut answer declares at least: an empty body could not be cut.
+/// The least Content-Length of a cut answer: an empty body could not be cut.
 constexpr uint64_t kSmallestCut = 16;
 constexpr size_t kBlockSize = 32768;
 
@@ -24,8 +24,8 @@ struct DestroyResponse {
 };
 using Response = std::unique_ptr<MHD_Response, DestroyResponse>;
 
-/// A body that is made while it is sent, so that an oversize one of gigabytes needs no memory: the
-/// text, then 'x' up to the length. Owned by its response, which is destroyed before the
+/// A body that is generated while it is sent, so that an oversize one of gigabytes needs no memory:
+/// the text, then 'x' up to the length. Owned by its response, which is destroyed before the
 /// connection.
 struct Stream {
     std::string text;
@@ -67,8 +67,8 @@ Response streamResponse(Stream stream, uint64_t declared) {
     return response;
 }
 
-/// A long answer, of which one block at a time is in memory. It goes out in chunks, since its
-/// length is not known when the head is sent.
+/// A long answer, of which one block at a time is in memory. It is sent chunked, since its length
+/// is not known when the head is sent.
 struct Blocks {
     std::string block;
     std::function<std::string()> more;
@@ -106,7 +106,7 @@ Response blocksResponse(Answer& answer) {
     return response;
 }
 
-/// What a fault makes of a body.
+/// The body as the fault disrupts it. `declared` receives the length for the head.
 Stream spoilt(std::string body, const Fault& fault, uint64_t& declared) {
     Stream stream;
     stream.text = std::move(body);
@@ -118,8 +118,8 @@ Stream spoilt(std::string body, const Fault& fault, uint64_t& declared) {
             stream.complete = false;
             break;
         case Delivery::kStall:
-            // With a length of 0 the answer would end with its head, and the reader never be
-            // called.
+            // With a length of 0 the answer would end after its head, and libmicrohttpd would
+            // never call the reader.
             if (declared == 0) declared = MHD_SIZE_UNKNOWN;
             stream.stall = fault.number("ms", 1000);
             break;
@@ -132,8 +132,8 @@ Stream spoilt(std::string body, const Fault& fault, uint64_t& declared) {
     return stream;
 }
 
-/// An answer before it is queued, and its log's part: the lines by which libmicrohttpd tells the
-/// end of the body, before the other lines and behind them, and the body.
+/// An answer before it is queued, and what is logged of it: the header lines by which libmicrohttpd
+/// delimits the body, which it sends before or after the other lines, and the body.
 struct Prepared {
     Response response;
     std::string before;
@@ -184,10 +184,10 @@ int descriptorOf(MHD_Connection* connection) {
     return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
 }
 
-/// Resets a connection (TCP RST). The usual way, to close with a zero SO_LINGER, comes too late
-/// here: libmicrohttpd shuts the sending side down before it closes, so that the client gets a FIN
-/// and sees an orderly end. To connect a socket to AF_UNSPEC dissolves its connection, and Linux
-/// sends the RST at once.
+/// Resets a connection (TCP RST). The usual way, close() with a zero SO_LINGER, does not work:
+/// libmicrohttpd shuts down the sending side before it closes, so the client would get a FIN and
+/// see an orderly end. connect() to AF_UNSPEC dissolves the connection, and Linux sends the RST at
+/// once.
 void resetConnection(MHD_Connection* connection) {
     sockaddr nowhere{};
     nowhere.sa_family = AF_UNSPEC;
@@ -199,7 +199,8 @@ std::string garbageOf(const Fault& fault) {
     return fault.text("text", "\x01\xfe no HTTP at all \r\n\r\n");
 }
 
-/// Past libmicrohttpd, which would put a valid head in front; over TLS past the encryption too.
+/// Sends bytes on the socket directly, since libmicrohttpd would send a valid head first. On a TLS
+/// connection the bytes are not encrypted.
 void sendBytes(MHD_Connection* connection, const std::string& bytes) {
     static_cast<void>(send(descriptorOf(connection), bytes.data(), bytes.size(), MSG_NOSIGNAL));
 }

@@ -1,4 +1,4 @@
-// An answer on its way out, spoilt by the fault that was taken for its request.
+// Sending an answer, disrupted by the fault that was taken for its request.
 #ifndef SANDBOX_HTTP_DELIVERY_H
 #define SANDBOX_HTTP_DELIVERY_H
 
@@ -11,13 +11,13 @@
 
 namespace sandbox {
 
-/// Queues an answer for sending, in the way of its fault (NULL: none), and tells in `sent`, which
-/// may be NULL, what goes out. Returns the result of the callback: MHD_NO closes the connection.
-/// REQUIRES: a fault gets whole answers, without `more`.
+/// Queues an answer as its fault demands (NULL: no fault), and stores in `sent`, which may be NULL,
+/// what is sent. Returns the result for libmicrohttpd's callback: MHD_NO closes the connection.
+/// REQUIRES: with a fault, the answer is complete, without `more`.
 MHD_Result deliver(MHD_Connection* connection, Alarm& alarm, Answer answer, const Fault* fault,
                    Message* sent = nullptr);
 
-/// False when the fault sends no HTTP at all; the status of the answer means nothing then.
+/// False if the fault sends no HTTP at all; the status of the answer is then meaningless.
 bool isAnswered(const Fault* fault);
 
 }  // namespace sandbox

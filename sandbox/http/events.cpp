@@ -18,7 +18,8 @@ using Clock = std::chrono::steady_clock;
 using OrderedJson = nlohmann::ordered_json;
 
 constexpr uint64_t kPause = 200;  // milliseconds
-/// A line now and then lets both sides notice a connection that is dead.
+/// After this time without events a comment line is sent, so that both sides detect a dead
+/// connection.
 constexpr std::chrono::seconds kSilence(15);
 constexpr int kMostReaders = 8;
 constexpr size_t kBlockSize = 32768;
@@ -51,7 +52,7 @@ void appendEvent(std::string& text, const char* name, const OrderedJson& data) {
     text += "\n\n";
 }
 
-/// The news since the last call; empty without.
+/// The events since the last call; empty if there were none.
 std::string news(Stream& stream) {
     std::string text;
     const std::lock_guard<std::mutex> lock(stream.state.mutex);
@@ -73,8 +74,8 @@ std::string news(Stream& stream) {
     return text;
 }
 
-/// True when the reader has closed its side: libmicrohttpd does not watch a suspended connection,
-/// and a page that was closed would keep its place until a write fails.
+/// True if the client has closed its side. libmicrohttpd does not watch a suspended connection, so
+/// otherwise a closed page would count as a reader until a write fails.
 bool isGone(MHD_Connection* connection) {
     const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     if (info == nullptr) return false;

@@ -1,8 +1,7 @@
-// Server-sent events of /__admin/events: what happens, for the page.
+// Server-sent events of /__admin/events, by which the page follows requests and faults.
 //
-// The reader of such an answer looks five times a second for news, and sends those of a fifth of a
-// second together. To wake it for each request would cost the server a write each, more than a
-// twentieth of the request itself.
+// The stream polls for events five times a second and sends them together. Waking it for each
+// request would cost a write per request, which is more than 5 % of the cost of the request itself.
 #ifndef SANDBOX_HTTP_EVENTS_H
 #define SANDBOX_HTTP_EVENTS_H
 
@@ -13,7 +12,7 @@
 
 namespace sandbox {
 
-/// Queues the endless answer; 503 when there are eight already. REQUIRES: libmicrohttpd's thread,
+/// Queues the endless answer; 503 if there are eight already. REQUIRES: libmicrohttpd's thread,
 /// without State::mutex.
 MHD_Result streamEvents(MHD_Connection* connection, State& state, Alarm& alarm);
 

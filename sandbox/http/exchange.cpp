@@ -63,8 +63,8 @@ void readHead(Exchange& exchange, State& state, MHD_Connection* connection, cons
     exchange.open = true;
 }
 
-/// Beyond the limit the body is dropped and the rest read and ignored, so that the answer still
-/// reaches a client that sends first and reads then.
+/// Beyond the limit the body is dropped and the rest is read and ignored, so that the answer still
+/// reaches a client that sends all of its request before it reads.
 void readBody(Request& request, uint64_t limit, const char* data, size_t size) {
     if (request.tooLarge || size > limit - request.body.size()) {
         request.tooLarge = true;
@@ -81,21 +81,22 @@ const Endpoint* findEndpoint(const std::string& service) {
     return nullptr;
 }
 
-/// Takes the blocks of a long answer together, for a fault that changes whole answers.
+/// Concatenates the blocks of a long answer, for a fault that changes complete answers.
 void gather(Answer& answer) {
     for (std::string block = answer.more(); !block.empty(); block = answer.more())
         answer.body += block;
     answer.more = nullptr;
 }
 
-/// REQUIRES: the caller holds State::mutex, up to the answer if there is one.
+/// Ends the open state of a transmission. REQUIRES: the caller holds State::mutex, and keeps it
+/// until the request is answered, if it is.
 void decide(Exchange& exchange, State& state) {
     if (std::exchange(exchange.open, false)) state.core.decide(exchange.request.id);
 }
 
-/// Describes a request and takes a fault for it, the first time; waits for the fault's delay, and
-/// for the verdict on the login. libmicrohttpd calls again when the time is over, or the verdict is
-/// there. True when there is nothing to wait for.
+/// On the first call, describes the request and takes a fault for it. Then suspends the connection
+/// for the fault's delay, and until there is a verdict on the login; libmicrohttpd calls again
+/// after each. True when there is nothing to wait for.
 bool ready(Service& service, Exchange& exchange, MHD_Connection* connection) {
     State& state = service.state;
     if (!exchange.described) {
@@ -105,7 +106,7 @@ bool ready(Service& service, Exchange& exchange, MHD_Connection* connection) {
         const uint64_t delay = exchange.fault ? exchange.fault->delay() : 0;
         if (delay > 0 && service.alarm.suspend(connection, delay)) return false;
     }
-    // A refusal needs the verdict as well, since the fault may give way to the core.
+    // A fault that refuses needs the verdict as well, since it may be dropped and the core answer.
     if (exchange.fault && !exchange.fault->kind->carriedOut && !exchange.fault->kind->refuses)
         return true;
     Login& login = exchange.login;
@@ -134,7 +135,7 @@ void logRequest(State& state, Exchange& exchange, MHD_Connection* connection, co
     if (fault != nullptr) state.faults.struck(number, *fault, action);
 }
 
-/// Handles a request under /ws/: carries it out, spoils its answer, and queues that.
+/// Handles a request under /ws/: carries it out, applies its fault, and queues the answer.
 MHD_Result serve(Service& service, Exchange& exchange, MHD_Connection* connection) {
     State& state = service.state;
     const std::lock_guard<std::mutex> lock(state.mutex);

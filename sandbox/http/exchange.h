@@ -1,9 +1,9 @@
-// A request on its way in: libmicrohttpd's callbacks.
+// Receiving a request: libmicrohttpd's callbacks.
 //
-// libmicrohttpd calls, in its one thread and for each request: beginExchange() with the first line;
-// continueExchange() after the head, for each piece of the body, at its end, and again after each
-// suspension; endExchange() when the answer is out or the connection ended. No exception may pass
-// through its C frames.
+// For each request, libmicrohttpd calls on its one thread: beginExchange() with the first line;
+// continueExchange() after the head, for each piece of the body, at the end of the body, and again
+// after each suspension; endExchange() when the answer was sent or the connection has ended. No
+// exception may pass through its C frames.
 #ifndef SANDBOX_HTTP_EXCHANGE_H
 #define SANDBOX_HTTP_EXCHANGE_H
 
@@ -34,8 +34,8 @@ struct Service {
 };
 
 /// One request, from its first line to the end of its answer. Owned by libmicrohttpd's request
-/// between beginExchange() and endExchange(). The callbacks run again and again for one request,
-/// and the flags keep each step from being taken twice.
+/// between beginExchange() and endExchange(). The callbacks are called repeatedly for one request;
+/// the flags ensure that each step is done once.
 struct Exchange {
     Request request;
     std::string uri;         ///< as in the first line
@@ -46,7 +46,7 @@ struct Exchange {
     Login login;
     bool begun = false;      ///< the head was read
     bool open = false;       ///< Core::open() was called, and Core::decide() was not
-    bool described = false;  ///< noted in `log`, and a fault was taken for it
+    bool described = false;  ///< `log` is filled, and a fault was taken for the request
 };
 
 // REQUIRES: `service` is a Service that outlives the daemon.

@@ -25,8 +25,8 @@ Logins::Job Logins::take(bool newest) {
     return job;
 }
 
-/// Without a verdict, the handler closes the connection: the client cannot tell whether its login
-/// is valid, and may try again.
+/// When the check fails there is no verdict, and the handler closes the connection: the client does
+/// not learn whether its login is valid, and may try again.
 void Logins::decide(const Job& job) const noexcept {
     try {
         job.login->verdict = accounts_.check(job.header);

@@ -1,19 +1,18 @@
 // Logins: verifies passwords in a thread of its own.
 //
-// To hash a password takes some 30 ms. In libmicrohttpd's one thread, a few clients with wrong
-// passwords would hold up all connections. The connection is therefore suspended, and resumed when
-// the verdict is there; libmicrohttpd then calls its handler again.
+// Hashing a password takes some 30 ms. On libmicrohttpd's one thread, a few clients with wrong
+// passwords could block all connections. Therefore the connection is suspended, and resumed when
+// there is a verdict; libmicrohttpd then calls its handler again.
 //
-// The newest and the oldest login take turns. In the order of their coming, a login would wait for
-// every guess that came before it; the newest first, it could be overtaken for ever. So most wait
-// for one or two others, and none for more than twice as many as came before it.
+// The newest and the oldest waiting login are checked alternately. First in, first out would let a
+// login wait for every guess before it; last in, first out could let it starve. So most logins wait
+// for one or two others, and none for more than twice as many as were waiting before it.
 //
 // Thread rule: suspend() in libmicrohttpd's thread, stop() in the one that ends the server.
 //
 // Invariants, under `mutex_`:
 //  1. A connection is in `waiting_`, or the thread works on it, if and only if suspend() suspended
-//  it
-//     and it was not resumed (see Alarm's first invariant).
+//     it and it was not resumed (see Alarm's first invariant).
 //  2. Once `stopping_` is set, nothing is added, and the thread resumes the whole list before it
 //     ends, without verdicts.
 #ifndef SANDBOX_HTTP_LOGINS_H
@@ -35,8 +34,8 @@ namespace sandbox {
 /// The check of a request's login.
 struct Login {
     bool asked = false;
-    /// Set before the connection is resumed; nothing when there is no verdict (no memory, the
-    /// server stops). NULL is a refusal.
+    /// Set before the connection is resumed; nullopt if there is no verdict (memory is short, the
+    /// server is stopping). NULL is a refusal.
     std::optional<const Accounts::Entry*> verdict;
 };
 
@@ -69,7 +68,7 @@ class Logins {
     const Accounts& accounts_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Job> waiting_;  ///< in the order of their coming
+    std::deque<Job> waiting_;  ///< in the order of arrival
     bool stopping_ = false;
     std::thread thread_;  // the last member: the thread uses the others from its start
 };

@@ -12,7 +12,8 @@
 namespace sandbox {
 namespace {
 
-/// The source of an element as the policy names it: 'sha256-BASE64' of the text between its tags.
+/// The policy's source expression for an inline element: 'sha256-BASE64' of the text between its
+/// tags.
 std::string sourceOf(std::string_view element) {
     const std::string open = "<" + std::string(element) + ">";
     const size_t start = kPageText.find(open) + open.size();

@@ -6,8 +6,8 @@
 
 namespace sandbox {
 
-/// The page with its content security policy. The policy names the digests of its one script and
-/// one style: no other script runs, wherever it comes from.
+/// The page with its content security policy. The policy allows only the page's one script and one
+/// style, by their digests; a script from anywhere else does not run.
 Answer page();
 
 }  // namespace sandbox

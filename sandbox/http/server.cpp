@@ -40,8 +40,8 @@ std::string contents(const std::string& file) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-/// PEM texts: the server's key and certificate, and the authority that its clients' certificates
-/// must be signed by. All empty without TLS.
+/// PEM texts: the server's key and certificate, and the authority that must have signed the
+/// certificates of clients. All empty without TLS.
 struct Keys {
     std::string authority;
     std::string certificate;
@@ -62,8 +62,8 @@ struct Listener {
     uint16_t port;
 };
 
-/// The socket is made here and not by libmicrohttpd, so that port 0 can be resolved and the reason
-/// of a failure is known.
+/// Opens the listening socket. libmicrohttpd could do so too, but would not tell the port chosen
+/// for port 0, nor the reason of a failure.
 Listener listenOn(uint16_t port) {
     kspool::Descriptor made(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int yes = 1;
@@ -73,7 +73,7 @@ Listener listenOn(uint16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof address;
-    // SO_REUSEADDR: a server that is started anew must not wait for old connections in TIME_WAIT.
+    // SO_REUSEADDR: a restarted server must not wait for old connections in TIME_WAIT.
     if (made.get() < 0 || setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) != 0 ||
         bind(made.get(), generic, length) != 0 || listen(made.get(), SOMAXCONN) != 0 ||
         getsockname(made.get(), generic, &length) != 0) {
@@ -82,8 +82,9 @@ Listener listenOn(uint16_t port) {
     return {std::move(made), ntohs(address.sin_port)};
 }
 
-/// Threads that are started meanwhile block all signals, which therefore reach the program's own
-/// threads only: main() waits for SIGTERM, and a test's handlers must not run in the server's.
+/// During its life, new threads start with all signals blocked, so that signals reach only the
+/// program's own threads: main() waits for SIGTERM, and a test's handlers must not run on the
+/// server's threads.
 class SignalsBlocked {
   public:
     SignalsBlocked() {
@@ -100,7 +101,7 @@ class SignalsBlocked {
 };
 
 /// Keeps libmicrohttpd's first message, which says why it does not start. The daemon may log from
-/// its thread; listen() reads `first` only when there is no daemon, and so no thread.
+/// its thread, but `first` is read only if the daemon did not start, when there is no such thread.
 struct Complaints {
     std::mutex mutex;
     std::string first;
@@ -128,8 +129,8 @@ void noteConnection(void* closure, MHD_Connection* connection, void** own,
     }
     const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_GNUTLS_SESSION);
     if (info == nullptr || info->tls_session == nullptr) return;
-    // libmicrohttpd asks for a client's certificate, but accepts a client without one, or with one
-    // of a foreign authority. GnuTLS is told to require and verify it during the handshake.
+    // libmicrohttpd requests a client certificate, but accepts a client without one, or with one of
+    // a foreign authority. So let GnuTLS require and verify it during the handshake.
     auto* session = static_cast<gnutls_session_t>(info->tls_session);
     gnutls_certificate_server_set_request(session, GNUTLS_CERT_REQUIRE);
     gnutls_session_set_verify_cert(session, nullptr, 0);
@@ -168,8 +169,8 @@ struct Server::Parts {
 
     void listen(const Settings& settings);
 
-    // The daemon's callbacks use all of these: the destructor stops it before any of them is
-    // destroyed.
+    // The daemon's callbacks use all of these, so the destructor stops the daemon before it
+    // destroys them.
     Keys keys;
     State state;
     Alarm alarm;
@@ -190,7 +191,7 @@ void Server::Parts::listen(const Settings& settings) {
     state.core.setServerAddress(address);
 
     const auto pointer = [](std::string& text) -> void* { return text.data(); };
-    // GnuTLS would take TLS 1.0 and 1.1 as well.
+    // By default GnuTLS would accept TLS 1.0 and 1.1 as well.
     std::string versions = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
     MHD_OptionItem tls[] = {{MHD_OPTION_HTTPS_PRIORITIES, 0, pointer(versions)},
                             {MHD_OPTION_HTTPS_MEM_KEY, 0, pointer(keys.key)},

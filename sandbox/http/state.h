@@ -1,10 +1,10 @@
 // The state of a running server, and its lock.
 //
-// Threads: libmicrohttpd's thread runs the callbacks of all connections; the alarm's thread and
-// that of the logins resume suspended ones; the program's threads construct and end the server, and
+// Threads: libmicrohttpd's thread runs the callbacks of all connections; the threads of Alarm and
+// Logins resume suspended connections; the program's threads construct and destroy the server, and
 // call Server::admin().
 //
-// Locks, in the order in which they may be taken while others are held:
+// Lock order: a lock may be taken while locks before it in this list are held.
 //  1. State::mutex: around each call of core, faults and log. serve() holds it while it handles a
 //     request and queues the answer; the blocks of a long answer are made without it.
 //  2. Alarm's mutex: around its list. serve() suspends a connection, and so takes it second; a
@@ -12,7 +12,7 @@
 //  3. Logins' mutex: around its list. serve() suspends a connection, and so takes it second.
 //  4. The mutex of libmicrohttpd's messages (server.cpp): a leaf, nothing is called under it.
 //     libmicrohttpd may log in any call, under 1 and 2 as well.
-// No function waits for a thread or for the network while it holds one of them: sockets are
+// No function waits for a thread or for the network while it holds a lock: sockets are
 // non-blocking, and Alarm::stop() and Logins::stop() join their threads after unlocking. Only
 // SQLite may wait, for up to two seconds, while another program holds the database's lock.
 #ifndef SANDBOX_HTTP_STATE_H
@@ -29,8 +29,9 @@
 
 namespace sandbox {
 
-/// Shared by all connections. `core`, `faults` and `log` are used under `mutex` once the daemon
-/// runs. The other members are set before, never change, and are read without it.
+/// Shared by all connections. Once the daemon runs, `core`, `faults` and `log` are used only under
+/// `mutex`, and `eventReaders` only on libmicrohttpd's thread. The other members never change then,
+/// and are read without a lock.
 struct State {
     explicit State(const Settings& settings)
         : core(settings),
@@ -45,7 +46,7 @@ struct State {
     int eventReaders = 0;  ///< of libmicrohttpd's thread alone
     std::string url;
     std::string host;    ///< of the configured URL, or empty
-    std::string prefix;  ///< of the path of each URL but those below /__admin/
+    std::string prefix;  ///< of the path of all URLs except those below /__admin/
     uint64_t bodyLimit;
 };
 

@@ -20,7 +20,9 @@ Message message(std::string head, const std::string& body, uint64_t bodyBytes) {
     return made;
 }
 
-/// "Basic dXNlcg==" becomes "Basic ***", and anything that is not a word and a blank "***".
+/// "Basic dXNlcg==" becomes "Basic ***"; a value that does not begin with a word and a blank
+/// becomes
+/// "***".
 std::string masked(std::string_view credentials) {
     const std::string_view scheme = credentials.substr(0, credentials.find_first_of(" \t"));
     const bool word = scheme.size() < credentials.size() &&
@@ -28,13 +30,13 @@ std::string masked(std::string_view credentials) {
     return word ? std::string(scheme) + " ***" : "***";
 }
 
-/// A header's name without the blanks that some clients put before the colon.
+/// Compares a header's name, ignoring blanks that some clients put before the colon.
 bool isNamed(std::string_view name, const char* wanted) {
     name = name.substr(0, name.find_last_not_of(" \t") + 1);
     return name.size() == strlen(wanted) && strncasecmp(name.data(), wanted, name.size()) == 0;
 }
 
-/// No action has a parameter "password"; a client that sends one by mistake is not exposed.
+/// No action has a parameter "password", but a client may send one by mistake.
 void maskPasswords(std::string& text) {
     constexpr std::string_view kName = "password=";
     for (size_t at = text.find(kName); at != std::string::npos; at = text.find(kName, at)) {

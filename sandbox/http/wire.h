@@ -1,6 +1,5 @@
-// The messages of a request as they stand on the wire, for the log. The credentials of an
-// Authorization header are masked, and the body is shown as text: neither the lengths of chunks nor
-// the encryption of TLS.
+// The messages of a request as on the wire, for the log. The credentials in an Authorization header
+// are masked. Bodies are shown as text, without chunk lengths and TLS encryption.
 #ifndef SANDBOX_HTTP_WIRE_H
 #define SANDBOX_HTTP_WIRE_H
 
@@ -21,12 +20,12 @@ constexpr size_t kKeptMessage = 8192;
 Message requestMessage(MHD_Connection* connection, const Request& request, const std::string& uri,
                        uint64_t bodyBytes);
 
-/// The head of an answer with these lines between the first and the empty one, and its body.
+/// The head of an answer, with `lines` as its header lines, and its body.
 /// `bodyBytes` is the body's length.
 Message answerMessage(unsigned status, const std::string& lines, const std::string& body,
                       uint64_t bodyBytes);
 
-/// The value of a Date header, in the one language that HTTP has.
+/// The value of a Date header, whatever the locale.
 std::string httpDate();
 
 }  // namespace sandbox

@@ -1,4 +1,4 @@
-// kspool-sandbox faults: the scenarios, and their order.
+// kspool-sandbox faults: lists, prints and orders scenarios.
 #include <curl/curl.h>
 
 #include <cstdio>
@@ -35,7 +35,7 @@ void useKeys(CURL* handle, const std::string& folder) {
     curl_easy_setopt(handle, CURLOPT_SSLKEY, (folder + "/key.pem").c_str());
 }
 
-/// Orders faults of a running server; what it refuses is told in its words.
+/// Orders faults on a running server; throws with the server's own words if it refuses.
 void order(const FaultOptions& options) {
     const std::string body = nlohmann::json::array({{{"scenario", options.name}}}).dump();
     const std::unique_ptr<CURL, Cleanup> handle(curl_easy_init());

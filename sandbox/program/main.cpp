@@ -121,8 +121,8 @@ int parseAndWork(int argc, char** argv) {
     addInit(app, setup);
     addFaults(app, ordering);
     app.require_subcommand(1);
-    // What is behind "--" is the command's: the parser would split a word such as [1,2] at its
-    // commas.
+    // Arguments after "--" belong to the command and bypass the parser, which would split a word
+    // such as [1,2] at its commas.
     char** const end = std::find(argv + 1, argv + argc, std::string_view("--"));
     if (end != argv + argc) running.command.assign(end + 1, argv + argc);
     try {

@@ -42,18 +42,18 @@ struct FaultOptions {
 void serve(const ServeOptions& options);
 /// Runs a command beside a server of its own; returns the exit code.
 int run(const RunOptions& options);
-/// Lists the scenarios, prints one, or orders one of a running server.
+/// Lists the scenarios, prints one, or orders one on a running server.
 void faults(const FaultOptions& options);
 
 /// A message on standard error, on one line.
 void complain(const std::string& text);
 [[noreturn]] void fail(const std::string& text);
-/// The text of a faults option: the scenario of a name, or a file. Empty for an empty one.
+/// The text of a faults option, which names a scenario or a file. Empty for an empty option.
 std::string faultsText(const std::string& nameOrFile);
-/// Blocks signals in this thread, and so in all that it starts later: they wait for sigwait()
-/// instead of ending the program before the server's destructor has run.
+/// Blocks signals in this thread and in all threads that it starts later. The signals stay pending
+/// for sigwait() instead of ending the program before the server's destructor has run.
 sigset_t blockSignals(std::initializer_list<int> numbers);
-/// Writes out what was printed. Throws when it could not be written.
+/// Flushes standard output. Throws if that fails.
 void flush();
 
 }  // namespace sandbox::program

@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// As shells and env(1) have it.
+// The exit codes of shells and env(1).
 constexpr int kExitNotStarted = 126;
 constexpr int kExitNotFound = 127;
 constexpr int kExitSignal = 128;
@@ -60,10 +60,10 @@ void setEnvironment(const std::string& pool, const std::string& url) {
     setVariable("KSPOOL_SANDBOX_URL", url);
 }
 
-/// Becomes the command. After a fork of a process with threads only calls are allowed that take no
-/// lock of theirs; those of a failed exec are only for the message.
+/// Executes the command in the child. After a fork of a process with threads, a call must not need
+/// a lock that another thread may have held; only the message after a failed exec may.
 [[noreturn]] void become(char* const* arguments, const sigset_t& blocked, pid_t parent) {
-    // Were this program killed, the command would go on without its server.
+    // Otherwise the command would go on without its server if this program is killed.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) _exit(kExitNotStarted);
     sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
@@ -86,8 +86,8 @@ pid_t start(const std::vector<std::string>& command, const sigset_t& blocked) {
     return child;
 }
 
-/// Waits for the end of the command, and hands signals on to it that were sent to this process
-/// alone. The terminal sends its own to both.
+/// Waits for the end of the command, and forwards signals that were sent to this process only. The
+/// terminal sends its signals to both processes.
 int await(pid_t child, const sigset_t& signals) {
     for (;;) {
         siginfo_t info{};
@@ -105,11 +105,11 @@ int await(pid_t child, const sigset_t& signals) {
 int run(const RunOptions& options) {
     const std::string faults = faultsText(options.faults);
     const sigset_t signals = blockSignals({SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCHLD});
-    // Ignored, as a parent may leave it, the signal would never tell of the command's end.
+    // A parent may have left SIGCHLD ignored, and then the end of the command would go unnoticed.
     signal(SIGCHLD, SIG_DFL);
     const TemporaryFolder folder;
     const std::string pool = folder.path() + "/pool";
-    // The port of this URL is never used: which one is free is known when the server listens.
+    // The port in this URL is a placeholder: the real one is known only once the server listens.
     const char* url = options.tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1";
     setUp({pool, url, options.tls, /*sync=*/false});
     Settings settings = readSetup(pool);

@@ -37,9 +37,9 @@ void need(bool done) {
 
 using Extensions = std::vector<std::pair<int, std::string>>;
 
-/// Makes a certificate, signed by `issuer` with its key, or by itself when they are NULL. Valid
-/// from the day before, since the clocks of two machines differ. The serial number is random:
-/// clients refuse a second certificate with a serial number that they know of the same issuer.
+/// Makes a certificate, signed by `issuer` with its key, or self-signed if they are NULL. It is
+/// valid from the day before, since the clocks of two machines may differ. The serial number is
+/// random, because clients may refuse two certificates of one issuer with the same serial number.
 Certificate certify(EVP_PKEY* key, const char* name, const Extensions& extensions, X509* issuer,
                     EVP_PKEY* issuerKey) {
     Certificate certificate(X509_new());

@@ -13,7 +13,7 @@ struct KeyPair {
 };
 
 struct CertificateSet {
-    std::string authority;  ///< certificate; its key is dropped, so that nothing more can be signed
+    std::string authority;  ///< certificate; its key is not kept, so nothing else can be signed
     KeyPair server;
     KeyPair client;
 };

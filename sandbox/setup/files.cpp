@@ -50,7 +50,7 @@ void replaceFile(const std::string& path, const std::string& text, mode_t mode) 
 void sync(const std::string& path) {
     const kspool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (file.get() < 0) fail(path, errno);
-    // Some file systems cannot sync folders; names are then as durable as they make them.
+    // Some file systems cannot sync folders; how durable names are is then up to them.
     if (fsync(file.get()) != 0 && errno != EINVAL && errno != ENOTSUP) fail(path, errno);
 }
 

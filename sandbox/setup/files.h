@@ -1,4 +1,4 @@
-// Files that are complete or not there.
+// Writing files completely or not at all.
 #ifndef SANDBOX_SETUP_FILES_H
 #define SANDBOX_SETUP_FILES_H
 
@@ -8,16 +8,15 @@
 
 namespace sandbox {
 
-/// Makes a file that only its owner may read: passwords and keys are among them. Throws
-/// std::runtime_error, also when the file exists.
+/// Creates a file that only its owner may read, since it may hold passwords or keys. Throws
+/// std::runtime_error, also if the file exists.
 void writeFile(const std::string& path, const std::string& text);
 
-/// Puts a file in place of another by rename: a reader never sees half of it. `mode` is that of the
-/// new one, less the umask. A run that is killed may leave PATH.new behind. Throws
-/// std::runtime_error.
+/// Replaces a file by rename, so that a reader never sees half of it. `mode`, less the umask, is
+/// that of the new file. A run that is killed may leave PATH.new behind. Throws std::runtime_error.
 void replaceFile(const std::string& path, const std::string& text, mode_t mode);
 
-/// Returns when a file, or a folder's names, are on the disk. Throws std::runtime_error.
+/// Syncs a file, or the names in a folder, to disk. Throws std::runtime_error.
 void sync(const std::string& path);
 
 }  // namespace sandbox

@@ -34,7 +34,7 @@ constexpr char kRoutes[] = "routes";
 
 enum class Value { kText, kUrl, kFolder, kKeys };
 
-/// An entry by the offsets of its names, as whoever reads the file addresses it.
+/// An entry by the offsets of its names, by which the library reads it.
 struct ConfigurationRow {
     InifileSection section;
     InifileEntry entry;
@@ -106,9 +106,9 @@ void writeKeys(const std::string& folder, const std::string& authority, const Ke
     writeFile(folder + "/key.pem", pair.key);
 }
 
-/// A temporary folder beside the wanted one, so that rename() can put it in place in one step: the
-/// wanted folder is complete or missing, also when the program is killed, and after a loss of power
-/// when the folder is synced before. Removed by the destructor unless it was renamed.
+/// A temporary folder beside the wanted one, so that rename() can put it in place atomically: the
+/// wanted folder is complete or missing even if the program is killed, and after a power loss if
+/// the folder was synced before. Removed by the destructor unless it was renamed.
 class NewFolder {
   public:
     explicit NewFolder(const std::string& wanted) : path_(wanted + ".XXXXXX") {
@@ -131,7 +131,7 @@ class NewFolder {
             sandbox::sync(entry.path());
         sandbox::sync(path_);
     }
-    /// The system accepts an empty folder as the target and replaces it.
+    /// rename() also replaces an empty target folder.
     void rename(const std::string& wanted) {
         if (::rename(path_.c_str(), wanted.c_str()) != 0) fail(wanted + ": " + strerror(errno));
         path_.clear();
@@ -141,8 +141,8 @@ class NewFolder {
     std::string path_;
 };
 
-/// Absolute, because the configuration names files of the folder and is read from elsewhere. A line
-/// end in the name would end the configuration's line.
+/// The absolute path, because the configuration names files of the folder and is read from
+/// elsewhere. Refuses control characters: a line end would end a line of the configuration.
 std::string absoluteFolder(const std::string& folder) {
     if (folder.empty()) fail("an empty path names no folder");
     std::string path = fs::weakly_canonical(fs::absolute(folder)).string();

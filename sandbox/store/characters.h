@@ -35,7 +35,7 @@ constexpr bool isControl(char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
-/// True for a text that can be a field of an answer's line: a '|' would end the field, and a line
+/// True for a text that can be a field of an answer's line. A '|' would end the field and a line
 /// end the line, so that the client would read other fields than were stored.
 inline bool isField(std::string_view text) {
     return std::none_of(text.begin(), text.end(), [](char c) { return c == '|' || isControl(c); });

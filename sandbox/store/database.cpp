@@ -33,7 +33,7 @@ void Query::bindNumber(int at, int64_t number) {
 }
 
 void Query::bindText(int at, std::string_view text) {
-    // SQLite takes a NULL pointer, which an empty string_view may have, for the value NULL.
+    // SQLite binds a NULL pointer, which an empty string_view may have, as the value NULL.
     check(sqlite3_bind_text64(statement_, at, text.data() != nullptr ? text.data() : "",
                               text.size(), SQLITE_STATIC, SQLITE_UTF8));
 }

@@ -3,17 +3,14 @@
 // Thread rule: one thread at a time. The connection is opened without SQLite's own mutex.
 //
 // Invariants:
-//  1. A statement is found by the address of its SQL text, at the cost of a few pointer
-//  comparisons;
-//     to compile the text anew would cost as much as a short query. Hence an address means one text
-//     for the life of the database. Literals and kept() guarantee that; a temporary does not: its
-//     address may be another text's later, and the wrong statement would run.
-//  2. A statement has at most one Query at a time; a second one could not bind its values, and
-//  would
-//     end the run of the first.
+//  1. A statement is found by the address of its SQL text, which costs a few pointer comparisons;
+//     compiling the text again would cost as much as a short query. So an address must mean the
+//     same text for the life of the database. Literals and kept() guarantee that. A temporary does
+//     not: its address may later be that of another text, and the wrong statement would run.
+//  2. A statement has at most one Query at a time. A second one could not bind its values, and
+//     would end the run of the first.
 //  3. Without a Query, a statement is reset and has no bound values. Otherwise a read would keep
-//  its
-//     snapshot open, and bound texts would dangle.
+//     its snapshot open, and bound texts would dangle.
 //  4. Statements are finalized before the database is closed.
 #ifndef SANDBOX_STORE_DATABASE_H
 #define SANDBOX_STORE_DATABASE_H
@@ -62,7 +59,7 @@ class Query {
     void bindAt(int at, const Value& value) {
         bindOne(at, value);
     }
-    /// Ends the run; the next step() starts anew, and values may be bound before. They stay bound.
+    /// Ends the run; the next step() starts a new one. Values stay bound, and may be bound again.
     void reset() { sqlite3_reset(statement_); }
     /// Goes to the next row; false at the end. Throws DatabaseError.
     bool step();
@@ -106,10 +103,10 @@ class Database {
         while (made.step()) {
         }
     }
-    /// A copy that lives as long as the database, equal texts at one address: for SQL that is
-    /// composed at run time. Each different text stays, so values are bound and never pasted in.
+    /// A copy that lives as long as the database; equal texts have the same address. For SQL that
+    /// is composed at run time. Texts are never freed, so values must be bound and not pasted in.
     const char* kept(const std::string& sql) { return texts_.insert(sql).first->c_str(); }
-    /// A second connection to the same file, which only reads, and while others write; NULL for a
+    /// A second, read-only connection to the same file, usable while others write; NULL for a
     /// database in memory.
     std::unique_ptr<Database> reader() const;
     /// Runs statements without values; they are compiled for this call only.
@@ -132,8 +129,8 @@ class Database {
 };
 
 /// Rolled back by the destructor unless commit() succeeded. IMMEDIATE takes the write lock at once:
-/// a transaction that reads first and writes later may fail in between when another program, such
-/// as the sqlite3 shell, wrote meanwhile.
+/// otherwise a transaction that reads first and writes later fails if another program, such as the
+/// sqlite3 shell, has written in between.
 class Transaction {
   public:
     explicit Transaction(Database& database) : database_(database) {

@@ -10,14 +10,14 @@
 
 namespace sandbox {
 
-/// Thrown by any function that finds that a request cannot be carried out. The effects that the
-/// request had until then are rolled back with its transaction.
+/// Thrown when a request cannot be carried out. Effects that the request had until then are rolled
+/// back with its transaction.
 class Event : public std::exception {
   public:
     Event(PoolEvent code, std::string text) : code_(code), text_(std::move(text)) {}
 
     PoolEvent code() const noexcept { return code_; }
-    /// The whole text; what() ends at the first NUL, which a client may have sent as %00.
+    /// The complete text; what() ends at the first NUL, which a client may have sent as %00.
     const std::string& text() const noexcept { return text_; }
     const char* what() const noexcept override { return text_.c_str(); }
 

@@ -11,7 +11,7 @@ namespace sandbox {
 uint64_t placeFolder(NameSpace& names, const std::string& folder, int64_t now) {
     namespace fs = std::filesystem;
     uint64_t leftOut = 0;
-    // A folder that may not be read is placed as an empty one.
+    // A folder without read permission is placed as an empty one.
     const auto options = fs::directory_options::skip_permission_denied;
     for (auto at = fs::recursive_directory_iterator(folder, options);
          at != fs::recursive_directory_iterator(); ++at) {
@@ -28,7 +28,7 @@ uint64_t placeFolder(NameSpace& names, const std::string& folder, int64_t now) {
                         file ? status.st_size : 0, status.st_mtime, now);
         } catch (const Event&) {
             ++leftOut;
-            // Each entry below would be refused for the same name and counted again.
+            // Each entry below would be refused for the same name, and counted as well.
             if (!file) at.disable_recursion_pending();
         }
     }

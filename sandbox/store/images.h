@@ -1,4 +1,4 @@
-// Records of backup images, known by data selection, client, policy and name.
+// Records of backup images, identified by data selection, client, policy and name.
 //
 // Thread rule: one thread at a time. No state but the table: changes are part of the transaction
 // that is open.
@@ -39,8 +39,8 @@ class ImageStore {
     /// The first policy, in the order of bytes, with an image of this name.
     std::string policy(const Image& named);
 
-    /// Visits the images behind that of a key, in the order of their keys, until `visit` returns
-    /// false. The second argument is the retention, which may be empty.
+    /// Visits the images after a key, in the order of keys, until `visit` returns false. The second
+    /// argument is the retention, which may be empty.
     void each(const Image& after, const std::function<bool(const Image&, std::string_view)>& visit);
 
     void clear();

@@ -152,9 +152,9 @@ std::string NameSpace::listBelow(const std::string& path) {
     return listing;
 }
 
-/// A loose index scan (skip scan): when the scan meets the first row below a child, it seeks to the
-/// end of that child's range. The cost is one seek for each child, however many rows lie below; a
-/// plain scan would read all of these.
+/// A loose index scan (skip scan): at the first row below a child, the scan seeks to the end of
+/// that child's range. The cost is one seek per child, however many rows there are below it; a
+/// plain scan would read all of these rows.
 void NameSpace::eachChild(const std::string& path, const std::string& from, const Visit& visit) {
     const size_t prefix = startBelow(path).size();
     const std::string end = endBelow(path);

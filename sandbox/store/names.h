@@ -37,7 +37,7 @@ class NameSpace {
     void remove(const std::string& path, bool recursive);
     std::string list(const std::string& path, bool recursive);
 
-    /// Visits the entries of a directory behind the one of a name, by name as bytes, until `visit`
+    /// Visits the entries of a directory after a name, ordered by bytes of the name, until `visit`
     /// returns false.
     using Visit =
         std::function<bool(char kind, int64_t size, int64_t mtime, std::string_view name)>;
@@ -45,8 +45,8 @@ class NameSpace {
 
     // To prepare a pool.
 
-    /// Puts a file ('f') or directory ('d') at a path, and makes missing parents at the time `now`.
-    /// Replaces size and time of one of the same kind.
+    /// Creates a file ('f') or directory ('d') at a path, and missing parents with the time `now`.
+    /// If one of the same kind exists, replaces its size and time.
     void place(const std::string& path, char kind, int64_t size, int64_t mtime, int64_t now);
     void clear();
 

@@ -16,8 +16,8 @@ constexpr size_t kLongestPath = 65'535;
 }
 
 /// The length of the UTF-8 character at the start of `text`, 0 if it is invalid. The ranges of the
-/// first and the second byte alone exclude overlong forms, surrogates and numbers beyond U+10FFFF;
-/// the further bytes have the same range in each row.
+/// first and second byte exclude overlong forms, surrogates and numbers beyond U+10FFFF; all
+/// further bytes have the same range.
 size_t characterLength(std::string_view text) {
     struct Row {
         uint8_t first, last, secondFrom, secondTo;

@@ -134,7 +134,7 @@ std::vector<size_t> allFields() {
     return fields;
 }
 
-/// Visits the POs of a text: its lines but a first one that holds the names.
+/// Visits the POs of a text: all lines except a first line with the names of the fields.
 template <typename Visit>
 void eachLine(const std::string& text, Visit visit) {
     size_t number = 0;
@@ -212,7 +212,8 @@ struct Condition {
         std::string glob;
         for (const char c : value)
             glob += c == '[' ? "[[]" : std::string(1, c);
-        // Of a bare value SQLite would find the prefix itself, by compiling anew for each value.
+        // `|| ''` keeps SQLite from deriving the prefix itself: for a plain bound value it would
+        // compile the statement again for each value.
         text(name + " GLOB ? || ''", glob);
     }
 
@@ -255,7 +256,7 @@ POStore::POStore(Database& database) : database_(database) {
     database_.script(
         ("CREATE INDEX IF NOT EXISTS pos_order ON pos (ds, " + columns(kOrder, ", ", "") + ")")
             .c_str());
-    // f10 is the name: a filter that gives nothing else would otherwise read all rows.
+    // f10 is the name: without the index, a filter by name alone would read all rows.
     database_.script("CREATE INDEX IF NOT EXISTS pos_name ON pos (ds, f10)");
     database_.script(kStatistics);
 }
@@ -319,9 +320,9 @@ void appendLine(const Query& query, std::string& lines) {
 
 /// The SQL that reads the lines of an answer.
 std::string linesSql(const Condition& condition, bool many) {
-    // The unary plus keeps SQLite from reading in the order of pos_order, which may visit all POs:
-    // to sort the few that match is cheaper. Many may be read in that order, since sorted first, a
-    // whole data selection would be copied before the first line goes out.
+    // The unary plus keeps SQLite from reading in the order of the index pos_order, which may visit
+    // all POs: sorting the few that match is cheaper. Many POs are read in the order of the index:
+    // sorting would copy a whole data selection before the first line is sent.
     return selection() + "WHERE " + condition.sql + " ORDER BY " + (many ? "" : "+") +
            columns(kOrder, many ? ", " : ", +", "");
 }
@@ -334,8 +335,8 @@ uint64_t countOf(Database& database, uint32_t dataselection, const Condition& co
     return query.step() ? static_cast<uint64_t>(query.number(0)) : 0;
 }
 
-/// A long answer, from one read transaction on a connection of its own: requests that come while it
-/// is sent change the pool, and not this answer.
+/// A long answer, read in one transaction on its own connection: changes made while it is sent do
+/// not affect it.
 class Snapshot {
   public:
     Snapshot(std::unique_ptr<Database> reader, uint32_t dataselection, Condition condition)
@@ -364,7 +365,7 @@ class Snapshot {
         return reader;
     }
 
-    // In this order: the query refers to both others, and the count begins the snapshot.
+    // In this order, since the query refers to both others, and the count starts the snapshot.
     std::unique_ptr<Database> reader_;
     Condition condition_;
     uint64_t count_;
@@ -388,7 +389,7 @@ std::string POStore::find(uint32_t dataselection, const std::string& filter,
     Query query = database_.query(database_.kept(linesSql(condition, count > kAtOnce)));
     condition.bind(query, dataselection);
     std::string lines;
-    uint64_t read = 0;  // and not the count, between which and this query another program may write
+    uint64_t read = 0;  // not the count: another program may write between it and this query
     for (; query.step(); ++read)
         appendLine(query, lines);
     return head(read) + lines;

@@ -1,14 +1,14 @@
-// POs: records of 26 fields, one row each, known by data selection, client, policy, image, folder
-// and name.
+// POs: records of 26 fields, one row each, identified by data selection, client, policy, image,
+// folder and name.
 //
-// Thread rule: one thread at a time. The source of a long find() may be called beside the store. No
-// state but the table: changes are part of the transaction that is open, so that a text with one
-// invalid line leaves no PO of the lines before.
+// Thread rule: one thread at a time. The source of a long find() may be called while another thread
+// uses the store. No state but the table: changes are part of the open transaction, so that a text
+// with an invalid line adds none of its POs.
 //
 // A find is one snapshot: its count and its lines are those of one moment. Up to 20,000 POs are
-// read at once. More are read while they are sent, from a read transaction on a connection of its
-// own, which writers do not wait for. A database in memory has one connection, so there the whole
-// answer is made at once; its POs are in memory anyway.
+// read at once. More are read while they are sent, in a read transaction on a connection of its
+// own, which does not block writers. A database in memory has only one connection, so its answers
+// are made at once; its POs are in memory anyway.
 #ifndef SANDBOX_STORE_POS_H
 #define SANDBOX_STORE_POS_H
 
@@ -40,7 +40,7 @@ class POStore {
     /// sets `more` to the source of the lines, as in Answer::more.
     std::string find(uint32_t dataselection, const std::string& filter,
                      std::function<std::string()>& more);
-    /// The SQL with which a find counts, reads few POs and reads many, for tests of SQLite's plans.
+    /// The SQL by which a find counts, reads few POs and reads many, for tests of query plans.
     static std::vector<std::string> statements(const std::string& filter);
     void clear();
 

@@ -10,10 +10,11 @@
 namespace sandbox {
 namespace {
 
-/// What makes version N + 1 of version N, by N. Steps are only ever added.
+/// The SQL that upgrades version N to N + 1, at index N. Steps are only ever added.
 constexpr const char* kSteps[] = {
-    // The codes of events moved to 10001 and above. A refusal that was stored before holds an old
-    // one, which clients would take for another status; its request is refused anew if it comes.
+    // Event codes moved to 10001 and above. Refusals that were stored before have old codes, which
+    // clients would take for other statuses. If such a request is resent, it is handled as a new
+    // one.
     "DELETE FROM answers WHERE status <> 200",
 };
 constexpr int64_t kCurrent = std::size(kSteps);
@@ -53,10 +54,10 @@ Database openPool(const std::string& file, bool sync) {
                             std::to_string(version) + ", this program knows up to " +
                             std::to_string(kCurrent));
     }
-    // A write-ahead log lets other programs read the database while the server writes, and a commit
-    // is an append. FULL syncs the log at each commit, NORMAL only at a checkpoint: a server that
-    // is killed then keeps every change that it confirmed (the bytes are in the system's page
-    // cache), while a loss of power may take the last ones.
+    // With a write-ahead log other programs can read the database while the server writes, and a
+    // commit is an append. FULL syncs the log at each commit, NORMAL only at a checkpoint: then a
+    // server that is killed loses no confirmed change (the bytes are in the system's page cache),
+    // but a power loss may lose the last ones.
     database.script("PRAGMA journal_mode = WAL");
     database.script(sync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     return database;

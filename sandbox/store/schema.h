@@ -15,8 +15,8 @@
 
 namespace sandbox {
 
-/// Opens a pool's database; an empty name opens one in memory. `sync`: a commit returns when the
-/// disk has it. Throws DatabaseError.
+/// Opens a pool's database; an empty name opens one in memory. `sync`: a commit returns only when
+/// it is on disk. Throws DatabaseError.
 Database openPool(const std::string& file, bool sync);
 
 /// The transaction in which tables are made and changed. REQUIRES: constructed before the stores,
@@ -24,7 +24,8 @@ Database openPool(const std::string& file, bool sync);
 class Upgrade {
   public:
     explicit Upgrade(Database& database) : database_(database), transaction_(database) {}
-    /// Brings the tables to the current version. REQUIRED, once, when all stores are constructed.
+    /// Brings the tables to the current version. Must be called once, after all stores are
+    /// constructed.
     void finish();
 
   private:

@@ -8,7 +8,8 @@
 namespace sandbox {
 namespace {
 
-/// URL-encoded: all but letters and digits, so that no '|' or LF of a tag breaks the answer's line.
+/// URL-encodes all but letters and digits, so that a '|' or LF in a tag cannot break the answer's
+/// line.
 std::string encoded(std::string_view text) {
     std::string out;
     for (const char c : text) {

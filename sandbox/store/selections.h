@@ -1,4 +1,4 @@
-// Data selections: the numbers that POs and images belong to, each with a tag or without.
+// Data selections: the numbers that POs and images belong to, each with or without a tag.
 //
 // Thread rule: one thread at a time. No state but the table: changes are part of the transaction
 // that is open.
@@ -24,9 +24,9 @@ class Selections {
     void need(uint32_t number);
     /// The answer of getHVXTag. Throws Event.
     std::string tag(uint32_t number);
-    /// An empty tag is none. Replaces the tag of a number that is there.
+    /// An empty tag means none. Replaces the tag if the number exists.
     void add(uint32_t number, const std::string& tag);
-    /// Visits the added ones behind a number, by number, until `visit` returns false.
+    /// Visits the added numbers above `after`, ascending, until `visit` returns false.
     void each(uint32_t after, const std::function<bool(uint32_t, std::string_view tag)>& visit);
     void clear();
 

@@ -1,18 +1,19 @@
-// What SQLite is told of the table of POs.
+// Fixed query-planner statistics for the table of POs.
 //
-// Without statistics SQLite takes a data selection for ten POs, and reads all of them by the
-// primary key rather than seek by a name or a folder. These statistics are made up: plans that
-// change with the data would turn slow without a warning. They are written at each start, since an
-// ANALYZE of somebody else replaces them.
+// Without statistics SQLite assumes ten POs per data selection, and reads all of them by the
+// primary key instead of seeking by a name or a folder. These statistics are made up, on purpose:
+// plans that changed with the data could become slow without warning. They are written at each
+// start, since an ANALYZE by another program would replace them.
 #ifndef SANDBOX_STORE_STATISTICS_H
 #define SANDBOX_STORE_STATISTICS_H
 
 namespace sandbox {
 
-/// The numbers of a row are how many POs there are, and how many share the first column of the
-/// index, the first two, and so on. `noskipscan` keeps SQLite from stepping through all clients for
-/// an image; the sizes of rows, in bytes, keep it from an index where the table itself is read
-/// faster. ANALYZE sqlite_schema counts nothing: it makes the table, and loads what is in it.
+/// The numbers in a row are the number of POs, and how many POs share the first column of the
+/// index, the first two, and so on. `noskipscan` keeps SQLite from a skip scan over all clients to
+/// find an image; the row sizes, in bytes, keep it from using an index where reading the table is
+/// faster. ANALYZE sqlite_schema counts nothing: it creates the statistics table, and loads its
+/// contents.
 constexpr char kStatistics[] =
     "ANALYZE sqlite_schema;"
     "DELETE FROM sqlite_stat1 WHERE tbl = 'pos';"
