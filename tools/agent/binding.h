@@ -1,4 +1,4 @@
-// Whether the cache of a file may be used for what a run is to record.
+// Checks whether a cache file may be used for what a run records.
 #ifndef TOOLS_AGENT_BINDING_H
 #define TOOLS_AGENT_BINDING_H
 
@@ -7,9 +7,9 @@
 
 namespace agent {
 
-/// The facts of a cache file, or new ones where there are none, or none that can be read, which is
-/// told. Throws Failure for a cache that is bound to something else, unless `rebind`: then the
-/// facts are new.
+/// The facts of a cache file, or new facts if there are none. Unusable facts are reported and
+/// replaced by new ones. Throws Failure for a cache that is bound to something else, unless
+/// `rebind`, which makes new facts.
 Facts factsFor(const HeldFile& file, const Binding& binding, bool rebind);
 
 }  // namespace agent

@@ -126,8 +126,7 @@ void BlockCache::makeRoom() {
     KSCacheReclaim(cache_.get());
 }
 
-/// Drops entries until at most so many are left, or none that may go. `met`: those that the run met
-/// may go as well.
+/// Drops entries until at most `most` are left. Entries that the run met are dropped only if `met`.
 void BlockCache::dropSurplus(uint64_t most, bool met) {
     const uint64_t items = stats().cachedItems;
     uint64_t surplus = items > most ? items - most : 0;
@@ -136,8 +135,8 @@ void BlockCache::dropSurplus(uint64_t most, bool met) {
     });
 }
 
-/// An entry keeps its value for life, so it is made anew, in the slot that its deletion freed: the
-/// walk has passed that slot, and does not meet the entry twice.
+/// The value of an entry cannot be changed, so the entry is deleted and added again. The add reuses
+/// the slot that the deletion freed, which the walk has passed, so no entry is visited twice.
 void BlockCache::tieMet(uint64_t value) {
     KSCache* cache = cache_.get();
     each(cache, [&](const KSCacheNode& node) {

@@ -9,7 +9,7 @@
 namespace agent {
 namespace {
 
-/// Resolution of the coarsest file systems: two writes within it may leave the same time.
+/// The coarsest resolution of file times, in seconds: two writes within it may leave the same time.
 constexpr int64_t kTimeGrain = 2;
 
 bool sameTime(const std::timespec& a, const std::timespec& b) {
@@ -50,7 +50,8 @@ bool Claims::isLive(uint64_t number) {
     return live;
 }
 
-/// Compares the POs on the server with the sum of those that were recorded.
+/// True if the POs on the server have the sum of those that were recorded. Also collects the files
+/// of the image that readNewest() is reading.
 bool Claims::compare(const ImageFact& image) {
     ImageSum sum;
     findImage(session_, image.name, [&](FoundPO&& po, std::string_view) {
@@ -71,7 +72,7 @@ void Claims::readNewest(const ImageName& name) {
         if (isLive(newest_)) break;
         files_.clear();
     }
-    // Asked for now: readingOf() is called for each file.
+    // Ask the server now, once: readingOf() is called for each file.
     for (const auto& [path, reading] : files_)
         isLive(reading.image);
 }
@@ -85,7 +86,7 @@ const EarlierReading* Claims::readingOf(const std::string& path, const FileStatu
 void Claims::checkStillThere(const std::set<uint64_t>& numbers) {
     list();
     live_.clear();
-    newest_ = 0;  // files are taken once
+    newest_ = 0;  // do not collect files again
     for (const uint64_t number : numbers) {
         if (isLive(number)) continue;
         const ImageFact* image = facts_.byNumber(number);

@@ -1,8 +1,8 @@
-// What may be called known: segments and files that an image on the server holds.
+// What may count as known: segments and files that an image on the server holds.
 //
-// An image is live while the server has its record, and as many POs as were recorded, which are
-// those that were recorded. The server is asked twice for each image that matters: before anything
-// is called known by it, and when all POs that rely on it have been confirmed.
+// An image is live while the server has its record and exactly the POs that were recorded. The
+// server is asked twice about each image that matters: before anything counts as known because of
+// the image, and after all POs that rely on it have been confirmed.
 //
 // Thread rule: one thread, that of the session.
 #ifndef TOOLS_AGENT_CLAIMS_H
@@ -45,14 +45,15 @@ class Claims {
     /// Takes the files of the newest live image of a client and policy.
     void readNewest(const ImageName& name);
 
-    /// The reading that makes another one unnecessary: size, times and inode are as they were then,
-    /// and the image for which the file was read is live. A time within two seconds of the moment
-    /// of reading proves nothing, since the file may have changed again at the same time.
+    /// The earlier reading of an unchanged file, which need not be read again; NULL if there is
+    /// none. Size, times and inode must be the same, and the image for which the file was read must
+    /// be live. A file time within two seconds of the reading proves nothing, since the file may
+    /// have changed again without a change of the time.
     const EarlierReading* readingOf(const std::string& path, const FileStatus& status);
 
-    /// Asks again for the records and POs. Throws Failure when an image of the set is not live any
-    /// more: what was called known since may be gone too. A record proves nothing by itself, since
-    /// another recording may have taken the name.
+    /// Fetches records and POs again. Throws Failure if an image of the set is no longer live: data
+    /// that counted as known may then be gone. A record alone proves nothing, since another
+    /// recording may have taken the name.
     void checkStillThere(const std::set<uint64_t>& numbers);
 
   private:

@@ -1,4 +1,4 @@
-// The digest of a file, which its PO has.
+// The digest of a file, as stored in its PO.
 #ifndef TOOLS_AGENT_DIGEST_H
 #define TOOLS_AGENT_DIGEST_H
 
@@ -9,8 +9,8 @@
 
 namespace agent {
 
-/// The SHA-256 of the digests of the segments, one after the other, each with all its 32 bytes, in
-/// hexadecimal. It depends on the segment size and on the digest algorithm of the segments.
+/// The SHA-256, in hexadecimal, of the concatenated digests of the segments, 32 bytes each. It
+/// depends on the segment size and on the digest algorithm of the segments.
 std::string fileDigest(const std::vector<Digest>& segments);
 
 }  // namespace agent

@@ -16,7 +16,7 @@ FileStatus statusOf(const struct stat& status) {
 
 namespace {
 
-/// A ".." after a symbolic link leads out of the folder that the link leads to.
+/// Resolves "." and "..". A ".." after a symbolic link leads to the parent of the link's target.
 std::string resolved(const std::filesystem::path& path) {
     std::filesystem::path plain;
     for (const auto& part : path) {
@@ -32,8 +32,8 @@ std::string resolved(const std::filesystem::path& path) {
 
 }  // namespace
 
-/// Called for each entry of a tree, so the working folder is asked for once, and only a path with
-/// something to resolve takes the slow way. No program here changes its working folder.
+/// Called for each entry of a tree, so the working directory is queried only once (no program here
+/// changes it), and only paths with something to resolve take the slow way.
 std::string absolutePath(const std::string& path) {
     static const std::string here = std::filesystem::current_path();
     std::string absolute = !path.empty() && path[0] == '/' ? path : here + "/" + path;

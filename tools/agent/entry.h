@@ -33,7 +33,7 @@ struct Entry {
 };
 
 /// The path as it is recorded: absolute, without "." and "..". Symbolic links are not resolved,
-/// except before "..", which leads out of the folder that the link leads to.
+/// except before "..", which leads to the parent of the link's target.
 std::string absolutePath(const std::string& path);
 
 }  // namespace agent

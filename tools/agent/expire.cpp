@@ -24,7 +24,8 @@ struct Candidate {
     Outcome fate = Outcome::kExpired;
 };
 
-/// The images to be expired by age, the oldest first, and the newest image where that one is kept.
+/// The images above the age, the oldest first. The newest complete image is marked as kept, unless
+/// it is to be expired as well.
 std::vector<Candidate> olderThan(tool::Session& session, const ExpireOptions& options) {
     std::vector<ImageSummary> all = summarize(session, options.name);
     const auto newest = std::find_if(all.rbegin(), all.rend(),
@@ -40,7 +41,7 @@ std::vector<Candidate> olderThan(tool::Session& session, const ExpireOptions& op
     return chosen;
 }
 
-/// The one image that the user named; nothing when the server does not know it.
+/// The one image that the user named; empty if the server does not know it.
 std::vector<Candidate> named(tool::Session& session, const ExpireOptions& options) {
     const ImageName& n = options.name;
     Candidate one;

@@ -1,15 +1,15 @@
-// kspool-agent expire: images are taken from the server, their records and their POs.
+// kspool-agent expire: deletes images from the server, records and POs.
 //
 // Invariants:
-//  1. The record of an image goes first, so that an expire which ends early leaves POs without a
-//     record (invariant 2 of query.h), which nobody takes for an image. Expiring it again takes the
-//     rest.
-//  2. A server that refuses to delete the record, because the image is still to be kept, keeps all
-//     of its POs too.
-//  3. By age, the newest complete image of a client and policy stays unless it is asked for: a
-//     machine whose recording has stopped unnoticed would otherwise lose its last image. What runs
-//     that ended early have left is expired as images are, by the time of the newest PO: a run that
-//     still goes on has one that is newer than any sensible age.
+//  1. The record of an image is deleted first: an expire that ends early then leaves POs without a
+//     record (invariant 2 of query.h), which do not count as an image. Expiring the image again
+//     deletes the rest.
+//  2. If the server refuses to delete the record, because the image must still be kept, all of its
+//     POs are kept too.
+//  3. By age, the newest complete image of a client and policy is kept unless the user asks
+//     otherwise: otherwise a machine whose recording has stopped unnoticed would lose its last
+//     image. What incomplete runs have left is expired as well, by the time of the newest PO; in a
+//     run that is still going on, this time is newer than any sensible age.
 #ifndef TOOLS_AGENT_EXPIRE_H
 #define TOOLS_AGENT_EXPIRE_H
 
@@ -30,8 +30,8 @@ struct ExpireOptions {
     bool json = false;
 };
 
-/// Expires and reports. kNothing when there is nothing to expire; after a failure with an image,
-/// which is reported, the others are expired all the same.
+/// Expires and reports. kNothing if there is nothing to expire. A failure with one image is
+/// reported, and the others are expired nevertheless.
 tool::ExitCode expire(const ExpireOptions& options);
 
 }  // namespace agent

@@ -14,8 +14,9 @@
 namespace agent {
 namespace {
 
-/// Lines of fields, as POs are: the first field tells what a line is about. The next number comes
-/// before the sums of caches, so that a truncated file matches no cache before numbers are reused.
+/// The file has lines of fields, like POs; the first field is the kind of line. The next number
+/// comes before the sums of caches: a file truncated before it matches no cache, so that no number
+/// is used again.
 constexpr char kProgram[] = "kspool-agent facts ";
 constexpr char kTitle[] = "kspool-agent facts 1";
 constexpr char kBinding[] = "binding", kNext[] = "next", kCache[] = "cache", kImage[] = "image";
@@ -35,7 +36,7 @@ std::string lineOf(const char* about, const Values&... values) {
     return line + "\n";
 }
 
-/// Takes the fields of a line one after the other. Throws Failure when one is missing or no number.
+/// Reads the fields of a line in order. Throws Failure if one is missing or not a number.
 class Fields {
   public:
     explicit Fields(std::string_view line) : fields_(tool::fieldsOf(line)) {}
@@ -60,7 +61,7 @@ class Fields {
     size_t at_ = 0;
 };
 
-/// Braced lists are evaluated in their order, so that the fields are taken in the order of a line.
+/// Braced lists are evaluated from left to right, so the fields are read in the order of the line.
 void readLine(std::string_view line, Facts& facts) {
     Fields f(line);
     const std::string about = f.text();

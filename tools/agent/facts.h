@@ -1,15 +1,15 @@
 // The file of facts beside a cache file: what the entries of the cache mean.
 //
-// An entry of the cache has the number of an image as its value: that image holds the segment. The
-// facts tell which image a number is, and how the image's POs were when it was recorded. So a
-// segment may be called known only while the server still has that image.
+// The value of a cache entry is the number of an image that holds the segment. The facts map the
+// numbers to images, and have a sum over the POs of each image as recorded. By these a segment
+// counts as known only while the server still has that image.
 //
 // Invariants:
-//  1. A number names one recording of one image for ever. To record a name again takes a new
-//     number, and the old one leaves the facts before the server is changed.
-//  2. `caches` holds the sum of the cache file beside it. While both files are being replaced it
-//     holds the sums of the old and of the new one: the facts are replaced first, so that a process
-//     that is killed between the two leaves a pair that matches.
+//  1. A number names one recording of one image for ever. Recording a name again uses a new number,
+//     and removes the old one from the facts before the server is changed.
+//  2. `caches` holds the sum of the cache file. The facts are replaced before the cache file, and
+//     hold the sums of both the old and the new cache, so that a process that is killed in between
+//     leaves a pair that matches.
 #ifndef TOOLS_AGENT_FACTS_H
 #define TOOLS_AGENT_FACTS_H
 
@@ -23,7 +23,7 @@
 
 namespace agent {
 
-/// What a cache is bound to: entries made for another pool would be false here.
+/// What a cache is bound to: entries made for another pool, for example, would be wrong.
 struct Binding {
     std::string server;  ///< URL
     uint32_t pool = 0;   ///< the configuration's pool id, 0 without one
@@ -33,7 +33,8 @@ struct Binding {
     bool operator==(const Binding&) const = default;
 };
 
-/// A sum over the POs of an image, in any order, with their number: over all that a claim rests on.
+/// An order-independent sum over the POs of an image, with their number. It covers all fields that
+/// decide whether data count as known.
 struct ImageSum {
     uint64_t pos = 0;
     uint64_t sum = 0;
@@ -45,7 +46,7 @@ struct ImageSum {
 struct ImageFact {
     uint64_t number = 0;
     ImageName name;
-    std::string run;  ///< random: the POs of this recording have it in their comments
+    std::string run;  ///< random name, which the comments of this recording's POs contain
     ImageSum sum;
 };
 
@@ -57,16 +58,16 @@ struct Facts {
 
     const ImageFact* byRun(const std::string& run) const;
     const ImageFact* byNumber(uint64_t number) const;
-    /// Drops the recording of a name. False when there is none.
+    /// Removes the recording of a name. False if there is none.
     bool untie(const ImageName& name);
 };
 
-/// The file of facts of a cache file, symbolic links to the cache file resolved.
+/// The path of the facts for a cache file, whose symbolic links are resolved.
 std::string factsPath(const std::string& cache);
 
-/// Nothing when there is no file. Facts that name no server are of a damaged file, or of another
-/// version. Throws Failure when the file cannot be read, or is something else, which must not be
-/// replaced.
+/// nullopt if there is no file. Facts without a server mean a damaged file, or one of another
+/// version. Throws Failure if the file cannot be read, or is not a file of facts and therefore must
+/// not be replaced.
 std::optional<Facts> loadFacts(const std::string& path);
 
 void saveFacts(const std::string& path, const Facts& facts);

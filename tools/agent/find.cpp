@@ -17,7 +17,7 @@ bool isPath(const std::string& pattern) {
     return pattern.find('/') != std::string::npos || pattern == "." || pattern == "..";
 }
 
-/// The queries for a pattern. Those for a path without `*` and `?` find no entry twice.
+/// The queries for a pattern. For a path without `*` and `?` they find no entry twice.
 std::vector<Criteria> criteriaOf(const ImageName& name, const std::string& pattern, char type) {
     if (!isPath(pattern)) return {{.name = name, .file = pattern, .type = type}};
     const std::string path = absolutePath(pattern);

@@ -14,8 +14,8 @@ namespace agent {
 struct FindOptions {
     tool::SessionOptions session;
     ImageName name;  ///< its texts are patterns
-    /// With a slash: a path, which stands for the entry itself and all below it. Without: a name.
-    /// Both may hold `*` and `?`. None: everything.
+    /// A pattern with a slash is a path, and matches the entry and all entries below it. Without a
+    /// slash it is a name. Both may contain `*` and `?`. Empty: everything.
     std::vector<std::string> patterns;
     std::string type;  ///< f, d, l; empty: all
     bool json = false;

@@ -26,7 +26,7 @@ class FolderSums {
 
     void add(const Entry& file, uint64_t bytes, uint64_t newBytes);
 
-    /// Those that would add most come first.
+    /// The folders, those that would add most first.
     std::vector<FolderSum> take();
 
   private:

@@ -16,9 +16,9 @@ namespace agent {
 
 class HeldFile {
   public:
-    /// Without a path nothing is held. `stop` given: waits while another process holds the file,
-    /// until `stop` returns true. Throws Failure: kHeld when another process holds the file; also
-    /// when it is no cache file.
+    /// With an empty path nothing is held. With `stop`, waits while another process holds the file,
+    /// until `stop` returns true. Throws Failure: kHeld if another process holds the file; also if
+    /// it is not a cache file.
     explicit HeldFile(std::string path, const std::function<bool()>& stop = {});
 
     const std::string& path() const { return path_; }

@@ -14,7 +14,7 @@ struct ImageName {
     std::string image;
 };
 
-/// Whether two names of one data selection are those of the same image.
+/// Whether two names in the same data selection name the same image.
 bool isSame(const ImageName& a, const ImageName& b);
 
 /// The name of this machine, which is the client unless the user names another one.

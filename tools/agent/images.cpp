@@ -22,7 +22,7 @@ bool isPattern(const std::string& text) {
     return text.find_first_of("*?") != std::string::npos;
 }
 
-/// As the server matches: `*` and `?` alone are special.
+/// Matches as the server does: only `*` and `?` are special.
 bool matches(const std::string& pattern, const std::string& text) {
     std::string escaped;
     for (const char c : pattern) {
@@ -108,7 +108,7 @@ std::vector<ImageSummary> summarize(tool::Session& session, const ImageName& pat
     const auto keyOf = [](const ImageName& n) { return Key{n.client, n.policy, n.image}; };
     const auto exact = [](const std::string& text) { return isPattern(text) ? "" : text; };
     std::map<Key, ImageSummary> known;
-    // The records first: the POs of a record that is seen here have all been set before.
+    // Fetch the records before the POs: all POs of an image are set before its record.
     for (ImageRecord& r : listImages(session, patterns.dataselection, exact(patterns.client),
                                      exact(patterns.policy))) {
         if (!matches(patterns.client, r.name.client) || !matches(patterns.policy, r.name.policy))

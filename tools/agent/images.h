@@ -1,4 +1,4 @@
-// kspool-agent images: the images that the server knows, and what is in them.
+// kspool-agent images: lists the images on the server, with their sizes.
 #ifndef TOOLS_AGENT_IMAGES_H
 #define TOOLS_AGENT_IMAGES_H
 
@@ -25,8 +25,8 @@ struct ImageSummary {
 /// Counts an entry of the image.
 void count(const FoundPO& found, ImageSummary& image);
 
-/// The images whose client and policy match the patterns, the oldest first. All their POs are asked
-/// for: the server counts them neither by image nor without their lines.
+/// The images whose client and policy match the patterns, the oldest first. Fetches all their POs,
+/// because the server cannot count POs by image.
 std::vector<ImageSummary> summarize(tool::Session& session, const ImageName& patterns);
 
 struct ImagesOptions {

@@ -1,7 +1,8 @@
-// The POs that wait to be sent, with the new segments that their files have.
+// The POs that wait to be sent, with the new segments of their files.
 //
-// Invariant: a segment enters the cache only after the server has confirmed a PO of a file that has
-// it. Otherwise a lost request would leave segments that are known here and recorded nowhere.
+// Invariant: a segment enters the cache only after the server has confirmed the PO of a file that
+// contains it. Otherwise a lost request would leave segments that count as known but are not
+// recorded anywhere.
 #ifndef TOOLS_AGENT_OUTBOX_H
 #define TOOLS_AGENT_OUTBOX_H
 
@@ -20,7 +21,7 @@
 
 namespace agent {
 
-/// Adds the time of its life to a sum.
+/// Adds its lifetime to a sum.
 class Stopwatch {
   public:
     explicit Stopwatch(double& sum);
@@ -38,17 +39,17 @@ std::vector<KSCacheKey> keysOf(const std::vector<Digest>& digests, uint32_t type
 class Outbox {
   public:
     /// Segments of confirmed files get `image`, a number of the facts, as their value. A dry run
-    /// sends nothing, and takes everything as confirmed.
+    /// sends nothing and treats everything as confirmed.
     Outbox(const RecordOptions& options, uint32_t fingerprintType, uint64_t image,
            tool::Session& session, BlockCache& cache, RecordResult& result);
 
-    /// True for the first of equal segments that wait.
+    /// Adds a segment to those that wait. False if it was among them.
     bool isNew(const Digest& digest) { return waiting_.insert(digest).second; }
 
-    /// Adds the PO of an entry. Throws Failure when the list is full and is not confirmed.
+    /// Adds the PO of an entry. A full list is sent; throws Failure if it is not confirmed.
     void add(const Record& record);
 
-    /// Sends what waits. Throws Failure.
+    /// Sends all waiting POs. Throws Failure.
     void send();
 
     const ImageSum& sum() const { return sum_; }

@@ -80,7 +80,7 @@ std::string_view wordAfter(std::string_view comment, std::string_view key) {
     return rest.substr(0, rest.find(' '));
 }
 
-/// The last key's text may look like other keys, so they are looked for before it.
+/// The text of the last key may look like other keys, so those are searched only before it.
 void readComment(std::string_view comment, Record& r) {
     const std::string_view lastKey = r.status.isLink() ? kTarget : kReadImage;
     const std::string_view words = comment.substr(0, comment.find(lastKey));

@@ -15,7 +15,7 @@ namespace agent {
 /// Bytes of lines of POs that are sent in one request.
 inline constexpr size_t kLongestList = size_t{1} << 20;
 
-/// How files are cut into segments, which are named by digests.
+/// How files are cut into segments and the segments hashed.
 struct Cut {
     std::string digest;  ///< name of the digest: "sha256"
     uint64_t segmentSize = 0;
@@ -23,12 +23,13 @@ struct Cut {
     bool operator==(const Cut&) const = default;
 };
 
-/// An entry as the server has it. A file that was not read again keeps what belongs to its reading.
+/// An entry as the server has it. A file that was not read again keeps the fields of its last
+/// reading.
 struct Record {
     std::string path;  ///< absolute
     FileStatus status;
     std::string digest;      ///< of a file: over the digests of its segments, hexadecimal
-    std::optional<Cut> cut;  ///< of a file; none: recorded by a program of another kind
+    std::optional<Cut> cut;  ///< of a file; nullopt: recorded by another program
     uint64_t segments = 0;
     uint64_t newSegments = 0;
     int64_t recordedAt = 0;  ///< seconds since 1970
@@ -38,7 +39,7 @@ struct Record {
     std::string target;      ///< of a symbolic link
 };
 
-/// A text as a field may hold it: `|`, `%` and control characters as %XX.
+/// Encodes a text for a field: `|`, `%` and control characters become %XX.
 std::string fieldText(const std::string& text);
 
 /// Undoes fieldText().
@@ -53,8 +54,8 @@ PlaceOfPath placeOf(const std::string& path);
 /// The line of an entry in an image, with its LF.
 std::string poLine(const ImageName& name, const Record& record);
 
-/// A line of an answer, without its LF. Fields that are missing, or of another program, are empty
-/// or 0.
+/// A parsed line of an answer. Fields that are missing, or that another program has written in
+/// another form, are empty or 0.
 struct FoundPO {
     ImageName name;
     Record record;

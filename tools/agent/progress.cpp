@@ -28,7 +28,7 @@ bool canErase() {
            std::string_view(terminal) != "dumb";
 }
 
-/// Asked for each line: the window may have been resized.
+/// Queried for each line, since the window may be resized.
 size_t terminalWidth() {
     winsize size{};
     const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
@@ -86,7 +86,7 @@ void Progress::complain(const std::string& text) {
 }
 
 void Progress::receive(uint32_t level, uint32_t status, const char* text, void* progress) {
-    // No allocation: the library may be reporting that memory has run out.
+    // Must not allocate: the library may be reporting that memory has run out.
     static_cast<Progress*>(progress)->clear();
     fprintf(stderr, "%s: ", OSGetProcName(0));
     if (level != QLX_LEVEL_TRACE) fprintf(stderr, "status %u: ", status);
@@ -103,7 +103,7 @@ bool Progress::isDue() {
     return true;
 }
 
-/// As much as fits: amounts, rate and time left, then a bar in what remains of the width.
+/// The line as far as it fits: amounts, rate and time left, then a bar in the remaining width.
 std::string Progress::line(size_t width) const {
     const auto done = static_cast<double>(done_);
     const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();

@@ -1,11 +1,11 @@
-// A progress line on stderr, which makes room for messages.
+// A progress line on stderr, which is erased before each message.
 //
-// Thread rule: one thread, which also makes the calls that the library reports on.
+// Thread rule: one thread, which also makes all calls of the library that may write messages.
 // Invariants:
-//  1. drawn_ tells whether the line is on the terminal. Whoever writes to stderr clears it first;
-//     otherwise the text would land inside the line.
-//  2. Nothing is drawn unless stderr is a terminal that can erase a line: a file of messages has no
-//     progress in it.
+//  1. drawn_ tells whether the line is on the terminal. Anything that writes to stderr clears the
+//     line first; otherwise the text would be appended to the line.
+//  2. Nothing is drawn unless stderr is a terminal that can erase a line, so that redirected
+//     messages contain no progress.
 //  3. The line is shorter than the terminal is wide, since a wrapped line cannot be erased.
 #ifndef TOOLS_AGENT_PROGRESS_H
 #define TOOLS_AGENT_PROGRESS_H
@@ -19,9 +19,9 @@ namespace agent {
 
 class Progress {
   public:
-    /// `totalBytes`: begin() is called with it. `takesMessages`: the library's messages come
-    /// through here. The library has one sink, so a program that has a Session, which takes them,
-    /// passes false.
+    /// `totalBytes`: begin() is called with it. `takesMessages`: installs a sink for the library's
+    /// messages. The library has only one sink, so a program with a Session, which installs its
+    /// own, passes false.
     explicit Progress(std::optional<uint64_t> totalBytes = {}, bool takesMessages = true);
     ~Progress();
     Progress(const Progress&) = delete;
@@ -30,14 +30,14 @@ class Progress {
     /// Shows how many files were found so far.
     void count(uint64_t files, uint64_t bytes);
 
-    /// Begins with the bytes that advance() will be told of. Before, and without, the amount that
-    /// is left is not known, and no share of it is shown.
+    /// Sets the total of the bytes that advance() will report. Until then the total is unknown, and
+    /// neither share nor time left is shown.
     void begin(uint64_t totalBytes);
 
-    /// Moves the bar; drawn a few times a second at most.
+    /// Adds bytes; redraws the line at most a few times per second.
     void advance(uint64_t bytes);
 
-    /// tool::complain(), beside the line.
+    /// tool::complain(), with the line cleared before.
     void complain(const std::string& text);
 
     /// Removes the line until it is drawn again.

@@ -60,14 +60,14 @@ struct Filter {
     Filter& operator=(const Filter&) = delete;
 };
 
-/// Takes a line, which the end of the text ends too, without its LF.
+/// Takes a line without its LF from the text. The end of the text also ends a line.
 std::string_view takeLine(std::string_view& text) {
     const std::string_view line = text.substr(0, text.find('\n'));
     text.remove_prefix(std::min(line.size() + 1, text.size()));
     return line;
 }
 
-/// Lines up to the end, or to an empty one, which is no PO.
+/// The number of lines before the end or an empty line, which is not a PO.
 uint64_t linesOf(std::string_view text) {
     uint64_t count = 0;
     for (; !text.empty() && text.front() != '\n'; ++count)
@@ -159,7 +159,7 @@ std::vector<ImageRecord> listImages(tool::Session& session, uint32_t dataselecti
         const uint32_t status =
             MBGetLastImages(s, dataselection, client.c_str(), policy.c_str(), -1, 0, &text);
         answer.reset(text);
-        // The status of an empty answer. A refusal is an event, which is another number.
+        // This status means an empty answer. A refusal would be an event, which has another number.
         return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;
     });
     std::vector<ImageRecord> images;
@@ -176,7 +176,7 @@ std::optional<Retention> retentionOf(tool::Session& session, const ImageName& na
         const uint32_t event =
             MBGetImageRetention(s, name.dataselection, name.client.c_str(), name.policy.c_str(),
                                 name.image.c_str(), info.get());
-        // The first one is the status of an empty answer.
+        // CR_STATUS_REMOTE_ERROR means an empty answer.
         known = event != CR_STATUS_REMOTE_ERROR && event != POOL_EVENT_NO_IMAGE;
         return known ? event : uint32_t{CR_STATUS_OK};
     });

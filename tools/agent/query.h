@@ -1,15 +1,15 @@
-// What the server knows: the POs of files, and the records of images.
+// Queries and changes on the server: the POs of files, and the records of images.
 //
-// Nothing here prints. Every function throws Failure when the server refuses or cannot be reached.
+// Nothing here prints. Every function throws Failure if the server refuses or cannot be reached.
 //
 // Thread rule: one thread, as for tool::Session.
 // Invariants:
-//  1. An answer with fewer POs than it announces is a failure and not a shorter list: whoever
-//     verifies or expires would take the missing POs for files that are not there. It is noticed
-//     before the first PO is visited.
-//  2. An image's record says that the image is complete: it is set after the last PO is confirmed,
-//     and deleted before the first PO is expired. POs without a record are of a run that goes on
-//     or has ended early.
+//  1. An answer with fewer POs than it announces is a failure and not a shorter list: otherwise
+//     verify and expire would take missing POs for missing files. The failure is detected before
+//     the first PO is visited.
+//  2. An image with a record is complete: the record is set after the last PO is confirmed, and
+//     deleted before the first PO is expired. POs without a record belong to a run that is still
+//     going on or has ended early.
 #ifndef TOOLS_AGENT_QUERY_H
 #define TOOLS_AGENT_QUERY_H
 
@@ -26,8 +26,9 @@
 
 namespace agent {
 
-/// The POs that are wanted. Texts are patterns, in which `*` is any text, slashes included, and `?`
-/// any character. A text that holds one of these as itself matches others too: see isSame().
+/// The POs to find. Texts are patterns, in which `*` matches any text, slashes included, and `?`
+/// any character. They cannot be escaped, so a name that contains one also matches other names: see
+/// isSame().
 struct Criteria {
     ImageName name;  ///< an empty image: any
     std::string folder = "*";
@@ -38,11 +39,11 @@ struct Criteria {
 using POVisitor = std::function<void(FoundPO&& found, std::string_view line)>;
 
 /// Visits the POs in the order of the answer: by folder, name, client, policy and image. `line` has
-/// no LF, and is valid during the visit. Returns their number. The answer is held in memory as a
-/// whole.
+/// no LF, and is valid during the visit. Returns the number of POs. The complete answer is kept in
+/// memory.
 uint64_t findPOs(tool::Session& session, const Criteria& criteria, const POVisitor& visit);
 
-/// The POs of one image, whose names are not taken as patterns.
+/// Visits the POs of one image; its names are not patterns.
 uint64_t findImage(tool::Session& session, const ImageName& name, const POVisitor& visit);
 
 /// The letter of a record's kind: f, d, l, or ? for any other.
@@ -60,8 +61,8 @@ struct ImageRecord {
     int32_t flags = 0;
 };
 
-/// The records of the images of a client and a policy, the newest first; an empty text is any. None
-/// is no failure; an unknown data selection is one, with ExitCode::kNothing.
+/// The records of the images of a client and a policy (empty: any), the newest first. Finding none
+/// is not a failure; an unknown data selection is one, with ExitCode::kNothing.
 std::vector<ImageRecord> listImages(tool::Session& session, uint32_t dataselection,
                                     const std::string& client, const std::string& policy);
 
@@ -72,7 +73,7 @@ struct Retention {
     int64_t setAt = 0;  ///< seconds since 1970
 };
 
-/// Nothing when none was set, or when the image has no record.
+/// nullopt if none was set, or if the image has no record.
 std::optional<Retention> retentionOf(tool::Session& session, const ImageName& name);
 
 /// Sets the record of an image: from then on it is complete.
@@ -81,8 +82,8 @@ void setImage(tool::Session& session, const ImageName& name, int64_t time);
 /// Deletes the record of an image, not its POs. False when there is none.
 bool deleteImage(tool::Session& session, const ImageName& name);
 
-/// Expires POs, given as their lines, each with its LF, in requests of bounded size. A failure
-/// leaves the POs of earlier requests expired.
+/// Expires POs, given as lines that end with LF, in requests of bounded size. A failure does not
+/// undo earlier requests.
 void expirePOs(tool::Session& session, uint32_t dataselection, std::string_view lines);
 
 }  // namespace agent

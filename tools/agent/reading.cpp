@@ -27,7 +27,7 @@ struct Result {
     std::vector<ReadFile> files;
     bool isPiece = false;
     bool isLast = false;   ///< of the pieces of its file
-    bool isWhole = false;  ///< the piece has as many bytes as it was to have
+    bool isWhole = false;  ///< the piece has its full length
 };
 
 /// Carries out tasks, for one thread.
@@ -36,7 +36,7 @@ class Reader {
     explicit Reader(const ReadOptions& options)
         : cutter_(*options.digest, options.segmentSizes), block_(kBlock) {}
 
-    /// `ended` is asked between blocks; after true the result is not complete.
+    /// `ended` is called between blocks; if it returns true, the result is incomplete.
     template <typename Ended>
     Result run(const Task& task, const std::vector<const Entry*>& files, const Ended& ended) {
         Result result;
@@ -75,7 +75,7 @@ class Reader {
             if (got <= 0) break;
             result.bytes += static_cast<uint64_t>(got);
             if (!cutter_.add(block_.data(), static_cast<size_t>(got))) return failed(result);
-            if (static_cast<size_t>(got) < part) break;  // it has become shorter
+            if (static_cast<size_t>(got) < part) break;  // the file was truncated
         }
         auto digests = cutter_.finish();
         if (!digests) return failed(result);
@@ -83,8 +83,8 @@ class Reader {
         return result;
     }
 
-    /// Less than `length` bytes only at the end of the file. Negative, with errno set, when reading
-    /// fails.
+    /// Reads `length` bytes, or fewer at the end of the file. Returns the number read, or a
+    /// negative value with errno set.
     ssize_t fill(int fd, size_t length, off_t offset) {
         size_t filled = 0;
         while (filled < length) {
@@ -107,8 +107,8 @@ class Reader {
     std::vector<unsigned char> block_;
 };
 
-/// The tasks that threads carry out, and their results in the order of the tasks. A result waits in
-/// the slot of its number, modulo the number of slots.
+/// The tasks for the threads, and their results in the order of the tasks. A result waits in the
+/// slot of its number, modulo the number of slots.
 class Queue {
   public:
     Queue(Plan& plan, size_t slots) : plan_(plan), slots_(slots) {}
@@ -138,7 +138,8 @@ class Queue {
         resultThere_.notify_one();
     }
 
-    /// Nothing at the end and when `stop` says so. Throws what a thread threw.
+    /// The next result; nullopt at the end, and once `stop` returns true. Rethrows the exception of
+    /// a thread.
     std::optional<Result> take(const std::function<bool()>& stop) {
         std::unique_lock lock(mutex_);
         std::optional<Result>& slot = slots_[taken_ % slots_.size()];
@@ -178,14 +179,14 @@ class Queue {
     std::atomic<bool> ended_{false};
 };
 
-/// Hands files over, after joining the pieces of one.
+/// Passes files to `take`, with the pieces of large ones joined.
 class Consumer {
   public:
     Consumer(const ReadOptions& options, const std::function<void(ReadFile&&)>& take,
              const std::function<bool()>& stop)
         : options_(options), take_(take), stop_(stop) {}
 
-    /// False when no further file is wanted.
+    /// False once no further file is wanted.
     bool consume(Result&& result) {
         for (const ReadFile& part : result.files)
             if (options_.advance) options_.advance(part.bytes);
@@ -202,7 +203,8 @@ class Consumer {
     }
 
   private:
-    /// Pieces that come after a gap are dropped: their digests would be taken for earlier ones.
+    /// Drops pieces after a gap: otherwise their digests would be taken for those of earlier
+    /// segments.
     void join(Result& result) {
         ReadFile& piece = result.files.front();
         if (!joined_) {
@@ -231,7 +233,8 @@ size_t usableCores() {
                  : std::max(1U, std::thread::hardware_concurrency());
 }
 
-/// Threads that carry out the tasks of a queue; ends the queue and the threads at the end.
+/// Threads that carry out the tasks of a queue; the destructor ends the queue and joins the
+/// threads.
 class Crew {
   public:
     Crew(Queue& queue, const std::vector<const Entry*>& files) : queue_(queue), files_(files) {}
@@ -243,14 +246,14 @@ class Crew {
             thread.join();
     }
 
-    /// Starts a thread for each reader, or as many as the system allows. False for none.
+    /// Starts a thread for each reader, or as many as the system allows. False if it allows none.
     bool start(std::vector<Reader>& readers) {
         threads_.reserve(readers.size());
         try {
             for (Reader& reader : readers)
                 threads_.emplace_back([this, &reader] { work(reader); });
         } catch (const std::system_error&) {
-            // The threads that there are do the work.
+            // Work with the threads that were started.
         }
         return !threads_.empty();
     }

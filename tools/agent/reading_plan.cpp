@@ -36,7 +36,7 @@ OpenFile::OpenFile(const std::string& path) : readAt(time(nullptr)) {
         return;
     }
     status = statusOf(found);
-    // Asked again, since the file may have been replaced after the walk met it.
+    // Checked again, since the file may have been replaced after the walk.
     if (!status.isFile()) problem = "is no regular file any more";
 }
 

@@ -1,4 +1,4 @@
-// How the files of a list are dealt out to threads: some small ones at a time, a large one in
+// How the files of a list are distributed to threads: several small ones per task, a large one in
 // pieces.
 //
 // Thread rule: a Plan is used by one thread at a time. A SharedFile may be used by all.
@@ -29,7 +29,7 @@ struct OpenFile {
     std::optional<std::string> problem;
 };
 
-/// A file that is read in pieces. The thread that needs it first opens it.
+/// A file that is read in pieces. The first thread that needs the file opens it.
 class SharedFile {
   public:
     const OpenFile& opened(const std::string& path) {
@@ -53,8 +53,8 @@ struct Task {
     uint64_t length = kToEnd;
 };
 
-/// Cuts the list into tasks, in its order. Each piece of a file but the last is a multiple of all
-/// segment sizes; when they have none that is small enough, no file is read in pieces.
+/// Cuts the list into tasks, in its order. The length of each piece but the last is a multiple of
+/// all segment sizes; if no common multiple is small enough, no file is read in pieces.
 class Plan {
   public:
     Plan(const std::vector<const Entry*>& files, const std::vector<uint64_t>& segmentSizes);

@@ -35,7 +35,7 @@ namespace {
 using tool::ExitCode;
 using tool::Interrupts;
 
-/// The name of a run, which no other run has.
+/// A unique name for a run.
 std::string newRun() {
     std::random_device random;
     std::array<char, 17> text{};
@@ -115,7 +115,7 @@ void Recording::skip(const std::string& path, const std::string& problem) {
     progress_.complain(tool::printable(path) + ": " + problem);
 }
 
-/// Loads the cache, unless it does not match its facts.
+/// Loads the cache. A cache that does not match its facts is not used.
 void Recording::openCache(uint64_t segments) {
     const Stopwatch watch(result_.cacheSeconds);
     const uint64_t entries = std::max(segments, file_.entries());
@@ -140,7 +140,7 @@ void Recording::openCache(uint64_t segments) {
     tool::complain("note: " + options_.cacheFile + " is not used: " + *why);
 }
 
-/// Forgets an earlier recording of this name, before the server is changed.
+/// Removes an earlier recording of this name from the facts, before the server is changed.
 void Recording::untie() {
     image_.name = options_.name;
     image_.number = facts_.next++;
@@ -203,7 +203,7 @@ void Recording::recordUnread(const Entry& entry, std::string path, const Earlier
     outbox_->add(record);
 }
 
-/// Records what need not be read, and lists the files that must be.
+/// Records entries that need not be read, and lists the files that must be read.
 void Recording::sort(const Tree& tree, std::vector<const Entry*>& toRead) {
     for (const Entry& entry : tree.entries) {
         if (Interrupts::asked()) return;
@@ -222,7 +222,7 @@ void Recording::sort(const Tree& tree, std::vector<const Entry*>& toRead) {
     }
 }
 
-/// Asks the cache for the segments of a file that was read, and records the file.
+/// Looks up the segments of a file that was read, and records the file.
 void Recording::take(ReadFile&& file) {
     if (options_.session.verbose) progress_.clear();  // messages about requests follow
     if (file.problem) return skip(file.entry->path, *file.problem);
@@ -259,7 +259,7 @@ void Recording::take(ReadFile&& file) {
     outbox_->add(record);
 }
 
-/// The images that hold the known segments which this run met.
+/// The images on which this run relies: those of the known segments and of the unread files.
 std::set<uint64_t> Recording::metImages() {
     std::set<uint64_t> numbers = cache_->metValues();
     numbers.erase(image_.number);
@@ -284,7 +284,7 @@ void Recording::finish(tool::Steps& steps) {
     result_.cacheSaved = steps.run([&] { saveCache(); });
 }
 
-/// Replaces both files, the facts first. Facts of images without a record go.
+/// Replaces both files, the facts first. Removes the facts of images without a record.
 void Recording::saveCache() {
     cache_->makeRoom();
     cache_->tieMet(image_.number);
@@ -331,7 +331,7 @@ void Recording::run(tool::Steps& steps) {
     if (Interrupts::asked()) return;
     if (tree.entries.empty()) throw tool::Failure(ExitCode::kUsage, "there is nothing to record");
     openCache(tree.bytes / cut_.segmentSize + tree.files);
-    if (Interrupts::asked()) return;  // before anything is changed
+    if (Interrupts::asked()) return;  // nothing was changed so far
     untie();
     dropDead();
     outbox_.emplace(options_, kind_.fingerprintType, image_.number, session_, *cache_, result_);

@@ -1,5 +1,5 @@
-// kspool-agent record: records files by POs on the pool's server, one image a run. The cache tells
-// how much of their data is new. No data is moved.
+// kspool-agent record: records files as POs on the pool's server, one image per run. The cache
+// shows how much of their data is new. No data is transferred.
 //
 // The order of a run, so that no later run calls anything known that is not in a live image:
 //  1. The cache file is held, and its facts are read: another server or data selection is refused.

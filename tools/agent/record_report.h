@@ -15,7 +15,7 @@ namespace agent {
 enum class Outcome { kNo, kUnknown, kYes };
 
 struct RecordResult {
-    uint64_t files = 0;    ///< regular files, read to their ends or not read again
+    uint64_t files = 0;    ///< regular files, read completely or not read again
     uint64_t unread = 0;   ///< of these, not read again
     uint64_t folders = 0;  ///< and symbolic links
     uint64_t links = 0;

@@ -24,12 +24,12 @@ namespace {
 
 using tool::ExitCode;
 
-constexpr size_t kFilesOfChunk = 20'000;            // that are listed at once when not counted
-constexpr uint64_t kUncounted = uint64_t{1} << 20;  // entries that a cache is then made for
+constexpr size_t kFilesOfChunk = 20'000;            // files listed at once without counting first
+constexpr uint64_t kUncounted = uint64_t{1} << 20;  // entries to expect without counting first
 constexpr size_t kSegmentsOfBatch = 512;
 
-/// One run of scan(). Files are asked of the caches some at a time: reading the clock around each
-/// single lookup would take longer than the lookup.
+/// One run of scan(). The segments of several files are looked up together: reading the clock
+/// around each lookup would take longer than the lookup.
 class Scan {
   public:
     Scan(const ScanOptions& options, const HeldFile* file)
@@ -67,7 +67,7 @@ class Scan {
         read(tree);
     }
 
-    /// Lists some files and reads them, in turn, so that the list takes little memory.
+    /// Lists and reads files in chunks, so that the list takes little memory.
     void scanUncounted() {
         for (const uint64_t size : options_.sizes())
             makeCache(size, kUncounted);
@@ -130,7 +130,7 @@ class Scan {
         pendingSegments_ = 0;
     }
 
-    /// Asks for the segments of one size. The first size tells the findings.
+    /// Looks up the segments of one size. The findings are those of the first size.
     void ask(const ReadFile& file, size_t sizeIndex, uint32_t number) {
         SizeResult& size = result_.sizes[sizeIndex];
         Findings* findings = findings_ && sizeIndex == 0 ? &*findings_ : nullptr;
@@ -187,7 +187,7 @@ ExitCode codeFor(const ScanResult& result) {
     return whole ? ExitCode::kOk : ExitCode::kPartial;
 }
 
-/// The failures say what the library's messages do.
+/// Silences the library's messages, which say the same as the Failure.
 void hold(std::optional<HeldFile>& file, const std::string& path) {
     const tool::Messages unheard(/*shown=*/false);
     file.emplace(path);

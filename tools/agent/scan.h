@@ -1,4 +1,4 @@
-// kspool-agent scan: measures with a cache how much data of some trees is repeated.
+// kspool-agent scan: measures by a cache how much data of some trees is repeated.
 #ifndef TOOLS_AGENT_SCAN_H
 #define TOOLS_AGENT_SCAN_H
 
@@ -32,8 +32,8 @@ struct ScanOptions {
     }
 };
 
-/// Scans and reports: kOk, or kPartial when something was skipped or not cached, or the scan was
-/// interrupted. Throws Failure.
+/// Scans and reports. Returns kOk, or kPartial if something was skipped or not cached, or the scan
+/// was interrupted. Throws Failure.
 tool::ExitCode scan(ScanOptions options);
 
 }  // namespace agent

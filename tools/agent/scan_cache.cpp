@@ -23,7 +23,7 @@ uint64_t upperHalf(uint64_t number) {
     return kMark << kMarkShift | (number & kNumberMask);
 }
 
-/// What the entries of a loaded file say about their scans.
+/// What the values in a loaded file say about earlier scans.
 struct Origins {
     uint64_t newest = 0;
     bool foreign = false;

@@ -1,14 +1,13 @@
-// The cache of a scan, and the file that it may be kept in.
+// The cache of a scan, and its optional file.
 //
 // Thread rule: one thread at a time per cache, as for KSCache.
 // Invariants:
-//  1. The value of an entry is a mark of scans in the top 8 bits, the number of the scan in the
-//  next
-//     24, and the number of the file that the segment was met in first. So a file of an earlier
-//     scan is never taken for one of this scan, and a cache file whose entries were made by
-//     something else is refused: a scan says nothing about what is recorded anywhere.
-//  2. A cache at its limit takes no more entries. KSCacheCheck() would not do: it forgets entries,
-//     whose repeats would then count as unique, while segments that are not cached are reported.
+//  1. The value of an entry consists of a mark of scans (the top 8 bits), the number of the scan
+//     (the next 24) and the number of the file in which the segment was found first. So a file of
+//     an earlier scan is never taken for one of this scan, and a cache file that was not made by
+//     scans is refused.
+//  2. A cache at its limit accepts no more entries; segments that are not cached are reported.
+//     KSCacheCheck() cannot be used: repeats of the entries that it drops would count as unique.
 //  3. The file is held from before it is loaded until it is replaced.
 #ifndef TOOLS_AGENT_SCAN_CACHE_H
 #define TOOLS_AGENT_SCAN_CACHE_H
@@ -31,8 +30,8 @@ class ScanCache {
     /// Loads the file of earlier scans, if there is one. Throws Failure.
     void load(const HeldFile& file);
 
-    /// What is known of a segment of a file, which is remembered. `source` receives the number of
-    /// the file that has the first copy, for kSameFile and kOtherFile.
+    /// Looks up a segment of a file, and adds it if it is new. For kSameFile and kOtherFile,
+    /// `source` receives the number of the file with the first copy.
     Fate ask(const Digest& digest, uint32_t file, uint32_t& source);
 
     KSCache* get() const { return cache_.get(); }

@@ -8,8 +8,8 @@ namespace {
 
 constexpr size_t kLongestType = 12;
 
-/// The last extension of a name in lower case, with its dot. "-" for none, as of names that only
-/// begin with a dot.
+/// The last extension of a name in lower case, with its dot; "-" if there is none. A dot at the
+/// start of the name does not count.
 std::string typeOf(const std::string& path) {
     const size_t name = path.rfind('/') + 1;  // npos + 1 is 0
     const size_t dot = path.rfind('.');

@@ -1,4 +1,4 @@
-// Where the repeated data of a scan is: by folder, by type of file, and by first copy.
+// Where a scan found repeated data: by folder, by type of file, and by first copy.
 //
 // Thread rule: one thread.
 #ifndef TOOLS_AGENT_SCAN_FINDINGS_H
@@ -26,7 +26,7 @@ struct Share {
 struct FirstCopy {
     std::string path;
     uint64_t again = 0;     ///< bytes of all later copies
-    uint32_t files = 0;     ///< that have them
+    uint32_t files = 0;     ///< files with copies
     uint32_t lastFile = 0;  ///< the last of these, counted from 1
 };
 
@@ -34,16 +34,16 @@ class Findings {
   public:
     explicit Findings(const WalkOptions& options) : topFolders_(options) {}
 
-    /// The next file. Files are numbered as they come, from 0.
+    /// Begins the next file. Files are numbered in this order, from 0.
     void addFile(const std::string& path);
 
-    /// Some bytes of the last file that addFile() was told of.
+    /// Adds bytes of the current file.
     void addData(uint64_t bytes, bool repeated);
 
-    /// Bytes of the last file, whose first copy is in the file of the number `source`.
+    /// Adds bytes of the current file whose first copy is in file number `source`.
     void addCopy(uint32_t source, uint64_t bytes);
 
-    /// The largest, and the sum of the others, whose name is empty.
+    /// The largest folders, then the sum of all others under an empty name.
     std::vector<Share> folders(size_t most) const { return largest(folders_, most); }
     std::vector<Share> types(size_t most) const { return largest(types_, most); }
     std::vector<FirstCopy> copies(size_t most) const;

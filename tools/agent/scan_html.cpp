@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kMostRows = 12;
 
-/// A text as part of the page: names of files may hold anything.
+/// Escapes a text for HTML: names of files may contain any character.
 std::string escaped(const std::string& text) {
     std::string safe;
     for (const char c : tool::printable(text)) {
@@ -126,7 +126,7 @@ Section ofShares(const Section& head, const std::vector<Share>& shares) {
                  {"repeated", ratio(share.repeated, most)}},
                 {tool::humanCount(share.files), tool::humanBytes(share.bytes),
                  number("%.1f %%", 100 * ratio(share.repeated, share.bytes))}};
-        if (share.name.empty()) {  // a sum of many, which would dwarf each of the others
+        if (share.name.empty()) {  // the sum of all others, whose bar would dwarf the rest
             row.name = "<i>all others</i>";
             row.parts.clear();
         }

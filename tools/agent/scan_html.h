@@ -11,7 +11,7 @@
 
 namespace agent {
 
-/// The text of scan_page.html, with {{name}} where something is to be filled in.
+/// The text of scan_page.html, with {{name}} as placeholders.
 extern const std::string_view kScanPage;
 
 std::string scanPage(const ScanOptions& options, const ScanResult& result,

@@ -17,9 +17,8 @@ constexpr char kScanFooter[] =
 
 constexpr uint32_t kLargestLimit = 1U << 20;
 
-/// Segment sizes in the order of their values, each once. CLI11 finds options by name in functions
-/// that may not throw, and ends the program when memory runs out there: what an option excludes is
-/// given as a pointer.
+/// --compare: segment sizes, sorted, each once. Excluded options are passed by pointer: CLI11 looks
+/// up names in noexcept functions, which would end the program when memory runs out.
 CLI::Option* addCompare(CLI::App& scan, ScanOptions& options, CLI::Option* segment) {
     return scan
         .add_option("--compare", options.compare, "Compare segment sizes: 16KiB,128KiB,1MiB")

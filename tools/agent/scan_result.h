@@ -27,11 +27,11 @@ struct Amount {
 };
 
 enum class Fate : size_t {
-    kUnique,     ///< met for the first time, and cached
+    kUnique,     ///< found for the first time, and cached
     kSameFile,   ///< a repeat whose first copy is in the same file
-    kOtherFile,  ///< a repeat whose first copy is in another one
+    kOtherFile,  ///< a repeat whose first copy is in another file
     kEarlier,    ///< known from an earlier scan
-    kUncached,   ///< not known, and the cache could not take it
+    kUncached,   ///< not known, and could not be added
     kCount
 };
 
@@ -56,21 +56,21 @@ struct SizeResult {
             sum += amount;
         return sum;
     }
-    /// Data for each byte that has to be stored; 0 when nothing has to be.
+    /// Bytes of data per byte that must be stored; 0 if nothing must be stored.
     double dedupRatio() const;
     uint64_t rootBytes() const { return (uint64_t{1} << cache.bits) * sizeof(void*); }
     uint64_t cacheBytes() const { return cache.cacheSize + rootBytes(); }
 };
 
 struct ScanResult {
-    uint64_t files = 0;    ///< read to their ends
-    uint64_t skipped = 0;  ///< files and folders that could not be read, or not wholly
+    uint64_t files = 0;    ///< files read completely
+    uint64_t skipped = 0;  ///< files and folders that could not be read completely
     bool interrupted = false;
     double seconds = 0;
     std::vector<SizeResult> sizes;
 };
 
-/// 0 for nothing of nothing.
+/// part / whole, and 0 for 0 / 0.
 inline double ratio(double part, double whole) {
     return whole > 0 ? part / whole : 0;
 }

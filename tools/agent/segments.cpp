@@ -106,7 +106,7 @@ Cutter::~Cutter() = default;
 Cutter::Cutter(Cutter&&) noexcept = default;
 
 void Cutter::begin(uint64_t length) {
-    // All sizes that take the data as one segment give the same digest: one of them computes it.
+    // All sizes for which the data are one segment give the same digest: compute it only once.
     size_t whole = cuts_.size();
     for (size_t i = 0; i < cuts_.size(); ++i) {
         const bool takesWhole = cuts_[i].size >= length;

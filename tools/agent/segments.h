@@ -12,13 +12,13 @@
 
 namespace agent {
 
-/// Shorter digests are followed by zeros.
+/// Shorter digests are padded with zeros.
 using Digest = std::array<uint8_t, 32>;
 
 /// A digest algorithm by its command-line name, with the fingerprint type it makes.
 struct DigestKind {
     const char* name;      ///< "sha256"
-    const char* provided;  ///< the name that the crypto library knows it by
+    const char* provided;  ///< its name in the crypto library
     uint32_t fingerprintType;
     uint32_t size;  ///< bytes that count: SHA-1 is cut to 16
 };
@@ -43,7 +43,7 @@ class Cutter {
     Cutter(Cutter&&) noexcept;
     Cutter& operator=(Cutter&&) = delete;
 
-    /// Begins with new data, of which at most `length` bytes will come.
+    /// Starts new data of at most `length` bytes.
     void begin(uint64_t length);
 
     /// False when the crypto library fails.

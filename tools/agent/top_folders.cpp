@@ -5,12 +5,12 @@
 namespace agent {
 namespace {
 
-/// Entries of a walk do not repeat slashes at the end of a named path.
+/// Removes slashes at the end, since the paths of a walk do not have those of a named path.
 std::string withoutSlashes(const std::string& path) {
     return path.substr(0, std::max<size_t>(path.find_last_not_of('/') + 1, 1));
 }
 
-/// "." for a name alone, "/" for a name directly below the root.
+/// The folder of a path: "." for a bare name, "/" for an entry of the root.
 std::string above(const std::string& path) {
     const size_t slash = path.rfind('/');
     if (slash == std::string::npos) return ".";

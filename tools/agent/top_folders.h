@@ -13,8 +13,8 @@ class TopFolders {
   public:
     explicit TopFolders(const WalkOptions& options);
 
-    /// For a file that a walk met: the folder one level below the nearest named path, or that path
-    /// itself for the files in it. The folder of a file that is named itself.
+    /// For a file of a walk: the folder one level below the nearest named path, or that path itself
+    /// if the file is directly in it. For a file that is named itself: its folder.
     std::string of(const std::string& file) const;
 
   private:

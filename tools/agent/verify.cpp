@@ -28,7 +28,7 @@ using tool::ExitCode;
 using tool::Failure;
 using tool::Interrupts;
 
-/// What is recorded of an entry. Smaller than a Record, since all of an image are kept.
+/// The recorded data of an entry. Smaller than a Record, since those of a complete image are kept.
 struct Expected {
     Entry entry;
     std::string digest;
@@ -68,7 +68,7 @@ class Comparison {
         if (tops_.empty()) tops_.push_back({"/", "/"});
     }
 
-    /// Notes a record, unless it lies outside the paths that the user named.
+    /// Stores a record, unless it is outside the paths that the user named.
     void expect(FoundPO&& found) {
         Record& r = found.record;
         if (!isWanted(r.path)) return;
@@ -79,7 +79,7 @@ class Comparison {
         expected_.push_back(std::move(one));
     }
 
-    /// Compares all. Ends early, with `interrupted` set, when a signal has come.
+    /// Compares everything. A signal ends it early and sets `interrupted`.
     void run() {
         for (const Expected& one : expected_)
             known_.insert(one.entry.path);
@@ -133,7 +133,7 @@ class Comparison {
         return false;
     }
 
-    /// A path that the user named, and of which nothing is recorded, is new or a mistake.
+    /// Handles a path that the user named: without any record it is new, or a mistake.
     void checkTop(const std::string& top) {
         struct stat status {};
         if (std::any_of(expected_.begin(), expected_.end(),
@@ -184,7 +184,7 @@ class Comparison {
             std::to_string(now) + " bytes, not " + std::to_string(one.entry.status.size));
     }
 
-    /// Looks for entries of a folder that no record has. Only what record records can be new.
+    /// Looks for entries of a folder that are not recorded. Kinds that record ignores are not new.
     void lookForNew(const std::string& folder, dev_t device) {
         struct stat parent {};
         const std::string above = placeOf(folder).folder;
@@ -247,7 +247,7 @@ class Comparison {
     uint64_t bytesToRead_ = 0;
 };
 
-/// The record of the image. Without one there may be POs, which are no image to be verified.
+/// The record of the image. POs without a record are not a complete image, and are not verified.
 ImageRecord recordOf(tool::Session& session, const ImageName& n) {
     for (ImageRecord& r : listImages(session, n.dataselection, n.client, n.policy))
         if (r.name.image == n.image) return std::move(r);

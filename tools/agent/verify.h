@@ -1,8 +1,8 @@
 // kspool-agent verify: compares local entries with the records of an image.
 //
 // Contents, kinds and the targets of symbolic links are compared; owners, modes and times are not.
-// A file whose size differs is not read. Entries that are not recorded are looked for in folders
-// that are recorded, and not below entries that are new themselves.
+// A file whose size differs is not read. New entries are searched in recorded folders, but not
+// below new folders.
 #ifndef TOOLS_AGENT_VERIFY_H
 #define TOOLS_AGENT_VERIFY_H
 
@@ -19,16 +19,16 @@ namespace agent {
 struct VerifyOptions {
     tool::SessionOptions session;
     ImageName name;
-    std::vector<std::string> paths;    ///< what lies at and below them; none: all that is recorded
+    std::vector<std::string> paths;    ///< each with all below it; empty: everything recorded
     std::vector<std::string> exclude;  ///< patterns, see isExcluded() of walk.h
     bool oneFileSystem = false;        ///< look for new entries in no other file system
     uint32_t jobs = 0;                 ///< threads that read; 0: one for each core
     bool json = false;
 };
 
-/// Compares and reports: kDiffers when an entry differs, else kPartial when one could not be
-/// compared. Throws Failure with kNothing when the image has no record: it is then unknown, or
-/// incomplete, which the text says.
+/// Compares and reports. Returns kDiffers if an entry differs, else kPartial if one could not be
+/// compared, else kOk. Throws Failure with kNothing if the image has no record; the text says
+/// whether the image is unknown or incomplete.
 tool::ExitCode verify(const VerifyOptions& options);
 
 }  // namespace agent

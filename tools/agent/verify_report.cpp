@@ -31,7 +31,7 @@ const CountRow& rowOf(Finding finding) {
 
 void printText(const VerifyResult& result) {
     for (const Difference& d : result.differences) {
-        if (d.finding == Finding::kNotCompared) continue;  // told on stderr
+        if (d.finding == Finding::kNotCompared) continue;  // reported on stderr
         printf("%-7s  %s%s\n", rowOf(d.finding).word, tool::printable(d.path).c_str(),
                d.detail.empty() ? "" : (": " + tool::printable(d.detail)).c_str());
     }

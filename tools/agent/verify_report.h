@@ -27,12 +27,12 @@ struct VerifyResult {
     uint64_t notCompared = 0;
     uint64_t bytes = 0;  ///< that were read
     bool interrupted = false;
-    std::vector<Difference> differences;  ///< all but what is the same
+    std::vector<Difference> differences;  ///< all findings except "same"
 
     void add(Difference&& difference);
 };
 
-/// Prints the differences in the order of their paths, and the numbers.
+/// Prints the differences, sorted by path, and the totals.
 void printVerify(VerifyResult& result, bool json);
 
 }  // namespace agent

@@ -27,7 +27,7 @@ int byName(const FTSENT** left, const FTSENT** right) {
     return strcmp((*left)->fts_name, (*right)->fts_name);
 }
 
-/// Whether the walk of the parent folder cannot have met the file system of this entry.
+/// Whether the entry is a root, or on another file system than its parent folder.
 bool entersFileSystem(const FTSENT& entry) {
     return entry.fts_level == FTS_ROOTLEVEL ||
            entry.fts_statp->st_dev != entry.fts_parent->fts_statp->st_dev;
@@ -60,8 +60,8 @@ struct Root {
 
 }  // namespace
 
-/// Roots inside other roots come last: they are walked only when no walk has reached them, since a
-/// pattern excludes them there or they lie on another file system.
+/// Roots inside other roots come last. They are walked only if no other walk has reached them,
+/// which happens if a pattern excludes them there or they are on another file system.
 struct Walker::State {
     State(const WalkOptions& walkOptions, ProblemVisitor visitor);
 
@@ -125,7 +125,7 @@ bool Walker::State::passesOver(const FTSENT& entry) {
     const std::string absolute = root().absoluteOf(entry);
     if (!named && isExcluded(options.exclude, entry.fts_path, absolute)) return true;
     if (inner.count(absolute) == 0) return false;
-    // fts would list the folder and not enter it.
+    // fts would list the folder without entering it.
     if (!named && options.oneFileSystem && entersFileSystem(entry)) return true;
     return !reached.insert(absolute).second;
 }
@@ -161,7 +161,7 @@ std::optional<Entry> Walker::State::visit(FTSENT& entry) {
         case FTS_DC:
             problem(entry.fts_path, "folder contains itself");
             return {};
-        default:  // folders on the way out, devices, pipes, sockets
+        default:  // folders in post-order, devices, pipes, sockets
             return {};
     }
 }

@@ -15,14 +15,14 @@ namespace agent {
 
 struct WalkOptions {
     std::vector<std::string> paths;    ///< files and folders that the command line names
-    std::vector<std::string> listed;   ///< those that a list names; problems of them are met later
+    std::vector<std::string> listed;   ///< those in the list; not checked before the walk
     std::string listFile;              ///< where `listed` comes from: "-" for standard input
     bool nullSeparated = false;        ///< paths in the list end with NUL, not with a line end
     std::vector<std::string> exclude;  ///< patterns, see isExcluded()
     bool oneFileSystem = false;
 };
 
-/// Told of a file or folder that cannot be walked, or not wholly.
+/// Called for a file or folder that cannot be walked completely.
 using ProblemVisitor = std::function<void(const std::string& path, const std::string& problem)>;
 
 /// The entries of some trees: a folder comes before its entries, which are in the order of names.
@@ -34,10 +34,10 @@ struct Tree {
     void add(Entry&& entry);
 };
 
-/// Lists the regular files, folders and symbolic links below the paths, one after the other.
-/// Symbolic links are listed and not followed. A path that is reached from two of the named paths
-/// is listed once; two hard links are two paths. An excluded folder is not entered. The kernel's
-/// own file systems are passed over; one that is named is a problem.
+/// Lists the regular files, folders and symbolic links below the paths, one per call. Symbolic
+/// links are listed and not followed. A path that is reached from two of the named paths is listed
+/// once; two hard links are two paths. Excluded folders are not entered. The kernel's own file
+/// systems are skipped; one that is named is reported as a problem.
 class Walker {
   public:
     Walker(const WalkOptions& options, ProblemVisitor problem);
@@ -53,23 +53,22 @@ class Walker {
     std::unique_ptr<State> state_;
 };
 
-/// All entries of the trees. `stop` is asked now and then: the list ends when it says so. `counted`
-/// may be empty; it is told of the list so far, as often.
+/// All entries of the trees. `stop` is called from time to time; the list ends once it returns
+/// true. `counted`, which may be empty, is called as often with the list so far.
 Tree walk(const WalkOptions& options, const ProblemVisitor& problem,
           const std::function<bool()>& stop, const std::function<void(const Tree&)>& counted = {});
 
-/// Whether a path is in a file system of the kernel's own, as /proc. Files there look regular, but
-/// some of them never end.
+/// Whether a path is in a file system of the kernel's own, such as /proc, whose files look regular
+/// although some never end.
 bool belongsToKernel(const char* path);
 
-/// Whether a pattern of fnmatch(3) matches, where `*` matches slashes as well: a pattern without a
-/// slash the last name of the path, one that begins with a slash the absolute path, any other the
-/// path as it is listed.
+/// Whether a pattern of fnmatch(3) matches; `*` matches slashes as well. A pattern without a slash
+/// is compared with the last name of the path, one that begins with a slash with the absolute path,
+/// any other with the path as it is listed.
 bool isExcluded(const std::vector<std::string>& patterns, const std::string& path,
                 const std::string& absolute);
 
-/// kOk when all paths that a user named can be walked, else kUsage: each of the others has then
-/// been complained of.
+/// kOk if all paths that a user named can be walked, else kUsage after reporting each that cannot.
 tool::ExitCode checkPaths(const std::vector<std::string>& paths);
 
 }  // namespace agent

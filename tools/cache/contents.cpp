@@ -27,8 +27,8 @@ struct Walk {
     std::exception_ptr failure;
 };
 
-/// Keeps an exception until the walk has ended: none may pass through the C functions of the
-/// library.
+/// Stores an exception until the walk has ended, since none may pass through the library's C
+/// functions.
 int visitNode(KSCache* /*cache*/, KSCacheNode* node, uint64_t /*value*/, int /*reserved*/,
               void* arg) {
     auto* walk = static_cast<Walk*>(arg);
@@ -57,8 +57,8 @@ Loaded load(const FileReport& file, const tool::CacheSettings& settings) {
     if (status != CR_STATUS_OK) throw Failure(file.name + ": " + CRStatusToStringA(status));
     if (count != file.records) throw Failure(file.name + ": changed while it was read");
     loaded.stats = statsOf(loaded.cache.get());
-    // Each record becomes an entry or a hit on one. A record that found no memory is neither, and
-    // the library does not report it otherwise.
+    // Each record becomes an entry or a hit, unless memory is short; the library does not report
+    // that otherwise.
     if (loaded.stats.cachedItems + loaded.stats.hits != count)
         throw Failure(file.name + ": not enough memory for its entries");
     return loaded;

@@ -1,4 +1,4 @@
-// The entries of a cache file, by loading it into a cache.
+// The entries of a cache file, read by loading it into a cache.
 #ifndef TOOLS_CACHE_CONTENTS_H
 #define TOOLS_CACHE_CONTENTS_H
 
@@ -16,7 +16,7 @@ using tool::CachePointer;
 /// Pages for a number of entries. The first slot of a page is its header.
 uint64_t pagesFor(uint64_t entries, uint64_t pageSlots);
 
-/// Slots of a page as the library rounds them.
+/// The area size as the library rounds it.
 uint32_t roundedArea(uint32_t areaSize);
 
 struct Loaded {
@@ -24,9 +24,9 @@ struct Loaded {
     KSCacheStatsRecord stats{};
 };
 
-/// Loads a file, for which loadingCode() must be kOk, into a cache of its own. A walk of that cache
-/// then has the order of the file; of records with the same key, the first counts. Throws Failure
-/// when memory is short, or when the file has changed since it was inspected.
+/// Loads a file into a new cache. A walk of the cache has the order of the file; of records with
+/// the same key, the first counts. Throws Failure if memory is short, or if the file has changed
+/// since it was inspected. REQUIRES: loadingCode() of the file is kOk.
 Loaded load(const FileReport& file, const tool::CacheSettings& settings);
 
 /// Calls `visit`, which may throw, for each entry until it returns false.

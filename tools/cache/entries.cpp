@@ -38,7 +38,7 @@ class Differences {
   public:
     explicit Differences(bool json) : json_(json) {}
 
-    /// An entry that is in one of the files only.
+    /// Notes an entry that is in only one of the files.
     void note(char sign, const KSCacheNode& entry) {
         List& list = sign == '+' ? added_ : gone_;
         ++list.count;
@@ -96,7 +96,7 @@ class Differences {
     List changed_;
 };
 
-/// Compares as the cache does: digests by the length of their type.
+/// Compares as the cache does: only the bytes that the type of the digest uses.
 void compare(KSCache* first, KSCache* second, Differences& differences) {
     forEachEntry(first, [&](const KSCacheNode& entry) {
         uint64_t value = 0;

@@ -28,7 +28,7 @@ std::string hex(uint64_t number) {
     return text.data();
 }
 
-/// Notes a damage for which the library refuses a file.
+/// Notes damage for which the library refuses the file.
 void refuse(FileReport& report, const char* kind, std::string text) {
     report.damage.push_back({kind, 0, std::move(text)});
     report.refused = true;
@@ -38,14 +38,13 @@ void refuse(FileReport& report, const char* kind, std::string text) {
     throw tool::Failure(strerror(errno));
 }
 
-/// Reads the header and leaves the position behind it. Refuses the file when it is not that of a
-/// cache file: records of another kind of file cannot be judged. Throws Failure when the file
-/// cannot be read.
+/// Reads the header and leaves the position after it. Refuses a file that is not a cache file,
+/// whose records would make no sense. Throws Failure if the file cannot be read.
 void readHeader(int fd, FileReport& report) {
     char probe = 0;
     struct stat status {};
-    // Probed first, because qlxMagicRead() fails alike for a read error and for a wrong header. A
-    // pipe fails here as well, and so does a folder.
+    // Probed first, because qlxMagicRead() does not tell a read error from a wrong header. The
+    // probe fails for a pipe and a folder as well.
     if (pread(fd, &probe, 1, 0) < 0 || fstat(fd, &status) != 0) failToRead();
     report.size = static_cast<uint64_t>(status.st_size);
     const uint32_t type = qlxMagicRead(fd, &report.header);
@@ -103,13 +102,13 @@ class RecordCounter {
     uint64_t firstUnnamed_ = 0;
 };
 
-/// Counts the records behind the header, and computes their checksum. Throws Failure when they
-/// cannot be read.
+/// Counts the records after the header, and computes their checksum. Throws Failure if they cannot
+/// be read.
 void readRecords(int fd, FileReport& report) {
     std::vector<uint8_t> block(kBlockSize);
     RecordCounter counter(report);
     uLong checksum = adler32(0, nullptr, 0);
-    size_t kept = 0;  // bytes at the front: a record of which the rest is still to be read
+    size_t kept = 0;  // bytes at the front of the buffer: the beginning of an incomplete record
     for (;;) {
         const ssize_t got = read(fd, block.data() + kept, block.size() - kept);
         if (got < 0 && errno == EINTR) continue;
@@ -126,7 +125,7 @@ void readRecords(int fd, FileReport& report) {
     report.checksum = static_cast<uint32_t>(checksum);
 }
 
-/// The checksum covers the whole contents, so it cannot tell where they are damaged.
+/// The checksum covers all of the contents, so it cannot locate the damage.
 void compareChecksums(FileReport& report) {
     if (report.header.value > UINT32_MAX) {
         refuse(report, "header", "checksum of more than 32 bits: " + hex(report.header.value));

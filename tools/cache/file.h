@@ -26,10 +26,10 @@ struct Damage {
 struct FileReport {
     std::string path;
     std::string name;  ///< the path as a terminal may show it
-    /// Why it could not be opened or read; the other members are incomplete then.
+    /// Why the file could not be opened or read; the other members are then incomplete.
     std::optional<std::string> trouble;
     uint64_t size = 0;
-    uint64_t headerSize = 0;  ///< as read: the platform decides how long its headers are
+    uint64_t headerSize = 0;  ///< as read, since the platform decides how long headers are
     QLXMagic header{};
     uint32_t checksum = 0;  ///< of what follows the header
     uint64_t records = 0;
@@ -44,8 +44,8 @@ FileReport inspect(const std::string& path);
 /// Inspects a file, and names all of its damage and trouble on stderr.
 FileReport inspectAndReport(const std::string& path);
 
-/// The exit code of a program that must load the file: kOk when KSCacheLoad() takes it, kNo when it
-/// would be refused as damaged, kTrouble when it could not be read.
+/// The exit code of a program that must load the file: kOk if KSCacheLoad() accepts it, kNo if it
+/// would refuse it as damaged, kTrouble if the file could not be read.
 tool::ExitCode loadingCode(const FileReport& file);
 
 nlohmann::ordered_json damageJson(const FileReport& file);

@@ -1,4 +1,4 @@
-// shape: how deep and how full the trees of a cache are, and the reasons where they are too deep.
+// shape: how deep and how full the trees of a cache are, and why if they are too deep.
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -18,11 +18,12 @@ namespace {
 using nlohmann::ordered_json;
 using tool::humanCount;
 
-/// Spread digests under the bits of KSCacheBitsFor() reach 1.25 on average; this is twice as deep.
+/// With evenly spread digests and the bits of KSCacheBitsFor(), the average depth is up to 1.25;
+/// this is twice as deep.
 constexpr double kTooDeep = 2.5;
 
-/// Counts numbers: each up to 10 in a row of its own, larger ones in ranges that double. So even a
-/// degenerated tree, a list of all entries, adds only a few rows.
+/// A histogram with a row for each number up to 10, and ranges that double above. So even a
+/// degenerate tree (a list of all entries) adds only a few rows.
 class Histogram {
   public:
     struct Row {
@@ -89,8 +90,8 @@ struct Shape {
     double expectedTreeSize() const {
         return 1 + static_cast<double>(entries - 1) / static_cast<double>(roots);
     }
-    /// With enough bits, trees below this bound are too small to be too deep, even as lists. So a
-    /// shape that is too deep always has one of the two reasons.
+    /// With enough bits, trees below this bound are too small to be too deep, even as lists. So
+    /// every shape that is too deep has at least one of the two reasons.
     bool unspread() const { return tooDeep() && meanTreeSize() > 2 * expectedTreeSize() + 1; }
 };
 
@@ -138,8 +139,8 @@ Shape measure(const FileReport& file, uint32_t bits) {
     shape.bitsAsked = settings.bits;
     shape.bitsToUse = KSCacheBitsFor(shape.entries);
     shape.cacheSize = loaded.stats.cacheSize;
-    // A walk meets slots in the order of the adds, since nothing was deleted, and the first entry
-    // added to a tree stays its top.
+    // A walk visits entries in the order in which they were added, since nothing was deleted. The
+    // first entry that was added to a tree is its top.
     std::vector<bool> met(shape.roots);
     forEachEntry(loaded.cache.get(), [&](const KSCacheNode& entry) {
         const uint64_t root = rootOf(entry, shape.roots);

@@ -40,9 +40,9 @@ Plan makePlan(const Options& options, const KSCacheStatsRecord& stats) {
     return {stats.areaSize, stats.cachedItems, std::min(room, stats.cachedItems)};
 }
 
-/// Drops the first entries of the file. The cache is not compacted: a saved file has no gaps
-/// anyway, and compacting moves the last entries to the front, where the next shrink would drop
-/// them.
+/// Drops the first entries of the file. Does not compact the cache: a saved file has no gaps
+/// anyway, and compaction would move the last entries to the front, where the next shrink would
+/// drop them.
 void dropFirst(KSCache* cache, uint64_t surplus) {
     forEachEntry(cache, [&](const KSCacheNode& entry) {
         if (surplus == 0) return false;
@@ -92,7 +92,7 @@ void print(const Options& options, const FileReport& file, const Plan& plan) {
 
 ExitCode shrink(const Options& options) {
     const FileReport file = inspectAndReport(options.files[0]);
-    // A damaged file is trouble here: "no" is no answer to a request for work.
+    // kNo is for questions; here a damaged file means that the work could not be done.
     if (loadingCode(file) != ExitCode::kOk) return ExitCode::kTrouble;
     tool::CacheSettings settings =
         tool::settingsFor(std::min(file.records, options.limit * kMebibyte / sizeof(KSCacheNode)));

@@ -1,4 +1,4 @@
-// stat and verify: facts about cache files that need no loading.
+// stat and verify: what can be said about cache files without loading them.
 #include <algorithm>
 #include <cstdio>
 

@@ -14,7 +14,7 @@ namespace {
 using tool::printable;
 using tool::Session;
 
-/// One call for each path, also after a failure.
+/// Makes one call per path; goes on after a failure.
 ExitCode forEachPath(const Options& options,
                      const std::function<uint32_t(MBSession*, const char* path)>& call) {
     Session session(options.session);
@@ -27,7 +27,7 @@ ExitCode forEachPath(const Options& options,
     return steps.code();
 }
 
-/// One call with source and destination.
+/// Makes one call with source and destination.
 ExitCode fromTo(const Options& options, const std::function<uint32_t(MBSession*)>& call) {
     Session session(options.session);
     session.attempt(printable(options.source) + " to " + printable(options.destination), call);

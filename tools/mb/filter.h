@@ -12,7 +12,7 @@
 
 namespace mb {
 
-/// How a filter holds a criterion. kText is a pointer to the caller's text; kHeldText is an array
+/// How a filter stores a criterion. kText is a pointer to the caller's text; kHeldText is an array
 /// in the filter itself.
 enum class CriterionKind : uint8_t { kNumber, kLongNumber, kText, kHeldText, kCharacter };
 
@@ -27,10 +27,10 @@ struct Criterion {
 inline constexpr size_t kCriteria = 26;
 extern const std::array<Criterion, kCriteria> kCriterionRows;
 
-/// Values by criterion; an empty value is no criterion.
+/// Values by criterion; an empty value means that the criterion is not set.
 using CriterionValues = std::array<std::string, kCriteria>;
 
-/// Why a value is not one of the criterion.
+/// Why a value is invalid for a criterion; nullopt if it is valid.
 std::optional<std::string> criterionProblem(const Criterion& row, const std::string& value);
 
 /// Sets a filter, which points into the values: they must outlive it. Each value must have passed

@@ -25,8 +25,8 @@ void once(const Options& options, Call call) {
     session.attemptEvent(name.empty() ? "images" : "image " + tool::printable(name), call);
 }
 
-/// What is asked for one image or data selection, as an array of one object or none. No text: there
-/// is none.
+/// Prints a text about one image or data selection, as JSON in an array of one object. A NULL text
+/// gives an empty array.
 ExitCode print(const Options& options, const char* member, const char* text) {
     if (options.json) {
         auto list = ordered_json::array();
@@ -38,7 +38,7 @@ ExitCode print(const Options& options, const char* member, const char* text) {
     return text != nullptr ? ExitCode::kOk : ExitCode::kNothing;
 }
 
-/// The images of an answer as objects, and the number of lines that are no image.
+/// The images of an answer as objects, and the number of invalid lines.
 std::pair<ordered_json, size_t> imagesOf(std::string_view text) {
     static constexpr const char* kNames[] = {"time",  "client", "policy", "parent",
                                              "image", "dofp",   "dcid",   "flags"};
@@ -101,7 +101,7 @@ ExitCode lastImages(const Options& options) {
         const uint32_t status = MBGetLastImages(s, options.dataselection, i.client.c_str(),
                                                 i.policy.c_str(), i.wantedParent, i.time, &text);
         answer.reset(text);
-        // The status of an empty answer: there is no such image.
+        // This status means an empty answer: there is no such image.
         return status == CR_STATUS_REMOTE_ERROR ? uint32_t{CR_STATUS_OK} : status;
     });
     const char* text = answer != nullptr ? answer.get() : "";

@@ -207,7 +207,7 @@ constexpr std::pair<const char*, const char*> kGroups[] = {
     {"image", "Images: set, last, delete, retention, policy"},
 };
 
-/// The command that the others of a group are under.
+/// The parent command of a group.
 CLI::App* groupOf(CLI::App& app, const char* name, std::map<std::string, CLI::App*>& groups) {
     if (name == nullptr) return &app;
     if (const auto known = groups.find(name); known != groups.end()) return known->second;

@@ -29,7 +29,7 @@ struct CloseCursor {
 std::string readList(const std::string& file) {
     std::string text = tool::readInput(file);
     if (text.empty()) throw Failure(ExitCode::kUsage, "there are no POs to send");
-    // The library takes a C string, and would send the part before the NUL only.
+    // The library takes a C string, and would send only the part before the NUL.
     if (text.find('\0') != std::string::npos) {
         throw Failure(ExitCode::kUsage, "the POs have a NUL byte among them");
     }
@@ -46,8 +46,8 @@ ExitCode sendList(const Options& options, ListCall call) {
     return ExitCode::kOk;
 }
 
-/// The first `count` POs of an answer as objects, or those that there are. The first two lines of
-/// the answer are the names and the types of the fields, the third is the number of POs.
+/// The POs of an answer as objects, at most `count`. The first two lines of the answer are the
+/// names and the types of the fields, the third is the number of POs.
 ordered_json objectsOf(std::string_view text, uint32_t count) {
     const auto takeLine = [&] {
         const size_t end = std::min(text.find('\n'), text.size());
@@ -93,8 +93,8 @@ ExitCode findAsJson(const Options& options, Session& session, const MBPOFilter& 
     return count > 0 ? ExitCode::kOk : ExitCode::kNothing;
 }
 
-/// Prints the lines of a cursor. A server may announce more POs than it sends. After the last one
-/// the cursor then stays on its line, or reaches the empty text behind it.
+/// Prints the lines of a cursor. If the server announces more POs than it sends, the cursor stays
+/// on the last line or on the empty text after it, which is a failure.
 void printLines(MBPOCursor* cursor, char* line) {
     char* last = nullptr;
     uint32_t status = CR_STATUS_OK;

@@ -59,8 +59,8 @@ ExitCode time(const Options& options) {
     if (answer == 0) {
         throw tool::Failure("the answer holds no time (server " + session.server() + ")");
     }
-    // The answer is the low 32 bits of the time. They are the whole time while the two clocks
-    // differ by less than 68 years.
+    // The answer has only the low 32 bits of the time. The difference is correct as long as the two
+    // clocks differ by less than 68 years.
     const auto difference = static_cast<int32_t>(answer - static_cast<uint32_t>(local));
     const int64_t server = local + difference;
     if (options.json) {

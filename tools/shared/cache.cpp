@@ -14,8 +14,8 @@ constexpr uint64_t kFewestSlots = 1024;
 constexpr uint64_t kPagesOfLimit = 12;
 constexpr size_t kLongestDigest = 32;
 
-/// The process id in the lock file, which the library makes beside the file that a link leads to.
-/// Empty when the holder has just gone, or is about to write it.
+/// The process id in the lock file, which the library creates beside the target of a link. Empty if
+/// the holder has just released the file, or has not written its id yet.
 std::string holderOf(const std::string& path) {
     std::error_code failure;
     std::ifstream lock(std::filesystem::weakly_canonical(path, failure).string() + ".lock");

@@ -29,8 +29,8 @@ struct CacheSettings {
 };
 
 /// The settings for a number of entries: KSCacheBitsFor() and KSCacheAreaFor(). With a limit in
-/// bytes pages are made smaller, so that a dozen fit, since memory is counted in whole pages. None
-/// has less than 1024 slots, the fewest that the library makes. `limit` 0: none.
+/// bytes (0: none), pages are made small enough that a dozen fit into it, since memory is counted
+/// in whole pages; but no smaller than 1024 slots, the least that the library makes.
 CacheSettings settingsFor(uint64_t entries, uint64_t limit = 0);
 
 /// Why a cache file could not be held or replaced, for a status of KSCacheHoldFile() or

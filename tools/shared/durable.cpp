@@ -19,7 +19,7 @@ namespace {
     throw Failure(path + ": " + strerror(errno));
 }
 
-/// O_NONBLOCK: to open a pipe that nobody writes would wait for good.
+/// O_NONBLOCK: otherwise opening a FIFO without a writer would block for ever.
 constexpr int kRead = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
 mode_t modeFor(const std::string& path) {
@@ -38,8 +38,8 @@ bool writeAll(int fd, const std::string& text) {
     return true;
 }
 
-/// False with errno set. A file that a crash left is removed; O_EXCL then refuses whatever somebody
-/// else puts in its place.
+/// False with errno set. Removes a file that a crash has left; O_EXCL then refuses anything that
+/// another process creates in its place.
 bool writeNew(const std::string& path, const std::string& text, mode_t mode) {
     unlink(path.c_str());
     const kspool::Descriptor file(
@@ -48,7 +48,7 @@ bool writeNew(const std::string& path, const std::string& text, mode_t mode) {
            fsync(file.get()) == 0;
 }
 
-/// Some file systems cannot sync folders; the rename is then as durable as they make it.
+/// Some file systems cannot sync folders; how durable the rename is, is then up to them.
 bool syncFolder(const std::string& path) {
     const std::string folder = std::filesystem::path(path).parent_path();
     const kspool::Descriptor fd(

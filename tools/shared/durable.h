@@ -1,4 +1,4 @@
-// Replacing a small file so that a whole file is there at any time, also after a crash.
+// Replacing a small file so that a complete file exists at any time, even after a crash.
 #ifndef TOOLS_SHARED_DURABLE_H
 #define TOOLS_SHARED_DURABLE_H
 
@@ -7,13 +7,13 @@
 
 namespace tool {
 
-/// The text of a file; nothing when there is no file. Throws Failure when there is one that cannot
-/// be read, or is no regular file.
+/// The text of a file; nullopt if there is no file. Throws Failure if the file cannot be read, or
+/// is not a regular file.
 std::optional<std::string> readWhole(const std::string& path);
 
-/// Writes the text to PATH.new, syncs, and renames to `path`, which must not be a symbolic link
-/// that matters: a link is replaced. The new file has the mode of the old one, 0600 without one.
-/// The caller keeps other writers away. Throws Failure; the old file is then as it was.
+/// Writes the text to PATH.new, syncs it, and renames it to `path`. A symbolic link at `path` is
+/// replaced itself, not its target. The new file has the mode of the old one, or 0600 if there was
+/// none. Throws Failure, and the old file is then unchanged. REQUIRES: no other writers.
 void replaceWhole(const std::string& path, const std::string& text);
 
 }  // namespace tool

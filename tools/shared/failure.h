@@ -1,10 +1,10 @@
-// How programs report that something could not be done. There is one way:
+// How programs report failures. There is one way:
 //
 //  1. A function that cannot do its work throws Failure. runProgram() catches it, prints its text
 //     once as "PROGRAM: TEXT", and exits with its code.
-//  2. A function whose failure the caller reports and passes over, as a file that cannot be read,
-//     returns that problem as std::optional<std::string>: nothing when all is well.
-//  3. Where one step may fail and the others are still to be done, Steps runs them.
+//  2. A function whose failure the caller reports and skips, such as an unreadable file, returns
+//     the problem as std::optional<std::string>: nullopt for success.
+//  3. Where one step may fail and the others must still be done, Steps runs them.
 //
 // Exit codes that are results and not failures ("different", "done in part") are returned.
 //
@@ -19,8 +19,8 @@
 
 namespace tool {
 
-/// A program that answers a question (kspool-cache) does as diff and cmp do: 0 for yes, kNo, and
-/// kTrouble when something kept it from an answer.
+/// A program that answers a question (kspool-cache) follows diff and cmp: 0 for yes, kNo, and
+/// kTrouble if there is no answer.
 enum class ExitCode : int {
     kOk = 0,
     kFailed = 1,   ///< the work could not be done
@@ -29,7 +29,7 @@ enum class ExitCode : int {
     kDiffers = 4,  ///< the local files differ from what is recorded of them
     kHeld = 5,     ///< another process holds the cache file
 
-    kNothing = 10,     ///< the server knows nothing of what was asked for
+    kNothing = 10,     ///< the server does not have what was asked for
     kPermission = 12,  ///< the server denied permission
     kNetwork = 13,     ///< no answer from the server
 
@@ -39,19 +39,19 @@ enum class ExitCode : int {
     kTrouble = 2,  ///< no answer, bad options included
 };
 
-/// Names the program in all that it complains of, with its exit code for failures that bring none
-/// of their own. runProgram() calls this first.
+/// Sets the program's name for messages, and its exit code for failures without a code of their
+/// own. runProgram() calls this first.
 void setProgram(const char* name, ExitCode failed);
 
 const char* programName();
 
 /// Writes "PROGRAM: TEXT" as one line on stderr, with each control character as \xHH: a terminal
-/// would obey one that a server or a file name brought.
+/// would interpret those of a server's text or a file name.
 void complain(const std::string& text);
 
 class Failure : public std::runtime_error {
   public:
-    /// With the exit code that the program has for failures.
+    /// With the program's exit code for failures.
     explicit Failure(const std::string& text);
     Failure(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
 
@@ -61,8 +61,8 @@ class Failure : public std::runtime_error {
     ExitCode code_;
 };
 
-/// Runs steps that do not depend on each other: a failure is complained of at once, later steps are
-/// run all the same, and the highest exit code is kept.
+/// Runs independent steps: reports a failure at once, runs the later steps nevertheless, and keeps
+/// the highest exit code.
 class Steps {
   public:
     /// True when the step was done.

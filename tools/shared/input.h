@@ -1,4 +1,4 @@
-// Texts that a program is given: a file, or standard input.
+// Input texts of programs: from a file, or from standard input.
 #ifndef TOOLS_SHARED_INPUT_H
 #define TOOLS_SHARED_INPUT_H
 
@@ -7,7 +7,7 @@
 namespace tool {
 
 /// All bytes of a file, or of standard input for an empty path and "-". Throws Failure with kUsage
-/// when they cannot be read: a folder can be opened, and only fails then.
+/// if they cannot be opened or read: opening a folder succeeds, and only reading it fails.
 std::string readInput(const std::string& path);
 
 }  // namespace tool

@@ -15,8 +15,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-/// Bytes of the UTF-8 character that a text begins with, 0 for none. Control characters are UTF-8,
-/// which shownLength() passes over.
+/// The length of the first UTF-8 character of a text; 0 if it is invalid. Unlike shownLength(),
+/// accepts control characters.
 size_t characterLength(std::string_view text) {
     if (const size_t shown = kspool::shownLength(text); shown > 0) return shown;
     const auto lead = static_cast<unsigned char>(text.front());
@@ -86,7 +86,7 @@ Json numberOrText(const std::string& field) {
 
 void printJson(Json json, int indent) {
     escapeMembers(json);
-    // A member's name may be a server's, and no UTF-8 either.
+    // The name of a member may come from a server, and may be invalid UTF-8 as well.
     printf("%s\n", json.dump(indent, ' ', false, Json::error_handler_t::replace).c_str());
 }
 

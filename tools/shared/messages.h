@@ -1,13 +1,13 @@
-// The library's messages: shown or swallowed, and remembered as far as exit codes depend on them.
+// The library's messages: shown or suppressed, and remembered as far as exit codes depend on them.
 //
-// Thread rule: one thread. The library reports on the thread that called it, so that everything
-// here runs on the program's only thread.
+// Thread rule: one thread. The library reports on the thread that called it, so everything here
+// runs on the program's only thread.
 // Invariants:
-//  1. The library has one sink. There is at most one Messages, and no other sink beside it.
-//  2. event() is the last event since forget(), or 0: whoever forgets before each request knows
-//     that the event belongs to that request.
+//  1. The library has one sink, so there is at most one Messages and no other sink.
+//  2. event() is the last event since forget(), or 0. A caller that calls forget() before each
+//     request knows that the event belongs to that request.
 //  3. reason() is that of the last request that failed since forget(), or empty.
-//  4. hear() lets no exception out, since C code called it.
+//  4. hear() throws nothing, since C code calls it.
 #ifndef TOOLS_SHARED_MESSAGES_H
 #define TOOLS_SHARED_MESSAGES_H
 
@@ -17,7 +17,7 @@
 
 namespace tool {
 
-/// Whether a status is the transport's, which got no valid answer.
+/// Whether a status is the transport's: there was no valid answer.
 bool isTransport(uint32_t status);
 
 class Messages {
@@ -29,7 +29,7 @@ class Messages {
     Messages(const Messages&) = delete;
     Messages& operator=(const Messages&) = delete;
 
-    /// Does something before each message that is shown: no call that makes the library report.
+    /// Sets what is done before each message is shown. It must not call what may write messages.
     void beforeEach(std::function<void()> work) { beforeEach_ = std::move(work); }
     bool shown() const { return shown_; }
 

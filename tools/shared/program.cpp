@@ -22,13 +22,13 @@
 namespace tool {
 namespace {
 
-/// A file that is opened later would otherwise become a closed one of standard input, output and
-/// error, and messages would be written into it. They are opened the wrong way round, so that a
-/// report to a closed standard output still fails.
+/// Opens /dev/null for each standard descriptor that is closed. Otherwise a file that is opened
+/// later would get its number, and messages would be written into that file. Input is opened for
+/// writing and output for reading, so that a report to a closed standard output still fails.
 void occupyStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
-        // The lowest free descriptor: the lower ones are in use.
+        // open() returns fd, the lowest free descriptor.
         [[maybe_unused]] const int opened =
             open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
@@ -85,7 +85,7 @@ ExitCode parseAndWork(const Program& program, int argc, char** argv) {
     throw Failure(ExitCode::kUsage, "a subcommand is needed (see " + name + " --help)");
 }
 
-/// A failure may come after a part of the report, whose loss is then reported as well.
+/// Checks standard output even after a failure, since part of the report may be lost as well.
 ExitCode workAndReport(const Program& program, int argc, char** argv) {
     Steps steps;
     ExitCode code = ExitCode::kOk;

@@ -22,8 +22,8 @@ using Problem = std::optional<std::string>;
 constexpr char kVariable[] = "KSPOOL_PASSWORD";
 constexpr char kTooLong[] = "the password is longer than 255 characters";
 
-/// Byte by byte: a buffer would keep a copy of the password, and would take more than the first
-/// line from standard input.
+/// Reads byte by byte: a buffer would keep a copy of the password, and would consume more of
+/// standard input than the first line.
 Problem readFirstLine(int fd, Secret& secret) {
     char character = 0;
     Problem problem;
@@ -60,8 +60,8 @@ Problem readStandardInput(Secret& secret) {
     return readFirstLine(STDIN_FILENO, secret);
 }
 
-/// Wipes the value in place, since the environment of a process can be read from outside. `wanted`:
-/// the value is the password.
+/// Takes the password from the environment if `wanted`. In any case wipes the value in place, since
+/// other processes can read the environment of a process.
 Problem takeVariable(bool wanted, Secret& secret) {
     char* value = getenv(kVariable);
     if (value == nullptr) return {};

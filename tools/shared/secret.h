@@ -1,8 +1,8 @@
-// The password: where it comes from, and that no copy of it stays.
+// The password: reads it from its source, and leaves no copy.
 //
 // Invariants:
 //  1. Outside the library, a Secret holds the only copy of the password: it is read byte by byte,
-//     since a buffered stream would keep another one.
+//     since a buffered stream would keep another copy.
 //  2. The Secret, and the environment variable that the password may have come from, are wiped.
 #ifndef TOOLS_SHARED_SECRET_H
 #define TOOLS_SHARED_SECRET_H
@@ -13,12 +13,12 @@
 
 namespace tool {
 
-/// Of as many characters as KS_OPT_PASSWORD takes.
+/// As many characters as KS_OPT_PASSWORD accepts.
 using Secret = kspool::SecretText<255>;
 
-/// Reads the password from the first line of a file ("-": standard input), or without one from
+/// Reads the password from the first line of a file ("-": standard input), or without a file from
 /// $KSPOOL_PASSWORD, which is wiped and unset in any case. Throws Failure with kUsage for a source
-/// that cannot be used; that there is no password at all is no failure.
+/// that cannot be used. Having no password is not a failure.
 void takePassword(const std::string& file, Secret& secret);
 
 }  // namespace tool

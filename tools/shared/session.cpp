@@ -32,7 +32,7 @@ struct Hint {
     const char* text;
 };
 
-/// What to do about a status, and whether retries could help.
+/// A hint for a status, and whether retries could help.
 struct Advice {
     uint32_t status;
     bool retry;
@@ -52,7 +52,7 @@ constexpr Advice kAdvice[] = {
     {WS_STATUS_TOO_LARGE, false, kPerhapsDone},
 };
 
-/// The answers after which the transport tries again while a time-out for it lasts.
+/// The answers after which the transport retries until the reconnect time-out has passed.
 constexpr Hint kPatience[] = {
     {429, "the server wants fewer requests"},
     {502, "the server's gateway got no valid answer"},
@@ -79,7 +79,7 @@ const Hint* patience(uint32_t status, uint32_t httpStatus) {
     return status == WS_STATUS_BAD_ANSWER ? find(kPatience, httpStatus) : nullptr;
 }
 
-/// The URL without user name and password, which some people write into it.
+/// The URL without user name and password, which a user may have put into it.
 std::string shownUrl(const std::string& url) {
     const size_t scheme = url.find("://");
     const size_t host = scheme == std::string::npos ? 0 : scheme + 3;
@@ -96,7 +96,7 @@ std::string pathOf(const std::string& url) {
     return printable(url.substr(path, url.find_last_not_of('/') + 1 - path));
 }
 
-/// Zeroed where the library knows nothing.
+/// All zero if the library knows of no request.
 MBEvent lastEvent(const MBSession* session) {
     MBEvent last{};
     last.size = sizeof last;
@@ -122,7 +122,7 @@ KSOption textOption(uint32_t code, const char* text) {
 Session::Session(const SessionOptions& options)
     : messages_(options.verbose), login_(options.login) {
     readConfiguration(options);
-    // Where a file could not be read, the library goes on with defaults, which nobody asked for.
+    // After a read error the library goes on with defaults, which the user did not ask for.
     if (const uint32_t reason = messages_.notRead(); reason != 0) {
         throw Failure(ExitCode::kUsage,
                       configFile_ + ": could not be read as a whole: " + CRStatusToStringA(reason));
@@ -140,13 +140,13 @@ Session::Session(const SessionOptions& options)
     messages_.beforeEach([this] { showRequest(); });
 }
 
-/// MBShutdown() reports when there is no session to be asked for its requests any more.
+/// MBShutdown() may write messages, but there is no session left whose requests could be shown.
 Session::~Session() {
     messages_.beforeEach({});
 }
 
-/// A missing configuration is a failure only where no server is given either: then the library
-/// decides whether the server alone is enough.
+/// A missing configuration is a failure only if no server is given either. With a server, the
+/// library decides whether the server alone is enough.
 void Session::readConfiguration(const SessionOptions& options) {
     const auto config = std::make_unique<KSConfig>();
     const char* path = options.config.empty() ? nullptr : options.config.c_str();
@@ -174,7 +174,7 @@ void Session::create(const SessionOptions& options, const std::string& url) {
     Secret secret;
     takePassword(options.passwordFile, secret);
     hasPassword_ = !secret.empty();
-    // The configuration's URL too: the transport takes the server's place from an option only.
+    // Pass even the configuration's URL as an option: the transport gets its server only that way.
     std::vector<KSOption> list = {textOption(KS_OPT_MBS_URL, url.c_str())};
     if (!login_.empty()) list.push_back(textOption(KS_OPT_LOGIN, login_.c_str()));
     if (hasPassword_) list.push_back(textOption(KS_OPT_PASSWORD, secret.text()));
@@ -214,8 +214,8 @@ void Session::attempt(const std::string& subject, const std::function<uint32_t(M
                   subject.empty() ? text : subject + ": " + text);
 }
 
-/// Shows the last request, unless it was shown. A call may make several requests; the library
-/// writes a trace after each of them but the last.
+/// Shows the last request, unless it was shown already. A call may make several requests; the
+/// library writes a trace after each of them but the last.
 void Session::showRequest() {
     MBStatistics so{};
     so.size = sizeof so;
@@ -231,7 +231,7 @@ void Session::showRequest() {
     complain(text);
 }
 
-/// The status for a result that may be an event of the server, which some calls return.
+/// The status for the result of a call that may return the server's event code.
 uint32_t Session::statusOfEvent(uint32_t result) {
     if (result < CR_STATUS_SYSTEM_BASE || isTransport(result)) return result;
     messages_.noteEvent(result);
@@ -253,7 +253,8 @@ void Session::attemptQuery(uint32_t dataselection,
         if (status == CR_STATUS_NOT_FOUND) return CR_STATUS_OK;
         if (status != CR_STATUS_REMOTE_ERROR && status != CR_STATUS_BAD_HANDLE) return status;
         if (messages_.shown()) showRequest();
-        // A login or a data selection that may not be queried may not list its images either.
+        // What is refused for a query (the login, the data selection) is refused for images as
+        // well.
         char* images = nullptr;
         const uint32_t event =
             MBGetLastImages(session, dataselection, nullptr, nullptr, -1, INT64_MAX, &images);
@@ -265,7 +266,7 @@ void Session::attemptQuery(uint32_t dataselection,
     });
 }
 
-/// The text of a failure: what happened, at which server, and what to do next where that is known.
+/// The text of a failure: what happened, at which server, and what to do next if that is known.
 std::string Session::explain(uint32_t status) const {
     const bool permission = status == CR_STATUS_PERMISSION_DENIED;
     const bool remote = permission || status == CR_STATUS_REMOTE_ERROR;
@@ -297,7 +298,7 @@ std::string Session::whatHappened(uint32_t status, uint32_t httpStatus) const {
     return why.empty() || why == text ? text : text + ": " + why;
 }
 
-/// What to do next. Nothing that has been done already.
+/// What to do next; leaves out what has been done already.
 std::string Session::advice(uint32_t status, uint32_t httpStatus) const {
     if (status == CR_STATUS_PERMISSION_DENIED) {
         if (login_.empty() && !hasPassword_) return "give --login NAME and --password-file FILE";

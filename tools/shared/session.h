@@ -40,18 +40,18 @@ class Session {
     /// For Interrupts::abort().
     MBSession* handle() const { return session_.get(); }
 
-    /// Makes one call of the library, which returns a status. Throws Failure when that is not
-    /// CR_STATUS_OK; its text begins with `subject`, which may be empty. `service` is the one that
-    /// docs/wire-protocol.md has for the call; it is shown, and nothing else depends on it.
+    /// Makes one call of the library, which returns a status. Throws Failure for any status but
+    /// CR_STATUS_OK; its text begins with `subject`, which may be empty. `service` is the call's
+    /// service in docs/wire-protocol.md, and is only shown.
     void attempt(const std::string& subject, const std::function<uint32_t(MBSession*)>& call,
                  const char* service = "metabase");
 
-    /// The same for a call that returns the event of the server, where others return a status.
+    /// The same for a call that returns the code of the server's event as its status.
     void attemptEvent(const std::string& subject, const std::function<uint32_t(MBSession*)>& call,
                       const char* service = "metabase");
 
-    /// The same for a query. The library does not tell why a server refuses a query, so a second
-    /// request, which is refused for the same reason, asks for its event. To find nothing is no
+    /// The same for a query. The library does not say why a server refuses a query, so a second
+    /// request, which is refused for the same reason, gets the event. Finding nothing is not a
     /// failure.
     void attemptQuery(uint32_t dataselection, const std::function<uint32_t(MBSession*)>& call);
 

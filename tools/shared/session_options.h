@@ -8,8 +8,8 @@
 
 namespace tool {
 
-/// Refuses empty texts, as an unset variable of a script leaves them, and texts that are longer
-/// than the library takes.
+/// Refuses texts that are too long for the library, and empty ones, which an unset variable in a
+/// script would give.
 CLI::Validator textUpTo(size_t longest);
 
 /// Decimal digits: the parser would wrap a negative number around, and cut one that is too large.

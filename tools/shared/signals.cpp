@@ -64,7 +64,7 @@ Interrupts::Interrupts() {
     action.sa_handler = onAlarm;
     sigaction(SIGALRM, &action, &formerAlarm);
     action.sa_handler = onSignal;
-    // The handler reads all former actions, so they are known before it is set.
+    // The handler reads all former actions, so they must be stored before it is installed.
     for (size_t i = 0; i < kSignals.size(); ++i)
         sigaction(kSignals[i], nullptr, &formerActions[i]);
     for (size_t i = 0; i < kSignals.size(); ++i)
@@ -86,7 +86,7 @@ void Interrupts::abort(MBSession* session) {
     abortedSession = session;
     while (handlersAtWork != 0)
         std::this_thread::yield();
-    // A handler that came before the session was named has set no alarm.
+    // A handler that ran before the session was set has not started the alarm.
     alarm(session != nullptr && asked() ? kAgainAfter : 0);
 }
 

@@ -1,4 +1,4 @@
-// Texts that all programs write alike: sizes, counts, times, names; and lines of fields.
+// Common formats of all programs: sizes, counts, times, names; and lines of fields.
 #ifndef TOOLS_SHARED_TEXT_H
 #define TOOLS_SHARED_TEXT_H
 
@@ -25,7 +25,7 @@ std::string humanSeconds(double seconds);
 std::string localTime(int64_t seconds);
 std::string isoTime(int64_t seconds);
 
-/// A name as a terminal may show it: bytes that the locale cannot print, and backslashes, as \xHH.
+/// A name made safe for a terminal: bytes that the locale cannot print, and backslashes, as \xHH.
 std::string printable(const std::string& name);
 
 /// The fields of a line, which are separated by `|`: one more than there are separators.
