@@ -1,14 +1,14 @@
 /*
- * What the Python package does below one call of Python: batches over digests without gaps and
- * walks, in blocks; messages that wait; and the end of a request by Ctrl-C. The keys of a block lie
- * on the stack, so that a batch allocates nothing. Blocks of a thousand keys gain all that batches
- * gain (kscache.h, convention 7).
+ * The C part of the Python package: batches over contiguous digests and walks, both in blocks; a
+ * queue of messages; and ending a request by Ctrl-C. The keys of a block are on the stack, so that
+ * a batch allocates nothing. Blocks of a thousand keys get the full gain of batches (kscache.h,
+ * convention 7).
  *
  * Without the GIL other Python code may change a buffer during its batch. An add reads a digest
- * more than once, to find its place and to store the digest, so it gets copies; lookups change no
- * tree, and a digest that changes meanwhile is found or not.
+ * more than once, to find its place and to store it, so adds get copies. Lookups change no tree, so
+ * a digest that changes meanwhile is found or not, and nothing else happens.
  *
- * What stands above the definitions is declared to Python as well.
+ * Everything above "Definitions" is declared to Python as well.
  */
 #include <errno.h>
 #include <signal.h>
@@ -37,7 +37,7 @@ typedef struct EntryBlock {
 
 /*
  * A batch function of kscache.h over digests of one type: 32 bytes each for type 3, 16 for others.
- * Returns how many had the status 0, or the negative of the first failure, which ends no batch.
+ * A failure does not end the batch. Returns the number of statuses 0, or minus the first failure.
  */
 static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_t count,
                         uint32_t type, uint64_t* values, uint32_t* statuses);
@@ -46,9 +46,9 @@ static int64_t runBatch(KSCache* cache, int batch, const uint8_t* digests, size_
 static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBlock* block);
 
 /*
- * A message of the library. Messages wait here until the call of Python that wrote them has ended:
- * a log below C code could not raise, could not run in a thread that waits for the GIL while
- * another one forks, and could be called when there is no interpreter any more.
+ * A message of the library. Messages are queued until the Python call that caused them has ended: a
+ * log called from C code could not raise, could not run in a thread that waits for the GIL while
+ * another one forks, and could be called after the interpreter has ended.
  */
 typedef struct Message {
     struct Message* next;
@@ -61,12 +61,12 @@ typedef struct Message {
 enum { TO_STDERR, TO_NOBODY, TO_PYTHON };
 static uint32_t sendMessages(int to);
 
-/* The messages that wait, the newest first; the caller frees each. */
+/* Takes all queued messages, the newest first; the caller frees each. */
 static Message* takeMessages(void);
 
 /*
- * SIGINT ends the main thread's request of this session, until the next call, whose session may be
- * NULL. Python's own handler would only take note of the signal until the request has ended.
+ * Lets SIGINT end the main thread's request of this session, until the next watch(), whose session
+ * may be NULL. Python's own handler would only record the signal until the request has ended.
  */
 static void watch(MBSession* session);
 
@@ -131,7 +131,7 @@ static uint32_t nextEntries(const KSCache* cache, KSCacheCursor* cursor, EntryBl
     return status == CR_STATUS_NOT_FOUND ? CR_STATUS_OK : status;
 }
 
-/* Changed by exchanges alone: a lock could be held when the process forks. */
+/* Lock-free, since a lock could be held when the process forks. */
 static Message* waiting;
 
 static void keepMessage(uint32_t level, uint32_t status, const char* text, void* wanted) {

@@ -39,7 +39,7 @@ def builder(folders=None):
         folders = [flag.removeprefix("-I") for flag in pkg_config("--cflags-only-I")]
         libraries = pkg_config("--libs")
         places = [os.path.normpath(flag.removeprefix("-L")) for flag in libraries if flag.startswith("-L")]
-        # The loader finds libraries in the system's folders by itself.
+        # The loader searches the system's folders anyway.
         rpath = ["-Wl,-rpath," + place for place in places if not place.startswith(("/lib", "/usr/lib"))]
         options = {"include_dirs": folders, "extra_link_args": libraries + rpath, "extra_compile_args": ["-O2"]}
     ffi.cdef(declarations(folders))

@@ -1,5 +1,5 @@
-"""The client of a backup storage pool: Cache tells which blocks of data are known, Session speaks to the pool's
-server, sandbox() is a server for tests. Failures of the library raise Error or a subclass of it."""
+"""The client of a backup storage pool: Cache stores which blocks of data are known, Session sends requests to the
+pool's server, sandbox() is a server for tests. Failures of the library raise Error or a subclass of it."""
 from ._cache import MD5, SHA1_16, SHA256, Cache, CacheStats, Entry, Hold
 from ._handle import (Aborted, Busy, Corrupt, Error, NoMemory, NotFound, Permission, Remote, Timeout, Unreachable,
                       decoded as _decoded, set_log)

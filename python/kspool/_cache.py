@@ -1,10 +1,10 @@
 """The fingerprint cache.
 
-Threads: a call runs without the GIL, and a cache serves one thread at a time. Calls of other threads wait for the
-lock of the cache; other caches, and all other Python code, go on.
+Threads: calls run without the GIL, and a cache serves one thread at a time. Calls from other threads wait for the lock
+of the cache; other caches and all other Python code continue.
 
-1. `_lock` is held in each call that uses the cache. Its thread may take it again, as a signal handler does; so no
-   call leaves its results where another call of the same thread writes.
+1. `_lock` is held during each call that uses the cache. It is reentrant, because a signal handler may call the cache
+   again on the same thread; so no call stores results where a nested call writes.
 2. The buffers of a batch are exported during the call, so that nobody can resize or free them.
 3. `_moves` is another object after each call after which a walk could tell of entries that are gone.
 4. In a child of fork() nobody uses a cache that another thread was using: that call may be half done for good."""
@@ -36,7 +36,7 @@ def _width(kind: int) -> int:
 
 
 def _numbers(buffer: Buffer, size: int, count: int, writable: bool) -> Any:
-    """A buffer of `count` unsigned numbers of `size` bytes, as C has them."""
+    """A C array over a buffer of `count` unsigned numbers of `size` bytes."""
     if buffer is None:
         return ffi.NULL
     view = memoryview(buffer)
@@ -52,20 +52,20 @@ class Hold(Handle):
         place = ffi.new("KSCacheHold **")
         check(lib.KSCacheHoldFile(encoded(os.fsencode(path)), place))
         owner, getpid, release = os.getpid(), os.getpid, lib.KSCacheReleaseFile
-        # A child of fork() has a copy, which must not give back the hold of the parent.
+        # A child of fork() has a copy, which must not release the hold of the parent.
         super().__init__(place[0], lambda hold: release(hold) if getpid() == owner else None)
 
 
 class Cache(Handle):
     """Which blocks of data are known, and with which value of 64 bits.
 
-    Digests are bytes-like. `type` is that of the fingerprints: 3 for 32 bytes, any other for 16; a call may name one.
-    A batch takes digests without gaps: bytes, a memoryview, or rows of an array of uint8; its values are uint64,
-    statuses uint32. exists(), exists_batch(), `in` count, and limit() keeps what was asked for most; others do not.
+    Digests are bytes-like. `type` is the fingerprint type: 3 for 32 bytes, any other for 16; a call may override it.
+    A batch takes contiguous digests: bytes, a memoryview, or rows of an array of uint8; its values are uint64, its
+    statuses uint32. exists(), exists_batch() and `in` raise reference counts, by which limit() chooses what to keep.
     """
 
     def __init__(self, expected: int = 1_000_000, *, type: int = SHA256, lock_pages: bool = False) -> None:
-        """An empty cache for about `expected` entries. It takes more, and is slower then."""
+        """An empty cache for about `expected` entries. It accepts more, but gets slower."""
         _width(type)
         self.type, self._lock, self._moves = type, threading.RLock(), object()
         super().__init__(lib.KSCacheCreate(lib.KSCacheAreaFor(expected), lib.KSCacheBitsFor(expected), lock_pages,
@@ -73,7 +73,7 @@ class Cache(Handle):
         CACHES.add(self)
 
     def _call(self, function: Any, digest: Buffer, type: Kind, *more: Any, result: int) -> bool:
-        """Carries out a single call. False when the status was `result`."""
+        """Makes a single call. False if the status was `result`."""
         kind = self.type if type is None else type
         key = digest if isinstance(digest, bytes) else memoryview(digest).tobytes()
         if WIDTHS.get(kind) != len(key):
@@ -87,7 +87,7 @@ class Cache(Handle):
             check(function(self._open(), *arguments))
 
     def add(self, digest: Buffer, value: int, type: Kind = None) -> bool:
-        """Records a digest. False if it is known already: it keeps its value, and counts as asked for."""
+        """Adds a digest. False if it is known already: it keeps its value, and its reference count is raised."""
         return self._call(lib.KSCacheAdd, digest, type, value, ffi.NULL, result=lib.CR_STATUS_EXISTS)
 
     def _find(self, function: Any, digest: Buffer, type: Kind, default: int | None = None) -> int | None:
@@ -103,7 +103,7 @@ class Cache(Handle):
         return self._find(lib.KSCacheFetch, digest, type, default)
 
     def exists(self, digest: Buffer, type: Kind = None) -> int | None:
-        """The value of a digest, or None, by a presence test, which counts."""
+        """The value of a digest, or None, by a presence test, which raises the reference count."""
         return self._find(lib.KSCacheExists, digest, type)
 
     def __contains__(self, digest: Buffer) -> bool:
@@ -122,7 +122,7 @@ class Cache(Handle):
     __delitem__ = delete
 
     def _batch(self, batch: int, digests: Buffer, type: Kind, values: Buffer, statuses: Buffer) -> int:
-        """Carries out a batch in one call of C, and tells how many statuses are 0."""
+        """Makes a batch in one C call. Returns the number of statuses 0."""
         kind = self.type if type is None else type
         width, view = _width(kind), memoryview(digests)
         if view.itemsize != 1 or view.nbytes % width or (view.shape or ())[1:] not in ((), (width,)):
@@ -134,12 +134,12 @@ class Cache(Handle):
         return done if done >= 0 else fail(-done)
 
     def add_batch(self, digests: Buffer, values: Buffer, statuses: Buffer = None, *, type: Kind = None) -> int:
-        """add() for each digest. Returns how many were new: their status is 0, that of known ones 1."""
+        """add() for each digest. Returns the number of new ones: their status is 0, that of known ones 1."""
         return self._batch(lib.BATCH_ADD, digests, type, memoryview(values), statuses)
 
     def exists_batch(self, digests: Buffer, values: Buffer = None, statuses: Buffer = None, *,
                      type: Kind = None) -> int:
-        """exists() for each digest. Returns how many are known: their status is 0. Others have 2 and no value."""
+        """exists() for each digest. Returns the number of known ones, with status 0. Others have 2 and no value."""
         return self._batch(lib.BATCH_EXISTS, digests, type, values, statuses)
 
     def fetch_batch(self, digests: Buffer, values: Buffer = None, statuses: Buffer = None, *, type: Kind = None) -> int:
@@ -147,8 +147,8 @@ class Cache(Handle):
         return self._batch(lib.BATCH_FETCH, digests, type, values, statuses)
 
     def entries(self) -> Iterator[Entry]:
-        """All entries, in the order of memory. Entries that are added meanwhile are met or not. After delete(), limit()
-        or reset() the next step raises RuntimeError, unless the walk was over."""
+        """All entries, in the order of memory. Entries added during the walk may be visited or not. After delete(),
+        limit() or reset() the next step raises RuntimeError, unless the walk was over."""
         cursor, block, moves = ffi.new("KSCacheCursor *"), ffi.new("EntryBlock *", {"more": 1}), self._moves
         while block.more:
             self._run(lib.nextEntries, cursor, block)
@@ -172,7 +172,7 @@ class Cache(Handle):
         return CacheStats(*record_of(record))
 
     def limit(self, mib: int) -> None:
-        """Holds the pages to `mib` MiB: drops what was asked for least, and compacts. 0: compacts only."""
+        """Limits the pages to `mib` MiB: drops entries with the lowest reference counts, and compacts. 0: no limit."""
         self._run(lib.KSCacheCheck, mib, moves=True)
 
     def reset(self) -> None:
@@ -185,15 +185,15 @@ class Cache(Handle):
         return int(count[0])
 
     def load(self, path: Path) -> int:
-        """Adds the entries of a file, all or none, and returns their number."""
+        """Adds the entries of a file, and returns their number. A damaged file adds none."""
         return self._file(lib.KSCacheLoad, path)
 
     def save(self, path: Path) -> int:
-        """Writes a file, and returns the number of entries. Write errors go unseen: replace() sees them."""
+        """Writes a file, and returns the number of entries. Unlike replace(), does not report write errors."""
         return self._file(lib.KSCacheSave, path)
 
     def replace(self, path: Path, hold: Hold | None = None) -> int:
-        """Replaces a file so that a good one is there at any time, and returns the number of entries."""
+        """Replaces a file so that a valid one exists at any time, and returns the number of entries."""
         return self._file(lib.KSCacheReplaceFile, path, hold._open() if hold else ffi.NULL)
 
 

@@ -1,4 +1,4 @@
-"""Errors, and what caches, holds and sessions have alike."""
+"""Errors, and what caches, holds and sessions have in common."""
 import os
 from typing import Any, Callable, Literal, NoReturn, Self
 
@@ -26,7 +26,7 @@ class NoMemory(Error, MemoryError): """Memory is short."""
 class Permission(Error): """The server refused the request for lack of a permission."""
 class Remote(Error): """The server reported an error, which Session.last_event() describes, or had nothing."""
 class Unreachable(Error): """There was no connection to the server, and nothing was sent."""
-class Timeout(Error): """No connection, or no complete answer in time."""
+class Timeout(Error): """There was no connection, or no complete answer, in time."""
 class Aborted(Error): """Session.abort() ended the request: it was carried out once or not at all."""
 
 
@@ -45,16 +45,16 @@ _log: Log | None = None
 
 
 def set_log(log: Log | Literal[False] | None) -> None:
-    """Where messages of the library go: to `log`, with the level that `logging` would give them, the status and the
-    text; nowhere (False); or to standard error as at first (None). The log is called when the call of the package
-    that wrote the messages ends, which raises what the log raises."""
+    """Sends messages of the library to `log(level, status, text)`, with levels as in `logging`; to nowhere (False);
+    or to standard error, the default (None). The log is called at the end of the call that caused the messages, and
+    its exceptions are raised there."""
     global _log
     check(lib.sendMessages(lib.TO_PYTHON if log else lib.TO_STDERR if log is None else lib.TO_NOBODY))
     _log = log or None
 
 
 def hand_over() -> None:
-    """Gives the messages that wait to the log."""
+    """Passes queued messages to the log."""
     entries, message = [], lib.takeMessages() if _log else ffi.NULL
     while message != ffi.NULL:
         entries.append((message.level, message.status, decoded(message.text)))
@@ -76,7 +76,7 @@ def check(status: int, *results: int) -> int:
 
 
 def encoded(value: Any) -> Any:
-    """A text for C; other values as they are. Bytes that are no UTF-8 come and go as surrogates."""
+    """A text for C; other values as they are. Surrogate escapes stand for bytes that are not UTF-8."""
     data = value.encode("utf-8", "surrogateescape") if isinstance(value, str) else value
     if isinstance(data, bytes) and b"\0" in data:
         raise ValueError("a text with a NUL in it")
@@ -99,8 +99,8 @@ def record_of(record: Any, *skipped: str) -> list[Any]:
 
 
 class Handle:
-    """Owns a C object. The object goes with the last reference to it, so that a call under way in another thread,
-    which has one, never loses its object to close(): the object goes when that call returns."""
+    """Owns a C object. The object is released with the last reference to it. A call in another thread has a reference,
+    so close() during such a call is safe: the object is released when the call returns."""
 
     _lost = ""  # why the object may not be used although nobody closed it
 
@@ -115,7 +115,7 @@ class Handle:
         return self._object
 
     def close(self) -> None:
-        """Releases the object; a second time has no effect. All other calls raise ValueError afterwards."""
+        """Releases the object; a second call has no effect. All other calls raise ValueError afterwards."""
         self._object = None
 
     def __enter__(self) -> Self:

@@ -7,7 +7,7 @@ from ._session import Session
 
 
 class Sandbox(NamedTuple):
-    """A server that runs, and what a user of its pool needs."""
+    """A running server, and what a user of its pool needs."""
 
     url: str
     config: str
@@ -19,15 +19,15 @@ class Sandbox(NamedTuple):
         return Session(self.config, login=self.login, password=self.password, **options)
 
 
-# The server lives as long as the command beside it, which ends with its input: it goes even when this
-# process is killed.
+# kspool-sandbox runs as long as this command, which ends at the end of its input: the server ends even if
+# this process is killed.
 SCRIPT = 'printf "%s\\n" "$KSPOOL_SANDBOX_URL" "$KSPOOL_AGENT_CONFIG" "$KSPOOL_LOGIN" "$KSPOOL_PASSWORD"; cat'
 
 
 @contextlib.contextmanager
 def sandbox(*options: str, program: str = "kspool-sandbox") -> Iterator[Sandbox]:
-    """Starts the installed kspool-sandbox on a free port, with a new pool in a temporary folder; both go at the end
-    of the block. `options` are those of `kspool-sandbox run`, such as "--tls"."""
+    """Starts the installed kspool-sandbox on a free port, with a new pool in a temporary folder; the end of the block
+    removes both. `options` are those of `kspool-sandbox run`, such as "--tls"."""
     with subprocess.Popen([program, "run", *options, "--", "sh", "-c", SCRIPT], stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE, encoding="utf-8", start_new_session=True) as server:
         try:
@@ -37,7 +37,7 @@ def sandbox(*options: str, program: str = "kspool-sandbox") -> Iterator[Sandbox]
                 raise RuntimeError(f"{program} run {' '.join(options)} did not start")
             yield Sandbox(*lines)
         finally:
-            server.terminate()  # a fork may hold the input open
+            server.terminate()  # a forked process may hold the input open
             try:
                 server.wait(10)
             finally:

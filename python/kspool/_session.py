@@ -44,11 +44,11 @@ class PO(NamedTuple):
 
     @classmethod
     def parse(cls, line: str) -> "PO":
-        """The PO that the server sent."""
+        """The PO of a line that the server sent."""
         return cast(PO, _fields(cls, line, "|"))
 
     def line(self) -> str:
-        """The PO as the server wants it."""
+        """The line of the PO, as sent to the server."""
         line = "|".join(map(str, map(_known, self._fields, self, self.__annotations__.values())))
         if line.count("|") != len(self) - 1 or re.search("[\0-\x1f\x7f]", line):
             raise ValueError(f"a PO with | or a control character in a text: {line!r}")
@@ -73,7 +73,7 @@ Value = str | int
 
 
 def _fields(kind: Any, line: str, separator: str, most: int = -1) -> Any:
-    """The record of a line that came."""
+    """The record of a line that was received."""
     try:
         fields = zip(kind.__annotations__.values(), line.split(separator, most), strict=True)
         return kind(*(convert(text) for convert, text in fields))
@@ -82,7 +82,7 @@ def _fields(kind: Any, line: str, separator: str, most: int = -1) -> Any:
 
 
 def _known(name: str, value: Any, kind: type | None) -> Any:
-    """A value that C will take; the text of a pointer to an integer would be read anywhere."""
+    """A value of the right type: cffi would accept any C pointer as a text."""
     if kind is int and hasattr(value, "__index__"):
         return int(value)
     if kind is not str or not isinstance(value, str):
@@ -135,7 +135,7 @@ def _lines(cursor: Any, line: Any) -> Iterator[str]:
 
 
 def _check(session: Any, status: int, *results: int) -> None:
-    """check(), with the server's own words where it has some."""
+    """check(), with the server's own description if there is one."""
     if check(status, status) not in (lib.CR_STATUS_OK, *results):
         event = ffi.new("MBEvent *", {"size": ffi.sizeof("MBEvent")})
         lib.MBLastEvent(session, event)
@@ -151,13 +151,13 @@ class Session(Handle):
 
     def __init__(self, config: Path | None = None, **options: Value) -> None:
         """Reads the agent configuration `config`, or the default one. Nothing is sent."""
-        self._user: dict[int, object] = {}  # under 0 the call that uses the session
+        self._user: dict[int, object] = {}  # key 0: the call that uses the session
         records, texts = _options(options)
         path = ffi.NULL if config is None else encoded(os.fsencode(config))
         super().__init__(lib.MBCreateWithAgentCfg(0, records, len(records), path), lib.MBShutdown)
 
     def _use(self, work: Callable[[Any], Any]) -> Any:
-        """What `work` makes of the C session, which is of this call alone until then, and stays beside close()."""
+        """Calls `work` with the C session, which no other call can use meanwhile, and close() cannot release."""
         me = object()
         try:
             if self._user.setdefault(0, me) is not me:
@@ -166,7 +166,7 @@ class Session(Handle):
             if signal.getsignal(signal.SIGINT) is signal.default_int_handler:  # which raises in any case
                 lib.watch(session)
             return work(session)
-        finally:  # Python runs signal handlers, which may raise, after calls: so there is none before the end of use
+        finally:  # signal handlers, which may raise, run after calls only: the use ends before the first one
             if self._user == {0: me}:
                 del self._user[0]
             lib.watch(ffi.NULL)
@@ -181,8 +181,8 @@ class Session(Handle):
         return decoded(ffi.gc(place[0], lib.free)) if place[0] != ffi.NULL else ""
 
     def abort(self) -> None:
-        """Ends the request under way, which then raises Aborted; without one, or closed, it has no effect. For other
-        threads, and for signal handlers while a request runs in another thread: Python runs them between calls."""
+        """Ends the current request, which then raises Aborted. No effect without a request, or after close(). For other
+        threads; a signal handler can end only requests of other threads, since Python runs handlers between calls."""
         if (session := self._object) is not None:
             check(lib.MBAbort(session))
 
@@ -196,11 +196,11 @@ class Session(Handle):
         self._call(lib.MBKeepAlive, interval)
 
     def set_timeout(self, seconds: int) -> None:
-        """The response time-out of requests to come."""
+        """Sets the response time-out of later requests."""
         self._call(lib.MBSetResponseTimeOut, seconds)
 
     def enable_resiliency(self, seconds: int) -> int:
-        """How long requests are tried again; returns the time-out that was set before, if any, which stays."""
+        """Sets how long requests are retried. A time-out that was set before stays, and is returned."""
         return int(self._use(lambda session: lib.MBEnableResiliency(session, seconds)))
 
     def _told(self, function: Any, ctype: str, *skipped: str) -> Any:
@@ -208,11 +208,11 @@ class Session(Handle):
         return self._use(lambda session: check(function(session, record)) or record_of(record, "size", *skipped))
 
     def last_event(self) -> Event:
-        """What is known of the last request, and of the event that the server reported in it."""
+        """Describes the last request, and the event that the server reported in it."""
         return Event(*self._told(lib.MBLastEvent, "MBEvent", "reserved"))
 
     def statistics(self) -> Statistics:
-        """What the session did so far."""
+        """The session's statistics so far."""
         return Statistics(*self._told(lib.MBGetStatistics, "MBStatistics"))
 
     def time(self) -> int:
@@ -248,8 +248,8 @@ class Session(Handle):
     expire_pos = _po_list("MBPOExpire", "Deletes POs from a data selection.")
 
     def find_lines(self, dataselection: int, **criteria: Value) -> Iterator[str]:
-        """The POs that match, as lines. A criterion is named by its field of PO. Texts match as in a shell, numbers
-        exactly; any matches 0 for dsid and kind, -1 for other numbers, "*", and "" for origin."""
+        """The POs that match, as lines. Criteria have the names of the fields of PO. Texts match as in a shell, numbers
+        exactly. These match anything: 0 for dsid and kind, -1 for other numbers, "" for origin, "*" for other texts."""
         record, texts = _filter(criteria)
         line = ffi.new("char **")
 
@@ -262,7 +262,7 @@ class Session(Handle):
         return _lines(ffi.gc(cursor, lib.MBPOFindClose), line) if cursor else iter(())
 
     def find(self, dataselection: int, **criteria: Value) -> Iterator[PO]:
-        """The POs that match. The answer is in memory as a whole; the session may be used meanwhile."""
+        """The POs that match. The complete answer is in memory, so the session may be used meanwhile."""
         return map(PO.parse, self.find_lines(dataselection, **criteria))
 
     def set_last_image(self, dsid: int, client: str, policy: str, imagename: str, datetime: int, *, parentid: int = 0,
@@ -301,7 +301,7 @@ class Session(Handle):
 
 
 def set_query_retries(count: int, step: int = 120) -> None:
-    """How often sessions of this process repeat a query that failed (3 times unless set), and how many seconds each
-    retry adds to the response time-out. To be called before threads run."""
+    """Sets how often sessions of this process retry a failed query (3 times unless set), and how many seconds each
+    retry adds to the response time-out. Call it before threads are started."""
     lib.MBSetRetryCount(count)
     lib.MBSetTimeOut(step)
