@@ -1,4 +1,4 @@
-"""The tables that scripts write into docs/reliability.md: each lies between two marks, under a name."""
+"""The tables that scripts write into docs/reliability.md, each between two marks with its name."""
 import os
 
 DOCUMENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs", "reliability.md")
@@ -25,7 +25,7 @@ def table(head, rows):
 
 
 def write(name, head, rows):
-    """Prints a table and replaces the one of that name."""
+    """Prints a table, and replaces the table of that name in the document."""
     text = table(head, rows)
     print(text, end="")
     before, _, after = _parts(name)

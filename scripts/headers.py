@@ -1,5 +1,5 @@
-"""The public headers for a reference: each function with its comment and its arguments, which are
-explained in that comment or once for all at the top of the header."""
+"""Parses the public headers for the reference and the manual: each function with its comment and its
+arguments, which are explained in that comment or at the top of the header."""
 import re
 import textwrap
 
@@ -13,7 +13,7 @@ SHARED = "Arguments that mean the same everywhere:"
 
 
 def text_of(comment):
-    """A comment without its stars."""
+    """The text of a comment."""
     lines = [re.sub(r"^ ?\* ?", "", line.rstrip()) for line in comment.strip("*").splitlines()]
     return "\n".join(lines).strip("\n").rstrip() if len(lines) > 1 else comment.strip()
 
@@ -45,7 +45,8 @@ def without(text, names):
 
 
 class Function:
-    """`begin` to `end` of the source is its comment, empty for a further one under the same comment."""
+    """A function, whose comment is at `begin` to `end` of the source: an empty range if it shares the comment
+    of the function before it."""
 
     def __init__(self, declaration, comment, shared, begin, end, further):
         self.begin, self.end = begin, end
@@ -79,7 +80,7 @@ class Header:
         for comment in COMMENT.finditer(source):
             begin, end, further = comment.start(), comment.end() + 1, False
             declaration = DECLARATION.match(source, end)
-            while declaration:  # all up to the next empty line
+            while declaration:  # the functions up to the next empty line share the comment
                 self.functions.append(Function(declaration[1], text_of(comment[1]), self.shared, begin, end,
                                                further))
                 begin = end = declaration.end() + 1

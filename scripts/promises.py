@@ -1,10 +1,10 @@
 """The table of promises, tests/promises.txt: sentences of docs/security.md and SECURITY.md, each with
-faults that break it and the test that notices them, or with the reason why no fault can. Its head has
-the form. `scripts/check-reasons` runs complaints(), `scripts/mutants promises` tries the faults.
+faults that break it and the test that notices them, or with the reason why no fault can. The head of the
+file describes its format. `scripts/check-reasons` runs complaints(), `scripts/mutants promises` tries the faults.
 
-The entries of a sentence have to cover its words. No entries are demanded for the section "What is
-trusted" and for the first columns of tables: they say what others may do, which no change of the
-sources makes untrue. What the library does stands there too in some places and has entries all the same."""
+The entries of a sentence have to cover its words. The section "What is trusted" and the first columns of
+tables need no entries: they say what others may do, which no change of the sources can make untrue. Where
+they also say what the library does, there are entries nevertheless."""
 import glob
 import re
 from typing import NamedTuple
@@ -17,12 +17,12 @@ DOCUMENTS = ("docs/security.md", "SECURITY.md")
 # A sentence ends before a capital letter, a quotation of code or a link.
 END = re.compile(r"(?<=[.:])\s+(?=[A-Z`\[])")
 WORD = re.compile(r"[^\W_]+(?:['./_-][^\W_]+)*")
-# What may stand between the words of two entries, with punctuation and the targets of links.
+# Words that may join two entries, besides punctuation and the targets of links.
 JOINING = set("and but hence or so that which with".split())
 
 
 class Fault(NamedTuple):
-    """A change of one line into any other, and the test that fails then."""
+    """A change of one line into any other line, and the test that must then fail."""
     test: str
     place: Place
     changed: str
@@ -31,7 +31,7 @@ class Fault(NamedTuple):
         return BETWEEN.join((self.test, str(self.place), self.changed))
 
     def find(self):
-        """As Change.find() in source_changes.py, without the rule of what may become of a line."""
+        """As Change.find() in source_changes.py, but without restrictions on the changed line."""
         number = self.place.find()
         line = source_places.lines_of(self.place.file)[number]
         if source_places.plain(line) == source_places.plain(self.changed):
@@ -42,7 +42,7 @@ class Fault(NamedTuple):
 class Promise(NamedTuple):
     document: str
     words: str
-    reason: str  # why no fault can break it; empty for one that has faults
+    reason: str  # why no fault can break it; empty if there are faults
     faults: list
 
 
@@ -63,7 +63,7 @@ def read():
 
 
 def faults():
-    """All, those of a file together, each once."""
+    """All faults, each once, sorted by file."""
     return sorted({fault for promise in read() for fault in promise.faults}, key=lambda fault: (fault.place, fault))
 
 
@@ -73,7 +73,7 @@ def text_of(path):
 
 
 def sentences(document):
-    """All of a document that has to have entries."""
+    """The sentences of a document that need entries."""
     for section in re.split(r"^#+ ", text_of(document), flags=re.M)[1:]:
         title, _, body = section.partition("\n")
         if title == "What is trusted":
@@ -85,7 +85,7 @@ def sentences(document):
 
 
 def not_said(sentence, entries):
-    """The words of a sentence that are in none of the entries, but for those that join."""
+    """The words of a sentence that are in none of the entries, except joining words."""
     said = [any(sentence in words for words in entries)] * len(sentence)
     for words in entries:
         for found in re.finditer(re.escape(words), sentence):
@@ -99,7 +99,7 @@ def occurs(pattern, paths):
 
 
 def is_test(name):
-    """Whether there is a program or script of this name, and the case of it that is named."""
+    """Whether a program or script of this name exists, and the named case in it."""
     program, _, case = name.partition(" ")
     if program.endswith(".py") or program.startswith("check-"):
         places = glob.glob("tests/**/" + program, recursive=True) + glob.glob("scripts/" + program)

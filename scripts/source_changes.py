@@ -1,5 +1,5 @@
-"""Small faults that scripts/mutants puts into the sources: in one line, one condition is turned or one
-constant raised by one. Comments and the contents of strings stay as they are."""
+"""Small faults that scripts/mutants puts into the sources: in one line, one condition is inverted or changed, or
+one constant incremented. Comments and the contents of strings do not change."""
 import ast
 import os
 import re
@@ -8,7 +8,7 @@ from typing import NamedTuple
 import source_places
 from source_places import BETWEEN, Place
 
-# Binary operators stand between spaces, brackets of templates do not. Words are those of Python, too.
+# Binary operators have spaces around them, unlike the brackets of templates. The words include Python's.
 TURNED = {" == ": " != ", " != ": " == ", " < ": " <= ", " <= ": " < ", " > ": " >= ", " >= ": " > ",
           " && ": " || ", " || ": " && ", " + ": " - ", " - ": " + ", "++": "--", "true": "false",
           "false": "true", " += ": " -= ", " -= ": " += ", " and ": " or ", " or ": " and ", "True": "False",
@@ -24,14 +24,14 @@ ENDINGS = {"include": ".hpp"}
 
 class Change(NamedTuple):
     place: Place
-    changed: str  # the line as it becomes
+    changed: str  # the changed line
 
     def __str__(self):
         return f"{self.place}{BETWEEN}{self.changed}"
 
     def find(self):
-        """The number of the line, from 0, and the line as it becomes, indented. Raises LookupError unless
-        the list names one line of the sources and something that may become of it."""
+        """The number of the line, from 0, and the changed line with its indentation. Raises LookupError unless the
+        entry names exactly one line of the sources, and a valid change of that line."""
         number = self.place.find()
         for line in changed_lines(source_places.lines_of(self.place.file)[number]):
             if source_places.plain(line) == source_places.plain(self.changed):
@@ -46,7 +46,7 @@ def turned(text):
 
 
 def changed_lines(line):
-    """All that may become of a line."""
+    """All changed forms of a line."""
     if IGNORED.match(line):
         return
     code = TEXT.sub(lambda text: " " * len(text[0]), line)
@@ -78,5 +78,5 @@ def changes_in(folder):
 
 
 def read(path, more=0):
-    """The changes of a list in tests/, and the `more` texts after each."""
+    """The changes in a list in tests/, each with the `more` texts after it."""
     return [(Change(place, changed), texts) for place, (changed, *texts) in source_places.read_list(path, 1 + more)]

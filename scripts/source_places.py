@@ -1,11 +1,10 @@
-"""Names a line of the sources so that the name outlives edits elsewhere: by its file, its function
-and its text. The lists tests/mutants.txt, survivors.txt and unreached.txt name lines in this way.
+"""Names lines of the sources by file, function and text, so that the names survive edits elsewhere. The lists
+tests/mutants.txt, survivors.txt and unreached.txt name lines in this way.
 
 Functions are found by the layout that clang-format gives them: a definition starts in the column of
-its scope (0, or four further in for each class around it), its body is indented, and it ends with a
-`}` in the column where it started. Python sources are parsed. Lines outside of functions have the
-function `-`. A line that its function holds several times needs a number: `walk#2` is the second one
-in `walk`.
+its scope (0, or four more for each class around it), its body is indented, and it ends with a `}` in
+the column where it started. Python sources are parsed. Lines outside of functions have the function `-`.
+A line that occurs several times in its function needs a number: `walk#2` is the second one in `walk`.
 """
 import ast
 import functools
@@ -20,18 +19,18 @@ PASSED_OVER = re.compile(r'\s*(?:$|//|#|(?:public|private|protected):$)|namespac
 
 
 class Scopes:
-    """Goes down a file and tells the function of each line."""
+    """Finds the function of each line while going through a file."""
 
     def __init__(self):
         self.classes = []  # names of the classes around, outermost first
-        self.head = ""  # a definition or declaration, as far as it was read
+        self.head = ""  # a definition or declaration, as far as it was parsed
         self.body = None  # function whose body is open; "-" for a table
         self.in_macro = False
         self.in_comment = False
 
     def feed(self, line):
-        """The function of a line and of those before it that got None: the head of a definition may
-        take several lines."""
+        """The function of a line, and of the lines before it that got None, since the head of a definition may
+        have several lines."""
         code = self._without_comments(line)
         column = 4 * len(self.classes)
         was_in_macro, self.in_macro = self.in_macro, code.endswith("\\")
@@ -110,12 +109,12 @@ def functions_of(file):
 
 
 def plain(line):
-    """A line without regard to its white space."""
+    """A line with normalised white space."""
     return " ".join(line.split())
 
 
 def numbers(file, function, line):
-    """Where a function of a file holds a line, as numbers from 0."""
+    """The numbers, from 0, of the lines in a function of a file that equal a line."""
     return [number for number, (name, text) in enumerate(zip(functions_of(file), lines_of(file)))
             if name == function and plain(text) == plain(line)]
 
@@ -127,7 +126,7 @@ class Place(NamedTuple):
     line: str
 
     def find(self):
-        """The line's number from 0. Raises LookupError, with what is wrong, unless there is just one."""
+        """The line's number from 0. Raises LookupError with the reason unless there is exactly one such line."""
         function, _, chosen = self.function.partition("#")
         try:
             found = numbers(self.file, function, self.line)
