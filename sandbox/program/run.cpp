@@ -109,7 +109,7 @@ int run(const RunOptions& options) {
     signal(SIGCHLD, SIG_DFL);
     const TemporaryFolder folder;
     const std::string pool = folder.path() + "/pool";
-    // The port in this URL is a placeholder: the real one is known only once the server listens.
+    // The port in this URL is never used: the real one is known only once the server listens.
     const char* url = options.tls ? "https://127.0.0.1:1" : "http://127.0.0.1:1";
     setUp({pool, url, options.tls, /*sync=*/false});
     Settings settings = readSetup(pool);
