@@ -17,11 +17,11 @@ namespace {
 
 using tool::ExitCode;
 
-enum class Outcome { kExpired, kRefused, kKept };
+enum class Expiry { kExpired, kRefused, kKept };
 
 struct Candidate {
     ImageSummary image;
-    Outcome fate = Outcome::kExpired;
+    Expiry fate = Expiry::kExpired;
 };
 
 /// The images above the age, the oldest first. The newest complete image is marked as kept, unless
@@ -35,7 +35,7 @@ std::vector<Candidate> olderThan(tool::Session& session, const ExpireOptions& op
     for (auto image = all.rbegin(); image != all.rend(); ++image) {
         if (image->time >= limit) continue;
         const bool kept = image == newest && !options.evenNewest;
-        chosen.push_back({*image, kept ? Outcome::kKept : Outcome::kExpired});
+        chosen.push_back({*image, kept ? Expiry::kKept : Expiry::kExpired});
     }
     std::reverse(chosen.begin(), chosen.end());
     return chosen;
@@ -66,14 +66,14 @@ void expireImage(tool::Session& session, const ImageName& name) {
 
 void printRow(const Candidate& one, bool dryRun) {
     const ImageSummary& image = one.image;
-    const char* word = one.fate == Outcome::kKept      ? "kept"
-                       : one.fate == Outcome::kRefused ? "failed"
+    const char* word = one.fate == Expiry::kKept      ? "kept"
+                       : one.fate == Expiry::kRefused ? "failed"
                        : dryRun                        ? "would go"
                                                        : "expired";
     printf("%-8s  %s  %9s files  %10s  %s%s\n", word,
            tool::localTime(image.time).substr(0, 16).c_str(), tool::humanCount(image.files).c_str(),
            tool::humanBytes(image.bytes).c_str(), tool::printable(image.name.image).c_str(),
-           one.fate == Outcome::kKept ? ", the newest image"
+           one.fate == Expiry::kKept ? ", the newest image"
            : image.complete           ? ""
                                       : ", incomplete");
 }
@@ -85,7 +85,7 @@ struct Totals {
 Totals totalOf(const std::vector<Candidate>& all) {
     Totals sum;
     for (const Candidate& one : all) {
-        if (one.fate != Outcome::kExpired) continue;
+        if (one.fate != Expiry::kExpired) continue;
         ++sum.images;
         sum.entries += one.image.entries;
         sum.files += one.image.files;
@@ -98,7 +98,7 @@ void printText(const std::vector<Candidate>& all, const ExpireOptions& options) 
     bool kept = false;
     for (const Candidate& one : all) {
         printRow(one, options.dryRun);
-        kept = kept || one.fate == Outcome::kKept;
+        kept = kept || one.fate == Expiry::kKept;
     }
     const Totals sum = totalOf(all);
     printf("%s: images %s, files %s, %s\n", options.dryRun ? "would go" : "expired",
@@ -119,8 +119,8 @@ void printJson(const std::vector<Candidate>& all, const ExpireOptions& options) 
                         {"files", image.files},
                         {"bytes", image.bytes},
                         {"entries", image.entries},
-                        {"fate", one.fate == Outcome::kKept      ? "kept"
-                                 : one.fate == Outcome::kRefused ? "failed"
+                        {"fate", one.fate == Expiry::kKept      ? "kept"
+                                 : one.fate == Expiry::kRefused ? "failed"
                                                                  : "expired"}});
     }
     const Totals sum = totalOf(all);
@@ -141,10 +141,10 @@ ExitCode expire(const ExpireOptions& options) {
     tool::Steps steps;
     bool any = false;
     for (Candidate& one : all) {
-        if (one.fate == Outcome::kKept) continue;
+        if (one.fate == Expiry::kKept) continue;
         any = true;
         if (options.dryRun) continue;
-        if (!steps.run([&] { expireImage(session, one.image.name); })) one.fate = Outcome::kRefused;
+        if (!steps.run([&] { expireImage(session, one.image.name); })) one.fate = Expiry::kRefused;
     }
     if (options.json) {
         printJson(all, options);
