@@ -68,14 +68,14 @@ void printRow(const Candidate& one, bool dryRun) {
     const ImageSummary& image = one.image;
     const char* word = one.fate == Expiry::kKept      ? "kept"
                        : one.fate == Expiry::kRefused ? "failed"
-                       : dryRun                        ? "would go"
-                                                       : "expired";
+                       : dryRun                       ? "would go"
+                                                      : "expired";
     printf("%-8s  %s  %9s files  %10s  %s%s\n", word,
            tool::localTime(image.time).substr(0, 16).c_str(), tool::humanCount(image.files).c_str(),
            tool::humanBytes(image.bytes).c_str(), tool::printable(image.name.image).c_str(),
            one.fate == Expiry::kKept ? ", the newest image"
-           : image.complete           ? ""
-                                      : ", incomplete");
+           : image.complete          ? ""
+                                     : ", incomplete");
 }
 
 struct Totals {
@@ -121,7 +121,7 @@ void printJson(const std::vector<Candidate>& all, const ExpireOptions& options) 
                         {"entries", image.entries},
                         {"fate", one.fate == Expiry::kKept      ? "kept"
                                  : one.fate == Expiry::kRefused ? "failed"
-                                                                 : "expired"}});
+                                                                : "expired"}});
     }
     const Totals sum = totalOf(all);
     tool::printJson({{"dryRun", options.dryRun},
