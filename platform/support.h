@@ -95,8 +95,8 @@ KSPOOL_API char* qlxstrcpy(char* destination, const char* source, size_t size) K
 KSPOOL_API char* qlxstrpbrk(const char* text, const char* set) KSPOOL_NOEXCEPT;
 
 /*
- * 0 when the file may be accessed in this mode (4: read), otherwise -1 with errno set. Only a
- * regular file may be read.
+ * 0 when the file may be accessed in this mode (4: read), otherwise -1 with errno set. A folder
+ * cannot be read as a file.
  */
 KSPOOL_API int qlx_access(const char* path, int mode) KSPOOL_NOEXCEPT;
 

@@ -53,8 +53,8 @@ char* qlxstrcpy(char* destination, const char* source, size_t size) noexcept {
 int qlx_access(const char* path, int mode) noexcept {
     struct stat status {};
     if (access(path, mode) != 0) return -1;
-    if ((mode & R_OK) == 0 || stat(path, &status) != 0 || S_ISREG(status.st_mode)) return 0;
-    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    if ((mode & R_OK) == 0 || stat(path, &status) != 0 || !S_ISDIR(status.st_mode)) return 0;
+    errno = EISDIR;
     return -1;
 }
 
