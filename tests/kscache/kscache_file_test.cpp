@@ -232,7 +232,7 @@ TEST(CacheFile, IsNoStandardDescriptor) {
     static int landed = 0;
     const Cache cache = filled(1);
     KSCacheHold* hold = nullptr;
-    std::array<int, 3> kept{dup(0), dup(1), dup(2)};
+    const int kept[] = {dup(0), dup(1), dup(2)};
     for (const int fd : {0, 1, 2})
         close(fd);
     calls::watch();
