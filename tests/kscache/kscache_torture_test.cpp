@@ -52,7 +52,8 @@ void replaceFile(CacheModel& model, uint32_t entries) {
     fwrite(old.data(), 1, old.size(), file);
     static unsigned runs = 0;
     const uid_t owner = geteuid() == 0 ? ++runs % 2 : geteuid();
-    EXPECT_TRUE(geteuid() != 0 || fchownat(AT_FDCWD, path.c_str(), owner, 1, 0) == 0);
+    const gid_t group = geteuid() == 0 ? 1 : getegid();
+    EXPECT_EQ(fchownat(AT_FDCWD, path.c_str(), owner, group, 0), 0);
     fclose(file);
     model.fill(entries);
     const size_t syncs = calls::made(calls::kFsync);
@@ -63,7 +64,7 @@ void replaceFile(CacheModel& model, uint32_t entries) {
     EXPECT_EQ(std::filesystem::file_size(path, none) != old.size(), replaced);
     EXPECT_FALSE(calls::failures() < 2 && std::filesystem::exists(path + ".new", none));
     struct stat found {};
-    EXPECT_TRUE(stat(path.c_str(), &found) == 0 && found.st_uid == owner);
+    EXPECT_TRUE(stat(path.c_str(), &found) == 0 && found.st_uid == owner && found.st_gid == group);
     model.compareAll();
 }
 
