@@ -16,15 +16,15 @@ namespace {
 
 constexpr size_t kHeadLines = 3;  ///< of an answer: names, types, count
 
-/// A pattern for the fields of POs, in which some characters are codes of several: what it finds
-/// too much, isMatch() drops.
+/// A pattern for the server, which compares fields of POs. Some characters are stored there as a
+/// code of three, which `?` would not match. `*` finds too much; isMatch() drops the excess.
 std::string widened(std::string pattern) {
     std::replace(pattern.begin(), pattern.end(), '?', '*');
     return fieldText(pattern);
 }
 
 bool isLike(const std::string& text, const std::string& pattern) {
-    std::string plain;  // brackets mean nothing
+    std::string plain;  // fnmatch() would take brackets for a set of characters
     for (const char c : pattern)
         plain += c == '[' ? std::string("[[]") : std::string(1, c);
     return fnmatch(plain.c_str(), text.c_str(), FNM_NOESCAPE) == 0;
